@@ -1,0 +1,37 @@
+# Compiler settings shared by every target: the language level, the warnings, the sanitizers.
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 99)
+set(CMAKE_C_EXTENSIONS OFF)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_C_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+
+option(K9EREPL_WARNINGS_AS_ERRORS "Stop the build at a warning" OFF)
+set(K9EREPL_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize takes them")
+option(K9EREPL_COVERAGE "Instrument for gcov" OFF)
+
+find_package(Threads REQUIRED)
+
+# Warnings, sanitizers and coverage; every target of ours links it privately.
+add_library(k9erepl_options INTERFACE)
+if(MSVC)
+    target_compile_options(k9erepl_options INTERFACE /W4 /utf-8 /permissive-)
+else()
+    target_compile_options(k9erepl_options INTERFACE -Wall -Wextra -Wpedantic -Wconversion -Wshadow)
+    if(K9EREPL_WARNINGS_AS_ERRORS)
+        target_compile_options(k9erepl_options INTERFACE -Werror)
+    endif()
+endif()
+if(K9EREPL_SANITIZE)
+    target_compile_options(k9erepl_options INTERFACE
+        -fsanitize=${K9EREPL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -O1)
+    target_link_options(k9erepl_options INTERFACE -fsanitize=${K9EREPL_SANITIZE})
+endif()
+if(K9EREPL_COVERAGE)
+    target_compile_options(k9erepl_options INTERFACE --coverage -fprofile-update=atomic)
+    target_link_options(k9erepl_options INTERFACE --coverage)
+endif()
+target_link_libraries(k9erepl_options INTERFACE Threads::Threads)

@@ -1,0 +1,246 @@
+/* The contract between the replication storage library and its clients: 24 C functions, their
+ * result codes, the record and the callbacks. Compiles as C99 and as C++.
+ *
+ * Conventions of the whole interface:
+ *  1. Every function but K9eReplStorageCleanup returns a result code: RC_OK, or the reason.
+ *  2. An argument that a function lists as "not null" is tested first; a null one answers
+ *     RC_INVALID_ARG, nothing is done and nothing is logged.
+ *  3. An out-pointer is written only when the result is RC_OK.
+ *  4. A handle comes from K9eReplStorageOpen and stays valid until it was closed as often as it
+ *     was opened and duplicated. Closing it while another thread uses it is the client's error;
+ *     a thread that needs the storage for longer holds a duplicate.
+ *  5. Functions may be called from several threads on the same handle. Each one takes the
+ *     storage's lock for its whole run, K9eReplStorageGetNextRev and K9eReplStorageSetOn...
+ *     excepted. The lock is recursive.
+ *  6. Callbacks run with that lock held. A callback may call the library on the same handle and
+ *     thread; it must not wait for another thread that needs the same storage.
+ *  7. Revisions are signed 64-bit numbers, the first one is 1; sizes are bytes. Text is
+ *     NUL-terminated and passed to the operating system as it stands.
+ *  8. No exception leaves the library. Every error is logged where it is found, with the code that
+ *     is returned, through the host's system library (<k9sys/k9sys.h>). */
+#ifndef K9EREPL_STORAGE_H
+#define K9EREPL_STORAGE_H
+
+#include <stdint.h>
+
+#if defined(_WIN32)
+#define K9EREPL_CALL __cdecl
+#if defined(K9EREPL_BUILDING)
+#define K9EREPL_API __declspec(dllexport)
+#else
+#define K9EREPL_API __declspec(dllimport)
+#endif
+#else
+#define K9EREPL_CALL
+#if defined(__GNUC__)
+#define K9EREPL_API __attribute__((visibility("default")))
+#else
+#define K9EREPL_API
+#endif
+#endif
+
+#if defined(__GNUC__)
+#define K9EREPL_EXTENSION __extension__
+#else
+#define K9EREPL_EXTENSION
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* --- Result codes --------------------------------------------------------------------------- */
+
+#define RC_OK 0u                             /* success */
+#define RC_NO_MEMORY 1u                      /* an allocation failed */
+#define RC_INVALID_ARG 2u                    /* a null pointer, a refused setting, a prepared
+                                                revision below the next one, a record larger than
+                                                a block, a wrong file signature or version */
+#define RC_BAD_DATA 3u                       /* bad data in memory or in the file */
+#define RC_SYSTEM_ERROR 4u                   /* a system call on a file, event or thread failed */
+#define RC_NO_WRITER 6u                      /* no storage file is open, or it has no writer */
+#define RC_PATH_TOO_LONG 7u                  /* the "file" value has 260 characters or more */
+#define RC_ENUM_STOP 12u                     /* an enumeration was stopped by its visitor */
+#define RC_NOT_SUPPORTED 16u                 /* the operation is not provided */
+#define RC_ALREADY 17u                       /* already open, or already loaded */
+#define RC_NOT_FOUND 21u                     /* the expected item is not where it should be */
+#define RC_SHORT_READ 22u                    /* a read returned fewer bytes than asked */
+#define RC_BAD_SIZE 23u                      /* a negative size setting, a refused writer setting */
+#define RC_FILE_NOT_OPEN 24u                 /* the storage has no open file */
+#define RC_TIMEOUT 25u                       /* a wait for the writer or a thread ran out */
+#define RC_WRONG_STATE 27u                   /* not allowed in the storage's present state */
+#define RC_NO_TRANSACTION 0x8011u            /* Commit without a transaction */
+#define RC_TRANS_ROLLED_BACK 0x8012u         /* Commit of a nested level after a rollback */
+#define RC_NO_TRANSACTION_TO_ROLLBACK 0x8013u /* Rollback without a transaction */
+#define RC_BEGIN_AFTER_ROLLBACK 0x8014u      /* nested Begin after a rollback */
+#define RC_FILE_CORRUPT 0x8021u              /* the storage file's structure cannot be loaded */
+#define RC_IN_TRANSACTION 0x8024u            /* not allowed inside a transaction */
+#define RC_NOT_OPEN 0x8034u                  /* a query while the storage is not loaded */
+
+/* --- The record ----------------------------------------------------------------------------- */
+
+/* One record, as the client hands it in and gets it back: 16 bytes of head, then the data.
+ * Records lie packed and unaligned in memory and in the file, hence the alignment of 1: read the
+ * fields through this structure, never through a pointer to a field. */
+#pragma pack(push, 1)
+#if defined(_MSC_VER)
+#pragma warning(push)
+#pragma warning(disable : 4200)
+#endif
+typedef struct K9eReplRec {
+    int64_t rev;       /* revision: 1 .. 2^63 - 2 */
+    uint32_t userWord; /* the client's own word, kept and handed back unchanged */
+    uint32_t dataSize; /* bytes in data; at most block_size - 24, and with a storage file
+                          at most 10,485,736 */
+    K9EREPL_EXTENSION uint8_t data[];
+} K9eReplRec;
+#if defined(_MSC_VER)
+#pragma warning(pop)
+#endif
+#pragma pack(pop)
+
+/* --- Callbacks ------------------------------------------------------------------------------ */
+
+/* Receives one record of an enumeration. `rec` and its data are valid during the call only.
+ * Returns 0 to go on; any other value ends the enumeration and becomes its result. */
+typedef uint32_t(K9EREPL_CALL* K9eReplEnumCb)(const K9eReplRec* rec, void* cbContext);
+
+/* Receives the last revision that was flushed (OnFlush) or written to the file (OnWriteToFile). */
+typedef void(K9EREPL_CALL* K9eReplFlushCb)(int64_t lastRev, void* cbContext);
+
+/* --- Library -------------------------------------------------------------------------------- */
+
+/* Does nothing and returns RC_OK; the first call of a client, optional. */
+K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageStartup(void);
+
+/* Does nothing; the last call of a client, optional. */
+K9EREPL_API void K9EREPL_CALL K9eReplStorageCleanup(void);
+
+/* --- Storage files -------------------------------------------------------------------------- */
+
+/* Makes the storage file that `connStr` (not null) names with "file", with the missing directories
+ * of its path, sized to "file_initial_size" MiB. ":memory:" in any case of letters does nothing.
+ * flags: 0    the file must not exist yet
+ *        0x1  replace an existing file, and delete its index file
+ *        0x2  leave an existing file exactly as it is, whatever it holds
+ * Errors: RC_INVALID_ARG without "file", RC_PATH_TOO_LONG, RC_NO_MEMORY, RC_SYSTEM_ERROR. */
+K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageCreate(const char* connStr, uint32_t flags);
+
+/* Deletes the index file and the storage file that `connStr` (not null) names. The storage must
+ * not be open. A missing index file is no error, a missing storage file is RC_SYSTEM_ERROR.
+ * Errors: as K9eReplStorageCreate. */
+K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageDelete(const char* connStr);
+
+/* --- Life of a handle ----------------------------------------------------------------------- */
+
+/* Opens the storage that `connStr` describes (both not null) and writes its handle. The storage
+ * accepts nothing but K9eReplStorageLoad and the small accessors until it was loaded. The string
+ * is copied. The storage file must exist unless flush_mode is NoFlush.
+ * Errors: RC_INVALID_ARG or RC_BAD_SIZE for a refused setting, RC_NO_MEMORY, RC_SYSTEM_ERROR,
+ * RC_PATH_TOO_LONG; there is no handle then. */
+K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageOpen(const char* connStr, void** outHandle);
+
+/* Gives one reference back. The last one flushes what was committed, closes the files, stops the
+ * storage's threads and frees everything; an open transaction is lost. `handle` not null.
+ * Always RC_OK, also when the last flush fails: commit with a flush beforehand to be sure. */
+K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageClose(void* handle);
+
+/* Takes one more reference to the storage (both not null); the handle written is the same value
+ * and wants a K9eReplStorageClose of its own. Always RC_OK. */
+K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageDuplicateHandle(void* handle, void** outHandle);
+
+/* Reads the storage file, from where the index file allows, drops what was never committed, starts
+ * the index thread and makes the storage ready for everything else. Once per handle.
+ * Errors: RC_ALREADY when the storage is loaded, RC_WRONG_STATE when it is broken,
+ * RC_FILE_CORRUPT, RC_SYSTEM_ERROR, RC_NO_MEMORY, RC_INVALID_ARG without "file"; the storage is
+ * then not open and Load may be tried again. */
+K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageLoad(void* handle);
+
+/* Throws the whole content away: the next revision is 1 again, life number and marks are 0. Not
+ * inside a transaction (RC_IN_TRANSACTION). For a storage with a file this release answers
+ * RC_NOT_SUPPORTED and changes nothing. */
+K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageTruncate(void* handle);
+
+/* --- Transactions --------------------------------------------------------------------------- */
+
+/* Begins a transaction, or one more nested level of the open one. `handle` not null.
+ * Errors: RC_WRONG_STATE, or the code of the storage file, which breaks the storage. */
+K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageBeginTransaction(void* handle);
+
+/* Ends one level. The outermost one makes the transaction's records part of the storage and
+ * flushes them when flush_mode and its threshold say so. After a failed flush the transaction is
+ * open again and the storage accepts only Commit (which tries again) and Rollback.
+ * Errors: RC_NO_TRANSACTION, RC_TRANS_ROLLED_BACK, RC_WRONG_STATE, the code of a failed flush. */
+K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageCommit(void* handle);
+
+/* Ends all levels and takes every record and revision of the transaction back.
+ * Errors: RC_NO_TRANSACTION_TO_ROLLBACK, RC_WRONG_STATE. */
+K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageRollback(void* handle);
+
+/* Appends `rec` (both not null) under the next revision, which is written into rec->rev. Outside a
+ * transaction it is a transaction of its own. The record is copied. A record that could not be
+ * placed inside a transaction uses its revision up all the same.
+ * Errors: RC_WRONG_STATE; RC_INVALID_ARG for a record that does not fit a block or has no
+ * revision left; RC_NO_MEMORY; outside a transaction also those of Commit. */
+K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageInsert(void* handle, K9eReplRec* rec);
+
+/* Appends `rec` under its own revision, which must not be below the next one; gaps are allowed.
+ * Errors: as K9eReplStorageInsert; RC_INVALID_ARG also for a revision that is too low. */
+K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageInsertP(void* handle, K9eReplRec* rec);
+
+/* --- Reading -------------------------------------------------------------------------------- */
+
+/* Hands every record with fromRev <= rev <= toRev to `cb`, in ascending order; records of the
+ * open transaction included. Records older than the oldest kept revision are passed over. A null
+ * `cb` answers RC_INVALID_ARG when a record would be delivered.
+ * Returns RC_OK, the callback's non-zero value, RC_WRONG_STATE, or RC_BAD_DATA, RC_FILE_CORRUPT,
+ * RC_SYSTEM_ERROR when stored data cannot be read, which breaks the storage. */
+K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageEnumRecords(void* handle, int64_t fromRev,
+                                                            int64_t toRev, K9eReplEnumCb cb,
+                                                            void* cbContext);
+
+/* Writes the revision that the next Insert will assign (both not null). Takes no lock. */
+K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageGetNextRev(void* handle, int64_t* out);
+
+/* --- Marks ---------------------------------------------------------------------------------- */
+
+/* Sets the life number of the data set, in the file's header too (not flushed to disk).
+ * Errors: those of the file; the number is then unchanged. */
+K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageSetLifenum(void* handle, uint32_t lifenum);
+
+/* Writes the life number (both not null); 0 in a new storage. */
+K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageGetLifenum(void* handle, uint32_t* out);
+
+/* Removes or marks the revisions below `rev`. This release answers RC_NOT_SUPPORTED. */
+K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageClearOldRev(void* handle, int64_t rev,
+                                                            uint32_t mode);
+
+/* Writes the revision mark (both not null); 0 in a new storage. */
+K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageGetClearOldRev(void* handle, int64_t* out);
+
+/* K9eReplStorageClearOldRev with the next revision. */
+K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageClearAll(void* handle, uint32_t mode);
+
+/* --- Notifications -------------------------------------------------------------------------- */
+
+/* Sets the function that is called after each flush with the flushed revision; null unsets it.
+ * `cbContext` stays the client's. Takes no lock: set callbacks before the first transaction. */
+K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageSetOnFlushCallback(void* handle, K9eReplFlushCb cb,
+                                                                   void* cbContext);
+
+/* Sets the function that is called when a commit block has been written to the file, with the
+ * last revision that it commits; null unsets it. Otherwise as K9eReplStorageSetOnFlushCallback. */
+K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageSetOnWriteToFileCallback(void* handle,
+                                                                         K9eReplFlushCb cb,
+                                                                         void* cbContext);
+
+/* Hands out the storage-file object, an IK9eReplLLStorage* (storage_interfaces.h), valid as long
+ * as the handle; no reference is added and no lock is taken.
+ * Errors: RC_FILE_NOT_OPEN when the storage has no open file. */
+K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageGetLLStorage(void* handle, void** out);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* K9EREPL_STORAGE_H */

@@ -1,0 +1,126 @@
+/* The services that the host's system library offers to the replication storage library: logging
+ * with a switch for each call site, bounded formatting, parser memory and module statistics.
+ *
+ * The replication storage library imports the functions of the first section and nothing else. The
+ * second section belongs to the stand-in library of this project (libK9Sys), which developers,
+ * tests and Linux hosts use; a host's own system library need not offer it.
+ *
+ * Every function may be called from any thread at any time. Texts are NUL-terminated UTF-8. */
+#ifndef K9SYS_K9SYS_H
+#define K9SYS_K9SYS_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#if defined(_WIN32)
+#define K9SYS_CALL __cdecl
+#if defined(K9SYS_BUILDING)
+#define K9SYS_API __declspec(dllexport)
+#else
+#define K9SYS_API __declspec(dllimport)
+#endif
+#else
+#define K9SYS_CALL
+#if defined(__GNUC__)
+#define K9SYS_API __attribute__((visibility("default")))
+#else
+#define K9SYS_API
+#endif
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---------------------------------------------------------------------------------------------
+ * 1. What a host's system library must offer
+ *
+ * Format directives: "%d" i32, "%u" u32, "%s" text, "%I64d" i64, "%I64u" u64, "%llu" u64,
+ * "%P" unsigned, as wide as a pointer, "%p" pointer, "%X" u32 in capital hexadecimal,
+ * "%r" u32 error code of the operating system, "%R" u32 result code, "%f" double, "%%"; the
+ * flags, width and precision of printf, "*" included, may stand before the letter.
+ * ------------------------------------------------------------------------------------------ */
+
+/* Whether a call site is enabled: non-zero means that its message is printed. Owned by the system
+ * library, valid until the process ends; the library reads it at every execution of the site, so
+ * the system library may change it at any time. */
+typedef int K9LogFlag;
+
+K9SYS_API void K9SYS_CALL K9LogInfoEx(const char* module, const char* format, ...);
+K9SYS_API void K9SYS_CALL K9LogWarningEx(const char* module, const char* format, ...);
+K9SYS_API void K9SYS_CALL K9LogErrorEx(const char* module, const char* format, ...);
+K9SYS_API void K9SYS_CALL K9LogErrorWithCodeEx(uint32_t code, const char* module,
+                                               const char* format, ...);
+
+/* The registering variants: each logs like its plain twin when the site is enabled, and returns
+ * the address of the site's flag. Called once for each call site, at its first execution. */
+K9SYS_API K9LogFlag* K9SYS_CALL trcheckEx_K9LogInfoEx_(const char* module, const char* format, ...);
+K9SYS_API K9LogFlag* K9SYS_CALL trcheckEx_K9LogInfoEx_0(const char* module, const char* format,
+                                                        ...);
+K9SYS_API K9LogFlag* K9SYS_CALL trcheckEx_K9LogWarningEx_(const char* module, const char* format,
+                                                          ...);
+K9SYS_API K9LogFlag* K9SYS_CALL trcheckEx_K9LogErrorEx_(const char* module, const char* format,
+                                                        ...);
+K9SYS_API K9LogFlag* K9SYS_CALL trcheckEx_K9LogErrorWithCodeEx_(uint32_t code, const char* module,
+                                                                const char* format, ...);
+
+/* Formats into `buffer` of `size` bytes; the text is cut to fit and always terminated when `size`
+ * is not 0. Returns the number of characters written, the terminating zero not counted. */
+K9SYS_API uint32_t K9SYS_CALL K9SysSNPrintf(char* buffer, uint32_t size, const char* format, ...);
+
+/* Memory for small start blocks of threads; null when there is none. Freeing null does nothing. */
+K9SYS_API void* K9SYS_CALL K9SysParserMemAlloc(size_t size);
+K9SYS_API void K9SYS_CALL K9SysParserMemFree(void* memory);
+
+/* Registers a loaded module and its version with the statistics service.
+ * module        handle of the module, or of the calling process
+ * product, version   texts of the build
+ * registration  receives an id, non-zero, that unregisters the module
+ * name, nameSize     buffer that receives the module's file name (255 characters are enough)
+ * path, pathSize     buffer that receives the module's path (260 characters are enough)
+ * Returns 0, or a result code; the module runs on without registration. */
+K9SYS_API uint32_t K9SYS_CALL K9MQStatSetBinaryModuleVersion(void* module, const char* product,
+                                                             const char* version,
+                                                             uint32_t* registration, char* name,
+                                                             uint32_t nameSize, char* path,
+                                                             uint32_t pathSize);
+K9SYS_API void K9SYS_CALL K9MQStatUnregisterModule(uint32_t registration);
+
+/* ---------------------------------------------------------------------------------------------
+ * 2. What the stand-in adds: control of what is printed, and where
+ * ------------------------------------------------------------------------------------------ */
+
+/* Each level includes the ones before it. */
+typedef enum K9SysLogLevel {
+    K9SYS_LOG_OFF = 0,
+    K9SYS_LOG_ERROR = 1,
+    K9SYS_LOG_WARNING = 2,
+    K9SYS_LOG_INFO = 3
+} K9SysLogLevel;
+
+/* Receives each message that is enabled. `code` is 0 unless the message carries a result code.
+ * `text` is valid during the call only. Called on the logging thread, one call at a time. */
+typedef void(K9SYS_CALL* K9SysLogSink)(K9SysLogLevel level, const char* module, const char* text,
+                                       uint32_t code, void* context);
+
+/* Sets the level of one module, or of every module when `module` is null (which also forgets all
+ * levels set for single modules). Takes effect at once, at every call site. */
+K9SYS_API void K9SYS_CALL K9SysSetLogLevel(const char* module, K9SysLogLevel level);
+
+/* Sets levels as the environment variable K9SYS_LOG does: "warning", or
+ * "k9eRepl-storage=info,***TP***=info", or both ("warning,***TP***=info"). Returns 0, or 2 for a
+ * text that it does not understand, in which case nothing changes. */
+K9SYS_API uint32_t K9SYS_CALL K9SysSetLogLevels(const char* levels);
+
+/* Sends messages to `sink` instead of the log file; a null sink goes back to the file. When it
+ * returns, the previous sink is not running any more. Not to be called from inside a sink. */
+K9SYS_API void K9SYS_CALL K9SysSetLogSink(K9SysLogSink sink, void* context);
+
+/* The number of modules that are registered at present. */
+K9SYS_API uint32_t K9SYS_CALL K9SysRegisteredModuleCount(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* K9SYS_K9SYS_H */

@@ -1,0 +1,33 @@
+// The block index: one entry for every block that the storage holds, in memory or only in the
+// file. The engine owns it and fills it; the index object saves it.
+#ifndef K9EREPL_INDEX_BLOCK_INDEX_H
+#define K9EREPL_INDEX_BLOCK_INDEX_H
+
+#include <atomic>
+#include <map>
+
+#include "memory/repl_block.h"
+#include "platform/int_types.h"
+
+namespace k9erepl {
+
+// REQUIRES of every entry: fileOffset is -1 only while `block` is held in memory.
+struct IndexEntry {
+    IndexEntry(i64 offset, K9eReplBlock* memoryBlock) : fileOffset(offset), block(memoryBlock) {}
+
+    // Where the block's first record lies in the file; -1 until that is known, and for ever in a
+    // block without records. The writer fills it in, perhaps on its own thread, hence atomic.
+    std::atomic<i64> fileOffset;
+    // The block while it is held in memory, else null.
+    K9eReplBlock* block;
+
+    // Whether the block takes no room in the file: a record that did not fit left it behind.
+    bool IsEmptyBlock() const { return block != nullptr && block->used == 0; }
+};
+
+// First revision of the block to entry.
+using BlockIndex = std::map<i64, IndexEntry>;
+
+}  // namespace k9erepl
+
+#endif  // K9EREPL_INDEX_BLOCK_INDEX_H

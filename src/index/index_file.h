@@ -1,0 +1,36 @@
+// The index file by its name: where it lies, reading it, deleting it. Loading reads it, creating
+// and deleting a storage file delete it. index_object.h writes it.
+#ifndef K9EREPL_INDEX_INDEX_FILE_H
+#define K9EREPL_INDEX_INDEX_FILE_H
+
+#include <string>
+#include <vector>
+
+#include "index/index_format.h"
+#include "platform/int_types.h"
+
+namespace k9erepl {
+
+// The path of the index file: the setting index_file, else derived from the setting file
+// ("data.edb" gives "data.edb-idx", "data" and "data." give "data.edb-idx"). Empty when there is
+// none: file is ":memory:" or absent.
+std::string IndexFileName(const char* connStr);
+
+struct IndexFileContent {
+    std::vector<TIndexEntry> entries;  // strictly ascending by revision and by offset
+    u32 blockSize = 0;                 // of the storage that wrote the file; not checked
+};
+
+// Reads and checks the file at `path`. On failure *content is empty; the file is only an aid, so
+// most failures are logged as warnings.
+// Errors: RC_SYSTEM_ERROR, RC_SHORT_READ, RC_NOT_FOUND for a file that is no valid index file,
+// RC_NO_MEMORY.
+u32 ReadIndexFile(const std::string& path, IndexFileContent* content);
+
+// Deletes the index file that `connStr` names. RC_OK also when it names none.
+// Errors: RC_SYSTEM_ERROR, also for a missing file.
+u32 DeleteIndexFile(const char* connStr);
+
+}  // namespace k9erepl
+
+#endif  // K9EREPL_INDEX_INDEX_FILE_H

@@ -1,0 +1,76 @@
+// The buffers through which stored records are read back. The storage file owns one, tells it when
+// the file changed, and asks it for bytes during an enumeration from disk.
+#ifndef K9EREPL_MEMORY_READ_CACHE_MANAGER_H
+#define K9EREPL_MEMORY_READ_CACHE_MANAGER_H
+
+#include <atomic>
+#include <limits>
+#include <vector>
+
+#include "platform/file.h"
+#include "platform/int_types.h"
+#include "platform/memory.h"
+
+namespace k9erepl {
+
+// One piece of the file, as GetBuffer hands it out. `data` stays valid until the next GetBuffer
+// or Invalidate.
+struct ReadBuffer {
+    static constexpr i64 kNoOffset = std::numeric_limits<i64>::max();
+
+    i64 offset = kNoOffset;    // file offset of the first byte; kNoOffset when it holds nothing
+    const u8* data = nullptr;
+    u32 length = 0;            // valid bytes
+    u32 lastUse = 0;           // tick count of the last hit or fill
+};
+
+// A request inside one buffer costs no system call; any other refills one buffer with up to 2 MiB
+// from the requested offset on. No lock of its own: the storage's lock guards it.
+class ReadCacheManager {
+  public:
+    static constexpr u32 kBufferSize = 2 * 1024 * 1024;
+
+    // Reads through `file`, whose pointer stands at `filePosition`; both are the storage file's,
+    // shared with it, and outlive this object.
+    ReadCacheManager(platform::File& file, i64& filePosition);
+    virtual ~ReadCacheManager();
+    ReadCacheManager(const ReadCacheManager&) = delete;
+    ReadCacheManager& operator=(const ReadCacheManager&) = delete;
+
+    // Reads the setting read_buffers_count (1 to 32, default 8) and allocates that many buffers,
+    // in place of earlier ones. `dataEnd` is the end of the written data, beyond which nothing is
+    // read; it is the writer's and outlives the use of this object.
+    // Errors: RC_BAD_SIZE for a refused count, RC_NO_MEMORY.
+    u32 Init(const char* connStr, const std::atomic<i64>& dataEnd);
+    // Frees the buffers. Init may follow.
+    void Reset();
+
+    // Sees to it that the bytes [offset, offset + size) are in one buffer, as far as the written
+    // data reaches, and copies its entry into *current, which is the caller's previous buffer on
+    // entry: a reader that moves forward reuses its own. The entry holds `offset` itself unless
+    // its length is 0; it may end before offset + size.
+    // Errors: RC_SYSTEM_ERROR.
+    u32 GetBuffer(i64 offset, u32 size, ReadBuffer* current);
+
+    // Marks every buffer empty. To be called when bytes of the file may have changed.
+    void Invalidate();
+
+  private:
+    struct Entry : ReadBuffer {
+        platform::MemoryBuffer memory;
+    };
+
+    Entry* FindHit(i64 offset, u32 size);
+    std::size_t ChooseVictim(const ReadBuffer& current) const;
+    u32 Fill(std::size_t index, i64 offset);
+    void Reorder(std::size_t index);
+
+    platform::File& m_file;
+    i64& m_filePosition;
+    const std::atomic<i64>* m_dataEnd = nullptr;
+    std::vector<Entry> m_entries;  // ascending by offset, empty ones last
+};
+
+}  // namespace k9erepl
+
+#endif  // K9EREPL_MEMORY_READ_CACHE_MANAGER_H

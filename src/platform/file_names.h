@@ -1,0 +1,39 @@
+// Operations on file names: deleting, moving, making directories. Used by the storage file's
+// administration and squeeze, and by the index file. Failure is false, with LastSystemError().
+#ifndef K9EREPL_PLATFORM_FILE_NAMES_H
+#define K9EREPL_PLATFORM_FILE_NAMES_H
+
+#include <string>
+
+#include "platform/int_types.h"
+
+namespace k9erepl::platform {
+
+// Whether `c` separates directories in a path of this operating system.
+bool IsPathSeparator(char c);
+
+// Deletes one file.
+bool RemoveFile(const std::string& path);
+
+// Gives `from` the name `to`, replacing a file that stands there. Across volumes it copies to a
+// new file beside `to`, flushes that, renames it and deletes `from`; `to` is whole at any time.
+bool MoveFileReplacing(const std::string& from, const std::string& to);
+
+// Gives the file `existing` one more name; `name` must be free. kNotSupported where the system or
+// the file system has no hard links.
+bool LinkFile(const std::string& existing, const std::string& name);
+
+// Makes every missing directory on the way to the file `path`, the outermost first. Existing ones
+// are no error; true also when `path` has no directory part.
+bool MakeParentDirectories(const std::string& path);
+
+// Makes a change of names in the directory of `path` durable (a creation, renaming or deletion
+// of that file). Does nothing on Windows.
+bool FlushParentDirectory(const std::string& path);
+
+// The path that opening `path` leads to: the target where `path` is a symbolic link, else `path`.
+std::string FollowLink(const std::string& path);
+
+}  // namespace k9erepl::platform
+
+#endif  // K9EREPL_PLATFORM_FILE_NAMES_H

@@ -1,0 +1,78 @@
+// The table through which every call into the operating system goes. Each entry is ONE attempt of
+// one primitive: it may be interrupted, and a transfer may be short; the classes of this folder
+// repeat and complete. Tests put their own functions into single entries to make the n-th write
+// fail, an event unavailable or the clock stand still. Nothing outside this folder and the tests
+// uses the table.
+#ifndef K9EREPL_PLATFORM_SYSTEM_CALLS_H
+#define K9EREPL_PLATFORM_SYSTEM_CALLS_H
+
+#include <cstddef>
+
+#include "platform/file_modes.h"
+#include "platform/int_types.h"
+#include "platform/wait_result.h"
+
+namespace k9erepl::platform {
+
+// A file descriptor or a HANDLE.
+using NativeFile = std::intptr_t;
+inline constexpr NativeFile kInvalidNativeFile = -1;
+
+// The start routine of a thread; the result is the thread's exit code.
+using ThreadBody = u32 (*)(void* argument);
+
+// Unless an entry says otherwise, failure is false, null, -1 or kInvalidNativeFile, and its cause
+// is LastSystemError(). An entry must not be null.
+struct SystemCalls {
+    // Files. Opening refuses anything but a regular file (kNotARegularFile) without blocking.
+    NativeFile (*openFile)(const char* path, const FileOpenRequest& request);
+    bool (*closeFile)(NativeFile file);
+    i64 (*readFile)(NativeFile file, void* buffer, u32 size);         // bytes; 0 at the end
+    i64 (*writeFile)(NativeFile file, const void* data, u32 size);    // bytes
+    i64 (*seekFile)(NativeFile file, i64 position);                   // the new position
+    i64 (*tellFile)(NativeFile file);                                 // the position
+    bool (*setFileEnd)(NativeFile file, i64 size);                    // pointer unspecified after
+    i64 (*fileSize)(NativeFile file);
+    bool (*flushFile)(NativeFile file);
+
+    // Names. renameFile replaces what stands at `to`, within one volume (kCrossVolume otherwise).
+    bool (*renameFile)(const char* from, const char* to);
+    bool (*linkFile)(const char* existing, const char* name);         // hard link
+    bool (*removeFile)(const char* path);
+    bool (*makeDirectory)(const char* path);
+    bool (*flushDirectory)(const char* path);                         // true where not needed
+
+    // Memory from the C heap, for blocks and buffers.
+    void* (*allocMemory)(std::size_t size);
+    void (*freeMemory)(void* memory);
+
+    // Auto-reset events, initially not set.
+    void* (*createEvent)();
+    void (*destroyEvent)(void* event);
+    bool (*setEvent)(void* event);
+    WaitResult (*waitEvent)(void* event, u32 timeoutMs);
+
+    // Threads, created suspended. A record is destroyed after its thread has ended, or detached.
+    void* (*createThread)(ThreadBody body, void* argument);
+    bool (*setThreadAffinity)(void* thread, u64 mask);
+    bool (*resumeThread)(void* thread);
+    WaitResult (*joinThread)(void* thread, u32 timeoutMs);
+    bool (*terminateThread)(void* thread, u32 exitCode);              // asks; join tells
+    void (*destroyThread)(void* thread);
+
+    // Clocks.
+    u32 (*tickCount)();                                               // milliseconds, wraps
+    bool (*performanceFrequency)(i64* ticksPerSecond);
+    i64 (*performanceCounter)();
+    u64 (*timeStampCounter)();
+};
+
+// The one table of the process. Written by tests only, while no other thread uses it.
+SystemCalls& TheSystemCalls();
+
+// The operating system's own entries, with which the table starts.
+const SystemCalls& NativeSystemCalls();
+
+}  // namespace k9erepl::platform
+
+#endif  // K9EREPL_PLATFORM_SYSTEM_CALLS_H

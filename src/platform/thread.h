@@ -1,0 +1,54 @@
+// A thread of our own: the index thread and the asynchronous writer's. Created suspended, so that
+// its affinity is set before it runs.
+#ifndef K9EREPL_PLATFORM_THREAD_H
+#define K9EREPL_PLATFORM_THREAD_H
+
+#include "platform/int_types.h"
+#include "platform/system_calls.h"
+#include "platform/wait_result.h"
+
+namespace k9erepl::platform {
+
+// Failures are false or kFailed, with LastSystemError().
+class Thread {
+  public:
+    Thread() = default;
+    // The thread must have ended, or have been detached.
+    ~Thread();
+    Thread(const Thread&) = delete;
+    Thread& operator=(const Thread&) = delete;
+
+    // Creates the thread, suspended. Its body must let foreign exceptions pass (no noexcept, no
+    // catch-all without a throw): termination on POSIX unwinds the stack of a waiting thread.
+    bool Create(ThreadBody body, void* argument);
+    bool IsCreated() const { return m_thread != nullptr; }
+
+    // Bit n of `mask` stands for processor n.
+    bool SetAffinity(u64 mask);
+    bool Resume();
+
+    // Waits until the thread has ended. Once it returned kSignalled, the thread is gone.
+    WaitResult Join(u32 timeoutMs);
+
+    // Ends the thread from outside. Windows stops it at once; POSIX stops it when it waits for an
+    // event, and this waits a bounded time for that. False when it still runs: whatever it uses
+    // must then stay allocated. Also ends a thread that was never resumed.
+    bool Terminate(u32 exitCode);
+
+    // Gives up a thread that could not be terminated.
+    void Detach();
+
+  private:
+    void* m_thread = nullptr;
+};
+
+// The operating system's number of the calling thread, for log lines.
+u32 CurrentThreadId();
+// Lets another thread run.
+void YieldThread();
+// Suspends the calling thread for at least `ms` milliseconds.
+void SleepMs(u32 ms);
+
+}  // namespace k9erepl::platform
+
+#endif  // K9EREPL_PLATFORM_THREAD_H

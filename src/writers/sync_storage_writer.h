@@ -1,0 +1,23 @@
+// The writer that does each operation at once on the calling thread; the default.
+#ifndef K9EREPL_WRITERS_SYNC_STORAGE_WRITER_H
+#define K9EREPL_WRITERS_SYNC_STORAGE_WRITER_H
+
+#include "writers/storage_writer.h"
+
+namespace k9erepl {
+
+// No lock of its own: one thread at a time, under the storage's lock.
+class SyncStorageWriter final : public StorageWriter {
+  public:
+    using StorageWriter::StorageWriter;
+
+    u32 Write(u8* data, u32 size, TCommitBlock* commitBlock, K9eReplBlock* memoryBlock,
+              i64 lastRevision, std::atomic<i64>* filePosition) override;
+    u32 BeginTransaction() override;
+    u32 Rollback() override;
+    u32 FlushFile() override;
+};
+
+}  // namespace k9erepl
+
+#endif  // K9EREPL_WRITERS_SYNC_STORAGE_WRITER_H
