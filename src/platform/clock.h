@@ -10,16 +10,22 @@ namespace k9erepl::platform {
 
 // Milliseconds of a clock that never stands still or goes back; wraps after 49.7 days, so only
 // unsigned differences mean something.
-inline u32 TickCountMs() { return TheSystemCalls().tickCount(); }
+inline u32 TickCountMs() {
+    return TheSystemCalls().tickCount();
+}
 
 // False when the system has no performance counter; *ticksPerSecond is then unchanged.
 inline bool PerformanceFrequency(i64* ticksPerSecond) {
     return TheSystemCalls().performanceFrequency(ticksPerSecond);
 }
-inline i64 PerformanceCounter() { return TheSystemCalls().performanceCounter(); }
+inline i64 PerformanceCounter() {
+    return TheSystemCalls().performanceCounter();
+}
 
 // A number that changes with every few instructions.
-inline u64 TimeStampCounter() { return TheSystemCalls().timeStampCounter(); }
+inline u64 TimeStampCounter() {
+    return TheSystemCalls().timeStampCounter();
+}
 
 }  // namespace k9erepl::platform
 

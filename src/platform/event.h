@@ -16,7 +16,8 @@ class AutoResetEvent {
     AutoResetEvent(const AutoResetEvent&) = delete;
     AutoResetEvent& operator=(const AutoResetEvent&) = delete;
 
-    // Creates the event, not set. Must not be created already.
+    // Creates the event, not set.
+    // REQUIRES: not created already.
     bool Create();
     bool IsCreated() const { return m_event != nullptr; }
     void Close();

@@ -34,11 +34,15 @@ class File {
     // only together with a failure.
     bool Write(const void* data, u32 size, u32* put);
 
-    bool Seek(i64 position);       // from the beginning of the file
+    bool Seek(i64 position);  // from the beginning of the file
     bool Tell(i64* position);
-    bool SetEnd(i64 size);         // cuts or extends with zeros; moves the pointer anywhere
+    bool SetEnd(i64 size);  // cuts or extends with zeros; moves the pointer anywhere
     bool GetSize(i64* size) const;
-    bool FlushToDisk();            // returns when data and size are on the disk
+    bool FlushToDisk();  // returns when data and size are on the disk
+
+    // Gives the file the owner, as far as the process may, and the permissions of the file `path`.
+    // Does nothing on Windows.
+    bool TakeOwnerAndMode(const char* path);
 
     // The system's handle, for log lines only.
     const void* Native() const { return reinterpret_cast<const void*>(m_file); }

@@ -22,6 +22,7 @@ struct FileOpenRequest {
     FileSharing sharing = FileSharing::kReadWrite;
     bool writeThrough = false;    // a write returns when its bytes are on the disk
     bool sequentialScan = false;  // a hint to the system's read-ahead
+    bool ownerOnly = false;       // a created file is closed to other users; POSIX only
 };
 
 }  // namespace k9erepl::platform

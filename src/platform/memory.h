@@ -12,8 +12,12 @@
 namespace k9erepl::platform {
 
 // Null when there is no memory. The bytes are not set. Aligned for any fundamental type.
-inline void* AllocMemory(std::size_t size) { return TheSystemCalls().allocMemory(size); }
-inline void FreeMemory(void* memory) { TheSystemCalls().freeMemory(memory); }
+inline void* AllocMemory(std::size_t size) {
+    return TheSystemCalls().allocMemory(size);
+}
+inline void FreeMemory(void* memory) {
+    TheSystemCalls().freeMemory(memory);
+}
 
 struct MemoryDeleter {
     void operator()(void* memory) const { FreeMemory(memory); }

@@ -12,14 +12,18 @@ namespace k9erepl::platform {
 // processes). 0 is no atom.
 using ProcessAtom = std::uintptr_t;
 
+// Finding returns 0 when there is none, adding when the system cannot make one. A name has at most
+// 200 characters, none of them special.
 ProcessAtom FindProcessAtom(const char* name);
 ProcessAtom AddProcessAtom(const char* name);
+// `atom` may be 0; it must come from AddProcessAtom or FindProcessAtom with that name.
 void DeleteProcessAtom(ProcessAtom atom, const char* name);
 
 // Tells the user: a modal box on Windows, one line "caption: text" on standard error on POSIX.
 void ShowMessageBox(const char* text, const char* caption);
 
-// The handle of the module that holds this code, and of the process's program.
+// The module that holds this code, and the process's program, each by the address where it was
+// loaded: an HMODULE on Windows, and on POSIX an address that dladdr() knows. Null if unknown.
 void* OwnModuleHandle();
 void* ProcessModuleHandle();
 

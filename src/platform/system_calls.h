@@ -24,44 +24,49 @@ using ThreadBody = u32 (*)(void* argument);
 // Unless an entry says otherwise, failure is false, null, -1 or kInvalidNativeFile, and its cause
 // is LastSystemError(). An entry must not be null.
 struct SystemCalls {
-    // Files. Opening refuses anything but a regular file (kNotARegularFile) without blocking.
+    // Files. Opening refuses anything but a regular file without blocking (kNotARegularFile, or
+    // the system's own code for a directory). takeOwnerAndMode gives an open file the owner, as far
+    // as the process may, and the permissions of `from`; it does nothing on Windows.
     NativeFile (*openFile)(const char* path, const FileOpenRequest& request);
     bool (*closeFile)(NativeFile file);
-    i64 (*readFile)(NativeFile file, void* buffer, u32 size);         // bytes; 0 at the end
-    i64 (*writeFile)(NativeFile file, const void* data, u32 size);    // bytes
-    i64 (*seekFile)(NativeFile file, i64 position);                   // the new position
-    i64 (*tellFile)(NativeFile file);                                 // the position
-    bool (*setFileEnd)(NativeFile file, i64 size);                    // pointer unspecified after
+    i64 (*readFile)(NativeFile file, void* buffer, u32 size);       // bytes; 0 at the end
+    i64 (*writeFile)(NativeFile file, const void* data, u32 size);  // bytes
+    i64 (*seekFile)(NativeFile file, i64 position);                 // the new position
+    i64 (*tellFile)(NativeFile file);                               // the position
+    bool (*setFileEnd)(NativeFile file, i64 size);                  // pointer unspecified after
     i64 (*fileSize)(NativeFile file);
     bool (*flushFile)(NativeFile file);
+    bool (*takeOwnerAndMode)(NativeFile file, const char* from);
 
     // Names. renameFile replaces what stands at `to`, within one volume (kCrossVolume otherwise).
     bool (*renameFile)(const char* from, const char* to);
-    bool (*linkFile)(const char* existing, const char* name);         // hard link
+    bool (*linkFile)(const char* existing, const char* name);  // hard link
     bool (*removeFile)(const char* path);
     bool (*makeDirectory)(const char* path);
-    bool (*flushDirectory)(const char* path);                         // true where not needed
+    bool (*flushDirectory)(const char* path);  // true where not needed
 
     // Memory from the C heap, for blocks and buffers.
     void* (*allocMemory)(std::size_t size);
     void (*freeMemory)(void* memory);
 
-    // Auto-reset events, initially not set.
+    // Auto-reset events, initially not set. On POSIX waitEvent is where a thread of ours ends when
+    // it was told to: it leaves by an exception that is no std::exception.
     void* (*createEvent)();
     void (*destroyEvent)(void* event);
     bool (*setEvent)(void* event);
     WaitResult (*waitEvent)(void* event, u32 timeoutMs);
 
-    // Threads, created suspended. A record is destroyed after its thread has ended, or detached.
+    // Threads, created suspended. destroyThread gives the record up: after the thread was joined,
+    // or without it, in which case the thread runs on by itself.
     void* (*createThread)(ThreadBody body, void* argument);
     bool (*setThreadAffinity)(void* thread, u64 mask);
     bool (*resumeThread)(void* thread);
     WaitResult (*joinThread)(void* thread, u32 timeoutMs);
-    bool (*terminateThread)(void* thread, u32 exitCode);              // asks; join tells
+    bool (*terminateThread)(void* thread, u32 exitCode);  // asks; join tells
     void (*destroyThread)(void* thread);
 
     // Clocks.
-    u32 (*tickCount)();                                               // milliseconds, wraps
+    u32 (*tickCount)();  // milliseconds, wraps
     bool (*performanceFrequency)(i64* ticksPerSecond);
     i64 (*performanceCounter)();
     u64 (*timeStampCounter)();

@@ -22,6 +22,7 @@ enum class SystemErrorKind {
     kAlreadyExists,
     kNotARegularFile,
     kNotSupported,
+    kInvalidHandle,  // the object was not opened or created
 };
 
 // The cause of the calling thread's last failed platform call; not changed by successful ones

@@ -13,13 +13,15 @@ namespace k9erepl::platform {
 class Thread {
   public:
     Thread() = default;
-    // The thread must have ended, or have been detached.
+    // REQUIRES: not created, or Join returned kSignalled, Terminate true, or Detach was called.
     ~Thread();
     Thread(const Thread&) = delete;
     Thread& operator=(const Thread&) = delete;
 
-    // Creates the thread, suspended. Its body must let foreign exceptions pass (no noexcept, no
-    // catch-all without a throw): termination on POSIX unwinds the stack of a waiting thread.
+    // Creates the thread, suspended; on POSIX it handles none of the host's signals. Its body must
+    // let foreign exceptions pass (no noexcept, no catch-all without a throw): termination on
+    // POSIX unwinds the stack of a waiting thread.
+    // REQUIRES: not created, or the former thread is gone.
     bool Create(ThreadBody body, void* argument);
     bool IsCreated() const { return m_thread != nullptr; }
 

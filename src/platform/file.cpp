@@ -1,0 +1,119 @@
+// An open file: repeats what was interrupted and completes what was short.
+#include "platform/file.h"
+
+#include <cassert>
+#include <utility>
+
+#include "platform/interrupted.h"
+#include "platform/system_error.h"
+
+namespace k9erepl::platform {
+
+File::~File() {
+    Close();
+}
+
+File::File(File&& other) noexcept : m_file(std::exchange(other.m_file, kInvalidNativeFile)) {}
+
+File& File::operator=(File&& other) noexcept {
+    if (this != &other) {
+        Close();
+        m_file = std::exchange(other.m_file, kInvalidNativeFile);
+    }
+    return *this;
+}
+
+bool File::Open(const char* path, const FileOpenRequest& request) {
+    assert(path != nullptr);
+    const NativeFile opened =
+        RepeatInterrupted([&] { return TheSystemCalls().openFile(path, request); });
+    if (opened == kInvalidNativeFile) {
+        return false;
+    }
+    Close();
+    m_file = opened;
+    return true;
+}
+
+void File::Close() {
+    if (IsOpen()) {
+        TheSystemCalls().closeFile(std::exchange(m_file, kInvalidNativeFile));
+    }
+}
+
+bool File::Read(void* buffer, u32 size, u32* got) {
+    assert(got != nullptr);
+    *got = 0;
+    while (*got < size) {
+        const i64 count = RepeatInterrupted([&] {
+            return TheSystemCalls().readFile(m_file, static_cast<u8*>(buffer) + *got, size - *got);
+        });
+        if (count < 0) {
+            return false;
+        }
+        if (count == 0) {
+            break;
+        }
+        *got += static_cast<u32>(count);
+    }
+    return true;
+}
+
+bool File::Write(const void* data, u32 size, u32* put) {
+    assert(put != nullptr);
+    *put = 0;
+    while (*put < size) {
+        const i64 count = RepeatInterrupted([&] {
+            return TheSystemCalls().writeFile(m_file, static_cast<const u8*>(data) + *put,
+                                              size - *put);
+        });
+        if (count == 0) {
+            // A system that takes nothing and names no reason has no room.
+            SetLastSystemError(SystemErrorOf(SystemErrorKind::kNoSpace));
+        }
+        if (count <= 0) {
+            return false;
+        }
+        *put += static_cast<u32>(count);
+    }
+    return true;
+}
+
+bool File::Seek(i64 position) {
+    return RepeatInterrupted([&] { return TheSystemCalls().seekFile(m_file, position); }) >= 0;
+}
+
+bool File::Tell(i64* position) {
+    assert(position != nullptr);
+    const i64 found = RepeatInterrupted([&] { return TheSystemCalls().tellFile(m_file); });
+    if (found < 0) {
+        return false;
+    }
+    *position = found;
+    return true;
+}
+
+bool File::SetEnd(i64 size) {
+    return RepeatInterrupted([&] { return TheSystemCalls().setFileEnd(m_file, size); });
+}
+
+bool File::GetSize(i64* size) const {
+    assert(size != nullptr);
+    const i64 found = RepeatInterrupted([&] { return TheSystemCalls().fileSize(m_file); });
+    if (found < 0) {
+        return false;
+    }
+    *size = found;
+    return true;
+}
+
+bool File::FlushToDisk() {
+    return RepeatInterrupted([&] { return TheSystemCalls().flushFile(m_file); });
+}
+
+bool File::TakeOwnerAndMode(const char* path) {
+    assert(path != nullptr);
+    return RepeatInterrupted([&] { return TheSystemCalls().takeOwnerAndMode(m_file, path); });
+}
+
+}  // namespace k9erepl::platform

@@ -1,0 +1,49 @@
+// The operating system's functions for the table of system calls; posix/ and windows/ define them,
+// system_calls.cpp puts them into the table. Their contracts stand there.
+#ifndef K9EREPL_PLATFORM_NATIVE_CALLS_H
+#define K9EREPL_PLATFORM_NATIVE_CALLS_H
+
+#include "platform/system_calls.h"
+
+namespace k9erepl::platform::native {
+
+NativeFile FileOpen(const char* path, const FileOpenRequest& request);
+bool FileClose(NativeFile file);
+i64 FileRead(NativeFile file, void* buffer, u32 size);
+i64 FileWrite(NativeFile file, const void* data, u32 size);
+i64 FileSeek(NativeFile file, i64 position);
+i64 FileTell(NativeFile file);
+bool FileSetEnd(NativeFile file, i64 size);
+i64 FileSize(NativeFile file);
+bool FileFlush(NativeFile file);
+bool FileTakeOwnerAndMode(NativeFile file, const char* from);
+
+bool NameRename(const char* from, const char* to);
+bool NameLink(const char* existing, const char* name);
+bool NameRemove(const char* path);
+bool NameMakeDirectory(const char* path);
+bool NameFlushDirectory(const char* path);
+
+void* MemoryAlloc(std::size_t size);
+void MemoryFree(void* memory);
+
+void* EventCreate();
+void EventDestroy(void* event);
+bool EventSet(void* event);
+WaitResult EventWait(void* event, u32 timeoutMs);
+
+void* ThreadCreate(ThreadBody body, void* argument);
+bool ThreadSetAffinity(void* thread, u64 mask);
+bool ThreadResume(void* thread);
+WaitResult ThreadJoin(void* thread, u32 timeoutMs);
+bool ThreadTerminate(void* thread, u32 exitCode);
+void ThreadDestroy(void* thread);
+
+u32 ClockTickCount();
+bool ClockPerformanceFrequency(i64* ticksPerSecond);
+i64 ClockPerformanceCounter();
+u64 ClockTimeStampCounter();
+
+}  // namespace k9erepl::platform::native
+
+#endif  // K9EREPL_PLATFORM_NATIVE_CALLS_H

@@ -1,0 +1,33 @@
+// The process: the message box, module handles.
+#include "platform/process.h"
+
+#include <dlfcn.h>
+#include <sys/auxv.h>
+
+#include <cstdio>
+
+namespace k9erepl::platform {
+namespace {
+
+// The address where the module that holds `address` was loaded.
+void* ModuleOf(const void* address) {
+    Dl_info info = {};
+    return dladdr(address, &info) != 0 ? info.dli_fbase : nullptr;
+}
+
+}  // namespace
+
+void ShowMessageBox(const char* text, const char* caption) {
+    std::fprintf(stderr, "%s: %s\n", caption, text);
+}
+
+void* OwnModuleHandle() {
+    return ModuleOf(reinterpret_cast<const void*>(&ShowMessageBox));
+}
+
+void* ProcessModuleHandle() {
+    // The kernel tells where it put the program's headers.
+    return ModuleOf(reinterpret_cast<const void*>(getauxval(AT_PHDR)));
+}
+
+}  // namespace k9erepl::platform

@@ -1,0 +1,56 @@
+// The table of system calls, filled with the operating system's own entries.
+#include "platform/system_calls.h"
+
+#include "platform/native_calls.h"
+
+namespace k9erepl::platform {
+namespace {
+
+constexpr SystemCalls kNativeCalls = {
+    .openFile = native::FileOpen,
+    .closeFile = native::FileClose,
+    .readFile = native::FileRead,
+    .writeFile = native::FileWrite,
+    .seekFile = native::FileSeek,
+    .tellFile = native::FileTell,
+    .setFileEnd = native::FileSetEnd,
+    .fileSize = native::FileSize,
+    .flushFile = native::FileFlush,
+    .takeOwnerAndMode = native::FileTakeOwnerAndMode,
+    .renameFile = native::NameRename,
+    .linkFile = native::NameLink,
+    .removeFile = native::NameRemove,
+    .makeDirectory = native::NameMakeDirectory,
+    .flushDirectory = native::NameFlushDirectory,
+    .allocMemory = native::MemoryAlloc,
+    .freeMemory = native::MemoryFree,
+    .createEvent = native::EventCreate,
+    .destroyEvent = native::EventDestroy,
+    .setEvent = native::EventSet,
+    .waitEvent = native::EventWait,
+    .createThread = native::ThreadCreate,
+    .setThreadAffinity = native::ThreadSetAffinity,
+    .resumeThread = native::ThreadResume,
+    .joinThread = native::ThreadJoin,
+    .terminateThread = native::ThreadTerminate,
+    .destroyThread = native::ThreadDestroy,
+    .tickCount = native::ClockTickCount,
+    .performanceFrequency = native::ClockPerformanceFrequency,
+    .performanceCounter = native::ClockPerformanceCounter,
+    .timeStampCounter = native::ClockTimeStampCounter,
+};
+
+// Filled before any code runs: the load guard works during static initialisation.
+constinit SystemCalls g_calls = kNativeCalls;
+
+}  // namespace
+
+SystemCalls& TheSystemCalls() {
+    return g_calls;
+}
+
+const SystemCalls& NativeSystemCalls() {
+    return kNativeCalls;
+}
+
+}  // namespace k9erepl::platform
