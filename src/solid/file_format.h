@@ -54,7 +54,7 @@ struct TRecordHead {
 inline constexpr u32 kFileHeaderSize = 1024;
 inline constexpr u32 kCommitBlockSize = 32;
 inline constexpr u32 kRecordHeadSize = 24;
-inline constexpr u32 kRecordPrefixSize = 8;     // signature and size, before the client's record
+inline constexpr u32 kRecordPrefixSize = 8;       // signature and size, before the client's record
 inline constexpr u32 kClientRecordHeadSize = 16;  // rev, userWord, dataSize
 inline constexpr u32 kSignatureSize = 4;
 inline constexpr i64 kFirstCommitOffset = 1024;

@@ -1,0 +1,70 @@
+// Small looks at the storage file before it is loaded: its first commit block, and whether a
+// record lies where the index file says.
+#include "platform/system_error.h"
+#include "solid/file_access.h"
+#include "solid/solid_storage.h"
+#include "support/log.h"
+
+namespace k9erepl {
+
+using platform::LastSystemError;
+
+u32 CSolidStorage::ReadFirstCommitInfo(i64* commitRev, bool* hasItems) {
+    static constexpr u32 kInfoSize = kCommitBlockSize + kSignatureSize;
+    if (!IsOpen() || m_writer == nullptr) {
+        return RC_NO_WRITER;
+    }
+    if (FileSize() < kFirstCommitOffset + i64{kInfoSize}) {
+        LOG_ERROR_CODE(RC_NOT_FOUND, kLogStorage, "File too short");
+        return RC_NOT_FOUND;
+    }
+    if (m_filePos != kFirstCommitOffset) {
+        if (u32 rc = SeekTo(m_file, kFirstCommitOffset); rc != RC_OK) {
+            return rc;
+        }
+        m_filePos = kFirstCommitOffset;
+    }
+    TCommitBlock block;
+    u32 signature = 0;
+    u32 rc = ReadHere(&block, kCommitBlockSize);
+    if (rc == RC_OK) {
+        rc = ReadHere(&signature, kSignatureSize);
+    }
+    if (rc != RC_OK) {
+        LOG_ERROR_CODE(rc, kLogStorage, "Failed to read block;sys-err %r,offset %I64u",
+                       LastSystemError(), static_cast<u64>(m_filePos));
+        return RC_SYSTEM_ERROR;
+    }
+    if (block.signature != kCommitSignature) {
+        LOG_ERROR_CODE(RC_NOT_FOUND, kLogStorage, "Expected info not found");
+        return RC_NOT_FOUND;
+    }
+    *commitRev = block.commitRev;
+    *hasItems = signature == kCommitSignature || signature == kRecordSignature;
+    return RC_OK;
+}
+
+u32 CSolidStorage::CheckRecordAt(i64 rev, i64 offset) {
+    if (!IsOpen() || m_writer == nullptr) {
+        return RC_NO_WRITER;
+    }
+    const i64 lastHeadOffset = FileSize() - kRecordHeadSize;
+    if (offset < 0 || offset > lastHeadOffset) {
+        return RC_NOT_FOUND;
+    }
+    if (!SeekForReading(offset)) {
+        return RC_SYSTEM_ERROR;
+    }
+    TRecordHead head;
+    if (u32 rc = ReadHere(&head, kRecordHeadSize); rc != RC_OK) {
+        LOG_ERROR_CODE(rc, kLogStorage, "Failed to read block;sys-err %r,offset %I64d",
+                       LastSystemError(), offset);
+        return rc;
+    }
+    const bool holds = head.signature == kRecordSignature &&
+                       u64{head.size} == u64{head.dataSize} + kRecordHeadSize &&
+                       i64{head.size} <= FileSize() - offset && head.rev == rev;
+    return holds ? RC_OK : RC_NOT_FOUND;
+}
+
+}  // namespace k9erepl

@@ -1,0 +1,223 @@
+// Enumeration of committed records from the file, through the read cache. Reads only what the load
+// scan accepted or what was written since, so a fault here is an error of the call.
+#include <cassert>
+
+#include "platform/system_error.h"
+#include "solid/solid_storage.h"
+#include "support/log.h"
+
+namespace k9erepl {
+
+using platform::LastSystemError;
+
+// Hands out the bytes of the items one after another. A visitor may use the storage meanwhile and
+// move the cache's buffers under this reader; the generation tells.
+class CSolidStorage::FileItems {
+  public:
+    FileItems(CSolidStorage& storage, i64 offset)
+        : m_storage(storage), m_offset(offset), m_end(storage.m_writer->WritePos()) {}
+
+    i64 Offset() const { return m_offset; }
+    i64 Left() const { return m_end - m_offset; }
+    void Advance(u32 size) { m_offset += size; }
+
+    // *bytes receives the `size` bytes at the current offset, valid until the next call or the
+    // next visit. Errors: RC_FILE_CORRUPT when the file does not give them, and those of reading.
+    u32 Get(u32 size, const u8** bytes);
+
+  private:
+    bool Holds(u32 size) const {
+        return m_generation == m_storage.m_readGeneration && m_offset >= m_buffer.offset &&
+               m_offset + i64{size} <= m_buffer.offset + i64{m_buffer.length};
+    }
+    u32 Fetch(u32 size);
+    u32 GetLarge(u32 size, const u8** bytes);
+    u32 TooShort(u32 size);
+
+    CSolidStorage& m_storage;
+    i64 m_offset;
+    const i64 m_end;
+    ReadBuffer m_buffer;
+    u64 m_generation = 0;
+    platform::MemoryBuffer m_large;  // for a record larger than a read buffer
+};
+
+u32 CSolidStorage::FileItems::Get(u32 size, const u8** bytes) {
+    if (size > Left()) {
+        return TooShort(size);
+    }
+    if (size > ReadCacheManager::kBufferSize) {
+        return GetLarge(size, bytes);
+    }
+    if (!Holds(size)) {
+        if (u32 rc = Fetch(size); rc != RC_OK) {
+            return rc;
+        }
+    }
+    *bytes = m_buffer.data + (m_offset - m_buffer.offset);
+    return RC_OK;
+}
+
+u32 CSolidStorage::FileItems::Fetch(u32 size) {
+    if (m_generation != m_storage.m_readGeneration) {
+        m_buffer = ReadBuffer{};
+    }
+    const u32 rc = m_storage.m_readCache.GetBuffer(m_offset, size, &m_buffer);
+    m_generation = ++m_storage.m_readGeneration;
+    if (rc != RC_OK) {
+        return rc;
+    }
+    return Holds(size) ? RC_OK : TooShort(size);
+}
+
+u32 CSolidStorage::FileItems::GetLarge(u32 size, const u8** bytes) {
+    m_large = platform::AllocBuffer(size);
+    if (m_large == nullptr) {
+        return RC_NO_MEMORY;
+    }
+    if (!m_storage.SeekForReading(m_offset)) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
+                       "Cannot seek to start enum recs;offset %I64d, sys-err %r", m_offset,
+                       LastSystemError());
+        return RC_SYSTEM_ERROR;
+    }
+    const u32 rc = m_storage.ReadHere(m_large.get(), size);
+    if (rc == RC_SHORT_READ) {
+        return TooShort(size);
+    }
+    if (rc != RC_OK) {
+        LOG_ERROR_CODE(rc, kLogStorage, "Failed to read block;sys-err %r,offset %I64d",
+                       LastSystemError(), m_offset);
+        return rc;
+    }
+    *bytes = m_large.get();
+    return RC_OK;
+}
+
+u32 CSolidStorage::FileItems::TooShort(u32 size) {
+    LOG_ERROR_CODE(RC_FILE_CORRUPT, kLogStorage, "Couldn't read %P bytes at once",
+                   std::size_t{size});
+    return RC_FILE_CORRUPT;
+}
+
+namespace {
+
+// RC_BAD_DATA for a head that no writer of ours produces or whose record runs past the data.
+u32 CheckHead(const TRecordHead& head, i64 offset, i64 left) {
+    if (u64{head.size} != u64{head.dataSize} + kRecordHeadSize || i64{head.size} > left) {
+        LOG_ERROR_CODE(RC_BAD_DATA, kLogStorage, "Wrong rec size %u, data size %u, offset %I64d",
+                       u32{head.size}, u32{head.dataSize}, offset);
+        return RC_BAD_DATA;
+    }
+    return RC_OK;
+}
+
+u32 CheckCommitted(i64 rev, i64 lastCommitted) {
+    if (rev > lastCommitted) {
+        LOG_ERROR_CODE(RC_BAD_DATA, kLogStorage,
+                       "Read uncommitted rec with rev %I64d,last committed rev %I64d", rev,
+                       lastCommitted);
+        return RC_BAD_DATA;
+    }
+    return RC_OK;
+}
+
+}  // namespace
+
+// What the enumeration does with one item.
+struct CSolidStorage::FileItem {
+    bool isRecord = false;
+    bool pastRange = false;  // a record above the range: the enumeration is done
+    bool visit = false;
+    u32 size = 0;
+};
+
+u32 CSolidStorage::LookAtItem(FileItems& items, const FileEnumRange& range, FileItem* item) {
+    const u8* bytes = nullptr;
+    if (u32 rc = items.Get(kSignatureSize, &bytes); rc != RC_OK) {
+        return rc;
+    }
+    const u32 signature = LoadUnaligned<u32>(bytes);
+    if (signature == kCommitSignature) {
+        *item = {.visit = range.alsoCommits, .size = kCommitBlockSize};
+        return RC_OK;
+    }
+    if (signature != kRecordSignature) {
+        LOG_ERROR_CODE(RC_BAD_DATA, kLogStorage, "Wrong signature (0x%8.8X) found, offset %I64d",
+                       signature, items.Offset());
+        return RC_BAD_DATA;
+    }
+    if (u32 rc = items.Get(kRecordHeadSize, &bytes); rc != RC_OK) {
+        return rc;
+    }
+    const auto head = LoadUnaligned<TRecordHead>(bytes);
+    *item = {.isRecord = true,
+             .pastRange = head.rev > range.toRev,
+             .visit = head.rev >= range.fromRev,
+             .size = head.size};
+    if (item->pastRange) {
+        return RC_OK;
+    }
+    if (u32 rc = CheckHead(head, items.Offset(), items.Left()); rc != RC_OK) {
+        return rc;
+    }
+    return CheckCommitted(head.rev, m_state.lastFlushedRev);
+}
+
+u32 CSolidStorage::EnumFileRecs(const FileEnumRange& range, FileItemVisitor visitor, void* ctx,
+                                bool* completed) {
+    assert(visitor != nullptr);
+    *completed = true;
+    if (!IsOpen() || m_writer == nullptr) {
+        return RC_NO_WRITER;
+    }
+    FileItems items(*this, range.startOffset == 0 ? kFirstCommitOffset : range.startOffset);
+    while (items.Left() > 0) {
+        FileItem item;
+        if (u32 rc = LookAtItem(items, range, &item); rc != RC_OK || item.pastRange) {
+            return rc;
+        }
+        const u8* bytes = nullptr;
+        if (u32 rc = items.Get(item.size, &bytes); rc != RC_OK) {
+            return rc;
+        }
+        if (item.visit) {
+            const auto* rec = reinterpret_cast<const K9eReplRec*>(bytes + kRecordPrefixSize);
+            if (u32 rc = visitor(items.Offset(), item.isRecord ? rec : nullptr, ctx); rc != RC_OK) {
+                *completed = false;
+                return rc;
+            }
+        }
+        items.Advance(item.size);
+    }
+    LOG_INFO(kLogStorage, "Exit Enum");
+    return RC_OK;
+}
+
+bool CSolidStorage::SeekForReading(i64 offset) {
+    if (m_filePos == offset) {
+        return true;
+    }
+    if (!m_file.Seek(offset)) {
+        return false;
+    }
+    m_filePos = offset;
+    return true;
+}
+
+u32 CSolidStorage::ReadHere(void* buffer, u32 size) {
+    u32 got = 0;
+    if (!m_file.Read(buffer, size, &got)) {
+        m_filePos = kUnknownOffset;
+        return RC_SYSTEM_ERROR;
+    }
+    m_filePos += got;
+    return got == size ? RC_OK : RC_SHORT_READ;
+}
+
+void CSolidStorage::InvalidateReads() {
+    m_readCache.Invalidate();
+    ++m_readGeneration;
+}
+
+}  // namespace k9erepl

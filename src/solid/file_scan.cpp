@@ -1,0 +1,242 @@
+// The load scan; see file_scan.h for its rules.
+#include "solid/file_scan.h"
+
+#include <algorithm>
+#include <cassert>
+
+#include "platform/system_error.h"
+#include "solid/solid_storage.h"
+#include "support/log.h"
+
+namespace k9erepl {
+
+using platform::LastSystemError;
+
+namespace {
+
+bool AnyNonZero(const u8* bytes, u32 size) {
+    return std::any_of(bytes, bytes + size, [](u8 byte) { return byte != 0; });
+}
+
+}  // namespace
+
+FileScan::FileScan(platform::File& file, i64& filePos, i64 fileSize, const Callbacks& callbacks)
+    : m_file(file), m_filePos(filePos), m_fileSize(fileSize), m_callbacks(callbacks) {}
+
+u32 FileScan::Run(i64 startOffset, bool fromHint) {
+    assert(startOffset >= kFirstCommitOffset);
+    m_buffer = platform::AllocBuffer(kBufferSize);
+    if (m_buffer == nullptr) {
+        return RC_NO_MEMORY;
+    }
+    m_offset = startOffset;
+    m_bufferOffset = startOffset;
+    m_fromHint = fromHint;
+    Step step = Step::kNext;
+    while (step == Step::kNext) {
+        step = TakeItem();
+    }
+    return step == Step::kFail ? m_failure : Finish();
+}
+
+FileScan::Step FileScan::Fail(u32 rc) {
+    m_failure = rc;
+    return Step::kFail;
+}
+
+// Makes `size` bytes at the current offset available in the buffer.
+FileScan::Step FileScan::Need(u32 size) {
+    return Left() >= size ? Step::kNext : Fill(size);
+}
+
+FileScan::Step FileScan::Fill(u32 needed) {
+    if (m_filePos != m_offset) {
+        if (!m_file.Seek(m_offset)) {
+            LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
+                           "Cannot seek to start enum recs;offset %I64d, sys-err %r", m_offset,
+                           LastSystemError());
+            return Fail(RC_SYSTEM_ERROR);
+        }
+        m_filePos = m_offset;
+    }
+    const i64 toRead = std::clamp<i64>(m_fileSize - m_offset, 0, kBufferSize);
+    u32 got = 0;
+    if (!m_file.Read(m_buffer.get(), static_cast<u32>(toRead), &got)) {
+        m_filePos = kUnknownOffset;
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Failed to read block;sys-err %r,offset %I64d",
+                       LastSystemError(), m_offset);
+        return Fail(RC_SYSTEM_ERROR);
+    }
+    m_filePos += got;
+    m_bufferOffset = m_offset;
+    m_bufferLength = got;
+    if (got < needed) {
+        LOG_WARNING(kLogStorage, "Couldn't read %P bytes at once", std::size_t{needed});
+        return Step::kStop;
+    }
+    return Step::kNext;
+}
+
+FileScan::Step FileScan::TakeItem() {
+    if (Step step = Need(kSignatureSize); step != Step::kNext) {
+        return step;
+    }
+    const u32 signature = LoadUnaligned<u32>(Here());
+    if (signature == kRecordSignature) {
+        return TakeRecord();
+    }
+    if (signature == kCommitSignature) {
+        return TakeCommit();
+    }
+    LOG_INFO(kLogStorage, "Loading stopped due to wrong signature (0x%8.8X) at offset %I64d",
+             signature, m_offset);
+    return Step::kStop;
+}
+
+FileScan::Step FileScan::TakeRecord() {
+    if (!m_commitFound && !m_fromHint) {
+        LOG_ERROR_CODE(RC_FILE_CORRUPT, kLogStorage,
+                       "Found rec, but commit expected at offset %I64d", m_offset);
+        return Fail(RC_FILE_CORRUPT);
+    }
+    if (Step step = Need(kRecordPrefixSize); step != Step::kNext) {
+        return step;
+    }
+    // A claim of the file: below the head's size it would stop the walk or turn it round.
+    const u32 size = LoadUnaligned<u32>(Here() + kSignatureSize);
+    if (Step step = Need(std::max(size, kRecordHeadSize)); step != Step::kNext) {
+        return step;
+    }
+    const auto head = LoadUnaligned<TRecordHead>(Here());
+    if (Step step = CheckRecord(head); step != Step::kNext) {
+        return step;
+    }
+    const auto* rec = reinterpret_cast<const K9eReplRec*>(Here() + kRecordPrefixSize);
+    if (u32 rc = m_callbacks.record(static_cast<u64>(m_offset), rec, m_callbacks.ctx);
+        rc != RC_OK) {
+        return Fail(rc);
+    }
+    m_result.prevRecRev = head.rev;
+    m_offset += head.size;
+    return Step::kNext;
+}
+
+FileScan::Step FileScan::CheckRecord(const TRecordHead& head) {
+    if (u64{head.size} != u64{head.dataSize} + kRecordHeadSize) {
+        LOG_WARNING(kLogStorage, "Found rec with size %u, but data size %u at offset %I64d",
+                    u32{head.size}, u32{head.dataSize}, m_offset);
+        return Step::kStop;
+    }
+    if (head.rev < m_result.lastCommitted) {
+        LOG_WARNING(kLogStorage,
+                    "Found rec with rev (%I64d) less than lastCommitted at offset %I64d",
+                    i64{head.rev}, m_offset);
+        return Step::kStop;
+    }
+    if (head.rev <= m_result.prevRecRev) {
+        // The wording is what hosts know; the fault is a revision that does not rise.
+        LOG_WARNING(kLogStorage,
+                    "Found rec with rev (%I64d) greater than prev (%I64d) at offset %I64d",
+                    i64{head.rev}, m_result.prevRecRev, m_offset);
+        return Step::kStop;
+    }
+    return Step::kNext;
+}
+
+FileScan::Step FileScan::TakeCommit() {
+    if (Step step = Need(kCommitBlockSize); step != Step::kNext) {
+        return step;
+    }
+    const auto block = LoadUnaligned<TCommitBlock>(Here());
+    if (m_commitFound) {
+        if (Step step = CheckCommit(block); step != Step::kNext) {
+            return step;
+        }
+    }
+    if (u32 rc = m_callbacks.commit(m_callbacks.ctx, block.clearRev, block.commitRev);
+        rc != RC_OK) {
+        return Fail(rc);
+    }
+    m_result.clearRev = block.clearRev;
+    m_result.lastCommitted =
+        m_commitFound ? i64{block.commitRev} : std::max<i64>(block.clearRev, block.commitRev);
+    m_result.lastSequence = block.sequence;
+    m_result.validCommitOffset = m_offset;
+    m_commitFound = true;
+    m_offset += kCommitBlockSize;
+    return Step::kNext;
+}
+
+FileScan::Step FileScan::CheckCommit(const TCommitBlock& block) {
+    if (block.prevSequence != m_result.lastSequence) {
+        LOG_WARNING(kLogStorage, "Commit block consistency sequence is broken at offset %I64d",
+                    m_offset);
+        return Step::kStop;
+    }
+    if (block.clearRev < m_result.clearRev) {
+        LOG_WARNING(kLogStorage,
+                    "Found commit block at offset %I64d with clearRev (%I64d) less than expected",
+                    m_offset, i64{block.clearRev});
+        return Step::kStop;
+    }
+    if (block.commitRev < m_result.prevRecRev) {
+        LOG_WARNING(kLogStorage,
+                    "Found commit block at offset %I64d with commitRev (%I64d) less than recRev "
+                    "(%I64d)",
+                    m_offset, i64{block.commitRev}, m_result.prevRecRev);
+        return Step::kStop;
+    }
+    return Step::kNext;
+}
+
+u32 FileScan::Finish() {
+    if (!m_commitFound) {
+        LOG_ERROR_CODE(RC_FILE_CORRUPT, kLogStorage, "First commit block is not found");
+        if (m_fromHint) {
+            LOG_WARNING(kLogStorage, "Try to delete index file");
+        }
+        return RC_FILE_CORRUPT;
+    }
+    LOG_INFO(
+        kLogStorage, "Min rev: %I64d, max rev: %I64d, valid commit offset %I64d, prevRecRev %I64d",
+        m_result.clearRev, m_result.lastCommitted, m_result.validCommitOffset, m_result.prevRecRev);
+    // Looks as far as the buffer reaches: a tail that was torn begins where the data ends.
+    m_result.tailInUse =
+        m_offset != m_result.validCommitOffset + kCommitBlockSize || AnyNonZero(Here(), Left());
+    return RC_OK;
+}
+
+u32 CSolidStorage::ScanFile(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb, void* ctx) {
+    if (recordCb == nullptr || commitCb == nullptr) {
+        return RC_INVALID_ARG;
+    }
+    return ScanFileFrom(recordCb, commitCb, 0, ctx);
+}
+
+u32 CSolidStorage::ScanFileFrom(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb,
+                                i64 startOffset, void* ctx) {
+    if (!IsOpen() || m_writer == nullptr) {
+        return RC_NO_WRITER;
+    }
+    const bool fromHint =
+        startOffset != 0 && startOffset != kFirstCommitOffset && startOffset != kFirstItemOffset;
+    const i64 start = fromHint ? startOffset : kFirstCommitOffset;
+    FileScan scan(m_file, m_filePos, FileSize(), {recordCb, commitCb, ctx});
+    const u32 scanRc = scan.Run(start, fromHint);
+    InvalidateReads();
+    if (scanRc != RC_OK) {
+        return scanRc;
+    }
+    const FileScan::Result& result = scan.GetResult();
+    if (u32 rc = m_writer->SetWritePos(result.validCommitOffset + kCommitBlockSize, true,
+                                       result.tailInUse);
+        rc != RC_OK) {
+        return rc;
+    }
+    m_state.lastCommitSequence = result.lastSequence;
+    m_state.clearRev = result.clearRev;
+    m_state.lastFlushedRev = result.lastCommitted;
+    return RC_OK;
+}
+
+}  // namespace k9erepl

@@ -1,0 +1,90 @@
+// The walk of the load scan: reads a storage file in large pieces, applies the rules of the format
+// to each item in file order and hands out what it accepts. CSolidStorage::ScanFileFrom runs it.
+#ifndef K9EREPL_SOLID_FILE_SCAN_H
+#define K9EREPL_SOLID_FILE_SCAN_H
+
+#include <k9erepl/storage_interfaces.h>
+
+#include "platform/file.h"
+#include "platform/int_types.h"
+#include "platform/memory.h"
+#include "solid/file_format.h"
+
+namespace k9erepl {
+
+// The rules, in file order:
+//  1. Without a hint, the first item is a commit block.
+//  2. A record's rev is not below the commitRev of the last commit block before it; the first
+//     commit block counts with the larger of its clearRev and commitRev.
+//  3. A record's rev is greater than that of the record before it.
+//  4. A commit block's prevSequence is the sequence of the commit block before it.
+//  5. Its clearRev is not below that of the commit block before it.
+//  6. Its commitRev is not below the rev of the last record before it.
+// The first item that breaks one, or is neither record nor commit block, or does not fit the file
+// or the buffer, ends the scan: what the last accepted commit block closes is the valid data.
+class FileScan {
+  public:
+    // An item larger than this cannot be read back: insertion refuses it.
+    static constexpr u32 kBufferSize = 10 * 1024 * 1024;
+
+    struct Callbacks {
+        K9eReplScanRecordCb record;
+        K9eReplScanCommitCb commit;
+        void* ctx;
+    };
+
+    // Where the scan ended. Valid after Run returned RC_OK.
+    struct Result {
+        i64 validCommitOffset = 0;  // of the last accepted commit block
+        i64 clearRev = 0;           // of that block
+        i64 lastCommitted = 0;      // its commitRev; if it is the first, the larger of both
+        i64 prevRecRev = 0;         // of the last accepted record
+        u32 lastSequence = 0;
+        bool tailInUse = false;  // bytes that are not zero lie behind that block
+    };
+
+    // `filePos` is where the file's pointer stands, kept true by the scan.
+    FileScan(platform::File& file, i64& filePos, i64 fileSize, const Callbacks& callbacks);
+
+    // Scans from `startOffset`; `fromHint` says that it need not be the file's first commit block.
+    // Errors: RC_FILE_CORRUPT, RC_SYSTEM_ERROR, RC_NO_MEMORY, a callback's result.
+    u32 Run(i64 startOffset, bool fromHint);
+
+    const Result& GetResult() const { return m_result; }
+
+  private:
+    // What an item came to.
+    enum class Step { kNext, kStop, kFail };
+
+    Step Need(u32 size);
+    Step Fill(u32 needed);
+    Step TakeItem();
+    Step TakeRecord();
+    Step TakeCommit();
+    Step CheckRecord(const TRecordHead& head);
+    Step CheckCommit(const TCommitBlock& block);
+    Step Fail(u32 rc);
+    u32 Finish();
+
+    const u8* Here() const { return m_buffer.get() + (m_offset - m_bufferOffset); }
+    u32 Left() const { return static_cast<u32>(m_bufferOffset + m_bufferLength - m_offset); }
+
+    platform::File& m_file;
+    i64& m_filePos;
+    const i64 m_fileSize;
+    const Callbacks m_callbacks;
+
+    platform::MemoryBuffer m_buffer;
+    i64 m_bufferOffset = 0;  // file offset of the buffer's first byte
+    u32 m_bufferLength = 0;  // valid bytes; m_offset never lies outside them
+
+    i64 m_offset = 0;  // file offset of the item being looked at
+    bool m_fromHint = false;
+    bool m_commitFound = false;
+    u32 m_failure = RC_OK;  // the code to return after kFail
+    Result m_result;
+};
+
+}  // namespace k9erepl
+
+#endif  // K9EREPL_SOLID_FILE_SCAN_H

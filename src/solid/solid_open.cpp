@@ -1,0 +1,159 @@
+// The life of the storage file object: its settings, opening and closing.
+#include <cstring>
+#include <new>
+
+#include "platform/system_error.h"
+#include "solid/solid_storage.h"
+#include "solid/storage_file_admin.h"
+#include "support/log.h"
+#include "support/params.h"
+#include "support/storage_exception.h"
+#include "writers/writer_factory.h"
+
+namespace k9erepl {
+
+using platform::LastSystemError;
+
+namespace {
+
+// Reads a setting whose value begins with "yes" or "no". False when it is anything else.
+bool GetYesNo(const char* connStr, const char* key, bool* given, bool* yes, std::string* value) {
+    GetParam(connStr, key, *value);
+    *given = !value->empty();
+    *yes = value->starts_with("yes");
+    return !*given || *yes || value->starts_with("no");
+}
+
+const char* YesNo(bool yes) {
+    return yes ? "yes" : "no";
+}
+
+u32 ReadForceFlush(const char* connStr, bool* forceFlush) {
+    bool given = false;
+    std::string value;
+    if (!GetYesNo(connStr, "force_flush", &given, forceFlush, &value)) {
+        LOG_ERROR_CODE(RC_INVALID_ARG, kLogStorage, "Unknown force_flush value (%s)",
+                       value.c_str());
+        return RC_INVALID_ARG;
+    }
+    if (given) {
+        LOG_INFO(kLogStorage, "Use force_flush %s", YesNo(*forceFlush));
+    } else {
+        LOG_INFO(kLogStorage, "Use default force_flush 'no'");
+    }
+    return RC_OK;
+}
+
+u32 ReadWriteThrough(const char* connStr, bool* writeThrough) {
+    bool given = false;
+    std::string value;
+    if (!GetYesNo(connStr, "write_through", &given, writeThrough, &value)) {
+        LOG_ERROR_CODE(RC_INVALID_ARG, kLogStorage, "Unknown write_through value (%s)",
+                       value.c_str());
+        return RC_INVALID_ARG;
+    }
+    if (given) {
+        LOG_INFO(kLogStorage, "Use write_through %s", YesNo(*writeThrough));
+    } else {
+        LOG_INFO(kLogStorage, "Use default write_through 'no'");
+    }
+    return RC_OK;
+}
+
+}  // namespace
+
+CSolidStorage::CSolidStorage() : m_readCache(m_file, m_filePos) {}
+
+CSolidStorage::~CSolidStorage() {
+    Close();
+}
+
+u32 CSolidStorage::Open(const std::string& path, const char* connStr) {
+    if (IsOpen()) {
+        return RC_ALREADY;
+    }
+    if (u32 rc = ReadSettings(connStr); rc != RC_OK) {
+        return rc;
+    }
+    platform::File file;
+    if (u32 rc = OpenAndCheckFile(path, m_state.writeThrough, &file); rc != RC_OK) {
+        return rc;
+    }
+    i64 size = 0;
+    if (!file.GetSize(&size)) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
+                       "Cannot get file size;sys-err %r,file path '%s'", LastSystemError(),
+                       path.c_str());
+        return RC_SYSTEM_ERROR;
+    }
+    m_state.path = path;
+    m_state.fileSize = size;
+    m_file = std::move(file);
+    m_filePos = kFileHeaderSize;
+    u32 rc = MakeWriter(connStr);
+    if (rc == RC_OK) {
+        rc = m_readCache.Init(connStr, m_writer->WritePosRef());
+    }
+    if (rc != RC_OK) {
+        Close();
+    }
+    return rc;
+}
+
+void CSolidStorage::Close() {
+    m_writer.reset();
+    m_readCache.Reset();
+    InvalidateReads();
+    m_file.Close();
+    m_filePos = 0;
+    m_state.path.clear();
+    m_state.fileSize = 0;
+    m_state.clearRev = 0;
+    m_state.lastFlushedRev = 0;
+    m_state.lastCommitSequence = 0;
+}
+
+u32 CSolidStorage::ReadSettings(const char* connStr) {
+    if (u32 rc = ReadForceFlush(connStr, &m_state.forceFlush); rc != RC_OK) {
+        return rc;
+    }
+    if (u32 rc = ReadWriteThrough(connStr, &m_state.writeThrough); rc != RC_OK) {
+        return rc;
+    }
+    bool given = false;
+    m_state.fileInitialSize = GetMebibytesParam(connStr, "file_initial_size", &given);
+    if (m_state.fileInitialSize < 0) {
+        LOG_ERROR_CODE(RC_BAD_SIZE, kLogStorage,
+                       "Invalid 'file_initial_size' value (%I64d);conn-str %s",
+                       m_state.fileInitialSize, connStr);
+        return RC_BAD_SIZE;
+    }
+    m_state.fileSizeDelta = GetMebibytesParam(connStr, "file_size_delta", &given);
+    if (m_state.fileSizeDelta < 0) {
+        LOG_ERROR_CODE(RC_BAD_SIZE, kLogStorage,
+                       "Invalid 'file_size_delta' value (%I64d);conn-str %s", m_state.fileSizeDelta,
+                       connStr);
+        return RC_BAD_SIZE;
+    }
+    LOG_INFO(kLogStorage, "Use %s %I64d", "file_size_delta", m_state.fileSizeDelta);
+    return RC_OK;
+}
+
+u32 CSolidStorage::MakeWriter(const char* connStr) {
+    try {
+        m_writer = CreateStorageWriter(connStr, &m_state);
+        return RC_OK;
+    } catch (const K9eStorageException& e) {
+        LOG_ERROR_CODE(e.Code(), kLogStorage, "Storage Writer creating failed.");
+        return e.Code();
+    } catch (const std::bad_alloc&) {
+        return RC_NO_MEMORY;
+    }
+}
+
+u32 CSolidStorage::SetWrittenRevisionCallback(K9eReplFlushCb callback, void* context) {
+    m_state.onWritten.Set(callback, context);
+    return RC_OK;
+}
+
+}  // namespace k9erepl

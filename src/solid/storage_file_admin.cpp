@@ -1,0 +1,222 @@
+// Creating, deleting and checking storage files; see the header.
+#include "solid/storage_file_admin.h"
+
+#include <k9erepl/storage.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "index/index_file.h"
+#include "platform/clock.h"
+#include "platform/file_names.h"
+#include "platform/memory.h"
+#include "platform/system_error.h"
+#include "solid/file_access.h"
+#include "support/log.h"
+#include "support/params.h"
+
+namespace k9erepl {
+
+using platform::File;
+using platform::FileDisposition;
+using platform::LastSystemError;
+
+namespace {
+
+char ToLower(char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+bool NamesMemory(const std::string& path) {
+    static constexpr std::string_view kMemory = ":memory:";
+    return std::equal(path.begin(), path.end(), kMemory.begin(), kMemory.end(),
+                      [](char a, char b) { return ToLower(a) == b; });
+}
+
+u32 GetPath(const char* connStr, std::string* path) {
+    GetParam(connStr, "file", *path);
+    u32 rc = RC_OK;
+    if (path->empty()) {
+        rc = RC_INVALID_ARG;
+    } else if (path->size() >= kMaxPathSize) {
+        rc = RC_PATH_TOO_LONG;
+    }
+    if (rc != RC_OK) {
+        LOG_ERROR_CODE(rc, kLogStorage, "Failed to get file parameter value;conn-str %s", connStr);
+    }
+    return rc;
+}
+
+bool OpenAs(const std::string& path, FileDisposition disposition, File* file) {
+    return file->Open(path.c_str(), {.disposition = disposition});
+}
+
+// Opens or creates the file as the flags say; *existed tells that there is nothing to initialise.
+bool OpenForCreation(const char* connStr, const std::string& path, u32 flags, File* file,
+                     bool* existed) {
+    *existed = false;
+    if ((flags & kCreateKeepExisting) != 0) {
+        *existed = OpenAs(path, FileDisposition::kOpenExisting, file);
+        // Never emptied, even when it exists but could not be opened for the moment.
+        return *existed || OpenAs(path, FileDisposition::kCreateNew, file);
+    }
+    if ((flags & kCreateReplace) != 0) {
+        const bool created = OpenAs(path, FileDisposition::kCreateAlways, file);
+        const platform::SystemError error = LastSystemError();
+        DeleteIndexFile(connStr);
+        platform::SetLastSystemError(error);
+        return created;
+    }
+    return OpenAs(path, FileDisposition::kCreateNew, file);
+}
+
+u32 WriteFirstBytes(File& file, const TFileHeader& header, const TCommitBlock& firstCommit) {
+    const platform::MemoryBuffer bytes = platform::AllocBuffer(kNewFileSize);
+    if (bytes == nullptr) {
+        return RC_NO_MEMORY;
+    }
+    std::memset(bytes.get(), 0, kNewFileSize);
+    std::memcpy(bytes.get(), &header, sizeof(header));
+    std::memcpy(bytes.get() + kFirstCommitOffset, &firstCommit, sizeof(firstCommit));
+    u32 put = 0;
+    if (!file.Write(bytes.get(), kNewFileSize, &put) || put != kNewFileSize) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Cannot write file header to file;sys-err %r",
+                       LastSystemError());
+        return RC_SYSTEM_ERROR;
+    }
+    return RC_OK;
+}
+
+u32 CheckHeader(const TFileHeader& header, const std::string& path) {
+    if (std::memcmp(header.signature, kHeaderSignature, kHeaderSignatureSize) != 0) {
+        LOG_ERROR_CODE(RC_INVALID_ARG, kLogStorage, "Wrong file signature, file path %s",
+                       path.c_str());
+        return RC_INVALID_ARG;
+    }
+    if (header.version != kFormatVersion) {
+        LOG_ERROR_CODE(RC_INVALID_ARG, kLogStorage,
+                       "Wrong file version %d,expected %d,file path %s", u32{header.version},
+                       kFormatVersion, path.c_str());
+        return RC_INVALID_ARG;
+    }
+    return RC_OK;
+}
+
+}  // namespace
+
+i64 GetMebibytesParam(const char* connStr, const char* key, bool* given) {
+    i32 mebibytes = 0;
+    *given = GetParamInt(connStr, key, &mebibytes);
+    return i64{mebibytes} * 1024 * 1024;
+}
+
+u32 InitNewFile(File& file, const TFileHeader& header, const TCommitBlock& firstCommit,
+                i64* initialSize) {
+    if (u32 rc = SeekTo(file, 0); rc != RC_OK) {
+        return rc;
+    }
+    if (u32 rc = WriteFirstBytes(file, header, firstCommit); rc != RC_OK) {
+        return rc;
+    }
+    if (*initialSize > kNewFileSize) {
+        if (!file.SetEnd(*initialSize)) {
+            LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
+                           "Cannot set initial file size (%I64d);sys-err %r", *initialSize,
+                           LastSystemError());
+            return RC_SYSTEM_ERROR;
+        }
+    } else {
+        *initialSize = kNewFileSize;
+    }
+    if (u32 rc = SeekTo(file, kFirstItemOffset); rc != RC_OK) {
+        return rc;
+    }
+    if (!file.FlushToDisk()) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Cannot flush file;sys-err %r",
+                       LastSystemError());
+        return RC_SYSTEM_ERROR;
+    }
+    return RC_OK;
+}
+
+u32 CreateStorageFile(const char* connStr, u32 flags) {
+    std::string path;
+    if (u32 rc = GetPath(connStr, &path); rc != RC_OK) {
+        return rc;
+    }
+    if (NamesMemory(path)) {
+        return RC_OK;
+    }
+    // A path that cannot be made shows up when the file is opened.
+    platform::MakeParentDirectories(path);
+    File file;
+    bool existed = false;
+    if (!OpenForCreation(connStr, path, flags, &file, &existed)) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Failed to create file '%s';sys-err %r",
+                       path.c_str(), LastSystemError());
+        return RC_SYSTEM_ERROR;
+    }
+    if (existed) {
+        return RC_OK;
+    }
+    bool given = false;
+    i64 initialSize = GetMebibytesParam(connStr, "file_initial_size", &given);
+    if (given) {
+        LOG_INFO(kLogStorage, "Use %s %I64d", "file_initial_size", initialSize);
+    }
+    const TCommitBlock firstCommit = NewCommitBlock(platform::TimeStampCounter(), 0);
+    if (u32 rc = InitNewFile(file, NewFileHeader(), firstCommit, &initialSize); rc != RC_OK) {
+        return rc;
+    }
+    file.Close();
+    // Without a durable name the durable bytes would be lost in a crash.
+    if (!platform::FlushParentDirectory(path)) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
+                       "Cannot flush directory of file '%s';sys-err %r", path.c_str(),
+                       LastSystemError());
+        return RC_SYSTEM_ERROR;
+    }
+    return RC_OK;
+}
+
+u32 DeleteStorageFile(const char* connStr) {
+    std::string path;
+    if (u32 rc = GetPath(connStr, &path); rc != RC_OK) {
+        return rc;
+    }
+    if (NamesMemory(path)) {
+        return RC_OK;
+    }
+    if (!platform::RemoveFile(path)) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Cannot delete storage file;path %s",
+                       path.c_str());
+        return RC_SYSTEM_ERROR;
+    }
+    // The file is gone for this process in any case; a crash may bring its name back.
+    platform::FlushParentDirectory(path);
+    return RC_OK;
+}
+
+u32 OpenAndCheckFile(const std::string& path, bool writeThrough, File* file) {
+    File opened;
+    if (!opened.Open(path.c_str(), {.writeThrough = writeThrough})) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Failed to create file '%s';sys-err %r",
+                       path.c_str(), LastSystemError());
+        return RC_SYSTEM_ERROR;
+    }
+    TFileHeader header;
+    u32 got = 0;
+    if (!opened.Read(&header, kFileHeaderSize, &got) || got != kFileHeaderSize) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
+                       "Failed to read file header;file path %s,sys-err %r", path.c_str(),
+                       LastSystemError());
+        return RC_SYSTEM_ERROR;
+    }
+    if (u32 rc = CheckHeader(header, path); rc != RC_OK) {
+        return rc;
+    }
+    *file = std::move(opened);
+    return RC_OK;
+}
+
+}  // namespace k9erepl

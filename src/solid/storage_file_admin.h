@@ -1,0 +1,45 @@
+// Storage files by their path, apart from any open storage: creating, deleting, checking, and the
+// first bytes of a new file. The exported Create and Delete, and the storage file object.
+#ifndef K9EREPL_SOLID_STORAGE_FILE_ADMIN_H
+#define K9EREPL_SOLID_STORAGE_FILE_ADMIN_H
+
+#include <string>
+
+#include "platform/file.h"
+#include "platform/int_types.h"
+#include "solid/file_format.h"
+
+namespace k9erepl {
+
+// Flags of CreateStorageFile; 0x2 wins over 0x1, and without either the file must not exist.
+inline constexpr u32 kCreateReplace = 0x1;       // empty an existing file, delete its index file
+inline constexpr u32 kCreateKeepExisting = 0x2;  // leave an existing file as it is
+
+// The "file" value has fewer characters than this.
+inline constexpr u32 kMaxPathSize = 260;
+
+// Makes the file that `connStr` names, with the missing directories of its path. For ":memory:"
+// (any case of letters) there is nothing to do.
+// Errors: RC_INVALID_ARG without "file", RC_PATH_TOO_LONG, RC_NO_MEMORY, RC_SYSTEM_ERROR. A file
+// that could not be initialised stays behind.
+u32 CreateStorageFile(const char* connStr, u32 flags);
+
+// Deletes the file that `connStr` names. Errors: as above; RC_SYSTEM_ERROR for a missing file.
+u32 DeleteStorageFile(const char* connStr);
+
+// Opens an existing storage file and checks signature and version; *file then stands at offset
+// 1024. Errors: RC_SYSTEM_ERROR, RC_INVALID_ARG for a file that is no storage of this version.
+u32 OpenAndCheckFile(const std::string& path, bool writeThrough, platform::File* file);
+
+// Writes the first 1064 bytes, extends the file to *initialSize bytes when that is more (else
+// *initialSize becomes 1064), leaves the file pointer at the first item and flushes to the disk.
+// Errors: RC_NO_MEMORY, RC_SYSTEM_ERROR; the file's content is then undefined.
+u32 InitNewFile(platform::File& file, const TFileHeader& header, const TCommitBlock& firstCommit,
+                i64* initialSize);
+
+// The setting `key` in MiB as bytes; 0 when it is absent. May be negative.
+i64 GetMebibytesParam(const char* connStr, const char* key, bool* given);
+
+}  // namespace k9erepl
+
+#endif  // K9EREPL_SOLID_STORAGE_FILE_ADMIN_H
