@@ -1,0 +1,33 @@
+# Shared by the scripts of this folder: where the repository is, how a preset is built.
+# Sourced, never run; expects bash with "set -euo pipefail".
+
+root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+jobs="$(nproc 2>/dev/null || echo 2)"
+
+# configure <preset> [cmake option...]: the build tree build/<preset>, with ccache if it is there.
+configure() {
+    local preset="$1"
+    shift
+    local -a launcher=()
+    if command -v ccache >/dev/null; then
+        launcher=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+    fi
+    (cd "$root" && cmake --preset "$preset" "${launcher[@]}" "$@" </dev/null)
+}
+
+# build <preset> [target...]: everything, or the targets.
+build() {
+    local preset="$1"
+    shift
+    local -a targets=()
+    if [ "$#" -gt 0 ]; then
+        targets=(--target "$@")
+    fi
+    (cd "$root" && cmake --build "build/$preset" --parallel "$jobs" "${targets[@]}" </dev/null)
+}
+
+# seconds_since <start>: with one decimal; <start> from "date +%s%N".
+seconds_since() {
+    local ms=$((($(date +%s%N) - $1) / 1000000))
+    printf '%d.%d' $((ms / 1000)) $((ms % 1000 / 100))
+}

@@ -1,0 +1,27 @@
+#!/usr/bin/env bash
+# Sets up what is missing, builds everything and runs every test.
+#
+#   scripts/test.sh [release|debug|asan|tsan] [ctest option...]     (default: release)
+#
+# Exit status: 0 when every test passed.
+set -euo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+
+preset="${1:-release}"
+[ "$#" -gt 0 ] && shift
+case "$preset" in
+    release | debug | asan | tsan) ;;
+    *)
+        echo "test.sh: unknown preset '$preset': use release, debug, asan or tsan" >&2
+        exit 2
+        ;;
+esac
+
+"$root/scripts/setup.sh" test
+started="$(date +%s%N)"
+configure "$preset" -DK9EREPL_BUILD_TESTS=ON -DK9EREPL_BUILD_BENCH=ON -DK9EREPL_BUILD_TOOL=ON
+build "$preset"
+echo "test.sh: built '$preset' in $(seconds_since "$started") s"
+
+cd "$root"
+ctest --preset "$preset" --parallel "$jobs" --no-tests=error "$@" </dev/null
