@@ -35,10 +35,22 @@ extern "C" {
 /* ---------------------------------------------------------------------------------------------
  * 1. What a host's system library must offer
  *
- * Format directives: "%d" i32, "%u" u32, "%s" text, "%I64d" i64, "%I64u" u64, "%llu" u64,
- * "%P" unsigned, as wide as a pointer, "%p" pointer, "%X" u32 in capital hexadecimal,
- * "%r" u32 error code of the operating system, "%R" u32 result code, "%f" double, "%%"; the
- * flags, width and precision of printf, "*" included, may stand before the letter.
+ * Directives of a format, each with the argument that it takes:
+ *
+ *   %d      int32_t, signed decimal           %s   text; null prints "(null)"
+ *   %u      uint32_t, decimal                 %f   double
+ *   %x %X   uint32_t, hexadecimal             %p   pointer, "0x" and hexadecimal digits
+ *   %I64d   int64_t; also %lld                %P   size_t, decimal
+ *   %I64u   uint64_t; also %llu               %r   uint32_t error code of the operating system
+ *   %I64x   uint64_t; also %I64X %llx %llX    %R   uint32_t result code
+ *   %%      none: a percent sign
+ *
+ * Between '%' and the rest may stand, as for printf, flags ("-", "+", " ", "#", "0"), a width and
+ * "." with a precision, both digits or "*" for an int32_t argument. What begins no directive of
+ * this list is printed as it stands and takes no argument.
+ *
+ * The stand-in prints %r as a decimal number, and %R as a decimal number below 0x8000, as "0x" and
+ * capital hexadecimal digits from there on: "25", "0x8011". A host's library may word both.
  * ------------------------------------------------------------------------------------------ */
 
 /* Whether a call site is enabled: non-zero means that its message is printed. Owned by the system
@@ -46,6 +58,8 @@ extern "C" {
  * the system library may change it at any time. */
 typedef int K9LogFlag;
 
+/* Log a message of `module` when its level is enabled. `code` is the result code that the failed
+ * operation returns. Any module name may appear at any time. */
 K9SYS_API void K9SYS_CALL K9LogInfoEx(const char* module, const char* format, ...);
 K9SYS_API void K9SYS_CALL K9LogWarningEx(const char* module, const char* format, ...);
 K9SYS_API void K9SYS_CALL K9LogErrorEx(const char* module, const char* format, ...);
@@ -53,7 +67,9 @@ K9SYS_API void K9SYS_CALL K9LogErrorWithCodeEx(uint32_t code, const char* module
                                                const char* format, ...);
 
 /* The registering variants: each logs like its plain twin when the site is enabled, and returns
- * the address of the site's flag. Called once for each call site, at its first execution. */
+ * the address of the site's flag, never null. Called at the first execution of each call site; by
+ * two threads at once it may be called twice, and must give the same address to both. The stand-in
+ * has one flag for each module and level; errors with and without a code share one. */
 K9SYS_API K9LogFlag* K9SYS_CALL trcheckEx_K9LogInfoEx_(const char* module, const char* format, ...);
 K9SYS_API K9LogFlag* K9SYS_CALL trcheckEx_K9LogInfoEx_0(const char* module, const char* format,
                                                         ...);
@@ -65,25 +81,29 @@ K9SYS_API K9LogFlag* K9SYS_CALL trcheckEx_K9LogErrorWithCodeEx_(uint32_t code, c
                                                                 const char* format, ...);
 
 /* Formats into `buffer` of `size` bytes; the text is cut to fit and always terminated when `size`
- * is not 0. Returns the number of characters written, the terminating zero not counted. */
+ * is not 0. Returns the number of characters in the buffer, the terminating zero not counted. */
 K9SYS_API uint32_t K9SYS_CALL K9SysSNPrintf(char* buffer, uint32_t size, const char* format, ...);
 
-/* Memory for small start blocks of threads; null when there is none. Freeing null does nothing. */
+/* Memory for small start blocks of threads, aligned for any type; null when there is none. Freed by
+ * any thread. Freeing null does nothing. */
 K9SYS_API void* K9SYS_CALL K9SysParserMemAlloc(size_t size);
 K9SYS_API void K9SYS_CALL K9SysParserMemFree(void* memory);
 
 /* Registers a loaded module and its version with the statistics service.
- * module        handle of the module, or of the calling process
+ * module        handle of the module (on POSIX: any address inside it); null is the program
  * product, version   texts of the build
  * registration  receives an id, non-zero, that unregisters the module
- * name, nameSize     buffer that receives the module's file name (255 characters are enough)
- * path, pathSize     buffer that receives the module's path (260 characters are enough)
- * Returns 0, or a result code; the module runs on without registration. */
+ * name, nameSize     buffer that receives the module's file name; 255 bytes are usual
+ * path, pathSize     buffer that receives the module's path; 260 bytes are usual
+ * Texts are cut to fit and terminated; a null buffer receives nothing. Returns 0; 1 for no memory;
+ * 2 for a null text or a null `registration`. On failure the buffers and the id are unchanged, and
+ * the module runs on without registration. */
 K9SYS_API uint32_t K9SYS_CALL K9MQStatSetBinaryModuleVersion(void* module, const char* product,
                                                              const char* version,
                                                              uint32_t* registration, char* name,
                                                              uint32_t nameSize, char* path,
                                                              uint32_t pathSize);
+/* An id that is not registered is ignored. */
 K9SYS_API void K9SYS_CALL K9MQStatUnregisterModule(uint32_t registration);
 
 /* ---------------------------------------------------------------------------------------------
@@ -99,22 +119,30 @@ typedef enum K9SysLogLevel {
 } K9SysLogLevel;
 
 /* Receives each message that is enabled. `code` is 0 unless the message carries a result code.
- * `text` is valid during the call only. Called on the logging thread, one call at a time. */
+ * `text` is valid during the call only. Called on the logging thread, one call at a time. It must
+ * not throw; what it logs itself is dropped. */
 typedef void(K9SYS_CALL* K9SysLogSink)(K9SysLogLevel level, const char* module, const char* text,
                                        uint32_t code, void* context);
 
 /* Sets the level of one module, or of every module when `module` is null (which also forgets all
- * levels set for single modules). Takes effect at once, at every call site. */
-K9SYS_API void K9SYS_CALL K9SysSetLogLevel(const char* module, K9SysLogLevel level);
+ * levels set for single modules). Takes effect at once, at every call site. Returns 0; 1 for no
+ * memory; 2 for a level that does not exist. On failure nothing changes. */
+K9SYS_API uint32_t K9SYS_CALL K9SysSetLogLevel(const char* module, K9SysLogLevel level);
 
-/* Sets levels as the environment variable K9SYS_LOG does: "warning", or
- * "k9eRepl-storage=info,***TP***=info", or both ("warning,***TP***=info"). Returns 0, or 2 for a
- * text that it does not understand, in which case nothing changes. */
+/* Replaces all levels by those of a list, as the environment variable K9SYS_LOG has it: "warning",
+ * or "k9eRepl-storage=info,***TP***=info", or both ("warning,***TP***=info"). Modules that are not
+ * named take the default, which is "error" unless the list has its own. Returns 0; 1 for no
+ * memory; 2 for a null or a text that it does not understand. On failure nothing changes. */
 K9SYS_API uint32_t K9SYS_CALL K9SysSetLogLevels(const char* levels);
 
 /* Sends messages to `sink` instead of the log file; a null sink goes back to the file. When it
  * returns, the previous sink is not running any more. Not to be called from inside a sink. */
 K9SYS_API void K9SYS_CALL K9SysSetLogSink(K9SysLogSink sink, void* context);
+
+/* Parser memory in use, in bytes asked for, and the most that may be in use (at the start
+ * SIZE_MAX); a lower limit lets allocations fail and takes nothing away. */
+K9SYS_API size_t K9SYS_CALL K9SysParserMemInUse(void);
+K9SYS_API void K9SYS_CALL K9SysSetParserMemLimit(size_t bytes);
 
 /* The number of modules that are registered at present. */
 K9SYS_API uint32_t K9SYS_CALL K9SysRegisteredModuleCount(void);

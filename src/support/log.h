@@ -33,35 +33,36 @@ inline bool LogSiteEnabled(K9LogFlag* flag) {
 
 }  // namespace k9erepl
 
-#define K9EREPL_LOG(registering, plain, format, ...)                                             \
-    do {                                                                                         \
-        static_assert(decltype(::k9erepl::LogArgsOf(format __VA_OPT__(, ) __VA_ARGS__))::Fit(format),                  \
-                      "the arguments do not fit the directives");                                \
-        static ::k9erepl::LogSite k9LogSite{nullptr};                                            \
-        K9LogFlag* const k9LogFlag = k9LogSite.load(std::memory_order_relaxed);                  \
-        if (k9LogFlag == nullptr) [[unlikely]] {                                                 \
-            k9LogSite.store(registering, std::memory_order_relaxed);                             \
-        } else if (::k9erepl::LogSiteEnabled(k9LogFlag)) [[unlikely]] {                          \
-            plain;                                                                               \
-        }                                                                                        \
+// `format` must be a string literal. The switch is read with acquire because it may have been
+// stored by another thread a moment ago; on x86 that is a plain load.
+#define K9EREPL_LOG(registering, plain, format, ...)                                         \
+    do {                                                                                     \
+        using K9LogArgs = decltype(::k9erepl::LogArgsOf(format __VA_OPT__(, ) __VA_ARGS__)); \
+        static_assert(K9LogArgs::Fit(format), "the arguments do not fit the directives");    \
+        static ::k9erepl::LogSite k9LogSite{nullptr};                                        \
+        K9LogFlag* const k9LogFlag = k9LogSite.load(std::memory_order_acquire);              \
+        if (k9LogFlag == nullptr) [[unlikely]] {                                             \
+            k9LogSite.store(registering, std::memory_order_release);                         \
+        } else if (::k9erepl::LogSiteEnabled(k9LogFlag)) [[unlikely]] {                      \
+            plain;                                                                           \
+        }                                                                                    \
     } while (false)
 
-#define LOG_INFO(module, format, ...)                                                            \
-    K9EREPL_LOG(trcheckEx_K9LogInfoEx_(module, format __VA_OPT__(, ) __VA_ARGS__),               \
-                K9LogInfoEx(module, format __VA_OPT__(, ) __VA_ARGS__),                          \
+#define LOG_INFO(module, format, ...)                                              \
+    K9EREPL_LOG(trcheckEx_K9LogInfoEx_(module, format __VA_OPT__(, ) __VA_ARGS__), \
+                K9LogInfoEx(module, format __VA_OPT__(, ) __VA_ARGS__),            \
                 format __VA_OPT__(, ) __VA_ARGS__)
-#define LOG_WARNING(module, format, ...)                                                         \
-    K9EREPL_LOG(trcheckEx_K9LogWarningEx_(module, format __VA_OPT__(, ) __VA_ARGS__),            \
-                K9LogWarningEx(module, format __VA_OPT__(, ) __VA_ARGS__),                       \
+#define LOG_WARNING(module, format, ...)                                              \
+    K9EREPL_LOG(trcheckEx_K9LogWarningEx_(module, format __VA_OPT__(, ) __VA_ARGS__), \
+                K9LogWarningEx(module, format __VA_OPT__(, ) __VA_ARGS__),            \
                 format __VA_OPT__(, ) __VA_ARGS__)
-#define LOG_ERROR(module, format, ...)                                                           \
-    K9EREPL_LOG(trcheckEx_K9LogErrorEx_(module, format __VA_OPT__(, ) __VA_ARGS__),              \
-                K9LogErrorEx(module, format __VA_OPT__(, ) __VA_ARGS__),                         \
+#define LOG_ERROR(module, format, ...)                                              \
+    K9EREPL_LOG(trcheckEx_K9LogErrorEx_(module, format __VA_OPT__(, ) __VA_ARGS__), \
+                K9LogErrorEx(module, format __VA_OPT__(, ) __VA_ARGS__),            \
                 format __VA_OPT__(, ) __VA_ARGS__)
-#define LOG_ERROR_CODE(code, module, format, ...)                                                \
-    K9EREPL_LOG(                                                                                 \
-        trcheckEx_K9LogErrorWithCodeEx_(code, module, format __VA_OPT__(, ) __VA_ARGS__),        \
-        K9LogErrorWithCodeEx(code, module, format __VA_OPT__(, ) __VA_ARGS__),                   \
-        format __VA_OPT__(, ) __VA_ARGS__)
+#define LOG_ERROR_CODE(code, module, format, ...)                                                 \
+    K9EREPL_LOG(trcheckEx_K9LogErrorWithCodeEx_(code, module, format __VA_OPT__(, ) __VA_ARGS__), \
+                K9LogErrorWithCodeEx(code, module, format __VA_OPT__(, ) __VA_ARGS__),            \
+                format __VA_OPT__(, ) __VA_ARGS__)
 
 #endif  // K9EREPL_SUPPORT_LOG_H

@@ -11,7 +11,7 @@
 
 namespace k9erepl {
 
-enum class LogArg : u8 { kInt, kUnsigned, kI64, kU64, kSize, kDouble, kText, kPointer, kOther };
+enum class LogArg : u8 { kInt, kUnsigned, kI64, kU64, kDouble, kText, kPointer, kOther };
 
 template <typename T>
 constexpr LogArg LogArgKind() {
@@ -88,9 +88,9 @@ struct LogArgs {
                 format.remove_prefix(1);
                 continue;
             }
-            while (!format.empty() && (log_format_detail::kFlags.find(format.front()) !=
-                                           std::string_view::npos ||
-                                       format.front() == '*')) {
+            while (!format.empty() &&
+                   (log_format_detail::kFlags.find(format.front()) != std::string_view::npos ||
+                    format.front() == '*')) {
                 if (format.front() == '*' && (used == kCount || kKinds[used++] != LogArg::kInt)) {
                     return false;
                 }

@@ -16,6 +16,7 @@ class TimingSet {
     TimingSet();
 
     // Adds a counter and returns its index; a name that exists keeps its counter and is logged.
+    // Throws std::bad_alloc; nothing else here allocates.
     u32 Register(const char* name);
 
     // Start begins an interval; a counter that runs already is logged and loses what it gathered.
@@ -41,6 +42,7 @@ class TimingSet {
         char text[kTextSize] = {};
     };
 
+    static void Clear(Counter& counter);
     void Format(Counter& counter) const;
 
     double m_ticksPerMicrosecond = -1.0;
