@@ -26,21 +26,24 @@ class CBlocksPoolManager {
     void SetBlockSize(u32 size) { m_blockSize = size; }
     // The most free blocks to keep. Reserves room for that many pointers, so that ReleaseBlock
     // never allocates; false when there is no memory for that (the limit is then unchanged).
+    // Blocks that are free already stay, also above a lower limit.
     bool SetMaxBlocks(u32 limit);
 
     // A block whose bytes are not set; null, after an error is logged, when there is no memory.
     void* AllocBlock();
-    // Takes back a block from AllocBlock.
+    // Takes back a block from AllocBlock. REQUIRES: block is not null.
     void ReleaseBlock(void* block);
     // Gives every free block back to the heap.
     void FreeAll();
 
   private:
+    void* TakeFree();
+
     u32 m_blockSize;
 
     platform::RecursiveLock m_lock;
-    u32 m_freeBlockLimit;        // guarded by m_lock
-    std::vector<void*> m_free;   // guarded by m_lock; never longer than the limit
+    u32 m_freeBlockLimit;       // guarded by m_lock
+    std::vector<void*> m_free;  // guarded by m_lock; its capacity is at least the limit
 };
 
 }  // namespace k9erepl

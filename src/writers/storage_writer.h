@@ -6,6 +6,7 @@
 #include <k9erepl/storage.h>
 
 #include <atomic>
+#include <optional>
 #include <string>
 
 #include "memory/repl_block.h"
@@ -40,7 +41,7 @@ class StorageWriter {
     // its commitRev. `memoryBlock` is the block that holds `data`, null when none does.
     // `lastRevision` is only logged. `filePosition` may be null; if it holds kUnknownOffset it
     // receives the offset at which `data` begins.
-    // A failure leaves the write position where it was.
+    // A failure leaves the write position and *filePosition as they were.
     virtual u32 Write(u8* data, u32 size, TCommitBlock* commitBlock, K9eReplBlock* memoryBlock,
                       i64 lastRevision, std::atomic<i64>* filePosition) = 0;
 
@@ -52,14 +53,19 @@ class StorageWriter {
     // Remembers the write position, the last commit sequence and the last flushed revision.
     virtual u32 BeginTransaction() = 0;
     // Goes back to what BeginTransaction remembered: the next write overwrites the transaction,
-    // and its commit block links to the one before the transaction.
+    // and its commit block links to the one before the transaction. Does nothing when no
+    // transaction was begun since the last SetWritePos. RC_SYSTEM_ERROR says that the file
+    // pointer did not follow; everything else has gone back, and the next write moves the pointer.
     virtual u32 Rollback() = 0;
 
-    // With the setting force_flush: returns when everything written is on the disk.
+    // With the setting force_flush: returns when everything written is on the disk. After a
+    // failure the system may have dropped what it could not store: whoever gets one must roll
+    // back and write again before the next FlushFile.
     virtual u32 FlushFile() = 0;
 
-    // Makes `position` the write position. Without `doSeek` the file pointer stands there already.
-    // `tailAbandoned` says that bytes behind it may look like items of the file.
+    // Makes `position` the write position and forgets the transaction. With `doSeek` the file
+    // pointer is moved at once, and nothing changes when that fails; else by the next write.
+    // `tailAbandoned` says that bytes behind the position may look like items of the file.
     u32 SetWritePos(i64 position, bool doSeek, bool tailAbandoned = false);
     // Opens another file in place of the present one, which stays when that fails.
     u32 ReopenFile(const std::string& path, bool writeThrough);
@@ -70,17 +76,22 @@ class StorageWriter {
     const std::atomic<i64>& WritePosRef() const { return m_fileCurrWritePos; }
 
   protected:
-    // What writing a piece is, whoever performs it: growth, stamp, write, notification.
+    // What writing a piece is, whoever performs it: preparation, stamp, write, notification.
     u32 WriteNow(u8* data, u32 size, TCommitBlock* commitBlock, i64 lastRevision,
                  std::atomic<i64>* filePosition);
-    void RememberTransactionStart();
+    // Rollback will go back to `position`, and to the present sequence and revision.
+    u32 RememberTransactionStart(i64 position);
     u32 RollbackNow();
     u32 FlushNow();
 
-    // Zeroes what lies beyond the write position when that is needed; see the class comment.
-    u32 ClearAbandonedTail();
-    // Grows the file by one step when `size` more bytes would pass its recorded size.
-    u32 ExpandFileFor(u32 size);
+    // The steps of WriteNow. PrepareWrite makes the file ready to take `size` bytes at the write
+    // position: it clears an abandoned tail, grows the file by one step when the bytes would pass
+    // its recorded size, and puts the file pointer in place.
+    u32 PrepareWrite(u32 size);
+    // Sets prevSequence and clearRev.
+    void Stamp(TCommitBlock& commitBlock) const;
+    // Writes at the file pointer and advances the write position.
+    u32 WriteBytes(const void* data, u32 size);
 
     StorageFileState& m_state;
     platform::File m_file;
@@ -90,16 +101,22 @@ class StorageWriter {
 
   private:
     struct TransactionStart {
-        i64 position = 0;
-        i64 lastFlushedRev = 0;
-        u32 lastCommitSequence = 0;
+        i64 position;
+        i64 lastFlushedRev;
+        u32 lastCommitSequence;
     };
 
+    u32 ClearAbandonedTail();
+    bool ZeroTail(i64 position);
+    u32 SeekToWritePos();
     u32 ExpandFile();
 
     const i64 m_growthStep;
-    TransactionStart m_transStart;
+    std::optional<TransactionStart> m_transStart;
+    // Items may lie beyond the write position. Falls only when ClearAbandonedTail succeeds.
     bool m_tailAbandoned = false;
+    // The file pointer is known to stand at the write position.
+    bool m_pointerInPlace = false;
 };
 
 }  // namespace k9erepl

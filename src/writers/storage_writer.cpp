@@ -1,0 +1,244 @@
+// What all writers share: the file handle, positions, growth, and the clearing of abandoned bytes;
+// see storage_writer.h. Called by the writers, and by the storage file for SetWritePos and
+// ReopenFile.
+#include "writers/storage_writer.h"
+
+#include <algorithm>
+#include <cassert>
+#include <cstddef>
+
+#include "platform/system_error.h"
+#include "support/log.h"
+#include "support/storage_exception.h"
+
+namespace k9erepl {
+
+namespace {
+
+StorageFileState& NotNull(StorageFileState* state) {
+    if (state == nullptr) {
+        throw K9eStorageException(RC_INVALID_ARG);
+    }
+    return *state;
+}
+
+u32 OpenForWriting(platform::File& file, const std::string& path, bool writeThrough) {
+    platform::FileOpenRequest request;
+    request.writeThrough = writeThrough;
+    if (!file.Open(path.c_str(), request)) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Failed to create file '%s';sys-err %r",
+                       path.c_str(), platform::LastSystemError());
+        return RC_SYSTEM_ERROR;
+    }
+    return RC_OK;
+}
+
+}  // namespace
+
+StorageWriter::StorageWriter(StorageFileState* state)
+    : m_state(NotNull(state)),
+      m_fileCurrWritePos(m_state.fileSize.load(std::memory_order_relaxed)),
+      m_growthStep(m_state.fileSizeDelta) {
+    if (const u32 rc = OpenForWriting(m_file, m_state.path, m_state.writeThrough); rc != RC_OK) {
+        throw K9eStorageException(rc);
+    }
+}
+
+u32 StorageWriter::SetWritePos(i64 position, bool doSeek, bool tailAbandoned) {
+    if (doSeek && !m_file.Seek(position)) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
+                       "Cannot seek to write pos;offset %I64d, sys-err %r", position,
+                       platform::LastSystemError());
+        return RC_SYSTEM_ERROR;
+    }
+    m_pointerInPlace = doSeek;
+    m_tailAbandoned = m_tailAbandoned || tailAbandoned;
+    m_transStart.reset();
+    m_fileCurrWritePos.store(position, std::memory_order_release);
+    return RC_OK;
+}
+
+u32 StorageWriter::ReopenFile(const std::string& path, bool writeThrough) {
+    if (const u32 rc = OpenForWriting(m_file, path, writeThrough); rc != RC_OK) {
+        return rc;
+    }
+    m_pointerInPlace = false;
+    return RC_OK;
+}
+
+u32 StorageWriter::WriteNow(u8* data, u32 size, TCommitBlock* commitBlock, i64 lastRevision,
+                            std::atomic<i64>* filePosition) {
+    assert(commitBlock == nullptr ||
+           reinterpret_cast<u8*>(commitBlock) + kCommitBlockSize == data + size);
+    if (!m_file.IsOpen()) {
+        return RC_NO_WRITER;
+    }
+    if (const u32 rc = PrepareWrite(size); rc != RC_OK) {
+        return rc;
+    }
+    if (commitBlock != nullptr) {
+        Stamp(*commitBlock);
+    }
+    const i64 offset = WritePos();
+    if (const u32 rc = WriteBytes(data, size); rc != RC_OK) {
+        return rc;
+    }
+    if (filePosition != nullptr) {
+        i64 unknown = kUnknownOffset;
+        filePosition->compare_exchange_strong(unknown, offset);
+    }
+    if (commitBlock != nullptr) {
+        m_state.lastCommitSequence.store(commitBlock->sequence, std::memory_order_release);
+        // Foreign code, which may come back in: everything of ours is settled before it.
+        m_state.onWritten.Call(commitBlock->commitRev);
+    }
+    LOG_INFO(kLogStorage, "Written data size %P, last rev %I64d", std::size_t{size}, lastRevision);
+    return RC_OK;
+}
+
+u32 StorageWriter::RememberTransactionStart(i64 position) {
+    if (!m_file.IsOpen()) {
+        return RC_NO_WRITER;
+    }
+    m_transStart = {position, m_state.lastFlushedRev.load(std::memory_order_acquire),
+                    m_state.lastCommitSequence.load(std::memory_order_acquire)};
+    return RC_OK;
+}
+
+u32 StorageWriter::RollbackNow() {
+    if (!m_file.IsOpen()) {
+        return RC_NO_WRITER;
+    }
+    if (!m_transStart) {
+        return RC_OK;
+    }
+    assert(m_transStart->position <= WritePos());
+    const i64 position = m_transStart->position;
+    m_tailAbandoned = m_tailAbandoned || position < WritePos();
+    m_fileCurrWritePos.store(position, std::memory_order_release);
+    m_state.lastFlushedRev.store(m_transStart->lastFlushedRev, std::memory_order_release);
+    m_state.lastCommitSequence.store(m_transStart->lastCommitSequence, std::memory_order_release);
+    m_pointerInPlace = m_file.Seek(position);
+    if (!m_pointerInPlace) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Cannot seek to the pos (%I64d);sys-err %r",
+                       position, platform::LastSystemError());
+        return RC_SYSTEM_ERROR;
+    }
+    return RC_OK;
+}
+
+u32 StorageWriter::FlushNow() {
+    if (!m_file.IsOpen()) {
+        return RC_NO_WRITER;
+    }
+    if (!m_state.forceFlush) {
+        return RC_OK;
+    }
+    LOG_INFO(kLogStorage, "FlushFile flushedRev %I64d",
+             m_state.lastFlushedRev.load(std::memory_order_acquire));
+    if (!m_file.FlushToDisk()) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "FlushFileBuffers failed;sys-err %r",
+                       platform::LastSystemError());
+        return RC_SYSTEM_ERROR;
+    }
+    return RC_OK;
+}
+
+u32 StorageWriter::PrepareWrite(u32 size) {
+    if (m_tailAbandoned) {
+        if (const u32 rc = ClearAbandonedTail(); rc != RC_OK) {
+            return rc;
+        }
+    }
+    const i64 recordedSize = m_state.fileSize.load(std::memory_order_acquire);
+    if (m_growthStep > 0 && WritePos() + size > recordedSize) {
+        return ExpandFile();
+    }
+    return m_pointerInPlace ? RC_OK : SeekToWritePos();
+}
+
+void StorageWriter::Stamp(TCommitBlock& commitBlock) const {
+    commitBlock.prevSequence = m_state.lastCommitSequence.load(std::memory_order_acquire);
+    commitBlock.clearRev = m_state.clearRev.load(std::memory_order_acquire);
+}
+
+u32 StorageWriter::WriteBytes(const void* data, u32 size) {
+    assert(m_pointerInPlace);
+    const i64 position = WritePos();
+    LOG_INFO(kLogStorage, "Write to Handle: 0x%p Data: 0x%p Size: %P m_fileCurrWritePos: %llu ",
+             m_file.Native(), data, std::size_t{size}, static_cast<u64>(position));
+    u32 put = 0;
+    if (!m_file.Write(data, size, &put)) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Cannot write data;sys-err %r",
+                       platform::LastSystemError());
+        m_tailAbandoned = true;
+        m_pointerInPlace = false;
+        return RC_SYSTEM_ERROR;
+    }
+    m_fileCurrWritePos.store(position + size, std::memory_order_release);
+    return RC_OK;
+}
+
+u32 StorageWriter::ClearAbandonedTail() {
+    const i64 position = WritePos();
+    m_pointerInPlace = false;
+    if (!ZeroTail(position) || (m_state.forceFlush && !m_file.FlushToDisk())) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
+                       "Cannot clear abandoned data;offset %I64d,sys-err %r", position,
+                       platform::LastSystemError());
+        return RC_SYSTEM_ERROR;
+    }
+    m_tailAbandoned = false;
+    return RC_OK;
+}
+
+// Cutting the file and extending it again makes the system deliver zeros there: at no cost for a
+// large file, and with no need of disk space when the disk is full.
+bool StorageWriter::ZeroTail(i64 position) {
+    i64 size = 0;
+    if (!m_file.GetSize(&size)) {
+        return false;
+    }
+    if (size <= position) {
+        return true;
+    }
+    if (!m_file.SetEnd(position)) {
+        return false;
+    }
+    if (!m_file.SetEnd(size)) {
+        m_state.fileSize.store(position, std::memory_order_release);
+        return false;
+    }
+    LOG_INFO(kLogStorage, "Abandoned data was cleared;offset %I64d,file size %I64d", position,
+             size);
+    return true;
+}
+
+u32 StorageWriter::SeekToWritePos() {
+    const i64 position = WritePos();
+    m_pointerInPlace = m_file.Seek(position);
+    if (!m_pointerInPlace) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Cannot seek to offset %I64d;sys-err %r",
+                       position, platform::LastSystemError());
+        return RC_SYSTEM_ERROR;
+    }
+    return RC_OK;
+}
+
+u32 StorageWriter::ExpandFile() {
+    const i64 newSize = m_state.fileSize.fetch_add(m_growthStep) + m_growthStep;
+    m_pointerInPlace = false;
+    // A single write may have passed the recorded size by more than one step.
+    if (!m_file.SetEnd(std::max(newSize, WritePos()))) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Cannot expand file by (%I64d);sys-err %r",
+                       m_growthStep, platform::LastSystemError());
+        return RC_SYSTEM_ERROR;
+    }
+    if (const u32 rc = SeekToWritePos(); rc != RC_OK) {
+        return rc;
+    }
+    LOG_INFO(kLogStorage, "File was expanded; new size %I64d ", newSize);
+    return RC_OK;
+}
+
+}  // namespace k9erepl
