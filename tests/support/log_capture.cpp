@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <utility>
 
-namespace k9erepl::testing {
+namespace k9erepl::test {
 
 namespace {
 
@@ -132,4 +132,4 @@ std::ostream& operator<<(std::ostream& out, const LogCapture& capture) {
     return out;
 }
 
-}  // namespace k9erepl::testing
+}  // namespace k9erepl::test

@@ -18,7 +18,7 @@
 #include <string_view>
 #include <vector>
 
-namespace k9erepl::testing {
+namespace k9erepl::test {
 
 struct LoggedMessage {
     K9SysLogLevel level = K9SYS_LOG_OFF;
@@ -73,6 +73,6 @@ class LogCapture {
 // All messages, one a line.
 std::ostream& operator<<(std::ostream& out, const LogCapture& capture);
 
-}  // namespace k9erepl::testing
+}  // namespace k9erepl::test
 
 #endif  // K9EREPL_TESTS_SUPPORT_LOG_CAPTURE_H
