@@ -1,0 +1,153 @@
+// The replaced global operators new and delete. Every form is replaced, so that each piece of
+// memory comes from and returns to the C heap, whoever allocated it.
+#include "support/new_fault.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+
+#ifdef _WIN32
+#include <malloc.h>
+#endif
+
+namespace k9erepl::testing {
+namespace {
+
+thread_local bool t_armed = false;
+thread_local u64 t_callsLeft = 0;  // until the failure, while armed; 0 when it has struck
+thread_local u64 t_calls = 0;
+
+bool FailsNow() {
+    ++t_calls;
+    return t_armed && t_callsLeft != 0 && --t_callsLeft == 0;
+}
+
+void* AllocOrNull(std::size_t size) {
+    return FailsNow() ? nullptr : std::malloc(size == 0 ? 1 : size);
+}
+
+void* AllocOrThrow(std::size_t size) {
+    void* memory = AllocOrNull(size);
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
+    return memory;
+}
+
+void* AlignedAllocOrNull(std::size_t size, std::align_val_t alignment) {
+    if (FailsNow()) {
+        return nullptr;
+    }
+    const auto align = static_cast<std::size_t>(alignment);
+    const std::size_t pieces = size / align + (size % align != 0 || size == 0 ? 1 : 0);
+#ifdef _WIN32
+    return _aligned_malloc(pieces * align, align);
+#else
+    return std::aligned_alloc(align, pieces * align);
+#endif
+}
+
+void* AlignedAllocOrThrow(std::size_t size, std::align_val_t alignment) {
+    void* memory = AlignedAllocOrNull(size, alignment);
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
+    return memory;
+}
+
+void AlignedFree(void* memory) {
+#ifdef _WIN32
+    _aligned_free(memory);
+#else
+    std::free(memory);
+#endif
+}
+
+}  // namespace
+
+FailNthNew::FailNthNew(u32 nth) {
+    if (nth == 0 || t_armed) {
+        (void)std::fputs("FailNthNew: counted from 1, one at a time\n", stderr);
+        std::abort();
+    }
+    t_callsLeft = nth;
+    t_armed = true;
+}
+
+FailNthNew::~FailNthNew() {
+    t_armed = false;
+}
+
+bool FailNthNew::Struck() const {
+    return t_callsLeft == 0;
+}
+
+u64 NewCallsOfThisThread() {
+    return t_calls;
+}
+
+}  // namespace k9erepl::testing
+
+using namespace k9erepl::testing;  // the operators below stand outside every namespace
+
+void* operator new(std::size_t size) {
+    return AllocOrThrow(size);
+}
+void* operator new[](std::size_t size) {
+    return AllocOrThrow(size);
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return AllocOrNull(size);
+}
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+    return AllocOrNull(size);
+}
+void* operator new(std::size_t size, std::align_val_t alignment) {
+    return AlignedAllocOrThrow(size, alignment);
+}
+void* operator new[](std::size_t size, std::align_val_t alignment) {
+    return AlignedAllocOrThrow(size, alignment);
+}
+void* operator new(std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
+    return AlignedAllocOrNull(size, alignment);
+}
+void* operator new[](std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
+    return AlignedAllocOrNull(size, alignment);
+}
+
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, const std::nothrow_t&) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory, const std::nothrow_t&) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::align_val_t) noexcept {
+    AlignedFree(memory);
+}
+void operator delete[](void* memory, std::align_val_t) noexcept {
+    AlignedFree(memory);
+}
+void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
+    AlignedFree(memory);
+}
+void operator delete[](void* memory, std::size_t, std::align_val_t) noexcept {
+    AlignedFree(memory);
+}
+void operator delete(void* memory, std::align_val_t, const std::nothrow_t&) noexcept {
+    AlignedFree(memory);
+}
+void operator delete[](void* memory, std::align_val_t, const std::nothrow_t&) noexcept {
+    AlignedFree(memory);
+}
