@@ -6,23 +6,21 @@
 #include <k9erepl/storage_interfaces.h>
 
 #include <atomic>
+#include <memory>
 #include <string>
-#include <vector>
 
 #include "index/block_index.h"
-#include "index/index_image.h"
-#include "platform/event.h"
-#include "platform/file.h"
+#include "index/index_save_mode.h"
 #include "platform/int_types.h"
 #include "platform/thread.h"
-#include "support/timing_set.h"
+#include "support/parser_memory.h"
 
 namespace k9erepl {
 
-enum class IndexSaveMode { kSync, kAsync };
+class IndexWorker;
 
-// Start, Stop and RequestSave are called under the storage's lock (Stop also while the storage is
-// torn down); the tests of flags from anywhere.
+// Start, Stop, RequestSave and StartOver are called under the storage's lock (Stop also while the
+// storage is torn down), never from the idle call; the tests of flags from anywhere.
 class IndexObject {
   public:
     // Reads index_file or file, and aux_affinity. `idle` is called every `waitMs` milliseconds
@@ -37,19 +35,49 @@ class IndexObject {
 
     const std::string& Path() const { return m_path; }
 
-    // Makes the file anew, without entries, and starts the thread. The next save writes
-    // everything. Errors: RC_SYSTEM_ERROR, RC_NO_MEMORY.
+    // Makes the file anew, without entries, and starts the thread, after stopping one that is
+    // still there. The next save writes everything. Errors: RC_SYSTEM_ERROR, RC_NO_MEMORY.
     u32 Start();
+    // Ends the thread, after the save in progress, and closes the file. Waits at most 20 seconds
+    // or, if a save takes that long, one more; then the thread is terminated.
     void Stop();
 
     // Saves what is new in `blockIndex` since the last save, as far as it is in the storage file.
-    // kSync writes the file before it returns; kAsync leaves that to the thread.
-    // Errors: those of writing the file (kSync), RC_NO_MEMORY.
+    // kSync writes the file before it returns; kAsync leaves that to the thread, whose failure
+    // shows as IsFinished(); when no thread runs it does nothing. Waits for a save in progress.
+    // Errors: RC_SYSTEM_ERROR when the file cannot be written (kSync), RC_NO_MEMORY.
     u32 RequestSave(const BlockIndex& blockIndex, IndexSaveMode mode);
+
+    // The next save writes everything, even when nothing changed: entries that were saved are not
+    // valid any more. Waits for a save in progress.
+    void StartOver();
 
     // Whether a save is in progress or requested; whether no thread runs.
     bool IsBusy() const;
     bool IsFinished() const;
+
+  private:
+    using ThreadRecord = std::unique_ptr<platform::Thread, ParserMemoryDeleter>;
+
+    bool MakeWorker();
+    u32 RunThread(IndexWorker& worker);
+    u32 LaunchThread(IndexWorker& worker);
+    void AbandonLaunch(IndexWorker& worker);
+    u32 RequestWithoutWorker(IndexSaveMode mode) const;
+    static u32 WaitForSave(const IndexWorker& worker);
+    bool EndThread(u32 joinMs);
+    void GiveUpThread();
+
+    const std::string m_path;
+    IK9eReplDS& m_idle;
+    const u32 m_blockSize;
+    const u32 m_waitMs;
+    u32 m_affinity = 0;  // 0: as the system likes
+
+    ThreadRecord m_thread;  // from Start to Stop
+    // Null after a thread was given up together with its worker. Workers are not freed while this
+    // object lives, so that flags can be tested without a lock.
+    std::atomic<IndexWorker*> m_worker{nullptr};
 };
 
 }  // namespace k9erepl

@@ -1,0 +1,222 @@
+// Finds, reads and deletes the index file. Nothing in the file is believed until it is checked.
+#include "index/index_file.h"
+
+#include <k9erepl/storage.h>
+
+#include <algorithm>
+#include <cassert>
+#include <cstring>
+#include <new>
+
+#include "platform/file.h"
+#include "platform/file_names.h"
+#include "platform/memory.h"
+#include "platform/system_error.h"
+#include "support/log.h"
+#include "support/params.h"
+
+namespace k9erepl {
+
+namespace {
+
+constexpr const char* kExtension = "edb-idx";
+constexpr const char* kExtensionSuffix = "-idx";
+constexpr const char* kInMemory = ":memory:";
+constexpr u32 kReadBufferSize = 1024 * 1024;
+
+static_assert(kReadBufferSize % sizeof(TIndexEntry) == 0, "an entry never spans two reads");
+
+constexpr platform::FileOpenRequest kReadRequest = {
+    .access = platform::FileAccess::kRead,
+    .disposition = platform::FileDisposition::kOpenExisting,
+    .sharing = platform::FileSharing::kRead,
+    .sequentialScan = true,
+};
+
+std::string DeriveName(const std::string& storagePath) {
+    const std::size_t dot = storagePath.rfind('.');
+    const std::size_t separator = storagePath.find_last_of("/\\");
+    const bool hasDot =
+        dot != std::string::npos && (separator == std::string::npos || dot > separator);
+    if (!hasDot) {
+        return storagePath + "." + kExtension;
+    }
+    const bool hasExtension = dot + 1 < storagePath.size();
+    return hasExtension ? storagePath + kExtensionSuffix : storagePath + kExtension;
+}
+
+// One reading of one index file.
+class IndexFileReader {
+  public:
+    explicit IndexFileReader(const std::string& path) : m_path(path) {}
+
+    // On failure *content may hold some entries.
+    u32 Read(IndexFileContent* content);
+
+  private:
+    u32 Open();
+    u32 ReadHeader();
+    u32 CheckHeader();
+    u32 ReadEntries(std::vector<TIndexEntry>* entries);
+    u32 ReadPart(void* data, u32 size);
+    u32 TakeEntries(u32 count, std::vector<TIndexEntry>* entries);
+
+    const std::string& m_path;
+    platform::File m_file;
+    platform::MemoryBuffer m_buffer;
+    TIndexHeader m_header = {};
+    TIndexEntry m_last = {.rev = 0, .offset = -1};  // every entry is above the one before it
+    u32 m_checksum = 0;
+};
+
+u32 IndexFileReader::Read(IndexFileContent* content) {
+    u32 rc = Open();
+    if (rc == RC_OK) {
+        rc = ReadHeader();
+    }
+    if (rc == RC_OK) {
+        rc = CheckHeader();
+    }
+    if (rc == RC_OK) {
+        rc = ReadEntries(&content->entries);
+    }
+    if (rc != RC_OK) {
+        return rc;
+    }
+    if (m_checksum != m_header.checksum) {
+        LOG_WARNING(kLogIndex, "Wrong checksum");
+        return RC_NOT_FOUND;
+    }
+    content->blockSize = m_header.blockSize;
+    LOG_INFO(kLogIndex, "Index file seems to be valid (%u idx, sz %u)", u32{m_header.count},
+             u32{m_header.blockSize});
+    return RC_OK;
+}
+
+u32 IndexFileReader::Open() {
+    if (!m_file.Open(m_path.c_str(), kReadRequest)) {
+        LOG_WARNING(kLogIndex, "Couldn't open file '%s'; err %R, syserr %r", m_path.c_str(),
+                    u32{RC_SYSTEM_ERROR}, platform::LastSystemError());
+        return RC_SYSTEM_ERROR;
+    }
+    m_buffer = platform::AllocBuffer(kReadBufferSize);
+    if (m_buffer == nullptr) {
+        LOG_ERROR_CODE(RC_NO_MEMORY, kLogIndex, "Couldn't allocate buffer");
+        return RC_NO_MEMORY;
+    }
+    return RC_OK;
+}
+
+u32 IndexFileReader::ReadHeader() {
+    const u32 rc = ReadPart(&m_header, sizeof m_header);
+    if (rc != RC_OK) {
+        LOG_WARNING(kLogIndex, "Couldn't read header; err %R", rc);
+    }
+    return rc;
+}
+
+u32 IndexFileReader::CheckHeader() {
+    i64 size = 0;
+    const bool hasSize = m_file.GetSize(&size);
+    const bool isValid =
+        hasSize && std::memcmp(m_header.magic, kIndexMagic, kIndexMagicSize) == 0 &&
+        m_header.version == kIndexVersion &&
+        size == i64{sizeof(TIndexHeader)} + i64{sizeof(TIndexEntry)} * i64{m_header.count};
+    if (!isValid) {
+        LOG_WARNING(kLogIndex, "Check file header failed");
+    }
+    if (!hasSize) {
+        return RC_SYSTEM_ERROR;
+    }
+    return isValid ? RC_OK : RC_NOT_FOUND;
+}
+
+// The entries' memory grows with what was read and checked, whatever the header claims.
+u32 IndexFileReader::ReadEntries(std::vector<TIndexEntry>* entries) {
+    constexpr u32 kMaxPart = kReadBufferSize / sizeof(TIndexEntry);
+    u32 part = 0;
+    for (u32 left = m_header.count; left != 0; left -= part) {
+        part = std::min(left, kMaxPart);
+        u32 rc = ReadPart(m_buffer.get(), part * u32{sizeof(TIndexEntry)});
+        if (rc != RC_OK) {
+            LOG_WARNING(kLogIndex, "Couldn't read file; err %R; syserr %r", rc,
+                        platform::LastSystemError());
+            return rc;
+        }
+        rc = TakeEntries(part, entries);
+        if (rc != RC_OK) {
+            return rc;
+        }
+    }
+    return RC_OK;
+}
+
+u32 IndexFileReader::ReadPart(void* data, u32 size) {
+    u32 got = 0;
+    if (!m_file.Read(data, size, &got)) {
+        return RC_SYSTEM_ERROR;
+    }
+    return got == size ? RC_OK : RC_SHORT_READ;
+}
+
+u32 IndexFileReader::TakeEntries(u32 count, std::vector<TIndexEntry>* entries) {
+    assert(count <= kReadBufferSize / sizeof(TIndexEntry));
+    for (u32 i = 0; i < count; ++i) {
+        TIndexEntry entry;
+        std::memcpy(&entry, m_buffer.get() + i * sizeof entry, sizeof entry);
+        if (entry.rev <= m_last.rev || entry.offset <= m_last.offset) {
+            LOG_WARNING(kLogIndex, "Wrong index data");
+            return RC_NOT_FOUND;
+        }
+        m_checksum ^= IndexEntryChecksum(entry.rev, entry.offset);
+        entries->push_back(entry);
+        m_last = entry;
+    }
+    return RC_OK;
+}
+
+}  // namespace
+
+std::string IndexFileName(const char* connStr) {
+    assert(connStr != nullptr);
+    std::string path;
+    GetParam(connStr, "index_file", path);
+    if (!path.empty()) {
+        return path;
+    }
+    GetParam(connStr, "file", path);
+    if (path.empty() || path == kInMemory) {
+        return std::string();
+    }
+    return DeriveName(path);
+}
+
+u32 ReadIndexFile(const std::string& path, IndexFileContent* content) {
+    assert(content != nullptr);
+    u32 rc = RC_OK;
+    IndexFileContent found;
+    try {
+        rc = IndexFileReader(path).Read(&found);
+    } catch (const std::bad_alloc&) {
+        rc = RC_NO_MEMORY;
+        LOG_ERROR_CODE(rc, kLogIndex, "Couldn't allocate buffer");
+    }
+    *content = rc == RC_OK ? std::move(found) : IndexFileContent();
+    return rc;
+}
+
+u32 DeleteIndexFile(const char* connStr) {
+    const std::string path = IndexFileName(connStr);
+    if (path.empty()) {
+        return RC_OK;
+    }
+    if (!platform::RemoveFile(path)) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogIndex, "Cannot delete index file;path '%s'",
+                       path.c_str());
+        return RC_SYSTEM_ERROR;
+    }
+    LOG_INFO(kLogIndex, "Deleted index file '%s'", path.c_str());
+    return RC_OK;
+}
+
+}  // namespace k9erepl

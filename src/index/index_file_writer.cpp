@@ -1,0 +1,84 @@
+// The writes of the index file.
+#include "index/index_file_writer.h"
+
+#include <k9erepl/storage.h>
+
+#include <cassert>
+#include <cstddef>
+#include <utility>
+
+#include "platform/file_names.h"
+#include "platform/system_error.h"
+#include "support/log.h"
+
+namespace k9erepl {
+
+namespace {
+
+constexpr platform::FileOpenRequest kCreateRequest = {
+    .access = platform::FileAccess::kReadWrite,
+    .disposition = platform::FileDisposition::kCreateAlways,
+    .sharing = platform::FileSharing::kRead,
+};
+
+}  // namespace
+
+IndexFileWriter::IndexFileWriter(std::string path) : m_path(std::move(path)) {}
+
+u32 IndexFileWriter::Create(const IndexImage& image) {
+    assert(image.IsWhole() && image.TailSize() == 0);
+    if (!platform::MakeParentDirectories(m_path)) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogIndex, "Couldn't create directory for '%s'; sysErr %r",
+                       m_path.c_str(), platform::LastSystemError());
+        return RC_SYSTEM_ERROR;
+    }
+    if (!m_file.Open(m_path.c_str(), kCreateRequest)) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogIndex, "Couldn't open file '%s'; sysErr %r",
+                       m_path.c_str(), platform::LastSystemError());
+        return RC_SYSTEM_ERROR;
+    }
+    if (!WriteAt(0, image.Header(), sizeof(TIndexHeader))) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogIndex,
+                       "Couldn't write file header;file '%s'; sysErr %r", m_path.c_str(),
+                       platform::LastSystemError());
+        m_file.Close();
+        return RC_SYSTEM_ERROR;
+    }
+    return RC_OK;
+}
+
+u32 IndexFileWriter::Write(const IndexImage& image) {
+    return image.IsWhole() ? WriteWhole(image) : WriteTail(image);
+}
+
+u32 IndexFileWriter::WriteWhole(const IndexImage& image) {
+    if (!m_file.SetEnd(image.WholeSize()) || !WriteAt(0, image.Whole(), image.WholeSize())) {
+        return Fail("full");
+    }
+    LOG_INFO(kLogIndex, "File rewritten (%P bytes)", std::size_t{image.WholeSize()});
+    return RC_OK;
+}
+
+u32 IndexFileWriter::WriteTail(const IndexImage& image) {
+    if (!WriteAt(image.TailOffset(), image.Tail(), image.TailSize())) {
+        return Fail("tail");
+    }
+    if (!WriteAt(0, image.Header(), sizeof(TIndexHeader))) {
+        return Fail("header");
+    }
+    LOG_INFO(kLogIndex, "File updated (%P bytes)", std::size_t{image.TailSize()});
+    return RC_OK;
+}
+
+bool IndexFileWriter::WriteAt(i64 position, const u8* data, u32 size) {
+    u32 put = 0;
+    return m_file.Seek(position) && m_file.Write(data, size, &put);
+}
+
+u32 IndexFileWriter::Fail(const char* part) const {
+    LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogIndex, "Couldn't write file '%s' (%s); sysErr %r",
+                   m_path.c_str(), part, platform::LastSystemError());
+    return RC_SYSTEM_ERROR;
+}
+
+}  // namespace k9erepl

@@ -1,0 +1,199 @@
+// The life of the index thread: starting, stopping, restarting it.
+#include "index/index_object.h"
+
+#include <k9erepl/storage.h>
+
+#include <cassert>
+#include <new>
+
+#include "index/index_file.h"
+#include "index/index_worker.h"
+#include "platform/clock.h"
+#include "platform/system_error.h"
+#include "platform/wait_result.h"
+#include "support/log.h"
+#include "support/params.h"
+#include "support/storage_exception.h"
+
+namespace k9erepl {
+
+namespace {
+
+constexpr u32 kStopWaitMs = 20000;     // for a save in progress and the thread's end together
+constexpr u32 kLastJoinWaitMs = 1000;  // for the thread's end, when the save used it all up
+constexpr u32 kPollMs = 1;
+constexpr u32 kTerminatedExitCode = 20;
+constexpr u32 kNeverRanExitCode = 1;
+
+u32 ReadAffinity(const char* connStr) {
+    i32 mask = 0;
+    GetParamInt(connStr, "aux_affinity", &mask);
+    return static_cast<u32>(mask);
+}
+
+}  // namespace
+
+IndexObject::IndexObject(const char* connStr, IK9eReplDS& idle, u32 blockSize, u32 waitMs)
+    : m_path(IndexFileName(connStr)),
+      m_idle(idle),
+      m_blockSize(blockSize),
+      m_waitMs(waitMs),
+      m_affinity(ReadAffinity(connStr)) {
+    if (m_path.empty()) {
+        throw K9eStorageException(RC_INVALID_ARG);
+    }
+    m_worker = new IndexWorker(m_path, m_idle, m_blockSize, m_waitMs);
+    LOG_INFO(kLogIndex, "Using index file '%s'", m_path.c_str());
+}
+
+IndexObject::~IndexObject() {
+    Stop();
+    delete m_worker.load();
+}
+
+u32 IndexObject::Start() {
+    Stop();
+    if (!MakeWorker()) {
+        LOG_ERROR_CODE(RC_NO_MEMORY, kLogIndex, "Couldn't allocate buffer");
+        return RC_NO_MEMORY;
+    }
+    IndexWorker& worker = *m_worker.load();
+    const u32 rc = worker.Prepare();
+    return rc == RC_OK ? RunThread(worker) : rc;
+}
+
+void IndexObject::Stop() {
+    if (m_thread == nullptr) {
+        return;
+    }
+    IndexWorker& worker = *m_worker.load();
+    const u32 joinMs = WaitForSave(worker);
+    if (!worker.IsFinished()) {
+        worker.SendStop();
+    }
+    if (!EndThread(joinMs)) {
+        GiveUpThread();
+        return;
+    }
+    m_thread.reset();
+    LOG_INFO(kLogIndex, "Thread closed");
+    worker.CleanUp();
+    worker.ReportTimes();
+}
+
+u32 IndexObject::RequestSave(const BlockIndex& blockIndex, IndexSaveMode mode) {
+    IndexWorker* const worker = m_worker.load();
+    return worker != nullptr ? worker->RequestSave(blockIndex, mode) : RequestWithoutWorker(mode);
+}
+
+void IndexObject::StartOver() {
+    if (IndexWorker* const worker = m_worker.load()) {
+        worker->StartOver();
+    }
+}
+
+bool IndexObject::IsBusy() const {
+    const IndexWorker* const worker = m_worker.load();
+    return worker != nullptr && worker->IsBusy();
+}
+
+bool IndexObject::IsFinished() const {
+    const IndexWorker* const worker = m_worker.load();
+    return worker == nullptr || worker->IsFinished();
+}
+
+bool IndexObject::MakeWorker() {
+    try {
+        if (m_worker.load() == nullptr) {
+            m_worker = new IndexWorker(m_path, m_idle, m_blockSize, m_waitMs);
+        }
+        return true;
+    } catch (const K9eStorageException&) {
+        return false;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
+u32 IndexObject::RunThread(IndexWorker& worker) {
+    LOG_INFO(kLogIndex, "Starting thread");
+    const u32 rc = LaunchThread(worker);
+    if (rc != RC_OK) {
+        LOG_ERROR_CODE(rc, kLogIndex, "Couldn't begin thread: K9ThreadCreate failed; sysErr %r",
+                       platform::LastSystemError());
+        AbandonLaunch(worker);
+        return rc;
+    }
+    worker.WaitUntilUp();
+    if (worker.IsFinished()) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogIndex, "Index thread is finished unexpectedly");
+        Stop();
+        return RC_SYSTEM_ERROR;
+    }
+    return RC_OK;
+}
+
+u32 IndexObject::LaunchThread(IndexWorker& worker) {
+    m_thread.reset(NewInParserMemory<platform::Thread>());
+    if (m_thread == nullptr) {
+        return RC_NO_MEMORY;
+    }
+    const bool launched = m_thread->Create(&IndexWorker::ThreadBody, &worker) &&
+                          (m_affinity == 0 || m_thread->SetAffinity(m_affinity)) &&
+                          m_thread->Resume();
+    return launched ? RC_OK : RC_SYSTEM_ERROR;
+}
+
+// The thread, if there is one, has not run.
+void IndexObject::AbandonLaunch(IndexWorker& worker) {
+    if (m_thread != nullptr && m_thread->IsCreated() && !m_thread->Terminate(kNeverRanExitCode)) {
+        GiveUpThread();
+        return;
+    }
+    m_thread.reset();
+    worker.CleanUp();
+}
+
+u32 IndexObject::RequestWithoutWorker(IndexSaveMode mode) const {
+    if (mode == IndexSaveMode::kAsync) {
+        return RC_OK;
+    }
+    LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogIndex, "Couldn't write file '%s' (%s); sysErr %r",
+                   m_path.c_str(), "full", platform::LastSystemError());
+    return RC_SYSTEM_ERROR;
+}
+
+// Returns the milliseconds that are left for the thread's end.
+u32 IndexObject::WaitForSave(const IndexWorker& worker) {
+    const u32 begin = platform::TickCountMs();
+    for (;;) {
+        const u32 waited = platform::TickCountMs() - begin;
+        if (waited >= kStopWaitMs) {
+            return kLastJoinWaitMs;
+        }
+        if (!worker.IsBusy()) {
+            return kStopWaitMs - waited;
+        }
+        platform::SleepMs(kPollMs);
+    }
+}
+
+// False when the thread still runs.
+bool IndexObject::EndThread(u32 joinMs) {
+    const platform::WaitResult result = m_thread->Join(joinMs);
+    if (result == platform::WaitResult::kSignalled) {
+        return true;
+    }
+    const u32 rc = result == platform::WaitResult::kTimedOut ? RC_TIMEOUT : RC_SYSTEM_ERROR;
+    LOG_ERROR_CODE(rc, kLogIndex, "K9ThreadWait() failed; terminating thread");
+    return m_thread->Terminate(kTerminatedExitCode);
+}
+
+void IndexObject::GiveUpThread() {
+    LOG_ERROR_CODE(RC_TIMEOUT, kLogIndex, "Cannot terminate thread; its memory stays allocated");
+    m_thread->Detach();
+    m_thread.reset();
+    m_worker = nullptr;
+}
+
+}  // namespace k9erepl
