@@ -8,7 +8,7 @@
 #include <limits>
 #include <type_traits>
 
-namespace k9erepl::testing {
+namespace k9erepl::test {
 namespace {
 
 using platform::SystemCalls;
@@ -359,4 +359,4 @@ void SetTimeStampCounter(u64 first, u64 step) {
     g_timeStamp.Set(first);
 }
 
-}  // namespace k9erepl::testing
+}  // namespace k9erepl::test

@@ -16,7 +16,7 @@
 #include "platform/system_calls.h"
 #include "platform/system_error.h"
 
-namespace k9erepl::testing {
+namespace k9erepl::test {
 
 using platform::SystemErrorKind;
 
@@ -152,6 +152,6 @@ void SetPerformanceFrequency(i64 ticksPerSecond);
 // The next time stamp is `first`, and each later one `step` more.
 void SetTimeStampCounter(u64 first, u64 step = 0);
 
-}  // namespace k9erepl::testing
+}  // namespace k9erepl::test
 
 #endif  // K9EREPL_TESTS_SUPPORT_FAULT_INJECTION_H

@@ -8,7 +8,7 @@
 #include <iterator>
 #include <system_error>
 
-namespace k9erepl::testing {
+namespace k9erepl::test {
 namespace {
 
 std::string ReadAll(const std::string& path) {
@@ -72,4 +72,4 @@ i64 FileSize(const std::string& path) {
     return error ? -1 : static_cast<i64>(size);
 }
 
-}  // namespace k9erepl::testing
+}  // namespace k9erepl::test

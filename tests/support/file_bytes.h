@@ -9,7 +9,7 @@
 
 #include "platform/int_types.h"
 
-namespace k9erepl::testing {
+namespace k9erepl::test {
 
 std::vector<u8> ReadBytes(const std::string& path);
 // Creates or replaces the file.
@@ -25,6 +25,6 @@ void ResizeFile(const std::string& path, i64 size);
 bool Exists(const std::string& path);
 i64 FileSize(const std::string& path);
 
-}  // namespace k9erepl::testing
+}  // namespace k9erepl::test
 
 #endif  // K9EREPL_TESTS_SUPPORT_FILE_BYTES_H

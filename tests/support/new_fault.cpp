@@ -10,7 +10,7 @@
 #include <malloc.h>
 #endif
 
-namespace k9erepl::testing {
+namespace k9erepl::test {
 namespace {
 
 thread_local bool t_armed = false;
@@ -86,9 +86,9 @@ u64 NewCallsOfThisThread() {
     return t_calls;
 }
 
-}  // namespace k9erepl::testing
+}  // namespace k9erepl::test
 
-using namespace k9erepl::testing;  // the operators below stand outside every namespace
+using namespace k9erepl::test;  // the operators below stand outside every namespace
 
 void* operator new(std::size_t size) {
     return AllocOrThrow(size);

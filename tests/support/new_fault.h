@@ -5,7 +5,7 @@
 
 #include "platform/int_types.h"
 
-namespace k9erepl::testing {
+namespace k9erepl::test {
 
 // While it lives, the `nth` operator new of this thread (1 is the next one), of any form, throws
 // std::bad_alloc or returns null as its form wants it; once. One at a time in a thread.
@@ -29,6 +29,6 @@ class FailNthNew {
 // The operator new calls of this thread so far: hot paths show with it that they allocate nothing.
 u64 NewCallsOfThisThread();
 
-}  // namespace k9erepl::testing
+}  // namespace k9erepl::test
 
 #endif  // K9EREPL_TESTS_SUPPORT_NEW_FAULT_H

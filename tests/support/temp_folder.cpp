@@ -5,7 +5,7 @@
 #include <random>
 #include <system_error>
 
-namespace k9erepl::testing {
+namespace k9erepl::test {
 namespace {
 
 std::filesystem::path MakeUniqueFolder() {
@@ -28,4 +28,4 @@ TempFolder::~TempFolder() {
     std::filesystem::remove_all(m_path, ignored);
 }
 
-}  // namespace k9erepl::testing
+}  // namespace k9erepl::test

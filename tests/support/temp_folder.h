@@ -5,7 +5,7 @@
 
 #include <string>
 
-namespace k9erepl::testing {
+namespace k9erepl::test {
 
 class TempFolder {
   public:
@@ -22,6 +22,6 @@ class TempFolder {
     std::string m_path;
 };
 
-}  // namespace k9erepl::testing
+}  // namespace k9erepl::test
 
 #endif  // K9EREPL_TESTS_SUPPORT_TEMP_FOLDER_H
