@@ -1,0 +1,131 @@
+// The append command: reads, appends, closes, and tells what is stored.
+#include "append_command.h"
+
+#include <fmt/format.h>
+
+#include <memory>
+#include <optional>
+
+#include "append_transactions.h"
+#include "conn_string.h"
+#include "input_file.h"
+#include "interrupts.h"
+#include "output.h"
+#include "progress_line.h"
+#include "record_reader.h"
+#include "storage_handle.h"
+#include "stored_revision.h"
+#include "tool_error.h"
+
+namespace k9repl {
+
+namespace {
+
+std::unique_ptr<RecordReader> MakeReader(const AppendOptions& options, InputFile& input) {
+    const std::uint32_t sizeMax = RecordSizeMax(options.conn);
+    return options.lengthPrefixed ? MakeLengthPrefixedReader(input, sizeMax)
+                                  : MakeLineReader(input, sizeMax);
+}
+
+InputState AppendAll(RecordReader& reader, AppendTransactions& transactions,
+                     ProgressLine& progress) {
+    std::string_view data;
+    InputState state = InputState::kData;
+    while ((state = reader.Next(&data)) == InputState::kData) {
+        transactions.Add(data);
+        progress.Show(transactions.Totals().records, transactions.Totals().bytes);
+    }
+    return state;
+}
+
+std::string StoredText(std::int64_t lastStored) {
+    return lastStored == 0 ? "nothing is stored"
+                           : fmt::format("safely stored up to revision {}", lastStored);
+}
+
+void PrintSummary(const AppendTotals& totals, double seconds) {
+    const double rate = static_cast<double>(totals.bytes) / 1e6 / seconds;
+    std::string revisions;
+    if (totals.records > 0) {
+        revisions = fmt::format("revisions {} to {}, ", totals.firstRev, totals.lastRev);
+    }
+    Output output;
+    output.Write(fmt::format("appended {} records, {} bytes, {}in {:.2f} s, {:.1f} MB/s\n",
+                             totals.records, totals.bytes, revisions, seconds, rate));
+    output.Finish();
+}
+
+// One run of the command, from the loaded storage to its close.
+class AppendRun {
+  public:
+    explicit AppendRun(const AppendOptions& options)
+        : m_storage(options.conn), m_transactions(m_storage, m_stored, options.perTrans) {
+        if (!m_storage.HasFile()) {
+            throw ToolError("nothing appended to " + m_storage.Name() +
+                            " would be kept: flush_mode=NoFlush writes no file");
+        }
+        m_stored.Watch(m_storage);
+    }
+
+    // Whatever happens to the input, the records before it are committed and the storage closed.
+    int Run(RecordReader& reader) {
+        InputState end = InputState::kEnd;
+        Attempt([&] { end = AppendAll(reader, m_transactions, m_progress); });
+        Attempt([&] { m_transactions.Finish(); });
+        m_storage.Close();
+        m_progress.Clear();
+        Attempt([&] { CheckEverythingIsStored(); });
+        if (m_failure) {
+            throw ToolError(fmt::format("{}; {}", m_failure->what(), StoredText(m_stored.Get())));
+        }
+        PrintSummary(m_transactions.Totals(), m_progress.Seconds());
+        if (end == InputState::kInterrupted) {
+            const int signal = InterruptSignal();
+            throw ToolError(fmt::format("interrupted by {}; {}", InterruptName(signal),
+                                        StoredText(m_stored.Get())),
+                            kExitSignalBase + signal);
+        }
+        return kExitSuccess;
+    }
+
+  private:
+    // The first failure is the one that is told.
+    template <typename Step>
+    void Attempt(Step step) {
+        try {
+            step();
+        } catch (const ToolError& error) {
+            if (!m_failure) {
+                m_failure = error;
+            }
+        }
+    }
+
+    void CheckEverythingIsStored() const {
+        const std::int64_t lastRev = m_transactions.Totals().lastRev;
+        if (m_stored.Get() < lastRev) {
+            throw LoggedError(
+                fmt::format("flush up to revision {} while closing {}", lastRev, m_storage.Name()));
+        }
+    }
+
+    StoredRevision m_stored;  // outlives the storage, whose close still reports to it
+    StorageHandle m_storage;
+    AppendTransactions m_transactions;
+    ProgressLine m_progress;
+    std::optional<ToolError> m_failure;
+};
+
+}  // namespace
+
+int RunAppend(const AppendOptions& options) {
+    InputFile input(options.input);
+    if (options.create) {
+        CreateStorage(options.conn);
+    }
+    AppendRun run(options);
+    const std::unique_ptr<RecordReader> reader = MakeReader(options, input);
+    return run.Run(*reader);
+}
+
+}  // namespace k9repl

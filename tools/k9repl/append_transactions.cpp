@@ -1,0 +1,93 @@
+// Transactions of append.
+#include "append_transactions.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cassert>
+#include <cstring>
+
+#include "tool_error.h"
+
+namespace k9repl {
+
+namespace {
+
+// More than any sensible flush_trans_num, and still only a moment.
+constexpr int kFlushingCommitsMax = 1000;
+
+}  // namespace
+
+AppendTransactions::AppendTransactions(StorageHandle& storage, const StoredRevision& stored,
+                                       std::uint32_t recordsPerTransaction)
+    : m_storage(storage), m_stored(stored), m_recordsPerTransaction(recordsPerTransaction) {
+    assert(recordsPerTransaction > 0);
+}
+
+void AppendTransactions::Add(std::string_view data) {
+    if (!m_inTransaction) {
+        Begin();
+    }
+    K9eReplRec* record = FillRecord(data);
+    if (const std::uint32_t code = K9eReplStorageInsert(m_storage.Get(), record)) {
+        throw LibraryError(
+            fmt::format("append record {} to {}", m_open.records + 1, m_storage.Name()), code);
+    }
+    m_open.firstRev = m_open.records == 0 ? record->rev : m_open.firstRev;
+    m_open.lastRev = record->rev;
+    m_open.records += 1;
+    m_open.bytes += data.size();
+    m_openRecords += 1;
+    if (m_openRecords >= m_recordsPerTransaction) {
+        Commit();
+    }
+}
+
+// An empty transaction counts towards flush_trans_num and changes nothing else; unlike the flush
+// of a close, its commit tells whether the flush failed, and why.
+void AppendTransactions::Finish() {
+    if (m_inTransaction) {
+        Commit();
+    }
+    for (int i = 0; i < kFlushingCommitsMax && m_stored.Get() < m_totals.lastRev; ++i) {
+        Begin();
+        Commit();
+    }
+}
+
+void AppendTransactions::Begin() {
+    std::uint32_t code = K9eReplStorageBeginTransaction(m_storage.Get());
+    if (code == RC_WRONG_STATE) {
+        // A flush that failed while the storage was idle stands in the way; a commit tries it
+        // again.
+        K9eReplStorageCommit(m_storage.Get());
+        code = K9eReplStorageBeginTransaction(m_storage.Get());
+    }
+    m_storage.Check(code, "begin a transaction of");
+    m_inTransaction = true;
+    m_openRecords = 0;
+    m_open = m_totals;
+}
+
+void AppendTransactions::Commit() {
+    const std::uint32_t code = K9eReplStorageCommit(m_storage.Get());
+    m_inTransaction = false;
+    if (code != RC_OK) {
+        ToolError error = LibraryError("commit to " + m_storage.Name(), code);
+        K9eReplStorageRollback(m_storage.Get());
+        throw error;
+    }
+    m_totals = m_open;
+}
+
+K9eReplRec* AppendTransactions::FillRecord(std::string_view data) {
+    m_record.resize(std::max(m_record.size(), sizeof(K9eReplRec) + data.size()));
+    auto* record = reinterpret_cast<K9eReplRec*>(m_record.data());
+    record->rev = 0;
+    record->userWord = 0;
+    record->dataSize = static_cast<std::uint32_t>(data.size());
+    std::memcpy(record->data, data.data(), data.size());
+    return record;
+}
+
+}  // namespace k9repl

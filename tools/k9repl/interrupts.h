@@ -1,0 +1,20 @@
+// SIGINT, SIGTERM and SIGHUP as a request to finish cleanly. A second signal of the same kind ends
+// the process at once. Used by the input, which waits, and by cat, which asks between records.
+#ifndef K9EREPL_K9REPL_INTERRUPTS_H
+#define K9EREPL_K9REPL_INTERRUPTS_H
+
+namespace k9repl {
+
+// From here on the signals are caught, and writing into a closed pipe is an error like any other
+// instead of a signal. Called once, before another thread runs.
+void CatchInterrupts();
+
+// The number of the signal that came last, 0 when none came.
+int InterruptSignal();
+
+// "SIGTERM"; "a signal" for one that is not caught.
+const char* InterruptName(int signal);
+
+}  // namespace k9repl
+
+#endif  // K9EREPL_K9REPL_INTERRUPTS_H

@@ -1,0 +1,98 @@
+// Catches the library's error messages through the system library's sink.
+#include "library_log.h"
+
+#include <fmt/format.h>
+#include <k9erepl/storage.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <regex>
+#include <system_error>
+#include <utility>
+
+namespace k9repl {
+
+namespace {
+
+// The first messages of a failure are its cause; a flood behind them is not kept.
+constexpr std::size_t kMessagesMax = 32;
+
+bool UserSteersTheLog() {
+    // Read before any other thread of the process runs.
+    return std::getenv("K9SYS_LOG") != nullptr ||     // NOLINT(concurrency-mt-unsafe)
+           std::getenv("K9SYS_LOG_FILE") != nullptr;  // NOLINT(concurrency-mt-unsafe)
+}
+
+// "Cannot write data;sys-err 28" gets " (No space left on device)" behind it.
+std::string WithSystemErrorInWords(std::string text) {
+    static const std::regex kSystemError("sys-?err ([0-9]+)", std::regex::icase);
+    std::smatch found;
+    if (std::regex_search(text, found, kSystemError)) {
+        const int error = std::atoi(found[1].str().c_str());  // NOLINT(cert-err34-c): digits
+        const auto behind = static_cast<std::size_t>(found.position(0) + found.length(0));
+        text.insert(behind, " (" + std::system_category().message(error) + ")");
+    }
+    return text;
+}
+
+// What stands behind the mark of the connection string is the user's own input, repeated.
+std::string Readable(const std::string& text) {
+    return WithSystemErrorInWords(text.substr(0, text.find(";conn-str ")));
+}
+
+}  // namespace
+
+LibraryLog& LibraryLog::Instance() {
+    static LibraryLog* const log = new LibraryLog;  // outlives every thread that may still log
+    return *log;
+}
+
+void LibraryLog::Catch() {
+    if (!UserSteersTheLog()) {
+        K9SysSetLogSink(&LibraryLog::OnMessage, this);
+    }
+}
+
+void K9SYS_CALL LibraryLog::OnMessage(K9SysLogLevel level, const char* /*module*/, const char* text,
+                                      std::uint32_t code, void* context) {
+    if (level == K9SYS_LOG_ERROR) {
+        static_cast<LibraryLog*>(context)->Add(code, text);
+    }
+}
+
+void LibraryLog::Add(std::uint32_t code, const char* text) {
+    const std::lock_guard guard(m_mutex);
+    if (m_messages.size() < kMessagesMax) {
+        m_messages.push_back({code, text});
+    }
+}
+
+std::string LibraryLog::TakeCauseOf(std::uint32_t code) {
+    const std::lock_guard guard(m_mutex);
+    const std::vector<LibraryMessage> messages = std::exchange(m_messages, {});
+    auto cause = std::find_if(messages.begin(), messages.end(),
+                              [code](const LibraryMessage& m) { return m.code == code; });
+    if (code == RC_WRONG_STATE || cause == messages.end()) {
+        cause = messages.begin();
+    }
+    return cause == messages.end() ? std::string() : Readable(cause->text);
+}
+
+std::optional<LibraryMessage> LibraryLog::TakeFirst() {
+    const std::lock_guard guard(m_mutex);
+    const std::vector<LibraryMessage> messages = std::exchange(m_messages, {});
+    if (messages.empty()) {
+        return std::nullopt;
+    }
+    return LibraryMessage{messages.front().code, Readable(messages.front().text)};
+}
+
+void LibraryLog::TellRest(const std::string& toolName) {
+    const std::lock_guard guard(m_mutex);
+    for (const LibraryMessage& message : std::exchange(m_messages, {})) {
+        fmt::print(stderr, "{}: note from the library: {}\n", toolName, Readable(message.text));
+    }
+}
+
+}  // namespace k9repl

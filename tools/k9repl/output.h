@@ -1,0 +1,33 @@
+// Standard output with its failures: a full disk or a reader that went away is an error, never a
+// silently shorter output. Used by every command.
+#ifndef K9EREPL_K9REPL_OUTPUT_H
+#define K9EREPL_K9REPL_OUTPUT_H
+
+#include <string>
+#include <string_view>
+
+namespace k9repl {
+
+class Output {
+  public:
+    Output() = default;
+    Output(const Output&) = delete;
+    Output& operator=(const Output&) = delete;
+
+    // False once a write has failed; what follows is dropped.
+    bool Write(std::string_view text);
+
+    // Writes what is still held. Throws ToolError when this or an earlier write failed. Without
+    // it nothing is promised.
+    void Finish();
+
+  private:
+    bool WriteOut();
+
+    std::string m_held;
+    int m_error = 0;  // errno of the first failure
+};
+
+}  // namespace k9repl
+
+#endif  // K9EREPL_K9REPL_OUTPUT_H

@@ -1,0 +1,68 @@
+// Reads from a descriptor, waiting for the interrupt descriptor too.
+#include "input_file.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <cassert>
+#include <cerrno>
+
+#include "interrupt_descriptor.h"
+#include "interrupts.h"
+#include "tool_error.h"
+
+namespace k9repl {
+
+namespace {
+
+std::error_code LastError() {
+    return {errno, std::generic_category()};
+}
+
+}  // namespace
+
+InputFile::InputFile(const std::string& path)
+    : m_name(path == "-" ? std::string("standard input") : "'" + path + "'") {
+    if (path == "-") {
+        m_descriptor = STDIN_FILENO;
+        return;
+    }
+    m_descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (m_descriptor < 0) {
+        throw SystemError("open the input " + m_name, LastError());
+    }
+}
+
+InputFile::~InputFile() {
+    if (m_descriptor > STDERR_FILENO) {
+        close(m_descriptor);
+    }
+}
+
+InputState InputFile::Read(char* buffer, std::size_t size, std::size_t* got) {
+    assert(size > 0);
+    for (;;) {
+        pollfd waits[] = {{m_descriptor, POLLIN, 0}, {InterruptDescriptor(), POLLIN, 0}};
+        const int ready = poll(waits, 2, -1);
+        if (ready < 0 && errno != EINTR) {
+            throw SystemError("wait for the input " + m_name, LastError());
+        }
+        if (InterruptSignal() != 0) {
+            return InputState::kInterrupted;
+        }
+        if (ready <= 0) {
+            continue;
+        }
+        const ssize_t count = read(m_descriptor, buffer, size);
+        if (count >= 0) {
+            *got = static_cast<std::size_t>(count);
+            return count == 0 ? InputState::kEnd : InputState::kData;
+        }
+        if (errno != EINTR && errno != EAGAIN) {
+            throw SystemError("read the input " + m_name, LastError());
+        }
+    }
+}
+
+}  // namespace k9repl

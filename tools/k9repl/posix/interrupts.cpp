@@ -1,0 +1,74 @@
+// The handlers and the pipe through which they wake a wait.
+#include "interrupts.h"
+
+#include <fcntl.h>
+#include <signal.h>  // NOLINT(modernize-deprecated-headers): sigaction
+#include <unistd.h>
+
+#include <atomic>
+#include <cassert>
+#include <cerrno>
+
+#include "interrupt_descriptor.h"
+#include "tool_error.h"
+
+namespace k9repl {
+
+namespace {
+
+std::atomic<int> g_signal{0};
+int g_wakePipe[2] = {-1, -1};
+static_assert(std::atomic<int>::is_always_lock_free, "a signal handler writes it");
+
+extern "C" void OnInterrupt(int signal) {
+    const int savedErrno = errno;
+    g_signal.store(signal);
+    // A full pipe wakes the reader as well.
+    [[maybe_unused]] const ssize_t written = write(g_wakePipe[1], "", 1);
+    errno = savedErrno;
+}
+
+void Handle(int signal, void (*handler)(int)) {
+    struct sigaction action = {};
+    action.sa_handler = handler;
+    action.sa_flags = SA_RESTART | SA_RESETHAND;
+    sigaction(signal, &action, nullptr);
+}
+
+}  // namespace
+
+void CatchInterrupts() {
+    if (pipe2(g_wakePipe, O_CLOEXEC | O_NONBLOCK) != 0) {
+        throw SystemError("make a pipe for signals", {errno, std::generic_category()});
+    }
+    Handle(SIGINT, &OnInterrupt);
+    Handle(SIGTERM, &OnInterrupt);
+    Handle(SIGHUP, &OnInterrupt);
+    struct sigaction ignored = {};
+    ignored.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &ignored, nullptr);
+}
+
+int InterruptSignal() {
+    return g_signal.load();
+}
+
+const char* InterruptName(int signal) {
+    switch (signal) {
+        case SIGINT:
+            return "SIGINT";
+        case SIGTERM:
+            return "SIGTERM";
+        case SIGHUP:
+            return "SIGHUP";
+        default:
+            return "a signal";
+    }
+}
+
+int InterruptDescriptor() {
+    assert(g_wakePipe[0] >= 0);
+    return g_wakePipe[0];
+}
+
+}  // namespace k9repl

@@ -1,0 +1,32 @@
+// Cuts the input of append into records: by lines, or by lengths in front of them.
+#ifndef K9EREPL_K9REPL_RECORD_READER_H
+#define K9EREPL_K9REPL_RECORD_READER_H
+
+#include <cstdint>
+#include <memory>
+#include <string_view>
+
+#include "input_file.h"
+
+namespace k9repl {
+
+class RecordReader {
+  public:
+    virtual ~RecordReader() = default;
+    // kData: *data receives the next record, valid until the next call. kInterrupted: every whole
+    // record that had arrived was handed out; a part of one is dropped.
+    // Throws a ToolError that names the input and the place of what is wrong in it.
+    virtual InputState Next(std::string_view* data) = 0;
+};
+
+// Each line is a record, without its newline. Bytes behind the last newline are a record too. A
+// line of more than `sizeMax` bytes is an error.
+std::unique_ptr<RecordReader> MakeLineReader(InputFile& file, std::uint32_t sizeMax);
+
+// Each record is its length, 32 bits in little-endian order, and its bytes. A length above
+// `sizeMax` and an input that ends inside a record are errors.
+std::unique_ptr<RecordReader> MakeLengthPrefixedReader(InputFile& file, std::uint32_t sizeMax);
+
+}  // namespace k9repl
+
+#endif  // K9EREPL_K9REPL_RECORD_READER_H
