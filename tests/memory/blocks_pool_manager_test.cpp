@@ -1,0 +1,207 @@
+// The block pool: what it keeps, what it gives back, and what it says.
+#include "memory/blocks_pool_manager.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/fault_injection.h"
+#include "support/log_capture.h"
+#include "support/new_fault.h"
+
+namespace k9erepl::test {
+
+namespace {
+
+constexpr u32 kBlockSize = 234;
+const std::string kFromPool = "Memory block allocated from pool";
+const std::string kFromHeap = "Memory block allocated from heap";
+
+using Texts = std::vector<std::string>;
+
+class BlocksPool : public ::testing::Test {
+  protected:
+    std::vector<void*> Take(CBlocksPoolManager& pool, u32 count) {
+        std::vector<void*> blocks(count);
+        for (void*& block : blocks) {
+            block = pool.AllocBlock();
+        }
+        return blocks;
+    }
+
+    void Return(CBlocksPoolManager& pool, const std::vector<void*>& blocks) {
+        for (void* const block : blocks) {
+            pool.ReleaseBlock(block);
+        }
+    }
+
+    // Fills the pool's free list with `count` blocks.
+    void Stock(CBlocksPoolManager& pool, u32 count) { Return(pool, Take(pool, count)); }
+
+    // The log of taking `count` blocks, which then go back.
+    Texts LogOfTaking(CBlocksPoolManager& pool, u32 count) {
+        log.Clear();
+        const std::vector<void*> blocks = Take(pool, count);
+        Texts texts = log.Texts();
+        Return(pool, blocks);
+        return texts;
+    }
+
+    ScopedSystemCalls systemCalls;
+    LogCapture log;
+};
+
+std::atomic<u32> g_freed{0};
+
+void CountingFree(void* memory) {
+    ++g_freed;
+    platform::NativeSystemCalls().freeMemory(memory);
+}
+
+}  // namespace
+
+TEST_F(BlocksPool, WithALimitOfZeroEveryBlockComesFromTheHeapAndGoesBackToIt) {
+    CBlocksPoolManager pool(kBlockSize, 0);
+    platform::TheSystemCalls().freeMemory = CountingFree;
+    g_freed = 0;
+    Stock(pool, 2);
+    EXPECT_EQ(g_freed, 2U);
+    EXPECT_EQ(LogOfTaking(pool, 2), Texts({kFromHeap, kFromHeap}));
+}
+
+TEST_F(BlocksPool, KeepsNoMoreBlocksThanItsLimit) {
+    CBlocksPoolManager pool(kBlockSize, 2);
+    Stock(pool, 3);
+    EXPECT_EQ(LogOfTaking(pool, 3), Texts({kFromPool, kFromPool, kFromHeap}));
+}
+
+TEST_F(BlocksPool, HandsOutTheBlockThatCameBackLast) {
+    CBlocksPoolManager pool(kBlockSize, 2);
+    const std::vector<void*> blocks = Take(pool, 2);
+    Return(pool, blocks);
+    EXPECT_EQ(pool.AllocBlock(), blocks[1]);
+    EXPECT_EQ(pool.AllocBlock(), blocks[0]);
+    Return(pool, blocks);
+}
+
+TEST_F(BlocksPool, AllocatesFromTheHeapAfterFreeAll) {
+    CBlocksPoolManager pool(kBlockSize, 2);
+    Stock(pool, 2);
+    pool.FreeAll();
+    EXPECT_EQ(LogOfTaking(pool, 1), Texts({kFromHeap}));
+}
+
+TEST_F(BlocksPool, GivesItsFreeBlocksBackWhenItEnds) {
+    platform::TheSystemCalls().freeMemory = CountingFree;
+    g_freed = 0;
+    {
+        CBlocksPoolManager pool(kBlockSize, 5);
+        Stock(pool, 3);
+        EXPECT_EQ(g_freed, 0U);
+    }
+    EXPECT_EQ(g_freed, 3U);
+}
+
+TEST_F(BlocksPool, AllocatesNoBlockAheadOfNeed) {
+    CBlocksPoolManager pool(kBlockSize, 100);
+    EXPECT_TRUE(pool.SetMaxBlocks(16384));
+    EXPECT_EQ(CallCount(SystemCall::kAlloc), 0U);
+    EXPECT_TRUE(log.Messages().empty()) << log;
+}
+
+TEST_F(BlocksPool, AllocatesBlocksOfExactlyTheBlockSize) {
+    CBlocksPoolManager pool;
+    pool.SetBlockSize(kBlockSize);
+    FailAlloc(1, kBlockSize + 1);
+    Stock(pool, 1);
+    FailAlloc(1, kBlockSize);
+    EXPECT_EQ(pool.AllocBlock(), nullptr);
+}
+
+TEST_F(BlocksPool, LogsItsTwoSourcesAsInformation) {
+    CBlocksPoolManager pool(kBlockSize, 1);
+    Stock(pool, 1);
+    Stock(pool, 1);
+    EXPECT_TRUE(log.Has(K9SYS_LOG_INFO, kFromHeap)) << log;
+    EXPECT_TRUE(log.Has(K9SYS_LOG_INFO, kFromPool)) << log;
+    EXPECT_EQ(log.Messages().front().module, "k9eRepl-storage");
+}
+
+TEST_F(BlocksPool, SaysWhenTheHeapIsExhaustedAndStaysUsable) {
+    CBlocksPoolManager pool(kBlockSize, 1);
+    FailAlloc(1);
+    EXPECT_EQ(pool.AllocBlock(), nullptr);
+    const LoggedMessage expected{K9SYS_LOG_ERROR, "k9eRepl-storage",
+                                 "Couldn't allocate memory for next block;block_size 234", 0};
+    EXPECT_EQ(log.Messages(), std::vector{expected}) << log;
+    EXPECT_EQ(LogOfTaking(pool, 1), Texts({kFromHeap}));
+}
+
+TEST_F(BlocksPool, ServesFromTheFreeListWhenTheHeapIsExhausted) {
+    CBlocksPoolManager pool(kBlockSize, 1);
+    Stock(pool, 1);
+    FailAlloc(1, 0, Repeat::kFromThenOn);
+    EXPECT_EQ(LogOfTaking(pool, 1), Texts({kFromPool}));
+}
+
+TEST_F(BlocksPool, ReleasingUpToTheLimitAllocatesNothing) {
+    CBlocksPoolManager pool(kBlockSize, 0);
+    ASSERT_TRUE(pool.SetMaxBlocks(100));
+    const std::vector<void*> blocks = Take(pool, 100);
+    const u64 before = NewCallsOfThisThread();
+    Return(pool, blocks);
+    EXPECT_EQ(NewCallsOfThisThread(), before);
+}
+
+TEST_F(BlocksPool, KeepsItsLimitWhenThereIsNoRoomForMorePointers) {
+    CBlocksPoolManager pool(kBlockSize, 1);
+    {
+        const FailNthNew fault(1);
+        EXPECT_FALSE(pool.SetMaxBlocks(1000));
+    }
+    Stock(pool, 2);
+    EXPECT_EQ(LogOfTaking(pool, 2), Texts({kFromPool, kFromHeap}));
+}
+
+TEST_F(BlocksPool, ThrowsWhenThereIsNoRoomForItsFirstPointers) {
+    const FailNthNew fault(1);
+    EXPECT_THROW(CBlocksPoolManager(kBlockSize, 1000), std::bad_alloc);
+}
+
+TEST_F(BlocksPool, ALowerLimitLetsTheFreeBlocksStay) {
+    CBlocksPoolManager pool(kBlockSize, 3);
+    Stock(pool, 3);
+    ASSERT_TRUE(pool.SetMaxBlocks(1));
+    EXPECT_EQ(LogOfTaking(pool, 3), Texts({kFromPool, kFromPool, kFromPool}));
+    EXPECT_EQ(LogOfTaking(pool, 2), Texts({kFromPool, kFromHeap}));
+}
+
+TEST_F(BlocksPool, ThreadsNeverShareABlock) {
+    CBlocksPoolManager pool(kBlockSize, 3);
+    std::atomic<u32> shared{0};
+    const auto work = [&](u8 mark) {
+        for (int i = 0; i < 2000; ++i) {
+            std::array<u8*, 2> blocks{};
+            for (u8*& block : blocks) {
+                block = static_cast<u8*>(pool.AllocBlock());
+                std::memset(block, mark, kBlockSize);
+            }
+            for (u8* const block : blocks) {
+                shared += block[0] != mark || block[kBlockSize - 1] != mark ? 1 : 0;
+                pool.ReleaseBlock(block);
+            }
+        }
+    };
+    std::thread first(work, u8{1});
+    std::thread second(work, u8{2});
+    first.join();
+    second.join();
+    EXPECT_EQ(shared, 0U);
+}
+
+}  // namespace k9erepl::test
