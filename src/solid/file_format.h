@@ -57,6 +57,8 @@ inline constexpr u32 kRecordHeadSize = 24;
 inline constexpr u32 kRecordPrefixSize = 8;       // signature and size, before the client's record
 inline constexpr u32 kClientRecordHeadSize = 16;  // rev, userWord, dataSize
 inline constexpr u32 kSignatureSize = 4;
+// "Not known yet", of a file offset.
+inline constexpr i64 kUnknownOffset = -1;
 inline constexpr i64 kFirstCommitOffset = 1024;
 inline constexpr i64 kFirstItemOffset = 1056;
 inline constexpr u32 kNewFileSize = 1064;  // header, first commit block, 8 zero bytes

@@ -40,10 +40,12 @@ u32 CSolidStorage::WriteItems(u8* data, u32 size, TCommitBlock* commitBlock,
                        lastFlushed);
         return RC_BAD_DATA;
     }
+    // Read before the write: its notification may make the client place records over the block.
+    const i64 commitRev = commitBlock != nullptr ? i64{commitBlock->commitRev} : lastFlushed;
     const u32 rc =
         m_writer->Write(data, size, commitBlock, memoryBlock, lastRevision, filePosition);
-    if (rc == RC_OK && commitBlock != nullptr) {
-        m_state.lastFlushedRev = commitBlock->commitRev;
+    if (rc == RC_OK) {
+        m_state.lastFlushedRev = commitRev;
     }
     return rc;
 }

@@ -17,9 +17,6 @@
 
 namespace k9erepl {
 
-// "File offset not known yet", of a position fill-in and of an index entry.
-inline constexpr i64 kUnknownOffset = -1;
-
 // Owns a handle on the file, the write position and the start of the open transaction. Results are
 // result codes; RC_NO_WRITER when the file is closed. Failures are logged here.
 //

@@ -1,0 +1,215 @@
+// The two maps of blocks; see the header.
+#include "engine/block_list.h"
+
+#include <k9erepl/storage.h>
+#include <k9sys/k9sys.h>
+
+#include <algorithm>
+#include <cassert>
+#include <cstring>
+#include <iterator>
+#include <new>
+
+#include "engine/block_records.h"
+#include "solid/file_format.h"
+#include "support/log.h"
+
+namespace k9erepl {
+
+namespace {
+
+// Only part of the head is zeroed by name, but every mark of a block's former life must go.
+K9eReplBlock* PrepareBlock(void* memory, std::size_t ordinal) {
+    auto* block = new (memory) K9eReplBlock;
+    std::memset(memory, 0, kZeroedHeadSize);
+    K9SysSNPrintf(block->name, sizeof(block->name), "eRepl#%u", static_cast<u32>(ordinal));
+    block->flushedEnd = 0;
+    return block;
+}
+
+}  // namespace
+
+BlockIndex::iterator BlockList::FindHolding(i64 rev) {
+    assert(!m_index.empty());
+    auto it = m_index.upper_bound(rev);
+    return it == m_index.begin() ? it : std::prev(it);
+}
+
+u32 BlockList::AddBlock(i64 firstRev) {
+    void* memory = m_pool.AllocBlock();
+    if (memory == nullptr) {
+        return RC_NO_MEMORY;
+    }
+    const std::size_t ordinal = m_index.size();
+    K9eReplBlock* block = PrepareBlock(memory, ordinal);
+    try {
+        const auto [entry, added] = m_index.try_emplace(firstRev, kUnknownOffset, block);
+        assert(added);
+        try {
+            m_blocks.emplace_hint(m_blocks.end(), firstRev, block);
+        } catch (...) {
+            m_index.erase(entry);
+            throw;
+        }
+    } catch (const std::bad_alloc&) {
+        m_pool.ReleaseBlock(memory);
+        LOG_ERROR_CODE(RC_NO_MEMORY, kLogStorage, "Failed to add a new block");
+        return RC_NO_MEMORY;
+    }
+    Touch();
+    LOG_INFO(kLogStorage, "Add block %P,rev %I64d", ordinal, firstRev);
+    return RC_OK;
+}
+
+void BlockList::DetachFromIndex(i64 key) {
+    const auto entry = m_index.find(key);
+    if (entry == m_index.end()) {
+        return;
+    }
+    if (entry->second.IsEmptyBlock()) {
+        m_index.erase(entry);
+    } else {
+        entry->second.block = nullptr;
+    }
+}
+
+u32 BlockList::EraseBlocksAfter(i64 rev) {
+    const auto first = m_blocks.upper_bound(rev);
+    if (first == m_blocks.end()) {
+        return RC_OK;
+    }
+    Touch();
+    for (auto it = first; it != m_blocks.end(); ++it) {
+        if (it->second == nullptr) {
+            LOG_ERROR_CODE(RC_BAD_DATA, kLogStorage, "Failed to erase block - NULL;block rev %I64d",
+                           it->first);
+            return RC_BAD_DATA;
+        }
+        DetachFromIndex(it->first);
+        m_pool.ReleaseBlock(it->second);
+        // Given back: a second attempt must not give it back again.
+        it->second = nullptr;
+    }
+    m_blocks.erase(first, m_blocks.end());
+    return RC_OK;
+}
+
+void BlockList::EraseIndexAfter(i64 rev) {
+    Touch();
+    m_index.erase(m_index.upper_bound(rev), m_index.end());
+}
+
+u32 BlockList::EraseAll() {
+    const u32 rc = EraseBlocksAfter(0);
+    m_index.clear();
+    return rc;
+}
+
+u32 BlockList::Shrink(std::size_t keep, i64 flushedRev) {
+    if (m_blocks.size() <= keep) {
+        return RC_OK;
+    }
+    std::size_t toDelete = m_blocks.size() - keep;
+    LOG_INFO(kLogStorage, "Before shrink: %P blocks; to del: %P; lastFlushed: %I64d",
+             m_blocks.size(), toDelete, flushedRev);
+    auto it = m_blocks.begin();
+    u32 rc = RC_OK;
+    for (; it != m_blocks.end() && toDelete > 0; ++it, --toDelete) {
+        K9eReplBlock* block = it->second;
+        if (block == nullptr) {
+            LOG_ERROR_CODE(RC_BAD_DATA, kLogStorage, "NULL block header;block rev %I64d",
+                           it->first);
+            rc = RC_BAD_DATA;
+            break;
+        }
+        if (it->first > flushedRev || block->lastRev > flushedRev ||
+            block->pendingWrites.load(std::memory_order_acquire) > 0) {
+            break;
+        }
+        DetachFromIndex(it->first);
+        m_pool.ReleaseBlock(block);
+    }
+    m_blocks.erase(m_blocks.begin(), it);
+    Touch();
+    if (rc == RC_OK) {
+        LOG_INFO(kLogStorage, "Shrank to %P blocks", m_blocks.size());
+    }
+    return rc;
+}
+
+void BlockList::DropBelow(i64 rev) {
+    Touch();
+    while (!m_blocks.empty() && m_blocks.begin()->second->lastRev < rev) {
+        m_index.erase(m_blocks.begin()->first);
+        m_pool.ReleaseBlock(m_blocks.begin()->second);
+        m_blocks.erase(m_blocks.begin());
+    }
+    // A block that is only in the file ends where the next one begins.
+    while (m_index.size() > 1 && std::next(m_index.begin())->first <= rev) {
+        assert(m_index.begin()->second.block == nullptr);
+        m_index.erase(m_index.begin());
+    }
+}
+
+u32 BlockList::CutAfter(i64 rev) {
+    // With nothing committed nothing is kept, whatever the first key is.
+    if (u32 rc = EraseBlocksAfter(rev); rc != RC_OK) {
+        return rc;
+    }
+    EraseIndexAfter(rev);
+    if (m_blocks.empty()) {
+        return RC_OK;
+    }
+    K9eReplBlock& block = Newest();
+    u64 kept = 0;
+    while (kept < block.used) {
+        BlockRecord record;
+        if (!ReadBlockRecord(block, kept, &record)) {
+            return RC_BAD_DATA;
+        }
+        if (record.rec->rev > rev) {
+            break;
+        }
+        kept += record.size;
+    }
+    block.used = kept;
+    block.lastRev = rev;
+    return RC_OK;
+}
+
+void BlockList::DropFirst() {
+    assert(!m_index.empty());
+    Touch();
+    const auto entry = m_index.begin();
+    if (entry->second.block != nullptr) {
+        m_pool.ReleaseBlock(entry->second.block);
+        m_blocks.erase(entry->first);
+    }
+    m_index.erase(entry);
+}
+
+void BlockList::RekeyFirst(i64 firstRev, i64 fileOffset, u64 cutBytes) {
+    assert(!m_index.empty());
+    Touch();
+    const i64 oldKey = m_index.begin()->first;
+    auto entry = m_index.extract(m_index.begin());
+    entry.key() = firstRev;
+    entry.mapped().fileOffset = fileOffset;
+    m_index.insert(std::move(entry));
+
+    auto block = m_blocks.extract(oldKey);
+    if (block.empty()) {
+        return;
+    }
+    if (oldKey < firstRev) {
+        K9eReplBlock& cut = *block.mapped();
+        assert(cutBytes <= cut.used);
+        std::memmove(cut.Data(), cut.Data() + cutBytes, cut.used - cutBytes);
+        cut.used -= cutBytes;
+        cut.flushedEnd -= std::min(cut.flushedEnd, cutBytes);
+    }
+    block.key() = firstRev;
+    m_blocks.insert(std::move(block));
+}
+
+}  // namespace k9erepl

@@ -1,0 +1,23 @@
+// The bounds of revisions, and the one addition on them that must not overflow.
+#ifndef K9EREPL_ENGINE_REVISION_H
+#define K9EREPL_ENGINE_REVISION_H
+
+#include <limits>
+
+#include "platform/int_types.h"
+
+namespace k9erepl {
+
+// The highest revision that a record can have; the one after it is still a number.
+inline constexpr i64 kMaxRev = std::numeric_limits<i64>::max() - 1;
+// The upper bound of an enumeration without end.
+inline constexpr i64 kEndOfRevs = std::numeric_limits<i64>::max();
+
+// The revision after `rev`. A damaged file may claim any revision: the end stays the end.
+constexpr i64 NextRevAfter(i64 rev) {
+    return rev == kEndOfRevs ? kEndOfRevs : rev + 1;
+}
+
+}  // namespace k9erepl
+
+#endif  // K9EREPL_ENGINE_REVISION_H

@@ -1,0 +1,237 @@
+// Transactions: beginning, inserting, committing and rolling back, and what follows a commit.
+#include <algorithm>
+#include <cassert>
+
+#include "engine/repl_storage.h"
+#include "support/log.h"
+
+namespace k9erepl {
+
+std::uint32_t CK9eReplStorage::BeginTransaction() {
+    const Guard guard(m_lock);
+    if (State() != StorageState::kOpen) {
+        LOG_ERROR_CODE(RC_WRONG_STATE, kLogStorage, "Failed to begin trans;state %d",
+                       StateForLog());
+        return RC_WRONG_STATE;
+    }
+    if (m_transDepth == 0) {
+        return BeginOutermost();
+    }
+    if (m_rolledBack) {
+        return RC_BEGIN_AFTER_ROLLBACK;
+    }
+    ++m_transDepth;
+    return RC_OK;
+}
+
+u32 CK9eReplStorage::BeginOutermost() {
+    m_rolledBack = false;
+    m_transDepth = 1;
+    m_transStartRev = m_nextRev;
+    if (!m_blocks.Blocks().empty()) {
+        m_transStartUsed = m_blocks.Newest().used;
+    }
+    m_transDataSize = 0;
+    if (HasFile()) {
+        u32 rc = RC_OK;
+        try {
+            rc = m_solid.BeginTransaction();
+        } catch (...) {
+            SetState(StorageState::kBroken);
+            throw;
+        }
+        if (rc != RC_OK) {
+            LOG_ERROR_CODE(rc, kLogStorage, "Failed to begin trans in solid storage");
+            return Break(rc);
+        }
+    }
+    LOG_INFO(kLogStorage, "TR_B");
+    return RC_OK;
+}
+
+std::uint32_t CK9eReplStorage::Insert(K9eReplRec* rec) {
+    const Guard guard(m_lock);
+    if (State() != StorageState::kOpen) {
+        LOG_ERROR_CODE(RC_WRONG_STATE, kLogStorage, "Failed to insert;state %d", StateForLog());
+        return RC_WRONG_STATE;
+    }
+    return InsertAt(rec, m_nextRev);
+}
+
+std::uint32_t CK9eReplStorage::InsertP(K9eReplRec* rec) {
+    const Guard guard(m_lock);
+    if (State() != StorageState::kOpen) {
+        LOG_ERROR_CODE(RC_WRONG_STATE, kLogStorage, "Failed to insert prepared;state %d",
+                       StateForLog());
+        return RC_WRONG_STATE;
+    }
+    const i64 rev = rec->rev;
+    if (rev < m_nextRev) {
+        LOG_ERROR_CODE(RC_INVALID_ARG, kLogStorage, "Wrong rec rev %I64d, expected %I64d", rev,
+                       m_nextRev.load());
+        return RC_INVALID_ARG;
+    }
+    return InsertAt(rec, rev);
+}
+
+u32 CK9eReplStorage::InsertAt(K9eReplRec* rec, i64 rev) {
+    if (rev > kMaxRev) {
+        LOG_ERROR_CODE(RC_INVALID_ARG, kLogStorage, "No revision left;rev %I64d,maximum %I64d", rev,
+                       kMaxRev);
+        return RC_INVALID_ARG;
+    }
+    const bool implicit = m_transDepth == 0;
+    if (implicit) {
+        if (u32 rc = BeginTransaction(); rc != RC_OK) {
+            return rc;
+        }
+    }
+    // The revision is used up before the record is placed, and stays so when that fails.
+    rec->rev = rev;
+    m_nextRev = rev + 1;
+    return PlaceInTransaction(*rec, implicit);
+}
+
+u32 CK9eReplStorage::PlaceInTransaction(const K9eReplRec& rec, bool implicit) {
+    m_inserter.dataCounter = &m_transDataSize;
+    u32 rc = m_inserter.Place(rec, kUnknownOffset);
+    if (implicit && rc == RC_OK) {
+        rc = Commit();
+    }
+    if (implicit && rc != RC_OK) {
+        Rollback();
+    }
+    return rc;
+}
+
+std::uint32_t CK9eReplStorage::Commit() {
+    const Guard guard(m_lock);
+    if (State() != StorageState::kOpen && State() != StorageState::kFlushFailed) {
+        LOG_ERROR_CODE(RC_WRONG_STATE, kLogStorage, "Failed to commit;state %d", StateForLog());
+        return RC_WRONG_STATE;
+    }
+    if (m_transDepth == 0) {
+        RetryFlushOutsideTransaction();
+        return RC_NO_TRANSACTION;
+    }
+    --m_transDepth;
+    if (m_rolledBack) {
+        return RC_TRANS_ROLLED_BACK;
+    }
+    if (m_transDepth == 0) {
+        if (u32 rc = CommitOutermost(); rc != RC_OK) {
+            return rc;
+        }
+    }
+    LOG_INFO(kLogStorage, "TR_C");
+    return RC_OK;
+}
+
+u32 CK9eReplStorage::CommitOutermost() {
+    if (HasFile()) {
+        m_policy.CountCommit(m_settings.flushMode, m_transDataSize);
+        if (FlushNeeded()) {
+            if (u32 rc = Flush(); rc != RC_OK) {
+                ++m_transDepth;
+                return FailFlushAtTop(rc);
+            }
+        }
+        LeaveFlushFailed();
+        SaveIndexIfGrown();
+    } else {
+        NotifyNoFlushCommit();
+    }
+    if (m_settings.MayEvict() && m_shrinkPending) {
+        ShrinkCache();
+    }
+    // A callback may have begun the next transaction meanwhile.
+    if (m_transDepth == 0) {
+        m_transStartRev = 0;
+        m_transStartUsed = 0;
+    }
+    return RC_OK;
+}
+
+void CK9eReplStorage::NotifyNoFlushCommit() {
+    const i64 lastRev = m_nextRev - 1;
+    if (m_onFlush.IsSet()) {
+        m_timing.Start(m_timeOnFlushCb);
+        m_onFlush.Call(lastRev);
+        m_timing.Stop(m_timeOnFlushCb);
+    }
+    m_onWriteToFile.Call(lastRev);
+}
+
+void CK9eReplStorage::SaveIndexIfGrown() {
+    const std::size_t count = m_blocks.Index().size();
+    if (count < m_indexedCount + m_settings.indexHint) {
+        return;
+    }
+    // A save that cannot be had now is no failure of the commit: the index is only an aid.
+    if (m_index->IsFinished()) {
+        LOG_ERROR(kLogStorage, "Index thread is finished; trying to restart");
+        m_index->Stop();
+        m_index->Start();
+    } else if (m_index->IsBusy()) {
+        LOG_WARNING(kLogStorage, "Index thread is busy");
+    } else {
+        m_index->RequestSave(m_blocks.Index(), IndexSaveMode::kAsync);
+    }
+    m_indexedCount = count;
+}
+
+u32 CK9eReplStorage::ShrinkCache() {
+    const u32 rc = m_blocks.Shrink(m_settings.cacheBlocks, m_flushedRev);
+    if (rc == RC_OK) {
+        m_shrinkPending = false;
+    }
+    return rc;
+}
+
+// A failed idle flush leaves no transaction to commit or roll back; this is its way out.
+void CK9eReplStorage::RetryFlushOutsideTransaction() {
+    if (State() == StorageState::kFlushFailed && Flush() == RC_OK) {
+        LeaveFlushFailed();
+    }
+}
+
+void CK9eReplStorage::LeaveFlushFailed() {
+    if (State() == StorageState::kFlushFailed) {
+        SetState(StorageState::kOpen);
+    }
+}
+
+std::uint32_t CK9eReplStorage::Rollback() {
+    const Guard guard(m_lock);
+    if (State() != StorageState::kOpen && State() != StorageState::kFlushFailed) {
+        LOG_ERROR_CODE(RC_WRONG_STATE, kLogStorage, "Failed to rollback;state %d", StateForLog());
+        return RC_WRONG_STATE;
+    }
+    if (m_transDepth == 0) {
+        RetryFlushOutsideTransaction();
+        return RC_NO_TRANSACTION_TO_ROLLBACK;
+    }
+    m_transDepth = 0;
+    if (m_rolledBack) {
+        return RC_OK;
+    }
+    m_rolledBack = true;
+    const i64 cut = m_transStartRev - 1;
+    if (u32 rc = m_blocks.EraseBlocksAfter(cut); rc != RC_OK) {
+        return rc;
+    }
+    m_blocks.EraseIndexAfter(cut);
+    if (!m_blocks.Blocks().empty()) {
+        K9eReplBlock& newest = m_blocks.Newest();
+        assert(m_transStartUsed <= newest.used);
+        newest.used = m_transStartUsed;
+        newest.lastRev = cut;
+        newest.flushedEnd = std::min(newest.flushedEnd, newest.used);
+    }
+    m_nextRev = m_transStartRev;
+    LOG_INFO(kLogStorage, "TR_ROLL");
+    SetState(StorageState::kOpen);
+    return RC_OK;
+}
+
+}  // namespace k9erepl
