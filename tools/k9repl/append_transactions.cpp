@@ -73,9 +73,8 @@ void AppendTransactions::Commit() {
     const std::uint32_t code = K9eReplStorageCommit(m_storage.Get());
     m_inTransaction = false;
     if (code != RC_OK) {
-        ToolError error = LibraryError("commit to " + m_storage.Name(), code);
         K9eReplStorageRollback(m_storage.Get());
-        throw error;
+        throw LibraryError("commit to " + m_storage.Name(), code);
     }
     m_totals = m_open;
 }

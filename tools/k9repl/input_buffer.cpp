@@ -8,7 +8,7 @@ namespace k9repl {
 
 namespace {
 
-constexpr std::size_t kChunkSize = 256 * 1024;
+constexpr std::size_t kChunkSize = std::size_t{256} * 1024;
 
 }  // namespace
 

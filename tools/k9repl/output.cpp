@@ -10,7 +10,7 @@ namespace k9repl {
 
 namespace {
 
-constexpr std::size_t kHoldAtMost = 1024 * 1024;
+constexpr std::size_t kHoldAtMost = std::size_t{1024} * 1024;
 
 }  // namespace
 

@@ -36,14 +36,14 @@ void ProgressLine::Show(std::uint64_t records, std::uint64_t bytes) {
     const double megabytes = static_cast<double>(bytes) / 1e6;
     fmt::print(stderr, "{}{} records, {:.1f} MB, {:.1f} MB/s", kEraseLine, records, megabytes,
                megabytes / Seconds());
-    std::fflush(stderr);
+    (void)std::fflush(stderr);
 }
 
 void ProgressLine::Clear() {
     if (m_visible) {
         m_visible = false;
-        std::fputs(kEraseLine, stderr);
-        std::fflush(stderr);
+        fmt::print(stderr, "{}", kEraseLine);
+        (void)std::fflush(stderr);
     }
 }
 

@@ -44,9 +44,8 @@ StorageHandle::StorageHandle(const std::string& conn) : m_name(NameOf(conn)) {
     Open(conn);
     const std::uint32_t code = K9eReplStorageLoad(m_handle);
     if (code != RC_OK) {
-        ToolError error = LibraryError("load " + m_name, code);
         Close();
-        throw error;
+        throw LibraryError("load " + m_name, code);
     }
 }
 
