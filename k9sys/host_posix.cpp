@@ -37,10 +37,13 @@ std::string ProgramPath() {
 
 std::string ModulePath(void* module) {
     Dl_info info = {};
-    if (module == nullptr || dladdr(module, &info) == 0 || info.dli_fname == nullptr) {
+    if (module == nullptr || dladdr(module, &info) == 0) {
         return ProgramPath();
     }
-    return info.dli_fname;
+    // Libraries have a path. The program has the word by which it was started, which may be a name
+    // that was found through PATH.
+    const std::string path = info.dli_fname;
+    return path.find('/') == std::string::npos ? ProgramPath() : path;
 }
 
 }  // namespace k9sys

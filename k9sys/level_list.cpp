@@ -47,6 +47,12 @@ bool ParseItem(std::string_view item, LevelList* list) {
 
 }  // namespace
 
+K9SysLogLevel LevelList::LevelOf(std::string_view module) const {
+    const auto last = std::find_if(modules.rbegin(), modules.rend(),
+                                   [&](const auto& item) { return item.first == module; });
+    return last == modules.rend() ? defaultLevel : last->second;
+}
+
 bool ParseLevelList(std::string_view text, LevelList* list) {
     *list = LevelList();
     for (std::size_t start = 0; start <= text.size();) {

@@ -15,6 +15,9 @@ namespace k9sys {
 struct LevelList {
     K9SysLogLevel defaultLevel = K9SYS_LOG_ERROR;
     std::vector<std::pair<std::string, K9SysLogLevel>> modules;  // in the order of the text
+
+    // The level that `module` takes.
+    K9SysLogLevel LevelOf(std::string_view module) const;
 };
 
 // Items are separated by ','; blanks around an item, a name or a level and empty items do not

@@ -1,6 +1,7 @@
 // The exported log functions and the control of the log.
 #include <k9sys/k9sys.h>
 
+#include <cassert>
 #include <cstdarg>
 #include <new>
 
@@ -9,14 +10,6 @@
 #include "log_message.h"
 #include "log_output.h"
 #include "result_codes.h"
-
-namespace {
-
-bool IsLevel(K9SysLogLevel level) {
-    return level >= K9SYS_LOG_OFF && level <= K9SYS_LOG_INFO;
-}
-
-}  // namespace
 
 void K9LogInfoEx(const char* module, const char* format, ...) {
     va_list args;
@@ -88,9 +81,7 @@ K9LogFlag* trcheckEx_K9LogErrorWithCodeEx_(uint32_t code, const char* module, co
 }
 
 uint32_t K9SysSetLogLevel(const char* module, K9SysLogLevel level) {
-    if (!IsLevel(level)) {
-        return k9sys::kInvalidArgument;
-    }
+    assert(level >= K9SYS_LOG_OFF && level <= K9SYS_LOG_INFO);
     try {
         k9sys::LogLevels::Instance().SetLevel(module, level);
         return k9sys::kOk;

@@ -72,9 +72,11 @@ void LogLevels::SetLevels(const LevelList& list) {
     for (const auto& [name, level] : list.modules) {
         FindOrAdd(name);
     }
-    SetAll(list.defaultLevel);
-    for (const auto& [name, level] : list.modules) {
-        SetFlags(FindOrAdd(name).flags, level);
+    m_defaultLevel = list.defaultLevel;
+    SetFlags(m_others.flags, list.defaultLevel);
+    // Each flag goes straight to its new value: a site that stays enabled misses no message.
+    for (auto& [name, module] : m_modules) {
+        SetFlags(module.flags, list.LevelOf(name));
     }
 }
 

@@ -125,8 +125,8 @@ typedef void(K9SYS_CALL* K9SysLogSink)(K9SysLogLevel level, const char* module, 
                                        uint32_t code, void* context);
 
 /* Sets the level of one module, or of every module when `module` is null (which also forgets all
- * levels set for single modules). Takes effect at once, at every call site. Returns 0; 1 for no
- * memory; 2 for a level that does not exist. On failure nothing changes. */
+ * levels set for single modules). Takes effect at once, at every call site. Returns 0, or 1 for no
+ * memory, when nothing has changed. REQUIRES: one of the four levels. */
 K9SYS_API uint32_t K9SYS_CALL K9SysSetLogLevel(const char* module, K9SysLogLevel level);
 
 /* Replaces all levels by those of a list, as the environment variable K9SYS_LOG has it: "warning",

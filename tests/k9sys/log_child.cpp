@@ -1,0 +1,83 @@
+// A program that logs, run by log_child_test.cpp with an environment of its own:
+//
+//   k9sys_log_child MODE [NAME=VALUE]...
+//
+// MODE is a key of the table below; each NAME=VALUE goes into the environment before anything is
+// logged.
+#include <k9sys/k9sys.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+namespace {
+
+constexpr std::uint32_t kCode = 27;
+constexpr std::uint32_t kCodeOfTheFamily = 0x8011;
+
+void LogEveryLevel() {
+    for (const char* module : {"a", "b"}) {
+        K9LogErrorEx(module, "an error");
+        K9LogWarningEx(module, "a warning");
+        K9LogInfoEx(module, "an info");
+    }
+}
+
+void LogCodes() {
+    K9LogErrorWithCodeEx(kCode, "k9eRepl-storage", "Failed to begin trans;state %d", 3);
+    K9LogErrorWithCodeEx(kCodeOfTheFamily, "***TP***", "no transaction");
+    K9LogErrorEx("a", "two\nlines\tand \x7F");
+}
+
+void LogOnEightThreads() {
+    std::vector<std::thread> threads;
+    for (int number = 0; number < 8; ++number) {
+        threads.emplace_back([number] {
+            for (int round = 0; round < 100; ++round) {
+                K9LogErrorEx("a", "thread %d round %d;%s", number, round, "some more text");
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+}
+
+// Made before the first message and destroyed after main: logs when whatever the system library
+// had made later would be gone.
+struct LogsAtTheEnd {
+    ~LogsAtTheEnd() { K9LogErrorEx("a", "while the process ends"); }
+};
+
+void LogWhileTheProcessEnds() {
+    static const LogsAtTheEnd atTheEnd;
+    K9LogErrorEx("a", "while it runs");
+}
+
+struct Mode {
+    std::string_view name;
+    void (*run)();
+};
+constexpr Mode kModes[] = {{"levels", LogEveryLevel},
+                           {"codes", LogCodes},
+                           {"threads", LogOnEightThreads},
+                           {"end", LogWhileTheProcessEnds}};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    for (int i = 2; i < argc; ++i) {
+        (void)putenv(argv[i]);  // NOLINT(concurrency-mt-unsafe): the only thread
+    }
+    for (const Mode& mode : kModes) {
+        if (argc > 1 && mode.name == argv[1]) {
+            mode.run();
+            return EXIT_SUCCESS;
+        }
+    }
+    (void)std::fprintf(stderr, "no such mode\n");
+    return EXIT_FAILURE;
+}

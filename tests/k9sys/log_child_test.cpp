@@ -1,0 +1,162 @@
+// What the environment decides: levels and the log file, and how a line of the file looks. Each
+// test runs k9sys_log_child, because a process reads its environment once.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "support/file_bytes.h"
+#include "support/temp_folder.h"
+
+namespace k9erepl::test {
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+class LogChild : public ::testing::Test {
+  protected:
+    // Runs the child; false when it does not end well.
+    bool Run(const std::string& mode, const Lines& environment) {
+        std::string command = std::string("\"") + K9SYS_LOG_CHILD + "\" " + mode;
+        for (const std::string& item : environment) {
+            command += " \"" + item + "\"";
+        }
+        command += " 2> \"" + m_standardError + "\"";
+        return std::system(command.c_str()) == 0;  // NOLINT(cert-env33-c,concurrency-mt-unsafe)
+    }
+
+    // The lines of a file, without the time at their beginning.
+    static Lines LinesOf(const std::string& path) {
+        Lines lines;
+        std::istringstream file(ReadText(path));
+        for (std::string line; std::getline(file, line);) {
+            lines.push_back(std::regex_replace(
+                line, std::regex(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} )"), ""));
+        }
+        return lines;
+    }
+
+    const TempFolder m_folder;
+    const std::string m_standardError = m_folder.File("stderr");
+    const std::string m_logFile = m_folder.File("log");
+};
+
+}  // namespace
+
+TEST_F(LogChild, OnlyErrorsAreLoggedWithoutALevel) {
+    ASSERT_TRUE(Run("levels", {}));
+    EXPECT_EQ(LinesOf(m_standardError), (Lines{"error a: an error", "error b: an error"}));
+}
+
+TEST_F(LogChild, NothingIsLoggedWhenOff) {
+    ASSERT_TRUE(Run("levels", {"K9SYS_LOG=off"}));
+    EXPECT_EQ(LinesOf(m_standardError), Lines());
+}
+
+TEST_F(LogChild, WarningIncludesErrors) {
+    ASSERT_TRUE(Run("levels", {"K9SYS_LOG=warning"}));
+    EXPECT_EQ(LinesOf(m_standardError), (Lines{"error a: an error", "warning a: a warning",
+                                               "error b: an error", "warning b: a warning"}));
+}
+
+TEST_F(LogChild, InfoIncludesEverything) {
+    ASSERT_TRUE(Run("levels", {"K9SYS_LOG=info"}));
+    EXPECT_EQ(LinesOf(m_standardError),
+              (Lines{"error a: an error", "warning a: a warning", "info a: an info",
+                     "error b: an error", "warning b: a warning", "info b: an info"}));
+}
+
+TEST_F(LogChild, ModulesHaveLevelsOfTheirOwn) {
+    ASSERT_TRUE(Run("levels", {"K9SYS_LOG=off,b=warning"}));
+    EXPECT_EQ(LinesOf(m_standardError), (Lines{"error b: an error", "warning b: a warning"}));
+}
+
+TEST_F(LogChild, LevelsThatAreNotUnderstoodAreSaidAndErrorsLogged) {
+    ASSERT_TRUE(Run("levels", {"K9SYS_LOG=loud"}));
+    EXPECT_EQ(LinesOf(m_standardError),
+              (Lines{"K9Sys: K9SYS_LOG is not understood, only errors are logged: \"loud\"",
+                     "error a: an error", "error b: an error"}));
+}
+
+TEST_F(LogChild, TheLogFileTakesWhatStandardErrorWould) {
+    ASSERT_TRUE(Run("levels", {"K9SYS_LOG_FILE=" + m_logFile}));
+    EXPECT_EQ(LinesOf(m_logFile), (Lines{"error a: an error", "error b: an error"}));
+    EXPECT_EQ(LinesOf(m_standardError), Lines());
+}
+
+TEST_F(LogChild, TheLogFileIsAppendedTo) {
+    WriteText(m_logFile, "what was there\n");
+    ASSERT_TRUE(Run("levels", {"K9SYS_LOG_FILE=" + m_logFile}));
+    EXPECT_EQ(LinesOf(m_logFile),
+              (Lines{"what was there", "error a: an error", "error b: an error"}));
+}
+
+TEST_F(LogChild, NoFileIsMadeWhenNothingIsLogged) {
+    ASSERT_TRUE(Run("levels", {"K9SYS_LOG=off", "K9SYS_LOG_FILE=" + m_logFile}));
+    EXPECT_FALSE(Exists(m_logFile));
+}
+
+TEST_F(LogChild, AnEmptyFileNameIsStandardError) {
+    ASSERT_TRUE(Run("levels", {"K9SYS_LOG_FILE="}));
+    EXPECT_EQ(LinesOf(m_standardError), (Lines{"error a: an error", "error b: an error"}));
+}
+
+TEST_F(LogChild, AFileThatCannotBeOpenedFallsBackToStandardError) {
+    const std::string path = m_folder.File("no-such-folder/log");
+    ASSERT_TRUE(Run("levels", {"K9SYS_LOG_FILE=" + path}));
+    EXPECT_EQ(LinesOf(m_standardError),
+              (Lines{"K9Sys: cannot open the log file, logging to standard error: \"" + path + "\"",
+                     "error a: an error", "error b: an error"}));
+}
+
+TEST_F(LogChild, ALineHasTimeLevelModuleMessageAndCode) {
+    ASSERT_TRUE(Run("codes", {}));
+    std::istringstream file(ReadText(m_standardError));
+    std::string line;
+    std::getline(file, line);
+    const std::regex expected(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} error k9eRepl-storage: )"
+                              R"(Failed to begin trans;state 3 \(code 27\))");
+    EXPECT_TRUE(std::regex_match(line, expected)) << line;
+}
+
+TEST_F(LogChild, CodesOfTheFamilyAreHexadecimalAndControlCharactersReplaced) {
+    ASSERT_TRUE(Run("codes", {}));
+    EXPECT_EQ(LinesOf(m_standardError),
+              (Lines{"error k9eRepl-storage: Failed to begin trans;state 3 (code 27)",
+                     "error ***TP***: no transaction (code 0x8011)", "error a: two?lines?and ?"}));
+}
+
+TEST_F(LogChild, TheTimeIsTheLocalTime) {
+    const std::string east = m_folder.File("east");
+    const std::string west = m_folder.File("west");
+    ASSERT_TRUE(Run("levels", {"TZ=AAA-10", "K9SYS_LOG_FILE=" + east}));
+    ASSERT_TRUE(Run("levels", {"TZ=BBB+10", "K9SYS_LOG_FILE=" + west}));
+    // Twenty hours lie between them, never a whole day.
+    EXPECT_NE(ReadText(east).substr(0, 13), ReadText(west).substr(0, 13));
+}
+
+TEST_F(LogChild, LinesOfEightThreadsAreWhole) {
+    ASSERT_TRUE(Run("threads", {"K9SYS_LOG_FILE=" + m_logFile}));
+    std::multiset<std::string> expected;
+    for (int number = 0; number < 8; ++number) {
+        for (int round = 0; round < 100; ++round) {
+            expected.insert("error a: thread " + std::to_string(number) + " round " +
+                            std::to_string(round) + ";some more text");
+        }
+    }
+    const Lines lines = LinesOf(m_logFile);
+    EXPECT_EQ(std::multiset<std::string>(lines.begin(), lines.end()), expected);
+}
+
+TEST_F(LogChild, MessagesWhileTheProcessEndsAreWritten) {
+    ASSERT_TRUE(Run("end", {"K9SYS_LOG_FILE=" + m_logFile}));
+    EXPECT_EQ(LinesOf(m_logFile),
+              (Lines{"error a: while it runs", "error a: while the process ends"}));
+}
+
+}  // namespace k9erepl::test
