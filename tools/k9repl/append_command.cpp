@@ -9,7 +9,6 @@
 #include "append_transactions.h"
 #include "conn_string.h"
 #include "input_file.h"
-#include "interrupts.h"
 #include "output.h"
 #include "progress_line.h"
 #include "record_reader.h"
@@ -80,10 +79,7 @@ class AppendRun {
         }
         PrintSummary(m_transactions.Totals(), m_progress.Seconds());
         if (end == InputState::kInterrupted) {
-            const int signal = InterruptSignal();
-            throw ToolError(fmt::format("interrupted by {}; {}", InterruptName(signal),
-                                        StoredText(m_stored.Get())),
-                            kExitSignalBase + signal);
+            throw InterruptError("; " + StoredText(m_stored.Get()));
         }
         return kExitSuccess;
     }

@@ -16,19 +16,23 @@ namespace {
 
 struct PrintingContext {
     RecordPrinter& printer;
-    bool stopped = false;                  // by this side: the enumeration's result says nothing
+    bool interrupted = false;
     std::exception_ptr failure = nullptr;  // carried around the library
 };
 
+// A failed output stops the enumeration too; the output itself remembers why.
 std::uint32_t K9EREPL_CALL PrintRecord(const K9eReplRec* record, void* cbContext) {
     auto& context = *static_cast<PrintingContext*>(cbContext);
+    context.interrupted = InterruptSignal() != 0;
+    if (context.interrupted) {
+        return RC_ENUM_STOP;
+    }
     try {
-        context.stopped = InterruptSignal() != 0 || !context.printer.Print(*record);
+        return context.printer.Print(*record) ? RC_OK : RC_ENUM_STOP;
     } catch (...) {
         context.failure = std::current_exception();
-        context.stopped = true;
+        return RC_ENUM_STOP;
     }
-    return context.stopped ? RC_ENUM_STOP : RC_OK;
 }
 
 }  // namespace
@@ -47,12 +51,10 @@ int RunCat(const CatOptions& options) {
     if (context.failure) {
         std::rethrow_exception(context.failure);
     }
-    output.Finish();  // what was read before a failure is printed
-    if (context.stopped) {
-        const int signal = InterruptSignal();
-        throw ToolError(fmt::format("interrupted by {}", InterruptName(signal)),
-                        kExitSignalBase + signal);
+    if (context.interrupted) {
+        throw InterruptError();
     }
+    output.Finish();  // what was read before a failure is printed
     storage.Check(code, "read");
     return kExitSuccess;
 }

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "interrupts.h"
 #include "tool_error.h"
 
 namespace k9repl {
@@ -24,6 +25,9 @@ bool Output::Write(std::string_view text) {
 void Output::Finish() {
     if (m_error == 0 && (!WriteOut() || std::fflush(stdout) != 0)) {
         m_error = m_error != 0 ? m_error : errno;
+    }
+    if (m_error == EINTR && InterruptSignal() != 0) {
+        throw InterruptError();
     }
     if (m_error != 0) {
         throw SystemError("write to standard output", {m_error, std::generic_category()});

@@ -17,8 +17,8 @@ class Output {
     // False once a write has failed; what follows is dropped.
     bool Write(std::string_view text);
 
-    // Writes what is still held. Throws ToolError when this or an earlier write failed. Without
-    // it nothing is promised.
+    // Writes what is still held. Throws ToolError when this or an earlier write failed, or when an
+    // interrupt ended a wait for the reader. Without it nothing is promised.
     void Finish();
 
   private:

@@ -3,6 +3,9 @@
 
 #include <fmt/format.h>
 
+#include <cassert>
+
+#include "interrupts.h"
 #include "library_log.h"
 #include "result_names.h"
 
@@ -26,6 +29,13 @@ ToolError LoggedError(const std::string& action) {
 ToolError SystemError(const std::string& action, std::error_code cause) {
     return ToolError(
         fmt::format("cannot {}: {} (system error {})", action, cause.message(), cause.value()));
+}
+
+ToolError InterruptError(const std::string& addition) {
+    const int signal = InterruptSignal();
+    assert(signal != 0);
+    return ToolError(fmt::format("interrupted by {}{}", InterruptName(signal), addition),
+                     kExitSignalBase + signal);
 }
 
 }  // namespace k9repl

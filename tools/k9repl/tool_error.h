@@ -38,6 +38,10 @@ ToolError LoggedError(const std::string& action);
 // "cannot ACTION: MEANING (system error NUMBER)".
 ToolError SystemError(const std::string& action, std::error_code cause);
 
+// "interrupted by SIGTERM", with the exit status that tells the signal.
+// REQUIRES: a signal was caught.
+ToolError InterruptError(const std::string& addition = {});
+
 }  // namespace k9repl
 
 #endif  // K9EREPL_K9REPL_TOOL_ERROR_H
