@@ -1,0 +1,70 @@
+// The benchmarks' storages; see the header.
+#include "bench_storage.h"
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+
+#include "platform/clock.h"
+
+namespace k9erepl::bench {
+
+namespace fs = std::filesystem;
+
+void Require(bool holds, const char* what) {
+    if (!holds) {
+        std::fprintf(stderr, "benchmark failed: %s\n", what);
+        std::exit(1);
+    }
+}
+
+BenchRecord::BenchRecord() : m_bytes(sizeof(K9eReplRec) + kDataSize) {
+    Get()->userWord = 7;
+    Get()->dataSize = kDataSize;
+    std::memset(Get()->data, 'x', kDataSize);
+}
+
+BenchFile::BenchFile() {
+    static std::atomic<int> ordinal{0};
+    const char* base = std::getenv("K9EREPL_BENCH_DIR");
+    const fs::path root = base != nullptr ? fs::path(base) : fs::temp_directory_path();
+    const std::string name = "k9erepl-bench-" + std::to_string(platform::TimeStampCounter()) + "-" +
+                             std::to_string(ordinal++);
+    m_folder = (root / name).string();
+    fs::create_directories(m_folder);
+    m_path = m_folder + "/bench.edb";
+}
+
+BenchFile::~BenchFile() {
+    std::error_code ignored;
+    fs::remove_all(m_folder, ignored);
+}
+
+std::string BenchFile::ConnStr(const std::string& settings) const {
+    return "file=" + m_path + ";" + settings;
+}
+
+BenchHandle::BenchHandle(const std::string& connStr) {
+    Require(K9eReplStorageOpen(connStr.c_str(), &m_handle) == RC_OK, "opening the storage");
+}
+
+void BenchHandle::Load() {
+    Require(K9eReplStorageLoad(m_handle) == RC_OK, "loading the storage");
+}
+
+void Append(void* handle, int count) {
+    BenchRecord record;
+    bool ok = true;
+    for (int done = 0; done < count; done += kPerTransaction) {
+        ok = ok && K9eReplStorageBeginTransaction(handle) == RC_OK;
+        for (int i = 0; i < kPerTransaction; ++i) {
+            ok = ok && K9eReplStorageInsert(handle, record.Get()) == RC_OK;
+        }
+        ok = ok && K9eReplStorageCommit(handle) == RC_OK;
+    }
+    Require(ok, "appending records");
+}
+
+}  // namespace k9erepl::bench
