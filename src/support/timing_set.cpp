@@ -2,6 +2,7 @@
 #include "support/timing_set.h"
 
 #include <cassert>
+#include <utility>
 
 #include "platform/clock.h"
 #include "support/log.h"
@@ -36,7 +37,9 @@ u32 TimingSet::Register(const char* name) {
     }
     // Room for the longest report, so that reporting allocates nothing.
     m_report.reserve((m_counters.size() + 1) * (kTextSize + 2));
-    m_counters.emplace_back().name = name;
+    Counter counter;
+    counter.name = name;
+    m_counters.push_back(std::move(counter));
     return static_cast<u32>(m_counters.size() - 1);
 }
 
