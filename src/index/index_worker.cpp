@@ -20,18 +20,22 @@ IndexWorker::IndexWorker(std::string path, IK9eReplDS& idle, u32 blockSize, u32 
       m_image(blockSize),
       m_file(std::move(path)),
       m_saveCounter(m_timing.Register("Idx-Save")),
-      m_syncCounter(m_timing.Register("Idx-Sync")) {}
+      m_syncCounter(m_timing.Register("Idx-Sync")) {
+    m_image.StartOver();  // there is no file yet
+}
 
 u32 IndexWorker::Prepare() {
     assert(IsFinished());
     m_turn.Reset();
     m_image.Reset();
     const u32 rc = m_file.Create(m_image);
-    if (rc == RC_OK) {
-        m_up.store(false, std::memory_order_relaxed);
-        m_finished.store(false, std::memory_order_release);
+    if (rc != RC_OK) {
+        m_image.StartOver();
+        return rc;
     }
-    return rc;
+    m_up.store(false, std::memory_order_relaxed);
+    m_finished.store(false, std::memory_order_release);
+    return RC_OK;
 }
 
 void IndexWorker::CleanUp() {

@@ -1,0 +1,48 @@
+// Deleting the index file that a connection string names.
+#include <gtest/gtest.h>
+#include <k9erepl/storage.h>
+
+#include "index/index_file.h"
+#include "index/index_fixture.h"
+
+namespace k9erepl::test {
+namespace {
+
+class IndexFileDelete : public ::testing::Test {
+  protected:
+    std::string ConnStr() const { return "file=" + m_folder.File("data.edb"); }
+    std::string Path() const { return m_folder.File("data.edb-idx"); }
+
+    TempFolder m_folder;
+    LogCapture m_log;
+};
+
+TEST_F(IndexFileDelete, RemovesTheFileAndSaysSo) {
+    WriteBytes(Path(), IndexFileBytes({}));
+    EXPECT_EQ(DeleteIndexFile(ConnStr().c_str()), RC_OK);
+    EXPECT_FALSE(Exists(Path()));
+    EXPECT_TRUE(m_log.Has(K9SYS_LOG_INFO, "Deleted index file '" + Path() + "'")) << m_log;
+}
+
+TEST_F(IndexFileDelete, AnswersASystemErrorForAMissingFile) {
+    EXPECT_EQ(DeleteIndexFile(ConnStr().c_str()), RC_SYSTEM_ERROR);
+    const std::string text = "Cannot delete index file;path '" + Path() + "'";
+    EXPECT_TRUE(m_log.Has(K9SYS_LOG_ERROR, text)) << m_log;
+    EXPECT_EQ(m_log.CodeOf(text), RC_SYSTEM_ERROR);
+}
+
+TEST_F(IndexFileDelete, AnswersASystemErrorForAFileThatStays) {
+    ScopedSystemCalls systemCalls;
+    WriteBytes(Path(), IndexFileBytes({}));
+    FailRemove(1);
+    EXPECT_EQ(DeleteIndexFile(ConnStr().c_str()), RC_SYSTEM_ERROR);
+    EXPECT_TRUE(Exists(Path()));
+}
+
+TEST_F(IndexFileDelete, DoesNothingWhereThereIsNoIndexFile) {
+    EXPECT_EQ(DeleteIndexFile("file=:memory:"), RC_OK);
+    EXPECT_TRUE(m_log.Messages().empty()) << m_log;
+}
+
+}  // namespace
+}  // namespace k9erepl::test

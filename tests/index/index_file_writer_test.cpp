@@ -1,0 +1,183 @@
+// The writes of the index file, and what is left when one of them fails.
+#include "index/index_file_writer.h"
+
+#include <gtest/gtest.h>
+#include <k9erepl/storage.h>
+
+#include "index/index_file.h"
+#include "index/index_fixture.h"
+
+namespace k9erepl::test {
+namespace {
+
+class IndexFileWriterTest : public ::testing::Test {
+  protected:
+    void CreateWith(u32 count) {
+        ASSERT_EQ(m_writer.Create(m_image), RC_OK);
+        if (count != 0) {
+            m_blocks.AddMany(count);
+            ASSERT_EQ(Save(), RC_OK);
+        }
+    }
+    u32 Save() {
+        EXPECT_EQ(m_image.Update(m_blocks.Index()), IndexUpdate::kChanged);
+        const u32 rc = m_writer.Write(m_image);
+        if (rc == RC_OK) {
+            m_image.MarkSaved();
+        }
+        return rc;
+    }
+    // That a write of `part` failed for `kind`.
+    void ExpectFailure(const std::string& part, SystemErrorKind kind) {
+        const std::string text =
+            "Couldn't write file '" + m_path + "' (" + part + "); sysErr " + SysErr(kind);
+        EXPECT_TRUE(m_log.Has(K9SYS_LOG_ERROR, text)) << m_log;
+        EXPECT_EQ(m_log.CodeOf(text), RC_SYSTEM_ERROR);
+    }
+
+    ScopedSystemCalls m_systemCalls;
+    TempFolder m_folder;
+    LogCapture m_log;
+    Blocks m_blocks;
+    const std::string m_path = m_folder.File("a/b/data.edb-idx");
+    IndexImage m_image{kBlockSize};
+    IndexFileWriter m_writer{m_path};
+};
+
+TEST_F(IndexFileWriterTest, MakesTheDirectoriesAndAFileWithoutEntries) {
+    EXPECT_EQ(m_writer.Create(m_image), RC_OK);
+    EXPECT_EQ(ReadBytes(m_path), IndexFileBytes({}));
+    EXPECT_TRUE(m_log.Messages().empty()) << m_log;
+}
+
+TEST_F(IndexFileWriterTest, EmptiesAnExistingFile) {
+    CreateWith(5);
+    m_writer.Close();
+    m_image.Reset();
+    EXPECT_EQ(m_writer.Create(m_image), RC_OK);
+    EXPECT_EQ(ReadBytes(m_path), IndexFileBytes({}));
+}
+
+TEST_F(IndexFileWriterTest, FailsWhenADirectoryCannotBeMade) {
+    Fail(SystemCall::kMakeDirectory, 1, SystemErrorKind::kAccessDenied, Repeat::kFromThenOn);
+    EXPECT_EQ(m_writer.Create(m_image), RC_SYSTEM_ERROR);
+    const std::string text = "Couldn't create directory for '" + m_path + "'; sysErr " +
+                             SysErr(SystemErrorKind::kAccessDenied);
+    EXPECT_EQ(m_log.CodeOf(text), RC_SYSTEM_ERROR) << m_log;
+}
+
+TEST_F(IndexFileWriterTest, FailsWhenTheFileCannotBeOpened) {
+    FailOpen(1);
+    EXPECT_EQ(m_writer.Create(m_image), RC_SYSTEM_ERROR);
+    const std::string text =
+        "Couldn't open file '" + m_path + "'; sysErr " + SysErr(SystemErrorKind::kAccessDenied);
+    EXPECT_EQ(m_log.CodeOf(text), RC_SYSTEM_ERROR) << m_log;
+}
+
+TEST_F(IndexFileWriterTest, ClosesTheFileWhenItsHeaderCannotBeWritten) {
+    FailWrite(1);
+    EXPECT_EQ(m_writer.Create(m_image), RC_SYSTEM_ERROR);
+    const std::string text = "Couldn't write file header;file '" + m_path + "'; sysErr " +
+                             SysErr(SystemErrorKind::kNoSpace);
+    EXPECT_EQ(m_log.CodeOf(text), RC_SYSTEM_ERROR) << m_log;
+    EXPECT_EQ(CallCount(SystemCall::kClose), 1U);
+}
+
+TEST_F(IndexFileWriterTest, WritesTheWholeFileInOneWrite) {
+    CreateWith(0);
+    m_blocks.AddMany(3);
+    EXPECT_EQ(Save(), RC_OK);
+    EXPECT_EQ(ReadBytes(m_path), IndexFileBytes(m_blocks.All()));
+    EXPECT_EQ(CallCount(SystemCall::kWrite), 2U);
+    EXPECT_TRUE(m_log.Has(K9SYS_LOG_INFO, "File rewritten (80 bytes)")) << m_log;
+}
+
+TEST_F(IndexFileWriterTest, CutsAFileThatWasLonger) {
+    CreateWith(10);
+    m_blocks.RemoveFrom(4);
+    EXPECT_EQ(Save(), RC_OK);
+    EXPECT_EQ(ReadBytes(m_path), IndexFileBytes(m_blocks.All()));
+}
+
+TEST_F(IndexFileWriterTest, WritesTheTailThenTheHeader) {
+    CreateWith(3);
+    const u32 writes = CallCount(SystemCall::kWrite);
+    m_blocks.AddMany(2);
+    EXPECT_EQ(Save(), RC_OK);
+    EXPECT_EQ(ReadBytes(m_path), IndexFileBytes(m_blocks.All()));
+    EXPECT_EQ(CallCount(SystemCall::kWrite), writes + 2);
+    EXPECT_TRUE(m_log.Has(K9SYS_LOG_INFO, "File updated (48 bytes)")) << m_log;
+}
+
+TEST_F(IndexFileWriterTest, SaysWhenTheWholeFileCannotBeWritten) {
+    CreateWith(0);
+    m_blocks.AddMany(3);
+    FailSetEnd(1);
+    EXPECT_EQ(Save(), RC_SYSTEM_ERROR);
+    FailSeek(1);
+    EXPECT_EQ(Save(), RC_SYSTEM_ERROR);
+    ExpectFailure("full", SystemErrorKind::kInputOutput);
+    ShortWrite(1, 40);
+    EXPECT_EQ(Save(), RC_SYSTEM_ERROR);
+    ExpectFailure("full", SystemErrorKind::kNoSpace);
+    EXPECT_EQ(m_log.CountContaining("' (full); sysErr "), 3U) << m_log;
+}
+
+TEST_F(IndexFileWriterTest, SaysWhenTheTailCannotBeWritten) {
+    CreateWith(3);
+    m_blocks.AddMany(2);
+    FailSeek(1);
+    EXPECT_EQ(Save(), RC_SYSTEM_ERROR);
+    ExpectFailure("tail", SystemErrorKind::kInputOutput);
+    FailWrite(1);
+    EXPECT_EQ(Save(), RC_SYSTEM_ERROR);
+    ExpectFailure("tail", SystemErrorKind::kNoSpace);
+}
+
+TEST_F(IndexFileWriterTest, SaysWhenTheHeaderCannotBeWritten) {
+    CreateWith(3);
+    m_blocks.AddMany(2);
+    FailSeek(2);
+    EXPECT_EQ(Save(), RC_SYSTEM_ERROR);
+    ExpectFailure("header", SystemErrorKind::kInputOutput);
+    FailWrite(2);
+    EXPECT_EQ(Save(), RC_SYSTEM_ERROR);
+    ExpectFailure("header", SystemErrorKind::kNoSpace);
+}
+
+TEST_F(IndexFileWriterTest, LeavesAnInvalidFileWhenOnlyTheTailWasWritten) {
+    CreateWith(3);
+    m_blocks.AddMany(2);
+    FailWrite(2);
+    EXPECT_EQ(Save(), RC_SYSTEM_ERROR);
+    IndexFileContent content;
+    EXPECT_EQ(ReadIndexFile(m_path, &content), RC_NOT_FOUND);
+    EXPECT_TRUE(m_log.Has("Check file header failed")) << m_log;
+}
+
+TEST_F(IndexFileWriterTest, LeavesAWrongChecksumWhenOnlyTheReplacedLastEntryWasWritten) {
+    CreateWith(3);
+    m_blocks.Add(100, m_blocks.All().back().second);
+    FailWrite(2);
+    EXPECT_EQ(Save(), RC_SYSTEM_ERROR);
+    IndexFileContent content;
+    EXPECT_EQ(ReadIndexFile(m_path, &content), RC_NOT_FOUND);
+    EXPECT_TRUE(m_log.Has("Wrong checksum")) << m_log;
+}
+
+TEST_F(IndexFileWriterTest, FailsWithoutAnOpenFile) {
+    m_blocks.AddMany(1);
+    EXPECT_EQ(Save(), RC_SYSTEM_ERROR);
+    EXPECT_EQ(m_log.CountContaining("' (full); sysErr "), 1U) << m_log;
+}
+
+TEST_F(IndexFileWriterTest, WritesAFileThatTheReaderTakes) {
+    CreateWith(70'000);
+    IndexFileContent content;
+    EXPECT_EQ(ReadIndexFile(m_path, &content), RC_OK);
+    EXPECT_EQ(content.entries.size(), 70'000U);
+    EXPECT_EQ(content.blockSize, kBlockSize);
+}
+
+}  // namespace
+}  // namespace k9erepl::test

@@ -1,0 +1,160 @@
+// The shared vocabulary of the index tests.
+#include "index/index_fixture.h"
+
+#include <chrono>
+#include <thread>
+
+#include "index/index_file.h"
+
+namespace k9erepl::test {
+
+namespace {
+
+constexpr i64 kFirstOffset = 1056;
+constexpr i64 kBlockDistance = 1000;
+
+void Put(std::vector<u8>& bytes, u64 value, u32 size) {
+    for (u32 i = 0; i < size; ++i) {
+        bytes.push_back(static_cast<u8>(value >> (8 * i)));
+    }
+}
+
+u64 Take(const std::vector<u8>& bytes, std::size_t at) {
+    u64 value = 0;
+    for (u32 i = 0; i < sizeof value; ++i) {
+        value |= u64{bytes.at(at + i)} << (8 * i);
+    }
+    return value;
+}
+
+}  // namespace
+
+u32 IndexChecksum(const Entries& entries) {
+    u32 checksum = 0;
+    for (const auto& [rev, offset] : entries) {
+        const auto difference = static_cast<u64>(rev) - static_cast<u64>(offset);
+        checksum ^= static_cast<u32>(difference % 0x100000000);
+        checksum ^= static_cast<u32>(difference / 0x100000000);
+    }
+    return checksum;
+}
+
+std::vector<u8> IndexFileBytes(const Entries& entries, u32 blockSize) {
+    std::vector<u8> bytes;
+    for (const char c : {'K', '9', '_', 'E', 'R', 'E', 'P', 'L', '_', 'I', 'D', 'X'}) {
+        bytes.push_back(static_cast<u8>(c));
+    }
+    Put(bytes, 3, 4);
+    Put(bytes, entries.size(), 4);
+    Put(bytes, blockSize, 4);
+    Put(bytes, IndexChecksum(entries), 4);
+    Put(bytes, 0, 4);
+    for (const auto& [rev, offset] : entries) {
+        Put(bytes, static_cast<u64>(rev), 8);
+        Put(bytes, static_cast<u64>(offset), 8);
+    }
+    return bytes;
+}
+
+Entries EntriesOf(const std::vector<u8>& bytes) {
+    Entries entries;
+    for (std::size_t at = 32; at + 16 <= bytes.size(); at += 16) {
+        entries.emplace_back(static_cast<i64>(Take(bytes, at)),
+                             static_cast<i64>(Take(bytes, at + 8)));
+    }
+    EXPECT_EQ(bytes, IndexFileBytes(entries));
+    i64 lastRev = 0;
+    i64 lastOffset = -1;
+    for (const auto& [rev, offset] : entries) {
+        EXPECT_GT(rev, lastRev);
+        EXPECT_GT(offset, lastOffset);
+        lastRev = rev;
+        lastOffset = offset;
+    }
+    return entries;
+}
+
+bool WaitFor(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::yield();
+    }
+    return true;
+}
+
+std::string SysErr(SystemErrorKind kind) {
+    return std::to_string(platform::SystemErrorOf(kind));
+}
+
+Blocks& Blocks::Add(i64 rev, i64 offset) {
+    m_index.try_emplace(rev, offset, nullptr);
+    return *this;
+}
+
+Blocks& Blocks::AddInMemory(i64 rev, i64 offset) {
+    return AddBlock(rev, offset, 100);
+}
+
+Blocks& Blocks::AddEmpty(i64 rev) {
+    return AddBlock(rev, -1, 0);
+}
+
+Blocks& Blocks::AddMany(u32 count) {
+    i64 rev = m_index.empty() ? 0 : m_index.rbegin()->first;
+    for (u32 i = 0; i < count; ++i) {
+        ++rev;
+        Add(rev, kFirstOffset + rev * kBlockDistance);
+    }
+    return *this;
+}
+
+Entries Blocks::All() const {
+    Entries entries;
+    for (const auto& [rev, entry] : m_index) {
+        entries.emplace_back(rev, entry.fileOffset.load());
+    }
+    return entries;
+}
+
+Blocks& Blocks::AddBlock(i64 rev, i64 offset, u64 used) {
+    K9eReplBlock& block = m_memory.emplace_back();
+    block.used = used;
+    m_index.try_emplace(rev, offset, &block);
+    return *this;
+}
+
+u32 FakeStorage::EnumFrom(u32 /*unused*/, u32 /*unused*/, u32 /*unused*/, i64 /*fromRev*/,
+                          u32 /*unused*/, K9eReplEnumCb /*cb*/, void* /*ctx*/) {
+    return RC_NOT_SUPPORTED;
+}
+
+u32 FakeStorage::Reserved13(std::uintptr_t /*a*/, std::uintptr_t /*b*/, std::uintptr_t /*c*/) {
+    return RC_NOT_SUPPORTED;
+}
+
+u32 FakeStorage::FlushOnIdle() {
+    ++m_idleCalls;
+    if (onIdle) {
+        onIdle();
+    }
+    return RC_OK;
+}
+
+void IndexObjectTest::Make(u32 waitMs, const std::string& settings) {
+    const std::string connStr = "file=" + m_folder.File("data.edb") + settings;
+    m_index = std::make_unique<IndexObject>(connStr.c_str(), m_storage, kBlockSize, waitMs);
+}
+
+void IndexObjectTest::MakeStarted(u32 waitMs, const std::string& settings) {
+    Make(waitMs, settings);
+    ASSERT_EQ(m_index->Start(), RC_OK);
+}
+
+void IndexObjectTest::WaitForThread() {
+    ASSERT_TRUE(WaitFor([this] { return !m_index->IsBusy(); }));
+}
+
+}  // namespace k9erepl::test
