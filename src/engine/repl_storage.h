@@ -98,12 +98,16 @@ class CK9eReplStorage final : public IK9eReplStorage {
     ~CK9eReplStorage() override;
 
   private:
+    friend struct StorageAccess;  // the tests' eyes
     using Guard = std::lock_guard<platform::RecursiveLock>;
 
     StorageState State() const { return m_state.load(std::memory_order_relaxed); }
     void SetState(StorageState state) { m_state.store(state, std::memory_order_relaxed); }
     int StateForLog() const { return static_cast<int>(State()); }
     bool HasFile() const { return m_settings.flushMode != FlushMode::kNoFlush; }
+
+    template <typename Query>
+    u32 QueryWhenOpen(std::int64_t* out, Query query);
 
     // Opening and tearing down (storage_life.cpp)
     u32 OpenLocked(const char* connStr);
