@@ -34,18 +34,16 @@ std::uint32_t CK9eReplStorage::EnumFrom(std::uint32_t, std::uint32_t, std::uint3
 }
 
 std::uint32_t CK9eReplStorage::GetFirstRev(std::uint32_t, std::int64_t* out) {
-    if (out == nullptr) {
-        return RC_INVALID_ARG;
-    }
-    const Guard guard(m_lock);
-    if (State() != StorageState::kOpen) {
-        return RC_NOT_OPEN;
-    }
-    *out = m_blocks.Index().empty() ? 1 : m_blocks.Index().begin()->first;
-    return RC_OK;
+    const BlockIndex& index = m_blocks.Index();
+    return QueryWhenOpen(out, [&] { return index.empty() ? 1 : index.begin()->first; });
 }
 
 std::uint32_t CK9eReplStorage::GetLastRev(std::uint32_t, std::int64_t* out) {
+    return QueryWhenOpen(out, [this] { return m_nextRev.load(); });
+}
+
+template <typename Query>
+u32 CK9eReplStorage::QueryWhenOpen(std::int64_t* out, Query query) {
     if (out == nullptr) {
         return RC_INVALID_ARG;
     }
@@ -53,7 +51,7 @@ std::uint32_t CK9eReplStorage::GetLastRev(std::uint32_t, std::int64_t* out) {
     if (State() != StorageState::kOpen) {
         return RC_NOT_OPEN;
     }
-    *out = m_nextRev;
+    *out = query();
     return RC_OK;
 }
 

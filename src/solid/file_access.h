@@ -1,4 +1,4 @@
-// Seeking in the storage file with the message that its operations share.
+// Seeking and reading in the storage file as its operations share it.
 #ifndef K9EREPL_SOLID_FILE_ACCESS_H
 #define K9EREPL_SOLID_FILE_ACCESS_H
 
@@ -19,6 +19,20 @@ inline u32 SeekTo(platform::File& file, i64 offset) {
     LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Cannot seek to offset %I64d;sys-err %r", offset,
                    platform::LastSystemError());
     return RC_SYSTEM_ERROR;
+}
+
+// Reads `size` bytes at the file pointer; *got receives how many came. RC_SHORT_READ when the file
+// ends before, RC_SYSTEM_ERROR; the caller logs.
+inline u32 ReadWhole(platform::File& file, void* buffer, u32 size, u32* got) {
+    if (!file.Read(buffer, size, got)) {
+        return RC_SYSTEM_ERROR;
+    }
+    if (*got < size) {
+        // No call has failed: the log shall not name an older failure as the cause.
+        platform::SetLastSystemError(0);
+        return RC_SHORT_READ;
+    }
+    return RC_OK;
 }
 
 }  // namespace k9erepl

@@ -9,6 +9,22 @@ namespace k9erepl {
 
 using platform::LastSystemError;
 
+// Reads bytes of the file where no read cache helps. Logs what it returns.
+u32 CSolidStorage::ReadAt(i64 offset, void* buffer, u32 size) {
+    if (m_filePos != offset) {
+        if (u32 rc = SeekTo(m_file, offset); rc != RC_OK) {
+            return rc;
+        }
+        m_filePos = offset;
+    }
+    const u32 rc = ReadHere(buffer, size);
+    if (rc != RC_OK) {
+        LOG_ERROR_CODE(rc, kLogStorage, "Failed to read block;sys-err %r,offset %I64d",
+                       LastSystemError(), offset);
+    }
+    return rc;
+}
+
 u32 CSolidStorage::ReadFirstCommitInfo(i64* commitRev, bool* hasItems) {
     static constexpr u32 kInfoSize = kCommitBlockSize + kSignatureSize;
     if (!IsOpen() || m_writer == nullptr) {
@@ -18,21 +34,10 @@ u32 CSolidStorage::ReadFirstCommitInfo(i64* commitRev, bool* hasItems) {
         LOG_ERROR_CODE(RC_NOT_FOUND, kLogStorage, "File too short");
         return RC_NOT_FOUND;
     }
-    if (m_filePos != kFirstCommitOffset) {
-        if (u32 rc = SeekTo(m_file, kFirstCommitOffset); rc != RC_OK) {
-            return rc;
-        }
-        m_filePos = kFirstCommitOffset;
-    }
     TCommitBlock block;
     u32 signature = 0;
-    u32 rc = ReadHere(&block, kCommitBlockSize);
-    if (rc == RC_OK) {
-        rc = ReadHere(&signature, kSignatureSize);
-    }
-    if (rc != RC_OK) {
-        LOG_ERROR_CODE(rc, kLogStorage, "Failed to read block;sys-err %r,offset %I64u",
-                       LastSystemError(), static_cast<u64>(m_filePos));
+    if (ReadAt(kFirstCommitOffset, &block, kCommitBlockSize) != RC_OK ||
+        ReadAt(kFirstItemOffset, &signature, kSignatureSize) != RC_OK) {
         return RC_SYSTEM_ERROR;
     }
     if (block.signature != kCommitSignature) {
@@ -52,13 +57,8 @@ u32 CSolidStorage::CheckRecordAt(i64 rev, i64 offset) {
     if (offset < 0 || offset > lastHeadOffset) {
         return RC_NOT_FOUND;
     }
-    if (!SeekForReading(offset)) {
-        return RC_SYSTEM_ERROR;
-    }
     TRecordHead head;
-    if (u32 rc = ReadHere(&head, kRecordHeadSize); rc != RC_OK) {
-        LOG_ERROR_CODE(rc, kLogStorage, "Failed to read block;sys-err %r,offset %I64d",
-                       LastSystemError(), offset);
+    if (u32 rc = ReadAt(offset, &head, kRecordHeadSize); rc != RC_OK) {
         return rc;
     }
     const bool holds = head.signature == kRecordSignature &&

@@ -16,7 +16,7 @@ u32 ReadAtStart(platform::File& file, TFileHeader* header) {
         return rc;
     }
     u32 got = 0;
-    if (!file.Read(header, kFileHeaderSize, &got) || got != kFileHeaderSize) {
+    if (ReadWhole(file, header, kFileHeaderSize, &got) != RC_OK) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Failed to read file header; sys-err %r",
                        LastSystemError());
         return RC_SYSTEM_ERROR;
@@ -29,7 +29,7 @@ u32 WriteAtStart(platform::File& file, const TFileHeader& header) {
         return rc;
     }
     u32 put = 0;
-    if (!file.Write(&header, kFileHeaderSize, &put) || put != kFileHeaderSize) {
+    if (!file.Write(&header, kFileHeaderSize, &put)) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Failed to write file header; sys-err %r",
                        LastSystemError());
         return RC_SYSTEM_ERROR;

@@ -40,11 +40,12 @@ u32 CSolidStorage::WriteItems(u8* data, u32 size, TCommitBlock* commitBlock,
                        lastFlushed);
         return RC_BAD_DATA;
     }
-    // Read before the write: its notification may make the client place records over the block.
+    // Read before the write: its notification may make the client place records over the block,
+    // or write more, which must not be taken back here.
     const i64 commitRev = commitBlock != nullptr ? i64{commitBlock->commitRev} : lastFlushed;
     const u32 rc =
         m_writer->Write(data, size, commitBlock, memoryBlock, lastRevision, filePosition);
-    if (rc == RC_OK) {
+    if (rc == RC_OK && m_state.lastFlushedRev < commitRev) {
         m_state.lastFlushedRev = commitRev;
     }
     return rc;

@@ -135,7 +135,9 @@ u32 CSolidStorage::ReadSettings(const char* connStr) {
                        connStr);
         return RC_BAD_SIZE;
     }
-    LOG_INFO(kLogStorage, "Use %s %I64d", "file_size_delta", m_state.fileSizeDelta);
+    if (given) {
+        LOG_INFO(kLogStorage, "Use %s %I64d", "file_size_delta", m_state.fileSizeDelta);
+    }
     return RC_OK;
 }
 

@@ -3,7 +3,6 @@
 
 #include <k9erepl/storage.h>
 
-#include <algorithm>
 #include <cstring>
 
 #include "index/index_file.h"
@@ -12,6 +11,7 @@
 #include "platform/memory.h"
 #include "platform/system_error.h"
 #include "solid/file_access.h"
+#include "support/ignore_case.h"
 #include "support/log.h"
 #include "support/params.h"
 
@@ -22,16 +22,6 @@ using platform::FileDisposition;
 using platform::LastSystemError;
 
 namespace {
-
-char ToLower(char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-bool NamesMemory(const std::string& path) {
-    static constexpr std::string_view kMemory = ":memory:";
-    return std::equal(path.begin(), path.end(), kMemory.begin(), kMemory.end(),
-                      [](char a, char b) { return ToLower(a) == b; });
-}
 
 u32 GetPath(const char* connStr, std::string* path) {
     GetParam(connStr, "file", *path);
@@ -57,8 +47,10 @@ bool OpenForCreation(const char* connStr, const std::string& path, u32 flags, Fi
     *existed = false;
     if ((flags & kCreateKeepExisting) != 0) {
         *existed = OpenAs(path, FileDisposition::kOpenExisting, file);
-        // Never emptied, even when it exists but could not be opened for the moment.
-        return *existed || OpenAs(path, FileDisposition::kCreateNew, file);
+        // Never emptied: a file that exists but could not be opened for the moment is an error.
+        return *existed ||
+               (platform::LastSystemErrorIs(platform::SystemErrorKind::kNotFound) &&
+                OpenAs(platform::FollowLink(path), FileDisposition::kCreateNew, file));
     }
     if ((flags & kCreateReplace) != 0) {
         const bool created = OpenAs(path, FileDisposition::kCreateAlways, file);
@@ -79,7 +71,7 @@ u32 WriteFirstBytes(File& file, const TFileHeader& header, const TCommitBlock& f
     std::memcpy(bytes.get(), &header, sizeof(header));
     std::memcpy(bytes.get() + kFirstCommitOffset, &firstCommit, sizeof(firstCommit));
     u32 put = 0;
-    if (!file.Write(bytes.get(), kNewFileSize, &put) || put != kNewFileSize) {
+    if (!file.Write(bytes.get(), kNewFileSize, &put)) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Cannot write file header to file;sys-err %r",
                        LastSystemError());
         return RC_SYSTEM_ERROR;
@@ -144,7 +136,7 @@ u32 CreateStorageFile(const char* connStr, u32 flags) {
     if (u32 rc = GetPath(connStr, &path); rc != RC_OK) {
         return rc;
     }
-    if (NamesMemory(path)) {
+    if (EqualsIgnoringCase(path, ":memory:")) {
         return RC_OK;
     }
     // A path that cannot be made shows up when the file is opened.
@@ -170,7 +162,7 @@ u32 CreateStorageFile(const char* connStr, u32 flags) {
     }
     file.Close();
     // Without a durable name the durable bytes would be lost in a crash.
-    if (!platform::FlushParentDirectory(path)) {
+    if (!platform::FlushParentDirectory(platform::FollowLink(path))) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
                        "Cannot flush directory of file '%s';sys-err %r", path.c_str(),
                        LastSystemError());
@@ -184,7 +176,7 @@ u32 DeleteStorageFile(const char* connStr) {
     if (u32 rc = GetPath(connStr, &path); rc != RC_OK) {
         return rc;
     }
-    if (NamesMemory(path)) {
+    if (EqualsIgnoringCase(path, ":memory:")) {
         return RC_OK;
     }
     if (!platform::RemoveFile(path)) {
@@ -206,7 +198,7 @@ u32 OpenAndCheckFile(const std::string& path, bool writeThrough, File* file) {
     }
     TFileHeader header;
     u32 got = 0;
-    if (!opened.Read(&header, kFileHeaderSize, &got) || got != kFileHeaderSize) {
+    if (ReadWhole(opened, &header, kFileHeaderSize, &got) != RC_OK) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
                        "Failed to read file header;file path %s,sys-err %r", path.c_str(),
                        LastSystemError());

@@ -21,7 +21,7 @@ inline constexpr u32 kMaxPathSize = 260;
 // Makes the file that `connStr` names, with the missing directories of its path. For ":memory:"
 // (any case of letters) there is nothing to do.
 // Errors: RC_INVALID_ARG without "file", RC_PATH_TOO_LONG, RC_NO_MEMORY, RC_SYSTEM_ERROR. A file
-// that could not be initialised stays behind.
+// that could not be initialised stays behind. All functions here may throw std::bad_alloc.
 u32 CreateStorageFile(const char* connStr, u32 flags);
 
 // Deletes the file that `connStr` names. Errors: as above; RC_SYSTEM_ERROR for a missing file.

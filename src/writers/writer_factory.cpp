@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <cstddef>
 #include <string>
-#include <string_view>
 
+#include "support/ignore_case.h"
 #include "support/log.h"
 #include "support/params.h"
 #include "support/storage_exception.h"
@@ -16,15 +16,6 @@ namespace k9erepl {
 namespace {
 
 constexpr std::size_t kMaxModeLength = 63;
-
-char LowerCase(char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-bool EqualsIgnoringCase(std::string_view text, std::string_view lowerCaseWord) {
-    return std::equal(text.begin(), text.end(), lowerCaseWord.begin(), lowerCaseWord.end(),
-                      [](char a, char b) { return LowerCase(a) == b; });
-}
 
 [[noreturn]] void Refuse() {
     throw K9eStorageException(RC_BAD_SIZE);
