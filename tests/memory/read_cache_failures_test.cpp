@@ -71,6 +71,20 @@ TEST_F(ReadCacheFailures, ABufferHalfOverwrittenByAFailedReadIsNotServed) {
     EXPECT_EQ(Request(4 * kBuffer, 4096), 1U);
 }
 
+TEST_F(ReadCacheFailures, ABufferThatAFailedReadEmptiedIsTakenFirst) {
+    UseBuffers(2);
+    SetTickCount(10);
+    EXPECT_EQ(Request(0, 4), 1U);
+    SetTickCount(20);
+    ReadBuffer reader;
+    EXPECT_EQ(Request(reader, 2 * kBuffer, 4), 1U);
+    SplitRead(1, 1000);
+    FailRead(2);
+    ExpectFailure(reader, 3 * kBuffer);
+    EXPECT_EQ(Request(4 * kBuffer, 4), 1U);
+    EXPECT_EQ(Request(0, 4), 0U);
+}
+
 TEST_F(ReadCacheFailures, AFileThatEndsEarlyGivesAShorterLength) {
     UseBuffers(1);
     ReadBuffer reader;

@@ -53,6 +53,13 @@ TEST_F(AbandonedTail, ItsCommitBlockDoesNotCommitARetriedTransaction) {
     EXPECT_EQ(Items(m_path), "C0 R1 R2");
 }
 
+TEST_F(AbandonedTail, TheWriteLandsRightWhereCuttingMovesThePointer) {
+    LeaveGhost();
+    platform::TheSystemCalls().setFileEnd = SetEndMovingThePointer;
+    ASSERT_EQ(AppendRecord(1), RC_OK);
+    EXPECT_EQ(Items(m_path), "C0 R1");
+}
+
 TEST_F(AbandonedTail, IsClearedOnce) {
     LeaveGhost();
     ASSERT_EQ(AppendRecord(1), RC_OK);

@@ -42,6 +42,13 @@ TEST_F(Growth, ExpandsBeforeItWrites) {
     EXPECT_EQ(texts[2], "Written data size 9, last rev 0");
 }
 
+TEST_F(Growth, TheWriteLandsRightWhereExpandingMovesThePointer) {
+    platform::TheSystemCalls().setFileEnd = SetEndMovingThePointer;
+    ASSERT_EQ(Append(Bytes(9, 0xEE)), RC_OK);
+    EXPECT_EQ(FileBytes(kStart, 9), Bytes(9, 0xEE));
+    EXPECT_EQ(FileLength(), kNewFileSize + kStep);
+}
+
 TEST_F(Growth, WithoutAStepTheFileGrowsOnlyByWrites) {
     for (const i64 step : {i64{0}, i64{-1}}) {
         StorageFileState state;
@@ -103,6 +110,16 @@ TEST_F(Growth, TheWriteAfterAFailedExpansionLandsAtTheWritePosition) {
     ASSERT_EQ(Append(BytesOf("123456789")), RC_OK);
     EXPECT_EQ(FileBytes(kStart, 9), BytesOf("123456789"));
     EXPECT_EQ(SetEnds(), 1U);
+}
+
+TEST_F(Growth, AnExpansionThatFailedAfterMovingThePointerMisplacesNothing) {
+    Writer();
+    platform::TheSystemCalls().setFileEnd = [](platform::NativeFile file, i64 size) {
+        return SetEndMovingThePointer(file, size) && false;
+    };
+    ASSERT_EQ(Append(Bytes(9)), RC_SYSTEM_ERROR);
+    ASSERT_EQ(Append(BytesOf("123456789")), RC_OK);
+    EXPECT_EQ(FileBytes(kStart, 9), BytesOf("123456789"));
 }
 
 TEST_F(Growth, AFailedSeekBackIsReportedAndTheNextWriteMakesUpForIt) {

@@ -61,6 +61,11 @@ std::string SysErr(SystemErrorKind kind) {
     return "sys-err " + std::to_string(platform::SystemErrorOf(kind));
 }
 
+bool SetEndMovingThePointer(platform::NativeFile file, i64 size) {
+    const platform::SystemCalls& native = platform::NativeSystemCalls();
+    return native.setFileEnd(file, size) && native.seekFile(file, size) == size;
+}
+
 WriterTest::WriterTest() {
     WriteBytes(m_path, NewFile());
     m_state.path = m_path;

@@ -37,6 +37,10 @@ std::string Items(const std::string& path);
 // "sys-err <n>" as messages name the error that the fault injection gave.
 std::string SysErr(SystemErrorKind kind);
 
+// A system call that sets the end of the file and leaves the file pointer there, as some systems
+// do.
+bool SetEndMovingThePointer(platform::NativeFile file, i64 size);
+
 class WriterTest : public ::testing::Test {
   protected:
     static constexpr i64 kStart = kFirstItemOffset;
