@@ -1,29 +1,9 @@
 // Small looks at the storage file before it is loaded: its first commit block, and whether a
 // record lies where the index file says.
-#include "platform/system_error.h"
-#include "solid/file_access.h"
 #include "solid/solid_storage.h"
 #include "support/log.h"
 
 namespace k9erepl {
-
-using platform::LastSystemError;
-
-// Reads bytes of the file where no read cache helps. Logs what it returns.
-u32 CSolidStorage::ReadAt(i64 offset, void* buffer, u32 size) {
-    if (m_filePos != offset) {
-        if (u32 rc = SeekTo(m_file, offset); rc != RC_OK) {
-            return rc;
-        }
-        m_filePos = offset;
-    }
-    const u32 rc = ReadHere(buffer, size);
-    if (rc != RC_OK) {
-        LOG_ERROR_CODE(rc, kLogStorage, "Failed to read block;sys-err %r,offset %I64d",
-                       LastSystemError(), offset);
-    }
-    return rc;
-}
 
 u32 CSolidStorage::ReadFirstCommitInfo(i64* commitRev, bool* hasItems) {
     static constexpr u32 kInfoSize = kCommitBlockSize + kSignatureSize;

@@ -11,11 +11,15 @@ namespace k9erepl {
 using platform::LastSystemError;
 
 // Hands out the bytes of the items one after another. A visitor may use the storage meanwhile and
-// move the cache's buffers under this reader; the generation tells.
+// empty the cache's buffers under this reader; the generation tells.
 class CSolidStorage::FileItems {
   public:
-    FileItems(CSolidStorage& storage, i64 offset)
-        : m_storage(storage), m_offset(offset), m_end(storage.m_writer->WritePos()) {}
+    FileItems(CSolidStorage& storage, ReadCacheManager& cache, i64 offset)
+        : m_storage(storage),
+          m_cache(cache),
+          m_offset(offset),
+          m_end(storage.m_writer->WritePos()),
+          m_generation(storage.m_readGeneration) {}
 
     i64 Offset() const { return m_offset; }
     i64 Left() const { return m_end - m_offset; }
@@ -35,10 +39,11 @@ class CSolidStorage::FileItems {
     u32 TooShort(u32 size);
 
     CSolidStorage& m_storage;
+    ReadCacheManager& m_cache;
     i64 m_offset;
     const i64 m_end;
+    u64 m_generation;
     ReadBuffer m_buffer;
-    u64 m_generation = 0;
     platform::MemoryBuffer m_large;  // for a record larger than a read buffer
 };
 
@@ -60,17 +65,17 @@ u32 CSolidStorage::FileItems::Get(u32 size, const u8** bytes) {
 
 u32 CSolidStorage::FileItems::Fetch(u32 size) {
     if (m_generation != m_storage.m_readGeneration) {
+        m_generation = m_storage.m_readGeneration;
         m_buffer = ReadBuffer{};
     }
-    const u32 rc = m_storage.m_readCache.GetBuffer(m_offset, size, &m_buffer);
-    m_generation = ++m_storage.m_readGeneration;
-    if (rc != RC_OK) {
+    if (u32 rc = m_cache.GetBuffer(m_offset, size, &m_buffer); rc != RC_OK) {
         return rc;
     }
     return Holds(size) ? RC_OK : TooShort(size);
 }
 
 u32 CSolidStorage::FileItems::GetLarge(u32 size, const u8** bytes) {
+    m_large.reset();  // first: two of them need not fit the memory
     m_large = platform::AllocBuffer(size);
     if (m_large == nullptr) {
         return RC_NO_MEMORY;
@@ -101,6 +106,18 @@ u32 CSolidStorage::FileItems::TooShort(u32 size) {
 }
 
 namespace {
+
+// Counts the enumerations that run, also when a visitor throws.
+class EnumLevel {
+  public:
+    explicit EnumLevel(u32& depth) : m_depth(depth) { ++m_depth; }
+    ~EnumLevel() { --m_depth; }
+    EnumLevel(const EnumLevel&) = delete;
+    EnumLevel& operator=(const EnumLevel&) = delete;
+
+  private:
+    u32& m_depth;
+};
 
 // RC_BAD_DATA for a head that no writer of ours produces or whose record runs past the data.
 u32 CheckHead(const TRecordHead& head, i64 offset, i64 left) {
@@ -140,7 +157,7 @@ u32 CSolidStorage::LookAtItem(FileItems& items, const FileEnumRange& range, File
     const u32 signature = LoadUnaligned<u32>(bytes);
     if (signature == kCommitSignature) {
         *item = {.visit = range.alsoCommits, .size = kCommitBlockSize};
-        return RC_OK;
+        return items.Get(kCommitBlockSize, &bytes);
     }
     if (signature != kRecordSignature) {
         LOG_ERROR_CODE(RC_BAD_DATA, kLogStorage, "Wrong signature (0x%8.8X) found, offset %I64d",
@@ -164,27 +181,39 @@ u32 CSolidStorage::LookAtItem(FileItems& items, const FileEnumRange& range, File
     return CheckCommitted(head.rev, m_state.lastFlushedRev);
 }
 
+u32 CSolidStorage::VisitItem(FileItems& items, const FileItem& item, FileItemVisitor visitor,
+                             void* ctx, bool* completed) {
+    const u8* bytes = nullptr;
+    if (u32 rc = items.Get(item.size, &bytes); rc != RC_OK) {
+        return rc;
+    }
+    const auto* rec = reinterpret_cast<const K9eReplRec*>(bytes + kRecordPrefixSize);
+    const u32 rc = visitor(items.Offset(), item.isRecord ? rec : nullptr, ctx);
+    *completed = rc == RC_OK;
+    return rc;
+}
+
 u32 CSolidStorage::EnumFileRecs(const FileEnumRange& range, FileItemVisitor visitor, void* ctx,
                                 bool* completed) {
     assert(visitor != nullptr);
+    assert(range.startOffset == 0 || range.startOffset >= kFirstCommitOffset);
     *completed = true;
     if (!IsOpen() || m_writer == nullptr) {
         return RC_NO_WRITER;
     }
-    FileItems items(*this, range.startOffset == 0 ? kFirstCommitOffset : range.startOffset);
+    const EnumLevel level(m_enumDepth);
+    ReadCacheManager* cache = nullptr;
+    if (u32 rc = EnumCache(&cache); rc != RC_OK) {
+        return rc;
+    }
+    FileItems items(*this, *cache, range.startOffset == 0 ? kFirstCommitOffset : range.startOffset);
     while (items.Left() > 0) {
         FileItem item;
         if (u32 rc = LookAtItem(items, range, &item); rc != RC_OK || item.pastRange) {
             return rc;
         }
-        const u8* bytes = nullptr;
-        if (u32 rc = items.Get(item.size, &bytes); rc != RC_OK) {
-            return rc;
-        }
         if (item.visit) {
-            const auto* rec = reinterpret_cast<const K9eReplRec*>(bytes + kRecordPrefixSize);
-            if (u32 rc = visitor(items.Offset(), item.isRecord ? rec : nullptr, ctx); rc != RC_OK) {
-                *completed = false;
+            if (u32 rc = VisitItem(items, item, visitor, ctx, completed); rc != RC_OK) {
                 return rc;
             }
         }
@@ -192,32 +221,6 @@ u32 CSolidStorage::EnumFileRecs(const FileEnumRange& range, FileItemVisitor visi
     }
     LOG_INFO(kLogStorage, "Exit Enum");
     return RC_OK;
-}
-
-bool CSolidStorage::SeekForReading(i64 offset) {
-    if (m_filePos == offset) {
-        return true;
-    }
-    if (!m_file.Seek(offset)) {
-        return false;
-    }
-    m_filePos = offset;
-    return true;
-}
-
-u32 CSolidStorage::ReadHere(void* buffer, u32 size) {
-    u32 got = 0;
-    if (!m_file.Read(buffer, size, &got)) {
-        m_filePos = kUnknownOffset;
-        return RC_SYSTEM_ERROR;
-    }
-    m_filePos += got;
-    return got == size ? RC_OK : RC_SHORT_READ;
-}
-
-void CSolidStorage::InvalidateReads() {
-    m_readCache.Invalidate();
-    ++m_readGeneration;
 }
 
 }  // namespace k9erepl

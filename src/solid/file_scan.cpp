@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <limits>
 
 #include "platform/system_error.h"
 #include "solid/solid_storage.h"
@@ -20,8 +21,9 @@ bool AnyNonZero(const u8* bytes, u32 size) {
 
 }  // namespace
 
-FileScan::FileScan(platform::File& file, i64& filePos, i64 fileSize, const Callbacks& callbacks)
-    : m_file(file), m_filePos(filePos), m_fileSize(fileSize), m_callbacks(callbacks) {}
+FileScan::FileScan(platform::File& file, i64& filePos, const Extent& extent,
+                   const FileScanCallbacks& callbacks)
+    : m_file(file), m_filePos(filePos), m_extent(extent), m_callbacks(callbacks) {}
 
 u32 FileScan::Run(i64 startOffset, bool fromHint) {
     assert(startOffset >= kFirstCommitOffset);
@@ -59,7 +61,7 @@ FileScan::Step FileScan::Fill(u32 needed) {
         }
         m_filePos = m_offset;
     }
-    const i64 toRead = std::clamp<i64>(m_fileSize - m_offset, 0, kBufferSize);
+    const i64 toRead = std::clamp<i64>(m_extent.fileSize - m_offset, 0, kBufferSize);
     u32 got = 0;
     if (!m_file.Read(m_buffer.get(), static_cast<u32>(toRead), &got)) {
         m_filePos = kUnknownOffset;
@@ -82,11 +84,14 @@ FileScan::Step FileScan::TakeItem() {
         return step;
     }
     const u32 signature = LoadUnaligned<u32>(Here());
-    if (signature == kRecordSignature) {
-        return TakeRecord();
-    }
-    if (signature == kCommitSignature) {
-        return TakeCommit();
+    const bool isRecord = signature == kRecordSignature;
+    if (isRecord || signature == kCommitSignature) {
+        if (m_offset < m_extent.dataEnd) {
+            return isRecord ? TakeRecord() : TakeCommit();
+        }
+        LOG_INFO(kLogStorage, "Loading stopped at the end of the written data, offset %I64d",
+                 m_offset);
+        return Step::kStop;
     }
     LOG_INFO(kLogStorage, "Loading stopped due to wrong signature (0x%8.8X) at offset %I64d",
              signature, m_offset);
@@ -148,10 +153,8 @@ FileScan::Step FileScan::TakeCommit() {
         return step;
     }
     const auto block = LoadUnaligned<TCommitBlock>(Here());
-    if (m_commitFound) {
-        if (Step step = CheckCommit(block); step != Step::kNext) {
-            return step;
-        }
+    if (Step step = CheckCommit(block); step != Step::kNext) {
+        return step;
     }
     if (u32 rc = m_callbacks.commit(m_callbacks.ctx, block.clearRev, block.commitRev);
         rc != RC_OK) {
@@ -168,18 +171,19 @@ FileScan::Step FileScan::TakeCommit() {
 }
 
 FileScan::Step FileScan::CheckCommit(const TCommitBlock& block) {
-    if (block.prevSequence != m_result.lastSequence) {
+    if (m_commitFound && block.prevSequence != m_result.lastSequence) {
         LOG_WARNING(kLogStorage, "Commit block consistency sequence is broken at offset %I64d",
                     m_offset);
         return Step::kStop;
     }
-    if (block.clearRev < m_result.clearRev) {
+    if (m_commitFound && block.clearRev < m_result.clearRev) {
         LOG_WARNING(kLogStorage,
                     "Found commit block at offset %I64d with clearRev (%I64d) less than expected",
                     m_offset, i64{block.clearRev});
         return Step::kStop;
     }
-    if (block.commitRev < m_result.prevRecRev) {
+    // The file's first commit block has no record before it, but that of a hint has.
+    if ((m_commitFound || m_fromHint) && block.commitRev < m_result.prevRecRev) {
         LOG_WARNING(kLogStorage,
                     "Found commit block at offset %I64d with commitRev (%I64d) less than recRev "
                     "(%I64d)",
@@ -210,18 +214,25 @@ u32 CSolidStorage::ScanFile(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb co
     if (recordCb == nullptr || commitCb == nullptr) {
         return RC_INVALID_ARG;
     }
-    return ScanFileFrom(recordCb, commitCb, 0, ctx);
+    // Before the first scan the write position is the file's size.
+    const i64 dataEnd = m_writer == nullptr ? 0 : m_writer->WritePos();
+    return ScanItems({recordCb, commitCb, ctx}, 0, dataEnd);
 }
 
 u32 CSolidStorage::ScanFileFrom(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb,
                                 i64 startOffset, void* ctx) {
+    assert(recordCb != nullptr && commitCb != nullptr);
+    return ScanItems({recordCb, commitCb, ctx}, startOffset, std::numeric_limits<i64>::max());
+}
+
+u32 CSolidStorage::ScanItems(const FileScanCallbacks& callbacks, i64 startOffset, i64 dataEnd) {
     if (!IsOpen() || m_writer == nullptr) {
         return RC_NO_WRITER;
     }
     const bool fromHint =
         startOffset != 0 && startOffset != kFirstCommitOffset && startOffset != kFirstItemOffset;
     const i64 start = fromHint ? startOffset : kFirstCommitOffset;
-    FileScan scan(m_file, m_filePos, FileSize(), {recordCb, commitCb, ctx});
+    FileScan scan(m_file, m_filePos, {.fileSize = FileSize(), .dataEnd = dataEnd}, callbacks);
     const u32 scanRc = scan.Run(start, fromHint);
     InvalidateReads();
     if (scanRc != RC_OK) {

@@ -12,6 +12,12 @@
 
 namespace k9erepl {
 
+struct FileScanCallbacks {
+    K9eReplScanRecordCb record;
+    K9eReplScanCommitCb commit;
+    void* ctx;
+};
+
 // The rules, in file order:
 //  1. Without a hint, the first item is a commit block.
 //  2. A record's rev is not below the commitRev of the last commit block before it; the first
@@ -27,12 +33,6 @@ class FileScan {
     // An item larger than this cannot be read back: insertion refuses it.
     static constexpr u32 kBufferSize = 10 * 1024 * 1024;
 
-    struct Callbacks {
-        K9eReplScanRecordCb record;
-        K9eReplScanCommitCb commit;
-        void* ctx;
-    };
-
     // Where the scan ended. Valid after Run returned RC_OK.
     struct Result {
         i64 validCommitOffset = 0;  // of the last accepted commit block
@@ -43,8 +43,15 @@ class FileScan {
         bool tailInUse = false;  // bytes that are not zero lie behind that block
     };
 
+    // What is read: up to fileSize; what is taken as items: what begins before dataEnd.
+    struct Extent {
+        i64 fileSize;
+        i64 dataEnd;
+    };
+
     // `filePos` is where the file's pointer stands, kept true by the scan.
-    FileScan(platform::File& file, i64& filePos, i64 fileSize, const Callbacks& callbacks);
+    FileScan(platform::File& file, i64& filePos, const Extent& extent,
+             const FileScanCallbacks& callbacks);
 
     // Scans from `startOffset`; `fromHint` says that it need not be the file's first commit block.
     // Errors: RC_FILE_CORRUPT, RC_SYSTEM_ERROR, RC_NO_MEMORY, a callback's result.
@@ -71,8 +78,8 @@ class FileScan {
 
     platform::File& m_file;
     i64& m_filePos;
-    const i64 m_fileSize;
-    const Callbacks m_callbacks;
+    const Extent m_extent;
+    const FileScanCallbacks m_callbacks;
 
     platform::MemoryBuffer m_buffer;
     i64 m_bufferOffset = 0;  // file offset of the buffer's first byte

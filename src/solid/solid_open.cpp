@@ -1,5 +1,6 @@
 // The life of the storage file object: its settings, opening and closing.
-#include <cstring>
+#include <algorithm>
+#include <cassert>
 #include <new>
 
 #include "platform/system_error.h"
@@ -72,6 +73,19 @@ u32 CSolidStorage::Open(const std::string& path, const char* connStr) {
     if (IsOpen()) {
         return RC_ALREADY;
     }
+    u32 rc = RC_OK;
+    try {
+        rc = OpenFile(path, connStr);
+    } catch (const std::bad_alloc&) {
+        rc = RC_NO_MEMORY;
+    }
+    if (rc != RC_OK) {
+        Close();
+    }
+    return rc;
+}
+
+u32 CSolidStorage::OpenFile(const std::string& path, const char* connStr) {
     if (u32 rc = ReadSettings(connStr); rc != RC_OK) {
         return rc;
     }
@@ -90,19 +104,17 @@ u32 CSolidStorage::Open(const std::string& path, const char* connStr) {
     m_state.fileSize = size;
     m_file = std::move(file);
     m_filePos = kFileHeaderSize;
-    u32 rc = MakeWriter(connStr);
-    if (rc == RC_OK) {
-        rc = m_readCache.Init(connStr, m_writer->WritePosRef());
+    if (u32 rc = MakeWriter(connStr); rc != RC_OK) {
+        return rc;
     }
-    if (rc != RC_OK) {
-        Close();
-    }
-    return rc;
+    return m_readCache.Init(connStr, m_writer->WritePosRef());
 }
 
 void CSolidStorage::Close() {
     m_writer.reset();
+    assert(m_enumDepth == 0);
     m_readCache.Reset();
+    m_nestedCaches.clear();
     InvalidateReads();
     m_file.Close();
     m_filePos = 0;
@@ -111,6 +123,12 @@ void CSolidStorage::Close() {
     m_state.clearRev = 0;
     m_state.lastFlushedRev = 0;
     m_state.lastCommitSequence = 0;
+}
+
+// The recorded size is the writer's, which grows it in steps; a write may have passed it.
+i64 CSolidStorage::FileSize() const {
+    const i64 recorded = m_state.fileSize.load(std::memory_order_acquire);
+    return m_writer == nullptr ? recorded : std::max(recorded, m_writer->WritePos());
 }
 
 u32 CSolidStorage::ReadSettings(const char* connStr) {
@@ -148,8 +166,6 @@ u32 CSolidStorage::MakeWriter(const char* connStr) {
     } catch (const K9eStorageException& e) {
         LOG_ERROR_CODE(e.Code(), kLogStorage, "Storage Writer creating failed.");
         return e.Code();
-    } catch (const std::bad_alloc&) {
-        return RC_NO_MEMORY;
     }
 }
 

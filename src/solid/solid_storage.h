@@ -7,11 +7,13 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "memory/read_cache_manager.h"
 #include "platform/file.h"
 #include "platform/int_types.h"
 #include "solid/file_format.h"
+#include "solid/file_scan.h"
 #include "writers/storage_file_state.h"
 #include "writers/storage_writer.h"
 
@@ -56,24 +58,31 @@ class CSolidStorage final : public IK9eReplLLStorage {
     u32 SetLifenum(u32 lifenum);
     u32 SetClearOldRev(i64 rev);
 
-    // Called for each commit block written, with its commitRev; see FlushCallback.
+    // Called for each commit block written, with its commitRev; see FlushCallback. Stays set when
+    // the file is closed. RC_OK.
     u32 SetWrittenRevisionCallback(K9eReplFlushCb callback, void* context);
 
     // --- Reading -----------------------------------------------------------------------------
 
+    // The load scan from the beginning, for hosts. On a storage in use it ends at the write
+    // position: an item behind it belongs to a transaction that was undone.
     u32 ScanFile(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb, void* ctx) override;
 
     // The load scan: checks every item from `startOffset` on (0 and 1056: from the file's first
     // commit block), hands them out and places the write position behind the last valid commit
     // block. Records behind that one have been handed out too: the caller drops those above
-    // FlushedRev(). Faults in the file end the scan with a warning and are no error, unless there
+    // GetFlushedRev. Faults in the file end the scan with a warning and are no error, unless there
     // is no commit block at all or, from the beginning, none before the first record
-    // (RC_FILE_CORRUPT). Errors also: RC_SYSTEM_ERROR, RC_NO_MEMORY, a callback's result.
+    // (RC_FILE_CORRUPT). Errors also: RC_SYSTEM_ERROR, RC_NO_MEMORY, a callback's result; the
+    // write position then stays where it was.
+    // REQUIRES: startOffset is 0 or at least 1024.
     u32 ScanFileFrom(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb, i64 startOffset,
                      void* ctx);
 
     // Hands the committed records of `range` to `visitor`. *completed is false if and only if the
-    // visitor stopped it, whose result is then returned. The visitor may use this object.
+    // visitor stopped it, whose result is then returned. The visitor may use this object; what it
+    // writes is not enumerated.
+    // REQUIRES: range.startOffset is 0 or at least 1024.
     // Errors: RC_BAD_DATA, RC_FILE_CORRUPT, RC_SYSTEM_ERROR, RC_NO_MEMORY.
     u32 EnumFileRecs(const FileEnumRange& range, FileItemVisitor visitor, void* ctx,
                      bool* completed);
@@ -101,8 +110,8 @@ class CSolidStorage final : public IK9eReplLLStorage {
 
     // The highest committed revision.
     u32 GetFlushedRev(i64* rev) const;
-    // The file's length as last known, in bytes; 0 when closed.
-    i64 FileSize() const { return m_state.fileSize.load(std::memory_order_acquire); }
+    // The file's length as last known, in bytes; 0 when closed. Never below the written data.
+    i64 FileSize() const;
 
   private:
     class FileItems;
@@ -110,6 +119,7 @@ class CSolidStorage final : public IK9eReplLLStorage {
 
     u32 LookAtItem(FileItems& items, const FileEnumRange& range, FileItem* item);
 
+    u32 OpenFile(const std::string& path, const char* connStr);
     u32 ReadSettings(const char* connStr);
     u32 MakeWriter(const char* connStr);
 
@@ -119,9 +129,22 @@ class CSolidStorage final : public IK9eReplLLStorage {
     template <typename Action>
     u32 WithHeaderPosition(Action action);
 
+    u32 ScanItems(const FileScanCallbacks& callbacks, i64 startOffset, i64 dataEnd);
+    u32 VisitItem(FileItems& items, const FileItem& item, FileItemVisitor visitor, void* ctx,
+                  bool* completed);
+
+    // Moves the file pointer unless it stands there already.
     bool SeekForReading(i64 offset);
+    // RC_SHORT_READ, RC_SYSTEM_ERROR. ReadAt logs what it returns, ReadHere does not.
     u32 ReadHere(void* buffer, u32 size);
+    u32 ReadAt(i64 offset, void* buffer, u32 size);
+    // To be called when bytes of the file may have changed.
     void InvalidateReads();
+
+    // The read buffers of the innermost enumeration that runs. Each level has its own: the record
+    // that a visitor holds stays as it is while the visitor enumerates.
+    u32 EnumCache(ReadCacheManager** cache);
+    u32 AddNestedCache();
 
     // --- Set by Open, then constant until Close
     StorageFileState m_state;
@@ -131,7 +154,9 @@ class CSolidStorage final : public IK9eReplLLStorage {
     platform::File m_file;
     i64 m_filePos = 0;  // where m_file's pointer stands, kUnknownOffset when that is not known
     ReadCacheManager m_readCache;
-    u64 m_readGeneration = 0;  // changes when buffers of the read cache may have changed
+    std::vector<std::unique_ptr<ReadCacheManager>> m_nestedCaches;  // of levels 2, 3, ...
+    u32 m_enumDepth = 0;                                            // enumerations that run
+    u64 m_readGeneration = 0;  // changes when the read buffers were emptied
 };
 
 }  // namespace k9erepl

@@ -48,9 +48,8 @@ bool OpenForCreation(const char* connStr, const std::string& path, u32 flags, Fi
     if ((flags & kCreateKeepExisting) != 0) {
         *existed = OpenAs(path, FileDisposition::kOpenExisting, file);
         // Never emptied: a file that exists but could not be opened for the moment is an error.
-        return *existed ||
-               (platform::LastSystemErrorIs(platform::SystemErrorKind::kNotFound) &&
-                OpenAs(platform::FollowLink(path), FileDisposition::kCreateNew, file));
+        return *existed || (platform::LastSystemErrorIs(platform::SystemErrorKind::kNotFound) &&
+                            OpenAs(platform::FollowLink(path), FileDisposition::kCreateNew, file));
     }
     if ((flags & kCreateReplace) != 0) {
         const bool created = OpenAs(path, FileDisposition::kCreateAlways, file);
