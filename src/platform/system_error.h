@@ -33,9 +33,8 @@ void SetLastSystemError(SystemError error);
 // This operating system's code for `kind`.
 SystemError SystemErrorOf(SystemErrorKind kind);
 
-inline bool LastSystemErrorIs(SystemErrorKind kind) {
-    return LastSystemError() == SystemErrorOf(kind);
-}
+// Whether the last error is of that kind; Windows has several codes for some kinds.
+bool LastSystemErrorIs(SystemErrorKind kind);
 
 }  // namespace k9erepl::platform
 

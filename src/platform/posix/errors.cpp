@@ -13,6 +13,10 @@ void SetLastSystemError(SystemError error) {
     errno = static_cast<int>(error);
 }
 
+bool LastSystemErrorIs(SystemErrorKind kind) {
+    return LastSystemError() == SystemErrorOf(kind);
+}
+
 SystemError SystemErrorOf(SystemErrorKind kind) {
     switch (kind) {
         case SystemErrorKind::kNoSpace:

@@ -18,7 +18,7 @@ void* ModuleOf(const void* address) {
 }  // namespace
 
 void ShowMessageBox(const char* text, const char* caption) {
-    std::fprintf(stderr, "%s: %s\n", caption, text);
+    (void)std::fprintf(stderr, "%s: %s\n", caption, text);
 }
 
 void* OwnModuleHandle() {

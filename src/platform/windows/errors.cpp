@@ -1,0 +1,68 @@
+// The operating system's error codes: GetLastError.
+#include "platform/system_error.h"
+#include "platform/windows/win32.h"
+
+namespace k9erepl::platform {
+namespace {
+
+// The code that stands for the same cause as `error` in SystemErrorOf.
+SystemError CommonCode(SystemError error) {
+    switch (error) {
+        case ERROR_FILE_EXISTS:
+            return ERROR_ALREADY_EXISTS;
+        case ERROR_PATH_NOT_FOUND:
+            return ERROR_FILE_NOT_FOUND;
+        case ERROR_HANDLE_DISK_FULL:
+            return ERROR_DISK_FULL;
+        case ERROR_OUTOFMEMORY:
+            return ERROR_NOT_ENOUGH_MEMORY;
+        default:
+            return error;
+    }
+}
+
+}  // namespace
+
+bool LastSystemErrorIs(SystemErrorKind kind) {
+    return CommonCode(LastSystemError()) == SystemErrorOf(kind);
+}
+
+SystemError LastSystemError() {
+    return GetLastError();
+}
+
+void SetLastSystemError(SystemError error) {
+    SetLastError(error);
+}
+
+SystemError SystemErrorOf(SystemErrorKind kind) {
+    switch (kind) {
+        case SystemErrorKind::kNoSpace:
+            return ERROR_DISK_FULL;
+        case SystemErrorKind::kInputOutput:
+            return ERROR_IO_DEVICE;
+        case SystemErrorKind::kAccessDenied:
+            return ERROR_ACCESS_DENIED;
+        case SystemErrorKind::kInterrupted:
+            return WSAEINTR;  // no call on files says so: nothing is ever repeated
+        case SystemErrorKind::kFileTooBig:
+            return ERROR_FILE_TOO_LARGE;
+        case SystemErrorKind::kOutOfMemory:
+            return ERROR_NOT_ENOUGH_MEMORY;
+        case SystemErrorKind::kCrossVolume:
+            return ERROR_NOT_SAME_DEVICE;
+        case SystemErrorKind::kNotFound:
+            return ERROR_FILE_NOT_FOUND;
+        case SystemErrorKind::kAlreadyExists:
+            return ERROR_ALREADY_EXISTS;
+        case SystemErrorKind::kNotARegularFile:
+            return ERROR_BAD_FILE_TYPE;
+        case SystemErrorKind::kNotSupported:
+            return ERROR_NOT_SUPPORTED;
+        case SystemErrorKind::kInvalidHandle:
+            return ERROR_INVALID_HANDLE;
+    }
+    return ERROR_INVALID_PARAMETER;
+}
+
+}  // namespace k9erepl::platform
