@@ -48,7 +48,7 @@ void PrintSummary(const AppendTotals& totals, double seconds) {
     if (totals.records > 0) {
         revisions = fmt::format("revisions {} to {}, ", totals.firstRev, totals.lastRev);
     }
-    Output output;
+    Output output(OnInterrupt::kFinish);
     output.Write(fmt::format("appended {} records, {} bytes, {}in {:.2f} s, {:.1f} MB/s\n",
                              totals.records, totals.bytes, revisions, seconds, rate));
     output.Finish();
@@ -74,10 +74,10 @@ class AppendRun {
         m_storage.Close();
         m_progress.Clear();
         Attempt([&] { CheckEverythingIsStored(); });
+        Attempt([&] { PrintSummaryOfSuccess(); });
         if (m_failure) {
             throw ToolError(fmt::format("{}; {}", m_failure->what(), StoredText(m_stored.Get())));
         }
-        PrintSummary(m_transactions.Totals(), m_progress.Seconds());
         if (end == InputState::kInterrupted) {
             throw InterruptError("; " + StoredText(m_stored.Get()));
         }
@@ -94,6 +94,12 @@ class AppendRun {
             if (!m_failure) {
                 m_failure = error;
             }
+        }
+    }
+
+    void PrintSummaryOfSuccess() const {
+        if (!m_failure) {
+            PrintSummary(m_transactions.Totals(), m_progress.Seconds());
         }
     }
 

@@ -43,7 +43,7 @@ int RunCat(const CatOptions& options) {
                         kExitUsage);
     }
     StorageHandle storage(options.conn);
-    Output output;
+    Output output(OnInterrupt::kStop);
     RecordPrinter printer(output, options.format);
     PrintingContext context{printer};
     const std::uint32_t code =

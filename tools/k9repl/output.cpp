@@ -1,45 +1,39 @@
-// Gathers the output and hands it to the C library in large pieces.
+// Gathers the output and hands it to the system in larger pieces.
 #include "output.h"
 
-#include <cerrno>
-#include <cstdio>
-
-#include "interrupts.h"
 #include "tool_error.h"
 
 namespace k9repl {
 
 namespace {
 
-constexpr std::size_t kHoldAtMost = std::size_t{1024} * 1024;
+constexpr std::size_t kHoldAtMost = std::size_t{64} * 1024;
 
 }  // namespace
 
 bool Output::Write(std::string_view text) {
-    if (m_error == 0) {
+    if (!m_error) {
         m_held.append(text);
     }
-    return m_error == 0 && (m_held.size() < kHoldAtMost || WriteOut());
+    return !m_error && (m_held.size() < kHoldAtMost || WriteOut());
 }
 
 void Output::Finish() {
-    if (m_error == 0 && (!WriteOut() || std::fflush(stdout) != 0)) {
-        m_error = m_error != 0 ? m_error : errno;
+    if (!m_error) {
+        WriteOut();
     }
-    if (m_error == EINTR && InterruptSignal() != 0) {
+    if (m_error == std::errc::interrupted) {
         throw InterruptError();
     }
-    if (m_error != 0) {
-        throw SystemError("write to standard output", {m_error, std::generic_category()});
+    if (m_error) {
+        throw SystemError("write to standard output", m_error);
     }
 }
 
 bool Output::WriteOut() {
-    if (std::fwrite(m_held.data(), 1, m_held.size(), stdout) != m_held.size()) {
-        m_error = errno != 0 ? errno : EIO;
-    }
+    m_error = WriteToStandardOutput(m_held, m_onInterrupt);
     m_held.clear();
-    return m_error == 0;
+    return !m_error;
 }
 
 }  // namespace k9repl

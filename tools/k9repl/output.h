@@ -5,27 +5,31 @@
 
 #include <string>
 #include <string_view>
+#include <system_error>
+
+#include "output_file.h"
 
 namespace k9repl {
 
 class Output {
   public:
-    Output() = default;
+    explicit Output(OnInterrupt onInterrupt) : m_onInterrupt(onInterrupt) {}
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;
 
     // False once a write has failed; what follows is dropped.
     bool Write(std::string_view text);
 
-    // Writes what is still held. Throws ToolError when this or an earlier write failed, or when an
-    // interrupt ended a wait for the reader. Without it nothing is promised.
+    // Writes what is still held. Throws ToolError when this or an earlier write failed or was
+    // interrupted. Without it nothing is promised.
     void Finish();
 
   private:
     bool WriteOut();
 
+    const OnInterrupt m_onInterrupt;
     std::string m_held;
-    int m_error = 0;  // errno of the first failure
+    std::error_code m_error;  // of the first failure
 };
 
 }  // namespace k9repl

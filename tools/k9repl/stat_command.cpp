@@ -93,7 +93,7 @@ std::string AsText(const std::vector<Fact>& facts) {
 int RunStat(const StatOptions& options) {
     const StorageHandle storage(options.conn);
     const std::vector<Fact> facts = Gather(storage, options.conn);
-    Output output;
+    Output output(OnInterrupt::kStop);
     output.Write(options.json ? AsJson(facts) : AsText(facts));
     output.Finish();
     return kExitSuccess;

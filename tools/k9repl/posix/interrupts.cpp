@@ -31,9 +31,7 @@ extern "C" void OnInterrupt(int signal) {
 void Handle(int signal, void (*handler)(int)) {
     struct sigaction action = {};
     action.sa_handler = handler;
-    // Not restarted: a signal must end a write that waits for a reader. The library repeats its own
-    // calls.
-    action.sa_flags = SA_RESETHAND;
+    action.sa_flags = SA_RESTART | SA_RESETHAND;
     sigaction(signal, &action, nullptr);
 }
 

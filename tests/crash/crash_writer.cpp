@@ -1,0 +1,75 @@
+// The child of the crash tests: appends the planned transactions to a storage for ever and writes
+// each revision that OnFlush acknowledges, as 8 bytes, to standard output. It is killed.
+//
+//   crash_writer CONNECTION-STRING SEED
+//
+// Exit status 1: a call of the library failed, which standard error tells.
+#include <k9erepl/storage.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "crash/crash_plan.h"
+
+namespace {
+
+using k9erepl::i64;
+using k9erepl::u32;
+using k9erepl::u64;
+using k9erepl::u8;
+
+void Check(u32 code, const char* what) {
+    if (code != RC_OK) {
+        std::fprintf(stderr, "crash_writer: %s answers %u\n", what, code);
+        std::_Exit(1);
+    }
+}
+
+// Eight bytes into a pipe are written whole or not at all.
+void K9EREPL_CALL Acknowledge(i64 lastRev, void* /*context*/) {
+    if (write(STDOUT_FILENO, &lastRev, sizeof lastRev) != sizeof lastRev) {
+        std::_Exit(0);  // the test has gone
+    }
+}
+
+void Insert(void* storage, const k9erepl::test::PlannedRecord& planned) {
+    std::vector<u8> bytes(sizeof(K9eReplRec) + planned.data.size());
+    auto* record = reinterpret_cast<K9eReplRec*>(bytes.data());
+    record->userWord = planned.userWord;
+    record->dataSize = static_cast<u32>(planned.data.size());
+    std::memcpy(record->data, planned.data.data(), planned.data.size());
+    Check(K9eReplStorageInsert(storage, record), "Insert");
+}
+
+void AppendTransaction(void* storage, u64 seed) {
+    i64 nextRev = 0;
+    Check(K9eReplStorageGetNextRev(storage, &nextRev), "GetNextRev");
+    const k9erepl::test::PlannedTransaction transaction =
+        k9erepl::test::PlanTransaction(seed, nextRev);
+    Check(K9eReplStorageBeginTransaction(storage), "BeginTransaction");
+    for (u32 place = 0; place < transaction.recordCount; ++place) {
+        Insert(storage, k9erepl::test::PlanRecord(seed, transaction, place));
+    }
+    Check(K9eReplStorageCommit(storage), "Commit");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 3) {
+        std::fprintf(stderr, "usage: crash_writer CONNECTION-STRING SEED\n");
+        return 2;
+    }
+    const u64 seed = std::strtoull(argv[2], nullptr, 10);
+    void* storage = nullptr;
+    Check(K9eReplStorageCreate(argv[1], 0x2), "Create");
+    Check(K9eReplStorageOpen(argv[1], &storage), "Open");
+    Check(K9eReplStorageSetOnFlushCallback(storage, &Acknowledge, nullptr), "SetOnFlushCallback");
+    Check(K9eReplStorageLoad(storage), "Load");
+    for (;;) {
+        AppendTransaction(storage, seed);
+    }
+}

@@ -1,0 +1,163 @@
+// Starts children with fork and exec; between the two only calls that are safe there.
+#include "tools/child_process.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <system_error>
+#include <utility>
+
+namespace k9erepl::test {
+
+namespace {
+
+int Checked(int result, const char* what) {
+    if (result < 0) {
+        throw std::system_error(errno, std::generic_category(), what);
+    }
+    return result;
+}
+
+void CloseDescriptor(int& descriptor) {
+    if (descriptor >= 0) {
+        close(std::exchange(descriptor, -1));
+    }
+}
+
+// The child's end of a standard stream and, for a pipe, the test's end.
+struct Stream {
+    int child = -1;
+    int test = -1;
+};
+
+Stream OpenInput(const std::string& path) {
+    if (!path.empty()) {
+        return {Checked(open(path.c_str(), O_RDONLY | O_CLOEXEC), path.c_str()), -1};
+    }
+    int ends[2];
+    Checked(pipe2(ends, O_CLOEXEC), "pipe");
+    return {ends[0], ends[1]};
+}
+
+Stream OpenOutput(const std::string& path) {
+    if (!path.empty()) {
+        constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
+        return {Checked(open(path.c_str(), kFlags, 0666), path.c_str()), -1};
+    }
+    int ends[2];
+    Checked(pipe2(ends, O_CLOEXEC), "pipe");
+    return {ends[1], ends[0]};
+}
+
+// What the child does before exec.
+struct ChildSetup {
+    int input = -1;
+    int output = -1;
+    int error = -1;
+    u64 fileSizeMax = 0;
+
+    void Apply() const {
+        dup2(input, STDIN_FILENO);
+        dup2(output, STDOUT_FILENO);
+        if (error >= 0) {
+            dup2(error, STDERR_FILENO);
+        }
+        if (fileSizeMax != 0) {
+            const rlimit limit = {fileSizeMax, fileSizeMax};
+            setrlimit(RLIMIT_FSIZE, &limit);
+            signal(SIGXFSZ, SIG_IGN);  // a write past the limit fails with EFBIG
+        }
+    }
+};
+
+pid_t Start(const std::vector<std::string>& arguments, const ChildSetup& setup) {
+    std::vector<char*> argv;
+    for (const std::string& argument : arguments) {
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    }
+    argv.push_back(nullptr);
+    const pid_t process = Checked(fork(), "fork");
+    if (process == 0) {
+        setup.Apply();
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    return process;
+}
+
+}  // namespace
+
+ChildProcess::ChildProcess(const ChildOptions& options) {
+    Stream input = OpenInput(options.inputPath);
+    Stream output = OpenOutput(options.outputPath);
+    Stream error;
+    if (!options.errorPath.empty()) {
+        error = OpenOutput(options.errorPath);
+    }
+    m_process =
+        Start(options.arguments, {input.child, output.child, error.child, options.fileSizeMax});
+    m_input = input.test;
+    m_output = output.test;
+    CloseDescriptor(input.child);
+    CloseDescriptor(output.child);
+    CloseDescriptor(error.child);
+}
+
+ChildProcess::~ChildProcess() {
+    CloseInput();
+    CloseOutput();
+    if (m_process > 0) {
+        kill(m_process, SIGKILL);
+        waitpid(m_process, nullptr, 0);
+    }
+}
+
+void ChildProcess::Write(std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t written = write(m_input, bytes.data(), bytes.size());
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
+        Checked(static_cast<int>(written), "write to the child");
+        bytes.remove_prefix(static_cast<std::size_t>(written));
+    }
+}
+
+void ChildProcess::CloseInput() {
+    CloseDescriptor(m_input);
+}
+
+std::size_t ChildProcess::Read(void* buffer, std::size_t size, int timeoutMs) {
+    pollfd wait = {m_output, POLLIN, 0};
+    if (poll(&wait, 1, timeoutMs) <= 0) {
+        return 0;
+    }
+    const ssize_t got = read(m_output, buffer, size);
+    return got > 0 ? static_cast<std::size_t>(got) : 0;
+}
+
+void ChildProcess::CloseOutput() {
+    CloseDescriptor(m_output);
+}
+
+void ChildProcess::Signal(int signal) {
+    Checked(kill(m_process, signal), "kill");
+}
+
+ChildEnd ChildProcess::Wait() {
+    int status = 0;
+    while (waitpid(m_process, &status, 0) < 0) {
+        if (errno != EINTR) {
+            Checked(-1, "waitpid");
+        }
+    }
+    m_process = -1;
+    return WIFSIGNALED(status) ? ChildEnd{0, WTERMSIG(status)} : ChildEnd{WEXITSTATUS(status), 0};
+}
+
+}  // namespace k9erepl::test

@@ -1,0 +1,41 @@
+// The first program of the README: it builds, runs and prints what the README says.
+#include <string>
+
+#include "tools/tool_fixture.h"
+
+namespace k9erepl::test {
+
+namespace {
+
+class FirstStorage : public ToolTest {
+  protected:
+    ToolRun RunExample(const std::string& path) {
+        ChildOptions options = PipedOptions({});
+        options.arguments = {FIRST_STORAGE_PROGRAM, "file=" + path};
+        ChildProcess child(options);
+        return Finish(child);
+    }
+};
+
+TEST_F(FirstStorage, PrintsWhatItAppends) {
+    const ToolRun run = RunExample(StorageFile());
+    EXPECT_EQ(run.exitStatus, 0) << run;
+    EXPECT_EQ(run.out, "1: hello\n2: replicated world\nnext revision 3\n");
+}
+
+TEST_F(FirstStorage, FindsItsRecordsAgain) {
+    EXPECT_EQ(RunExample(StorageFile()).exitStatus, 0);
+    EXPECT_EQ(RunExample(StorageFile()).out,
+              "1: hello\n2: replicated world\n3: hello\n4: replicated world\nnext revision 5\n");
+}
+
+TEST_F(FirstStorage, TellsAFailure) {
+    WriteText(StorageFile(), "no storage");
+    const ToolRun run = RunExample(StorageFile());
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_NE(run.err.find("the storage failed with code 4\n"), std::string::npos) << run;
+}
+
+}  // namespace
+
+}  // namespace k9erepl::test
