@@ -27,6 +27,12 @@ K9eReplBlock* PrepareBlock(void* memory, std::size_t ordinal) {
     return block;
 }
 
+// Whether no record at or above `rev` lies in the block or before it.
+bool EndsBelow(const MemoryBlocks::value_type& entry, i64 rev) {
+    const auto& [firstRev, block] = entry;
+    return block->used == 0 ? firstRev < rev : block->lastRev < rev;
+}
+
 }  // namespace
 
 BlockIndex::iterator BlockList::FindHolding(i64 rev) {
@@ -100,6 +106,7 @@ void BlockList::EraseIndexAfter(i64 rev) {
 }
 
 u32 BlockList::EraseAll() {
+    Touch();
     const u32 rc = EraseBlocksAfter(0);
     m_index.clear();
     return rc;
@@ -139,10 +146,12 @@ u32 BlockList::Shrink(std::size_t keep, i64 flushedRev) {
 
 void BlockList::DropBelow(i64 rev) {
     Touch();
-    while (!m_blocks.empty() && m_blocks.begin()->second->lastRev < rev) {
-        m_index.erase(m_blocks.begin()->first);
-        m_pool.ReleaseBlock(m_blocks.begin()->second);
-        m_blocks.erase(m_blocks.begin());
+    while (!m_blocks.empty() && EndsBelow(*m_blocks.begin(), rev)) {
+        const auto oldest = m_blocks.begin();
+        // The blocks that are only in the file are older still.
+        m_index.erase(m_index.begin(), m_index.upper_bound(oldest->first));
+        m_pool.ReleaseBlock(oldest->second);
+        m_blocks.erase(oldest);
     }
     // A block that is only in the file ends where the next one begins.
     while (m_index.size() > 1 && std::next(m_index.begin())->first <= rev) {

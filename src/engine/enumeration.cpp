@@ -32,7 +32,7 @@ class CK9eReplStorage::RecordWalk {
     Walk CheckOnDisk(i64 firstRev, const IndexEntry& entry);
     Walk Visit(i64 offset, const K9eReplRec* rec);
     static u32 VisitFromFile(i64 offset, const K9eReplRec* rec, void* ctx);
-    bool LowestInMemoryIsInFile() const;
+    bool GoesOnIn(const MemoryBlocks::value_type& entry) const;
     i64 FileOffset(const IndexEntry& entry, u64 distance, i64 rev) const;
 
     Walk End(u32 rc) {
@@ -157,17 +157,10 @@ CK9eReplStorage::RecordWalk::Walk CK9eReplStorage::RecordWalk::WalkFile(BlockInd
     if (CheckOnDisk(it->first, it->second) == Walk::kEnd) {
         return Walk::kEnd;
     }
-    i64 passTo = m_toRev;
-    bool goesOn = false;
-    i64 lowestInMemory = 0;
-    if (!m_blocks.Blocks().empty()) {
-        lowestInMemory = m_blocks.Blocks().begin()->first;
-        goesOn =
-            m_toRev > lowestInMemory || (m_toRev == lowestInMemory && !LowestInMemoryIsInFile());
-    }
-    if (goesOn) {
-        passTo = lowestInMemory - 1;
-    }
+    const auto lowest = m_blocks.Blocks().upper_bound(it->first);
+    const bool goesOn = lowest != m_blocks.Blocks().end() && GoesOnIn(*lowest);
+    const i64 nextKey = goesOn ? lowest->first : 0;
+    const i64 passTo = goesOn ? nextKey - 1 : m_toRev;
     LOG_INFO(kLogStorage, "Enum from disk %I64d-%I64d", startRev, passTo);
     const FileEnumRange range{
         .fromRev = startRev, .toRev = passTo, .startOffset = it->second.fileOffset};
@@ -182,14 +175,17 @@ CK9eReplStorage::RecordWalk::Walk CK9eReplStorage::RecordWalk::WalkFile(BlockInd
     if (rc != RC_OK || !goesOn) {
         return End(rc);
     }
-    it = m_blocks.Index().lower_bound(lowestInMemory);
+    it = m_blocks.Index().lower_bound(nextKey);
     return Walk::kOn;
 }
 
-bool CK9eReplStorage::RecordWalk::LowestInMemoryIsInFile() const {
-    const auto& [firstRev, block] = *m_blocks.Blocks().begin();
-    return firstRev <= m_storage.m_flushedRev &&
-           block->pendingWrites.load(std::memory_order_acquire) == 0;
+// Whether the walk reaches this memory block. A range that ends where the block begins ends in the
+// file, unless that record is not there yet.
+bool CK9eReplStorage::RecordWalk::GoesOnIn(const MemoryBlocks::value_type& entry) const {
+    const auto& [firstRev, block] = entry;
+    const bool isInFile = firstRev <= m_storage.m_flushedRev && block != nullptr &&
+                          block->pendingWrites.load(std::memory_order_acquire) == 0;
+    return m_toRev > firstRev || (m_toRev == firstRev && !isInFile);
 }
 
 u32 CK9eReplStorage::EnumWithVisitor(i64 fromRev, i64 toRev, RecordVisitor visitor, void* ctx) {

@@ -39,6 +39,10 @@ struct StorageAccess {
     static platform::RecursiveLock& Lock(CK9eReplStorage& s) { return s.m_lock; }
     static IndexObject* Index(CK9eReplStorage& s) { return s.m_index.get(); }
     static u32 Flush(CK9eReplStorage& s) { return s.Flush(); }
+    static u32 Enumerate(CK9eReplStorage& s, i64 fromRev, i64 toRev, RecordVisitor visitor,
+                         void* ctx) {
+        return s.EnumWithVisitor(fromRev, toRev, visitor, ctx);
+    }
 };
 
 namespace test {

@@ -1,0 +1,273 @@
+// Enumeration callbacks that call back in: they insert, commit, roll back, truncate and enumerate
+// while a walk is under way, in memory and in the file. Every record is delivered exactly once, in
+// order.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+
+#include "engine/load_fixture.h"
+#include "support/log_capture.h"
+
+namespace k9erepl::test {
+namespace {
+
+// Walks everything and calls `meanwhile` with the revision of each record.
+Revs Walk(TestStorage& storage, const std::function<void(i64 rev)>& meanwhile,
+          i64 toRev = kEndOfRevs) {
+    Revs seen;
+    EXPECT_EQ(EnumerateWith(storage, 1, toRev,
+                            [&](const K9eReplRec& rec) {
+                                const i64 rev = rec.rev;
+                                seen.push_back(rev);
+                                meanwhile(rev);
+                                return RC_OK;
+                            }),
+              RC_OK);
+    return seen;
+}
+
+// With everything in memory, and with a cache so small that nearly everything is in the file.
+class EnumerationCallback : public ::testing::TestWithParam<const char*> {
+  protected:
+    TestStorage m_storage{std::string(kEachCommit) + "memory_reserve=1;" + GetParam()};
+};
+
+TEST_P(EnumerationCallback, ThatInsertsSeesItsRecordsToo) {
+    m_storage.InsertMany(12);
+    const Revs seen = Walk(m_storage, [&](i64 rev) {
+        if (rev <= 30) {
+            ASSERT_EQ(m_storage.Insert("more"), RC_OK);
+        }
+    });
+    EXPECT_EQ(seen, RevRange(1, 42));
+    m_storage.Reopen();
+    EXPECT_EQ(RevsOf(m_storage.Records()), RevRange(1, 42));
+}
+
+TEST_P(EnumerationCallback, ThatInsertsBlocksOfItsOwnSeesThemToo) {
+    m_storage.InsertMany(7);
+    const Revs seen = Walk(m_storage, [&](i64 rev) {
+        if (rev <= 20) {
+            ASSERT_EQ(m_storage.Insert(OneBlock("more")), RC_OK);
+        }
+    });
+    EXPECT_EQ(seen, RevRange(1, 27));
+}
+
+TEST_P(EnumerationCallback, ThatInsertsStaysInItsRange) {
+    m_storage.InsertMany(7);
+    const Revs seen = Walk(
+        m_storage, [&](i64) { ASSERT_EQ(m_storage.Insert(OneBlock("more")), RC_OK); }, 5);
+    EXPECT_EQ(seen, RevRange(1, 5));
+    EXPECT_EQ(m_storage.NextRev(), 13);
+}
+
+TEST_P(EnumerationCallback, ThatInsertsBehindTheLastRecordIsCalledForIt) {
+    m_storage.InsertMany(5);
+    const Revs seen = Walk(m_storage, [&](i64 rev) {
+        if (rev == 5) {
+            ASSERT_EQ(m_storage.Insert(OneBlock("more")), RC_OK);
+        }
+    });
+    EXPECT_EQ(seen, RevRange(1, 6));
+}
+
+TEST_P(EnumerationCallback, ThatCommitsManyRecordsAtOnceLosesNothing) {
+    m_storage.InsertMany(12);
+    bool done = false;
+    const Revs seen = Walk(m_storage, [&](i64 rev) {
+        if (rev == 6 && !done) {
+            done = true;
+            m_storage.InsertMany(40, "burst");
+        }
+    });
+    EXPECT_EQ(seen, RevRange(1, 52));
+}
+
+TEST_P(EnumerationCallback, ThatRollsBackEndsBehindWhatIsLeft) {
+    m_storage.InsertMany(7);
+    ASSERT_EQ(m_storage.Begin(), RC_OK);
+    m_storage.InsertMany(14, "lost");
+    const Revs seen = Walk(m_storage, [&](i64 rev) {
+        if (rev == 9) {
+            ASSERT_EQ(m_storage.Rollback(), RC_OK);
+        }
+    });
+    EXPECT_EQ(seen, RevRange(1, 9));
+    EXPECT_EQ(m_storage.NextRev(), 8);
+}
+
+TEST_P(EnumerationCallback, ThatRollsBackEarlyGoesOnWithWhatIsLeft) {
+    m_storage.InsertMany(14);
+    ASSERT_EQ(m_storage.Begin(), RC_OK);
+    m_storage.InsertMany(14, "lost");
+    const Revs seen = Walk(m_storage, [&](i64 rev) {
+        if (rev == 3) {
+            ASSERT_EQ(m_storage.Rollback(), RC_OK);
+        }
+    });
+    EXPECT_EQ(seen, RevRange(1, 14));
+}
+
+TEST_P(EnumerationCallback, ThatRollsBackAndInsertsGoesOnBehindTheLastDelivered) {
+    m_storage.InsertMany(3);
+    ASSERT_EQ(m_storage.Begin(), RC_OK);
+    m_storage.InsertMany(14, "lost");
+    const Revs seen = Walk(m_storage, [&](i64 rev) {
+        if (rev == 10) {
+            ASSERT_EQ(m_storage.Rollback(), RC_OK);
+            m_storage.InsertMany(20, "new");
+        }
+    });
+    EXPECT_EQ(seen, RevRange(1, 23));
+    EXPECT_EQ(m_storage.Texts(11, 11), Strings({"new8"}));
+}
+
+TEST_P(EnumerationCallback, ThatEnumeratesDisturbsNothing) {
+    m_storage.InsertMany(30);
+    const Revs seen = Walk(m_storage, [&](i64 rev) {
+        ASSERT_EQ(RevsOf(m_storage.Records(1)), RevRange(1, 30)) << rev;
+        ASSERT_EQ(RevsOf(m_storage.Records(rev, rev)), Revs({rev}));
+    });
+    EXPECT_EQ(seen, RevRange(1, 30));
+}
+
+TEST_P(EnumerationCallback, ThatEnumeratesAndInsertsWithinIsSeenByBoth) {
+    m_storage.InsertMany(12);
+    Revs inner;
+    const Revs outer = Walk(m_storage, [&](i64 rev) {
+        if (rev == 4) {
+            inner = Walk(m_storage, [&](i64 innerRev) {
+                if (innerRev <= 10) {
+                    ASSERT_EQ(m_storage.Insert(OneBlock("deep")), RC_OK);
+                }
+            });
+        }
+    });
+    EXPECT_EQ(inner, RevRange(1, 22));
+    EXPECT_EQ(outer, RevRange(1, 22));
+}
+
+TEST_P(EnumerationCallback, ThatStopsAfterChangingTheStorageReturnsItsResult) {
+    m_storage.InsertMany(12);
+    const u32 rc = EnumerateWith(m_storage, 1, 9, [&](const K9eReplRec& rec) {
+        EXPECT_EQ(m_storage.Insert(OneBlock("more")), RC_OK);
+        return rec.rev == 2 ? 99U : RC_OK;
+    });
+    EXPECT_EQ(rc, 99U);
+    EXPECT_EQ(m_storage.State(), StorageState::kOpen);
+    EXPECT_EQ(m_storage.NextRev(), 15);
+}
+
+// Blocks leave memory under the walk: the small cache lets go of them at each commit.
+TEST_P(EnumerationCallback, ThatCommitsAfterALateFlushLosesNothing) {
+    m_storage.Reopen(std::string("flush_mode=PerTrans;flush_trans_num=7;flush_timeout=3600000;"
+                                 "read_buffers_count=1;block_size=138;memory_reserve=1;") +
+                     GetParam());
+    m_storage.InsertMany(30);
+    const Revs seen = Walk(m_storage, [&](i64 rev) {
+        if (rev <= 30) {
+            ASSERT_EQ(m_storage.Insert(OneBlock("more")), RC_OK);
+        }
+    });
+    EXPECT_EQ(seen, RevRange(1, 60));
+}
+
+// One seeded run of callbacks that do anything at all.
+class CallbackStorm {
+  public:
+    CallbackStorm(TestStorage& storage, u32 seed) : m_storage(storage), m_random(seed) {}
+
+    void Run() {
+        const Revs seen = Walk(m_storage, [&](i64 rev) { Act(rev); });
+        EXPECT_TRUE(std::is_sorted(seen.begin(), seen.end(), std::less_equal<>()));
+        const Revs all = RevsOf(m_storage.Records());
+        EXPECT_TRUE(std::includes(seen.begin(), seen.end(), all.begin(), all.end()));
+    }
+
+  private:
+    u32 Dice(u32 sides) { return static_cast<u32>(m_random() % sides); }
+
+    void Act(i64 rev) {
+        if (m_actions == 0 || Dice(3) != 0) {
+            return;
+        }
+        --m_actions;
+        switch (Dice(4)) {
+            case 0:
+                ASSERT_EQ(m_storage.Insert(std::string(Dice(115), 'i')), RC_OK);
+                break;
+            case 1:
+                Append(rev);
+                break;
+            case 2:
+                Abandon();
+                break;
+            default:
+                ASSERT_FALSE(m_storage.Records(std::max<i64>(1, rev - Dice(9)), rev).empty());
+                break;
+        }
+    }
+    void Append(i64 rev) {
+        ASSERT_EQ(m_storage.Begin(), RC_OK);
+        for (u32 n = Dice(9); n > 0; --n) {
+            ASSERT_EQ(m_storage.Insert(std::string(Dice(115), 'a')), RC_OK);
+        }
+        ASSERT_EQ(m_storage.InsertP(m_storage.NextRev() + Dice(5), std::to_string(rev)), RC_OK);
+        ASSERT_EQ(m_storage.Commit(), RC_OK);
+    }
+    void Abandon() {
+        ASSERT_EQ(m_storage.Begin(), RC_OK);
+        m_storage.InsertMany(Dice(9), "gone");
+        ASSERT_EQ(m_storage.Rollback(), RC_OK);
+    }
+
+    TestStorage& m_storage;
+    std::mt19937 m_random;
+    u32 m_actions = 60;
+};
+
+TEST_P(EnumerationCallback, ThatDoesAnythingLosesNothing) {
+    for (u32 seed = 1; seed <= 40; ++seed) {
+        SCOPED_TRACE(seed);
+        m_storage.InsertMany(10);
+        CallbackStorm(m_storage, seed).Run();
+        ASSERT_FALSE(HasFailure());
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Caches, EnumerationCallback,
+                         ::testing::Values("cache_type=AllInMem", "cache_type=Last1",
+                                           "cache_type=Last3"),
+                         [](const auto& cache) { return std::string(cache.param).substr(11); });
+
+TEST(EnumerationCallbackInMemory, ThatTruncatesEndsTheWalk) {
+    TestStorage storage(std::string(kNoFile) + "file=:memory:;block_size=138", Start::kOpened);
+    ASSERT_EQ(storage.TryLoad(), RC_OK);
+    storage.InsertMany(20);
+    const Revs seen = Walk(storage, [&](i64 rev) {
+        if (rev == 8) {
+            ASSERT_EQ(K9eReplStorageTruncate(storage.Handle()), RC_OK);
+            storage.InsertMany(3, "new");
+        }
+    });
+    EXPECT_EQ(seen, RevRange(1, 8));
+    EXPECT_EQ(storage.Texts(), Numbered(3, "new"));
+}
+
+// The record of a callback stays what it was while blocks are added.
+TEST(EnumerationCallbackInMemory, KeepsItsRecordWhileItInserts) {
+    TestStorage storage(std::string(kEachCommit) + "cache_type=AllInMem");
+    storage.InsertMany(20);
+    const u32 rc = EnumerateWith(storage, 1, 20, [&](const K9eReplRec& rec) {
+        EXPECT_EQ(storage.Insert(OneBlock("more")), RC_OK);
+        const std::string text(reinterpret_cast<const char*>(rec.data), rec.dataSize);
+        EXPECT_EQ(text, "r" + std::to_string(rec.rev));
+        return RC_OK;
+    });
+    EXPECT_EQ(rc, RC_OK);
+}
+
+}  // namespace
+}  // namespace k9erepl::test

@@ -1,0 +1,228 @@
+// Enumeration from memory: bounds, results, states, and what a visitor is given.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <stdexcept>
+#include <thread>
+
+#include "engine/load_fixture.h"
+#include "support/log_capture.h"
+
+namespace k9erepl::test {
+namespace {
+
+// Six records in three blocks, flushed, all in memory.
+class Enumeration : public ::testing::Test {
+  protected:
+    Enumeration() { m_storage.InsertMany(6); }
+
+    CK9eReplStorage& Object() { return m_storage.Object(); }
+    std::map<i64, K9eReplBlock*>& Blocks() { return StorageAccess::Blocks(Object()).Blocks(); }
+    u32 Enumerate() {
+        m_seen.clear();
+        return m_storage.Enumerate(&m_seen);
+    }
+
+    TestStorage m_storage{std::string(kEachCommit) + "cache_type=AllInMem"};
+    LogCapture m_log;
+    SeenRecords m_seen;
+};
+
+TEST_F(Enumeration, DeliversRecordsWithTheirWordAndData) {
+    ASSERT_EQ(m_storage.Insert("last", 77), RC_OK);
+    EXPECT_EQ(m_storage.Records(6), SeenRecords({{6, 0, "r6"}, {7, 77, "last"}}));
+}
+
+TEST_F(Enumeration, DeliversEveryRangeInOrder) {
+    ASSERT_EQ(Blocks().size(), 2U);
+    ExpectEveryRange(m_storage, ModelOf(m_storage.Records()), 6);
+}
+
+TEST_F(Enumeration, DeliversRecordsWithoutData) {
+    ASSERT_EQ(m_storage.Insert("", 5), RC_OK);
+    EXPECT_EQ(m_storage.Records(7), SeenRecords({{7, 5, ""}}));
+}
+
+TEST_F(Enumeration, OfAnEmptyStorageDeliversNothing) {
+    TestStorage empty(kEachCommit);
+    EXPECT_TRUE(empty.Records().empty());
+}
+
+TEST_F(Enumeration, OfNegativeRevisionsDeliversNothing) {
+    EXPECT_TRUE(m_storage.Records(-10, -1).empty());
+    EXPECT_EQ(RevsOf(m_storage.Records(-10, 2)), Revs({1, 2}));
+}
+
+TEST_F(Enumeration, StartsAtTheOldestRevisionWhenFromIsBelowIt) {
+    StorageAccess::OldestRev(Object()) = 4;
+    EXPECT_EQ(RevsOf(m_storage.Records(1)), Revs({4, 5, 6}));
+    EXPECT_EQ(RevsOf(m_storage.Records(5)), Revs({5, 6}));
+}
+
+TEST_F(Enumeration, WithFromAboveToDeliversNothing) {
+    EXPECT_TRUE(m_storage.Records(5, 2).empty());
+    EXPECT_TRUE(m_storage.Records(4, 3).empty());
+}
+
+TEST_F(Enumeration, WithToBelowTheFirstBlockDeliversNothing) {
+    TestStorage gap(kEachCommit);
+    ASSERT_EQ(gap.InsertP(100, "late"), RC_OK);
+    EXPECT_TRUE(gap.Records(1, 99).empty());
+    EXPECT_EQ(RevsOf(gap.Records(1, 100)), Revs({100}));
+}
+
+TEST_F(Enumeration, BeyondTheLastRecordDeliversNothing) {
+    EXPECT_TRUE(m_storage.Records(7).empty());
+    EXPECT_TRUE(m_storage.Records(kEndOfRevs).empty());
+}
+
+TEST_F(Enumeration, ReturnsTheCallbacksResultAndStaysOpen) {
+    Revs seen;
+    const u32 rc = EnumerateWith(m_storage, 1, kEndOfRevs, [&](const K9eReplRec& rec) {
+        seen.push_back(i64{rec.rev});
+        return seen.size() == 3 ? 5U : 0U;
+    });
+    EXPECT_EQ(rc, 5U);
+    EXPECT_EQ(seen, Revs({1, 2, 3}));
+    EXPECT_EQ(m_storage.State(), StorageState::kOpen);
+}
+
+TEST_F(Enumeration, ReturnsResultsOfTheCallbackThatAreCodesOfOurOwn) {
+    for (const u32 wanted : {RC_ENUM_STOP, RC_BAD_DATA, RC_FILE_CORRUPT, 0xFFFFFFFFU}) {
+        EXPECT_EQ(EnumerateWith(m_storage, 1, 9, [=](const K9eReplRec&) { return wanted; }),
+                  wanted);
+        EXPECT_EQ(m_storage.State(), StorageState::kOpen);
+    }
+}
+
+TEST_F(Enumeration, WithoutCallbackAnswersInvalidArgumentWhenThereIsARecord) {
+    EXPECT_EQ(K9eReplStorageEnumRecords(m_storage.Handle(), 2, 3, nullptr, nullptr),
+              RC_INVALID_ARG);
+    EXPECT_EQ(K9eReplStorageEnumRecords(m_storage.Handle(), 7, 9, nullptr, nullptr), RC_OK);
+    EXPECT_EQ(m_storage.State(), StorageState::kOpen);
+}
+
+TEST_F(Enumeration, DeliversTheOpenTransactionToo) {
+    ASSERT_EQ(m_storage.Begin(), RC_OK);
+    ASSERT_EQ(m_storage.Insert("mine"), RC_OK);
+    EXPECT_EQ(m_storage.Texts(6), Strings({"r6", "mine"}));
+    ASSERT_EQ(m_storage.Rollback(), RC_OK);
+    EXPECT_EQ(m_storage.Texts(6), Strings({"r6"}));
+}
+
+TEST_F(Enumeration, HandsRecordsOutInPlace) {
+    const u8* const data = Blocks().begin()->second->Data();
+    const void* first = nullptr;
+    EnumerateWith(m_storage, 1, 1, [&](const K9eReplRec& rec) {
+        first = &rec;
+        return RC_OK;
+    });
+    EXPECT_EQ(first, data + kRecordPrefixSize);
+}
+
+struct Offsets {
+    std::vector<i64> seen;
+
+    static u32 Add(i64 offset, const K9eReplRec* /*rec*/, void* ctx) {
+        static_cast<Offsets*>(ctx)->seen.push_back(offset);
+        return RC_OK;
+    }
+};
+
+TEST_F(Enumeration, TellsItsVisitorTheFileOffsetOfFlushedRecordsOnly) {
+    TestStorage storage("flush_trans_num=2;flush_mode=PerTrans;flush_timeout=3600000");
+    storage.InsertMany(3);
+    Offsets offsets;
+    ASSERT_EQ(StorageAccess::Enumerate(storage.Object(), 1, 9, Offsets::Add, &offsets), RC_OK);
+    EXPECT_EQ(offsets.seen, std::vector<i64>({1056, 1056 + 26, -1}));
+}
+
+TEST_F(Enumeration, TellsItsVisitorNoOffsetBeforeTheFirstFlush) {
+    TestStorage storage("flush_trans_num=9;flush_mode=PerTrans;flush_timeout=3600000");
+    storage.InsertMany(2);
+    Offsets offsets;
+    ASSERT_EQ(StorageAccess::Enumerate(storage.Object(), 1, 9, Offsets::Add, &offsets), RC_OK);
+    EXPECT_EQ(offsets.seen, std::vector<i64>({-1, -1}));
+}
+
+TEST_F(Enumeration, IsRefusedUnlessTheStorageIsOpen) {
+    for (const StorageState state :
+         {StorageState::kClosed, StorageState::kBroken, StorageState::kFlushFailed}) {
+        StorageAccess::SetState(Object(), state);
+        const auto text = "Failed to enum recs;state " + std::to_string(static_cast<int>(state));
+        EXPECT_EQ(Enumerate(), RC_WRONG_STATE);
+        EXPECT_EQ(m_log.CodeOf(text), RC_WRONG_STATE) << m_log;
+        EXPECT_EQ(m_storage.State(), state);
+        EXPECT_TRUE(m_seen.empty());
+    }
+    StorageAccess::SetState(Object(), StorageState::kOpen);
+}
+
+TEST_F(Enumeration, FailsAtABlockWithAWrongSignatureAndBreaksTheStorage) {
+    K9eReplBlock& second = *std::next(Blocks().begin())->second;
+    second.Data()[0] ^= 1U;
+    EXPECT_EQ(Enumerate(), RC_BAD_DATA);
+    EXPECT_EQ(m_log.CodeOf("Wrong rec signature;block rev 6"), RC_BAD_DATA) << m_log;
+    EXPECT_EQ(RevsOf(m_seen), Revs({1, 2, 3, 4, 5}));
+    EXPECT_EQ(m_storage.State(), StorageState::kBroken);
+    EXPECT_EQ(Enumerate(), RC_WRONG_STATE);
+}
+
+TEST_F(Enumeration, FailsAtARecordWhoseSizeLeavesTheBlockOrStandsStill) {
+    K9eReplBlock& first = *Blocks().begin()->second;
+    for (const u32 size : {0U, 23U, 0xFFFFFFFFU, static_cast<u32>(first.used) + 1}) {
+        std::memcpy(first.Data() + kSignatureSize, &size, sizeof size);
+        StorageAccess::SetState(Object(), StorageState::kOpen);
+        EXPECT_EQ(Enumerate(), RC_BAD_DATA) << size;
+        EXPECT_EQ(m_storage.State(), StorageState::kBroken);
+    }
+    EXPECT_EQ(m_log.Count("Wrong rec signature;block rev 1"), 4U);
+}
+
+TEST_F(Enumeration, FailsInNoFlushModeWhenABlockHasLeftMemory) {
+    TestStorage storage(std::string(kNoFile) + "file=:memory:;block_size=138", Start::kOpened);
+    ASSERT_EQ(storage.TryLoad(), RC_OK);
+    storage.InsertMany(6);
+    StorageAccess::Blocks(storage.Object()).Shrink(1, kEndOfRevs);
+    EXPECT_EQ(storage.Enumerate(&m_seen), RC_BAD_DATA);
+    EXPECT_EQ(m_log.CodeOf("Failed to enum no block in mem in NoFlush mode;block rev 1"),
+              RC_BAD_DATA)
+        << m_log;
+    EXPECT_EQ(storage.State(), StorageState::kBroken);
+}
+
+TEST_F(Enumeration, FailsAtABlockThatIsNeitherInMemoryNorInTheFile) {
+    TestStorage storage(
+        "flush_mode=PerTrans;flush_trans_num=99;flush_timeout=3600000;"
+        "block_size=138;cache_type=Last1");
+    storage.InsertMany(6);
+    StorageAccess::Blocks(storage.Object()).Shrink(1, kEndOfRevs);
+    EXPECT_EQ(storage.Enumerate(&m_seen), RC_BAD_DATA);
+    EXPECT_EQ(m_log.CodeOf("Failed to enum,invalid file offset;block rev 1"), RC_BAD_DATA) << m_log;
+    EXPECT_EQ(storage.State(), StorageState::kBroken);
+    EXPECT_EQ(storage.Enumerate(&m_seen), RC_WRONG_STATE);
+}
+
+TEST_F(Enumeration, ReleasesTheLockWhenAnExceptionPasses) {
+    const RecordFunction raise = [](const K9eReplRec&) -> u32 { throw std::runtime_error("no"); };
+    const auto call = [](const K9eReplRec* rec, void* ctx) {
+        return (*static_cast<const RecordFunction*>(ctx))(*rec);
+    };
+    void* const ctx = const_cast<RecordFunction*>(&raise);
+    EXPECT_THROW(Object().EnumRecords(1, 9, call, ctx), std::runtime_error);
+    std::thread([&] { EXPECT_EQ(RevsOf(m_storage.Records(1)), RevRange(1, 6)); }).join();
+}
+
+TEST_F(Enumeration, OfTheDataSourceHasNoUpperBound) {
+    u32 rc = m_storage.DataSource().EnumFrom(1, 2, 3, 4, 5, CollectRecord, &m_seen);
+    EXPECT_EQ(rc, RC_OK);
+    EXPECT_EQ(RevsOf(m_seen), Revs({4, 5, 6}));
+}
+
+TEST(NextRev, OfAFreshStorageIsOne) {
+    TestStorage storage(kEachCommit);
+    EXPECT_EQ(storage.NextRev(), 1);
+}
+
+}  // namespace
+}  // namespace k9erepl::test

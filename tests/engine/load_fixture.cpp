@@ -1,0 +1,196 @@
+// The vocabulary of the tests of enumeration and loading; see the header.
+#include "engine/load_fixture.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <mutex>
+#include <set>
+
+#include "index/index_file.h"
+#include "support/file_bytes.h"
+
+namespace k9erepl::test {
+
+namespace {
+
+std::atomic<u64> g_bytesRead{0};
+
+i64 CountingRead(platform::NativeFile file, void* buffer, u32 size) {
+    const i64 got = platform::NativeSystemCalls().readFile(file, buffer, size);
+    g_bytesRead += got > 0 ? static_cast<u64>(got) : 0;
+    return got;
+}
+
+struct LiveBlocks {
+    std::mutex mutex;
+    std::size_t size = 0;  // of the allocations that count
+    std::size_t most = 0;
+    std::set<void*> live;
+} g_blocks;
+
+void* CountingAlloc(std::size_t size) {
+    void* const memory = platform::NativeSystemCalls().allocMemory(size);
+    const std::lock_guard<std::mutex> lock(g_blocks.mutex);
+    if (size == g_blocks.size && memory != nullptr) {
+        g_blocks.live.insert(memory);
+        g_blocks.most = std::max(g_blocks.most, g_blocks.live.size());
+    }
+    return memory;
+}
+
+void CountingFree(void* memory) {
+    {
+        const std::lock_guard<std::mutex> lock(g_blocks.mutex);
+        g_blocks.live.erase(memory);
+    }
+    platform::NativeSystemCalls().freeMemory(memory);
+}
+
+u32 CallFunction(const K9eReplRec* rec, void* callback) {
+    return (*static_cast<const RecordFunction*>(callback))(*rec);
+}
+
+}  // namespace
+
+std::string SmallCache(u32 blocks, std::string_view more) {
+    return std::string(kEachCommit) + "cache_type=Last" + std::to_string(blocks) + ";" +
+           std::string(more);
+}
+
+std::string OneBlock(std::string_view text) {
+    std::string filled(text);
+    filled.resize(kMinBlockSize - kRecordHeadSize, '.');
+    return filled;
+}
+
+u32 EnumerateWith(TestStorage& storage, i64 fromRev, i64 toRev, const RecordFunction& callback) {
+    return K9eReplStorageEnumRecords(storage.Handle(), fromRev, toRev, CallFunction,
+                                     const_cast<RecordFunction*>(&callback));
+}
+
+Revs RevsOf(const SeenRecords& records) {
+    Revs revs;
+    for (const SeenRecord& record : records) {
+        revs.push_back(record.rev);
+    }
+    return revs;
+}
+
+Revs RevRange(i64 first, i64 last) {
+    Revs revs;
+    for (i64 rev = first; rev <= last; ++rev) {
+        revs.push_back(rev);
+    }
+    return revs;
+}
+
+Model ModelOf(const SeenRecords& records) {
+    Model model;
+    for (const SeenRecord& record : records) {
+        EXPECT_TRUE(model.empty() || model.rbegin()->first < record.rev) << record;
+        model[record.rev] = record.data;
+    }
+    return model;
+}
+
+void ExpectEveryRange(TestStorage& storage, const Model& model, i64 lastRev) {
+    for (i64 from = 0; from <= lastRev + 1; ++from) {
+        for (i64 to = 0; to <= lastRev + 1; ++to) {
+            Model expected;
+            if (from <= to) {
+                expected = Model(model.lower_bound(from), model.upper_bound(to));
+            }
+            ASSERT_EQ(ModelOf(storage.Records(from, to)), expected) << from << " to " << to;
+        }
+    }
+}
+
+std::string IndexPath(const TestStorage& storage) {
+    return storage.Path() + "-idx";
+}
+
+IndexEntries ReadIndexEntries(const TestStorage& storage) {
+    IndexFileContent content;
+    EXPECT_EQ(ReadIndexFile(IndexPath(storage), &content), RC_OK);
+    IndexEntries entries;
+    for (const TIndexEntry& entry : content.entries) {
+        entries.emplace_back(entry.rev, entry.offset);
+    }
+    return entries;
+}
+
+std::vector<u8> IndexBytes(const IndexEntries& entries, u32 blockSize) {
+    TIndexHeader header{};
+    std::memcpy(header.magic, kIndexMagic, kIndexMagicSize);
+    header.version = kIndexVersion;
+    header.count = static_cast<u32>(entries.size());
+    header.blockSize = blockSize;
+    for (const auto& [rev, offset] : entries) {
+        header.checksum ^= IndexEntryChecksum(rev, offset);
+    }
+    std::vector<u8> bytes(sizeof header + entries.size() * sizeof(TIndexEntry));
+    std::memcpy(bytes.data(), &header, sizeof header);
+    u8* to = bytes.data() + sizeof header;
+    for (const auto& [rev, offset] : entries) {
+        const TIndexEntry entry{.rev = rev, .offset = offset};
+        std::memcpy(to, &entry, sizeof entry);
+        to += sizeof entry;
+    }
+    return bytes;
+}
+
+void WriteIndex(const TestStorage& storage, const IndexEntries& entries, u32 blockSize) {
+    WriteBytes(IndexPath(storage), IndexBytes(entries, blockSize));
+}
+
+IndexEntries EntriesInMemory(TestStorage& storage) {
+    IndexEntries entries;
+    for (const auto& [rev, entry] : StorageAccess::Blocks(storage.Object()).Index()) {
+        entries.emplace_back(rev, entry.fileOffset.load());
+    }
+    return entries;
+}
+
+ReadMeter::ReadMeter() : m_saved(platform::TheSystemCalls()) {
+    platform::TheSystemCalls().readFile = CountingRead;
+    Restart();
+}
+
+ReadMeter::~ReadMeter() {
+    platform::TheSystemCalls() = m_saved;
+}
+
+u64 ReadMeter::Bytes() const {
+    return g_bytesRead;
+}
+
+void ReadMeter::Restart() {
+    g_bytesRead = 0;
+}
+
+BlockMeter::BlockMeter(u32 blockSize) : m_saved(platform::TheSystemCalls()) {
+    g_blocks.size = blockSize + kBlockOverhead;
+    g_blocks.most = 0;
+    g_blocks.live.clear();
+    platform::TheSystemCalls().allocMemory = CountingAlloc;
+    platform::TheSystemCalls().freeMemory = CountingFree;
+}
+
+BlockMeter::~BlockMeter() {
+    platform::TheSystemCalls() = m_saved;
+}
+
+std::size_t BlockMeter::Live() const {
+    const std::lock_guard<std::mutex> lock(g_blocks.mutex);
+    return g_blocks.live.size();
+}
+
+std::size_t BlockMeter::MostLive() const {
+    const std::lock_guard<std::mutex> lock(g_blocks.mutex);
+    return g_blocks.most;
+}
+
+}  // namespace k9erepl::test

@@ -1,0 +1,88 @@
+// What the tests of enumeration and loading add to the vocabulary: settings under which blocks
+// soon leave memory, index files made by hand, meters of the bytes read and the blocks held.
+#ifndef K9EREPL_TESTS_ENGINE_LOAD_FIXTURE_H
+#define K9EREPL_TESTS_ENGINE_LOAD_FIXTURE_H
+
+#include <functional>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "engine/storage_fixture.h"
+#include "platform/system_calls.h"
+#include "support/storage_file_builder.h"
+
+namespace k9erepl::test {
+
+// Every commit is flushed; nothing happens by time alone. Blocks of 138 bytes take one record of
+// 46 to 114 bytes, or two of up to 45.
+inline constexpr std::string_view kEachCommit =
+    "flush_mode=PerTrans;flush_trans_num=1;flush_timeout=3600000;read_buffers_count=1;"
+    "block_size=138;";
+inline constexpr std::string_view kNoFile = "cache_type=AllInMem;flush_mode=NoFlush;";
+
+// kEachCommit and a cache of `blocks` blocks.
+std::string SmallCache(u32 blocks, std::string_view more = "");
+
+// Text that fills a block of 138 bytes, beginning with `text`.
+std::string OneBlock(std::string_view text);
+
+// Calls `callback` for each record, as EnumRecords would.
+using RecordFunction = std::function<u32(const K9eReplRec& rec)>;
+u32 EnumerateWith(TestStorage& storage, i64 fromRev, i64 toRev, const RecordFunction& callback);
+
+// The revisions of an enumeration that must succeed.
+using Revs = std::vector<i64>;
+Revs RevsOf(const SeenRecords& records);
+Revs RevRange(i64 first, i64 last);
+
+// What a storage should hold.
+using Model = std::map<i64, std::string>;
+Model ModelOf(const SeenRecords& records);
+// Compares every range of revisions around the model's, both bounds included.
+void ExpectEveryRange(TestStorage& storage, const Model& model, i64 lastRev);
+
+// The index file of a storage: its path, its entries (revision and file offset), its making.
+using IndexEntries = std::vector<std::pair<i64, i64>>;
+std::string IndexPath(const TestStorage& storage);
+IndexEntries ReadIndexEntries(const TestStorage& storage);
+std::vector<u8> IndexBytes(const IndexEntries& entries, u32 blockSize = 138);
+void WriteIndex(const TestStorage& storage, const IndexEntries& entries, u32 blockSize = 138);
+// The entries as the index file should have them after a save.
+IndexEntries EntriesInMemory(TestStorage& storage);
+
+// While it lives, counts the bytes that are read from files. It must begin before every storage.
+class ReadMeter {
+  public:
+    ReadMeter();
+    ~ReadMeter();
+    ReadMeter(const ReadMeter&) = delete;
+    ReadMeter& operator=(const ReadMeter&) = delete;
+
+    u64 Bytes() const;
+    void Restart();
+
+  private:
+    const platform::SystemCalls m_saved;
+};
+
+// While it lives, counts the allocations of one size: memory blocks. It must begin before every
+// storage and end after it.
+class BlockMeter {
+  public:
+    explicit BlockMeter(u32 blockSize);
+    ~BlockMeter();
+    BlockMeter(const BlockMeter&) = delete;
+    BlockMeter& operator=(const BlockMeter&) = delete;
+
+    std::size_t Live() const;
+    std::size_t MostLive() const;
+
+  private:
+    const platform::SystemCalls m_saved;
+};
+
+}  // namespace k9erepl::test
+
+#endif  // K9EREPL_TESTS_ENGINE_LOAD_FIXTURE_H
