@@ -34,15 +34,13 @@ FileBuilder& FileBuilder::Record(i64 rev, std::string_view data, u32 userWord) {
 
 FileBuilder& FileBuilder::LargeRecord(i64 rev, u32 dataSize) {
     HeadClaiming(rev, dataSize + kRecordHeadSize, dataSize);
-    m_bytes.reserve(m_bytes.size() + dataSize);
+    const std::size_t begin = m_bytes.size();
+    m_bytes.resize(begin + dataSize);
+    u8* const data = m_bytes.data() + begin;
     for (u32 i = 0; i < dataSize; ++i) {
-        m_bytes.push_back(PatternByte(rev, i));
+        data[i] = PatternByte(rev, i);
     }
     return *this;
-}
-
-u8 FileBuilder::PatternByte(i64 rev, u32 index) {
-    return static_cast<u8>(static_cast<u32>(rev) * 31U + index * 7U + index / 251U);
 }
 
 FileBuilder& FileBuilder::HeadClaiming(i64 rev, u32 size, u32 dataSize) {

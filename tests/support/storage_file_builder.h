@@ -30,7 +30,9 @@ class FileBuilder {
     FileBuilder& Record(i64 rev, std::string_view data = {}, u32 userWord = 0);
     // A record with `dataSize` bytes of a pattern that PatternByte gives.
     FileBuilder& LargeRecord(i64 rev, u32 dataSize);
-    static u8 PatternByte(i64 rev, u32 index);
+    static u8 PatternByte(i64 rev, u32 index) {
+        return static_cast<u8>(static_cast<u32>(rev) * 31 + index * 7 + (index >> 8));
+    }
 
     // Bytes as they stand: a commit block with its own links, a record head without data, ...
     FileBuilder& RawCommit(const TCommitBlock& block) { return Raw(&block, sizeof block); }
