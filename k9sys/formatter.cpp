@@ -18,10 +18,10 @@ namespace k9sys {
 
 namespace {
 
-// A va_list as a parameter may be a pointer or a copy; inside a struct, by reference, it is one
-// object everywhere.
+// A va_list as a parameter may be a pointer or a copy; behind a pointer it is one object
+// everywhere.
 struct Arguments {
-    va_list list;
+    va_list* list;
 };
 
 // A number taken apart for padding: sign or "0x", zeros, digits, zeros.
@@ -66,7 +66,7 @@ std::string_view SignOf(bool negative, const Directive& directive) {
 
 void PutInteger(TextOutput& out, const Directive& directive, std::string_view prefix,
                 std::uint64_t value, int base) {
-    char digits[24];
+    char digits[24] = {};
     char* end = std::to_chars(digits, digits + sizeof digits, value, base).ptr;
     if (directive.precision == 0 && value == 0) {
         end = digits;
@@ -142,12 +142,12 @@ void PutString(TextOutput& out, const Directive& directive, const char* text) {
 
 void TakeSizes(Directive& directive, Arguments& args) {
     if (directive.widthFromArgument) {
-        const int width = va_arg(args.list, int);
+        const int width = va_arg(*args.list, int);
         directive.left = directive.left || width < 0;
         directive.width = width == INT_MIN ? INT_MAX : std::abs(width);
     }
     if (directive.precisionFromArgument) {
-        directive.precision = va_arg(args.list, int);
+        directive.precision = va_arg(*args.list, int);
     }
 }
 
@@ -156,30 +156,30 @@ void PutDirective(TextOutput& out, Directive directive, Arguments& args) {
     switch (directive.letter) {
         case 'd':
             PutSigned(out, directive,
-                      directive.is64 ? va_arg(args.list, long long) : va_arg(args.list, int));
+                      directive.is64 ? va_arg(*args.list, long long) : va_arg(*args.list, int));
             return;
         case 's':
-            PutString(out, directive, va_arg(args.list, const char*));
+            PutString(out, directive, va_arg(*args.list, const char*));
             return;
         case 'f':
-            PutDouble(out, directive, va_arg(args.list, double));
+            PutDouble(out, directive, va_arg(*args.list, double));
             return;
         case 'P':
-            PutInteger(out, directive, "", va_arg(args.list, std::size_t), 10);
+            PutInteger(out, directive, "", va_arg(*args.list, std::size_t), 10);
             return;
         case 'p': {
-            const auto address = reinterpret_cast<std::uintptr_t>(va_arg(args.list, void*));
+            const auto address = reinterpret_cast<std::uintptr_t>(va_arg(*args.list, void*));
             PutInteger(out, directive, "0x", address, 16);
             return;
         }
         case 'R':
-            PutResultCode(out, directive, va_arg(args.list, unsigned));
+            PutResultCode(out, directive, va_arg(*args.list, unsigned));
             return;
         default:
             break;
     }
     const std::uint64_t value =
-        directive.is64 ? va_arg(args.list, unsigned long long) : va_arg(args.list, unsigned);
+        directive.is64 ? va_arg(*args.list, unsigned long long) : va_arg(*args.list, unsigned);
     if (directive.letter == 'x' || directive.letter == 'X') {
         PutHexadecimal(out, directive, value);
         return;
@@ -207,8 +207,9 @@ const char* PutAtPercent(TextOutput& out, const char* percent, Arguments& args) 
 }  // namespace
 
 void FormatText(TextOutput& out, const char* format, va_list args) {
-    Arguments arguments;
-    va_copy(arguments.list, args);
+    va_list copy;
+    va_copy(copy, args);
+    Arguments arguments = {&copy};
     while (*format != '\0') {
         const std::size_t plain = std::strcspn(format, "%");
         out.Put({format, plain});
@@ -217,7 +218,7 @@ void FormatText(TextOutput& out, const char* format, va_list args) {
             format = PutAtPercent(out, format, arguments);
         }
     }
-    va_end(arguments.list);
+    va_end(copy);
     out.Terminate();
 }
 

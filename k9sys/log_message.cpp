@@ -2,6 +2,7 @@
 #include "log_message.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <memory>
 #include <new>
 
@@ -16,7 +17,7 @@ namespace {
 // Enough for nearly every message; longer ones, which quote a connection string, take memory.
 constexpr std::size_t kUsualSize = 1024;
 // A message is cut here at the latest.
-constexpr std::uint64_t kMaxSize = 1024 * 1024;
+constexpr std::uint64_t kMaxSize = std::uint64_t{1024} * 1024;
 
 std::uint64_t FormatInto(char* buffer, std::size_t size, const char* format, va_list args) {
     TextOutput out(buffer, size);

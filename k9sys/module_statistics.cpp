@@ -62,8 +62,8 @@ uint32_t K9MQStatSetBinaryModuleVersion(void* module, const char* product, const
     }
     try {
         const std::string modulePath = k9sys::ModulePath(module);
-        const std::string_view fileName =
-            std::string_view(modulePath).substr(modulePath.find_last_of("/\\") + 1);
+        std::string_view fileName = modulePath;
+        fileName.remove_prefix(modulePath.find_last_of("/\\") + 1);
         *registration = ModuleStatistics::Instance().Add();
         CopyText(modulePath, path, pathSize);
         CopyText(fileName, name, nameSize);

@@ -13,6 +13,8 @@
 #include <thread>
 #include <vector>
 
+#include "support/log.h"
+
 namespace {
 
 constexpr std::uint32_t kCode = 27;
@@ -46,6 +48,16 @@ void LogOnEightThreads() {
     }
 }
 
+// The storage library's own way to log: the first round registers the sites, the second uses them.
+void LogAtCallSites() {
+    for (int round = 0; round < 2; ++round) {
+        LOG_INFO(k9erepl::kLogStorage, "round %d", round);
+    }
+    for (int state = 0; state < 2; ++state) {
+        LOG_ERROR_CODE(kCode, k9erepl::kLogStorage, "state %d", state);
+    }
+}
+
 // Made before the first message and destroyed after main: logs when whatever the system library
 // had made later would be gone.
 struct LogsAtTheEnd {
@@ -63,6 +75,7 @@ struct Mode {
 };
 constexpr Mode kModes[] = {{"levels", LogEveryLevel},
                            {"codes", LogCodes},
+                           {"sites", LogAtCallSites},
                            {"threads", LogOnEightThreads},
                            {"end", LogWhileTheProcessEnds}};
 

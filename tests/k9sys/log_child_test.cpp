@@ -1,50 +1,14 @@
 // What the environment decides: levels and the log file, and how a line of the file looks. Each
 // test runs k9sys_log_child, because a process reads its environment once.
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <regex>
 #include <set>
-#include <sstream>
-#include <string>
-#include <vector>
 
-#include "support/file_bytes.h"
-#include "support/temp_folder.h"
+#include "k9sys/child_process.h"
 
 namespace k9erepl::test {
 
 namespace {
 
-using Lines = std::vector<std::string>;
-
-class LogChild : public ::testing::Test {
-  protected:
-    // Runs the child; false when it does not end well.
-    bool Run(const std::string& mode, const Lines& environment) {
-        std::string command = std::string("\"") + K9SYS_LOG_CHILD + "\" " + mode;
-        for (const std::string& item : environment) {
-            command += " \"" + item + "\"";
-        }
-        command += " 2> \"" + m_standardError + "\"";
-        return std::system(command.c_str()) == 0;  // NOLINT(cert-env33-c,concurrency-mt-unsafe)
-    }
-
-    // The lines of a file, without the time at their beginning.
-    static Lines LinesOf(const std::string& path) {
-        Lines lines;
-        std::istringstream file(ReadText(path));
-        for (std::string line; std::getline(file, line);) {
-            lines.push_back(std::regex_replace(
-                line, std::regex(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} )"), ""));
-        }
-        return lines;
-    }
-
-    const TempFolder m_folder;
-    const std::string m_standardError = m_folder.File("stderr");
-    const std::string m_logFile = m_folder.File("log");
-};
+using LogChild = ChildProcess;
 
 }  // namespace
 
@@ -116,12 +80,10 @@ TEST_F(LogChild, AFileThatCannotBeOpenedFallsBackToStandardError) {
 
 TEST_F(LogChild, ALineHasTimeLevelModuleMessageAndCode) {
     ASSERT_TRUE(Run("codes", {}));
-    std::istringstream file(ReadText(m_standardError));
-    std::string line;
-    std::getline(file, line);
-    const std::regex expected(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} error k9eRepl-storage: )"
-                              R"(Failed to begin trans;state 3 \(code 27\))");
-    EXPECT_TRUE(std::regex_match(line, expected)) << line;
+    const std::string text = ReadText(m_standardError);
+    EXPECT_EQ(Shape(text.substr(0, text.find('\n') + 1)),
+              "0000-00-00 00:00:00.000 error k0eRepl-storage: "
+              "Failed to begin trans;state 0 (code 00)\n");
 }
 
 TEST_F(LogChild, CodesOfTheFamilyAreHexadecimalAndControlCharactersReplaced) {

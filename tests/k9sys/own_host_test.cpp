@@ -1,0 +1,32 @@
+// A host's own library in the place of the stand-in: a program that was linked against the stand-in
+// runs with own_host.c instead.
+#include "k9sys/child_process.h"
+
+namespace k9erepl::test {
+
+namespace {
+
+class OwnHost : public ChildProcess {
+  protected:
+    const std::string m_loader = "LD_BIND_NOW=1 LD_LIBRARY_PATH=\"" K9SYS_OWN_HOST_FOLDER "\" ";
+};
+
+}  // namespace
+
+TEST_F(OwnHost, TakesThePlaceOfTheStandIn) {
+    ASSERT_TRUE(Run("levels", {"K9SYS_LOG=off"}, m_loader));
+    EXPECT_EQ(
+        LinesOf(m_standardError),
+        (Lines{"host error a: an error", "host warning a: a warning", "host info a: an info",
+               "host error b: an error", "host warning b: a warning", "host info b: an info"}));
+}
+
+TEST_F(OwnHost, IsAskedAtEveryCallSite) {
+    ASSERT_TRUE(Run("sites", {}, m_loader));
+    EXPECT_EQ(
+        LinesOf(m_standardError),
+        (Lines{"host info k9eRepl-storage: round %d", "host info k9eRepl-storage: round %d",
+               "host error k9eRepl-storage: state %d", "host error k9eRepl-storage: state %d"}));
+}
+
+}  // namespace k9erepl::test
