@@ -18,8 +18,6 @@ u32 CK9eReplStorage::Flush() {
     u32 rc = RC_OK;
     try {
         rc = FlushToFile();
-    } catch (const std::bad_alloc&) {
-        rc = RC_NO_MEMORY;
     } catch (...) {
         // A callback threw in the middle: what reached the file is not known.
         SetState(StorageState::kBroken);
@@ -52,13 +50,11 @@ u32 CK9eReplStorage::FlushToFile() {
         }
         m_policy.RecordFlushTime();
         m_policy.Flushed(covered);
+        // Before the callback, which may insert.
+        LeaveFlushFailed();
         if (lastWritten > 0) {
             m_flushedRev = lastWritten;
-            if (m_onFlush.IsSet()) {
-                m_timing.Start(m_timeOnFlushCb);
-                m_onFlush.Call(lastWritten);
-                m_timing.Stop(m_timeOnFlushCb);
-            }
+            NotifyFlushed(lastWritten);
         }
     }
     m_timing.Stop(m_timeFlush);
@@ -110,8 +106,9 @@ u32 CK9eReplStorage::WriteBlock(i64 firstRev, K9eReplBlock& block, const FlushRu
         size += kCommitBlockSize;
     }
     std::atomic<i64>& fileOffset = entry->second.fileOffset;
-    const bool fillsIn = fileOffset == kUnknownOffset;
-    m_flushedPieces.push_back({&block, block.flushedEnd, fillsIn ? &fileOffset : nullptr});
+    if (u32 rc = RememberPiece(block, fileOffset); rc != RC_OK) {
+        return rc;
+    }
     m_timing.Start(m_timeWriteData1);
     if (u32 rc = m_solid.WriteItems(data, static_cast<u32>(size), commitBlock, &block, run.lastRev,
                                     &fileOffset);
@@ -126,6 +123,18 @@ u32 CK9eReplStorage::WriteBlock(i64 firstRev, K9eReplBlock& block, const FlushRu
              run.lastRev, fileOffset.load());
     if (m_settings.MayEvict() && m_blocks.Blocks().size() > m_settings.cacheBlocks) {
         m_shrinkPending = true;
+    }
+    return RC_OK;
+}
+
+u32 CK9eReplStorage::RememberPiece(K9eReplBlock& block, std::atomic<i64>& fileOffset) {
+    const bool fillsIn = fileOffset == kUnknownOffset;
+    try {
+        m_flushedPieces.push_back({&block, block.flushedEnd, fillsIn ? &fileOffset : nullptr});
+    } catch (const std::bad_alloc&) {
+        LOG_ERROR_CODE(RC_NO_MEMORY, kLogStorage, "Out of memory while flushing;block %s",
+                       block.name);
+        return RC_NO_MEMORY;
     }
     return RC_OK;
 }
@@ -170,7 +179,9 @@ void CK9eReplStorage::UndoFlush() {
 
 u32 CK9eReplStorage::FailFlushAtTop(u32 rc) {
     LOG_ERROR_CODE(rc, kLogStorage, "Failed to flush data");
-    SetState(StorageState::kFlushFailed);
+    if (State() != StorageState::kBroken) {
+        SetState(StorageState::kFlushFailed);
+    }
     return rc;
 }
 

@@ -117,6 +117,7 @@ class CK9eReplStorage final : public IK9eReplStorage {
     u32 MakeIndex(const char* connStr);
     u32 Break(u32 rc);
     void FlushForTheLastTime();
+    void FlushAllThatIsCommitted();
     void Deinit();
     void Reset();
 
@@ -125,7 +126,9 @@ class CK9eReplStorage final : public IK9eReplStorage {
     u32 InsertAt(K9eReplRec* rec, i64 rev);
     u32 PlaceInTransaction(const K9eReplRec& rec, bool implicit);
     u32 CommitOutermost();
+    void ReopenTransaction(i64 startRev, u64 startUsed);
     void NotifyNoFlushCommit();
+    void NotifyFlushed(i64 lastRev);
     void SaveIndexIfGrown();
     u32 ShrinkCache();
     void RetryFlushOutsideTransaction();
@@ -137,6 +140,7 @@ class CK9eReplStorage final : public IK9eReplStorage {
     u32 FlushToFile();
     u32 WriteFlush(i64 limit, i64* lastWritten);
     u32 WriteBlock(i64 firstRev, K9eReplBlock& block, const FlushRun& run);
+    u32 RememberPiece(K9eReplBlock& block, std::atomic<i64>& fileOffset);
     u32 WriteCommitBlock(i64 lastRev);
     u32 CommitFlush();
     void UndoFlush();
@@ -190,6 +194,8 @@ class CK9eReplStorage final : public IK9eReplStorage {
     TimingSet m_timing;
 
     bool m_loaded = false;
+    i64 m_loadedRev = 0;        // while loading: the record placed last
+    i64 m_closedRev = 0;        // while loading: the last record with a commit block behind it
     i64 m_oldestRev = 0;        // the lowest revision that is still served
     i64 m_flushedRev = 0;       // the highest revision in the file
     bool m_beginMoved = false;  // the file's first record is not the storage's first record
@@ -205,6 +211,7 @@ class CK9eReplStorage final : public IK9eReplStorage {
     bool m_shrinkPending = false;    // the last flush left more blocks than the cache may keep
     std::size_t m_indexedCount = 0;  // entries of the block index at the last save request
     bool m_flushing = false;         // a flush is under way: callbacks start no second one
+    u32 m_onFlushDepth = 0;          // calls of OnFlush that have not returned
     // What a failed flush has to take back; kept between flushes for its memory.
     struct FlushedPiece {
         K9eReplBlock* block;

@@ -135,7 +135,7 @@ void CK9eReplStorage::FlushForTheLastTime() {
     const Guard guard(m_lock);
     if (State() == StorageState::kOpen) {
         try {
-            Flush();
+            FlushAllThatIsCommitted();
         } catch (...) {
             // Nobody is left to hear of it; what was committed to the file stays committed.
             LOG_ERROR(kLogStorage, "A callback threw during the last flush;conn-str %s",
@@ -144,6 +144,18 @@ void CK9eReplStorage::FlushForTheLastTime() {
     }
     // The index thread still runs while the file is closed: its idle flush finds nothing to do.
     m_policy.Clear();
+}
+
+// What callbacks of the flush committed is written by a second one, which tells nobody: it would
+// never end.
+void CK9eReplStorage::FlushAllThatIsCommitted() {
+    const i64 nextRev = m_nextRev;
+    if (Flush() != RC_OK || m_nextRev == nextRev) {
+        return;
+    }
+    m_onFlush.Set(nullptr, nullptr);
+    m_solid.SetWrittenRevisionCallback(nullptr, nullptr);
+    Flush();
 }
 
 void CK9eReplStorage::Deinit() {

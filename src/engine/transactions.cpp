@@ -32,7 +32,9 @@ u32 CK9eReplStorage::BeginOutermost() {
         m_transStartUsed = m_blocks.Newest().used;
     }
     m_transDataSize = 0;
-    if (HasFile()) {
+    // A callback of a flush begins no transaction of the file: the flush has one open, and must be
+    // able to go back to its own beginning.
+    if (HasFile() && !m_flushing) {
         u32 rc = RC_OK;
         try {
             rc = m_solid.BeginTransaction();
@@ -131,8 +133,10 @@ u32 CK9eReplStorage::CommitOutermost() {
     if (HasFile()) {
         m_policy.CountCommit(m_settings.flushMode, m_transDataSize);
         if (FlushNeeded()) {
+            const i64 startRev = m_transStartRev;
+            const u64 startUsed = m_transStartUsed;
             if (u32 rc = Flush(); rc != RC_OK) {
-                ++m_transDepth;
+                ReopenTransaction(startRev, startUsed);
                 return FailFlushAtTop(rc);
             }
         }
@@ -152,19 +156,42 @@ u32 CK9eReplStorage::CommitOutermost() {
     return RC_OK;
 }
 
+// The flush failed: the client may commit again or roll back. What callbacks of the flush inserted
+// meanwhile lies behind the transaction's records and becomes part of it.
+void CK9eReplStorage::ReopenTransaction(i64 startRev, u64 startUsed) {
+    ++m_transDepth;
+    m_rolledBack = false;
+    m_transStartRev = startRev;
+    m_transStartUsed = startUsed;
+}
+
 void CK9eReplStorage::NotifyNoFlushCommit() {
     const i64 lastRev = m_nextRev - 1;
-    if (m_onFlush.IsSet()) {
+    NotifyFlushed(lastRev);
+    m_onWriteToFile.Call(lastRev);
+}
+
+// Without a file a callback that commits is called again inside its own call: only the outermost
+// call is timed.
+void CK9eReplStorage::NotifyFlushed(i64 lastRev) {
+    if (!m_onFlush.IsSet()) {
+        return;
+    }
+    const bool outermost = m_onFlushDepth++ == 0;
+    if (outermost) {
         m_timing.Start(m_timeOnFlushCb);
-        m_onFlush.Call(lastRev);
+    }
+    m_onFlush.Call(lastRev);
+    if (outermost) {
         m_timing.Stop(m_timeOnFlushCb);
     }
-    m_onWriteToFile.Call(lastRev);
+    --m_onFlushDepth;
 }
 
 void CK9eReplStorage::SaveIndexIfGrown() {
     const std::size_t count = m_blocks.Index().size();
-    if (count < m_indexedCount + m_settings.indexHint) {
+    // In the middle of a flush entries have offsets that a failure would take back.
+    if (m_flushing || count < m_indexedCount + m_settings.indexHint) {
         return;
     }
     // A save that cannot be had now is no failure of the commit: the index is only an aid.
@@ -190,8 +217,8 @@ u32 CK9eReplStorage::ShrinkCache() {
 
 // A failed idle flush leaves no transaction to commit or roll back; this is its way out.
 void CK9eReplStorage::RetryFlushOutsideTransaction() {
-    if (State() == StorageState::kFlushFailed && Flush() == RC_OK) {
-        LeaveFlushFailed();
+    if (State() == StorageState::kFlushFailed && !m_flushing) {
+        Flush();
     }
 }
 
@@ -217,10 +244,10 @@ std::uint32_t CK9eReplStorage::Rollback() {
     }
     m_rolledBack = true;
     const i64 cut = m_transStartRev - 1;
+    m_blocks.EraseIndexAfter(cut);
     if (u32 rc = m_blocks.EraseBlocksAfter(cut); rc != RC_OK) {
         return rc;
     }
-    m_blocks.EraseIndexAfter(cut);
     if (!m_blocks.Blocks().empty()) {
         K9eReplBlock& newest = m_blocks.Newest();
         assert(m_transStartUsed <= newest.used);

@@ -5,6 +5,8 @@
 
 #include <cstring>
 
+#include "support/params.h"
+
 namespace k9erepl::test {
 
 Record::Record(std::string_view data, u32 userWord, i64 rev)
@@ -43,6 +45,12 @@ TestStorage::~TestStorage() {
     if (IsOpen()) {
         Close();
     }
+}
+
+std::string TestStorage::ConnStr() const {
+    u32 length = 0;
+    const bool namesFile = FindParam(m_settings.c_str(), "file", &length) != nullptr;
+    return namesFile ? m_settings : "file=" + Path() + ";" + m_settings;
 }
 
 u32 TestStorage::TryCreate(u32 flags) {

@@ -80,7 +80,8 @@ enum class Start { kLoaded, kOpened, kCreated, kNothing };
 // that return a code leave the judgement to the test.
 class TestStorage {
   public:
-    // `settings` follow "file=...;" in the connection string. `start` says how far to go.
+    // `settings` follow "file=...;" in the connection string, unless they name a file themselves,
+    // as those of a storage in memory do ("file=:memory:;..."). `start` says how far to go.
     explicit TestStorage(std::string_view settings = "", Start start = Start::kLoaded);
     ~TestStorage();
     TestStorage(const TestStorage&) = delete;
@@ -88,7 +89,7 @@ class TestStorage {
 
     const TempFolder& Folder() const { return m_folder; }
     std::string Path() const { return m_folder.File("storage.eRepl"); }
-    std::string ConnStr() const { return "file=" + Path() + ";" + m_settings; }
+    std::string ConnStr() const;
     void Use(std::string_view settings) { m_settings = settings; }
 
     // --- Life of the handle

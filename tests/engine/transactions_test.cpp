@@ -1,0 +1,365 @@
+// Transactions: nesting, insertion with and without them, what each state allows.
+#include <gtest/gtest.h>
+
+#include <limits>
+
+#include "engine/flush_fixture.h"
+#include "support/fault_injection.h"
+#include "support/log_capture.h"
+
+namespace k9erepl::test {
+
+// --- Without a transaction ---------------------------------------------------------------------
+
+TEST(ImplicitTransaction, InsertCommitsAtOnce) {
+    TestStorage storage(kFlushAlways);
+    ASSERT_EQ(storage.Insert("one"), RC_OK);
+    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0", "r1", "c1"}));
+    EXPECT_EQ(storage.Commit(), RC_NO_TRANSACTION);
+}
+
+TEST(ImplicitTransaction, CountsAsOneTransactionTowardsTheThreshold) {
+    TestStorage storage("flush_mode=PerTrans;flush_trans_num=2;flush_timeout=2147483647;");
+    ASSERT_EQ(storage.Insert("one"), RC_OK);
+    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0"}));
+    ASSERT_EQ(storage.Insert("two"), RC_OK);
+    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0", "r1", "r2", "c2"}));
+}
+
+TEST(ImplicitTransaction, InsertPCommitsAtOnce) {
+    TestStorage storage(kFlushAlways);
+    ASSERT_EQ(storage.InsertP(5, "five"), RC_OK);
+    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0", "r5", "c5"}));
+}
+
+TEST(ImplicitTransaction, ARecordThatFitsNoBlockIsRolledBackWithItsRevision) {
+    TestStorage storage(With(kFlushAlways, "block_size=138;"));
+    EXPECT_EQ(storage.Insert(std::string(115, 'x')), RC_INVALID_ARG);
+    EXPECT_EQ(storage.NextRev(), 1);
+    EXPECT_EQ(storage.Rollback(), RC_NO_TRANSACTION_TO_ROLLBACK);
+    EXPECT_EQ(storage.Insert("one"), RC_OK);
+    EXPECT_EQ(storage.Records(), SeenRecords({{1, 0, "one"}}));
+}
+
+TEST(ImplicitTransaction, AFailedCommitIsRolledBackAndItsCodeReturned) {
+    const ScopedSystemCalls systemCalls;
+    TestStorage storage(kFlushAlways);
+    FailWrite(1);
+    EXPECT_EQ(storage.Insert("lost"), RC_SYSTEM_ERROR);
+    EXPECT_EQ(storage.State(), StorageState::kOpen);
+    EXPECT_EQ(storage.NextRev(), 1);
+    EXPECT_EQ(storage.Insert("kept"), RC_OK);
+    storage.Reopen();
+    EXPECT_EQ(storage.Records(), SeenRecords({{1, 0, "kept"}}));
+}
+
+// --- Nesting -----------------------------------------------------------------------------------
+
+TEST(NestedTransaction, OnlyTheOutermostCommitFlushes) {
+    TestStorage storage(kFlushAlways);
+    ASSERT_EQ(storage.Begin(), RC_OK);
+    ASSERT_EQ(storage.Begin(), RC_OK);
+    ASSERT_EQ(storage.Insert("one"), RC_OK);
+    LogCapture log({"k9eRepl-storage"});
+    ASSERT_EQ(storage.Commit(), RC_OK);
+    EXPECT_EQ(log.Texts(), Strings({"TR_C"})) << "and nothing else";
+    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0"}));
+    ASSERT_EQ(storage.Commit(), RC_OK);
+    EXPECT_EQ(log.Count("TR_C"), 2U);
+    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0", "r1", "c1"}));
+    EXPECT_EQ(storage.Commit(), RC_NO_TRANSACTION);
+}
+
+TEST(NestedTransaction, BeginLogsTheOutermostLevelOnly) {
+    TestStorage storage;
+    const LogCapture log({"k9eRepl-storage"});
+    ASSERT_EQ(storage.Begin(), RC_OK);
+    ASSERT_EQ(storage.Begin(), RC_OK);
+    EXPECT_EQ(log.Texts(), Strings({"TR_B"}));
+    EXPECT_TRUE(log.Has(K9SYS_LOG_INFO, "TR_B"));
+    EXPECT_EQ(storage.Rollback(), RC_OK);
+}
+
+TEST(NestedTransaction, OneRollbackEndsAllLevels) {
+    TestStorage storage;
+    ASSERT_EQ(storage.Begin(), RC_OK);
+    ASSERT_EQ(storage.Begin(), RC_OK);
+    ASSERT_EQ(storage.Begin(), RC_OK);
+    EXPECT_EQ(storage.Rollback(), RC_OK);
+    EXPECT_EQ(storage.Rollback(), RC_NO_TRANSACTION_TO_ROLLBACK);
+}
+
+TEST(NestedTransaction, CommitAfterRollbackHasNoTransaction) {
+    TestStorage storage;
+    ASSERT_EQ(storage.Begin(), RC_OK);
+    ASSERT_EQ(storage.Rollback(), RC_OK);
+    EXPECT_EQ(storage.Commit(), RC_NO_TRANSACTION);
+}
+
+TEST(NestedTransaction, BeginAfterRollbackIsOutermostAgain) {
+    TestStorage storage(kFlushAlways);
+    ASSERT_EQ(storage.Begin(), RC_OK);
+    ASSERT_EQ(storage.Rollback(), RC_OK);
+    ASSERT_EQ(storage.Begin(), RC_OK);
+    ASSERT_EQ(storage.Insert("one"), RC_OK);
+    ASSERT_EQ(storage.Commit(), RC_OK);
+    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0", "r1", "c1"}));
+}
+
+// No sequence of calls leads here; the answers are part of the contract all the same.
+TEST(NestedTransaction, ALevelThatIsRolledBackTakesNoBeginAndNoCommit) {
+    TestStorage storage;
+    ASSERT_EQ(storage.Begin(), RC_OK);
+    ASSERT_EQ(storage.Begin(), RC_OK);
+    StorageAccess::RolledBack(storage.Object()) = true;
+    EXPECT_EQ(storage.Begin(), RC_BEGIN_AFTER_ROLLBACK);
+    EXPECT_EQ(storage.Commit(), RC_TRANS_ROLLED_BACK);
+    EXPECT_EQ(storage.Rollback(), RC_OK);
+    EXPECT_EQ(storage.Rollback(), RC_NO_TRANSACTION_TO_ROLLBACK);
+}
+
+TEST(Transaction, CommitAndRollbackWithoutOneAnswerSo) {
+    TestStorage storage;
+    EXPECT_EQ(storage.Commit(), 0x8011U);
+    EXPECT_EQ(storage.Rollback(), 0x8013U);
+}
+
+TEST(Transaction, AnEmptyOneWritesNothing) {
+    TestStorage storage(kFlushAlways);
+    ASSERT_EQ(storage.Begin(), RC_OK);
+    ASSERT_EQ(storage.Commit(), RC_OK);
+    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0"}));
+}
+
+TEST(Transaction, ItsRecordsAreServedBeforeItIsCommitted) {
+    TestStorage storage;
+    ASSERT_EQ(storage.Begin(), RC_OK);
+    ASSERT_EQ(storage.Insert("one"), RC_OK);
+    EXPECT_EQ(storage.Texts(), Strings({"one"}));
+    EXPECT_EQ(storage.Rollback(), RC_OK);
+}
+
+// --- Inserting ---------------------------------------------------------------------------------
+
+TEST(Insert, WritesTheRevisionIntoTheRecord) {
+    TestStorage storage;
+    Record record("text", 42, -7);
+    ASSERT_EQ(K9eReplStorageInsert(storage.Handle(), record.Get()), RC_OK);
+    EXPECT_EQ(record->rev, 1);
+    ASSERT_EQ(K9eReplStorageInsert(storage.Handle(), record.Get()), RC_OK);
+    EXPECT_EQ(record->rev, 2);
+    EXPECT_EQ(storage.Records(), SeenRecords({{1, 42, "text"}, {2, 42, "text"}}));
+}
+
+TEST(Insert, AFailedOneInATransactionConsumesItsRevision) {
+    TestStorage storage(With(kFlushAlways, "block_size=138;"));
+    ASSERT_EQ(storage.Begin(), RC_OK);
+    EXPECT_EQ(storage.Insert(std::string(115, 'x')), RC_INVALID_ARG);
+    EXPECT_EQ(storage.NextRev(), 2);
+    ASSERT_EQ(storage.Insert("two"), RC_OK);
+    ASSERT_EQ(storage.Commit(), RC_OK);
+    EXPECT_EQ(storage.Records(), SeenRecords({{2, 0, "two"}}));
+    storage.Reopen();
+    EXPECT_EQ(storage.Records(), SeenRecords({{2, 0, "two"}}));
+}
+
+TEST(Insert, ALaterRollbackGivesTheConsumedRevisionBack) {
+    TestStorage storage("block_size=138");
+    ASSERT_EQ(storage.Insert("one"), RC_OK);
+    ASSERT_EQ(storage.Begin(), RC_OK);
+    ASSERT_EQ(storage.Insert(std::string(115, 'x')), RC_INVALID_ARG);
+    ASSERT_EQ(storage.Rollback(), RC_OK);
+    EXPECT_EQ(storage.NextRev(), 2);
+}
+
+TEST(Insert, ARecordAboveTenMebibytesIsRefusedByAStorageWithAFile) {
+    TestStorage storage("block_size=12000000");
+    const LogCapture log;
+    EXPECT_EQ(storage.Insert(std::string(10485737, 'x')), RC_INVALID_ARG);
+    EXPECT_EQ(log.CodeOf("Rec size with header 10485761 exceeds free block size 10485760"),
+              RC_INVALID_ARG)
+        << log;
+    EXPECT_EQ(storage.Insert(std::string(10485736, 'x')), RC_OK);
+    storage.Reopen();
+    EXPECT_EQ(storage.Records().size(), 1U);
+}
+
+TEST(Insert, ARecordAboveTenMebibytesIsTakenInMemory) {
+    TestStorage storage(With(kInMemory, "block_size=12000000;"), Start::kNothing);
+    ASSERT_EQ(storage.TryOpenAndLoad(), RC_OK);
+    EXPECT_EQ(storage.Insert(std::string(10485737, 'x')), RC_OK);
+}
+
+TEST(InsertP, TakesTheNextRevision) {
+    TestStorage storage;
+    ASSERT_EQ(storage.InsertP(1, "one"), RC_OK);
+    EXPECT_EQ(storage.InsertP(2, "two"), RC_OK);
+    EXPECT_EQ(storage.NextRev(), 3);
+}
+
+TEST(InsertP, TakesALaterRevisionAndTheNextInsertFollowsIt) {
+    TestStorage storage(kFlushAlways);
+    ASSERT_EQ(storage.InsertP(11, "eleven"), RC_OK);
+    ASSERT_EQ(storage.Insert("twelve"), RC_OK);
+    EXPECT_EQ(storage.NextRev(), 13);
+    storage.Reopen();
+    EXPECT_EQ(storage.Records(), SeenRecords({{11, 0, "eleven"}, {12, 0, "twelve"}}));
+}
+
+TEST(InsertP, RefusesARevisionBelowTheNextOne) {
+    TestStorage storage;
+    ASSERT_EQ(storage.Insert("one"), RC_OK);
+    const LogCapture log({"k9eRepl-storage"});
+    EXPECT_EQ(storage.InsertP(1, "again"), RC_INVALID_ARG);
+    EXPECT_EQ(log.Messages(),
+              std::vector<LoggedMessage>({{K9SYS_LOG_ERROR, "k9eRepl-storage",
+                                           "Wrong rec rev 1, expected 2", RC_INVALID_ARG}}))
+        << "not even a transaction was begun";
+    EXPECT_EQ(storage.State(), StorageState::kOpen);
+    EXPECT_EQ(storage.NextRev(), 2);
+}
+
+TEST(InsertP, RefusesNegativeRevisions) {
+    TestStorage storage;
+    EXPECT_EQ(storage.InsertP(std::numeric_limits<i64>::min(), "x"), RC_INVALID_ARG);
+    EXPECT_EQ(storage.InsertP(0, "x"), RC_INVALID_ARG);
+}
+
+TEST(LastRevision, CanBeUsedAndNothingComesAfterIt) {
+    TestStorage storage(kFlushAlways);
+    constexpr i64 kLast = std::numeric_limits<i64>::max() - 1;
+    EXPECT_EQ(storage.InsertP(kLast + 1, "beyond"), RC_INVALID_ARG);
+    ASSERT_EQ(storage.InsertP(kLast, "last"), RC_OK);
+    EXPECT_EQ(storage.Insert("beyond"), RC_INVALID_ARG);
+    EXPECT_EQ(storage.InsertP(kLast + 1, "beyond"), RC_INVALID_ARG);
+    EXPECT_EQ(storage.NextRev(), kLast + 1);
+    storage.Reopen();
+    EXPECT_EQ(storage.Records(), SeenRecords({{kLast, 0, "last"}}));
+    EXPECT_EQ(storage.Insert("beyond"), RC_INVALID_ARG);
+}
+
+// --- States ------------------------------------------------------------------------------------
+
+namespace {
+
+// Every operation of a transaction is refused in `state` with its message.
+void ExpectRefused(TestStorage& storage, const std::string& state, bool commitAndRollbackToo) {
+    const LogCapture log({"k9eRepl-storage"});
+    std::vector<LoggedMessage> expected;
+    const auto refused = [&](u32 rc, const std::string& text) {
+        EXPECT_EQ(rc, RC_WRONG_STATE);
+        expected.push_back(
+            {K9SYS_LOG_ERROR, "k9eRepl-storage", text + ";state " + state, RC_WRONG_STATE});
+    };
+    refused(storage.Begin(), "Failed to begin trans");
+    refused(storage.Insert("x"), "Failed to insert");
+    refused(storage.InsertP(100, "x"), "Failed to insert prepared");
+    if (commitAndRollbackToo) {
+        refused(storage.Commit(), "Failed to commit");
+        refused(storage.Rollback(), "Failed to rollback");
+    }
+    EXPECT_EQ(log.Messages(), expected);
+}
+
+}  // namespace
+
+TEST(StorageState, BeforeLoadEveryTransactionalOperationIsRefused) {
+    TestStorage storage("", Start::kOpened);
+    ExpectRefused(storage, "1", true);
+    EXPECT_EQ(storage.State(), StorageState::kClosed);
+    EXPECT_EQ(storage.NextRev(), 1);
+}
+
+TEST(StorageState, ABrokenStorageRefusesEveryTransactionalOperation) {
+    TestStorage storage;
+    StorageAccess::SetState(storage.Object(), StorageState::kBroken);
+    ExpectRefused(storage, "3", true);
+    EXPECT_EQ(storage.State(), StorageState::kBroken);
+}
+
+TEST(StorageState, AFailedFlushLeavesCommitAndRollbackOnly) {
+    const ScopedSystemCalls systemCalls;
+    TestStorage storage(kFlushAlways);
+    ASSERT_EQ(storage.Begin(), RC_OK);
+    ASSERT_EQ(storage.Insert("one"), RC_OK);
+    FailWrite(1);
+    ASSERT_EQ(storage.Commit(), RC_SYSTEM_ERROR);
+    ExpectRefused(storage, "4", false);
+    EXPECT_EQ(storage.State(), StorageState::kFlushFailed);
+    EXPECT_EQ(storage.Commit(), RC_OK);
+    EXPECT_EQ(storage.State(), StorageState::kOpen);
+}
+
+TEST(StorageState, AFileThatTakesNoTransactionBreaksTheStorage) {
+    TestStorage storage;
+    storage.Object().SolidStorage().Close();
+    const LogCapture log;
+    EXPECT_EQ(storage.Begin(), RC_NO_WRITER);
+    EXPECT_EQ(log.CodeOf("Failed to begin trans in solid storage"), RC_NO_WRITER) << log;
+    EXPECT_EQ(storage.State(), StorageState::kBroken);
+    EXPECT_EQ(StorageAccess::TransDepth(storage.Object()), 1U);
+}
+
+TEST(StorageState, AnImplicitTransactionThatCannotBeginFailsTheInsertion) {
+    TestStorage storage;
+    storage.Object().SolidStorage().Close();
+    EXPECT_EQ(storage.Insert("x"), RC_NO_WRITER);
+    EXPECT_EQ(storage.NextRev(), 1);
+}
+
+// --- Numbers of the storage --------------------------------------------------------------------
+
+TEST(LifeNumber, IsKeptInTheFile) {
+    TestStorage storage;
+    u32 lifenum = 9;
+    ASSERT_EQ(K9eReplStorageGetLifenum(storage.Handle(), &lifenum), RC_OK);
+    EXPECT_EQ(lifenum, 0U);
+    ASSERT_EQ(K9eReplStorageSetLifenum(storage.Handle(), 4000000000), RC_OK);
+    storage.Reopen();
+    ASSERT_EQ(K9eReplStorageGetLifenum(storage.Handle(), &lifenum), RC_OK);
+    EXPECT_EQ(lifenum, 4000000000U);
+}
+
+TEST(LifeNumber, CanBeSetInAnyState) {
+    TestStorage storage("", Start::kOpened);
+    EXPECT_EQ(K9eReplStorageSetLifenum(storage.Handle(), 5), RC_OK);
+    StorageAccess::SetState(storage.Object(), StorageState::kBroken);
+    EXPECT_EQ(K9eReplStorageSetLifenum(storage.Handle(), 6), RC_OK);
+    u32 lifenum = 0;
+    EXPECT_EQ(K9eReplStorageGetLifenum(storage.Handle(), &lifenum), RC_OK);
+    EXPECT_EQ(lifenum, 6U);
+}
+
+TEST(LifeNumber, StaysWhenTheFileCannotBeWritten) {
+    const ScopedSystemCalls systemCalls;
+    TestStorage storage;
+    ASSERT_EQ(K9eReplStorageSetLifenum(storage.Handle(), 5), RC_OK);
+    const LogCapture log;
+    FailWrite(1);
+    EXPECT_EQ(K9eReplStorageSetLifenum(storage.Handle(), 6), RC_SYSTEM_ERROR);
+    EXPECT_EQ(log.CodeOf("Failed to set lifenum 6 to solid storage"), RC_SYSTEM_ERROR) << log;
+    u32 lifenum = 0;
+    EXPECT_EQ(K9eReplStorageGetLifenum(storage.Handle(), &lifenum), RC_OK);
+    EXPECT_EQ(lifenum, 5U);
+}
+
+TEST(LifeNumber, IsOnlyKeptInMemoryWithoutAFile) {
+    TestStorage storage(kInMemory, Start::kNothing);
+    ASSERT_EQ(storage.TryOpenAndLoad(), RC_OK);
+    EXPECT_EQ(K9eReplStorageSetLifenum(storage.Handle(), 6), RC_OK);
+    u32 lifenum = 0;
+    EXPECT_EQ(K9eReplStorageGetLifenum(storage.Handle(), &lifenum), RC_OK);
+    EXPECT_EQ(lifenum, 6U);
+}
+
+TEST(RevisionMark, IsHandedOutUnderEachName) {
+    TestStorage storage;
+    StorageAccess::ClearMark(storage.Object()) = 77;
+    i64 rev = 0;
+    EXPECT_EQ(K9eReplStorageGetClearOldRev(storage.Handle(), &rev), RC_OK);
+    EXPECT_EQ(rev, 77);
+    EXPECT_EQ(storage.DataSource().GetClearRev(&rev), RC_OK);
+    EXPECT_EQ(rev, 77);
+}
+
+}  // namespace k9erepl::test
