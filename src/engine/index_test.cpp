@@ -27,7 +27,7 @@ u32 CheckSamples(CSolidStorage& file, std::span<const TIndexEntry> entries, Timi
     double credit = 0.0;
     for (const TIndexEntry& entry : entries) {
         credit -= 1.0;
-        if (credit > 0.0) {
+        if (credit > 0.0 && &entry != &entries.back()) {
             continue;
         }
         credit += step;

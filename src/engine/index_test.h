@@ -10,7 +10,8 @@
 
 namespace k9erepl {
 
-// At most about this many entries are looked at, spread evenly; the first always is.
+// At most about this many entries are looked at, spread evenly; the first always is, and the last,
+// at which a load begins to read.
 inline constexpr std::size_t kIndexTestSamples = 3000;
 
 // RC_OK when a record with the entry's revision lies at each sampled offset, else the result of

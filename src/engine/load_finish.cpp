@@ -17,7 +17,8 @@ u32 CK9eReplStorage::FinishLoad(i64 nextRevOfFile, CSolidStorage* file) {
         K9eReplBlock& newest = m_blocks.Newest();
         newest.flushedEnd = newest.used;
     }
-    m_nextRev = std::max(NextRevAfter(m_flushedRev), nextRevOfFile);
+    // Whatever the file claims: a record below the oldest revision would never be served.
+    m_nextRev = std::max({i64{1}, NextRevAfter(m_flushedRev), nextRevOfFile, m_oldestRev});
     if (m_settings.MayEvict()) {
         if (u32 rc = m_blocks.Shrink(m_settings.cacheBlocks, m_flushedRev); rc != RC_OK) {
             return rc;
@@ -40,15 +41,17 @@ u32 CK9eReplStorage::FinishLoad(i64 nextRevOfFile, CSolidStorage* file) {
     return RC_OK;
 }
 
+// What counts is the place of the last commit block, not the revision that it names: a file may
+// name one that the next record has too.
 u32 CK9eReplStorage::CutUncommitted() {
-    if (m_blocks.Blocks().empty() || m_blocks.Newest().lastRev <= m_flushedRev) {
+    if (m_blocks.Blocks().empty() || m_loadedRev == m_closedRev) {
         return RC_OK;
     }
     LOG_INFO(kLogStorage, "Trailing uncommitted data to rev %I64d", m_flushedRev);
-    const i64 lastBlockRev = m_blocks.Blocks().rbegin()->first;
-    if (u32 rc = m_blocks.CutAfter(m_flushedRev); rc != RC_OK) {
-        LOG_ERROR_CODE(rc, kLogStorage, "Failed to enum recs from %I64d to %I64d", lastBlockRev,
-                       m_flushedRev);
+    if (u32 rc = m_blocks.CutAfter(m_closedRev); rc != RC_OK) {
+        // The block that could not be cut is the last one now.
+        LOG_ERROR_CODE(rc, kLogStorage, "Failed to enum recs from %I64d to %I64d",
+                       m_blocks.Blocks().rbegin()->first, m_flushedRev);
         return rc;
     }
     return RC_OK;
@@ -57,6 +60,7 @@ u32 CK9eReplStorage::CutUncommitted() {
 // The first block may hold records below the clear revision: it shall begin with the first record
 // that is still served.
 u32 CK9eReplStorage::CutClearedAfterLoad(CSolidStorage& file) {
+    m_blocks.DropBelow(m_oldestRev);
     BlockIndex& index = m_blocks.Index();
     if (index.empty() || index.begin()->first >= m_oldestRev) {
         return RC_OK;

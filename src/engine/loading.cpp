@@ -142,7 +142,7 @@ u32 CK9eReplStorage::RunLoadPass(CSolidStorage& file, const LoadPlan& plan) {
     // the load starts over without it.
     if (plan.UsesIndex() &&
         (rc == RC_FILE_CORRUPT || (rc == RC_OK && !LoadedAllThatIsKept(plan)))) {
-        LOG_WARNING(kLogStorage, "Index leads past kept records; loading without it");
+        LOG_WARNING(kLogStorage, "Index does not lead to all kept records; loading without it");
         m_blocks.EraseAll();
         m_oldestRev = 0;
         rc = RunLoadPassFrom(file, 0);
@@ -152,6 +152,8 @@ u32 CK9eReplStorage::RunLoadPass(CSolidStorage& file, const LoadPlan& plan) {
 
 u32 CK9eReplStorage::RunLoadPassFrom(CSolidStorage& file, i64 startOffset) {
     m_inserter.dataCounter = nullptr;
+    m_loadedRev = 0;
+    m_closedRev = 0;
     return file.ScanFileFrom(
         [](std::uint64_t offset, const K9eReplRec* rec, void* ctx) -> std::uint32_t {
             return static_cast<CK9eReplStorage*>(ctx)->OnLoadRecord(static_cast<i64>(offset), *rec);
@@ -173,11 +175,13 @@ u32 CK9eReplStorage::OnLoadRecord(i64 offset, const K9eReplRec& rec) {
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to insert rec while load;rev %I64d", i64{rec.rev});
         return rc;
     }
+    m_loadedRev = rec.rev;
     LOG_INFO(kLogStorage, "Loaded rec;rev %I64d; size %P", i64{rec.rev}, std::size_t{rec.dataSize});
     return RC_OK;
 }
 
 u32 CK9eReplStorage::OnLoadCommit(i64 clearRev, i64 commitRev) {
+    m_closedRev = m_loadedRev;
     if (clearRev > commitRev) {
         m_blocks.EraseAll();
         m_oldestRev = clearRev;
