@@ -33,7 +33,7 @@ std::FILE* OpenFile() {
         WriteComplaint("cannot open the log file, logging to standard error", path);
         return stderr;
     }
-    // Unbuffered, so that a line is complete when the process dies, and written in one piece.
+    // Unbuffered, so that a line is in the file when the process dies behind it.
     (void)std::setvbuf(file, nullptr, _IONBF, 0);
     return file;
 }

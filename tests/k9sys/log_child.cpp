@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
@@ -79,9 +80,23 @@ constexpr Mode kModes[] = {{"levels", LogEveryLevel},
                            {"threads", LogOnEightThreads},
                            {"end", LogWhileTheProcessEnds}};
 
+// What a developer or a test runner has set does not count here: empty is like not set.
+void ForgetInheritedSettings() {
+    static char level[] = "K9SYS_LOG=";
+    static char file[] = "K9SYS_LOG_FILE=";
+    for (char* setting : {level, file}) {
+        const std::string_view text(setting);
+        const std::string name(text.substr(0, text.find('=')));
+        if (std::getenv(name.c_str()) != nullptr) {  // NOLINT(concurrency-mt-unsafe)
+            (void)putenv(setting);                   // NOLINT(concurrency-mt-unsafe)
+        }
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    ForgetInheritedSettings();
     for (int i = 2; i < argc; ++i) {
         (void)putenv(argv[i]);  // NOLINT(concurrency-mt-unsafe): the only thread
     }
