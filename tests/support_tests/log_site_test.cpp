@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/log.h"
@@ -46,7 +47,8 @@ TEST_F(LogSiteTest, ADisabledSiteReachesTheSystemLibraryOnlyOnce) {
     for (int i = 0; i < 100; ++i) {
         LOG_INFO(kModule, "value %d", Evaluate(i));
     }
-    EXPECT_EQ(g_evaluated, 1);
+    static int s_registrations = 1;  // none when the test is repeated
+    EXPECT_EQ(g_evaluated, std::exchange(s_registrations, 0));
     EXPECT_EQ(m_log.Messages(), std::vector<LoggedMessage>());
 }
 
@@ -56,7 +58,8 @@ TEST_F(LogSiteTest, ASiteThatIsEnabledLaterStartsPrinting) {
         LOG_INFO(kModule, "value %d", Evaluate(i));
     }
     EXPECT_EQ(m_log.Texts(), (std::vector<std::string>{"value 3", "value 4", "value 5"}));
-    EXPECT_EQ(g_evaluated, 1 + 3);
+    static int s_registrations = 1;  // none when the test is repeated
+    EXPECT_EQ(g_evaluated, std::exchange(s_registrations, 0) + 3);
 }
 
 TEST_F(LogSiteTest, ASiteThatIsDisabledLaterStopsPrinting) {
@@ -77,7 +80,8 @@ TEST_F(LogSiteTest, TheFirstExecutionOfAnEnabledSitePrintsOnce) {
 TEST_F(LogSiteTest, TwoSitesWithOneTextAreTwoSites) {
     LOG_INFO(kModule, "value %d", Evaluate(1));
     LOG_INFO(kModule, "value %d", Evaluate(1));
-    EXPECT_EQ(g_evaluated, 2);
+    static int s_registrations = 2;  // none when the test is repeated
+    EXPECT_EQ(g_evaluated, std::exchange(s_registrations, 0));
 }
 
 TEST_F(LogSiteTest, LevelsAreSwitchedSeparately) {
