@@ -77,9 +77,19 @@ input="${1:-}"
 [ -z "$input" ] || [ -f "$input" ] || fail "'$input' is no file"
 
 "$root/scripts/setup.sh" demo
-configure release -DK9EREPL_BUILD_TESTS=OFF -DK9EREPL_BUILD_BENCH=OFF -DK9EREPL_BUILD_TOOL=ON \
-    >/dev/null
-timed build_time build release k9repl
+mkdir -p "$root/build"
+build_log="$root/build/demo-build.log"
+
+build_tool() {
+    { configure release -DK9EREPL_BUILD_TESTS=OFF -DK9EREPL_BUILD_BENCH=OFF \
+        -DK9EREPL_BUILD_TOOL=ON && build release k9repl; } >"$build_log" 2>&1 || {
+        tail -n 30 "$build_log" >&2
+        fail "the build failed; all of its output is in $build_log"
+    }
+}
+
+echo "building build/release (a minute or two the first time)"
+timed build_time build_tool
 
 work="$(mktemp -d "${TMPDIR:-/tmp}/k9repl-demo.XXXXXX")"
 cleanup() {

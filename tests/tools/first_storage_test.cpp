@@ -20,13 +20,19 @@ class FirstStorage : public ToolTest {
 TEST_F(FirstStorage, PrintsWhatItAppends) {
     const ToolRun run = RunExample(StorageFile());
     EXPECT_EQ(run.exitStatus, 0) << run;
-    EXPECT_EQ(run.out, "1: hello\n2: replicated world\nnext revision 3\n");
+    EXPECT_EQ(run.out, "1: hello\n2: replicated world\n");
 }
 
 TEST_F(FirstStorage, FindsItsRecordsAgain) {
     EXPECT_EQ(RunExample(StorageFile()).exitStatus, 0);
     EXPECT_EQ(RunExample(StorageFile()).out,
-              "1: hello\n2: replicated world\n3: hello\n4: replicated world\nnext revision 5\n");
+              "1: hello\n2: replicated world\n3: hello\n4: replicated world\n");
+}
+
+TEST_F(FirstStorage, IsTheProgramOfTheReadme) {
+    const std::string program = ReadText(SOURCE_FOLDER "/examples/first_storage.c");
+    EXPECT_NE(ReadText(SOURCE_FOLDER "/README.md").find("```c\n" + program + "```\n"),
+              std::string::npos);
 }
 
 TEST_F(FirstStorage, TellsAFailure) {
