@@ -154,9 +154,9 @@ Items SolidTest::Enumerated(i64 fromRev, i64 toRev) {
     return m_items;
 }
 
-i64 SolidTest::WriteRecord(i64 rev, std::string_view data, bool commit) {
+i64 SolidTest::WriteRecord(i64 rev, std::string_view data, bool commit, u32 userWord) {
     FileBuilder piece;
-    piece.Record(rev, data);
+    piece.Record(rev, data, userWord);
     if (commit) {
         piece.RawCommit(NewCommitBlock(platform::TimeStampCounter(), rev));
     }

@@ -73,7 +73,7 @@ class SolidTest : public ::testing::Test {
 
     // A write of one record and, if `commit`, of a commit block behind it, in one piece; returns
     // the offset where it went, or -1 when it failed with m_writeResult.
-    i64 WriteRecord(i64 rev, std::string_view data, bool commit = true);
+    i64 WriteRecord(i64 rev, std::string_view data, bool commit = true, u32 userWord = 0);
     // BeginTransaction, WriteRecord and Commit, which must succeed.
     i64 WriteTransaction(i64 rev, std::string_view data);
     i64 FlushedRev();
