@@ -204,9 +204,11 @@ u32 FileScan::Finish() {
     LOG_INFO(
         kLogStorage, "Min rev: %I64d, max rev: %I64d, valid commit offset %I64d, prevRecRev %I64d",
         m_result.clearRev, m_result.lastCommitted, m_result.validCommitOffset, m_result.prevRecRev);
-    // Looks as far as the buffer reaches: a tail that was torn begins where the data ends.
-    m_result.tailInUse =
-        m_offset != m_result.validCommitOffset + kCommitBlockSize || AnyNonZero(Here(), Left());
+    // A power cut may leave zeros where data was lost and live-looking items behind them, so what
+    // the buffer does not reach counts as in use.
+    const i64 looked = m_offset + Left();
+    m_result.tailInUse = m_offset != m_result.validCommitOffset + kCommitBlockSize ||
+                         AnyNonZero(Here(), Left()) || looked < m_extent.fileSize;
     return RC_OK;
 }
 

@@ -40,7 +40,7 @@ class FileScan {
         i64 lastCommitted = 0;      // its commitRev; if it is the first, the larger of both
         i64 prevRecRev = 0;         // of the last accepted record
         u32 lastSequence = 0;
-        bool tailInUse = false;  // bytes that are not zero lie behind that block
+        bool tailInUse = false;  // behind that block not every byte is known to be zero
     };
 
     // What is read: up to fileSize; what is taken as items: what begins before dataEnd.
