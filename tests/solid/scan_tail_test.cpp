@@ -119,6 +119,14 @@ TEST_F(ScanTail, IsNoticedBehindAZeroWord) {
     EXPECT_EQ(Zeroings(), 1U);
 }
 
+TEST_F(ScanTail, FurtherThanTheScanLookedIsClearedToo) {
+    Open(TwoTransactions().Zeros(FileScan::kBufferSize).RawWord(kCommitSignature));
+    Scanned();
+    EXPECT_EQ(WriteTransaction(4, "x"), kTwoTransactionsEnd);
+    EXPECT_EQ(Zeroings(), 1U);
+    EXPECT_TRUE(AllZero(Tail(kTwoTransactionsEnd + 25 + 32)));
+}
+
 TEST_F(ScanTail, OfLessThanAWordIsNoticed) {
     Open(TwoTransactions().Fill(1, 0x2A));
     Scanned();
