@@ -42,8 +42,9 @@ IndexObject::IndexObject(const char* connStr, IK9eReplDS& idle, u32 blockSize, u
     if (m_path.empty()) {
         throw K9eStorageException(RC_INVALID_ARG);
     }
-    m_worker = new IndexWorker(m_path, m_idle, m_blockSize, m_waitMs);
+    auto worker = std::make_unique<IndexWorker>(m_path, m_idle, m_blockSize, m_waitMs);
     LOG_INFO(kLogIndex, "Using index file '%s'", m_path.c_str());
+    m_worker = worker.release();
 }
 
 IndexObject::~IndexObject() {

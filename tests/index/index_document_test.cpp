@@ -3,8 +3,7 @@
 #include <k9erepl/storage.h>
 
 #include <fstream>
-#include <regex>
-#include <sstream>
+#include <string>
 
 #include "index/index_file.h"
 #include "index/index_fixture.h"
@@ -12,21 +11,31 @@
 namespace k9erepl::test {
 namespace {
 
-// The bytes of the document's dump: lines of an offset in eight digits and up to 16 bytes.
+constexpr std::size_t kBytesInLine = 16;
+
+bool IsHex(const std::string& text) {
+    return text.find_first_not_of("0123456789abcdef") == std::string::npos;
+}
+
+// Where byte `i` of a line of the dump stands.
+std::size_t ColumnOf(std::size_t i) {
+    return 10 + 3 * i + (i < 8 ? 0 : 1);
+}
+
+// The bytes of the document's dump. Its lines begin with their offset in eight digits.
 std::vector<u8> DocumentedBytes() {
     std::ifstream document(K9EREPL_INDEX_DOCUMENT);
     EXPECT_TRUE(document.is_open()) << K9EREPL_INDEX_DOCUMENT;
-    const std::regex dumpLine("^([0-9a-f]{8})((?:  ?[0-9a-f]{2}){1,16})(?:  .*)?$");
     std::vector<u8> bytes;
     for (std::string line; std::getline(document, line);) {
-        std::smatch parts;
-        if (!std::regex_match(line, parts, dumpLine)) {
+        if (line.size() < ColumnOf(kBytesInLine) || !IsHex(line.substr(0, 8))) {
             continue;
         }
-        EXPECT_EQ(std::stoul(parts[1], nullptr, 16), bytes.size()) << line;
-        std::istringstream pairs(parts[2]);
-        for (unsigned value = 0; pairs >> std::hex >> value;) {
-            bytes.push_back(static_cast<u8>(value));
+        EXPECT_EQ(std::stoul(line.substr(0, 8), nullptr, 16), bytes.size()) << line;
+        for (std::size_t i = 0; i < kBytesInLine; ++i) {
+            const std::string digits = line.substr(ColumnOf(i), 2);
+            EXPECT_TRUE(IsHex(digits)) << line;
+            bytes.push_back(static_cast<u8>(std::stoul(digits, nullptr, 16)));
         }
     }
     return bytes;

@@ -84,7 +84,7 @@ TEST_F(IndexFileRead, WarnsOfAMissingFile) {
 
 TEST_F(IndexFileRead, FailsWithoutMemoryForItsBuffer) {
     WriteBytes(Path(), IndexFileBytes(kThree));
-    FailAlloc(1, 1024 * 1024);
+    FailAlloc(1, 1'048'576);
     EXPECT_EQ(Read(), RC_NO_MEMORY);
     EXPECT_EQ(m_log.CodeOf("Couldn't allocate buffer"), RC_NO_MEMORY) << m_log;
     EXPECT_EQ(CallCount(SystemCall::kClose), 1U);

@@ -1,10 +1,15 @@
 // The shared vocabulary of the index tests.
 #include "index/index_fixture.h"
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
 #include "index/index_file.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
 
 namespace k9erepl::test {
 
@@ -74,6 +79,17 @@ Entries EntriesOf(const std::vector<u8>& bytes) {
     return entries;
 }
 
+void WriteImage(const IndexImage& image, std::vector<u8>* file) {
+    if (image.IsWhole()) {
+        file->assign(image.Whole(), image.Whole() + image.WholeSize());
+        return;
+    }
+    const std::size_t end = std::size_t{image.TailOffset()} + image.TailSize();
+    file->resize(std::max(file->size(), end));
+    std::copy_n(image.Tail(), image.TailSize(), file->begin() + image.TailOffset());
+    std::copy_n(image.Header(), sizeof(TIndexHeader), file->begin());
+}
+
 bool WaitFor(const std::function<bool()>& condition) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
     while (!condition()) {
@@ -88,6 +104,18 @@ bool WaitFor(const std::function<bool()>& condition) {
 std::string SysErr(SystemErrorKind kind) {
     return std::to_string(platform::SystemErrorOf(kind));
 }
+
+#if defined(__SANITIZE_ADDRESS__)
+LeaksAllowed::LeaksAllowed() {
+    __lsan_disable();
+}
+LeaksAllowed::~LeaksAllowed() {
+    __lsan_enable();
+}
+#else
+LeaksAllowed::LeaksAllowed() = default;
+LeaksAllowed::~LeaksAllowed() = default;
+#endif
 
 Blocks& Blocks::Add(i64 rev, i64 offset) {
     m_index.try_emplace(rev, offset, nullptr);

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "index/block_index.h"
+#include "index/index_image.h"
 #include "index/index_object.h"
 #include "memory/repl_block.h"
 #include "platform/int_types.h"
@@ -38,11 +39,24 @@ u32 IndexChecksum(const Entries& entries);
 // The entries of valid index file bytes; fails the test for others.
 Entries EntriesOf(const std::vector<u8>& bytes);
 
+// Does with the image's bytes what the file writer does with them, to a file that is `*file`.
+void WriteImage(const IndexImage& image, std::vector<u8>* file);
+
 // Waits for a condition that another thread brings about; false after a minute.
 bool WaitFor(const std::function<bool()>& condition);
 
 // The code of a system error as messages show it.
 std::string SysErr(SystemErrorKind kind);
+
+// While it lives, the leak sanitizer takes no offence at what this thread allocates: what a thread
+// uses that was given up is never freed.
+class LeaksAllowed {
+  public:
+    LeaksAllowed();
+    ~LeaksAllowed();
+    LeaksAllowed(const LeaksAllowed&) = delete;
+    LeaksAllowed& operator=(const LeaksAllowed&) = delete;
+};
 
 // A block index and the memory blocks that its entries point at.
 class Blocks {

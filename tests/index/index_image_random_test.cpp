@@ -2,7 +2,6 @@
 // from nothing would have made of it.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <random>
 
 #include "index/index_fixture.h"
@@ -99,27 +98,15 @@ class Simulation {
     }
 
     void Save() {
-        const std::vector<u8> before = m_file;
         const IndexUpdate update = m_image.Update(m_blocks.Index());
         if (update == IndexUpdate::kUnchanged) {
             EXPECT_EQ(m_file, IndexFileBytes(Expected(m_blocks.Index())));
             return;
         }
         ASSERT_EQ(update, IndexUpdate::kChanged);
-        Write();
+        WriteImage(m_image, &m_file);
         m_image.MarkSaved();
         EXPECT_EQ(EntriesOf(m_file), Expected(m_blocks.Index()));
-    }
-
-    void Write() {
-        if (m_image.IsWhole()) {
-            m_file.assign(m_image.Whole(), m_image.Whole() + m_image.WholeSize());
-            return;
-        }
-        const std::size_t end = std::size_t{m_image.TailOffset()} + m_image.TailSize();
-        m_file.resize(std::max(m_file.size(), end));
-        std::copy_n(m_image.Tail(), m_image.TailSize(), m_file.begin() + m_image.TailOffset());
-        std::copy_n(m_image.Header(), sizeof(TIndexHeader), m_file.begin());
     }
 
     std::mt19937 m_random;

@@ -15,16 +15,8 @@ class IndexImageTest : public ::testing::Test {
   protected:
     IndexUpdate Update() { return m_image.Update(m_blocks.Index()); }
 
-    // Writes a save into m_file as the file writer does.
     void Write(IndexImage& image) {
-        if (image.IsWhole()) {
-            m_file.assign(image.Whole(), image.Whole() + image.WholeSize());
-        } else {
-            m_file.resize(
-                std::max<std::size_t>(m_file.size(), image.TailOffset() + image.TailSize()));
-            std::copy_n(image.Tail(), image.TailSize(), m_file.begin() + image.TailOffset());
-            std::copy_n(image.Header(), sizeof(TIndexHeader), m_file.begin());
-        }
+        WriteImage(image, &m_file);
         image.MarkSaved();
     }
     void Save() {

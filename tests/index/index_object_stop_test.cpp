@@ -6,10 +6,7 @@
 #include <thread>
 
 #include "index/index_fixture.h"
-
-#if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/lsan_interface.h>
-#endif
+#include "support/new_fault.h"
 
 namespace k9erepl::test {
 namespace {
@@ -20,6 +17,7 @@ constexpr const char* kTerminating = "K9ThreadWait() failed; terminating thread"
 
 std::atomic<u32> g_exitCode{0};
 std::atomic<u32> g_joinMs{0};
+std::atomic<u32> g_tickCalls{0};
 std::atomic<bool> g_gateOpen{true};
 std::atomic<bool> g_atGate{false};
 
@@ -35,6 +33,7 @@ class IndexObjectStop : public IndexObjectTest {
     IndexObjectStop() {
         g_exitCode = 0;
         g_joinMs = 0;
+        g_tickCalls = 0;
         g_gateOpen = true;
         g_atGate = false;
         platform::TheSystemCalls().terminateThread = [](void* thread, u32 exitCode) {
@@ -150,8 +149,7 @@ TEST_F(IndexObjectStop, JoinsForWhatIsLeftOf20Seconds) {
     CloseGateForWrites();
     SaveUpToTheGate();
     platform::TheSystemCalls().tickCount = [] {
-        static std::atomic<u32> s_calls{0};
-        const u32 call = s_calls++;
+        const u32 call = g_tickCalls++;
         if (call == 1) {
             g_gateOpen = true;  // the save takes 5 seconds
         }
@@ -203,14 +201,11 @@ TEST_F(IndexObjectStop, AllowsANewStartAfterATermination) {
 class IndexObjectGiveUp : public IndexObjectStop {
   protected:
     IndexObjectGiveUp() {
-#if defined(__SANITIZE_ADDRESS__)
-        __lsan_disable();  // what a thread uses that was given up is never freed
-#endif
-        Make();
-        EXPECT_EQ(m_index->Start(), RC_OK);
-#if defined(__SANITIZE_ADDRESS__)
-        __lsan_enable();
-#endif
+        {
+            const LeaksAllowed leaksAllowed;
+            Make();
+            EXPECT_EQ(m_index->Start(), RC_OK);
+        }
         CloseGateForWrites();
         SaveUpToTheGate();
         platform::TheSystemCalls().tickCount = [] {
@@ -278,6 +273,10 @@ TEST_F(IndexObjectGiveUp, NeedsMemoryForTheNextStart) {
     FailAlloc(1);
     EXPECT_EQ(m_index->Start(), RC_NO_MEMORY);
     EXPECT_EQ(m_log.CodeOf("Couldn't allocate buffer"), RC_NO_MEMORY) << m_log;
+    {
+        const FailNthNew fault(1);
+        EXPECT_EQ(m_index->Start(), RC_NO_MEMORY);
+    }
     EXPECT_EQ(m_index->Start(), RC_OK);
 }
 
