@@ -5,6 +5,7 @@
 
 #include "platform/system_error.h"
 #include "support/fault_injection.h"
+#include "support/new_fault.h"
 #include "thread_fixture.h"
 
 namespace k9erepl::test {
@@ -106,6 +107,17 @@ TEST(EventFaults, AnEventThatCannotBeCreatedIsNot) {
     EXPECT_FALSE(event.IsCreated());
     EXPECT_TRUE(platform::LastSystemErrorIs(SystemErrorKind::kOutOfMemory));
 }
+
+#ifndef _WIN32  // whose events take no memory of the process
+
+TEST(EventFaults, AnEventNeedsMemory) {
+    const FailNthNew fault(1);
+    AutoResetEvent event;
+    EXPECT_FALSE(event.Create());
+    EXPECT_TRUE(platform::LastSystemErrorIs(SystemErrorKind::kOutOfMemory));
+}
+
+#endif
 
 TEST(EventFaults, FailedCallsAreReported) {
     const ScopedSystemCalls systemCalls;

@@ -174,7 +174,8 @@ TEST_F(FileTest, MovingHandsTheFileOver) {
     File first;
     ASSERT_TRUE(Create(first, "a"));
     File second(std::move(first));
-    EXPECT_FALSE(first.IsOpen());  // NOLINT(bugprone-use-after-move)
+    // NOLINTNEXTLINE(bugprone-use-after-move,clang-analyzer-cplusplus.Move)
+    EXPECT_FALSE(first.IsOpen());
     EXPECT_TRUE(Write(second, "x"));
     File third;
     ASSERT_TRUE(Create(third, "b"));

@@ -68,7 +68,7 @@ TEST_F(MoveAcrossVolumes, MovesAnEmptyFile) {
 }
 
 TEST_F(MoveAcrossVolumes, MovesExactlyOnePieceOfTheCopy) {
-    const std::string text(1024 * 1024, 'p');
+    const std::string text(std::size_t{1024} * 1024, 'p');
     WriteText(PathOf("from"), text);
     EXPECT_TRUE(Move());
     ExpectMoved(text);

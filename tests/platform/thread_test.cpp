@@ -6,6 +6,7 @@
 #include "platform/event.h"
 #include "platform/system_error.h"
 #include "support/fault_injection.h"
+#include "support/new_fault.h"
 #include "thread_fixture.h"
 
 namespace k9erepl::test {
@@ -116,6 +117,13 @@ TEST(ThreadFaults, AThreadThatCannotBeCreatedIsNot) {
     Thread thread;
     EXPECT_FALSE(thread.Create([](void*) { return u32{0}; }, nullptr));
     EXPECT_FALSE(thread.IsCreated());
+    EXPECT_TRUE(platform::LastSystemErrorIs(SystemErrorKind::kOutOfMemory));
+}
+
+TEST(ThreadFaults, AThreadNeedsMemory) {
+    const FailNthNew fault(1);
+    Thread thread;
+    EXPECT_FALSE(thread.Create([](void*) { return u32{0}; }, nullptr));
     EXPECT_TRUE(platform::LastSystemErrorIs(SystemErrorKind::kOutOfMemory));
 }
 

@@ -11,8 +11,8 @@ namespace {
 std::filesystem::path MakeUniqueFolder() {
     std::random_device random;
     for (;;) {
-        const auto path = std::filesystem::temp_directory_path() /
-                          ("k9erepl_test_" + std::to_string(random()) + std::to_string(random()));
+        auto path = std::filesystem::temp_directory_path() /
+                    ("k9erepl_test_" + std::to_string(random()) + std::to_string(random()));
         if (std::filesystem::create_directory(path)) {
             return path;
         }
