@@ -36,8 +36,10 @@ void LogCodes() {
 }
 
 void LogOnEightThreads() {
+    constexpr int kThreads = 8;
     std::vector<std::thread> threads;
-    for (int number = 0; number < 8; ++number) {
+    threads.reserve(kThreads);
+    for (int number = 0; number < kThreads; ++number) {
         threads.emplace_back([number] {
             for (int round = 0; round < 100; ++round) {
                 K9LogErrorEx("a", "thread %d round %d;%s", number, round, "some more text");

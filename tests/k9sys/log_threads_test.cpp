@@ -19,6 +19,7 @@ class LogThreads : public SinkFixture {
     template <typename Body>
     static void RunThreads(Body body) {
         std::vector<std::thread> threads;
+        threads.reserve(kThreads);
         for (int number = 0; number < kThreads; ++number) {
             threads.emplace_back(body, number);
         }

@@ -140,10 +140,12 @@ TEST_F(LogSiteTest, FieldsOfPackedRecordsMayBeLogged) {
 TEST_F(LogSiteTest, ASiteIsAStatementInAnyBranch) {
     SetLevel(K9SYS_LOG_INFO);
     const bool yes = m_log.Messages().empty();
-    if (yes)  // NOLINT(readability-braces-around-statements): the point of the test
+    // NOLINTBEGIN(readability-braces-around-statements): the point of the test
+    if (yes)
         LOG_INFO(kModule, "yes");
     else
         LOG_INFO(kModule, "no");
+    // NOLINTEND(readability-braces-around-statements)
     EXPECT_EQ(m_log.Texts(), (std::vector<std::string>{"yes"}));
 }
 

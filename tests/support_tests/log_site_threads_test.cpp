@@ -20,6 +20,7 @@ constexpr int kRounds = 200;
 template <typename Body>
 void RunThreads(Body body) {
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     for (int number = 0; number < kThreads; ++number) {
         threads.emplace_back(body, number);
     }
