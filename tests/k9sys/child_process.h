@@ -38,8 +38,13 @@ class ChildProcess : public ::testing::Test {
         for (const std::string& item : environment) {
             command += " \"" + item + "\"";
         }
-        command += " 2> \"" + m_standardError + "\"";
-        return std::system(command.c_str()) == 0;  // NOLINT(concurrency-mt-unsafe)
+        return RunCommand(command);
+    }
+
+    // Runs a command of the shell, with what it says on standard error kept.
+    bool RunCommand(const std::string& command) {
+        const std::string whole = command + " 2> \"" + m_standardError + "\"";
+        return std::system(whole.c_str()) == 0;  // NOLINT(concurrency-mt-unsafe)
     }
 
     // The lines of a file, without the time at their beginning.

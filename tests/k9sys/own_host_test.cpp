@@ -29,4 +29,14 @@ TEST_F(OwnHost, IsAskedAtEveryCallSite) {
                "host error k9eRepl-storage: state %d", "host error k9eRepl-storage: state %d"}));
 }
 
+// LD_BIND_NOW: an import that the host's library lacks would end the program.
+TEST_F(OwnHost, IsAllThatTheStorageLibraryNeeds) {
+    ASSERT_TRUE(RunCommand(m_loader + "\"" + K9SYS_OWN_HOST_CLIENT + "\""));
+    const Lines lines = LinesOf(m_standardError);
+    EXPECT_FALSE(lines.empty());
+    for (const std::string& line : lines) {
+        EXPECT_EQ(line.substr(0, 5), "host ") << line;
+    }
+}
+
 }  // namespace k9erepl::test
