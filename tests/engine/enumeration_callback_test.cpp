@@ -7,6 +7,7 @@
 #include <random>
 
 #include "engine/load_fixture.h"
+#include "support/fault_injection.h"
 #include "support/log_capture.h"
 
 namespace k9erepl::test {
@@ -254,6 +255,25 @@ TEST(EnumerationCallbackInMemory, ThatTruncatesEndsTheWalk) {
     });
     EXPECT_EQ(seen, RevRange(1, 8));
     EXPECT_EQ(storage.Texts(), Numbered(3, "new"));
+}
+
+TEST(EnumerationCallbackInMemory, WhoseFlushFailsIsCalledForTheRestAllTheSame) {
+    ScopedSystemCalls systemCalls;
+    const LogCapture quiet;
+    TestStorage storage(std::string(kEachCommit) + "cache_type=AllInMem");
+    storage.InsertMany(12);
+    const Revs seen = Walk(storage, [&](i64 rev) {
+        if (rev == 3) {
+            FailWrite(1);
+            ASSERT_EQ(storage.Begin(), RC_OK);
+            ASSERT_EQ(storage.Insert("more"), RC_OK);
+            ASSERT_EQ(storage.Commit(), RC_SYSTEM_ERROR);
+        }
+    });
+    EXPECT_EQ(seen, RevRange(1, 13));
+    EXPECT_EQ(storage.State(), StorageState::kFlushFailed);
+    EXPECT_EQ(storage.Commit(), RC_OK);
+    EXPECT_EQ(RevsOf(storage.Records()), RevRange(1, 13));
 }
 
 // The record of a callback stays what it was while blocks are added.

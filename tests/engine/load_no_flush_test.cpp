@@ -64,6 +64,7 @@ class NoFlushLoad : public ::testing::Test {
 
 TEST_F(NoFlushLoad, OfMemoryStartsEmpty) {
     Open("file=:memory:;");
+    EXPECT_EQ(StorageAccess::State(Object()), StorageState::kClosed);
     ASSERT_EQ(Load(), RC_OK);
     EXPECT_EQ(StorageAccess::State(Object()), StorageState::kOpen);
     EXPECT_TRUE(Records().empty());
@@ -86,6 +87,17 @@ TEST_F(NoFlushLoad, AfterATruncationIsRefused) {
     Open("file=:memory:;");
     ASSERT_EQ(K9eReplStorageTruncate(m_handle), RC_OK);
     EXPECT_EQ(Load(), RC_ALREADY);
+}
+
+TEST_F(NoFlushLoad, OfMemoryFailsWhenItCannotBeTruncated) {
+    Open("file=:memory:;");
+    StorageAccess::TransDepth(Object()) = 1;
+    EXPECT_EQ(Load(), RC_IN_TRANSACTION);
+    EXPECT_EQ(m_log.CodeOf("Failed to truncate storage;conn-str " + m_connStr), RC_IN_TRANSACTION)
+        << m_log;
+    ExpectClosedAndEmpty();
+    StorageAccess::TransDepth(Object()) = 0;
+    ASSERT_EQ(Load(), RC_OK);
 }
 
 TEST_F(NoFlushLoad, WithoutAFileParameterFails) {
