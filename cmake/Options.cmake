@@ -27,7 +27,7 @@ else()
 endif()
 if(K9EREPL_SANITIZE)
     target_compile_options(k9erepl_options INTERFACE
-        -fsanitize=${K9EREPL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -O1)
+        -fsanitize=${K9EREPL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
     target_link_options(k9erepl_options INTERFACE -fsanitize=${K9EREPL_SANITIZE})
 endif()
 if(K9EREPL_COVERAGE)
@@ -35,3 +35,11 @@ if(K9EREPL_COVERAGE)
     target_link_options(k9erepl_options INTERFACE --coverage)
 endif()
 target_link_libraries(k9erepl_options INTERFACE Threads::Threads)
+
+# For directories whose code is run rarely and compiled often: tests always, the tool under a
+# sanitizer. Optimising them takes several times as long as compiling them.
+macro(k9erepl_compile_quickly)
+    if(NOT MSVC)
+        add_compile_options(-O0 -g1)
+    endif()
+endmacro()
