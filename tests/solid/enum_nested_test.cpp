@@ -105,6 +105,40 @@ TEST_F(EnumNested, AVisitorMayWrite) {
     EXPECT_EQ(Enumerated(kRecords + 1, 1000).size(), 60U);
 }
 
+TEST_F(EnumNested, ReadsAnewWhatMayHaveChangedDuringAVisit) {
+    constexpr i64 kDataOfRecord2 = kFirstItemOffset + 200'024 + kRecordHeadSize;
+    Items texts = TextsAfter([this](const K9eReplRec& rec) {
+        if (rec.rev == 1) {
+            PatchBytes(Path(), kDataOfRecord2, std::vector<u8>(9, 0xEE));
+            EXPECT_EQ(m_solid.Commit(), RC_OK);
+        }
+    });
+    ASSERT_EQ(texts.size(), m_expected.size());
+    EXPECT_EQ(texts[1], "record 2 at 201080: 200000 other bytes");
+    m_expected[1] = texts[1];
+    EXPECT_EQ(texts, m_expected);
+}
+
+TEST_F(EnumNested, NestedReadsSeeWhatHasChangedSince) {
+    const auto nested = [this] {
+        Items found;
+        EnumerateWith(
+            [&](i64, const K9eReplRec*) {
+                found = Enumerated(1, 1);
+                return RC_OK;
+            },
+            60, 60);
+        return found;
+    };
+    EXPECT_EQ(nested(), Items{m_expected[0]});
+    PatchBytes(Path(), kFirstItemOffset + kRecordHeadSize, std::vector<u8>(9, 0xEE));
+    EXPECT_EQ(m_solid.Commit(), RC_OK);
+    EXPECT_EQ(nested(), Items{"record 1 at 1056: 200000 other bytes"});
+    Reopen();
+    EXPECT_EQ(Scan(), RC_OK);
+    EXPECT_EQ(nested(), Items{"record 1 at 1056: 200000 other bytes"});
+}
+
 TEST_F(EnumNested, AVisitorMayRollBackItsOwnWrites) {
     EXPECT_EQ(TextsAfter([&](const K9eReplRec&) {
                   EXPECT_EQ(m_solid.BeginTransaction(), RC_OK);

@@ -84,7 +84,7 @@ TEST_F(EnumFile, SeesNothingOfWhatWasRolledBack) {
     EXPECT_EQ(Enumerated(4, 4), Items{"record 4 at 1203: four"});
     ASSERT_EQ(m_solid.RollbackWrites(), RC_OK);
     EXPECT_EQ(Enumerated(4, 4), Items{});
-    WriteTransaction(4, "FOUR");
+    WriteRecord(4, "FOUR");
     EXPECT_EQ(Enumerated(4, 4), Items{"record 4 at 1203: FOUR"});
 }
 

@@ -156,12 +156,12 @@ TEST_F(HeaderAccess, LeavesTheOutPointersOfAFailureAlone) {
 }
 
 TEST_F(HeaderAccess, FindsItsPlaceAgainAfterAFailedSeekBack) {
+    m_solid.Close();
+    Open(FileBuilder().NewFile().Record(1).Record(2).Commit(0, 2));
+    EXPECT_EQ(m_solid.CheckRecordAt(1, 1056), RC_OK);  // the file pointer is at record 2 now
     FailSeek(2);
     EXPECT_EQ(Get(), RC_SYSTEM_ERROR);
-    EXPECT_EQ(Scanned(), TwoTransactionsItems());
-    FailSeek(2);
-    EXPECT_EQ(Get(), RC_SYSTEM_ERROR);
-    EXPECT_EQ(m_solid.CheckRecordAt(3, 1142), RC_OK);
+    EXPECT_EQ(m_solid.CheckRecordAt(2, 1080), RC_OK);
 }
 
 }  // namespace

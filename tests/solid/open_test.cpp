@@ -141,6 +141,20 @@ TEST_F(OpenSolid, ForgetsTheSettingsOfTheOpeningBefore) {
     EXPECT_EQ(FileSize(Path()), 1056 + 27 + 32);
 }
 
+TEST_F(OpenSolid, ForgetsWhatTheScanBeforeHasFound) {
+    m_solid.Close();
+    Open(FileBuilder().Header().Commit(5, 6));
+    EXPECT_EQ(Scanned(), Items{"commit 5 6"});
+    EXPECT_EQ(FlushedRev(), 6);
+    m_solid.Close();
+    Open(FileBuilder().NewFile());
+    EXPECT_EQ(FlushedRev(), 0);
+    EXPECT_EQ(WriteTransaction(1, ""), 1056);
+    const auto block = LoadUnaligned<TCommitBlock>(ReadBytes(Path()).data() + 1080);
+    EXPECT_EQ(i64{block.clearRev}, 0);
+    EXPECT_EQ(u32{block.prevSequence}, 0U);
+}
+
 TEST_F(OpenSolid, RefusesAWrongSignature) {
     PatchBytes(Path(), 7, std::vector<u8>{'l'});
     ExpectRefused(RC_INVALID_ARG, "", "Wrong file signature, file path " + Path());

@@ -51,6 +51,13 @@ TEST_F(ScanFailure, OfTheRead) {
                                     SysErr(SystemErrorKind::kInputOutput) + ",offset 1024"});
 }
 
+TEST_F(ScanFailure, OfAReadThatHadBegun) {
+    SplitRead(1, 40);
+    FailRead(2);
+    EXPECT_EQ(Scan(), RC_SYSTEM_ERROR);
+    ExpectWorksAgain();
+}
+
 TEST_F(ScanFailure, OfTheSeekToTheStart) {
     EXPECT_EQ(ScanFrom(1110), RC_OK);  // the file pointer now stands elsewhere
     m_log.Clear();

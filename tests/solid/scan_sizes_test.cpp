@@ -59,6 +59,9 @@ TEST_F(ScanSizes, AHeadThatRunsPastTheFileStopsIt) {
     ExpectWarning(TwoTransactions().HeadClaiming(4, 24, 0).CutTo(kTwoTransactionsEnd + 23),
                   "Couldn't read 24 bytes at once");
     m_solid.Close();
+    ExpectWarning(TwoTransactions().HeadClaiming(4, 7, 0).CutTo(kTwoTransactionsEnd + 10),
+                  "Couldn't read 24 bytes at once");
+    m_solid.Close();
     ExpectWarning(TwoTransactions().RawWord(kRecordSignature).Zeros(3),
                   "Couldn't read 8 bytes at once");
 }

@@ -127,6 +127,24 @@ TEST_F(ScanTail, FurtherThanTheScanLookedIsClearedToo) {
     EXPECT_TRUE(AllZero(Tail(kTwoTransactionsEnd + 25 + 32)));
 }
 
+TEST_F(ScanTail, ThatTheBufferDoesNotReachCountsAsInUse) {
+    constexpr std::size_t kBuffer = FileScan::kBufferSize;
+    Open(TwoTransactions().Zeros(kBuffer).RawWord(1));
+    Scanned();
+    WriteTransaction(4, "x");
+    EXPECT_EQ(Zeroings(), 1U);
+    EXPECT_TRUE(AllZero(Tail(kTwoTransactionsEnd + 25 + 32)));
+}
+
+TEST_F(ScanTail, OfZerosUpToTheBuffersEndIsNotTouched) {
+    FileBuilder file = TwoTransactions();
+    Open(file.Zeros(
+        static_cast<std::size_t>(kFirstCommitOffset + FileScan::kBufferSize - file.Size())));
+    Scanned();
+    WriteTransaction(4, "x");
+    EXPECT_EQ(Zeroings(), 0U);
+}
+
 TEST_F(ScanTail, OfLessThanAWordIsNoticed) {
     Open(TwoTransactions().Fill(1, 0x2A));
     Scanned();
@@ -155,6 +173,15 @@ TEST_F(ScanTail, AGhostCommitOfARollbackIsNeverBorrowed) {
     EXPECT_EQ(WriteRecord(3, "THREE", false), kFirstEnd);
     m_solid.Close();
     EXPECT_EQ(ItemsOfFile().back(), "record 3 at 1142: THREE");
+}
+
+TEST_F(ScanTail, AScanEmptiesTheReadBuffers) {
+    Open(TwoTransactions());
+    Scanned();
+    EXPECT_EQ(Enumerated(1, 1), Items{"record 1 at 1056: one"});
+    PatchBytes(Path(), 1080, std::vector<u8>{'O', 'N', 'E'});
+    Scanned();
+    EXPECT_EQ(Enumerated(1, 1), Items{"record 1 at 1056: ONE"});
 }
 
 TEST_F(ScanTail, ARescanOfAStorageInUseSeesWhatWasWritten) {
