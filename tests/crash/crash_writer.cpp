@@ -23,7 +23,7 @@ using k9erepl::u8;
 
 void Check(u32 code, const char* what) {
     if (code != RC_OK) {
-        std::fprintf(stderr, "crash_writer: %s answers %u\n", what, code);
+        (void)std::fprintf(stderr, "crash_writer: %s answers %u\n", what, code);
         std::_Exit(1);
     }
 }
@@ -60,7 +60,7 @@ void AppendTransaction(void* storage, u64 seed) {
 
 int main(int argc, char** argv) {
     if (argc != 3) {
-        std::fprintf(stderr, "usage: crash_writer CONNECTION-STRING SEED\n");
+        (void)std::fprintf(stderr, "usage: crash_writer CONNECTION-STRING SEED\n");
         return 2;
     }
     const u64 seed = std::strtoull(argv[2], nullptr, 10);

@@ -24,7 +24,7 @@ constexpr u32 kRounds = 50;
 constexpr u32 kRoundsPerStorage = 10;  // each storage is killed and continued so often
 
 u64 Seed() {
-    const char* given = std::getenv("K9EREPL_TEST_SEED");
+    const char* given = std::getenv("K9EREPL_TEST_SEED");  // NOLINT(concurrency-mt-unsafe)
     return given != nullptr ? std::strtoull(given, nullptr, 10) : 20261121;
 }
 

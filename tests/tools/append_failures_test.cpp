@@ -104,7 +104,8 @@ TEST_F(ToolAppendFailure, ALineWithoutEndIsRefusedBeforeItIsRead) {
 
 TEST_F(ToolAppendFailure, ALineBeyondTheLargestRecordOfAFileIsRefused) {
     const std::string conn = Conn("block_size=20000000");
-    const std::string fits(10485736, 'x');
+    std::string fits;
+    fits.resize(10485736, 'x');
     EXPECT_EQ(Run({"append", "--create", "--conn", conn}, fits).exitStatus, 0);
     ExpectFailure(Run({"append", "--conn", conn}, fits + "x"),
                   "line 1 of standard input is longer than 10485736 bytes, the most that a record "

@@ -62,6 +62,7 @@ TEST_F(ToolFailure, TheAsynchronousWriterIsRefusedByItsSetting) {
 }
 
 TEST_F(ToolFailure, TheLogStaysTheUsersWhenTheUserSteersIt) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread runs
     setenv("K9SYS_LOG_FILE", File("library.log").c_str(), 1);
     const ToolRun run = Run({"stat", "--conn", Conn("block_size=1")});
     EXPECT_EQ(run.exitStatus, 1);

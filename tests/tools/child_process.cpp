@@ -70,13 +70,14 @@ struct ChildSetup {
         if (fileSizeMax != 0) {
             const rlimit limit = {fileSizeMax, fileSizeMax};
             setrlimit(RLIMIT_FSIZE, &limit);
-            signal(SIGXFSZ, SIG_IGN);  // a write past the limit fails with EFBIG
+            (void)signal(SIGXFSZ, SIG_IGN);  // a write past the limit fails with EFBIG
         }
     }
 };
 
 pid_t Start(const std::vector<std::string>& arguments, const ChildSetup& setup) {
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (const std::string& argument : arguments) {
         argv.push_back(const_cast<char*>(argument.c_str()));
     }
