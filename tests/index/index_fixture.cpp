@@ -32,6 +32,12 @@ u64 Take(const std::vector<u8>& bytes, std::size_t at) {
     return value;
 }
 
+void SetLeakReports([[maybe_unused]] bool on) {
+#if defined(__SANITIZE_ADDRESS__)
+    on ? __lsan_enable() : __lsan_disable();
+#endif
+}
+
 }  // namespace
 
 u32 IndexChecksum(const Entries& entries) {
@@ -105,17 +111,13 @@ std::string SysErr(SystemErrorKind kind) {
     return std::to_string(platform::SystemErrorOf(kind));
 }
 
-#if defined(__SANITIZE_ADDRESS__)
 LeaksAllowed::LeaksAllowed() {
-    __lsan_disable();
+    SetLeakReports(false);
 }
+
 LeaksAllowed::~LeaksAllowed() {
-    __lsan_enable();
+    SetLeakReports(true);
 }
-#else
-LeaksAllowed::LeaksAllowed() = default;
-LeaksAllowed::~LeaksAllowed() = default;
-#endif
 
 Blocks& Blocks::Add(i64 rev, i64 offset) {
     m_index.try_emplace(rev, offset, nullptr);
