@@ -76,7 +76,7 @@ TEST(GetLLStorageExport, HandsOutTheFileOfTheStorage) {
     Revs seen;
     const u32 rc = file->ScanFile(
         [](u64, const K9eReplRec* rec, void* ctx) -> u32 {
-            static_cast<Revs*>(ctx)->push_back(rec->rev);
+            static_cast<Revs*>(ctx)->push_back(i64{rec->rev});
             return RC_OK;
         },
         [](void* ctx, i64, i64 commitRev) -> u32 {
