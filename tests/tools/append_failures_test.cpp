@@ -173,6 +173,18 @@ TEST_F(ToolAppendFailure, ASummaryThatCannotBePrintedIsAFailure) {
                   "safely stored up to revision 2");
 }
 
+TEST_F(ToolAppendFailure, ClosedStandardStreamsNeverBecomeTheStorage) {
+    ASSERT_EQ(Append("one\n").exitStatus, 0);
+    const std::string command = "exec " K9REPL_PROGRAM " append --conn '" + Conn() + "' " +
+                                File("lines.txt") + " <&- >&- 2>&-";
+    WriteText(File("lines.txt"), "two\n");
+    ChildOptions options = PipedOptions({});
+    options.arguments = {"/bin/sh", "-c", command};
+    ChildProcess child(options);
+    EXPECT_EQ(Finish(child).exitStatus, 1);  // the summary cannot be printed
+    EXPECT_EQ(Cat(), "one\ntwo\n");
+}
+
 }  // namespace
 
 }  // namespace k9erepl::test

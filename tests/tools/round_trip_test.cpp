@@ -115,7 +115,7 @@ TEST_F(ToolRoundTrip, ALaterRunContinuesTheRevisions) {
     EXPECT_EQ(Append("1\n2\n").exitStatus, 0);
     const ToolRun second = Append("3\n");
     EXPECT_EQ(second.out.substr(0, second.out.find(" in ")),
-              "appended 1 records, 1 bytes, revisions 3 to 3,");
+              "appended 1 record, 1 bytes, revisions 3 to 3,");
     EXPECT_EQ(Cat(), "1\n2\n3\n");
 }
 

@@ -49,8 +49,9 @@ void PrintSummary(const AppendTotals& totals, double seconds) {
         revisions = fmt::format("revisions {} to {}, ", totals.firstRev, totals.lastRev);
     }
     Output output(OnInterrupt::kFinish);
-    output.Write(fmt::format("appended {} records, {} bytes, {}in {:.2f} s, {:.1f} MB/s\n",
-                             totals.records, totals.bytes, revisions, seconds, rate));
+    output.Write(fmt::format("appended {} {}, {} bytes, {}in {:.2f} s, {:.1f} MB/s\n",
+                             totals.records, totals.records == 1 ? "record" : "records",
+                             totals.bytes, revisions, seconds, rate));
     output.Finish();
 }
 

@@ -6,13 +6,13 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <limits>
 #include <utility>
 #include <vector>
 
 #include "append_command.h"
 #include "cat_command.h"
+#include "message.h"
 #include "stat_command.h"
 #include "tool_error.h"
 
@@ -172,7 +172,7 @@ int Explain(const CLI::App& app, const CLI::ParseError& error) {
     }
     const std::vector<CLI::App*> commands = app.get_subcommands();
     const std::string name = commands.empty() ? "k9repl" : "k9repl " + commands.front()->get_name();
-    fmt::print(stderr, "{}: {}; see {} --help\n", name, error.what(), name);
+    PrintMessage(fmt::format("{}: {}; see {} --help\n", name, error.what(), name));
     return kExitUsage;
 }
 

@@ -5,11 +5,12 @@
 #include <k9erepl/storage.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <regex>
 #include <system_error>
 #include <utility>
+
+#include "message.h"
 
 namespace k9repl {
 
@@ -91,7 +92,8 @@ std::optional<LibraryMessage> LibraryLog::TakeFirst() {
 void LibraryLog::TellRest(const std::string& toolName) {
     const std::lock_guard guard(m_mutex);
     for (const LibraryMessage& message : std::exchange(m_messages, {})) {
-        fmt::print(stderr, "{}: note from the library: {}\n", toolName, Readable(message.text));
+        PrintMessage(
+            fmt::format("{}: note from the library: {}\n", toolName, Readable(message.text)));
     }
 }
 

@@ -3,8 +3,7 @@
 
 #include <fmt/format.h>
 
-#include <cstdio>
-
+#include "message.h"
 #include "terminal.h"
 
 namespace k9repl {
@@ -34,16 +33,14 @@ void ProgressLine::Show(std::uint64_t records, std::uint64_t bytes) {
     m_lastShown = now;
     m_visible = true;
     const double megabytes = static_cast<double>(bytes) / 1e6;
-    fmt::print(stderr, "{}{} records, {:.1f} MB, {:.1f} MB/s", kEraseLine, records, megabytes,
-               megabytes / Seconds());
-    (void)std::fflush(stderr);
+    PrintMessage(fmt::format("{}{} records, {:.1f} MB, {:.1f} MB/s", kEraseLine, records, megabytes,
+                             megabytes / Seconds()));
 }
 
 void ProgressLine::Clear() {
     if (m_visible) {
         m_visible = false;
-        fmt::print(stderr, "{}", kEraseLine);
-        (void)std::fflush(stderr);
+        PrintMessage(kEraseLine);
     }
 }
 
