@@ -2,8 +2,11 @@
 // memory comes from and returns to the C heap, whoever allocated it.
 #include "support/new_fault.h"
 
+#include <k9sys/k9sys.h>
+
 #include <cstdio>
 #include <cstdlib>
+#include <initializer_list>
 #include <new>
 
 #ifdef _WIN32
@@ -12,6 +15,16 @@
 
 namespace k9erepl::test {
 namespace {
+
+// The stand-in for the system library takes memory when it hears of a module for the first time.
+// That happens here, for no test shall count on another one having logged before it. At the level
+// that programs start with nothing is printed.
+[[maybe_unused]] const bool g_modulesKnown = [] {
+    for (const char* module : {"k9eRepl-storage", "k9eRepl-storage-idx", "***TP***"}) {
+        trcheckEx_K9LogInfoEx_(module, "%s", "memory faults are tested");
+    }
+    return true;
+}();
 
 thread_local bool t_armed = false;
 thread_local u64 t_callsLeft = 0;  // until the failure, while armed; 0 when it has struck
