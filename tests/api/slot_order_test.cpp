@@ -109,6 +109,8 @@ TEST_F(SlotOrder, OfTheCallbackSetters) {
     EXPECT_EQ(StorageAccess::Flush(storage.Object()), RC_OK);
     EXPECT_EQ(flushed.Calls(), Revs({1}));
     EXPECT_EQ(written.Calls(), Revs({1}));
+    EXPECT_EQ(slots.setOnFlushCallback(handle, nullptr, nullptr), RC_OK);
+    EXPECT_EQ(slots.setOnWriteToFileCallback(handle, nullptr, nullptr), RC_OK);
 }
 
 TEST_F(SlotOrder, OfTheReferences) {

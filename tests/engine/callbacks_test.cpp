@@ -187,8 +187,9 @@ TEST_P(CallingBack, WhatAClosingStorageCommitsIsWrittenToo) {
 }
 
 TEST(CallbackThatAlwaysInserts, LetsTheStorageClose) {
+    Notified flushed;
     TestStorage storage(kFlushAlways);
-    Notified flushed([&](i64) { EXPECT_EQ(storage.Insert("more"), RC_OK); });
+    flushed.Does([&](i64) { EXPECT_EQ(storage.Insert("more"), RC_OK); });
     flushed.SetAsOnFlush(storage);
     storage.InsertCommitted({"one"});
     storage.Reopen();
@@ -201,8 +202,9 @@ TEST(CallbackThatAlwaysInserts, LetsTheStorageClose) {
 // is taken back.
 TEST(FailureAfterOnWriteToFile, WritesOuterAndNestedRecordsOnce) {
     const ScopedSystemCalls systemCalls;
+    Notified written;
     TestStorage storage(kForced);
-    Notified written([&, first = true](i64) mutable {
+    written.Does([&, first = true](i64) mutable {
         if (std::exchange(first, false)) {
             storage.InsertCommitted({"nested"});
         }
@@ -222,9 +224,10 @@ TEST(FailureAfterOnWriteToFile, WritesOuterAndNestedRecordsOnce) {
 
 TEST(FailureAfterOnWriteToFile, RollbackTakesTheWholeTransactionBack) {
     const ScopedSystemCalls systemCalls;
+    Notified written;
     TestStorage storage(kForced);
     storage.InsertCommitted({"kept"});
-    Notified written([&](i64) {
+    written.Does([&](i64) {
         EXPECT_EQ(storage.Begin(), RC_OK);
         EXPECT_EQ(storage.Insert("nested"), RC_OK);
         EXPECT_EQ(storage.Rollback(), RC_OK);
@@ -243,8 +246,9 @@ TEST(FailureAfterOnWriteToFile, RollbackTakesTheWholeTransactionBack) {
 
 TEST(FailureAfterOnWriteToFile, ATransactionLeftOpenIsNestedInTheReopenedOne) {
     const ScopedSystemCalls systemCalls;
+    Notified written;
     TestStorage storage(kForced);
-    Notified written([&, first = true](i64) mutable {
+    written.Does([&, first = true](i64) mutable {
         if (std::exchange(first, false)) {
             EXPECT_EQ(storage.Begin(), RC_OK);
             EXPECT_EQ(storage.Insert("nested"), RC_OK);
@@ -263,8 +267,9 @@ TEST(FailureAfterOnWriteToFile, ATransactionLeftOpenIsNestedInTheReopenedOne) {
 
 TEST(FailureAfterOnWriteToFile, NoIndexIsSavedInTheMiddle) {
     const ScopedSystemCalls systemCalls;
+    Notified written;
     TestStorage storage(With(kForced, "index_hint=1;"));
-    Notified written([&, first = true](i64) mutable {
+    written.Does([&, first = true](i64) mutable {
         if (std::exchange(first, false)) {
             const LogCapture log({"k9eRepl-storage-idx"});
             EXPECT_EQ(storage.Insert("nested"), RC_OK);
@@ -279,8 +284,9 @@ TEST(FailureAfterOnWriteToFile, NoIndexIsSavedInTheMiddle) {
 
 TEST(RetriedFlush, ItsOnFlushMayInsert) {
     const ScopedSystemCalls systemCalls;
+    Notified flushed;
     TestStorage storage(kFlushAlways);
-    Notified flushed([&, first = true](i64) mutable {
+    flushed.Does([&, first = true](i64) mutable {
         if (std::exchange(first, false)) {
             EXPECT_EQ(storage.Insert("nested"), RC_OK);
         }
@@ -298,8 +304,9 @@ TEST(RetriedFlush, ItsOnFlushMayInsert) {
 // --- Exceptions --------------------------------------------------------------------------------
 
 TEST(ThrowingCallback, BreaksTheStorageAndLeavesItsLockFree) {
+    Notified written;
     TestStorage storage(kFlushAlways);
-    Notified written([](i64) { throw std::runtime_error("client"); });
+    written.Does([](i64) { throw std::runtime_error("client"); });
     written.SetAsOnWriteToFile(storage);
     EXPECT_THROW((void)storage.Insert("one"), std::runtime_error);
     EXPECT_EQ(storage.State(), StorageState::kBroken);
@@ -314,9 +321,10 @@ TEST(ThrowingCallback, BreaksTheStorageAndLeavesItsLockFree) {
 }
 
 TEST(ThrowingCallback, OfTheLastFlushIsReportedAndEndsThere) {
+    Notified flushed;
     TestStorage storage(kFlushNever);
     storage.InsertCommitted({"one"});
-    Notified flushed([](i64) { throw std::runtime_error("client"); });
+    flushed.Does([](i64) { throw std::runtime_error("client"); });
     flushed.SetAsOnFlush(storage);
     const std::string message =
         "A callback threw during the last flush;conn-str " + storage.ConnStr();
@@ -328,9 +336,9 @@ TEST(ThrowingCallback, OfTheLastFlushIsReportedAndEndsThere) {
 // --- Threads -----------------------------------------------------------------------------------
 
 TEST(CallbackPair, MayBeSetWhileAnotherThreadCommits) {
-    TestStorage storage(kFlushAlways);
     Notified first;
     Notified second;
+    TestStorage storage(kFlushAlways);
     std::atomic<bool> stop{false};
     std::thread setter([&] {
         while (!stop) {

@@ -43,14 +43,16 @@ class EachCallOfAFlush : public ::testing::TestWithParam<Fault> {
         EXPECT_GT(nth, 1U) << "a flush makes such a call";
     }
 
+    struct OnFlush {
+        Notified flushed;
+    };
     // A storage with one flushed record, whose next flush has to grow the file.
-    struct WithOneRecord : TestStorage {
+    struct WithOneRecord : OnFlush, TestStorage {
         WithOneRecord() : TestStorage(kFlushAlways) {
             InsertCommitted({"one"});
             Reopen(kAllCalls);
             flushed.SetAsOnFlush(*this);
         }
-        Notified flushed;
     };
 
     // A transaction of three blocks, whose commit fails at the n-th call. False when it succeeds.
@@ -259,8 +261,8 @@ TEST(FlushFailure, OfTheCommitBlockNamesTheFirstRevisionThatIsNotFlushed) {
 
 TEST(FlushFailure, OfTheFilesCommitLeavesTheFlushedRevision) {
     const ScopedSystemCalls systemCalls;
-    HalfFlushable storage;
     Notified flushed;
+    HalfFlushable storage;
     flushed.SetAsOnFlush(storage);
     const LogCapture log;
     FailFlush(1);

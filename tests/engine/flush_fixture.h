@@ -34,7 +34,7 @@ Strings FileItems(const std::string& path);
 using Revs = std::vector<i64>;
 
 // A client's OnFlush or OnWriteToFile function: keeps the revisions that it was called with and
-// does what a test says. It must outlive the storage or be unset.
+// does what a test says. To be declared before the storage, whose last flush may still call it.
 class Notified {
   public:
     Notified() = default;
@@ -42,6 +42,7 @@ class Notified {
     Notified(const Notified&) = delete;
     Notified& operator=(const Notified&) = delete;
 
+    void Does(std::function<void(i64)> action) { m_action = std::move(action); }
     void SetAsOnFlush(TestStorage& storage);
     void SetAsOnWriteToFile(TestStorage& storage);
     const Revs& Calls() const { return m_calls; }

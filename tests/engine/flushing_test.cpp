@@ -272,8 +272,9 @@ TEST(FlushTimes, AreReportedWhenTheStorageCloses) {
     const ScopedSystemCalls systemCalls;
     SetPerformanceFrequency(1000000);
     SetPerformanceCounter(500);
+    Notified flushed;
     TestStorage storage(kFlushNever);
-    Notified flushed([](i64) { AdvancePerformanceCounter(7); });
+    flushed.Does([](i64) { AdvancePerformanceCounter(7); });
     flushed.SetAsOnFlush(storage);
     storage.InsertCommitted({"one"});
     const LogCapture log({"***TP***"});

@@ -65,8 +65,9 @@ TEST(NoFlushMode, RollbackWorksAsWithAFile) {
 }
 
 TEST(NoFlushMode, NestedCommitsOfACallbackTellToo) {
+    Notified flushed;
     InMemory storage;
-    Notified flushed([&](i64 rev) {
+    flushed.Does([&](i64 rev) {
         if (rev < 3) {
             EXPECT_EQ(storage.Insert("nested"), RC_OK);
         }
@@ -81,8 +82,9 @@ TEST(NoFlushMode, NestedCommitsAreTimedAsOne) {
     const ScopedSystemCalls systemCalls;
     SetPerformanceFrequency(1000000);
     SetPerformanceCounter(500);
+    Notified flushed;
     InMemory storage;
-    Notified flushed([&](i64 rev) {
+    flushed.Does([&](i64 rev) {
         AdvancePerformanceCounter(10);
         if (rev == 1) {
             EXPECT_EQ(storage.Insert("nested"), RC_OK);
@@ -97,8 +99,9 @@ TEST(NoFlushMode, NestedCommitsAreTimedAsOne) {
 }
 
 TEST(NoFlushMode, ATransactionBegunByACallbackStaysOpen) {
+    Notified written;
     InMemory storage;
-    Notified written([&](i64) { EXPECT_EQ(storage.Begin(), RC_OK); });
+    written.Does([&](i64) { EXPECT_EQ(storage.Begin(), RC_OK); });
     written.SetAsOnWriteToFile(storage);
     storage.InsertCommitted({"one"});
     ASSERT_EQ(storage.Insert("two"), RC_OK);
