@@ -80,8 +80,14 @@ TEST_F(IndexObjectIdle, EndsTheThreadWithCode4WhenAWaitFails) {
 }
 
 TEST_F(IndexObjectIdle, EndsTheThreadWithCode1WhenMemoryRunsOut) {
-    m_storage.onIdle = [] { throw std::bad_alloc(); };
+    std::atomic<bool> started{false};  // an end that comes sooner would fail the start
+    m_storage.onIdle = [&started] {
+        if (started) {
+            throw std::bad_alloc();
+        }
+    };
     MakeStarted(1);
+    started = true;
     WaitForEnd();
     EXPECT_EQ(m_log.CountContaining(";exit code 0x1"), 1U) << m_log;
     m_index->Stop();
