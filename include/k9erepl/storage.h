@@ -51,31 +51,31 @@ extern "C" {
 
 /* --- Result codes --------------------------------------------------------------------------- */
 
-#define RC_OK 0u                             /* success */
-#define RC_NO_MEMORY 1u                      /* an allocation failed */
-#define RC_INVALID_ARG 2u                    /* a null pointer, a refused setting, a prepared
-                                                revision below the next one, a record larger than
-                                                a block, a wrong file signature or version */
-#define RC_BAD_DATA 3u                       /* bad data in memory or in the file */
-#define RC_SYSTEM_ERROR 4u                   /* a system call on a file, event or thread failed */
-#define RC_NO_WRITER 6u                      /* no storage file is open, or it has no writer */
-#define RC_PATH_TOO_LONG 7u                  /* the "file" value has 260 characters or more */
-#define RC_ENUM_STOP 12u                     /* an enumeration was stopped by its visitor */
-#define RC_NOT_SUPPORTED 16u                 /* the operation is not provided */
-#define RC_ALREADY 17u                       /* already open, or already loaded */
-#define RC_NOT_FOUND 21u                     /* the expected item is not where it should be */
-#define RC_SHORT_READ 22u                    /* a read returned fewer bytes than asked */
-#define RC_BAD_SIZE 23u                      /* a negative size setting, a refused writer setting */
-#define RC_FILE_NOT_OPEN 24u                 /* the storage has no open file */
-#define RC_TIMEOUT 25u                       /* a wait for the writer or a thread ran out */
-#define RC_WRONG_STATE 27u                   /* not allowed in the storage's present state */
-#define RC_NO_TRANSACTION 0x8011u            /* Commit without a transaction */
-#define RC_TRANS_ROLLED_BACK 0x8012u         /* Commit of a nested level after a rollback */
+/* RC_INVALID_ARG stands for a null pointer, a refused setting, a prepared revision below the next
+ * one, a record larger than a block, and a file with another signature or version. */
+#define RC_OK 0u                              /* success */
+#define RC_NO_MEMORY 1u                       /* an allocation failed */
+#define RC_INVALID_ARG 2u                     /* something that was given is refused; see above */
+#define RC_BAD_DATA 3u                        /* bad data in memory or in the file */
+#define RC_SYSTEM_ERROR 4u                    /* a system call on a file, event or thread failed */
+#define RC_NO_WRITER 6u                       /* no storage file is open, or it has no writer */
+#define RC_PATH_TOO_LONG 7u                   /* the "file" value has 260 characters or more */
+#define RC_ENUM_STOP 12u                      /* an enumeration was stopped by its visitor */
+#define RC_NOT_SUPPORTED 16u                  /* the operation is not provided */
+#define RC_ALREADY 17u                        /* already open, or already loaded */
+#define RC_NOT_FOUND 21u                      /* the expected item is not where it should be */
+#define RC_SHORT_READ 22u                     /* a read returned fewer bytes than asked */
+#define RC_BAD_SIZE 23u                       /* a negative size, a refused writer setting */
+#define RC_FILE_NOT_OPEN 24u                  /* the storage has no open file */
+#define RC_TIMEOUT 25u                        /* a wait for the writer or a thread ran out */
+#define RC_WRONG_STATE 27u                    /* not allowed in the storage's present state */
+#define RC_NO_TRANSACTION 0x8011u             /* Commit without a transaction */
+#define RC_TRANS_ROLLED_BACK 0x8012u          /* Commit of a nested level after a rollback */
 #define RC_NO_TRANSACTION_TO_ROLLBACK 0x8013u /* Rollback without a transaction */
-#define RC_BEGIN_AFTER_ROLLBACK 0x8014u      /* nested Begin after a rollback */
-#define RC_FILE_CORRUPT 0x8021u              /* the storage file's structure cannot be loaded */
-#define RC_IN_TRANSACTION 0x8024u            /* not allowed inside a transaction */
-#define RC_NOT_OPEN 0x8034u                  /* a query while the storage is not loaded */
+#define RC_BEGIN_AFTER_ROLLBACK 0x8014u       /* nested Begin after a rollback */
+#define RC_FILE_CORRUPT 0x8021u               /* the file's structure cannot be loaded */
+#define RC_IN_TRANSACTION 0x8024u             /* not allowed inside a transaction */
+#define RC_NOT_OPEN 0x8034u                   /* a query while the storage is not loaded */
 
 /* --- The record ----------------------------------------------------------------------------- */
 

@@ -39,11 +39,11 @@ class IK9eReplDS : public IRc, public IK9eReplDSVersion {
     virtual std::uint32_t GetFirstRev(std::uint32_t, std::int64_t* out) = 0;
     // The next revision to be assigned; RC_NOT_OPEN before Load.
     virtual std::uint32_t GetLastRev(std::uint32_t, std::int64_t* out) = 0;
-    virtual std::uint32_t GetClearRev(std::int64_t* out) = 0;               // the revision mark
-    virtual std::uint32_t GetFlag(std::uint32_t, std::uint8_t* out) = 0;    // writes 0
-    virtual std::uint32_t Reserved12(std::uintptr_t, std::uintptr_t) = 0;   // RC_NOT_SUPPORTED
+    virtual std::uint32_t GetClearRev(std::int64_t* out) = 0;              // the revision mark
+    virtual std::uint32_t GetFlag(std::uint32_t, std::uint8_t* out) = 0;   // writes 0
+    virtual std::uint32_t Reserved12(std::uintptr_t, std::uintptr_t) = 0;  // RC_NOT_SUPPORTED
     virtual std::uint32_t Reserved13(std::uintptr_t, std::uintptr_t,
-                                     std::uintptr_t) = 0;                   // RC_NOT_SUPPORTED
+                                     std::uintptr_t) = 0;  // RC_NOT_SUPPORTED
     // Flushes what the flush mode's threshold or time-out calls for, if the storage's lock is free
     // at once. For a host's idle loop; the index thread calls it every flush_timeout milliseconds.
     virtual std::uint32_t FlushOnIdle() = 0;
