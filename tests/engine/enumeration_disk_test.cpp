@@ -197,6 +197,7 @@ class LargeRecords : public ::testing::Test {
         ASSERT_EQ(m_storage.Insert(m_texts.back()), RC_OK);
     }
 
+    ScopedSystemCalls m_systemCalls;
     TestStorage m_storage{
         "flush_mode=PerTrans;flush_trans_num=1;flush_timeout=3600000;read_buffers_count=1;"
         "cache_type=Last1;block_size=4194304;memory_reserve=1"};
@@ -216,17 +217,24 @@ TEST_F(LargeRecords, OfMoreThanAReadBufferAreReadBackWhole) {
 }
 
 TEST_F(LargeRecords, WithoutMemoryForOneFailWithNoMemory) {
-    ScopedSystemCalls systemCalls;
-    TestStorage storage(
-        "flush_mode=PerTrans;flush_trans_num=1;flush_timeout=3600000;read_buffers_count=1;"
-        "cache_type=Last1;block_size=4194304;memory_reserve=1");
-    for (const u32 size : {3000000U, 3000000U}) {
-        ASSERT_EQ(storage.Insert(Text(size, 'x')), RC_OK);
-    }
-    FailAlloc(1, 3000000);
+    Insert(3'000'000);
+    Insert(3'000'000);
+    FailAlloc(1, 3'000'000);
     SeenRecords seen;
-    EXPECT_EQ(storage.Enumerate(&seen), RC_NO_MEMORY);
-    EXPECT_EQ(storage.State(), StorageState::kBroken);
+    EXPECT_EQ(m_storage.Enumerate(&seen), RC_NO_MEMORY);
+    EXPECT_EQ(m_storage.State(), StorageState::kBroken);
+}
+
+TEST_F(LargeRecords, StayWhatTheyAreWhileTheirCallbackEnumerates) {
+    Insert(3'000'000);
+    Insert(10);
+    Insert(4'000'000);
+    const u32 rc = EnumerateWith(m_storage, 1, 1, [&](const K9eReplRec& rec) {
+        EXPECT_EQ(m_storage.Texts(), m_texts);
+        EXPECT_EQ(std::string(reinterpret_cast<const char*>(rec.data), rec.dataSize), m_texts[0]);
+        return RC_OK;
+    });
+    EXPECT_EQ(rc, RC_OK);
 }
 
 }  // namespace

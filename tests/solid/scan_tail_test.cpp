@@ -145,6 +145,13 @@ TEST_F(ScanTail, OfZerosUpToTheBuffersEndIsNotTouched) {
     EXPECT_EQ(Zeroings(), 0U);
 }
 
+TEST_F(ScanTail, OfWholeRecordsUpToTheFilesEndIsNoticed) {
+    Open(TwoTransactions().CutTo(1171));
+    Scanned();
+    EXPECT_EQ(WriteTransaction(3, "x"), kFirstEnd);
+    EXPECT_EQ(Zeroings(), 1U);
+}
+
 TEST_F(ScanTail, OfLessThanAWordIsNoticed) {
     Open(TwoTransactions().Fill(1, 0x2A));
     Scanned();
