@@ -12,6 +12,7 @@
 
 namespace k9erepl {
 
+// Where a scan hands out what it accepts; a non-zero result ends it.
 struct FileScanCallbacks {
     K9eReplScanRecordCb record;
     K9eReplScanCommitCb commit;
