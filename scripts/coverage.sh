@@ -15,7 +15,9 @@ build coverage
 
 cd "$root"
 find build/coverage -name '*.gcda' -delete
-ctest --preset coverage --parallel "$jobs" --no-tests=error </dev/null
+# The tool's tests compare standard error, where the counters of the shared library complain when
+# they meet those of the test programs, which link the same objects. They cover nothing else of src/.
+ctest --preset coverage --parallel "$jobs" --no-tests=error --exclude-regex '^Tool' </dev/null
 
 mkdir -p build/coverage/report
 # The systems' other side is not compiled here; exceptions' unreachable arcs are no branches.
