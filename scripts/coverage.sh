@@ -16,7 +16,7 @@ build coverage
 cd "$root"
 find build/coverage -name '*.gcda' -delete
 # The tool's tests compare standard error, where the counters of the shared library complain when
-# they meet those of the test programs, which link the same objects. They cover nothing else of src/.
+# they meet those of the test programs, which link the same objects.
 ctest --preset coverage --parallel "$jobs" --no-tests=error --exclude-regex '^Tool' </dev/null
 
 mkdir -p build/coverage/report
