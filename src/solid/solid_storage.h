@@ -19,6 +19,8 @@
 
 namespace k9erepl {
 
+struct SqueezeNames;
+
 // Receives one item of an enumeration: its file offset, and the record, or null for a commit
 // block. The record is valid during the call. Non-zero stops the enumeration.
 using FileItemVisitor = u32 (*)(i64 offset, const K9eReplRec* rec, void* ctx);
@@ -29,6 +31,18 @@ struct FileEnumRange {
     i64 toRev = 0;             // inclusive
     bool alsoCommits = false;  // visit commit blocks too
     i64 startOffset = 0;       // where an item begins; 0 for the file's first commit block
+};
+
+// What a squeeze keeps of the file, and what else it shall do.
+struct SqueezeRequest {
+    i64 clearRev = 0;         // becomes the file's clear revision
+    i64 copyFrom = 0;         // offset of the first item that is kept
+    i64 commitOffset = 0;     // of the first commit block at or behind it
+    bool keepBackup = false;  // keep the old file under its name and ".backup"
+    // Called when the copy is complete and on the disk, right before it takes the file's place.
+    // Its failure gives the squeeze up and becomes its result. May be null.
+    u32 (*beforeReplace)(void* ctx) = nullptr;
+    void* ctx = nullptr;
 };
 
 // The file is committed up to the last commit block that the load scan accepted or that was
@@ -108,6 +122,33 @@ class CSolidStorage final : public IK9eReplLLStorage {
     u32 WriteItems(u8* data, u32 size, TCommitBlock* commitBlock, K9eReplBlock* memoryBlock,
                    i64 lastRevision, std::atomic<i64>* filePosition);
 
+    // Waits until everything queued is written; until some block has no queued write any more.
+    u32 CompleteAsyncTasks();
+    u32 WaitReleaseBlock();
+
+    // --- Removing. None of it while a transaction of the file is open. A visitor of an enumeration
+    // that removes something must end that enumeration.
+
+    // Appends a commit block that says: records below `rev` are not served any more. With
+    // force_flush it is on the disk when this returns. A failure leaves the clear revision as it
+    // was. REQUIRES: rev is not below the clear revision.
+    u32 SetClearRev(i64 rev);
+
+    // Starts the file over: without items, with `rev` as its clear and commit revision and with
+    // these header fields. The file on disk shrinks to file_initial_size if that is set. When this
+    // fails the beginning of the file may be damaged.
+    u32 TruncateToClearRev(i64 rev, u32 lifenum, i64 clearOldRev);
+
+    // Copies what is kept into a new file, which takes the old one's place; *shift receives what
+    // is to be added to the file offset of every kept item. The new file is made under the name
+    // of the old one and ".temporary", which must be free; at any moment the file's name leads to
+    // the old or the new file, unless the file system has no hard links: then, with keepBackup,
+    // the name is free for a moment while the backup already stands.
+    // A failure up to the call of beforeReplace leaves the old file open, perhaps with its clear
+    // revision raised; one after it closes the file.
+    // REQUIRES: request.commitOffset is the offset of a commit block.
+    u32 Squeeze(const SqueezeRequest& request, i64* shift);
+
     // The highest committed revision.
     u32 GetFlushedRev(i64* rev) const;
     // The file's length as last known, in bytes; 0 when closed. Never below the written data.
@@ -132,6 +173,14 @@ class CSolidStorage final : public IK9eReplLLStorage {
     u32 ScanItems(const FileScanCallbacks& callbacks, i64 startOffset, i64 dataEnd);
     u32 VisitItem(FileItems& items, const FileItem& item, FileItemVisitor visitor, void* ctx,
                   bool* completed);
+
+    // Squeezing (file_squeeze.cpp)
+    u32 CopyAndReplace(const SqueezeRequest& request, const SqueezeNames& names, i64* written);
+    u32 FlushAndReadStart(i64 commitOffset, TFileHeader* header, TCommitBlock* commitBlock);
+    u32 CopyToTemp(platform::File& temporary, i64 from, i64* written);
+    u32 Replace(bool keepBackup, const SqueezeNames& names, bool* renamed);
+    u32 CutLastCommitBlock(const std::string& path);
+    u32 OpenSqueezed(const std::string& path, i64 writePos);
 
     // Moves the file pointer unless it stands there already.
     bool SeekForReading(i64 offset);

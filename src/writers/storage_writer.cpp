@@ -63,6 +63,7 @@ u32 StorageWriter::ReopenFile(const std::string& path, bool writeThrough) {
         return rc;
     }
     m_pointerInPlace = false;
+    m_tailAbandoned = false;
     return RC_OK;
 }
 
@@ -202,16 +203,29 @@ bool StorageWriter::ZeroTail(i64 position) {
     if (size <= position) {
         return true;
     }
-    if (!m_file.SetEnd(position)) {
+    const i64 cut = std::max(position, i64{kNewFileSize});
+    if (!ZeroUpTo(position, cut) || !m_file.SetEnd(cut)) {
         return false;
     }
     if (!m_file.SetEnd(size)) {
-        m_state.fileSize.store(position, std::memory_order_release);
+        m_state.fileSize.store(cut, std::memory_order_release);
         return false;
     }
     LOG_INFO(kLogStorage, "Abandoned data was cleared;offset %I64d,file size %I64d", position,
              size);
     return true;
+}
+
+// A file shorter than a new one could not be loaded after a crash: there the first word behind the
+// first commit block is overwritten instead.
+bool StorageWriter::ZeroUpTo(i64 position, i64 end) {
+    if (position == end) {
+        return true;
+    }
+    static constexpr u8 kZeros[kNewFileSize - kFirstItemOffset] = {};
+    assert(end - position <= i64{sizeof kZeros});
+    u32 put = 0;
+    return m_file.Seek(position) && m_file.Write(kZeros, static_cast<u32>(end - position), &put);
 }
 
 u32 StorageWriter::SeekToWritePos() {

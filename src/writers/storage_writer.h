@@ -64,9 +64,16 @@ class StorageWriter {
     // pointer is moved at once, and nothing changes when that fails; else by the next write.
     // `tailAbandoned` says that bytes behind the position may look like items of the file.
     u32 SetWritePos(i64 position, bool doSeek, bool tailAbandoned = false);
-    // Opens another file in place of the present one, which stays when that fails.
+    // Opens another file in place of the present one, which stays when that fails. Its bytes
+    // beyond the write position are taken for zeros.
     u32 ReopenFile(const std::string& path, bool writeThrough);
     void CloseFile() { m_file.Close(); }
+    // The writer's handle, for operations on the file as a whole, which may move its pointer.
+    // REQUIRES: nothing is queued.
+    platform::File& BorrowFile() {
+        m_pointerInPlace = false;
+        return m_file;
+    }
 
     i64 WritePos() const { return m_fileCurrWritePos.load(std::memory_order_acquire); }
     // For the read cache, which reads up to it.
@@ -105,6 +112,7 @@ class StorageWriter {
 
     u32 ClearAbandonedTail();
     bool ZeroTail(i64 position);
+    bool ZeroUpTo(i64 position, i64 end);
     u32 SeekToWritePos();
     u32 ExpandFile();
 

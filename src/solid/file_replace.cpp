@@ -1,0 +1,135 @@
+// Replacing the storage file by its squeezed copy; see the header.
+#include "solid/file_replace.h"
+
+#include <k9erepl/storage.h>
+
+#include "platform/file_names.h"
+#include "platform/system_error.h"
+#include "support/log.h"
+
+namespace k9erepl {
+
+using platform::LastSystemError;
+using platform::SystemErrorKind;
+
+SqueezeNames::SqueezeNames(const std::string& storagePath)
+    : path(platform::FollowLink(storagePath)),
+      temporary(path + ".temporary"),
+      backup(path + ".backup"),
+      backupIndex(backup + "-idx") {}
+
+TemporaryFile::~TemporaryFile() {
+    if (!m_created) {
+        return;
+    }
+    m_file.Close();
+    if (!platform::RemoveFile(m_path)) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
+                       "Cannot delete temporary file; sys-err %r; tempfile: '%s'",
+                       LastSystemError(), m_path.c_str());
+    }
+}
+
+u32 TemporaryFile::Create(const std::string& model) {
+    LOG_INFO(kLogStorage, "Creating temp file '%s'", m_path.c_str());
+    m_created = m_file.Open(m_path.c_str(), {.access = platform::FileAccess::kWrite,
+                                             .disposition = platform::FileDisposition::kCreateNew,
+                                             .sequentialScan = true,
+                                             .ownerOnly = true});
+    if (!m_created || !m_file.TakeOwnerAndMode(model.c_str())) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Cannot create temporary file '%s';sys-err %r",
+                       m_path.c_str(), LastSystemError());
+        return RC_SYSTEM_ERROR;
+    }
+    return RC_OK;
+}
+
+namespace {
+
+enum class BackupKind { kNone, kLinked, kMoved };
+
+bool LinkBackup(const SqueezeNames& names) {
+    if (platform::LinkFile(names.path, names.backup)) {
+        return true;
+    }
+    return platform::LastSystemErrorIs(SystemErrorKind::kAlreadyExists) &&
+           platform::RemoveFile(names.backup) && platform::LinkFile(names.path, names.backup);
+}
+
+// A second name leaves the storage's name in place; moving the file is for file systems without
+// second names.
+BackupKind MakeBackup(const SqueezeNames& names) {
+    BackupKind kind = BackupKind::kNone;
+    if (LinkBackup(names)) {
+        kind = BackupKind::kLinked;
+    } else if (platform::LastSystemErrorIs(SystemErrorKind::kNotSupported) &&
+               platform::MoveFileReplacing(names.path, names.backup)) {
+        kind = BackupKind::kMoved;
+    }
+    if (kind == BackupKind::kNone) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
+                       "Cannot create backup file; sys-err: %r; of file: '%s'", LastSystemError(),
+                       names.path.c_str());
+    }
+    return kind;
+}
+
+u32 FlushDirectoryOf(const std::string& path) {
+    if (!platform::FlushParentDirectory(path)) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
+                       "Cannot flush directory of file '%s';sys-err %r", path.c_str(),
+                       LastSystemError());
+        return RC_SYSTEM_ERROR;
+    }
+    return RC_OK;
+}
+
+// A backup that is only another name of the storage file would go on changing with it, and a
+// storage file that has only the backup's name would be missed, and perhaps made anew, empty.
+void UndoBackup(const SqueezeNames& names, BackupKind kind) {
+    if (kind == BackupKind::kMoved) {
+        if (!platform::MoveFileReplacing(names.backup, names.path)) {
+            LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
+                           "Cannot move backup back; sys-err: %r; storage data is in file: '%s'",
+                           LastSystemError(), names.backup.c_str());
+        }
+    } else if (!platform::RemoveFile(names.backup)) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
+                       "Cannot delete backup; sys-err: %r; it is still the storage file: '%s'",
+                       LastSystemError(), names.backup.c_str());
+    }
+}
+
+}  // namespace
+
+u32 RenameTemp(const SqueezeNames& names, bool* renamed) {
+    *renamed = platform::MoveFileReplacing(names.temporary, names.path);
+    if (!*renamed) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
+                       "Cannot rename file; sys-err: %r; tempfile: '%s'", LastSystemError(),
+                       names.temporary.c_str());
+        return RC_SYSTEM_ERROR;
+    }
+    return FlushDirectoryOf(names.path);
+}
+
+u32 BackupAndRename(const SqueezeNames& names, bool* renamed) {
+    *renamed = false;
+    platform::RemoveFile(names.backupIndex);
+    const BackupKind kind = MakeBackup(names);
+    if (kind == BackupKind::kNone) {
+        return RC_SYSTEM_ERROR;
+    }
+    // First, so that no crash leaves the new file without the backup. A file that was moved is
+    // flushed with the name that it makes free.
+    u32 rc = kind == BackupKind::kLinked ? FlushDirectoryOf(names.backup) : RC_OK;
+    if (rc == RC_OK) {
+        rc = RenameTemp(names, renamed);
+    }
+    if (!*renamed) {
+        UndoBackup(names, kind);
+    }
+    return rc;
+}
+
+}  // namespace k9erepl

@@ -1,0 +1,225 @@
+// The squeeze: what is kept of the storage file moves to a new file, which takes the old one's
+// place. Everything is on the disk before a name changes.
+#include <algorithm>
+#include <cassert>
+
+#include "platform/clock.h"
+#include "platform/system_error.h"
+#include "solid/file_replace.h"
+#include "solid/solid_storage.h"
+#include "solid/storage_file_admin.h"
+#include "support/log.h"
+
+namespace k9erepl {
+
+using platform::LastSystemError;
+
+namespace {
+
+constexpr u32 kCopyPieceSize = 10 * 1024 * 1024;
+
+u32 FlushToDisk(platform::File& file) {
+    if (!file.FlushToDisk()) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Cannot flush file;sys-err %r",
+                       LastSystemError());
+        return RC_SYSTEM_ERROR;
+    }
+    return RC_OK;
+}
+
+// The first commit block of the new file: the one that `kept`, the first kept commit block, links
+// to. It commits nothing below the clear revision.
+TCommitBlock PredecessorOf(const TCommitBlock& kept, i64 clearRev) {
+    TCommitBlock block = kept;
+    block.sequence = kept.prevSequence;
+    block.prevSequence = 0;
+    block.clearRev = 0;
+    block.commitRev = clearRev;
+    return block;
+}
+
+}  // namespace
+
+u32 CSolidStorage::Squeeze(const SqueezeRequest& request, i64* shift) {
+    if (!IsOpen() || m_writer == nullptr) {
+        return RC_NO_WRITER;
+    }
+    const SqueezeNames names(m_state.path);
+    const u32 startTicks = platform::TickCountMs();
+    LOG_INFO(kLogStorage, "Performing file squeeze; rev %I64d", request.clearRev);
+    const i64 oldDataSize = m_writer->WritePos();
+    if (u32 rc = SetClearRev(request.clearRev); rc != RC_OK) {
+        LOG_ERROR_CODE(rc, kLogStorage, "Failed to set clear rev to solid storage;rev %I64d",
+                       request.clearRev);
+        return rc;
+    }
+    i64 written = 0;
+    if (u32 rc = CopyAndReplace(request, names, &written); rc != RC_OK) {
+        return rc;
+    }
+    const i64 newDataSize = kFirstItemOffset + written;
+    if (u32 rc = OpenSqueezed(names.path, newDataSize); rc != RC_OK) {
+        m_file.Close();
+        m_writer->CloseFile();
+        return rc;
+    }
+    *shift = kFirstItemOffset - request.copyFrom;
+    LOG_INFO(kLogStorage,
+             "File squeeze finished; it took %u ms; old data size: %I64d, new data size: %I64d",
+             platform::TickCountMs() - startTicks, oldDataSize, newDataSize);
+    return RC_OK;
+}
+
+// On the way out by failure the temporary file is deleted, unless it is the storage file by then.
+u32 CSolidStorage::CopyAndReplace(const SqueezeRequest& request, const SqueezeNames& names,
+                                  i64* written) {
+    TFileHeader header;
+    TCommitBlock commitBlock;
+    if (u32 rc = FlushAndReadStart(request.commitOffset, &header, &commitBlock); rc != RC_OK) {
+        return rc;
+    }
+    TemporaryFile temporary(names.temporary);
+    if (u32 rc = temporary.Create(names.path); rc != RC_OK) {
+        return rc;
+    }
+    i64 fileSize = m_state.fileInitialSize;
+    if (u32 rc = InitNewFile(temporary.Get(), header, PredecessorOf(commitBlock, request.clearRev),
+                             &fileSize);
+        rc != RC_OK) {
+        return rc;
+    }
+    if (u32 rc = CopyToTemp(temporary.Get(), request.copyFrom, written); rc != RC_OK) {
+        return rc;
+    }
+    if (request.beforeReplace != nullptr) {
+        if (u32 rc = request.beforeReplace(request.ctx); rc != RC_OK) {
+            return rc;
+        }
+    }
+    temporary.Close();
+    bool renamed = false;
+    const u32 rc = Replace(request.keepBackup, names, &renamed);
+    if (renamed) {
+        temporary.Release();
+    }
+    return rc;
+}
+
+u32 CSolidStorage::FlushAndReadStart(i64 commitOffset, TFileHeader* header,
+                                     TCommitBlock* commitBlock) {
+    if (u32 rc = CompleteAsyncTasks(); rc != RC_OK) {
+        return rc;
+    }
+    if (u32 rc = FlushToDisk(m_file); rc != RC_OK) {
+        return rc;
+    }
+    if (u32 rc = ReadHeader(header); rc != RC_OK) {
+        return rc;
+    }
+    if (!SeekForReading(commitOffset)) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
+                       "Cannot seek to read commit block;offset %I64d, sys-err %r", commitOffset,
+                       LastSystemError());
+        return RC_SYSTEM_ERROR;
+    }
+    if (ReadHere(commitBlock, kCommitBlockSize) != RC_OK) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Failed to read block;sys-err %r,offset %I64d",
+                       LastSystemError(), commitOffset);
+        return RC_SYSTEM_ERROR;
+    }
+    if (commitBlock->signature != kCommitSignature) {
+        LOG_ERROR_CODE(RC_BAD_DATA, kLogStorage, "Wrong signature (0x%8.8X) found, offset %I64d",
+                       u32{commitBlock->signature}, commitOffset);
+        return RC_BAD_DATA;
+    }
+    return RC_OK;
+}
+
+u32 CSolidStorage::CopyToTemp(platform::File& temporary, i64 from, i64* written) {
+    const i64 size = m_writer->WritePos() - from;
+    assert(size >= 0);
+    *written = 0;
+    LOG_INFO(kLogStorage, "Copying data to temporary file; from offset %I64d; size to write %I64d",
+             from, size);
+    const platform::MemoryBuffer buffer = platform::AllocBuffer(kCopyPieceSize);
+    if (buffer == nullptr) {
+        return RC_NO_MEMORY;
+    }
+    while (*written < size) {
+        const i64 offset = from + *written;
+        const u32 piece = static_cast<u32>(std::min(size - *written, i64{kCopyPieceSize}));
+        if (!SeekForReading(offset)) {
+            LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
+                           "Cannot seek to read file;offset %I64d, sys-err %r", offset,
+                           LastSystemError());
+            return RC_SYSTEM_ERROR;
+        }
+        if (ReadHere(buffer.get(), piece) != RC_OK) {
+            LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
+                           "Failed to read block;sys-err %r,offset %I64d", LastSystemError(),
+                           offset);
+            return RC_SYSTEM_ERROR;
+        }
+        u32 put = 0;
+        if (!temporary.Write(buffer.get(), piece, &put)) {
+            LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
+                           "Failed to write block;sys-err %r,offset %I64d", LastSystemError(),
+                           offset);
+            return RC_SYSTEM_ERROR;
+        }
+        *written += piece;
+        LOG_INFO(kLogStorage, "Written %I64d bytes", *written);
+    }
+    if (u32 rc = FlushToDisk(temporary); rc != RC_OK) {
+        return rc;
+    }
+    LOG_INFO(kLogStorage, "Copying data to temporary file finished");
+    return RC_OK;
+}
+
+u32 CSolidStorage::Replace(bool keepBackup, const SqueezeNames& names, bool* renamed) {
+    m_file.Close();
+    if (!keepBackup) {
+        m_writer->CloseFile();
+        return RenameTemp(names, renamed);
+    }
+    const u32 rc = CutLastCommitBlock(names.path);
+    m_writer->CloseFile();
+    return rc == RC_OK ? BackupAndRename(names, renamed) : rc;
+}
+
+// The backup shall hold what the file held before the squeeze recorded its clear revision.
+u32 CSolidStorage::CutLastCommitBlock(const std::string& path) {
+    platform::File& file = m_writer->BorrowFile();
+    if (!file.SetEnd(m_writer->WritePos() - kCommitBlockSize)) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Cannot truncate file: '%s'; sys-err: %r",
+                       path.c_str(), LastSystemError());
+        return RC_SYSTEM_ERROR;
+    }
+    return FlushToDisk(file);
+}
+
+u32 CSolidStorage::OpenSqueezed(const std::string& path, i64 writePos) {
+    if (u32 rc = OpenAndCheckFile(path, m_state.writeThrough, &m_file); rc != RC_OK) {
+        return rc;
+    }
+    m_filePos = kFileHeaderSize;
+    i64 size = 0;
+    if (!m_file.GetSize(&size)) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
+                       "Cannot get file size;sys-err %r,file path '%s'", LastSystemError(),
+                       path.c_str());
+        return RC_SYSTEM_ERROR;
+    }
+    m_state.fileSize = size;
+    if (u32 rc = m_writer->ReopenFile(path, m_state.writeThrough); rc != RC_OK) {
+        return rc;
+    }
+    if (u32 rc = m_writer->SetWritePos(writePos, true); rc != RC_OK) {
+        return rc;
+    }
+    InvalidateReads();
+    return RC_OK;
+}
+
+}  // namespace k9erepl
