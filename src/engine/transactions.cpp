@@ -90,7 +90,7 @@ u32 CK9eReplStorage::InsertAt(K9eReplRec* rec, i64 rev) {
     }
     // The revision is used up before the record is placed, and stays so when that fails.
     rec->rev = rev;
-    m_nextRev = rev + 1;
+    m_nextRev.store(rev + 1, std::memory_order_release);
     return PlaceInTransaction(*rec, implicit);
 }
 

@@ -109,6 +109,11 @@ INSTANTIATE_TEST_SUITE_P(Once, EachCallOfAFlush,
 INSTANTIATE_TEST_SUITE_P(ForGood, EachCallOfAFlush,
                          ::testing::Values(kNoRoom, kNoSeek, kNoGrowth, kNoDisk));
 
+using EachCallOfARetry = EachCallOfAFlush;
+const Fault kNoSize = ForGood(SystemCall::kFileSize, SystemErrorKind::kInputOutput);
+INSTANTIATE_TEST_SUITE_P(ForGood, EachCallOfARetry,
+                         ::testing::Values(kNoRoom, kNoSeek, kNoGrowth, kNoDisk, kNoSize));
+
 using EachLastingFault = EachCallOfAFlush;
 INSTANTIATE_TEST_SUITE_P(ForGood, EachLastingFault, ::testing::Values(kNoRoom, kNoSeek, kNoDisk));
 
@@ -188,7 +193,7 @@ TEST_P(EachCallOfAFlush, ClosingThenLeavesWhatWasAcknowledged) {
 }
 
 // The second attempt also clears what the first one left behind.
-TEST_P(EachCallOfAFlush, ASecondAttemptMayFailAnywhereToo) {
+TEST_P(EachCallOfARetry, MayFailToo) {
     Run([](u32 nth) {
         WithOneRecord storage;
         FailFlush(1);

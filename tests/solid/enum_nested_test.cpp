@@ -57,7 +57,8 @@ class EnumNested : public SolidTest {
 TEST_F(EnumNested, AVisitorsRecordSurvivesTheVisitorsOwnEnumeration) {
     EXPECT_EQ(TextsAfter([this](const K9eReplRec& rec) {
                   const i64 other = kRecords + 1 - rec.rev;
-                  EXPECT_EQ(Enumerated(other, other), Items{m_expected.at(other - 1)});
+                  EXPECT_EQ(Enumerated(other, other),
+                            Items{m_expected.at(static_cast<std::size_t>(other - 1))});
               }),
               m_expected);
 }
