@@ -141,23 +141,50 @@ TEST_F(AbandonedTail, ThatTheFileNoLongerHasNeedsNoCutting) {
 
 TEST_F(AbandonedTail, ThatWasCutButNotExtendedMakesTheRecordedSizeFollow) {
     m_state.fileSizeDelta = 4096;
+    ASSERT_EQ(CommitRecord(1, 2000), RC_OK);
+    const i64 position = Writer().WritePos();
     LeaveGhost();
     FailSetEnd(2);
     ASSERT_EQ(AppendRecord(1), RC_SYSTEM_ERROR);
-    EXPECT_EQ(FileLength(), kStart);
-    EXPECT_EQ(m_state.fileSize, kStart);
+    EXPECT_EQ(FileLength(), position);
+    EXPECT_EQ(m_state.fileSize, position);
     ASSERT_EQ(AppendRecord(1), RC_OK);
-    EXPECT_EQ(m_state.fileSize, kStart + 4096);
-    EXPECT_EQ(FileLength(), kStart + 4096);
+    EXPECT_EQ(m_state.fileSize, position + 4096);
+    EXPECT_EQ(FileLength(), position + 4096);
+}
+
+TEST_F(AbandonedTail, RightBehindTheFirstCommitBlockKeepsTheFileAsLongAsANewOne) {
+    const Bytes newFile = FileBytes();
+    m_state.fileSizeDelta = 4096;
+    LeaveGhost();
+    FailSetEnd(2);
+    ASSERT_EQ(AppendRecord(1), RC_SYSTEM_ERROR);
+    EXPECT_EQ(FileBytes(), newFile);
+    EXPECT_EQ(m_state.fileSize, kNewFileSize);
+    ASSERT_EQ(AppendRecord(1), RC_OK);
+    EXPECT_EQ(FileLength(), kNewFileSize + 4096);
+    EXPECT_EQ(Items(m_path), "C0 R1");
+}
+
+TEST_F(AbandonedTail, RightBehindTheFirstCommitBlockIsZeroedByOneSmallWrite) {
+    LeaveGhost();
+    const u32 writes = CallCount(SystemCall::kWrite);
+    FailSetEnd(1);
+    ASSERT_EQ(AppendRecord(1), RC_SYSTEM_ERROR);
+    EXPECT_EQ(CallCount(SystemCall::kWrite), writes + 1);
+    EXPECT_EQ(FileBytes(kStart, 9), Bytes(8) + Bytes{Record(1, 10).at(8)});
+    EXPECT_EQ(Items(m_path), "C0");
 }
 
 TEST_F(AbandonedTail, IsOnTheDiskBeforeTheWriteWithForceFlush) {
     m_state.forceFlush = true;
+    ASSERT_EQ(CommitRecord(1, 2000), RC_OK);
+    const i64 position = Writer().WritePos();
     LeaveGhost();
     FailWrite(1);
     ASSERT_EQ(AppendRecord(1), RC_SYSTEM_ERROR);
     EXPECT_EQ(Flushes(), 1U);
-    EXPECT_TRUE(AllZeroFrom(kStart));
+    EXPECT_TRUE(AllZeroFrom(position));
 }
 
 TEST_F(AbandonedTail, IsNotForcedToTheDiskWithoutForceFlush) {
