@@ -4,6 +4,7 @@
 #include <iterator>
 #include <new>
 
+#include "engine/file_work_scope.h"
 #include "engine/repl_storage.h"
 #include "platform/clock.h"
 #include "support/log.h"
@@ -11,21 +12,19 @@
 namespace k9erepl {
 
 u32 CK9eReplStorage::Flush() {
-    if (m_flushing) {
-        return RC_OK;
-    }
-    m_flushing = true;
-    u32 rc = RC_OK;
+    return FileIsIdle() ? FlushNow() : u32{RC_OK};
+}
+
+// REQUIRES: the file is not being written.
+u32 CK9eReplStorage::FlushNow() {
+    const FileWorkScope work(m_fileWork, FileWork::kWriting);
     try {
-        rc = FlushToFile();
+        return FlushToFile();
     } catch (...) {
         // A callback threw in the middle: what reached the file is not known.
         SetState(StorageState::kBroken);
-        m_flushing = false;
         throw;
     }
-    m_flushing = false;
-    return rc;
 }
 
 u32 CK9eReplStorage::FlushToFile() {
@@ -54,6 +53,7 @@ u32 CK9eReplStorage::FlushToFile() {
         LeaveFlushFailed();
         if (lastWritten > 0) {
             m_flushedRev = lastWritten;
+            m_fileWork = FileWork::kNotifying;
             NotifyFlushed(lastWritten);
         }
     }

@@ -14,6 +14,7 @@
 
 #include "engine/block_inserter.h"
 #include "engine/block_list.h"
+#include "engine/clear_search.h"
 #include "engine/flush_policy.h"
 #include "engine/flush_run.h"
 #include "engine/load_plan.h"
@@ -39,6 +40,17 @@ enum class StorageState : u32 {
 // Visits one record: its file offset, kUnknownOffset while it is not in the file, and the record.
 // Non-zero ends the walk and becomes its result.
 using RecordVisitor = u32 (*)(i64 offset, const K9eReplRec* rec, void* ctx);
+
+// How ClearOldRev treats the storage file; every other number is a logical clear too.
+enum class ClearMode : u32 {
+    kLogical = 0,        // raises the file's clear revision
+    kSqueeze = 1,        // replaces the file by what is kept of it
+    kSqueezeBackup = 2,  // the same, and keeps the old file
+    kMark = 4,           // only remembers the revision for the client
+};
+inline bool Squeezes(ClearMode mode) {
+    return mode == ClearMode::kSqueeze || mode == ClearMode::kSqueezeBackup;
+}
 
 // One recursive lock guards everything; members that are read without it are atomic. Client
 // callbacks run under it and may call back in.
@@ -101,6 +113,15 @@ class CK9eReplStorage final : public IK9eReplStorage {
     friend struct StorageAccess;  // the tests' eyes
     using Guard = std::lock_guard<platform::RecursiveLock>;
 
+    // What is being done to the storage file, as callbacks find it. They may insert and commit at
+    // any time; unless there is no such work, what they commit is flushed later.
+    enum class FileWork {
+        kNone,
+        kWriting,    // nobody else may touch the file, nor move records
+        kNotifying,  // a flush is complete; OnFlush is told
+    };
+    class FileWorkScope;
+
     StorageState State() const { return m_state.load(std::memory_order_relaxed); }
     void SetState(StorageState state) { m_state.store(state, std::memory_order_relaxed); }
     int StateForLog() const { return static_cast<int>(State()); }
@@ -135,8 +156,10 @@ class CK9eReplStorage final : public IK9eReplStorage {
     void LeaveFlushFailed();
 
     // Flushing (flushing.cpp)
-    bool FlushNeeded() const { return !m_flushing && m_policy.FlushNeeded(m_settings); }
+    bool FileIsIdle() const { return m_fileWork == FileWork::kNone; }
+    bool FlushNeeded() const { return FileIsIdle() && m_policy.FlushNeeded(m_settings); }
     u32 Flush();
+    u32 FlushNow();
     u32 FlushToFile();
     u32 WriteFlush(i64 limit, i64* lastWritten);
     u32 WriteBlock(i64 firstRev, K9eReplBlock& block, const FlushRun& run);
@@ -149,6 +172,25 @@ class CK9eReplStorage final : public IK9eReplStorage {
     // Enumeration (enumeration.cpp)
     class RecordWalk;
     u32 EnumWithVisitor(i64 fromRev, i64 toRev, RecordVisitor visitor, void* ctx);
+
+    // Clearing (clearing.cpp, clearing_file.cpp, truncation.cpp)
+    bool MayRemoveNow() const;
+    u32 SetRevisionMark(i64 rev);
+    u32 ClearBelow(i64 rev, ClearMode mode);
+    u32 FlushBeforeClear(i64 rev);
+    u32 ClearInMemory(i64 rev);
+    void ForgetEverything();
+    void SaveIndexAfterClear(ClearMode mode);
+    u32 ClearInFile(i64 rev, ClearMode mode);
+    u32 ClearWholeFile(i64 rev);
+    u32 FindFirstKept(BlockIndex::const_iterator holding, ClearMode mode, ClearSearch* search);
+    u32 WaitForBlockWrites(BlockIndex::const_iterator holding);
+    u32 SearchFirstKept(BlockIndex::const_iterator holding, ClearSearch* search);
+    u32 SqueezeFile(const ClearSearch& search, ClearMode mode, i64* shift);
+    u32 RaiseClearRev(const ClearSearch& search);
+    void ForgetBelow(i64 holdingKey, const ClearSearch& search, i64 shift);
+    u32 EmptyIndexFile();
+    u32 TruncateFile();
 
     // Loading (loading.cpp, load_finish.cpp)
     u32 LoadLocked();
@@ -210,8 +252,9 @@ class CK9eReplStorage final : public IK9eReplStorage {
 
     bool m_shrinkPending = false;    // the last flush left more blocks than the cache may keep
     std::size_t m_indexedCount = 0;  // entries of the block index at the last save request
-    bool m_flushing = false;         // a flush is under way: callbacks start no second one
-    u32 m_onFlushDepth = 0;          // calls of OnFlush that have not returned
+    FileWork m_fileWork = FileWork::kNone;
+    bool m_clearing = false;  // a clear is under way: callbacks start no second one
+    u32 m_onFlushDepth = 0;   // calls of OnFlush that have not returned
     // What a failed flush has to take back; kept between flushes for its memory.
     struct FlushedPiece {
         K9eReplBlock* block;

@@ -34,7 +34,7 @@ u32 CK9eReplStorage::BeginOutermost() {
     m_transDataSize = 0;
     // A callback of a flush begins no transaction of the file: the flush has one open, and must be
     // able to go back to its own beginning.
-    if (HasFile() && !m_flushing) {
+    if (HasFile() && FileIsIdle()) {
         u32 rc = RC_OK;
         try {
             rc = m_solid.BeginTransaction();
@@ -191,7 +191,7 @@ void CK9eReplStorage::NotifyFlushed(i64 lastRev) {
 void CK9eReplStorage::SaveIndexIfGrown() {
     const std::size_t count = m_blocks.Index().size();
     // In the middle of a flush entries have offsets that a failure would take back.
-    if (m_flushing || count < m_indexedCount + m_settings.indexHint) {
+    if (!FileIsIdle() || count < m_indexedCount + m_settings.indexHint) {
         return;
     }
     // A save that cannot be had now is no failure of the commit: the index is only an aid.
@@ -217,7 +217,7 @@ u32 CK9eReplStorage::ShrinkCache() {
 
 // A failed idle flush leaves no transaction to commit or roll back; this is its way out.
 void CK9eReplStorage::RetryFlushOutsideTransaction() {
-    if (State() == StorageState::kFlushFailed && !m_flushing) {
+    if (State() == StorageState::kFlushFailed && FileIsIdle()) {
         Flush();
     }
 }

@@ -70,6 +70,10 @@ u32 IndexFileWriter::WriteTail(const IndexImage& image) {
     return RC_OK;
 }
 
+u32 IndexFileWriter::FlushToDisk() {
+    return m_file.FlushToDisk() ? u32{RC_OK} : Fail("flush");
+}
+
 bool IndexFileWriter::WriteAt(i64 position, const u8* data, u32 size) {
     u32 put = 0;
     return m_file.Seek(position) && m_file.Write(data, size, &put);

@@ -24,6 +24,8 @@ class IndexFileWriter {
     // Writes what the image says, entries first, so that a crash in between leaves a file whose
     // length or checksum does not fit its header. Fails when the file is not open.
     u32 Write(const IndexImage& image);
+    // Returns when what was written is on the disk.
+    u32 FlushToDisk();
     void Close() { m_file.Close(); }
 
   private:

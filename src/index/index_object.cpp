@@ -93,6 +93,15 @@ void IndexObject::StartOver() {
     }
 }
 
+u32 IndexObject::Empty() {
+    if (IsFinished()) {
+        if (u32 rc = Start(); rc != RC_OK) {
+            return rc;
+        }
+    }
+    return m_worker.load()->Empty();
+}
+
 bool IndexObject::IsBusy() const {
     const IndexWorker* const worker = m_worker.load();
     return worker != nullptr && worker->IsBusy();

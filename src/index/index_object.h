@@ -19,8 +19,8 @@ namespace k9erepl {
 
 class IndexWorker;
 
-// Start, Stop, RequestSave and StartOver are called under the storage's lock (Stop also while the
-// storage is torn down), never from the idle call; the tests of flags from anywhere.
+// Start, Stop, RequestSave, StartOver and Empty are called under the storage's lock (Stop also
+// while the storage is torn down), never from the idle call; the tests of flags from anywhere.
 class IndexObject {
   public:
     // Reads index_file or file, and aux_affinity. `idle` is called every `waitMs` milliseconds
@@ -51,6 +51,11 @@ class IndexObject {
     // The next save writes everything, even when nothing changed: entries that were saved are not
     // valid any more. Waits for a save in progress.
     void StartOver();
+
+    // Takes all entries out of the file, and returns when that is on the disk: what they say will
+    // not be true any more. Starts the thread if none runs. Waits for a save in progress.
+    // Errors: RC_SYSTEM_ERROR, RC_NO_MEMORY.
+    u32 Empty();
 
     // Whether a save is in progress or requested; whether no thread runs.
     bool IsBusy() const;

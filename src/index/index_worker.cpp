@@ -92,6 +92,17 @@ void IndexWorker::StartOver() {
     m_image.StartOver();
 }
 
+u32 IndexWorker::Empty() {
+    m_turn.TakeWhenIdle();
+    const IndexTurnHolder holder(m_turn);
+    m_image.StartOver();
+    if (m_image.Update(BlockIndex{}) == IndexUpdate::kNoMemory) {
+        return RC_NO_MEMORY;
+    }
+    const u32 rc = WriteFile();
+    return rc == RC_OK ? m_file.FlushToDisk() : rc;
+}
+
 u32 IndexWorker::ThreadBody(void* worker) {
     return static_cast<IndexWorker*>(worker)->Run();
 }

@@ -41,6 +41,7 @@ class IndexWorker {
     // See IndexObject. Waits while the thread saves.
     u32 RequestSave(const BlockIndex& blockIndex, IndexSaveMode mode);
     void StartOver();
+    u32 Empty();
     bool IsBusy() const { return m_turn.IsBusy(); }
     bool IsFinished() const { return m_finished.load(std::memory_order_acquire); }
 
