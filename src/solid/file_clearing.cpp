@@ -1,5 +1,7 @@
 // Taking content out of service without moving any of it: the clear revision, and starting the
 // file over.
+#include <cassert>
+
 #include "platform/clock.h"
 #include "solid/solid_storage.h"
 #include "solid/storage_file_admin.h"
@@ -27,7 +29,9 @@ u32 CSolidStorage::SetClearRev(i64 rev) {
     if (!IsOpen() || m_writer == nullptr) {
         return RC_NO_WRITER;
     }
+    assert(rev >= m_state.clearRev);
     const i64 before = m_state.clearRev;
+    const i64 position = m_writer->WritePos();
     if (u32 rc = m_writer->BeginTransaction(); rc != RC_OK) {
         return rc;
     }
@@ -42,10 +46,16 @@ u32 CSolidStorage::SetClearRev(i64 rev) {
         // one that the disk may still lose.
         rc = m_writer->FlushFile();
     }
-    InvalidateReads();
     if (rc != RC_OK) {
         m_writer->Rollback();
-        m_state.clearRev = before;
+        // Unless the notification has written behind the block, which then stays: a clear revision
+        // that falls would end the next load there.
+        if (m_writer->WritePos() <= position) {
+            m_state.clearRev = before;
+        }
+    }
+    InvalidateReads();
+    if (rc != RC_OK) {
         return rc;
     }
     LOG_INFO(kLogStorage, "Set clear rev %I64d", rev);

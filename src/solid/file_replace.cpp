@@ -3,6 +3,8 @@
 
 #include <k9erepl/storage.h>
 
+#include <new>
+
 #include "platform/file_names.h"
 #include "platform/system_error.h"
 #include "support/log.h"
@@ -48,6 +50,25 @@ namespace {
 
 enum class BackupKind { kNone, kLinked, kMoved };
 
+// Once names have begun to change, exhausted memory is one more failure to be cleaned up after.
+template <typename Action>
+bool WithoutThrowing(Action action) {
+    try {
+        return action();
+    } catch (const std::bad_alloc&) {
+        platform::SetLastSystemError(platform::SystemErrorOf(SystemErrorKind::kOutOfMemory));
+        return false;
+    }
+}
+
+bool Move(const std::string& from, const std::string& to) {
+    return WithoutThrowing([&] { return platform::MoveFileReplacing(from, to); });
+}
+
+bool FlushNames(const std::string& path) {
+    return WithoutThrowing([&] { return platform::FlushParentDirectory(path); });
+}
+
 bool LinkBackup(const SqueezeNames& names) {
     if (platform::LinkFile(names.path, names.backup)) {
         return true;
@@ -63,7 +84,7 @@ BackupKind MakeBackup(const SqueezeNames& names) {
     if (LinkBackup(names)) {
         kind = BackupKind::kLinked;
     } else if (platform::LastSystemErrorIs(SystemErrorKind::kNotSupported) &&
-               platform::MoveFileReplacing(names.path, names.backup)) {
+               Move(names.path, names.backup)) {
         kind = BackupKind::kMoved;
     }
     if (kind == BackupKind::kNone) {
@@ -75,7 +96,7 @@ BackupKind MakeBackup(const SqueezeNames& names) {
 }
 
 u32 FlushDirectoryOf(const std::string& path) {
-    if (!platform::FlushParentDirectory(path)) {
+    if (!FlushNames(path)) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
                        "Cannot flush directory of file '%s';sys-err %r", path.c_str(),
                        LastSystemError());
@@ -88,11 +109,12 @@ u32 FlushDirectoryOf(const std::string& path) {
 // storage file that has only the backup's name would be missed, and perhaps made anew, empty.
 void UndoBackup(const SqueezeNames& names, BackupKind kind) {
     if (kind == BackupKind::kMoved) {
-        if (!platform::MoveFileReplacing(names.backup, names.path)) {
+        if (!Move(names.backup, names.path)) {
             LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
                            "Cannot move backup back; sys-err: %r; storage data is in file: '%s'",
                            LastSystemError(), names.backup.c_str());
         }
+        FlushNames(names.path);
     } else if (!platform::RemoveFile(names.backup)) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
                        "Cannot delete backup; sys-err: %r; it is still the storage file: '%s'",
@@ -103,7 +125,7 @@ void UndoBackup(const SqueezeNames& names, BackupKind kind) {
 }  // namespace
 
 u32 RenameTemp(const SqueezeNames& names, bool* renamed) {
-    *renamed = platform::MoveFileReplacing(names.temporary, names.path);
+    *renamed = Move(names.temporary, names.path);
     if (!*renamed) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
                        "Cannot rename file; sys-err: %r; tempfile: '%s'", LastSystemError(),

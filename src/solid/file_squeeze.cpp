@@ -2,6 +2,7 @@
 // place. Everything is on the disk before a name changes.
 #include <algorithm>
 #include <cassert>
+#include <new>
 
 #include "platform/clock.h"
 #include "platform/system_error.h"
@@ -17,6 +18,7 @@ using platform::LastSystemError;
 namespace {
 
 constexpr u32 kCopyPieceSize = 10 * 1024 * 1024;
+constexpr i64 kNoBackup = -1;
 
 u32 FlushToDisk(platform::File& file) {
     if (!file.FlushToDisk()) {
@@ -38,15 +40,37 @@ TCommitBlock PredecessorOf(const TCommitBlock& kept, i64 clearRev) {
     return block;
 }
 
+// A file without items is not cut shorter than a new one, which could not be loaded.
+bool ZeroBehindFirstCommit(platform::File& file, i64 dataSize) {
+    if (dataSize >= kNewFileSize) {
+        return true;
+    }
+    static constexpr u8 kZeros[kNewFileSize - kFirstItemOffset] = {};
+    u32 put = 0;
+    return file.Seek(kFirstItemOffset) && file.Write(kZeros, sizeof kZeros, &put);
+}
+
 }  // namespace
 
 u32 CSolidStorage::Squeeze(const SqueezeRequest& request, i64* shift) {
     if (!IsOpen() || m_writer == nullptr) {
         return RC_NO_WRITER;
     }
-    const SqueezeNames names(m_state.path);
+    try {
+        return SqueezeFile(request, SqueezeNames(m_state.path), shift);
+    } catch (const std::bad_alloc&) {
+        return RC_NO_MEMORY;
+    }
+}
+
+u32 CSolidStorage::SqueezeFile(const SqueezeRequest& request, const SqueezeNames& names,
+                               i64* shift) {
     const u32 startTicks = platform::TickCountMs();
     LOG_INFO(kLogStorage, "Performing file squeeze; rev %I64d", request.clearRev);
+    // First, so that the old size is that of everything queued.
+    if (u32 rc = CompleteAsyncTasks(); rc != RC_OK) {
+        return rc;
+    }
     const i64 oldDataSize = m_writer->WritePos();
     if (u32 rc = SetClearRev(request.clearRev); rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to set clear rev to solid storage;rev %I64d",
@@ -54,7 +78,7 @@ u32 CSolidStorage::Squeeze(const SqueezeRequest& request, i64* shift) {
         return rc;
     }
     i64 written = 0;
-    if (u32 rc = CopyAndReplace(request, names, &written); rc != RC_OK) {
+    if (u32 rc = CopyAndReplace(request, names, oldDataSize, &written); rc != RC_OK) {
         return rc;
     }
     const i64 newDataSize = kFirstItemOffset + written;
@@ -72,20 +96,19 @@ u32 CSolidStorage::Squeeze(const SqueezeRequest& request, i64* shift) {
 
 // On the way out by failure the temporary file is deleted, unless it is the storage file by then.
 u32 CSolidStorage::CopyAndReplace(const SqueezeRequest& request, const SqueezeNames& names,
-                                  i64* written) {
+                                  i64 oldDataSize, i64* written) {
     TFileHeader header;
-    TCommitBlock commitBlock;
-    if (u32 rc = FlushAndReadStart(request.commitOffset, &header, &commitBlock); rc != RC_OK) {
+    TCommitBlock kept;
+    if (u32 rc = FlushAndReadStart(request.commitOffset, &header, &kept); rc != RC_OK) {
         return rc;
     }
+    const TCommitBlock first = PredecessorOf(kept, request.clearRev);
     TemporaryFile temporary(names.temporary);
     if (u32 rc = temporary.Create(names.path); rc != RC_OK) {
         return rc;
     }
     i64 fileSize = m_state.fileInitialSize;
-    if (u32 rc = InitNewFile(temporary.Get(), header, PredecessorOf(commitBlock, request.clearRev),
-                             &fileSize);
-        rc != RC_OK) {
+    if (u32 rc = InitNewFile(temporary.Get(), header, first, &fileSize); rc != RC_OK) {
         return rc;
     }
     if (u32 rc = CopyToTemp(temporary.Get(), request.copyFrom, written); rc != RC_OK) {
@@ -98,9 +121,14 @@ u32 CSolidStorage::CopyAndReplace(const SqueezeRequest& request, const SqueezeNa
     }
     temporary.Close();
     bool renamed = false;
-    const u32 rc = Replace(request.keepBackup, names, &renamed);
+    const i64 backupSize = request.keepBackup ? oldDataSize : kNoBackup;
+    const u32 rc = Replace(backupSize, names, &renamed);
     if (renamed) {
         temporary.Release();
+    }
+    if (*written == 0) {
+        // Without a copied commit block, what is written next links to the first one.
+        m_state.lastCommitSequence = first.sequence;
     }
     return rc;
 }
@@ -177,21 +205,22 @@ u32 CSolidStorage::CopyToTemp(platform::File& temporary, i64 from, i64* written)
     return RC_OK;
 }
 
-u32 CSolidStorage::Replace(bool keepBackup, const SqueezeNames& names, bool* renamed) {
+u32 CSolidStorage::Replace(i64 backupSize, const SqueezeNames& names, bool* renamed) {
     m_file.Close();
-    if (!keepBackup) {
+    if (backupSize == kNoBackup) {
         m_writer->CloseFile();
         return RenameTemp(names, renamed);
     }
-    const u32 rc = CutLastCommitBlock(names.path);
+    const u32 rc = CutTo(backupSize, names.path);
     m_writer->CloseFile();
     return rc == RC_OK ? BackupAndRename(names, renamed) : rc;
 }
 
 // The backup shall hold what the file held before the squeeze recorded its clear revision.
-u32 CSolidStorage::CutLastCommitBlock(const std::string& path) {
+u32 CSolidStorage::CutTo(i64 dataSize, const std::string& path) {
     platform::File& file = m_writer->BorrowFile();
-    if (!file.SetEnd(m_writer->WritePos() - kCommitBlockSize)) {
+    if (!ZeroBehindFirstCommit(file, dataSize) ||
+        !file.SetEnd(std::max(dataSize, i64{kNewFileSize}))) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Cannot truncate file: '%s'; sys-err: %r",
                        path.c_str(), LastSystemError());
         return RC_SYSTEM_ERROR;

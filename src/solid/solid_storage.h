@@ -175,11 +175,13 @@ class CSolidStorage final : public IK9eReplLLStorage {
                   bool* completed);
 
     // Squeezing (file_squeeze.cpp)
-    u32 CopyAndReplace(const SqueezeRequest& request, const SqueezeNames& names, i64* written);
+    u32 SqueezeFile(const SqueezeRequest& request, const SqueezeNames& names, i64* shift);
+    u32 CopyAndReplace(const SqueezeRequest& request, const SqueezeNames& names, i64 oldDataSize,
+                       i64* written);
     u32 FlushAndReadStart(i64 commitOffset, TFileHeader* header, TCommitBlock* commitBlock);
     u32 CopyToTemp(platform::File& temporary, i64 from, i64* written);
-    u32 Replace(bool keepBackup, const SqueezeNames& names, bool* renamed);
-    u32 CutLastCommitBlock(const std::string& path);
+    u32 Replace(i64 backupSize, const SqueezeNames& names, bool* renamed);
+    u32 CutTo(i64 dataSize, const std::string& path);
     u32 OpenSqueezed(const std::string& path, i64 writePos);
 
     // Moves the file pointer unless it stands there already.
