@@ -156,9 +156,12 @@ K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageDuplicateHandle(void* handle, vo
  * then not open and Load may be tried again. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageLoad(void* handle);
 
-/* Throws the whole content away: the next revision is 1 again, life number and marks are 0. Not
- * inside a transaction (RC_IN_TRANSACTION). For a storage with a file this release answers
- * RC_NOT_SUPPORTED and changes nothing. */
+/* Throws the whole content away, in memory and in the file: the next revision is 1 again, life
+ * number and revision mark are 0. Works in any state and leaves the storage open, as a load does.
+ * The file shrinks to file_initial_size if that is set, else it keeps its length.
+ * Errors: RC_IN_TRANSACTION inside a transaction and from a callback in the middle of a flush or a
+ * clear, nothing changed; RC_SYSTEM_ERROR, RC_NO_MEMORY, after which the storage is broken and the
+ * content of the file the old one, none, or damaged at its beginning. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageTruncate(void* handle);
 
 /* --- Transactions --------------------------------------------------------------------------- */
@@ -211,14 +214,37 @@ K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageSetLifenum(void* handle, uint32_
 /* Writes the life number (both not null); 0 in a new storage. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageGetLifenum(void* handle, uint32_t* out);
 
-/* Removes or marks the revisions below `rev`. This release answers RC_NOT_SUPPORTED. */
+/* What K9eReplStorageClearOldRev does to the storage file; other modes are logical clears too. */
+#define K9EREPL_CLEAR_LOGICAL 0u /* one commit block is written, nothing leaves the disk */
+#define K9EREPL_CLEAR_SQUEEZE 1u /* what is kept moves to a new file in the old one's place */
+#define K9EREPL_CLEAR_SQUEEZE_BACKUP 2u /* the same; the old file stays, with ".backup" appended \
+                                         */
+#define K9EREPL_CLEAR_MARK 4u           /* nothing: `rev` becomes the revision mark */
+
+/* Clears the records below `rev`: they are never served again, also after reopening. `rev` itself
+ * stays; the next revision never changes. At or above the next revision everything goes and the
+ * file starts over. A revision that is not above the oldest one changes nothing, but modes 1 and 2
+ * still take out of the file what logical clears left there. In memory whole blocks leave at once.
+ * A storage without a file knows one kind of clear, whatever the mode.
+ *
+ * A logical clear costs reading about a block. A squeeze copies all that is kept: it takes as long,
+ * and as much free disk space, as a copy of the file, and holds the storage meanwhile. The copy
+ * is made under the file's name with ".temporary" appended, which must be free: one that is left
+ * over from a crash is to be deleted. An older backup is replaced by the new one.
+ *
+ * Errors: RC_WRONG_STATE unless the storage is open; RC_IN_TRANSACTION inside a transaction and
+ * from a callback in the middle of a flush or another clear; both change nothing. When the flush
+ * before the clear fails its code is returned and Commit, Rollback or a later flush try again.
+ * RC_SYSTEM_ERROR, RC_NO_MEMORY, RC_BAD_DATA, RC_FILE_CORRUPT: the storage is broken until it is
+ * opened again, and then holds everything that was there before the clear or after it. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageClearOldRev(void* handle, int64_t rev,
                                                             uint32_t mode);
 
-/* Writes the revision mark (both not null); 0 in a new storage. */
+/* Writes the revision mark (both not null), which K9EREPL_CLEAR_MARK sets and the file keeps; 0 in
+ * a new storage. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageGetClearOldRev(void* handle, int64_t* out);
 
-/* K9eReplStorageClearOldRev with the next revision. */
+/* K9eReplStorageClearOldRev with the next revision: all records go. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageClearAll(void* handle, uint32_t mode);
 
 /* --- Notifications -------------------------------------------------------------------------- */

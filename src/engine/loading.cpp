@@ -141,7 +141,7 @@ u32 CK9eReplStorage::RunLoadPass(CSolidStorage& file, const LoadPlan& plan) {
     // An index may only save time: when it led to no commit block, or may have hidden records,
     // the load starts over without it.
     if (plan.UsesIndex() &&
-        (rc == RC_FILE_CORRUPT || (rc == RC_OK && !LoadedAllThatIsKept(plan)))) {
+        (rc == RC_FILE_CORRUPT || (rc == RC_OK && !LoadedAllThatIsKept(file, plan)))) {
         LOG_WARNING(kLogStorage, "Index does not lead to all kept records; loading without it");
         m_blocks.EraseAll();
         m_oldestRev = 0;
@@ -165,9 +165,17 @@ u32 CK9eReplStorage::RunLoadPassFrom(CSolidStorage& file, i64 startOffset) {
 }
 
 // Records before the index's first entry are in the file when a logical clear passed them over.
-// They are all gone for the storage only if the clear revision reaches up to that entry.
-bool CK9eReplStorage::LoadedAllThatIsKept(const LoadPlan& plan) const {
-    return plan.first.offset == kFirstItemOffset || plan.first.rev <= m_oldestRev;
+// They are all gone for the storage only if the clear revision reaches up to that entry, or lies in
+// a gap before it.
+bool CK9eReplStorage::LoadedAllThatIsKept(CSolidStorage& file, const LoadPlan& plan) const {
+    if (plan.first.offset == kFirstItemOffset || plan.first.rev <= m_oldestRev) {
+        return true;
+    }
+    const FileEnumRange range{.fromRev = m_oldestRev, .toRev = plan.first.rev - 1};
+    bool completed = true;
+    return file.EnumFileRecs(
+               range, [](i64, const K9eReplRec*, void*) -> u32 { return RC_ENUM_STOP; }, nullptr,
+               &completed) == RC_OK;
 }
 
 u32 CK9eReplStorage::OnLoadRecord(i64 offset, const K9eReplRec& rec) {

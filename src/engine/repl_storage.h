@@ -200,7 +200,7 @@ class CK9eReplStorage final : public IK9eReplStorage {
     LoadPlan PlanLoad(CSolidStorage& file, const IndexFileContent& index);
     u32 RunLoadPass(CSolidStorage& file, const LoadPlan& plan);
     u32 RunLoadPassFrom(CSolidStorage& file, i64 startOffset);
-    bool LoadedAllThatIsKept(const LoadPlan& plan) const;
+    bool LoadedAllThatIsKept(CSolidStorage& file, const LoadPlan& plan) const;
     u32 OnLoadRecord(i64 offset, const K9eReplRec& rec);
     u32 OnLoadCommit(i64 clearRev, i64 commitRev);
     u32 FinishLoad(i64 nextRevOfFile, CSolidStorage* file);
