@@ -91,7 +91,7 @@ TEST_F(ToolFailure, OptionsOutOfRangeAreRefused) {
 }
 
 TEST_F(ToolFailure, HelpTeachesEveryCommandByExamples) {
-    for (const char* command : {"append", "cat", "stat"}) {
+    for (const char* command : {"append", "cat", "stat", "clear", "truncate"}) {
         const ToolRun run = Run({command, "--help"});
         EXPECT_EQ(run.exitStatus, 0);
         EXPECT_NE(run.out.find("Examples:"), std::string::npos) << command;

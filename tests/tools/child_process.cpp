@@ -2,7 +2,9 @@
 #include "tools/child_process.h"
 
 #include <fcntl.h>
+#include <linux/capability.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -37,7 +39,7 @@ struct Stream {
 
 Stream OpenInput(const std::string& path) {
     if (!path.empty()) {
-        return {Checked(open(path.c_str(), O_RDONLY | O_CLOEXEC), path.c_str()), -1};
+        return {Checked(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY), path.c_str()), -1};
     }
     int ends[2];
     Checked(pipe2(ends, O_CLOEXEC), "pipe");
@@ -46,7 +48,7 @@ Stream OpenInput(const std::string& path) {
 
 Stream OpenOutput(const std::string& path) {
     if (!path.empty()) {
-        constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
+        constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY;
         return {Checked(open(path.c_str(), kFlags, 0666), path.c_str()), -1};
     }
     int ends[2];
@@ -60,6 +62,7 @@ struct ChildSetup {
     int output = -1;
     int error = -1;
     u64 fileSizeMax = 0;
+    bool obeysPermissions = false;
 
     void Apply() const {
         dup2(input, STDIN_FILENO);
@@ -71,6 +74,9 @@ struct ChildSetup {
             const rlimit limit = {fileSizeMax, fileSizeMax};
             setrlimit(RLIMIT_FSIZE, &limit);
             (void)signal(SIGXFSZ, SIG_IGN);  // a write past the limit fails with EFBIG
+        }
+        if (obeysPermissions) {
+            prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE);  // who may not drop it has not got it
         }
     }
 };
@@ -100,8 +106,8 @@ ChildProcess::ChildProcess(const ChildOptions& options) {
     if (!options.errorPath.empty()) {
         error = OpenOutput(options.errorPath);
     }
-    m_process =
-        Start(options.arguments, {input.child, output.child, error.child, options.fileSizeMax});
+    m_process = Start(options.arguments, {input.child, output.child, error.child,
+                                          options.fileSizeMax, options.obeysPermissions});
     m_input = input.test;
     m_output = output.test;
     CloseDescriptor(input.child);

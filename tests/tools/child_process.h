@@ -20,6 +20,7 @@ struct ChildOptions {
     std::string outputPath = {};         // empty: a pipe that Read reads
     std::string errorPath = {};          // empty: the test's own standard error
     u64 fileSizeMax = 0;                 // bytes a file of the child may have; 0 is no limit
+    bool obeysPermissions = false;       // those of files bind it though it is root
 };
 
 // How a child ended: by itself with `exitStatus`, or by `signal`, the other one being 0.

@@ -27,7 +27,21 @@ ChildOptions ToolTest::PipedOptions(std::vector<std::string> arguments) const {
             .inputPath = {},
             .outputPath = m_folder.File("tool.out"),
             .errorPath = m_folder.File("tool.err"),
-            .fileSizeMax = m_fileSizeMax};
+            .fileSizeMax = m_fileSizeMax,
+            .obeysPermissions = m_obeysPermissions};
+}
+
+ChildOptions ToolTest::TerminalOptions(const PseudoTerminal& terminal,
+                                       std::vector<std::string> arguments) const {
+    ChildOptions options = PipedOptions(std::move(arguments));
+    options.inputPath = options.errorPath = terminal.Name();
+    return options;
+}
+
+ToolRun ToolTest::FinishOnTerminal(ChildProcess& child, PseudoTerminal& terminal) const {
+    const ChildEnd end = child.Wait();
+    EXPECT_EQ(end.signal, 0) << "the tool was ended by a signal";
+    return {end.exitStatus, ReadText(File("tool.out")), terminal.ReadRest()};
 }
 
 ToolRun ToolTest::Finish(ChildProcess& child) const {
@@ -69,15 +83,29 @@ std::string ToolTest::Stat(const std::string& key, const std::string& settings) 
     return run.exitStatus == 0 ? nlohmann::json::parse(run.out).at(key).dump() : "";
 }
 
-bool WaitUntilFileHolds(const std::string& path, std::string_view text) {
+namespace {
+
+template <typename Condition>
+bool WaitUntil(Condition condition) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
     while (std::chrono::steady_clock::now() < deadline) {
-        if (Exists(path) && ReadText(path).find(text) != std::string::npos) {
+        if (condition()) {
             return true;
         }
         std::this_thread::yield();
     }
     return false;
+}
+
+}  // namespace
+
+bool WaitUntilExists(const std::string& path) {
+    return WaitUntil([&] { return Exists(path); });
+}
+
+bool WaitUntilFileHolds(const std::string& path, std::string_view text) {
+    return WaitUntil(
+        [&] { return Exists(path) && ReadText(path).find(text) != std::string::npos; });
 }
 
 }  // namespace k9erepl::test

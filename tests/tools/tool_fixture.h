@@ -11,6 +11,7 @@
 #include "support/file_bytes.h"
 #include "support/temp_folder.h"
 #include "tools/child_process.h"
+#include "tools/pseudo_terminal.h"
 
 namespace k9erepl::test {
 
@@ -48,12 +49,22 @@ class ToolTest : public ::testing::Test {
     ChildOptions PipedOptions(std::vector<std::string> arguments) const;
     ToolRun Finish(ChildProcess& child) const;
 
-    u64 m_fileSizeMax = 0;     // for Run
-    std::string m_outputPath;  // for Run: in place of the file that is read back
+    // The same with standard input and error on `terminal`; FinishOnTerminal collects what was
+    // printed there as standard error.
+    ChildOptions TerminalOptions(const PseudoTerminal& terminal,
+                                 std::vector<std::string> arguments) const;
+    ToolRun FinishOnTerminal(ChildProcess& child, PseudoTerminal& terminal) const;
+
+    u64 m_fileSizeMax = 0;            // for Run
+    bool m_obeysPermissions = false;  // for Run: of files, though the test runs as root
+    std::string m_outputPath;         // for Run: in place of the file that is read back
 
   private:
     TempFolder m_folder;
 };
+
+// Waits, at most a minute, until there is a file at `path`; false when there never was.
+bool WaitUntilExists(const std::string& path);
 
 // Waits, at most a minute, until the file at `path` holds `text`; false when it never did.
 bool WaitUntilFileHolds(const std::string& path, std::string_view text);

@@ -60,10 +60,7 @@ class AppendRun {
   public:
     explicit AppendRun(const AppendOptions& options)
         : m_storage(options.conn), m_transactions(m_storage, m_stored, options.perTrans) {
-        if (!m_storage.HasFile()) {
-            throw ToolError("nothing appended to " + m_storage.Name() +
-                            " would be kept: flush_mode=NoFlush writes no file");
-        }
+        m_storage.RequireFile("appended to");
         m_stored.Watch(m_storage);
     }
 

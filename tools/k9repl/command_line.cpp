@@ -1,10 +1,11 @@
-// The commands, their options and the help that teaches them.
+// The commands and their options.
 #include "command_line.h"
 
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <charconv>
 #include <cstdint>
 #include <limits>
 #include <utility>
@@ -12,81 +13,40 @@
 
 #include "append_command.h"
 #include "cat_command.h"
+#include "clear_command.h"
+#include "help_texts.h"
 #include "message.h"
 #include "stat_command.h"
 #include "tool_error.h"
+#include "truncate_command.h"
 
 namespace k9repl {
 
 namespace {
 
-constexpr const char* kMainHelp =
-    "Looks into and feeds a replication storage: a file of records with rising revisions.\n";
-
-constexpr const char* kMainFooter = R"(
-A storage is named and configured by a connection string, items KEY=VALUE separated by ';':
-  file=PATH                 the storage file; the index file lies beside it
-  block_size=BYTES          memory block; a record has at most BYTES-24 of data (default 1048672)
-  flush_trans_num=N         transactions a flush (default 10)
-  force_flush=yes           each flush reaches the disk, not only the system (default no)
-  cache_type=AllInMem;flush_mode=NoFlush;file=PATH
-                            only looks: reads the file into memory and writes nothing
-docs/configuration.md has all of them. Put the string in quotes: a shell splits it at ';'.
-
-Examples:
-  k9repl append --create --conn 'file=/tmp/log.edb' /var/log/dpkg.log
-  k9repl cat --conn 'file=/tmp/log.edb' --from 10 --to 20
-  k9repl stat --conn 'file=/tmp/log.edb'
-  k9repl COMMAND --help
-
-Exit status: 0 success, 1 failure, 2 wrong command line, 128+N interrupted by signal N.
-The cause of a failure is told on standard error. K9SYS_LOG=info prints the library's log there.)";
-
-constexpr const char* kAppendHelp = "Appends records from a file or a pipe to a storage";
-
-constexpr const char* kAppendFooter = R"(
-Each line of FILE, or of standard input, becomes one record, without its newline.
-An empty line is a record without data; bytes behind the last newline are a record, too.
-On SIGINT, SIGTERM or SIGHUP the records read so far are committed and the storage is closed.
-After a failure the records before it are committed, and the message tells the last revision that
-is safely stored. "Stored" is what the settings make of it: without force_flush=yes it survives
-the end of this process, not a power cut.
-
-Examples:
-  k9repl append --create --conn 'file=log.edb' /var/log/dpkg.log
-  journalctl -f | k9repl append --conn 'file=log.edb;force_flush=yes' --per-trans 1
-  k9repl cat --conn 'file=a.edb' --format length-prefixed |
-      k9repl append --create --conn 'file=b.edb' --length-prefixed)";
-
-constexpr const char* kCatHelp = "Prints the records of a storage in the order of revisions";
-
-constexpr const char* kCatFooter = R"(
-Formats:
-  lines            the data and a newline
-  raw              the data, nothing between records
-  json             an object a line: {"rev":1,"userWord":0,"size":5,"data":"hello"};
-                   data that is no valid UTF-8 comes as "base64" instead of "data"
-  length-prefixed  32-bit little-endian length, then the data; append --length-prefixed reads it
-
-Examples:
-  k9repl cat --conn 'file=log.edb'
-  k9repl cat --conn 'file=log.edb' --from 100 --to 199 --format json
-  k9repl cat --conn 'cache_type=AllInMem;flush_mode=NoFlush;file=log.edb' | sha256sum)";
-
-constexpr const char* kStatHelp = "Prints revisions, marks, file sizes and the number of blocks";
-
-constexpr const char* kStatFooter = R"(
-"next revision" is the one that the next record gets, "oldest revision" that of the first record
-that is still served. "none" stands for what does not exist.
-
-Examples:
-  k9repl stat --conn 'file=log.edb'
-  k9repl stat --conn 'file=log.edb' --format json)";
-
-// From `least` to the largest number of its type.
+// Decimal digits and nothing else: a slip must not become another number, nor the nearest one.
 template <typename T>
-CLI::Validator From(T least) {
-    return CLI::Range(least, std::numeric_limits<T>::max()).description("");
+bool ParseNumber(const std::string& text, T least, T* number) {
+    const char* const end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, *number);
+    return result.ec == std::errc() && result.ptr == end && *number >= least;
+}
+
+template <typename T>
+CLI::Option* AddNumber(CLI::App& command, const std::string& name, T least, T& number,
+                       const std::string& help) {
+    const auto check = [least](const std::string& given) {
+        T ignored{};
+        return ParseNumber(given, least, &ignored)
+                   ? std::string()
+                   : fmt::format("{} is no number from {} to {}", given, least,
+                                 std::numeric_limits<T>::max());
+    };
+    const auto take = [least, &number](const std::string& given) {
+        ParseNumber(given, least, &number);
+    };
+    return command.add_option_function<std::string>(name, take, help)
+        ->check(CLI::Validator(check, ""));
 }
 
 CLI::Option* AddConn(CLI::App& command, std::string& conn) {
@@ -96,34 +56,43 @@ CLI::Option* AddConn(CLI::App& command, std::string& conn) {
         ->type_name("CONN");
 }
 
-// One of the names of `formats`, the first of which is the default.
+// The words that an option takes, and what they stand for.
 template <typename T>
-using FormatNames = std::vector<std::pair<std::string, T>>;
+using Words = std::vector<std::pair<std::string, T>>;
 
-const FormatNames<RecordFormat> kRecordFormats = {
-    {"lines", RecordFormat::kLines},
-    {"raw", RecordFormat::kRaw},
-    {"json", RecordFormat::kJson},
-    {"length-prefixed", RecordFormat::kLengthPrefixed}};
-const FormatNames<bool> kStatFormats = {{"text", false}, {"json", true}};
+const Words<RecordFormat> kRecordFormats = {{"lines", RecordFormat::kLines},
+                                            {"raw", RecordFormat::kRaw},
+                                            {"json", RecordFormat::kJson},
+                                            {"length-prefixed", RecordFormat::kLengthPrefixed}};
+const Words<bool> kStatFormats = {{"text", false}, {"json", true}};
+const Words<ClearMode> kClearModes = {{"logical", ClearMode::kLogical},
+                                      {"squeeze", ClearMode::kSqueeze},
+                                      {"squeeze-backup", ClearMode::kSqueezeBackup},
+                                      {"mark", ClearMode::kMark}};
 
 template <typename T>
-void AddFormat(CLI::App& command, const FormatNames<T>& formats, T& format) {
+CLI::Option* AddWord(CLI::App& command, const std::string& name, const Words<T>& words, T& value) {
     std::vector<std::string> names;
-    for (const auto& [name, value] : formats) {
-        names.push_back(name);
+    for (const auto& [word, meaning] : words) {
+        names.push_back(word);
     }
-    const auto take = [&formats, &format](const std::string& given) {
-        const auto found = std::find_if(formats.begin(), formats.end(),
+    const auto take = [&words, &value](const std::string& given) {
+        const auto found = std::find_if(words.begin(), words.end(),
                                         [&](const auto& entry) { return entry.first == given; });
-        format = found->second;
+        value = found->second;
     };
-    command
-        .add_option_function<std::string>("--format", take,
+    return command
+        .add_option_function<std::string>(name, take,
                                           fmt::format("One of: {}", fmt::join(names, ", ")))
+        ->check(CLI::IsMember(names).description(""));
+}
+
+// The first of `formats` is the default.
+template <typename T>
+void AddFormat(CLI::App& command, const Words<T>& formats, T& format) {
+    AddWord(command, "--format", formats, format)
         ->type_name("FORMAT")
-        ->check(CLI::IsMember(names).description(""))
-        ->default_str(names.front());
+        ->default_str(formats.front().first);
 }
 
 CLI::App* AddAppend(CLI::App& app, AppendOptions& options) {
@@ -134,10 +103,9 @@ CLI::App* AddAppend(CLI::App& app, AppendOptions& options) {
         ->capture_default_str();
     command->add_flag("--length-prefixed", options.lengthPrefixed,
                       "Records are a 32-bit little-endian length and that many bytes");
-    command->add_option("--per-trans", options.perTrans, "Records a transaction")
+    AddNumber(*command, "--per-trans", std::uint32_t{1}, options.perTrans, "Records a transaction")
         ->type_name("N")
-        ->check(From(std::uint32_t{1}))
-        ->capture_default_str();
+        ->default_str(std::to_string(options.perTrans));
     command->add_flag("--create", options.create, "Make the storage when it is not there");
     command->footer(kAppendFooter);
     return command;
@@ -146,12 +114,11 @@ CLI::App* AddAppend(CLI::App& app, AppendOptions& options) {
 CLI::App* AddCat(CLI::App& app, CatOptions& options) {
     CLI::App* command = app.add_subcommand("cat", kCatHelp);
     AddConn(*command, options.conn);
-    command->add_option("--from", options.from, "First revision (default: the oldest)")
-        ->type_name("R")
-        ->check(From(std::int64_t{0}));
-    command->add_option("--to", options.to, "Last revision (default: the newest)")
-        ->type_name("R")
-        ->check(From(std::int64_t{0}));
+    AddNumber(*command, "--from", std::int64_t{0}, options.from,
+              "First revision (default: the oldest)")
+        ->type_name("R");
+    AddNumber(*command, "--to", std::int64_t{0}, options.to, "Last revision (default: the newest)")
+        ->type_name("R");
     AddFormat(*command, kRecordFormats, options.format);
     command->footer(kCatFooter);
     return command;
@@ -162,6 +129,25 @@ CLI::App* AddStat(CLI::App& app, StatOptions& options) {
     AddConn(*command, options.conn);
     AddFormat(*command, kStatFormats, options.json);
     command->footer(kStatFooter);
+    return command;
+}
+
+CLI::App* AddClear(CLI::App& app, ClearOptions& options) {
+    CLI::App* command = app.add_subcommand("clear", kClearHelp);
+    AddConn(*command, options.conn);
+    AddNumber(*command, "--to", std::int64_t{0}, options.to, "The first revision that is kept")
+        ->required()
+        ->type_name("R");
+    AddWord(*command, "--mode", kClearModes, options.mode)->required()->type_name("MODE");
+    command->footer(kClearFooter);
+    return command;
+}
+
+CLI::App* AddTruncate(CLI::App& app, TruncateOptions& options) {
+    CLI::App* command = app.add_subcommand("truncate", kTruncateHelp);
+    AddConn(*command, options.conn);
+    command->add_flag("--yes", options.yes, "Do not ask");
+    command->footer(kTruncateFooter);
     return command;
 }
 
@@ -182,6 +168,8 @@ int RunCommandLine(int argc, const char* const* argv, std::string* toolName) {
     AppendOptions appendOptions;
     CatOptions catOptions;
     StatOptions statOptions;
+    ClearOptions clearOptions;
+    TruncateOptions truncateOptions;
     CLI::App app(kMainHelp, "k9repl");
     app.footer(kMainFooter);
     app.set_version_flag("--version", "k9repl " K9REPL_VERSION);
@@ -189,6 +177,8 @@ int RunCommandLine(int argc, const char* const* argv, std::string* toolName) {
     CLI::App* append = AddAppend(app, appendOptions);
     CLI::App* cat = AddCat(app, catOptions);
     CLI::App* stat = AddStat(app, statOptions);
+    CLI::App* clear = AddClear(app, clearOptions);
+    CLI::App* truncate = AddTruncate(app, truncateOptions);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -201,7 +191,13 @@ int RunCommandLine(int argc, const char* const* argv, std::string* toolName) {
     if (cat->parsed()) {
         return RunCat(catOptions);
     }
-    return stat->parsed() ? RunStat(statOptions) : kExitUsage;
+    if (stat->parsed()) {
+        return RunStat(statOptions);
+    }
+    if (clear->parsed()) {
+        return RunClear(clearOptions);
+    }
+    return truncate->parsed() ? RunTruncate(truncateOptions) : kExitUsage;
 }
 
 }  // namespace k9repl

@@ -19,6 +19,8 @@ namespace {
 // The first messages of a failure are its cause; a flood behind them is not kept.
 constexpr std::size_t kMessagesMax = 32;
 
+constexpr const char* kStorageModule = "k9eRepl-storage";
+
 bool UserSteersTheLog() {
     // Read before any other thread of the process runs.
     return std::getenv("K9SYS_LOG") != nullptr ||     // NOLINT(concurrency-mt-unsafe)
@@ -27,7 +29,7 @@ bool UserSteersTheLog() {
 
 // "Cannot write data;sys-err 28" gets " (No space left on device)" behind it.
 std::string WithSystemErrorInWords(std::string text) {
-    static const std::regex kSystemError("sys-?err ([0-9]+)", std::regex::icase);
+    static const std::regex kSystemError("sys-?err:? ([0-9]+)", std::regex::icase);
     std::smatch found;
     if (std::regex_search(text, found, kSystemError)) {
         const int error = std::atoi(found[1].str().c_str());  // NOLINT(cert-err34-c): digits
@@ -51,14 +53,18 @@ LibraryLog& LibraryLog::Instance() {
 
 void LibraryLog::Catch() {
     if (!UserSteersTheLog()) {
+        m_catching = true;
         K9SysSetLogSink(&LibraryLog::OnMessage, this);
     }
 }
 
 void K9SYS_CALL LibraryLog::OnMessage(K9SysLogLevel level, const char* /*module*/, const char* text,
                                       std::uint32_t code, void* context) {
+    auto* const log = static_cast<LibraryLog*>(context);
     if (level == K9SYS_LOG_ERROR) {
-        static_cast<LibraryLog*>(context)->Add(code, text);
+        log->Add(code, text);
+    } else if (level == K9SYS_LOG_INFO) {
+        log->Tell(text);
     }
 }
 
@@ -67,6 +73,23 @@ void LibraryLog::Add(std::uint32_t code, const char* text) {
     if (m_messages.size() < kMessagesMax) {
         m_messages.push_back({code, text});
     }
+}
+
+void LibraryLog::Tell(const char* text) {
+    const std::lock_guard guard(m_mutex);
+    if (m_listener) {
+        m_listener(text);
+    }
+}
+
+void LibraryLog::Listen(Listener listener) {
+    if (!m_catching) {
+        return;
+    }
+    // Without memory for the level there is nothing to hear, and nothing else is lost.
+    K9SysSetLogLevel(kStorageModule, listener ? K9SYS_LOG_INFO : K9SYS_LOG_ERROR);
+    const std::lock_guard guard(m_mutex);
+    m_listener = std::move(listener);
 }
 
 std::string LibraryLog::TakeCauseOf(std::uint32_t code) {

@@ -9,9 +9,11 @@
 #include <k9sys/k9sys.h>
 
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace k9repl {
@@ -38,6 +40,12 @@ class LibraryLog {
     // The first message caught. Forgets everything caught so far.
     std::optional<LibraryMessage> TakeFirst();
 
+    // Hands each information message of the library to `listener` from now on, on the thread that
+    // logs; an empty listener ends it, and is not running any more when this returns. Does nothing
+    // when nothing is caught. The listener must not throw, nor use this object.
+    using Listener = std::function<void(std::string_view text)>;
+    void Listen(Listener listener);
+
     // Prints on standard error what was caught though everything went well in the end, a line each,
     // and forgets it.
     void TellRest(const std::string& toolName);
@@ -47,8 +55,11 @@ class LibraryLog {
     static void K9SYS_CALL OnMessage(K9SysLogLevel level, const char* module, const char* text,
                                      std::uint32_t code, void* context);
     void Add(std::uint32_t code, const char* text);
+    void Tell(const char* text);
 
+    bool m_catching = false;  // set before another thread runs
     std::mutex m_mutex;
+    Listener m_listener;                     // guarded by m_mutex
     std::vector<LibraryMessage> m_messages;  // guarded by m_mutex; at most kMessagesMax
 };
 

@@ -13,6 +13,10 @@ namespace {
 constexpr auto kShowEvery = std::chrono::milliseconds(200);
 constexpr const char* kEraseLine = "\r\033[K";
 
+double Megabytes(std::uint64_t bytes) {
+    return static_cast<double>(bytes) / 1e6;
+}
+
 }  // namespace
 
 ProgressLine::ProgressLine()
@@ -23,18 +27,28 @@ ProgressLine::~ProgressLine() {
 }
 
 void ProgressLine::Show(std::uint64_t records, std::uint64_t bytes) {
-    if (!m_enabled) {
-        return;
+    if (IsDue()) {
+        Rewrite(fmt::format("{} records, {:.1f} MB, {:.1f} MB/s", records, Megabytes(bytes),
+                            Megabytes(bytes) / Seconds()));
     }
-    const Clock::time_point now = Clock::now();
-    if (now - m_lastShown < kShowEvery) {
-        return;
+}
+
+void ProgressLine::ShowCopied(std::uint64_t bytes, std::uint64_t total, std::string_view remark) {
+    const bool atEitherEnd = bytes == 0 || bytes == total;
+    if (IsDue() || (m_enabled && atEitherEnd)) {
+        Rewrite(fmt::format("copied {:.1f} of {:.1f} MB{}", Megabytes(bytes), Megabytes(total),
+                            remark));
     }
-    m_lastShown = now;
+}
+
+bool ProgressLine::IsDue() const {
+    return m_enabled && Clock::now() - m_lastShown >= kShowEvery;
+}
+
+void ProgressLine::Rewrite(const std::string& text) {
+    m_lastShown = Clock::now();
     m_visible = true;
-    const double megabytes = static_cast<double>(bytes) / 1e6;
-    PrintMessage(fmt::format("{}{} records, {:.1f} MB, {:.1f} MB/s", kEraseLine, records, megabytes,
-                             megabytes / Seconds()));
+    PrintMessage(kEraseLine + text);
 }
 
 void ProgressLine::Clear() {

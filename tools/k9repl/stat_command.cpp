@@ -1,15 +1,17 @@
 // The stat command: asks the storage and its files, prints one fact a line or one JSON object.
 #include "stat_command.h"
 
-#include <fmt/format.h>
-
-#include <cstdint>
-#include <limits>
 #include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "conn_string.h"
 #include "index_facts.h"
 #include "output.h"
+#include "squeeze_files.h"
+#include "storage_facts.h"
 #include "storage_handle.h"
 #include "tool_error.h"
 
@@ -24,45 +26,39 @@ struct Fact {
     nlohmann::ordered_json value;
 };
 
-std::uint32_t K9EREPL_CALL TakeRevision(const K9eReplRec* record, void* cbContext) {
-    *static_cast<std::int64_t*>(cbContext) = record->rev;
-    return RC_ENUM_STOP;
-}
-
-// The revision of the first record that is served; null in an empty storage.
-nlohmann::ordered_json OldestRev(const StorageHandle& storage) {
-    std::int64_t rev = 0;
-    const std::uint32_t code = K9eReplStorageEnumRecords(
-        storage.Get(), 0, std::numeric_limits<std::int64_t>::max(), &TakeRevision, &rev);
-    if (rev == 0) {
-        storage.Check(code, "read");
-        return nullptr;
-    }
-    return rev;
-}
-
 template <typename T>
 nlohmann::ordered_json OrNull(const std::optional<T>& value) {
     return value ? nlohmann::ordered_json(*value) : nlohmann::ordered_json();
 }
 
+void AddFileBeside(std::vector<Fact>& facts, const std::optional<FileBeside>& file,
+                   std::pair<const char*, const char*> pathNames,
+                   std::pair<const char*, const char*> sizeNames) {
+    if (file) {
+        facts.push_back({pathNames.first, pathNames.second, file->path});
+        facts.push_back({sizeNames.first, sizeNames.second, file->size});
+    }
+}
+
 std::vector<Fact> Gather(const StorageHandle& storage, const std::string& conn) {
-    std::uint32_t lifenum = 0;
-    std::int64_t clearMark = 0;
-    storage.Check(K9eReplStorageGetLifenum(storage.Get(), &lifenum), "ask the life number of");
-    storage.Check(K9eReplStorageGetClearOldRev(storage.Get(), &clearMark), "ask the clear mark of");
+    const StorageFacts known = ReadFacts(storage);
     const std::string indexPath = IndexPath(conn);
-    return {
-        {"storage file", "file", StoragePath(conn)},
+    std::vector<Fact> facts = {
+        {"storage file", "file", storage.Path()},
         {"index file", "indexFile", indexPath},
-        {"next revision", "nextRev", storage.NextRev()},
-        {"oldest revision", "oldestRev", OldestRev(storage)},
-        {"life number", "lifeNumber", lifenum},
-        {"clear mark", "clearMark", clearMark},
-        {"storage file size", "fileSize", OrNull(FileSize(StoragePath(conn)))},
+        {"next revision", "nextRev", known.nextRev},
+        {"oldest revision", "oldestRev", OrNull(known.oldestRev)},
+        {"life number", "lifeNumber", known.lifenum},
+        {"clear mark", "clearMark", known.clearMark},
+        {"storage file size", "fileSize", OrNull(known.fileSize)},
         {"index file size", "indexSize", OrNull(FileSize(indexPath))},
         {"blocks in the index", "blocks", OrNull(IndexedBlocks(indexPath))},
     };
+    AddFileBeside(facts, FindBackup(storage.Path()), {"backup file", "backupFile"},
+                  {"backup file size", "backupSize"});
+    AddFileBeside(facts, FindTemporary(storage.Path()), {"temporary file", "temporaryFile"},
+                  {"temporary file size", "temporarySize"});
+    return facts;
 }
 
 std::string AsJson(const std::vector<Fact>& facts) {
@@ -83,7 +79,7 @@ std::string AsText(const std::vector<Fact>& facts) {
         } else if (!fact.value.is_null()) {
             value = fact.value.dump();
         }
-        text += fmt::format("{:<20} {}\n", fact.label, value);
+        text += FactLine(fact.label, value);
     }
     return text;
 }

@@ -10,43 +10,51 @@
 
 #include "conn_string.h"
 #include "result_names.h"
+#include "squeeze_files.h"
 #include "tool_error.h"
 
 namespace k9repl {
 
 namespace {
 
-std::string NameOf(const std::string& conn) {
-    const std::string path = StoragePath(conn);
+std::string NameOf(const std::string& path) {
     return path.empty() ? "the storage" : fmt::format("the storage '{}'", path);
 }
 
-// A storage that is not there is the commonest slip; it gets a sentence of its own.
-void ExplainMissingFile(const std::string& conn, std::uint32_t code) {
-    const std::string path = StoragePath(conn);
+bool IsMissing(const std::string& path) {
     std::error_code ignored;
-    if (code == RC_SYSTEM_ERROR && !path.empty() && !std::filesystem::exists(path, ignored)) {
-        throw ToolError(fmt::format("there is no storage file '{}'; append --create makes it ({})",
-                                    path, DescribeResult(code)));
+    return !path.empty() && !std::filesystem::exists(path, ignored);
+}
+
+// A storage that is not there is the commonest slip; it gets a sentence of its own.
+void ExplainMissingFile(const std::string& path, std::uint32_t code) {
+    if (code != RC_SYSTEM_ERROR || !IsMissing(path)) {
+        return;
     }
+    std::string sentence = MissingButBackedUp(path);
+    if (sentence.empty()) {
+        sentence = fmt::format("there is no storage file '{}'; append --create makes it", path);
+    }
+    throw ToolError(fmt::format("{} ({})", sentence, DescribeResult(code)));
 }
 
 }  // namespace
 
 void CreateStorage(const std::string& conn) {
     constexpr std::uint32_t kKeepExisting = 0x2;
+    const std::string path = StoragePath(conn);
+    if (const std::string sentence = MissingButBackedUp(path); !sentence.empty()) {
+        throw ToolError(sentence + "; to begin an empty storage, move the backup away first");
+    }
     if (const std::uint32_t code = K9eReplStorageCreate(conn.c_str(), kKeepExisting)) {
-        throw LibraryError("create " + NameOf(conn), code);
+        throw LibraryError("create " + NameOf(path), code);
     }
 }
 
-StorageHandle::StorageHandle(const std::string& conn) : m_name(NameOf(conn)) {
+StorageHandle::StorageHandle(const std::string& conn)
+    : m_path(StoragePath(conn)), m_name(NameOf(m_path)) {
     Open(conn);
-    const std::uint32_t code = K9eReplStorageLoad(m_handle);
-    if (code != RC_OK) {
-        Close();
-        throw LibraryError("load " + m_name, code);
-    }
+    Load();
 }
 
 StorageHandle::~StorageHandle() {
@@ -55,8 +63,16 @@ StorageHandle::~StorageHandle() {
 
 void StorageHandle::Open(const std::string& conn) {
     if (const std::uint32_t code = K9eReplStorageOpen(conn.c_str(), &m_handle)) {
-        ExplainMissingFile(conn, code);
+        ExplainMissingFile(m_path, code);
         throw LibraryError("open " + m_name, code);
+    }
+}
+
+void StorageHandle::Load() {
+    if (const std::uint32_t code = K9eReplStorageLoad(m_handle)) {
+        Close();
+        ExplainMissingFile(m_path, code);
+        throw LibraryError("load " + m_name, code);
     }
 }
 
@@ -66,9 +82,12 @@ void StorageHandle::Close() {
     }
 }
 
-bool StorageHandle::HasFile() const {
+void StorageHandle::RequireFile(const std::string& done) const {
     void* file = nullptr;
-    return K9eReplStorageGetLLStorage(m_handle, &file) == RC_OK;
+    if (K9eReplStorageGetLLStorage(m_handle, &file) != RC_OK) {
+        throw ToolError(fmt::format(
+            "nothing {} {} would be kept: flush_mode=NoFlush writes no file", done, m_name));
+    }
 }
 
 std::int64_t StorageHandle::NextRev() const {

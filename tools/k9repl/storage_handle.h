@@ -10,7 +10,8 @@
 
 namespace k9repl {
 
-// Makes the storage file that `conn` names unless there is one.
+// Makes the storage file that `conn` names unless there is one. Throws ToolError, also where a
+// backup of the missing file waits to be put in its place.
 void CreateStorage(const std::string& conn);
 
 class StorageHandle {
@@ -26,8 +27,10 @@ class StorageHandle {
     void* Get() const { return m_handle; }
     // The storage in a sentence: "the storage 'data.edb'".
     const std::string& Name() const { return m_name; }
-    // Whether there is a storage file that is written.
-    bool HasFile() const;
+    // Its file's path, as the connection string has it.
+    const std::string& Path() const { return m_path; }
+    // Throws "nothing DONE the storage would be kept" when there is no file that is written.
+    void RequireFile(const std::string& done) const;
     std::int64_t NextRev() const;
 
     // Throws "cannot ACTION the storage 'data.edb': ..." unless `code` is RC_OK.
@@ -35,7 +38,9 @@ class StorageHandle {
 
   private:
     void Open(const std::string& conn);
+    void Load();
 
+    std::string m_path;
     std::string m_name;
     void* m_handle = nullptr;
 };

@@ -1,10 +1,11 @@
-// Whether somebody watches. Used by the progress line.
+// Whether somebody watches, and can answer. Used by the progress line and by questions.
 #ifndef K9EREPL_K9REPL_TERMINAL_H
 #define K9EREPL_K9REPL_TERMINAL_H
 
 namespace k9repl {
 
 bool StandardErrorIsTerminal();
+bool StandardInputIsTerminal();
 
 }  // namespace k9repl
 

@@ -1,4 +1,4 @@
-// Asks the system about standard error.
+// Asks the system about the standard streams.
 #include "terminal.h"
 
 #include <unistd.h>
@@ -7,6 +7,10 @@ namespace k9repl {
 
 bool StandardErrorIsTerminal() {
     return isatty(STDERR_FILENO) == 1;
+}
+
+bool StandardInputIsTerminal() {
+    return isatty(STDIN_FILENO) == 1;
 }
 
 }  // namespace k9repl

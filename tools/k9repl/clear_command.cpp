@@ -1,0 +1,137 @@
+// The clear command: looks, clears, looks again, and tells the difference.
+#include "clear_command.h"
+
+#include <fmt/format.h>
+
+#include "file_identity.h"
+#include "index_facts.h"
+#include "removal_report.h"
+#include "squeeze_files.h"
+#include "squeeze_progress.h"
+#include "storage_facts.h"
+#include "storage_handle.h"
+#include "tool_error.h"
+
+namespace k9repl {
+
+namespace {
+
+bool Squeezes(ClearMode mode) {
+    return mode == ClearMode::kSqueeze || mode == ClearMode::kSqueezeBackup;
+}
+
+// One run of the command, from the loaded storage to its close.
+class ClearRun {
+  public:
+    explicit ClearRun(const ClearOptions& options) : m_options(options), m_storage(options.conn) {
+        m_storage.RequireFile("done to");
+        m_before = ReadFacts(m_storage);
+        m_fileBefore = IdentityOf(m_storage.Path());
+    }
+
+    int Run() {
+        RefuseWhatCannotSqueeze();
+        ThrowIfInterrupted("; nothing was changed");
+        Clear();
+        m_after = ReadFacts(m_storage);
+        m_storage.Close();
+        m_after.fileSize = FileSize(m_storage.Path());
+        PrintReport(FactLine("cleared", Outcome()) + DescribeChange(m_before, m_after) +
+                        BackupLine(m_storage.Path(), MadeBackup()),
+                    "the clear is done");
+        ThrowIfInterrupted("; the clear is done all the same");
+        return kExitSuccess;
+    }
+
+  private:
+    bool MaySqueeze() const { return Squeezes(m_options.mode) && m_options.to < m_before.nextRev; }
+
+    // The library would notice only after it has cleared logically.
+    void RefuseWhatCannotSqueeze() const {
+        const bool removes = m_before.oldestRev && *m_before.oldestRev < m_options.to;
+        const std::string obstacle = TemporaryInTheWay(m_storage.Path());
+        if (MaySqueeze() && removes && !obstacle.empty()) {
+            throw ToolError(fmt::format("cannot squeeze {}: {}", m_storage.Name(), obstacle));
+        }
+    }
+
+    // Where no record is below the revision, the library is asked for one that clears nothing: it
+    // still squeezes what was cleared logically before, and never copies a file for nothing.
+    std::int64_t EffectiveRev() const {
+        const bool removesNothing = m_before.oldestRev && m_options.to <= *m_before.oldestRev;
+        return removesNothing && m_options.mode != ClearMode::kMark ? 0 : m_options.to;
+    }
+
+    void Clear() {
+        std::uint32_t code = RC_OK;
+        const std::string obstacle = TemporaryInTheWay(m_storage.Path());
+        {
+            const SqueezeProgress progress;
+            code = K9eReplStorageClearOldRev(m_storage.Get(), EffectiveRev(),
+                                             static_cast<std::uint32_t>(m_options.mode));
+        }
+        if (code != RC_OK) {
+            const ToolError error = LibraryError("clear " + m_storage.Name(), code);
+            m_storage.Close();
+            throw ToolError(error.what() + WhereTheDataIs(obstacle));
+        }
+    }
+
+    // Behind a failed clear.
+    std::string WhereTheDataIs(const std::string& obstacle) const {
+        if (const std::string backedUp = MissingButBackedUp(m_storage.Path()); !backedUp.empty()) {
+            return "; " + backedUp;
+        }
+        if (MaySqueeze() && !obstacle.empty()) {
+            return "; " + obstacle;
+        }
+        return "; " + Reopened();
+    }
+
+    // What is seen is worth more than what is promised.
+    std::string Reopened() const {
+        try {
+            const StorageHandle storage(m_options.conn);
+            const StorageFacts now = ReadFacts(storage);
+            return fmt::format("the storage is whole, oldest revision {}, next revision {}",
+                               now.oldestRev ? std::to_string(*now.oldestRev) : "none",
+                               now.nextRev);
+        } catch (const ToolError& error) {
+            return error.what();
+        }
+    }
+
+    std::string Outcome() const {
+        if (m_options.mode == ClearMode::kMark) {
+            return fmt::format("nothing: the clear mark is {} now", m_after.clearMark);
+        }
+        const bool squeezed = WasSqueezed();
+        if (m_after.oldestRev != m_before.oldestRev) {
+            return m_after.oldestRev ? fmt::format("the revisions below {}", m_options.to)
+                                     : "everything: no record is left";
+        }
+        const std::string why = m_before.oldestRev
+                                    ? fmt::format("the oldest revision, {}, is not below {}",
+                                                  *m_before.oldestRev, m_options.to)
+                                    : "the storage holds no record";
+        return fmt::format("nothing{}: {}", squeezed ? " new, but squeezed" : "", why);
+    }
+
+    // The storage file is another one then.
+    bool WasSqueezed() const { return IdentityOf(m_storage.Path()) != m_fileBefore; }
+    bool MadeBackup() const { return m_options.mode == ClearMode::kSqueezeBackup && WasSqueezed(); }
+
+    const ClearOptions& m_options;
+    StorageHandle m_storage;
+    StorageFacts m_before;
+    StorageFacts m_after;
+    FileIdentity m_fileBefore;
+};
+
+}  // namespace
+
+int RunClear(const ClearOptions& options) {
+    return ClearRun(options).Run();
+}
+
+}  // namespace k9repl

@@ -1,0 +1,127 @@
+// The help that teaches the commands. Used by the command line alone.
+#ifndef K9EREPL_K9REPL_HELP_TEXTS_H
+#define K9EREPL_K9REPL_HELP_TEXTS_H
+
+namespace k9repl {
+
+inline constexpr const char* kMainHelp =
+    "Looks into, feeds and clears a replication storage: a file of records with rising "
+    "revisions.\n";
+
+inline constexpr const char* kMainFooter = R"(
+A storage is named and configured by a connection string, items KEY=VALUE separated by ';':
+  file=PATH                 the storage file; the index file lies beside it
+  block_size=BYTES          memory block; a record has at most BYTES-24 of data (default 1048672)
+  flush_trans_num=N         transactions a flush (default 10)
+  force_flush=yes           each flush reaches the disk, not only the system (default no)
+  cache_type=AllInMem;flush_mode=NoFlush;file=PATH
+                            only looks: reads the file into memory and writes nothing
+docs/configuration.md has all of them. Put the string in quotes: a shell splits it at ';'.
+
+Examples:
+  k9repl append --create --conn 'file=/tmp/log.edb' /var/log/dpkg.log
+  k9repl cat --conn 'file=/tmp/log.edb' --from 10 --to 20
+  k9repl stat --conn 'file=/tmp/log.edb'
+  k9repl clear --conn 'file=/tmp/log.edb' --to 15 --mode squeeze-backup
+  k9repl COMMAND --help
+
+Exit status: 0 success, 1 failure, 2 wrong command line, 128+N interrupted by signal N.
+The cause of a failure is told on standard error. K9SYS_LOG=info prints the library's log there.)";
+
+inline constexpr const char* kAppendHelp = "Appends records from a file or a pipe to a storage";
+
+inline constexpr const char* kAppendFooter = R"(
+Each line of FILE, or of standard input, becomes one record, without its newline.
+An empty line is a record without data; bytes behind the last newline are a record, too.
+On SIGINT, SIGTERM or SIGHUP the records read so far are committed and the storage is closed.
+After a failure the records before it are committed, and the message tells the last revision that
+is safely stored. "Stored" is what the settings make of it: without force_flush=yes it survives
+the end of this process, not a power cut.
+
+Examples:
+  k9repl append --create --conn 'file=log.edb' /var/log/dpkg.log
+  journalctl -f | k9repl append --conn 'file=log.edb;force_flush=yes' --per-trans 1
+  k9repl cat --conn 'file=a.edb' --format length-prefixed |
+      k9repl append --create --conn 'file=b.edb' --length-prefixed)";
+
+inline constexpr const char* kCatHelp = "Prints the records of a storage in the order of revisions";
+
+inline constexpr const char* kCatFooter = R"(
+Formats:
+  lines            the data and a newline
+  raw              the data, nothing between records
+  json             an object a line: {"rev":1,"userWord":0,"size":5,"data":"hello"};
+                   data that is no valid UTF-8 comes as "base64" instead of "data"
+  length-prefixed  32-bit little-endian length, then the data; append --length-prefixed reads it
+
+Examples:
+  k9repl cat --conn 'file=log.edb'
+  k9repl cat --conn 'file=log.edb' --from 100 --to 199 --format json
+  k9repl cat --conn 'cache_type=AllInMem;flush_mode=NoFlush;file=log.edb' | sha256sum)";
+
+inline constexpr const char* kStatHelp =
+    "Prints revisions, marks, file sizes and the number of blocks";
+
+inline constexpr const char* kStatFooter = R"(
+"next revision" is the one that the next record gets, "oldest revision" that of the first record
+that is still served. "none" stands for what does not exist. A ".backup" and a ".temporary" that
+a squeeze has left beside the storage are told with their sizes; see k9repl clear --help.
+
+Examples:
+  k9repl stat --conn 'file=log.edb'
+  k9repl stat --conn 'file=log.edb' --format json)";
+
+inline constexpr const char* kClearHelp = "Takes the revisions below a revision away";
+
+inline constexpr const char* kClearFooter = R"(
+The records below R go, R itself is kept; records keep their revisions. What MODE does to the
+storage file:
+  logical         The file keeps the records and grows by a mark of 32 bytes; they are not served
+                  any more. Quick. A later squeeze takes them out of the file.
+  squeeze         What is kept is copied to PATH.temporary, and when the copy is complete and on the
+                  disk it takes the place of the file at PATH. The records below R are gone for
+                  good.
+  squeeze-backup  The same, and the file as it was before stays as PATH.backup, in place of an
+                  older backup. It is a storage of its own: file=PATH.backup opens it.
+  mark            Notes R as the clear mark of the storage. No record goes.
+
+R at or above the next revision takes EVERYTHING away, with every mode but mark: the file is begun
+anew in its place, keeps its size on disk unless the connection string has file_initial_size, and,
+with squeeze-backup too, NO BACKUP IS MADE. R not above the oldest revision has nothing to do; a
+squeeze then only takes out what was cleared logically before.
+
+Disk room: a squeeze needs room for a second copy of what is kept. The old file's room is free when
+it is done; with squeeze-backup it is free when you delete PATH.backup.
+
+When something goes wrong, at every moment either the file at PATH or PATH.backup is whole:
+  PATH.temporary is left behind by a squeeze that was killed. It is an unfinished copy; the storage
+  at PATH is whole. Delete it and run the command again, unless another process is squeezing.
+  PATH.backup without PATH is left where the file system knows no second names for a file and the
+  end came between two renames. All data is in it: rename it to PATH.
+stat, and every command that meets such a file, says so. An interrupt (SIGINT, SIGTERM, SIGHUP) lets
+a squeeze finish, then the status tells the signal; a second one ends it at once, which is safe and
+leaves PATH.temporary.
+
+Examples:
+  k9repl clear --conn 'file=log.edb' --to 1000 --mode logical
+  k9repl clear --conn 'file=log.edb' --to 1000 --mode squeeze-backup
+  k9repl cat --conn 'file=log.edb.backup' --to 999)";
+
+inline constexpr const char* kTruncateHelp = "Throws everything in a storage away";
+
+inline constexpr const char* kTruncateFooter = R"(
+All records go for good and no backup is made; the next revision is 1 again, life number and clear
+mark are 0. The file at PATH stays, begun anew in its place: it keeps its size on disk, unless the
+connection string has file_initial_size, whose size it gets then. PATH.backup of an earlier squeeze
+is not touched. To keep the revisions rising, use clear with R at the next revision instead.
+
+Asks before it does anything. Without a terminal to ask on it refuses, and changes nothing, unless
+--yes is given.
+
+Examples:
+  k9repl truncate --conn 'file=log.edb'
+  k9repl truncate --yes --conn 'file=log.edb')";
+
+}  // namespace k9repl
+
+#endif  // K9EREPL_K9REPL_HELP_TEXTS_H

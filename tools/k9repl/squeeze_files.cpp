@@ -1,0 +1,78 @@
+// Looks for the files and words what they mean.
+#include "squeeze_files.h"
+
+#include <fmt/format.h>
+
+#include <filesystem>
+#include <system_error>
+
+#include "index_facts.h"
+
+namespace k9repl {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// The library replaces what a link leads to, not the link.
+std::string FollowLink(const std::string& path) {
+    constexpr int kLinksAtMost = 40;
+    fs::path reached = path;
+    for (int followed = 0; followed < kLinksAtMost; ++followed) {
+        std::error_code error;
+        const fs::path target = fs::read_symlink(reached, error);
+        if (error) {
+            return reached.string();
+        }
+        reached = reached.parent_path() / target;
+    }
+    return path;
+}
+
+std::optional<FileBeside> Find(const std::string& storagePath, const char* ending) {
+    if (storagePath.empty()) {
+        return std::nullopt;
+    }
+    const std::string path = FollowLink(storagePath) + ending;
+    const std::optional<std::uint64_t> size = FileSize(path);
+    return size ? std::optional(FileBeside{path, *size}) : std::nullopt;
+}
+
+}  // namespace
+
+std::optional<FileBeside> FindTemporary(const std::string& storagePath) {
+    return Find(storagePath, ".temporary");
+}
+
+std::optional<FileBeside> FindBackup(const std::string& storagePath) {
+    return Find(storagePath, ".backup");
+}
+
+std::string Describe(const FileBeside& file) {
+    return fmt::format("'{}' ({} bytes)", file.path, file.size);
+}
+
+std::string MissingButBackedUp(const std::string& storagePath) {
+    std::error_code ignored;
+    const std::optional<FileBeside> backup = FindBackup(storagePath);
+    if (!backup || fs::exists(storagePath, ignored)) {
+        return {};
+    }
+    return fmt::format(
+        "there is no storage file '{}', but its backup {} is there; when a squeeze was cut off, "
+        "all data is in the backup: rename it to '{}'",
+        storagePath, Describe(*backup), FollowLink(storagePath));
+}
+
+std::string TemporaryInTheWay(const std::string& storagePath) {
+    const std::optional<FileBeside> temporary = FindTemporary(storagePath);
+    if (!temporary) {
+        return {};
+    }
+    return fmt::format(
+        "{} is in the way, the unfinished copy of a squeeze that was cut off; the storage at '{}' "
+        "is whole: delete '{}' and run the command again",
+        Describe(*temporary), storagePath, temporary->path);
+}
+
+}  // namespace k9repl

@@ -1,0 +1,35 @@
+// The files that a squeeze makes beside a storage file: ".temporary", the copy while it is not yet
+// complete, and ".backup", the file as it was before. Where one was left behind, these sentences
+// say what it is and what to do. Used wherever a storage is opened, by stat and by clear.
+#ifndef K9EREPL_K9REPL_SQUEEZE_FILES_H
+#define K9EREPL_K9REPL_SQUEEZE_FILES_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace k9repl {
+
+struct FileBeside {
+    std::string path;
+    std::uint64_t size;  // in bytes
+};
+
+// The files beside the storage file at `storagePath`, when they are there. Where that path is a
+// symbolic link they lie beside what it leads to.
+std::optional<FileBeside> FindTemporary(const std::string& storagePath);
+std::optional<FileBeside> FindBackup(const std::string& storagePath);
+
+// "'data.edb.backup' (1064 bytes)".
+std::string Describe(const FileBeside& file);
+
+// That the data is in the backup; empty unless the storage file is missing while a backup is there.
+std::string MissingButBackedUp(const std::string& storagePath);
+
+// That a temporary file is in the way of a squeeze; empty when there is none.
+// REQUIRES: the file at `storagePath` was opened as a storage.
+std::string TemporaryInTheWay(const std::string& storagePath);
+
+}  // namespace k9repl
+
+#endif  // K9EREPL_K9REPL_SQUEEZE_FILES_H

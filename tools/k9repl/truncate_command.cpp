@@ -1,0 +1,55 @@
+// The truncate command: asks, truncates, and tells what is gone.
+#include "truncate_command.h"
+
+#include <fmt/format.h>
+
+#include "confirmation.h"
+#include "conn_string.h"
+#include "index_facts.h"
+#include "removal_report.h"
+#include "storage_facts.h"
+#include "storage_handle.h"
+#include "tool_error.h"
+
+namespace k9repl {
+
+namespace {
+
+// Asks before the storage is opened: who takes a day to answer keeps no other process from it.
+void AskFirst(const std::string& path) {
+    if (!CanAsk()) {
+        throw ToolError(
+            "there is no terminal to ask for confirmation on; --yes truncates without asking; "
+            "nothing was changed",
+            kExitUsage);
+    }
+    const auto size = FileSize(path);
+    // A storage that is not there needs no question: opening it fails.
+    if (size && !Confirm(fmt::format("Throw away everything in the storage '{}' ({} bytes)?", path,
+                                     *size))) {
+        throw ToolError("not confirmed; nothing was changed");
+    }
+}
+
+}  // namespace
+
+int RunTruncate(const TruncateOptions& options) {
+    if (!options.yes) {
+        AskFirst(StoragePath(options.conn));
+    }
+    StorageHandle storage(options.conn);
+    storage.RequireFile("done to");
+    const StorageFacts before = ReadFacts(storage);
+    ThrowIfInterrupted("; nothing was changed");
+    storage.Check(K9eReplStorageTruncate(storage.Get()), "truncate");
+    StorageFacts after = ReadFacts(storage);
+    storage.Close();
+    after.fileSize = FileSize(storage.Path());
+    PrintReport(FactLine("truncated", "everything is thrown away") + DescribeChange(before, after) +
+                    BackupLine(storage.Path(), false),
+                "the truncation is done");
+    ThrowIfInterrupted("; the truncation is done all the same");
+    return kExitSuccess;
+}
+
+}  // namespace k9repl
