@@ -1,0 +1,31 @@
+// Opens a copy of a storage file as a storage of its own and compares it with what it should hold.
+// The runner does so in the middle of a run and with backups.
+#ifndef K9EREPL_TESTS_MODEL_FILE_LOOK_H
+#define K9EREPL_TESTS_MODEL_FILE_LOOK_H
+
+#include <k9erepl/storage.h>
+
+#include <string>
+
+#include "model/content.h"
+#include "model/verdict.h"
+
+namespace k9erepl::model {
+
+// Whether `got` is exactly this record; else a failure of `verdict`, as `what`.
+bool ExpectRecord(const K9eReplRec& got, Records::const_iterator expected,
+                  Records::const_iterator end, const std::string& what, Verdict& verdict);
+
+struct FileLook {
+    std::string path;       // of the file to look at, which stays as it is
+    std::string indexPath;  // of its index; empty: look without one
+    std::string workPath;   // where the copy is made and removed again
+    u32 cacheBlocks = 0;    // 0: AllInMem
+    std::string what;       // begins the name of a failure
+};
+
+void ExpectContent(const FileLook& look, const Content& content, Verdict& verdict);
+
+}  // namespace k9erepl::model
+
+#endif  // K9EREPL_TESTS_MODEL_FILE_LOOK_H

@@ -1,0 +1,45 @@
+// The model-based test as part of every test run: 200 seeds of 2,000 operations, in groups that
+// may run side by side. A failure prints the seed, a shortened script and how to replay it.
+#include <gtest/gtest.h>
+
+#include <iostream>
+
+#include "model/seed_run.h"
+#include "platform/system_calls.h"
+
+namespace k9erepl::model {
+
+namespace {
+
+constexpr u64 kSeedsPerGroup = 10;
+constexpr std::size_t kOperations = 2000;
+
+// Nothing here is about the disk, which would take most of the time.
+class ModelGroup : public ::testing::TestWithParam<u64> {
+  protected:
+    ModelGroup() : m_saved(platform::TheSystemCalls()) {
+        platform::TheSystemCalls().flushFile = [](platform::NativeFile) { return true; };
+        platform::TheSystemCalls().flushDirectory = [](const char*) { return true; };
+        KeepQuiet();
+    }
+    ~ModelGroup() override { platform::TheSystemCalls() = m_saved; }
+
+  private:
+    platform::SystemCalls m_saved;
+};
+
+TEST_P(ModelGroup, AgreesWithTheLibrary) {
+    for (u64 i = 0; i < kSeedsPerGroup; ++i) {
+        const u64 seed = GetParam() * kSeedsPerGroup + i;
+        // Before the run: should it end the process, the last one told is the one.
+        std::cout << "model_run --seed " << seed << " --operations " << kOperations << std::endl;
+        EXPECT_EQ(RunAndReport({.seed = seed, .operations = kOperations, .only = {}}, &RunHere),
+                  "");
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, ModelGroup, ::testing::Range<u64>(0, 20));
+
+}  // namespace
+
+}  // namespace k9erepl::model

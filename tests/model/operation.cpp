@@ -1,0 +1,120 @@
+// How the steps of a script read.
+#include "model/operation.h"
+
+namespace k9erepl::model {
+
+namespace {
+
+std::string Shifted(const std::string& base, i64 shift) {
+    if (shift == 0) {
+        return base;
+    }
+    return base + (shift > 0 ? "+" : "") + std::to_string(shift);
+}
+
+std::string Text(const RevChoice& choice) {
+    switch (choice.place) {
+        case RevPlace::kAbsolute:
+            return std::to_string(choice.shift);
+        case RevPlace::kKept:
+            return Shifted("kept[" + std::to_string(choice.permille) + "/1000]", choice.shift);
+        case RevPlace::kOldest:
+            return Shifted("oldest", choice.shift);
+        case RevPlace::kNext:
+        case RevPlace::kTransaction:
+            return Shifted("next", choice.shift);
+        case RevPlace::kLowest:
+            return Shifted("lowest", choice.shift);
+        case RevPlace::kHighest:
+            return Shifted("highest", choice.shift);
+    }
+    return "?";
+}
+
+std::string Text(const SizeChoice& choice) {
+    const std::string number = std::to_string(choice.number);
+    switch (choice.of) {
+        case SizeClass::kBytes:
+            return number + " bytes";
+        case SizeClass::kPermille:
+            return number + "/1000 of a block";
+        case SizeClass::kFits:
+            return "a block less " + number;
+        case SizeClass::kTooLarge:
+            return "a block and " + std::to_string(choice.number + 1);
+        case SizeClass::kClaim:
+            return "a claim of 4 GiB less " + std::to_string(choice.number + 1);
+    }
+    return "?";
+}
+
+std::string Text(const ReopenPlan& plan) {
+    static constexpr const char* kFates[] = {"", ", index deleted", ", index damaged",
+                                             ", older index restored"};
+    static constexpr const char* kCreates[] = {"", ", create refused", ", create leaves it",
+                                               ", create replaces it", ", deleted and created"};
+    static constexpr const char* kKinds[] = {"", " (without file)", " (without writing)"};
+    return plan.settings.Describe() + kKinds[static_cast<int>(plan.settings.kind)] +
+           kCreates[static_cast<int>(plan.create)] + kFates[static_cast<int>(plan.index)] +
+           (plan.saveIndex ? ", index saved" : "") + (plan.load ? "" : ", not loaded") +
+           (plan.tooSmall ? ", blocks may be too small" : "");
+}
+
+std::string VisitorText(const Operation& operation) {
+    if (operation.count == 0) {
+        return "";
+    }
+    const std::string at = ", at record " + std::to_string(operation.count);
+    if (!operation.acts) {
+        return at + " answer " + std::to_string(operation.stopCode);
+    }
+    return at + " " + NameOf(operation.action) + " rev " + Text(operation.rev) + " mode " +
+           std::to_string(operation.mode) + ", " + Text(operation.size);
+}
+
+std::string Arguments(const Operation& operation) {
+    switch (operation.kind) {
+        case OpKind::kInsert:
+            return Text(operation.size);
+        case OpKind::kInsertPrepared:
+            return Text(operation.rev) + ", " + Text(operation.size);
+        case OpKind::kInsertMany:
+            return std::to_string(operation.count) + " records of " + Text(operation.size);
+        case OpKind::kEnumerate:
+            return Text(operation.from) + " to " + Text(operation.to) + VisitorText(operation);
+        case OpKind::kEnumerateFrom:
+            return Text(operation.from) + VisitorText(operation);
+        case OpKind::kEnumerateWithoutVisitor:
+            return Text(operation.from) + " to " + Text(operation.to);
+        case OpKind::kClear:
+            return "to " + Text(operation.rev) + " mode " + std::to_string(operation.mode);
+        case OpKind::kClearAll:
+            return "mode " + std::to_string(operation.mode);
+        case OpKind::kSetLifenum:
+            return std::to_string(operation.word);
+        case OpKind::kReopen:
+            return Text(operation.reopen);
+        default:
+            return "";
+    }
+}
+
+}  // namespace
+
+const char* NameOf(OpKind kind) {
+    static constexpr const char* kNames[] = {
+        "Begin",      "Commit",        "Rollback",
+        "Insert",     "InsertP",       "InsertMany",
+        "Enumerate",  "EnumerateFrom", "EnumerateWithoutVisitor",
+        "Clear",      "ClearAll",      "Truncate",
+        "SetLifenum", "Load",          "FlushOnIdle",
+        "LookAtFile", "Reopen"};
+    return kNames[static_cast<std::size_t>(kind)];
+}
+
+std::string Describe(const Operation& operation) {
+    return std::to_string(operation.number) + " " + NameOf(operation.kind) + " " +
+           Arguments(operation);
+}
+
+}  // namespace k9erepl::model

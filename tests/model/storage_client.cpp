@@ -1,0 +1,83 @@
+// The library's calls; see the header.
+#include "model/storage_client.h"
+
+#include <cstring>
+#include <utility>
+
+namespace k9erepl::model {
+
+namespace {
+
+void K9EREPL_CALL OnFlush(i64 lastRev, void* context) {
+    static_cast<std::vector<i64>*>(context)->push_back(lastRev);
+}
+
+u32 K9EREPL_CALL OnRecord(const K9eReplRec* record, void* context) {
+    return (*static_cast<const RecordVisitor*>(context))(*record);
+}
+
+void* Context(const RecordVisitor& visitor) {
+    return const_cast<RecordVisitor*>(&visitor);
+}
+
+}  // namespace
+
+u32 StorageClient::Open(const std::string& connString) {
+    Close();
+    m_flushed.clear();
+    if (u32 rc = K9eReplStorageOpen(connString.c_str(), &m_handle); rc != RC_OK) {
+        return rc;
+    }
+    return K9eReplStorageSetOnFlushCallback(m_handle, &OnFlush, &m_flushed);
+}
+
+void StorageClient::Close() {
+    if (m_handle != nullptr) {
+        K9eReplStorageClose(std::exchange(m_handle, nullptr));
+    }
+}
+
+IK9eReplDS& StorageClient::DataSource() const {
+    IK9eReplDS* source = nullptr;
+    static_cast<IK9eReplStorage*>(m_handle)->GetDS(&source);
+    return *source;
+}
+
+u32 StorageClient::Insert(const PlannedRecord& planned, const i64* prepared, i64* rev) {
+    const std::string& data = planned.record.data;
+    m_buffer.resize((sizeof(K9eReplRec) + data.size()) / sizeof(u64) + 1);
+    auto* record = reinterpret_cast<K9eReplRec*>(m_buffer.data());
+    record->rev = prepared != nullptr ? *prepared : -77;
+    record->userWord = planned.record.userWord;
+    record->dataSize = planned.dataSize;
+    if (!data.empty()) {
+        std::memcpy(record->data, data.data(), data.size());
+    }
+    const u32 rc = prepared != nullptr ? K9eReplStorageInsertP(m_handle, record)
+                                       : K9eReplStorageInsert(m_handle, record);
+    *rev = record->rev;
+    return rc;
+}
+
+u32 StorageClient::Enumerate(i64 from, i64 to, const RecordVisitor& visitor) const {
+    return K9eReplStorageEnumRecords(m_handle, from, to, &OnRecord, Context(visitor));
+}
+
+u32 StorageClient::EnumerateFrom(i64 from, const RecordVisitor& visitor) const {
+    return DataSource().EnumFrom(0, 0, 0, from, 0, &OnRecord, Context(visitor));
+}
+
+i64 StorageClient::NextRev() const {
+    i64 rev = 0;
+    K9eReplStorageGetNextRev(m_handle, &rev);
+    return rev;
+}
+
+std::vector<i64> StorageClient::TakeFlushed() {
+    // In place: the library holds the address.
+    std::vector<i64> taken(m_flushed);
+    m_flushed.clear();
+    return taken;
+}
+
+}  // namespace k9erepl::model

@@ -1,0 +1,49 @@
+// A client of the library: one handle, and what the library tells it. Used by the runner.
+#ifndef K9EREPL_TESTS_MODEL_STORAGE_CLIENT_H
+#define K9EREPL_TESTS_MODEL_STORAGE_CLIENT_H
+
+#include <k9erepl/storage_interfaces.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "model/choices.h"
+
+namespace k9erepl::model {
+
+// Answers 0 to go on.
+using RecordVisitor = std::function<u32(const K9eReplRec& record)>;
+
+class StorageClient {
+  public:
+    StorageClient() = default;
+    ~StorageClient() { Close(); }
+    StorageClient(const StorageClient&) = delete;
+    StorageClient& operator=(const StorageClient&) = delete;
+
+    u32 Open(const std::string& connString);
+    void Close();
+    bool HasHandle() const { return m_handle != nullptr; }
+
+    // REQUIRES for all of these: there is a handle.
+    void* Handle() const { return m_handle; }
+    IK9eReplDS& DataSource() const;
+    // `prepared` is the revision for InsertP, null for Insert. *rev receives the record's revision.
+    u32 Insert(const PlannedRecord& planned, const i64* prepared, i64* rev);
+    u32 Enumerate(i64 from, i64 to, const RecordVisitor& visitor) const;
+    u32 EnumerateFrom(i64 from, const RecordVisitor& visitor) const;
+    i64 NextRev() const;
+
+    // The revisions that OnFlush told since the last call.
+    std::vector<i64> TakeFlushed();
+
+  private:
+    void* m_handle = nullptr;
+    std::vector<i64> m_flushed;
+    std::vector<u64> m_buffer;  // for the record to hand in
+};
+
+}  // namespace k9erepl::model
+
+#endif  // K9EREPL_TESTS_MODEL_STORAGE_CLIENT_H
