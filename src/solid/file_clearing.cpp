@@ -46,13 +46,11 @@ u32 CSolidStorage::SetClearRev(i64 rev) {
         // one that the disk may still lose.
         rc = m_writer->FlushFile();
     }
-    if (rc != RC_OK) {
+    // What the notification wrote behind the block is not taken back, and a clear revision that
+    // falls behind the block's would end the next load there.
+    if (rc != RC_OK && m_writer->WritePos() <= position + kCommitBlockSize) {
         m_writer->Rollback();
-        // Unless the notification has written behind the block, which then stays: a clear revision
-        // that falls would end the next load there.
-        if (m_writer->WritePos() <= position) {
-            m_state.clearRev = before;
-        }
+        m_state.clearRev = before;
     }
     InvalidateReads();
     if (rc != RC_OK) {

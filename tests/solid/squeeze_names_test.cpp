@@ -1,0 +1,281 @@
+// The names around a squeeze: the backup, the temporary file, links, owners, and the directory.
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "solid/squeeze_fixture.h"
+
+namespace k9erepl::test {
+namespace {
+
+class SqueezeNamesTest : public SqueezeTest {
+  protected:
+    static struct stat StatOf(const std::string& path) {
+        struct stat info = {};
+        EXPECT_EQ(stat(path.c_str(), &info), 0) << path;
+        return info;
+    }
+    Texts Errors() const { return m_log.Texts(K9SYS_LOG_ERROR); }
+    // A notification that writes a transaction of its own.
+    static void WriteBehindRevision5(std::int64_t rev, void* ctx) {
+        if (rev == 5) {
+            static_cast<SqueezeNamesTest*>(ctx)->WriteTransaction(6, "six");
+        }
+    }
+
+    const std::string m_denied = std::to_string(SystemErrorOf(SystemErrorKind::kAccessDenied));
+};
+
+TEST_F(SqueezeNamesTest, TheBackupHoldsWhatTheFileHeldBefore) {
+    EXPECT_EQ(Squeeze(), RC_OK);
+    EXPECT_EQ(ReadBytes(Backup()), OldBytes());
+    EXPECT_FALSE(Exists(Temporary()));
+    EXPECT_FALSE(Exists(BackupIndex()));
+}
+
+TEST_F(SqueezeNamesTest, TheBackupIsAStorageOfItsOwn) {
+    EXPECT_EQ(Squeeze(), RC_OK);
+    CSolidStorage backup;
+    EXPECT_EQ(backup.Open(Backup(), ("file=" + Backup()).c_str()), RC_OK);
+    WriteTransaction(6, "six");
+    EXPECT_EQ(ReadBytes(Backup()), OldBytes());
+    m_solid.Close();
+    std::filesystem::rename(Backup(), Path());
+    EXPECT_EQ(ItemsOfFile().size(), 9U);
+    EXPECT_EQ(ItemsOfFile().back(), "commit 0 5");
+}
+
+TEST_F(SqueezeNamesTest, TheBackupOfAPresizedFileEndsWithItsData) {
+    OpenScanned(ThreeTransactions().Zeros(5000));
+    EXPECT_EQ(Squeeze(), RC_OK);
+    EXPECT_EQ(ReadBytes(Backup()), OldBytes());
+}
+
+TEST_F(SqueezeNamesTest, TheBackupLeavesOutWhatANotificationWrote) {
+    m_solid.SetWrittenRevisionCallback(&WriteBehindRevision5, this);
+    EXPECT_EQ(Squeeze(), RC_OK);
+    EXPECT_EQ(ReadBytes(Backup()), OldBytes());
+    EXPECT_EQ(ItemsOfFile().back(), "commit 4 6");
+    EXPECT_EQ(Enumerated(6, 6), Items{"record 6 at 1208: six"});
+}
+
+TEST_F(SqueezeNamesTest, TheBackupReplacesAnOlderOneAndItsIndex) {
+    WriteText(Backup(), "old backup");
+    WriteText(BackupIndex(), "old index");
+    EXPECT_EQ(Squeeze(), RC_OK);
+    EXPECT_EQ(ReadBytes(Backup()), OldBytes());
+    EXPECT_FALSE(Exists(BackupIndex()));
+    EXPECT_EQ(ReadBytes(Path()), NewBytes());
+}
+
+TEST_F(SqueezeNamesTest, WithoutABackupAnOlderOneStays) {
+    WriteText(Backup(), "old backup");
+    WriteText(BackupIndex(), "old index");
+    EXPECT_EQ(Squeeze(false), RC_OK);
+    EXPECT_EQ(ReadText(Backup()), "old backup");
+    EXPECT_EQ(ReadText(BackupIndex()), "old index");
+    EXPECT_EQ(ReadBytes(Path()), NewBytes());
+    EXPECT_FALSE(Exists(Temporary()));
+}
+
+TEST_F(SqueezeNamesTest, WithoutABackupNoneIsMade) {
+    EXPECT_EQ(Squeeze(false), RC_OK);
+    EXPECT_FALSE(Exists(Backup()));
+    EXPECT_EQ(CallCount(SystemCall::kSetEnd), 0U);
+    EXPECT_EQ(CallCount(SystemCall::kLink), 0U);
+    EXPECT_EQ(CallCount(SystemCall::kRemove), 0U);
+}
+
+TEST_F(SqueezeNamesTest, ABackupIndexThatCannotBeDeletedIsIgnored) {
+    WriteText(BackupIndex(), "old index");
+    FailRemove(1);
+    EXPECT_EQ(Squeeze(), RC_OK);
+    EXPECT_EQ(ReadText(BackupIndex()), "old index");
+    EXPECT_EQ(Errors(), Texts{});
+}
+
+TEST_F(SqueezeNamesTest, AnOldBackupThatCannotBeDeletedIsAnError) {
+    WriteText(Backup(), "old backup");
+    FailRemove(2);
+    EXPECT_EQ(Squeeze(), RC_SYSTEM_ERROR);
+    EXPECT_EQ(Errors(), Texts{"Cannot create backup file; sys-err: " + m_denied + "; of file: '" +
+                              Path() + "'"});
+    EXPECT_EQ(ReadText(Backup()), "old backup");
+    EXPECT_EQ(ReadBytes(Path()), OldBytes());
+    EXPECT_FALSE(Exists(Temporary()));
+}
+
+TEST_F(SqueezeNamesTest, ABackupThatIsADirectoryIsAnError) {
+    std::filesystem::create_directory(Backup());
+    EXPECT_EQ(Squeeze(), RC_SYSTEM_ERROR);
+    EXPECT_EQ(m_log.CountContaining("Cannot create backup file; sys-err: "), 1U);
+    ExpectNothingLost();
+}
+
+// --- Links -------------------------------------------------------------------------------------
+
+TEST_F(SqueezeNamesTest, TheStoragesNameNeverGoesAway) {
+    EXPECT_EQ(Squeeze(), RC_OK);
+    EXPECT_EQ(CallCount(SystemCall::kLink), 1U);
+    EXPECT_EQ(CallCount(SystemCall::kRename), 1U);
+    EXPECT_EQ(StatOf(Backup()).st_nlink, 1U);
+    EXPECT_EQ(StatOf(Path()).st_nlink, 1U);
+}
+
+TEST_F(SqueezeNamesTest, WithoutHardLinksTheFileIsMoved) {
+    Fail(SystemCall::kLink, 1, SystemErrorKind::kNotSupported);
+    WriteText(Backup(), "old backup");
+    EXPECT_EQ(Squeeze(), RC_OK);
+    EXPECT_EQ(CallCount(SystemCall::kRename), 2U);
+    EXPECT_EQ(CallCount(SystemCall::kFlushDirectory), 1U);
+    EXPECT_EQ(ReadBytes(Backup()), OldBytes());
+    EXPECT_EQ(ReadBytes(Path()), NewBytes());
+    EXPECT_EQ(WriteTransaction(6, "six"), kNewEnd);
+}
+
+TEST_F(SqueezeNamesTest, WithoutHardLinksAnOldBackupIsNoHindrance) {
+    WriteText(Backup(), "old backup");
+    Fail(SystemCall::kLink, 2, SystemErrorKind::kNotSupported);  // the first finds the old one
+    EXPECT_EQ(Squeeze(), RC_OK);
+    EXPECT_EQ(ReadBytes(Backup()), OldBytes());
+    EXPECT_EQ(ReadBytes(Path()), NewBytes());
+}
+
+TEST_F(SqueezeNamesTest, AFailedMoveToTheBackupLeavesTheFile) {
+    Fail(SystemCall::kLink, 1, SystemErrorKind::kNotSupported);
+    FailRename(1);
+    EXPECT_EQ(Squeeze(), RC_SYSTEM_ERROR);
+    EXPECT_EQ(Errors(), Texts{"Cannot create backup file; sys-err: " + m_denied + "; of file: '" +
+                              Path() + "'"});
+    EXPECT_EQ(ReadBytes(Path()), OldBytes());
+    EXPECT_FALSE(Exists(Backup()));
+    ExpectNothingLost();
+}
+
+TEST_F(SqueezeNamesTest, TheBackupIsMovedBackWhenTheNewFileCannotBeRenamed) {
+    Fail(SystemCall::kLink, 1, SystemErrorKind::kNotSupported);
+    FailRename(2);
+    EXPECT_EQ(Squeeze(), RC_SYSTEM_ERROR);
+    EXPECT_EQ(Errors(), Texts{"Cannot rename file; sys-err: " + m_denied + "; tempfile: '" +
+                              Temporary() + "'"});
+    EXPECT_EQ(CallCount(SystemCall::kFlushDirectory), 1U);
+    EXPECT_EQ(ReadBytes(Path()), OldBytes());
+    EXPECT_FALSE(Exists(Backup()));
+    EXPECT_FALSE(Exists(Temporary()));
+    ExpectNothingLost();
+}
+
+TEST_F(SqueezeNamesTest, ABackupThatCannotBeMovedBackIsNamed) {
+    Fail(SystemCall::kLink, 1, SystemErrorKind::kNotSupported);
+    Fail(SystemCall::kRename, 2, SystemErrorKind::kAccessDenied, Repeat::kFromThenOn);
+    EXPECT_EQ(Squeeze(), RC_SYSTEM_ERROR);
+    EXPECT_EQ(Errors().back(), "Cannot move backup back; sys-err: " + m_denied +
+                                   "; storage data is in file: '" + Backup() + "'");
+    EXPECT_EQ(ReadBytes(Backup()), OldBytes());
+    EXPECT_FALSE(Exists(Path()));
+    EXPECT_FALSE(Exists(Temporary()));
+}
+
+TEST_F(SqueezeNamesTest, ALinkedBackupIsDeletedWhenTheNewFileCannotBeRenamed) {
+    FailRename(1);
+    EXPECT_EQ(Squeeze(), RC_SYSTEM_ERROR);
+    EXPECT_FALSE(Exists(Backup()));
+    EXPECT_EQ(StatOf(Path()).st_nlink, 1U);
+    ExpectNothingLost();
+}
+
+TEST_F(SqueezeNamesTest, ALinkedBackupThatCannotBeDeletedIsNamed) {
+    FailRename(1);
+    FailRemove(2);
+    EXPECT_EQ(Squeeze(), RC_SYSTEM_ERROR);
+    EXPECT_EQ(Errors().back(), "Cannot delete backup; sys-err: " + m_denied +
+                                   "; it is still the storage file: '" + Backup() + "'");
+    EXPECT_EQ(ReadBytes(Path()), OldBytes());
+    EXPECT_FALSE(Exists(Temporary()));
+}
+
+TEST_F(SqueezeNamesTest, ABackupLeftAsASecondNameIsReplacedByTheNextSqueeze) {
+    FailRename(1);
+    FailRemove(2);
+    EXPECT_EQ(Squeeze(), RC_SYSTEM_ERROR);
+    Reopen();
+    EXPECT_EQ(Scan(), RC_OK);
+    SetTimeStampCounter(kClearSequence, 1);
+    EXPECT_EQ(Squeeze(), RC_OK);
+    EXPECT_EQ(ReadBytes(Backup()), OldBytes());
+    EXPECT_EQ(ReadBytes(Path()), NewBytes());
+}
+
+// --- The directory -----------------------------------------------------------------------------
+
+TEST_F(SqueezeNamesTest, BothChangesOfNamesAreMadeDurable) {
+    EXPECT_EQ(Squeeze(), RC_OK);
+    EXPECT_EQ(CallCount(SystemCall::kFlushDirectory), 2U);
+}
+
+TEST_F(SqueezeNamesTest, WithoutABackupTheOneChangeIsMadeDurable) {
+    EXPECT_EQ(Squeeze(false), RC_OK);
+    EXPECT_EQ(CallCount(SystemCall::kFlushDirectory), 1U);
+}
+
+// --- Symbolic links, owner and permissions -----------------------------------------------------
+
+class SqueezeSymbolicLink : public SqueezeNamesTest {
+  protected:
+    // The storage's path becomes a symbolic link to a file in a folder of its own.
+    SqueezeSymbolicLink() {
+        m_solid.Close();
+        std::filesystem::create_directory(m_folder.File("real"));
+        std::filesystem::rename(Path(), m_target);
+        std::filesystem::create_symlink("real/target.edb", Path());
+        Open();
+        EXPECT_EQ(Scan(), RC_OK);
+        m_log.Clear();
+    }
+    const std::string m_target = m_folder.File("real/target.edb");
+};
+
+TEST_F(SqueezeSymbolicLink, StaysAndItsTargetIsReplaced) {
+    EXPECT_EQ(Squeeze(), RC_OK);
+    EXPECT_TRUE(std::filesystem::is_symlink(Path()));
+    EXPECT_FALSE(std::filesystem::is_symlink(m_target));
+    EXPECT_EQ(ReadBytes(m_target), NewBytes());
+    EXPECT_EQ(WriteTransaction(6, "six"), kNewEnd);
+    EXPECT_EQ(ItemsOfFile().back(), "commit 4 6");
+}
+
+TEST_F(SqueezeSymbolicLink, TheOtherFilesLieBesideTheTarget) {
+    EXPECT_EQ(Squeeze(), RC_OK);
+    EXPECT_EQ(ReadBytes(m_target + ".backup"), OldBytes());
+    EXPECT_FALSE(Exists(Backup()));
+    EXPECT_TRUE(m_log.Has("Creating temp file '" + m_target + ".temporary'")) << m_log;
+}
+
+TEST_F(SqueezeSymbolicLink, IsStillTheStoragesPath) {
+    EXPECT_EQ(Squeeze(), RC_OK);
+    EXPECT_EQ(m_solid.Path(), Path());
+}
+
+TEST_F(SqueezeNamesTest, TheNewFileHasTheOwnerAndPermissionsOfTheOld) {
+    ASSERT_EQ(chmod(Path().c_str(), 0604), 0);
+    const struct stat old = StatOf(Path());
+    EXPECT_EQ(Squeeze(), RC_OK);
+    const struct stat squeezed = StatOf(Path());
+    EXPECT_EQ(squeezed.st_mode, old.st_mode);
+    EXPECT_EQ(squeezed.st_uid, old.st_uid);
+    EXPECT_EQ(squeezed.st_gid, old.st_gid);
+    EXPECT_NE(squeezed.st_ino, old.st_ino);
+    EXPECT_EQ(StatOf(Backup()).st_ino, old.st_ino);
+}
+
+TEST_F(SqueezeNamesTest, TheCopyIsNoMoreOpenToOthersThanTheFile) {
+    ASSERT_EQ(chmod(Path().c_str(), 0600), 0);
+    EXPECT_EQ(SqueezeWith([this] {
+                  EXPECT_EQ(StatOf(Temporary()).st_mode & 0777U, 0600U);
+                  return RC_OK;
+              }),
+              RC_OK);
+}
+
+}  // namespace
+}  // namespace k9erepl::test

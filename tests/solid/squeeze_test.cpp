@@ -1,0 +1,318 @@
+// The squeeze that succeeds: the new file's bytes, and that work goes on in it.
+#include "solid/squeeze_fixture.h"
+
+namespace k9erepl::test {
+namespace {
+
+constexpr i64 kMebibyte = 1024 * 1024;
+
+using Squeezed = SqueezeTest;
+
+TEST_F(Squeezed, KeepsTheItemsFromTheFirstKeptRecordOn) {
+    EXPECT_EQ(Squeeze(), RC_OK);
+    EXPECT_EQ(ItemsOfFile(), NewItems());
+}
+
+TEST_F(Squeezed, HoldsExactlyTheseBytes) {
+    EXPECT_EQ(Squeeze(), RC_OK);
+    EXPECT_EQ(ReadBytes(Path()), NewBytes());
+}
+
+TEST_F(Squeezed, BeginsWithACommitBlockThatTheFirstKeptOneLinksTo) {
+    PatchBytes(Path(), kCommitOffset + 12, FileBytes{1, 2, 3, 4});
+    EXPECT_EQ(Squeeze(), RC_OK);
+    const auto first = LoadUnaligned<TCommitBlock>(ReadBytes(Path()).data() + kFirstCommitOffset);
+    EXPECT_EQ(u32{first.signature}, kCommitSignature);
+    EXPECT_EQ(u32{first.prevSequence}, 0U);
+    EXPECT_EQ(u32{first.sequence}, FileBuilder::kFirstSequence + 1);
+    EXPECT_EQ(u32{first.zero}, 0x04030201U);  // taken over from the kept one
+    EXPECT_EQ(i64{first.clearRev}, 0);
+    EXPECT_EQ(i64{first.commitRev}, kClearRev);
+    EXPECT_EQ(ItemsOfFile(), NewItems());
+}
+
+TEST_F(Squeezed, KeepsTheWholeHeader) {
+    PatchBytes(Path(), 24, FileBytes(1000, 0x77));
+    const FileBytes old = ReadBytes(Path());
+    EXPECT_EQ(Squeeze(), RC_OK);
+    const FileBytes squeezed = ReadBytes(Path());
+    EXPECT_EQ(FileBytes(squeezed.begin(), squeezed.begin() + kFileHeaderSize),
+              FileBytes(old.begin(), old.begin() + kFileHeaderSize));
+}
+
+TEST_F(Squeezed, AnswersWhatToAddToTheOffsetsOfKeptItems) {
+    EXPECT_EQ(Squeeze(), RC_OK);
+    EXPECT_EQ(m_shift, 1056 - 1171);
+    EXPECT_EQ(m_solid.CheckRecordAt(5, 1231 + m_shift), RC_OK);
+}
+
+TEST_F(Squeezed, SaysWhatItDoes) {
+    SetTickCount(0xFFFF'FFF0);
+    EXPECT_EQ(SqueezeWith([] {
+                  AdvanceTickCount(250);
+                  return RC_OK;
+              }),
+              RC_OK);
+    EXPECT_EQ(LoggedTexts(),
+              (Texts{"Performing file squeeze; rev 4", "Set clear rev 4",
+                     "Creating temp file '" + Temporary() + "'",
+                     "Copying data to temporary file; from offset 1171; size to write 152",
+                     "Written 152 bytes", "Copying data to temporary file finished",
+                     "File squeeze finished; it took 250 ms; old data size: 1291, new data size: "
+                     "1208"}));
+    EXPECT_EQ(m_log.Texts(K9SYS_LOG_INFO), m_log.Texts());
+}
+
+TEST_F(Squeezed, TheNextWriteGoesBehindTheCopyAndLinksToIt) {
+    EXPECT_EQ(Squeeze(), RC_OK);
+    EXPECT_EQ(WriteTransaction(6, "six"), kNewEnd);
+    Items expected = NewItems();
+    expected.insert(expected.end(), {"record 6 at 1208: six", "commit 4 6"});
+    EXPECT_EQ(ItemsOfFile(), expected);
+}
+
+TEST_F(Squeezed, IsEnumeratedFromItsNewOffsets) {
+    EXPECT_EQ(Enumerated(1, 9).size(), 5U);  // fills the read buffers
+    EXPECT_EQ(Squeeze(), RC_OK);
+    EXPECT_EQ(Enumerated(1, 9), (Items{"record 4 at 1056: four", "record 5 at 1116: five"}));
+    WriteTransaction(6, "six");
+    EXPECT_EQ(Enumerated(6, 6), Items{"record 6 at 1208: six"});
+}
+
+TEST_F(Squeezed, KeepsRevisionsAndHeaderFieldsInForce) {
+    EXPECT_EQ(Squeeze(), RC_OK);
+    u32 lifenum = 0;
+    i64 clearOldRev = 0;
+    EXPECT_EQ(m_solid.GetLifenum(&lifenum), RC_OK);
+    EXPECT_EQ(m_solid.GetClearOldRev(&clearOldRev), RC_OK);
+    EXPECT_EQ(lifenum, kLifenum);
+    EXPECT_EQ(clearOldRev, kClearOldRev);
+    EXPECT_EQ(FlushedRev(), 5);
+    EXPECT_EQ(m_solid.FileSize(), kNewEnd);
+    EXPECT_EQ(m_solid.Path(), Path());
+}
+
+TEST_F(Squeezed, ForgetsTheTransaction) {
+    EXPECT_EQ(m_solid.BeginTransaction(), RC_OK);
+    EXPECT_EQ(Squeeze(), RC_OK);
+    EXPECT_EQ(m_solid.RollbackWrites(), RC_OK);
+    EXPECT_EQ(WriteTransaction(6, "six"), kNewEnd);
+}
+
+TEST_F(Squeezed, MayBeRepeated) {
+    EXPECT_EQ(Squeeze(), RC_OK);
+    EXPECT_EQ(Squeeze({.clearRev = 5, .copyFrom = 1116, .commitOffset = 1144, .keepBackup = true}),
+              RC_OK);
+    EXPECT_EQ(m_shift, 1056 - 1116);
+    EXPECT_EQ(ItemsOfFile(), (Items{"commit 0 5", "record 5 at 1056: five", "commit 0 5",
+                                    "commit 4 5", "commit 5 5"}));
+    EXPECT_EQ(ReadBytes(Backup()), NewBytes());
+}
+
+TEST_F(Squeezed, OfEverythingChangesOnlyWhatItAppends) {
+    EXPECT_EQ(Squeeze({.clearRev = 0, .copyFrom = 1056, .commitOffset = 1110}), RC_OK);
+    EXPECT_EQ(m_shift, 0);
+    FileBytes expected = RaisedBytes();
+    expected.at(kOldEnd + 16) = 0;  // the clear revision
+    EXPECT_EQ(ReadBytes(Path()), expected);
+}
+
+TEST_F(Squeezed, LeavesDeadBytesBehind) {
+    OpenScanned(ThreeTransactions().Zeros(5000));
+    EXPECT_EQ(Squeeze(), RC_OK);
+    EXPECT_EQ(ReadBytes(Path()), NewBytes());
+}
+
+TEST_F(Squeezed, AnnouncesItsCommitBlockOnce) {
+    std::vector<i64> revisions;
+    m_solid.SetWrittenRevisionCallback(
+        [](std::int64_t rev, void* ctx) { static_cast<std::vector<i64>*>(ctx)->push_back(rev); },
+        &revisions);
+    EXPECT_EQ(Squeeze(), RC_OK);
+    EXPECT_EQ(revisions, std::vector<i64>{5});
+}
+
+TEST_F(Squeezed, NeedsAnOpenFile) {
+    m_solid.Close();
+    m_log.Clear();
+    EXPECT_EQ(Squeeze(), RC_NO_WRITER);
+    EXPECT_EQ(m_log.Texts(), Texts{});
+    EXPECT_EQ(m_shift, 12345);
+}
+
+TEST_F(Squeezed, OpensTwoHandlesAndLeavesNoOther) {
+    const std::size_t descriptors = OpenDescriptors();
+    EXPECT_EQ(Squeeze(), RC_OK);
+    EXPECT_EQ(OpenDescriptors(), descriptors);
+}
+
+TEST_F(Squeezed, IsCopiedInPieces) {
+    constexpr u32 kLarge = 9 * 1024 * 1024;
+    FileBuilder file;
+    file.NewFile().Record(1, "one").Commit(0, 1).LargeRecord(2, kLarge).LargeRecord(3, kLarge);
+    const i64 commitOffset = file.Size();
+    OpenScanned(file.Commit(0, 3));
+    EXPECT_EQ(Squeeze({.clearRev = 2, .copyFrom = 1115, .commitOffset = commitOffset}), RC_OK);
+    EXPECT_TRUE(
+        m_log.Has("Copying data to temporary file; from offset 1115; size to write "
+                  "18874480"));
+    EXPECT_TRUE(m_log.Has("Written 10485760 bytes"));
+    EXPECT_TRUE(m_log.Has("Written 18874480 bytes"));
+    EXPECT_EQ(m_log.CountContaining(" bytes"), 2U);
+    EXPECT_EQ(ItemsOfFile(),
+              (Items{"commit 0 2", "record 2 at 1056: 9437184 pattern bytes",
+                     "record 3 at 9438264: 9437184 pattern bytes", "commit 0 3", "commit 2 3"}));
+}
+
+TEST_F(Squeezed, CompletesSplitTransfers) {
+    SplitRead(3, 10);
+    SplitWrite(3, 10);
+    EXPECT_EQ(Squeeze(), RC_OK);
+    EXPECT_EQ(ReadBytes(Path()), NewBytes());
+}
+
+// --- The size of the new file ------------------------------------------------------------------
+
+TEST_F(Squeezed, HasTheInitialSizeFilledWithZeros) {
+    OpenScanned(ThreeTransactions(), "file_initial_size=1");
+    EXPECT_EQ(Squeeze(), RC_OK);
+    FileBytes expected = NewBytes();
+    expected.resize(kMebibyte);
+    EXPECT_EQ(ReadBytes(Path()), expected);
+    EXPECT_EQ(m_solid.FileSize(), kMebibyte);
+    EXPECT_EQ(WriteTransaction(6, "six"), kNewEnd);
+    EXPECT_EQ(FileSize(Path()), kMebibyte);
+}
+
+TEST_F(Squeezed, GrowsByTheStepFromItsNewSize) {
+    OpenScanned(ThreeTransactions(), "file_size_delta=1");
+    EXPECT_EQ(Squeeze(), RC_OK);
+    EXPECT_EQ(FileSize(Path()), kNewEnd);
+    WriteTransaction(6, "six");
+    EXPECT_EQ(FileSize(Path()), kNewEnd + kMebibyte);
+    EXPECT_EQ(m_solid.FileSize(), kNewEnd + kMebibyte);
+}
+
+// --- Nothing is kept ---------------------------------------------------------------------------
+
+class SqueezedEmpty : public SqueezeTest {
+  protected:
+    // Everything up to the write position goes, that is to behind the clear revision's own block.
+    u32 SqueezeAll(bool keepBackup = true) {
+        return Squeeze({.clearRev = 5,
+                        .copyFrom = kOldEnd + kCommitBlockSize,
+                        .commitOffset = kOldEnd,
+                        .keepBackup = keepBackup});
+    }
+};
+
+TEST_F(SqueezedEmpty, HoldsTheHeaderTheFirstCommitBlockAndEightZeros) {
+    EXPECT_EQ(SqueezeAll(), RC_OK);
+    const TCommitBlock first = NewCommitBlock(ThreeTransactions().LastSequence(), 5);
+    EXPECT_EQ(ReadBytes(Path()),
+              FileBuilder().Header(kLifenum, kClearOldRev).RawCommit(first).Zeros(8).Bytes());
+    EXPECT_EQ(m_log.CountContaining("old data size: 1291, new data size: 1056"), 1U) << m_log;
+    EXPECT_TRUE(m_log.Has("Copying data to temporary file; from offset 1323; size to write 0"));
+}
+
+TEST_F(SqueezedEmpty, TheNextWriteLinksToTheFirstCommitBlock) {
+    EXPECT_EQ(SqueezeAll(), RC_OK);
+    EXPECT_EQ(Enumerated(1, 9), Items{});
+    EXPECT_EQ(WriteTransaction(6, "six"), kFirstItemOffset);
+    EXPECT_EQ(ItemsOfFile(), (Items{"commit 0 5", "record 6 at 1056: six", "commit 5 6"}));
+}
+
+TEST_F(SqueezedEmpty, OfAStorageWithoutItemsKeepsABackupThatLoads) {
+    const FileBuilder empty = FileBuilder().NewFile().Zeros(8);
+    OpenScanned(empty);
+    EXPECT_EQ(Squeeze({.clearRev = 0,
+                       .copyFrom = kFirstItemOffset,
+                       .commitOffset = kFirstItemOffset,
+                       .keepBackup = true}),
+              RC_OK);
+    EXPECT_EQ(ReadBytes(Backup()), empty.Bytes());
+    EXPECT_EQ(ItemsOfFile(), (Items{"commit 0 0", "commit 0 0"}));
+}
+
+// --- When the copy is complete -----------------------------------------------------------------
+
+TEST_F(Squeezed, AsksBeforeItReplacesTheFile) {
+    u32 calls = 0;
+    EXPECT_EQ(SqueezeWith([&] {
+                  ++calls;
+                  EXPECT_TRUE(m_solid.IsOpen());
+                  EXPECT_EQ(ReadBytes(Path()), RaisedBytes());
+                  EXPECT_EQ(ReadBytes(Temporary()), NewBytes());
+                  EXPECT_FALSE(Exists(Backup()));
+                  return RC_OK;
+              }),
+              RC_OK);
+    EXPECT_EQ(calls, 1U);
+}
+
+TEST_F(Squeezed, TheCopyIsOnTheDiskByThen) {
+    EXPECT_EQ(SqueezeWith([] {
+                  // The old file; the beginning of the new one; all of it.
+                  EXPECT_EQ(CallCount(SystemCall::kFlush), 3U);
+                  EXPECT_EQ(CallCount(SystemCall::kWrite), 3U);
+                  EXPECT_EQ(CallCount(SystemCall::kRename), 0U);
+                  return RC_OK;
+              }),
+              RC_OK);
+    EXPECT_EQ(CallCount(SystemCall::kWrite), 3U);
+}
+
+TEST_F(Squeezed, IsGivenUpWhenTheAnswerIsNo) {
+    EXPECT_EQ(SqueezeWith([] { return RC_SHORT_READ; }), RC_SHORT_READ);
+    EXPECT_TRUE(m_solid.IsOpen());
+    EXPECT_FALSE(Exists(Temporary()));
+    EXPECT_FALSE(Exists(Backup()));
+    EXPECT_EQ(ReadBytes(Path()), RaisedBytes());
+    EXPECT_EQ(m_shift, 12345);
+    EXPECT_EQ(m_log.Texts(K9SYS_LOG_ERROR), Texts{});
+}
+
+TEST_F(Squeezed, GivenUpTheStorageGoesOnInTheOldFile) {
+    EXPECT_EQ(SqueezeWith([] { return RC_SHORT_READ; }), RC_SHORT_READ);
+    EXPECT_EQ(WriteTransaction(6, "six"), kOldEnd + kCommitBlockSize);
+    EXPECT_EQ(Enumerated(1, 9).size(), 6U);
+    EXPECT_EQ(ItemsOfFile().back(), "commit 4 6");
+}
+
+// --- From inside an enumeration ----------------------------------------------------------------
+
+class SqueezedInAVisit : public SqueezeTest {
+  protected:
+    // Squeezes at the first record and stops.
+    u32 EnumerateAndSqueeze() {
+        return m_solid.EnumFileRecs(
+            {.fromRev = 1, .toRev = 9},
+            [](i64, const K9eReplRec*, void* ctx) -> u32 {
+                auto& test = *static_cast<SqueezedInAVisit*>(ctx);
+                test.m_result = test.Squeeze();
+                return RC_ENUM_STOP;
+            },
+            this, &m_completed);
+    }
+    u32 m_result = 12345;
+};
+
+TEST_F(SqueezedInAVisit, TheEnumerationEndsAndTheNextReadsTheNewFile) {
+    EXPECT_EQ(EnumerateAndSqueeze(), RC_ENUM_STOP);
+    EXPECT_FALSE(m_completed);
+    EXPECT_EQ(m_result, RC_OK);
+    EXPECT_EQ(Enumerated(1, 9), (Items{"record 4 at 1056: four", "record 5 at 1116: five"}));
+    EXPECT_EQ(ReadBytes(Path()), NewBytes());
+}
+
+TEST_F(SqueezedInAVisit, AFailureThatClosesTheFileEndsItToo) {
+    FailRename(1);
+    EXPECT_EQ(EnumerateAndSqueeze(), RC_ENUM_STOP);
+    EXPECT_EQ(m_result, RC_SYSTEM_ERROR);
+    EXPECT_FALSE(m_solid.IsOpen());
+    EXPECT_EQ(EnumerateRevs(1, 9), RC_NO_WRITER);
+    ExpectNothingLost();
+}
+
+}  // namespace
+}  // namespace k9erepl::test

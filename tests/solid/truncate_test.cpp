@@ -1,0 +1,287 @@
+// Starting the file over: what stands at its beginning then, and that nothing behind it returns.
+#include <algorithm>
+
+#include "solid/solid_fixture.h"
+
+namespace k9erepl::test {
+namespace {
+
+constexpr i64 kMebibyte = 1024 * 1024;
+
+class TruncateFile : public SolidTest {
+  protected:
+    TruncateFile() { OpenScanned(""); }
+
+    void OpenScanned(const std::string& settings) {
+        m_solid.Close();
+        Open(TwoTransactions(), settings);
+        EXPECT_EQ(Scan(), RC_OK);
+        m_log.Clear();
+    }
+    // The first 1064 bytes of a file that was started over.
+    static FileBuilder Beginning(u32 sequence, i64 rev, u32 lifenum = 0, i64 clearOldRev = 0) {
+        TCommitBlock block = NewCommitBlock(sequence, rev);
+        block.prevSequence = TwoTransactions().LastSequence();
+        block.clearRev = rev;
+        return FileBuilder().Header(lifenum, clearOldRev).RawCommit(block).Zeros(8);
+    }
+    // That, and behind it what lay there before.
+    static std::vector<u8> OverTwoTransactions(FileBuilder beginning) {
+        const std::vector<u8> old = TwoTransactions().Bytes();
+        return beginning.Raw(old.data() + kNewFileSize, old.size() - kNewFileSize).Bytes();
+    }
+    TCommitBlock CommitBlockAt(i64 offset) const {
+        return LoadUnaligned<TCommitBlock>(ReadBytes(Path()).data() + offset);
+    }
+    bool AllZeroFrom(i64 offset) const {
+        const std::vector<u8> bytes = ReadBytes(Path());
+        return std::all_of(bytes.begin() + offset, bytes.end(), [](u8 byte) { return byte == 0; });
+    }
+};
+
+TEST_F(TruncateFile, WritesAFirstCommitBlockWithTheRevision) {
+    SetTimeStampCounter(0x9'0000'0077, 1);
+    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
+    EXPECT_EQ(ReadBytes(Path()), OverTwoTransactions(Beginning(0x77, 3)));
+    EXPECT_EQ(ItemsOfFile(), Items{"commit 3 3"});
+}
+
+TEST_F(TruncateFile, WritesTheGivenHeaderFields) {
+    SetTimeStampCounter(0x77, 1);
+    EXPECT_EQ(m_solid.SetLifenum(9), RC_OK);
+    EXPECT_EQ(m_solid.TruncateToClearRev(3, 5, -6), RC_OK);
+    EXPECT_EQ(ReadBytes(Path()), OverTwoTransactions(Beginning(0x77, 3, 5, -6)));
+}
+
+TEST_F(TruncateFile, BeginsWithANewHeaderUnlessFieldsAreGiven) {
+    EXPECT_EQ(m_solid.SetLifenum(9), RC_OK);
+    EXPECT_EQ(m_solid.SetClearOldRev(8), RC_OK);
+    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
+    u32 lifenum = 1;
+    i64 clearOldRev = 1;
+    EXPECT_EQ(m_solid.GetLifenum(&lifenum), RC_OK);
+    EXPECT_EQ(m_solid.GetClearOldRev(&clearOldRev), RC_OK);
+    EXPECT_EQ(lifenum, 0U);
+    EXPECT_EQ(clearOldRev, 0);
+}
+
+TEST_F(TruncateFile, SaysWhatItDid) {
+    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
+    EXPECT_EQ(m_log.Texts(), Texts{"File was truncated;clear rev 3"});
+    EXPECT_TRUE(m_log.Has(K9SYS_LOG_INFO, "File was truncated;clear rev 3"));
+}
+
+TEST_F(TruncateFile, ServesNothingAfterwards) {
+    EXPECT_EQ(Enumerated(1, 9).size(), 3U);
+    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
+    EXPECT_EQ(Enumerated(1, 9), Items{});
+    EXPECT_EQ(FlushedRev(), 0);
+    EXPECT_EQ(m_solid.FileSize(), kNewFileSize);
+}
+
+TEST_F(TruncateFile, IsOnTheDiskWhenItReturns) {
+    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
+    EXPECT_EQ(CallCount(SystemCall::kFlush), 1U);
+}
+
+TEST_F(TruncateFile, TheNextWriteBeginsTheFileAndCarriesTheRevision) {
+    SetTimeStampCounter(0x77, 1);
+    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
+    EXPECT_EQ(WriteTransaction(4, "four"), kFirstItemOffset);
+    const TCommitBlock next = CommitBlockAt(kFirstItemOffset + 28);
+    EXPECT_EQ(u32{next.prevSequence}, 0x77U);
+    EXPECT_EQ(i64{next.clearRev}, 3);
+    EXPECT_EQ(ItemsOfFile(), (Items{"commit 3 3", "record 4 at 1056: four", "commit 3 4"}));
+}
+
+TEST_F(TruncateFile, ALoadTakesRecordsFromTheRevisionOn) {
+    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
+    WriteTransaction(3, "three");
+    EXPECT_EQ(ItemsOfFile(), (Items{"commit 3 3", "record 3 at 1056: three", "commit 3 3"}));
+}
+
+TEST_F(TruncateFile, ALoadTakesNoRecordBelowTheRevision) {
+    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
+    WriteTransaction(2, "two");
+    EXPECT_EQ(ItemsOfFile(), Items{"commit 3 3"});
+    EXPECT_TRUE(m_log.Has("Found rec with rev (2) less than lastCommitted at offset 1056"));
+}
+
+TEST_F(TruncateFile, ToRevisionZeroIsANewFile) {
+    EXPECT_EQ(m_solid.TruncateToClearRev(0, 0, 0), RC_OK);
+    WriteTransaction(1, "one");
+    EXPECT_EQ(ItemsOfFile(), (Items{"commit 0 0", "record 1 at 1056: one", "commit 0 1"}));
+}
+
+TEST_F(TruncateFile, MayBeRepeated) {
+    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
+    EXPECT_EQ(m_solid.TruncateToClearRev(5, 0, 0), RC_OK);
+    EXPECT_EQ(ItemsOfFile(), Items{"commit 5 5"});
+}
+
+TEST_F(TruncateFile, ForgetsTheTransaction) {
+    EXPECT_EQ(m_solid.BeginTransaction(), RC_OK);
+    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
+    EXPECT_EQ(m_solid.RollbackWrites(), RC_OK);
+    EXPECT_EQ(WriteTransaction(4, "four"), kFirstItemOffset);
+}
+
+TEST_F(TruncateFile, NeedsAnOpenFile) {
+    m_solid.Close();
+    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_NO_WRITER);
+    EXPECT_EQ(m_log.Texts(), Texts{});
+}
+
+TEST_F(TruncateFile, LeavesOldBytesUntilTheFirstWrite) {
+    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
+    EXPECT_EQ(FileSize(Path()), kTwoTransactionsEnd);
+    EXPECT_EQ(WriteTransaction(4, "four"), kFirstItemOffset);
+    EXPECT_TRUE(AllZeroFrom(kFirstItemOffset + 28 + 32));
+    EXPECT_EQ(FileSize(Path()), kTwoTransactionsEnd);
+}
+
+TEST_F(TruncateFile, OldItemsDoNotReturnWhenTheDataReachesThem) {
+    EXPECT_EQ(m_solid.TruncateToClearRev(0, 0, 0), RC_OK);
+    // Ends where the second transaction's record 3 lies in the old file.
+    EXPECT_EQ(WriteTransaction(1, std::string(30, 'x')), kFirstItemOffset);
+    EXPECT_EQ(ItemsOfFile(),
+              (Items{"commit 0 0", "record 1 at 1056: " + std::string(30, 'x'), "commit 0 1"}));
+}
+
+TEST_F(TruncateFile, OldItemsDoNotReturnAfterAReopening) {
+    EXPECT_EQ(m_solid.TruncateToClearRev(0, 0, 0), RC_OK);
+    Reopen();
+    EXPECT_EQ(Scanned(), Items{"commit 0 0"});
+    EXPECT_EQ(WriteTransaction(1, std::string(30, 'x')), kFirstItemOffset);
+    EXPECT_EQ(ItemsOfFile().size(), 3U);
+}
+
+TEST_F(TruncateFile, SetsTheInitialSize) {
+    OpenScanned("file_initial_size=1");
+    SetTimeStampCounter(0x77, 1);
+    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
+    std::vector<u8> expected = OverTwoTransactions(Beginning(0x77, 3));
+    expected.resize(kMebibyte);
+    EXPECT_EQ(ReadBytes(Path()), expected);
+    EXPECT_EQ(m_solid.FileSize(), kMebibyte);
+}
+
+TEST_F(TruncateFile, ShrinksToTheInitialSize) {
+    m_solid.Close();
+    Open(TwoTransactions().Zeros(3 * kMebibyte), "file_initial_size=1");
+    EXPECT_EQ(Scan(), RC_OK);
+    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
+    EXPECT_EQ(FileSize(Path()), kMebibyte);
+    WriteTransaction(4, "four");
+    EXPECT_EQ(FileSize(Path()), kMebibyte);
+}
+
+TEST_F(TruncateFile, GrowsByTheStepFromTheNewSize) {
+    OpenScanned("file_size_delta=1");
+    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
+    WriteTransaction(4, "four");
+    EXPECT_EQ(FileSize(Path()), kNewFileSize + kMebibyte);
+    EXPECT_EQ(m_solid.FileSize(), kNewFileSize + kMebibyte);
+    EXPECT_TRUE(AllZeroFrom(kFirstItemOffset + 28 + 32));
+}
+
+TEST_F(TruncateFile, ACrashWhileOldBytesAreClearedLeavesAFileThatLoads) {
+    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
+    FailSetEnd(2);
+    WriteRecord(4, "four");
+    EXPECT_EQ(m_writeResult, RC_SYSTEM_ERROR);
+    EXPECT_EQ(FileSize(Path()), kNewFileSize);
+    Reopen();
+    i64 commitRev = 0;
+    bool hasItems = true;
+    EXPECT_EQ(m_solid.ReadFirstCommitInfo(&commitRev, &hasItems), RC_OK) << m_log;
+    EXPECT_EQ(commitRev, 3);
+    EXPECT_FALSE(hasItems);
+    EXPECT_EQ(Scanned(), Items{"commit 3 3"});
+}
+
+TEST_F(TruncateFile, AFailedExtensionIsMadeGoodByTheNextWrite) {
+    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
+    FailSetEnd(2);
+    WriteRecord(4, "four");
+    EXPECT_EQ(m_writeResult, RC_SYSTEM_ERROR);
+    EXPECT_EQ(WriteTransaction(4, "four"), kFirstItemOffset);
+    EXPECT_EQ(ItemsOfFile(), (Items{"commit 3 3", "record 4 at 1056: four", "commit 3 4"}));
+}
+
+TEST_F(TruncateFile, NotifiesNobody) {
+    u32 calls = 0;
+    m_solid.SetWrittenRevisionCallback([](std::int64_t, void* ctx) { ++*static_cast<u32*>(ctx); },
+                                       &calls);
+    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
+    EXPECT_EQ(calls, 0U);
+}
+
+// The `nth` call of its kind in a truncation with file_initial_size=1.
+struct Step {
+    const char* name;
+    SystemCall call;
+    u32 nth;
+    const char* message;  // "sys-err" and the number follow
+};
+
+std::ostream& operator<<(std::ostream& out, const Step& step) {
+    return out << step.name;
+}
+
+class TruncateFailure : public TruncateFile, public ::testing::WithParamInterface<Step> {
+  protected:
+    TruncateFailure() { OpenScanned("file_initial_size=1"); }
+};
+
+TEST_P(TruncateFailure, IsReported) {
+    Fail(GetParam().call, GetParam().nth);
+    const std::string text =
+        std::string(GetParam().message) + ";" + SysErr(SystemErrorKind::kInputOutput);
+    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_SYSTEM_ERROR);
+    EXPECT_EQ(m_log.Texts(), Texts{text});
+    EXPECT_EQ(m_log.CodeOf(text), RC_SYSTEM_ERROR);
+}
+
+TEST_P(TruncateFailure, MayBeTriedAgain) {
+    Fail(GetParam().call, GetParam().nth);
+    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_SYSTEM_ERROR);
+    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
+    WriteTransaction(4, "four");
+    EXPECT_EQ(ItemsOfFile(), (Items{"commit 3 3", "record 4 at 1056: four", "commit 3 4"}));
+}
+
+constexpr Step kSteps[] = {
+    {"SeekToTheStart", SystemCall::kSeek, 1, "Cannot seek to offset 0"},
+    {"Write", SystemCall::kWrite, 1, "Cannot write file header to file"},
+    {"Size", SystemCall::kSetEnd, 1, "Cannot set initial file size (1048576)"},
+    {"SeekToTheItems", SystemCall::kSeek, 2, "Cannot seek to offset 1056"},
+    {"Flush", SystemCall::kFlush, 1, "Cannot flush file"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Steps, TruncateFailure, ::testing::ValuesIn(kSteps),
+                         [](const auto& step) { return std::string(step.param.name); });
+
+TEST_F(TruncateFile, MakesNoOtherCallsThanTheStepsTried) {
+    OpenScanned("file_initial_size=1");
+    for (const SystemCall call : {SystemCall::kSeek, SystemCall::kWrite, SystemCall::kSetEnd,
+                                  SystemCall::kFlush, SystemCall::kRead, SystemCall::kTell}) {
+        OpenScanned("file_initial_size=1");
+        const u32 before = CallCount(call);
+        EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
+        const auto steps = std::count_if(std::begin(kSteps), std::end(kSteps),
+                                         [&](const Step& step) { return step.call == call; });
+        EXPECT_EQ(CallCount(call) - before, static_cast<u32>(steps));
+    }
+}
+
+TEST_F(TruncateFile, WithoutMemoryFails) {
+    const std::vector<u8> before = ReadBytes(Path());
+    FailAlloc(1);
+    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_NO_MEMORY);
+    EXPECT_EQ(ReadBytes(Path()), before);
+    EXPECT_EQ(WriteTransaction(4, "four"), kTwoTransactionsEnd);
+}
+
+}  // namespace
+}  // namespace k9erepl::test
