@@ -111,6 +111,10 @@ bool File::FlushToDisk() {
     return RepeatInterrupted([&] { return TheSystemCalls().flushFile(m_file); });
 }
 
+void File::StartFlush(i64 position, i64 size) {
+    TheSystemCalls().startFlush(m_file, position, size);
+}
+
 bool File::TakeOwnerAndMode(const char* path) {
     assert(path != nullptr);
     return RepeatInterrupted([&] { return TheSystemCalls().takeOwnerAndMode(m_file, path); });

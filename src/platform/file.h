@@ -39,6 +39,9 @@ class File {
     bool SetEnd(i64 size);  // cuts or extends with zeros; moves the pointer anywhere
     bool GetSize(i64* size) const;
     bool FlushToDisk();  // returns when data and size are on the disk
+    // Lets the disk begin with bytes that a later FlushToDisk must wait for anyway. Only a hint:
+    // nothing is sure before FlushToDisk, which also reports what failed here.
+    void StartFlush(i64 position, i64 size);
 
     // Gives the file the owner, as far as the process may, and the permissions of the file `path`.
     // Does nothing on Windows.

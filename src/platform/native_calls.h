@@ -16,6 +16,7 @@ i64 FileTell(NativeFile file);
 bool FileSetEnd(NativeFile file, i64 size);
 i64 FileSize(NativeFile file);
 bool FileFlush(NativeFile file);
+void FileStartFlush(NativeFile file, i64 position, i64 size);
 bool FileTakeOwnerAndMode(NativeFile file, const char* from);
 
 bool NameRename(const char* from, const char* to);

@@ -16,6 +16,7 @@ constexpr SystemCalls kNativeCalls = {
     .setFileEnd = native::FileSetEnd,
     .fileSize = native::FileSize,
     .flushFile = native::FileFlush,
+    .startFlush = native::FileStartFlush,
     .takeOwnerAndMode = native::FileTakeOwnerAndMode,
     .renameFile = native::NameRename,
     .linkFile = native::NameLink,

@@ -36,6 +36,7 @@ struct SystemCalls {
     bool (*setFileEnd)(NativeFile file, i64 size);                  // pointer unspecified after
     i64 (*fileSize)(NativeFile file);
     bool (*flushFile)(NativeFile file);
+    void (*startFlush)(NativeFile file, i64 position, i64 size);  // a hint
     bool (*takeOwnerAndMode)(NativeFile file, const char* from);
 
     // Names. renameFile replaces what stands at `to`, within one volume (kCrossVolume otherwise).

@@ -195,6 +195,7 @@ u32 CSolidStorage::CopyToTemp(platform::File& temporary, i64 from, i64* written)
                            offset);
             return RC_SYSTEM_ERROR;
         }
+        temporary.StartFlush(kFirstItemOffset + *written, piece);
         *written += piece;
         LOG_INFO(kLogStorage, "Written %I64d bytes", *written);
     }

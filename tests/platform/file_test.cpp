@@ -152,6 +152,22 @@ TEST_F(FileTest, FlushToDiskSucceedsOnAnOpenFile) {
     EXPECT_TRUE(file.FlushToDisk());
 }
 
+TEST_F(FileTest, StartFlushChangesNeitherTheFileNorTheLastError) {
+    File file;
+    const auto start = [&file] {
+        SetLastSystemError(SystemErrorOf(SystemErrorKind::kNoSpace));
+        file.StartFlush(0, 2);
+        EXPECT_TRUE(LastErrorIs(SystemErrorKind::kNoSpace));
+    };
+    start();
+    ASSERT_TRUE(Create(file, "a") && Write(file, "ab"));
+    start();
+    i64 position = 0;
+    EXPECT_TRUE(file.Tell(&position));
+    EXPECT_EQ(position, 2);
+    EXPECT_EQ(ReadText(PathOf("a")), "ab");
+}
+
 TEST_F(FileTest, OpeningAgainClosesTheFormerFile) {
     const ScopedSystemCalls systemCalls;
     File file;

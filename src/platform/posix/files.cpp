@@ -129,6 +129,16 @@ bool FileFlush(NativeFile file) {
     return fdatasync(Descriptor(file)) == 0;
 }
 
+void FileStartFlush([[maybe_unused]] NativeFile file, [[maybe_unused]] i64 position,
+                    [[maybe_unused]] i64 size) {
+#ifdef SYNC_FILE_RANGE_WRITE
+    const int cause = errno;
+    // Without the flags that wait, which would take an error away from the flush that follows.
+    sync_file_range(Descriptor(file), position, size, SYNC_FILE_RANGE_WRITE);
+    errno = cause;
+#endif
+}
+
 bool FileTakeOwnerAndMode(NativeFile file, const char* from) {
     constexpr mode_t kPermissions = 0777;  // set-id bits are not for data files
     struct stat info = {};

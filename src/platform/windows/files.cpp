@@ -104,6 +104,9 @@ bool FileFlush(NativeFile file) {
     return FlushFileBuffers(HandleOf(file)) != FALSE;
 }
 
+// The cache manager begins writing by itself.
+void FileStartFlush(NativeFile /*file*/, i64 /*position*/, i64 /*size*/) {}
+
 // A file has its access rights from its folder.
 bool FileTakeOwnerAndMode(NativeFile /*file*/, const char* /*from*/) {
     return true;
