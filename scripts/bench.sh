@@ -2,21 +2,22 @@
 # Builds the benchmarks optimised and runs them: each program prints its rows and their ratios to
 # the physical baseline that ran beside them.
 #
-#   scripts/bench.sh [append|enumerate|load] [Google Benchmark option...]     (default: all three)
+#   scripts/bench.sh [append|clear|enumerate|load] [Google Benchmark option...]     (default: all)
 #
-# K9EREPL_BENCH_DIR names the folder for the storage files (default: the system's temporary one).
+# K9EREPL_BENCH_DIR names the folder for the storage files (default: the system's temporary one);
+# K9EREPL_BENCH_MAX_MB the largest file, in MB, that bench_clear makes (default: 4000).
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-programs=(append enumerate load)
+programs=(append clear enumerate load)
 case "${1:-}" in
-    append | enumerate | load)
+    append | clear | enumerate | load)
         programs=("$1")
         shift
         ;;
     "" | --*) ;;
     *)
-        echo "bench.sh: unknown benchmark '$1': use append, enumerate or load" >&2
+        echo "bench.sh: unknown benchmark '$1': use append, clear, enumerate or load" >&2
         exit 2
         ;;
 esac
