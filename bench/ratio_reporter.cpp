@@ -15,6 +15,10 @@ double Median(std::vector<double> values) {
     return *middle;
 }
 
+double Best(const std::vector<double>& values) {
+    return *std::max_element(values.begin(), values.end());
+}
+
 }  // namespace
 
 void RatioReporter::ReportRuns(const std::vector<Run>& reports) {
@@ -33,12 +37,15 @@ void RatioReporter::Finalize() {
         return;
     }
     const double unit = Median(baseline->second);
-    GetOutputStream() << "\nmedian million records a second, and ratio to " << m_baseline << "\n";
+    const double bestUnit = Best(baseline->second);
+    GetOutputStream() << "\nmillion records a second and ratio to " << m_baseline
+                      << ": medians, then best runs\n";
     for (const auto& [name, speeds] : m_itemsPerSecond) {
         const double speed = Median(speeds);
+        const double best = Best(speeds);
         char line[160];
-        std::snprintf(line, sizeof(line), "%-40s %10.2f %8.2f\n", name.c_str(), speed / 1e6,
-                      speed / unit);
+        std::snprintf(line, sizeof(line), "%-40s %10.2f %8.2f %10.2f %8.2f\n", name.c_str(),
+                      speed / 1e6, speed / unit, best / 1e6, best / bestUnit);
         GetOutputStream() << line;
     }
 }

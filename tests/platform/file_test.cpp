@@ -155,7 +155,7 @@ TEST_F(FileTest, FlushToDiskSucceedsOnAnOpenFile) {
 TEST_F(FileTest, StartFlushChangesNeitherTheFileNorTheLastError) {
     File file;
     const auto start = [&file] {
-        SetLastSystemError(SystemErrorOf(SystemErrorKind::kNoSpace));
+        platform::SetLastSystemError(SystemErrorOf(SystemErrorKind::kNoSpace));
         file.StartFlush(0, 2);
         EXPECT_TRUE(LastErrorIs(SystemErrorKind::kNoSpace));
     };
