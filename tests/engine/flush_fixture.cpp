@@ -24,7 +24,7 @@ namespace {
 u64 DescribeItem(const u8* bytes, u64 left, u32* lastSequence, Strings* items) {
     if (left >= kCommitBlockSize && LoadUnaligned<u32>(bytes) == kCommitSignature) {
         const auto block = LoadUnaligned<TCommitBlock>(bytes);
-        const bool linked = block.prevSequence == *lastSequence;
+        const bool linked = items->empty() || block.prevSequence == *lastSequence;
         *lastSequence = block.sequence;
         items->push_back(linked ? "c" + std::to_string(block.commitRev) : "broken");
         return kCommitBlockSize;

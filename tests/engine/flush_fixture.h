@@ -28,7 +28,7 @@ std::string BlockFull(std::string_view text);
 
 // The items of a storage file from its first commit block on: "c<commitRev>" and "r<rev>". Stops
 // at the first bytes that are no item. A commit block that does not link to the one before it is
-// "broken".
+// "broken"; the first may link to anything.
 Strings FileItems(const std::string& path);
 
 using Revs = std::vector<i64>;

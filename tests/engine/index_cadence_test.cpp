@@ -1,12 +1,10 @@
 // When commits ask for the index to be saved, and what they do about a thread that cannot.
 #include <gtest/gtest.h>
 
-#include <condition_variable>
-#include <mutex>
 #include <thread>
 
 #include "engine/flush_fixture.h"
-#include "platform/system_calls.h"
+#include "engine/write_gate.h"
 #include "support/fault_injection.h"
 #include "support/log_capture.h"
 
@@ -16,52 +14,6 @@ namespace {
 // Each commit of BlockFull adds a block; every second block asks for a save.
 constexpr std::string_view kEverySecondBlock = "block_size=138;index_hint=2;";
 constexpr const char* kRequested = "Async idx save requested";
-
-void WaitUntilIdle(TestStorage& storage) {
-    while (StorageAccess::Index(storage.Object())->IsBusy()) {
-        std::this_thread::yield();
-    }
-}
-
-// Holds writes of every thread but the one that made it while it is shut.
-class WriteGate {
-  public:
-    WriteGate() {
-        s_gate = this;
-        platform::TheSystemCalls().writeFile = &WriteGate::Write;
-    }
-    ~WriteGate() { s_gate = nullptr; }
-    WriteGate(const WriteGate&) = delete;
-    WriteGate& operator=(const WriteGate&) = delete;
-
-    void Shut() {
-        const std::lock_guard guard(m_mutex);
-        m_shut = true;
-    }
-    void Open() {
-        {
-            const std::lock_guard guard(m_mutex);
-            m_shut = false;
-        }
-        m_changed.notify_all();
-    }
-
-  private:
-    static i64 Write(platform::NativeFile file, const void* data, u32 size) {
-        WriteGate& gate = *s_gate;
-        if (std::this_thread::get_id() != gate.m_owner) {
-            std::unique_lock guard(gate.m_mutex);
-            gate.m_changed.wait(guard, [&] { return !gate.m_shut; });
-        }
-        return platform::NativeSystemCalls().writeFile(file, data, size);
-    }
-
-    static inline WriteGate* s_gate = nullptr;
-    const std::thread::id m_owner = std::this_thread::get_id();
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    bool m_shut = false;
-};
 
 }  // namespace
 

@@ -146,26 +146,4 @@ TEST(TruncateInMemory, OpensAStorageThatIsNotLoaded) {
     storage.InsertCommitted({"one"});
 }
 
-TEST(TruncateWithAFile, IsNotSupportedYet) {
-    TestStorage storage(kFlushAlways);
-    storage.InsertCommitted({"one"});
-    const LogCapture log;
-    EXPECT_EQ(K9eReplStorageTruncate(storage.Handle()), RC_NOT_SUPPORTED);
-    EXPECT_EQ(log.CodeOf("Truncation of a storage with a file is not supported;conn-str " +
-                         storage.ConnStr()),
-              RC_NOT_SUPPORTED)
-        << log;
-    EXPECT_EQ(storage.Texts(), Strings({"one"}));
-}
-
-TEST(ClearOldRev, IsNotSupportedYet) {
-    InMemory storage;
-    storage.InsertCommitted({"one"});
-    const LogCapture log;
-    EXPECT_EQ(K9eReplStorageClearOldRev(storage.Handle(), 1, 3), RC_NOT_SUPPORTED);
-    EXPECT_EQ(log.CodeOf("Clearing old revisions is not supported;rev 1,mode 3"), RC_NOT_SUPPORTED)
-        << log;
-    EXPECT_EQ(storage.Texts(), Strings({"one"}));
-}
-
 }  // namespace k9erepl::test

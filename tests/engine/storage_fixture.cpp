@@ -130,6 +130,18 @@ void TestStorage::InsertMany(u32 count, std::string_view prefix) {
     }
 }
 
+u32 TestStorage::Clear(i64 rev, u32 mode) {
+    return K9eReplStorageClearOldRev(m_handle, rev, mode);
+}
+
+u32 TestStorage::ClearAll(u32 mode) {
+    return K9eReplStorageClearAll(m_handle, mode);
+}
+
+u32 TestStorage::Truncate() {
+    return K9eReplStorageTruncate(m_handle);
+}
+
 u32 TestStorage::Enumerate(SeenRecords* records, i64 fromRev, i64 toRev) {
     return K9eReplStorageEnumRecords(m_handle, fromRev, toRev, CollectRecord, records);
 }
@@ -152,6 +164,24 @@ i64 TestStorage::NextRev() {
     i64 rev = 0;
     EXPECT_EQ(K9eReplStorageGetNextRev(m_handle, &rev), RC_OK);
     return rev;
+}
+
+i64 TestStorage::FirstRev() {
+    i64 rev = 0;
+    EXPECT_EQ(DataSource().GetFirstRev(0, &rev), RC_OK);
+    return rev;
+}
+
+i64 TestStorage::RevisionMark() {
+    i64 rev = -1;
+    EXPECT_EQ(K9eReplStorageGetClearOldRev(m_handle, &rev), RC_OK);
+    return rev;
+}
+
+u32 TestStorage::Lifenum() {
+    u32 lifenum = 0;
+    EXPECT_EQ(K9eReplStorageGetLifenum(m_handle, &lifenum), RC_OK);
+    return lifenum;
 }
 
 Strings Numbered(u32 count, std::string_view prefix) {

@@ -117,11 +117,20 @@ class TestStorage {
     // `count` transactions of one record each, "<prefix><n>" with n from 1.
     void InsertMany(u32 count, std::string_view prefix = "r");
 
+    // --- Removing
+    u32 Clear(i64 rev, u32 mode);
+    u32 ClearAll(u32 mode);
+    u32 Truncate();
+
     // --- Reading
     u32 Enumerate(SeenRecords* records, i64 fromRev = 0, i64 toRev = kEndOfRevs);
     SeenRecords Records(i64 fromRev = 0, i64 toRev = kEndOfRevs);
     Strings Texts(i64 fromRev = 0, i64 toRev = kEndOfRevs);
     i64 NextRev();
+    i64 FirstRev();
+    i64 OldestRev() const { return StorageAccess::OldestRev(Object()); }
+    i64 RevisionMark();
+    u32 Lifenum();
     StorageState State() const { return StorageAccess::State(Object()); }
 
   private:
