@@ -1,4 +1,4 @@
-// The worked example of the storage file's document is what the code writes.
+// The worked examples of the storage file's document are what the code writes.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -48,21 +48,28 @@ std::optional<DumpLine> ParseLine(const std::string& line) {
     return result;
 }
 
-Bytes DocumentedBytes() {
+// The dumps of the document, one after the other; each begins at offset 0.
+std::vector<Bytes> DocumentedFiles() {
     std::ifstream document(K9EREPL_STORAGE_DOCUMENT);
     EXPECT_TRUE(document.is_open()) << K9EREPL_STORAGE_DOCUMENT;
-    Bytes bytes;
+    std::vector<Bytes> files;
     for (std::string line; std::getline(document, line);) {
         if (const std::optional<DumpLine> part = ParseLine(line)) {
+            if (part->offset == 0) {
+                files.emplace_back();
+            }
+            Bytes& bytes = files.back();
             EXPECT_EQ(part->offset, bytes.size()) << line;
             bytes.insert(bytes.end(), part->bytes.begin(), part->bytes.end());
         }
     }
-    return bytes;
+    return files;
 }
 
 class StorageDocument : public SolidTest {
   protected:
+    StorageDocument() { EXPECT_EQ(m_files.size(), 2U); }
+
     // The steps of the document's example.
     void WriteExample() {
         SetTimeStampCounter(0x12'E0A1'3C01, 1);
@@ -77,19 +84,30 @@ class StorageDocument : public SolidTest {
         WriteTransaction(3, "fig");
     }
 
+    const std::vector<Bytes> m_files = DocumentedFiles();
     const Items m_exampleItems = {"commit 0 0", "record 1 at 1056: apple", "record 2 at 1085: ",
                                   "commit 0 2", "record 3 at 1141: fig",   "commit 0 3"};
 };
 
 TEST_F(StorageDocument, ShowsTheBytesThatTheCodeWrites) {
     WriteExample();
-    const Bytes documented = DocumentedBytes();
-    EXPECT_EQ(documented.size(), 1200U);
-    EXPECT_EQ(documented, ReadBytes(Path()));
+    EXPECT_EQ(m_files.at(0).size(), 1200U);
+    EXPECT_EQ(m_files.at(0), ReadBytes(Path()));
+}
+
+TEST_F(StorageDocument, ShowsTheBytesThatASqueezeLeaves) {
+    WriteExample();
+    i64 shift = 0;
+    EXPECT_EQ(
+        m_solid.Squeeze(
+            {.clearRev = 3, .copyFrom = 0x475, .commitOffset = 0x490, .keepBackup = true}, &shift),
+        RC_OK);
+    EXPECT_EQ(m_files.at(1), ReadBytes(Path()));
+    EXPECT_EQ(m_files.at(0), ReadBytes(Path() + ".backup"));
 }
 
 TEST_F(StorageDocument, ShowsAFileThatTheReaderTakes) {
-    WriteBytes(Path(), DocumentedBytes());
+    WriteBytes(Path(), m_files.at(0));
     Open();
     EXPECT_EQ(Scanned(), m_exampleItems);
     u32 lifenum = 0;
