@@ -73,11 +73,11 @@ void PseudoTerminal::Type(std::string_view text) {
 }
 
 void PseudoTerminal::HoldOutput() {
-    Checked(tcflow(m_slave, TCOOFF), "hold the output");
+    Checked(tcflow(m_slave, TCOOFF), "hold the output");  // NOLINT(concurrency-mt-unsafe)
 }
 
 void PseudoTerminal::ReleaseOutput() {
-    Checked(tcflow(m_slave, TCOON), "release the output");
+    Checked(tcflow(m_slave, TCOON), "release the output");  // NOLINT(concurrency-mt-unsafe)
 }
 
 bool PseudoTerminal::ReadMore(int timeoutMs) {

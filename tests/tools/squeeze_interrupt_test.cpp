@@ -2,6 +2,7 @@
 // output holds the squeeze, because the tool waits to print how far it is.
 #include <csignal>
 #include <filesystem>
+#include <memory>
 #include <string>
 
 #include "tools/clear_fixture.h"

@@ -1,5 +1,6 @@
 // Truncate: the question, its answers, and what is left.
 #include <csignal>
+#include <filesystem>
 #include <string>
 
 #include "tools/tool_fixture.h"
@@ -82,7 +83,7 @@ TEST_F(ToolTruncate, ABackupOfASqueezeStays) {
 
 TEST_F(ToolTruncate, AYesOnTheTerminalThrowsEverythingAway) {
     for (const char* answer : {"y\n", "Y\n", "yes\n", "Yes\n"}) {
-        std::remove(StorageFile().c_str());
+        std::filesystem::remove(StorageFile());
         Fill();
         const ToolRun run = Answer(answer);
         EXPECT_EQ(run.exitStatus, 0) << run;
