@@ -40,14 +40,14 @@ constexpr std::array<Weighted<OpKind>, 17> kKinds = {{
     {130, OpKind::kEnumerate},
     {20, OpKind::kEnumerateFrom},
     {5, OpKind::kEnumerateWithoutVisitor},
-    {80, OpKind::kClear},
+    {60, OpKind::kClear},
     {8, OpKind::kClearAll},
     {6, OpKind::kTruncate},
     {20, OpKind::kSetLifenum},
     {8, OpKind::kLoad},
     {10, OpKind::kFlushOnIdle},
-    {12, OpKind::kLookAtFile},
-    {16, OpKind::kReopen},
+    {6, OpKind::kLookAtFile},
+    {11, OpKind::kReopen},
 }};
 
 constexpr std::array<Weighted<OpKind>, 8> kActions = {{
@@ -83,8 +83,8 @@ constexpr std::array<Weighted<RevPlace>, 7> kClearPlaces = {{
 
 constexpr std::array<Weighted<u32>, 8> kClearModes = {{
     {25, 0},
-    {15, 1},
-    {30, 2},
+    {12, 1},
+    {20, 2},
     {10, 3},
     {8, 4},
     {3, 7},
