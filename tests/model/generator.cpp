@@ -186,8 +186,9 @@ ReopenPlan PlanReopen(const Settings& before, Random& random) {
         plan.settings.blockSize = before.blockSize;
     }
     plan.index = random.OneOf({IndexFate::kKeep, IndexFate::kKeep, IndexFate::kDelete,
-                               IndexFate::kDamage, IndexFate::kRestoreOlder});
+                               IndexFate::kDamage, IndexFate::kForge, IndexFate::kRestoreOlder});
     plan.damagePermille = random.Below(1000);
+    plan.forgery = random.OneOf<i64>({-32, -24, -1, 1, 24, 32, 100, 1000000});
     plan.saveIndex = random.OneIn(2);
     if (random.OneIn(8)) {
         plan.create = random.OneOf({CreateFirst::kRefused, CreateFirst::kLeave,

@@ -50,7 +50,7 @@ std::string Text(const SizeChoice& choice) {
 
 std::string Text(const ReopenPlan& plan) {
     static constexpr const char* kFates[] = {"", ", index deleted", ", index damaged",
-                                             ", older index restored"};
+                                             ", index forged", ", older index restored"};
     static constexpr const char* kCreates[] = {"", ", create refused", ", create leaves it",
                                                ", create replaces it", ", deleted and created"};
     static constexpr const char* kKinds[] = {"", " (without file)", " (without writing)"};

@@ -59,14 +59,15 @@ struct SizeChoice {
     u32 number = 0;
 };
 
-enum class IndexFate : u8 { kKeep, kDelete, kDamage, kRestoreOlder };
+enum class IndexFate : u8 { kKeep, kDelete, kDamage, kForge, kRestoreOlder };
 enum class CreateFirst : u8 { kNo, kRefused, kLeave, kReplace, kDelete };
 
 // What happens between the closing of a storage and its next opening, and how it is opened.
 struct ReopenPlan {
     Settings settings;
     IndexFate index = IndexFate::kKeep;
-    u32 damagePermille = 0;
+    u32 damagePermille = 0;  // where in the index
+    i64 forgery = 0;         // what is added to an offset there
     bool saveIndex = false;
     CreateFirst create = CreateFirst::kNo;
     bool load = true;

@@ -81,6 +81,9 @@ void Runner::TreatIndex(const ReopenPlan& plan) {
         case IndexFate::kDamage:
             DamageIndex(plan.damagePermille);
             break;
+        case IndexFate::kForge:
+            ForgeIndex(plan.damagePermille, plan.forgery);
+            break;
         case IndexFate::kRestoreOlder:
             if (m_savedGeneration == m_generation) {
                 fs::copy_file(m_savedIndexPath, m_indexPath, fs::copy_options::overwrite_existing,
@@ -102,6 +105,38 @@ void Runner::DamageIndex(u32 permille) {
     file.clear();
     file.seekp(at);
     file.put(static_cast<char>(byte ^ 0x15));
+}
+
+// One entry gets another offset, and the checksum agrees: only the storage file can tell.
+void Runner::ForgeIndex(u32 permille, i64 added) {
+    constexpr std::streamoff kChecksumAt = 24;
+    constexpr std::streamoff kHeaderSize = 32;
+    constexpr std::streamoff kEntrySize = 16;
+    const auto fold = [](i64 value) {
+        return static_cast<u32>(value) ^ static_cast<u32>(static_cast<u64>(value) >> 32U);
+    };
+    std::fstream file(m_indexPath, std::ios::in | std::ios::out | std::ios::binary);
+    if (!file) {
+        return;
+    }
+    const auto entries =
+        (static_cast<std::streamoff>(fs::file_size(m_indexPath)) - kHeaderSize) / kEntrySize;
+    const std::streamoff at = kHeaderSize + entries * permille / 1000 * kEntrySize;
+    u32 checksum = 0;
+    i64 entry[2] = {};  // revision, offset
+    file.seekg(kChecksumAt);
+    file.read(reinterpret_cast<char*>(&checksum), sizeof checksum);
+    file.seekg(at);
+    if (!file.read(reinterpret_cast<char*>(entry), sizeof entry)) {
+        return;
+    }
+    checksum ^= fold(entry[0] - entry[1]);
+    entry[1] += added;
+    checksum ^= fold(entry[0] - entry[1]);
+    file.seekp(at);
+    file.write(reinterpret_cast<const char*>(entry), sizeof entry);
+    file.seekp(kChecksumAt);
+    file.write(reinterpret_cast<const char*>(&checksum), sizeof checksum);
 }
 
 // Every record of the file must fit a block, unless the storage is to find out.

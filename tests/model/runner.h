@@ -50,6 +50,7 @@ class Runner {
     void Create(const ReopenPlan& plan);
     void TreatIndex(const ReopenPlan& plan);
     void DamageIndex(u32 permille);
+    void ForgeIndex(u32 permille, i64 added);
     Settings FittingSettings(const ReopenPlan& plan) const;
     void Load();
     void LookAtFile(u32 word);
