@@ -30,16 +30,24 @@ bool CK9eReplStorage::MayRemoveNow() const {
     return m_transDepth == 0 && m_fileWork != FileWork::kWriting && !m_clearing;
 }
 
-std::uint32_t CK9eReplStorage::ClearOldRev(std::int64_t rev, std::uint32_t mode) {
-    const Guard guard(m_lock);
+// RC_OK when nothing stands in the way of a clear.
+u32 CK9eReplStorage::RefuseToClear(bool inTransaction) const {
     if (State() != StorageState::kOpen) {
         LOG_ERROR_CODE(RC_WRONG_STATE, kLogStorage, "Failed to clear old rev;state %d",
                        StateForLog());
         return RC_WRONG_STATE;
     }
-    if (!MayRemoveNow()) {
+    if (inTransaction) {
         LOG_ERROR_CODE(RC_IN_TRANSACTION, kLogStorage, "Coundn't clear old rev in trans");
         return RC_IN_TRANSACTION;
+    }
+    return RC_OK;
+}
+
+std::uint32_t CK9eReplStorage::ClearOldRev(std::int64_t rev, std::uint32_t mode) {
+    const Guard guard(m_lock);
+    if (u32 rc = RefuseToClear(!MayRemoveNow()); rc != RC_OK) {
+        return rc;
     }
     const auto clearMode = static_cast<ClearMode>(mode);
     if (clearMode == ClearMode::kMark) {
@@ -96,21 +104,25 @@ u32 CK9eReplStorage::ClearBelow(i64 rev, ClearMode mode) {
     return RC_OK;
 }
 
-// What goes is sought in the file, so everything must be there. Callbacks of the flush may leave
-// the storage in a state in which nothing can be cleared.
+// What is kept is sought in the file, so everything must be there, except what callbacks of the
+// flush commit behind a record that is kept. Callbacks may also leave the storage in a state in
+// which nothing can be cleared.
 u32 CK9eReplStorage::FlushBeforeClear(i64 rev) {
-    if (u32 rc = FlushNow(); rc != RC_OK) {
-        LOG_ERROR_CODE(rc, kLogStorage, "Cannot flush data before clear old revs;clear rev %I64d",
-                       rev);
-        if (State() != StorageState::kBroken) {
-            SetState(StorageState::kFlushFailed);
+    i64 nextRev = 0;
+    do {
+        nextRev = m_nextRev;
+        if (u32 rc = FlushNow(); rc != RC_OK) {
+            LOG_ERROR_CODE(rc, kLogStorage,
+                           "Cannot flush data before clear old revs;clear rev %I64d", rev);
+            if (State() != StorageState::kBroken) {
+                SetState(StorageState::kFlushFailed);
+            }
+            return rc;
         }
-        return rc;
-    }
-    if (m_transDepth > 0) {
-        LOG_ERROR_CODE(RC_IN_TRANSACTION, kLogStorage, "Coundn't clear old rev in trans");
-        return RC_IN_TRANSACTION;
-    }
+        if (u32 rc = RefuseToClear(m_transDepth > 0); rc != RC_OK) {
+            return rc;
+        }
+    } while (m_flushedRev < rev && m_nextRev != nextRev);
     return RC_OK;
 }
 
@@ -135,12 +147,16 @@ void CK9eReplStorage::ForgetEverything() {
     m_beginMoved = false;
 }
 
-void CK9eReplStorage::SaveIndexAfterClear(ClearMode mode) {
+void CK9eReplStorage::RestartIndexIfFinished() {
     if (m_index->IsFinished()) {
         LOG_ERROR(kLogStorage, "Index thread is finished; trying to restart");
         m_index->Stop();
         m_index->Start();
     }
+}
+
+void CK9eReplStorage::SaveIndexAfterClear(ClearMode mode) {
+    RestartIndexIfFinished();
     // A save that cannot be had now is no failure of the clear: the index is only an aid.
     if (!m_index->IsFinished()) {
         if (Squeezes(mode)) {

@@ -49,6 +49,7 @@ u32 CK9eReplStorage::ClearInFile(i64 rev, ClearMode mode) {
 }
 
 u32 CK9eReplStorage::ClearWholeFile(i64 rev) {
+    RestartIndexIfFinished();
     u32 rc = EmptyIndexFile();
     if (rc == RC_OK) {
         rc = m_solid.TruncateToClearRev(m_nextRev - 1, m_lifenum, m_clearOldRev);
@@ -129,14 +130,17 @@ u32 CK9eReplStorage::SearchFirstKept(BlockIndex::const_iterator holding, ClearSe
 u32 CK9eReplStorage::SqueezeFile(const ClearSearch& search, ClearMode mode, i64* shift) {
     u32 rc = RC_BAD_DATA;
     if (search.commitOffset != kUnknownOffset) {
-        const SqueezeRequest request{
-            .clearRev = search.minRev,
-            .copyFrom = search.newFirstRecOffset,
-            .commitOffset = search.commitOffset,
-            .keepBackup = mode == ClearMode::kSqueezeBackup,
-            .beforeReplace =
-                [](void* ctx) { return static_cast<CK9eReplStorage*>(ctx)->EmptyIndexFile(); },
-            .ctx = this};
+        const SqueezeRequest request{.clearRev = search.minRev,
+                                     .copyFrom = search.newFirstRecOffset,
+                                     .commitOffset = search.commitOffset,
+                                     .keepBackup = mode == ClearMode::kSqueezeBackup,
+                                     .beforeReplace =
+                                         [](void* ctx) {
+                                             auto& storage = *static_cast<CK9eReplStorage*>(ctx);
+                                             storage.RestartIndexIfFinished();
+                                             return storage.EmptyIndexFile();
+                                         },
+                                     .ctx = this};
         rc = m_solid.Squeeze(request, shift);
     }
     if (rc != RC_OK) {
@@ -170,7 +174,8 @@ void CK9eReplStorage::ForgetBelow(i64 holdingKey, const ClearSearch& search, i64
     const auto first = index.begin();
     const u64 cutBytes = first->first == holdingKey ? search.recSz : 0;
     const auto second = std::next(first);
-    if (m_transDepth > 0 && (second == index.end() || second->first >= m_transStartRev)) {
+    if (m_transDepth > 0 && first->second.block != nullptr &&
+        (second == index.end() || second->first >= m_transStartRev)) {
         // A callback has begun a transaction, to be rolled back to a place in this block.
         assert(cutBytes <= m_transStartUsed);
         m_transStartUsed -= cutBytes;

@@ -175,6 +175,7 @@ class CK9eReplStorage final : public IK9eReplStorage {
 
     // Clearing (clearing.cpp, clearing_file.cpp, truncation.cpp)
     bool MayRemoveNow() const;
+    u32 RefuseToClear(bool inTransaction) const;
     u32 SetRevisionMark(i64 rev);
     u32 ClearBelow(i64 rev, ClearMode mode);
     u32 FlushBeforeClear(i64 rev);
@@ -189,6 +190,7 @@ class CK9eReplStorage final : public IK9eReplStorage {
     u32 SqueezeFile(const ClearSearch& search, ClearMode mode, i64* shift);
     u32 RaiseClearRev(const ClearSearch& search);
     void ForgetBelow(i64 holdingKey, const ClearSearch& search, i64 shift);
+    void RestartIndexIfFinished();
     u32 EmptyIndexFile();
     u32 TruncateFile();
 

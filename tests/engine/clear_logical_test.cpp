@@ -1,0 +1,243 @@
+// A logical clear: one commit block in the file, the first kept block cut and entered anew, the
+// index saved by the thread.
+#include <gtest/gtest.h>
+
+#include "engine/clear_fixture.h"
+#include "engine/write_gate.h"
+#include "support/fault_injection.h"
+#include "support/file_bytes.h"
+#include "support/log_capture.h"
+
+namespace k9erepl::test {
+namespace {
+
+// Two records of 64 bytes and two commit blocks a block.
+constexpr i64 kRecord = 64;
+constexpr i64 kCommit = 32;
+constexpr i64 OffsetOf(i64 rev) {
+    return kFirstItemOffset + (rev - 1) * (kRecord + kCommit);
+}
+
+K9eReplBlock& BlockAt(TestStorage& storage, i64 key) {
+    return *StorageAccess::Blocks(storage.Object()).Blocks().at(key);
+}
+
+}  // namespace
+
+TEST(LogicalClear, AppendsOneCommitBlockAndLeavesTheRecordsInTheFile) {
+    ClearableStorage storage(KeepInMemory());
+    storage.Put(5);
+    const std::vector<u8> before = ReadBytes(storage.Path());
+    const LogCapture log;
+    storage.ClearTo(4, kLogical);
+    EXPECT_EQ(FileItems(storage.Path()),
+              Strings({"c0", "r1", "c1", "r2", "c2", "r3", "c3", "r4", "c4", "r5", "c5", "c5"}));
+    EXPECT_EQ(ClearRevs(storage.Path()), Revs({0, 0, 0, 0, 0, 0, 4}));
+    std::vector<u8> after = ReadBytes(storage.Path());
+    const auto written = static_cast<std::size_t>(OffsetOf(6));
+    EXPECT_TRUE(std::equal(before.begin(), before.begin() + OffsetOf(6), after.begin()));
+    EXPECT_EQ(after.size(), std::max<std::size_t>(before.size(), written + kCommit));
+    EXPECT_TRUE(log.Has(K9SYS_LOG_INFO, "Set clear rev 4")) << log;
+}
+
+TEST(LogicalClear, CutsTheFirstKeptBlockAndEntersItUnderTheClearRevision) {
+    ClearableStorage storage(KeepInMemory());
+    storage.Put(5);
+    const LogCapture log;
+    storage.ClearTo(4, kLogical);
+    EXPECT_EQ(EntriesInMemory(storage), IndexEntries({{4, OffsetOf(4)}, {5, OffsetOf(5)}}));
+    EXPECT_EQ(BlockAt(storage, 4).used, 64U);
+    EXPECT_EQ(BlockAt(storage, 4).flushedEnd, 64U);
+    EXPECT_EQ(StorageAccess::Blocks(storage.Object()).Blocks().size(), 2U);
+    EXPECT_EQ(storage.FirstRev(), 4);
+    EXPECT_TRUE(StorageAccess::BeginMoved(storage.Object()));
+    const std::string text =
+        "Squeeze enum; minRev: 4, newFirstRecOffset: " + std::to_string(OffsetOf(4)) +
+        ", commitOffset: " + std::to_string(OffsetOf(5) - kCommit) + ", recSz: 64";
+    EXPECT_TRUE(log.Has(K9SYS_LOG_INFO, text)) << log;
+}
+
+TEST(LogicalClear, LeavesABlockThatBeginsWithTheClearRevisionWhole) {
+    ClearableStorage storage(KeepInMemory());
+    storage.Put(5);
+    storage.ClearTo(3, kLogical);
+    EXPECT_EQ(EntriesInMemory(storage), IndexEntries({{3, OffsetOf(3)}, {5, OffsetOf(5)}}));
+    EXPECT_EQ(BlockAt(storage, 3).used, 128U);
+}
+
+TEST(LogicalClear, OfABlockThatIsOnlyInTheFileSaysSo) {
+    ClearableStorage storage(KeepOnDisk());
+    storage.Put(5);
+    const LogCapture log;
+    storage.ClearTo(2, kLogical);
+    EXPECT_TRUE(log.Has(K9SYS_LOG_INFO, "Cannot find memblock with rev 1")) << log;
+    EXPECT_EQ(EntriesInMemory(storage),
+              IndexEntries({{2, OffsetOf(2)}, {3, OffsetOf(3)}, {5, OffsetOf(5)}}));
+    storage.ExpectContentForLife();
+}
+
+TEST(LogicalClear, OfABlockInMemoryDoesNotSaySo) {
+    ClearableStorage storage(KeepOnDisk());
+    storage.Put(6);
+    const LogCapture log;
+    storage.ClearTo(6, kLogical);
+    EXPECT_EQ(log.CountContaining("Cannot find memblock"), 0U) << log;
+    EXPECT_EQ(BlockAt(storage, 6).used, 64U);
+    storage.ExpectContentForLife();
+}
+
+// The next record still finds room behind what was moved to the front.
+TEST(LogicalClear, MakesRoomInTheBlockThatIsBeingFilled) {
+    ClearableStorage storage(KeepInMemory());
+    storage.Put(2);
+    storage.ClearTo(2, kLogical);
+    storage.Put();
+    EXPECT_EQ(BlockAt(storage, 2).used, 128U);
+    EXPECT_EQ(BlockAt(storage, 2).flushedEnd, 128U);
+    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0", "r1", "c1", "r2", "c2", "c2", "r3", "c3"}));
+    storage.ExpectContentForLife();
+}
+
+TEST(LogicalClear, FlushesFirstAndTellsTheClient) {
+    Notified flushed;
+    ClearableStorage storage(AllKeepings()[3]);
+    flushed.SetAsOnFlush(storage);
+    storage.Put(3);
+    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0"}));
+    storage.ClearTo(2, kLogical);
+    EXPECT_EQ(flushed.Calls(), Revs({3}));
+    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0", "r1", "r2", "r3", "c3", "c3"}));
+    EXPECT_EQ(ClearRevs(storage.Path()), Revs({0, 0, 2}));
+    EXPECT_EQ(StorageAccess::Policy(storage.Object()).Now().transactions, 0U);
+    storage.ExpectContentForLife();
+}
+
+TEST(LogicalClear, IntoAGapBetweenBlocksBeginsWithTheNextBlock) {
+    ClearableStorage storage(KeepInMemory());
+    storage.Put(2);
+    storage.PutAt(10);
+    storage.Put(2);
+    storage.ClearTo(7, kLogical);
+    EXPECT_EQ(EntriesInMemory(storage), IndexEntries({{7, OffsetOf(3)}, {12, OffsetOf(5)}}));
+    EXPECT_EQ(BlockAt(storage, 7).used, 128U);
+    EXPECT_EQ(storage.FirstRev(), 7);
+    storage.ExpectContentForLife();
+}
+
+TEST(LogicalClear, IntoAGapInsideABlockKeepsItsSecondRecord) {
+    ClearableStorage storage(KeepInMemory());
+    storage.Put();
+    storage.PutAt(10);
+    storage.Put(2);
+    storage.ClearTo(5, kLogical);
+    EXPECT_EQ(EntriesInMemory(storage), IndexEntries({{5, OffsetOf(2)}, {11, OffsetOf(3)}}));
+    EXPECT_EQ(BlockAt(storage, 5).used, 64U);
+    storage.ExpectContentForLife();
+}
+
+TEST(LogicalClear, BeforeTheFirstRecordLeavesItsBlockAndItsKey) {
+    ClearableStorage storage(KeepInMemory());
+    storage.PutAt(10);
+    storage.Put(2);
+    storage.ClearTo(5, kLogical);
+    EXPECT_EQ(EntriesInMemory(storage), IndexEntries({{10, OffsetOf(1)}, {12, OffsetOf(3)}}));
+    EXPECT_EQ(BlockAt(storage, 10).used, 128U);
+    EXPECT_EQ(storage.FirstRev(), 10);
+    storage.ExpectContentForLife();
+}
+
+TEST(LogicalClear, AtAKeyThatNoRecordHasKeepsTheRecordsBehindIt) {
+    ClearableStorage storage(KeepInMemory());
+    storage.Put(2);
+    storage.UseUpLeavingABlock();
+    storage.Put(2);
+    storage.ClearTo(3, kLogical);
+    EXPECT_EQ(EntriesInMemory(storage), IndexEntries({{3, OffsetOf(3)}}));
+    EXPECT_EQ(BlockAt(storage, 3).used, 128U);
+    storage.ExpectContentForLife();
+}
+
+TEST(LogicalClear, RightBeforeAnEmptyLastBlockLeavesThatToTheNextRecord) {
+    ClearableStorage storage(KeepInMemory());
+    storage.Put(3);
+    storage.UseUpLeavingABlock();
+    storage.ClearTo(3, kLogical);
+    EXPECT_EQ(StorageAccess::Blocks(storage.Object()).Index().size(), 2U);
+    storage.Put();
+    EXPECT_EQ(BlockAt(storage, 4).used, 64U);
+    storage.ExpectContentForLife();
+}
+
+// --- The index save ----------------------------------------------------------------------------
+
+TEST(LogicalClear, LetsTheThreadSaveTheWholeIndex) {
+    ClearableStorage storage(KeepInMemory());
+    storage.Put(7);
+    const LogCapture log({"k9eRepl-storage-idx"});
+    storage.ClearTo(4, kLogical);
+    WaitUntilIdle(storage);
+    EXPECT_EQ(log.Count("Async idx save requested"), 1U) << log;
+    EXPECT_EQ(log.Count("File rewritten (80 bytes)"), 1U) << log;
+    EXPECT_EQ(ReadIndexEntries(storage), EntriesInMemory(storage));
+}
+
+TEST(LogicalClear, SkipsTheSaveWhenTheThreadIsBusy) {
+    const ScopedSystemCalls systemCalls;
+    WriteGate gate;
+    ClearableStorage storage(KeepInMemory());
+    storage.Put(5);
+    gate.Shut();
+    storage.ClearTo(2, kLogical);
+    const LogCapture log;
+    storage.ClearTo(4, kLogical);
+    EXPECT_TRUE(log.Has(K9SYS_LOG_WARNING, "Index thread is busy")) << log;
+    EXPECT_EQ(log.CountContaining("idx save requested"), 0U) << log;
+    storage.ExpectContent();
+    gate.Open();
+    WaitUntilIdle(storage);
+    storage.ExpectContentForLife();
+}
+
+// The file still lists a block that was cut since, when new blocks ask for a save.
+TEST(LogicalClear, AfterASkippedSaveTheNextOneStartsOver) {
+    const ScopedSystemCalls systemCalls;
+    WriteGate gate;
+    ClearableStorage storage(KeepInMemory(), "index_hint=2;");
+    storage.Put(5);
+    gate.Shut();
+    storage.ClearTo(2, kLogical);
+    storage.ClearTo(5, kLogical);
+    gate.Open();
+    WaitUntilIdle(storage);
+    storage.Put(4);
+    WaitUntilIdle(storage);
+    EXPECT_EQ(ReadIndexEntries(storage), EntriesInMemory(storage));
+    storage.ExpectContentForLife();
+}
+
+TEST(LogicalClear, RestartsAnIndexThreadThatHasFinished) {
+    ClearableStorage storage(KeepInMemory());
+    storage.Put(5);
+    StorageAccess::Index(storage.Object())->Stop();
+    const LogCapture log;
+    storage.ClearTo(4, kLogical);
+    EXPECT_TRUE(log.Has(K9SYS_LOG_ERROR, "Index thread is finished; trying to restart")) << log;
+    EXPECT_EQ(log.Count("Index thread is finished; trying to restart"), 1U);
+    EXPECT_FALSE(StorageAccess::Index(storage.Object())->IsFinished());
+    WaitUntilIdle(storage);
+    EXPECT_EQ(ReadIndexEntries(storage), EntriesInMemory(storage));
+    storage.ExpectContentForLife();
+}
+
+TEST(LogicalClear, SucceedsWithoutAnIndexThread) {
+    const ScopedSystemCalls systemCalls;
+    ClearableStorage storage(KeepInMemory());
+    storage.Put(5);
+    StorageAccess::Index(storage.Object())->Stop();
+    FailCreateThread(1);
+    storage.ClearTo(4, kLogical);
+    EXPECT_TRUE(StorageAccess::Index(storage.Object())->IsFinished());
+    storage.ExpectContentForLife();
+}
+
+}  // namespace k9erepl::test
