@@ -9,8 +9,9 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 
-#include "support/file_bytes.h"
+#include "support/log_capture.h"
 
 namespace k9erepl::test {
 namespace {
@@ -207,19 +208,26 @@ std::string RemovalStage::State() const {
         std::ifstream(path, std::ios::binary)
             .read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
         state += name + '/' + std::to_string(fs::hard_link_count(path)) + '/' +
-                 std::to_string(bytes.size()) + '/' + bytes;
+                 std::to_string(bytes.size()) + '/' +
+                 std::to_string(std::hash<std::string>()(bytes)) + '\n';
     }
     return state;
 }
 
 u32 RemovalStage::TryOpen() const {
+    const LogCapture log;
     return TestStorage(ConnStr(Path()), Start::kNothing).TryOpen();
 }
 
-u32 RemovalStage::RemoveAgain() const {
+u32 RemovalStage::RemoveAgain(std::vector<LoggedMessage>* messages) const {
+    const LogCapture log;
     TestStorage storage(ConnStr(Path()), Start::kNothing);
     EXPECT_EQ(storage.TryOpenAndLoad(), RC_OK);
-    return Remove(storage.Handle());
+    const u32 rc = Remove(storage.Handle());
+    if (messages != nullptr) {
+        *messages = log.Messages();
+    }
+    return rc;
 }
 
 Content RemovalStage::Look() const {

@@ -9,6 +9,7 @@
 
 #include "crash/traced_calls.h"
 #include "engine/storage_fixture.h"
+#include "support/log_capture.h"
 #include "support/temp_folder.h"
 
 namespace k9erepl::test {
@@ -83,11 +84,11 @@ class RemovalStage {
     std::string Backup() const { return Path() + ".backup"; }
     // The names of all files, in order.
     Strings Files() const;
-    // Equal when all files have the same names, links and bytes.
+    // Equal when all files have the same names, numbers of links and bytes.
     std::string State() const;
 
-    // Opens the storage, removes what is to go, and closes.
-    u32 RemoveAgain() const;
+    // Opens the storage, removes what is to go, and closes. What is logged comes to `messages`.
+    u32 RemoveAgain(std::vector<LoggedMessage>* messages = nullptr) const;
     // Opens and closes; the result of opening.
     u32 TryOpen() const;
     // Opens, reads everything, closes.

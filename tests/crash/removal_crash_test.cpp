@@ -11,7 +11,6 @@
 #include "crash/removal.h"
 #include "platform/system_error.h"
 #include "support/file_bytes.h"
-#include "support/log_capture.h"
 
 namespace k9erepl::test {
 
@@ -261,13 +260,15 @@ TEST(SqueezeCrash, MakesTheNextSqueezeNameTheTemporaryFile) {
     const Trace trace = stage.Run();
     const CrashPoint point = PointAt(trace, "Create temporary", Moment::kAfter);
     ASSERT_EQ(stage.CrashAt(point), TracedCalls::kEnded);
-    const LogCapture log;
-    EXPECT_EQ(stage.RemoveAgain(), RC_SYSTEM_ERROR);
-    EXPECT_EQ(log.CodeOf("Cannot create temporary file '" + stage.Temporary() + "';sys-err " +
-                         std::to_string(
-                             platform::SystemErrorOf(platform::SystemErrorKind::kAlreadyExists))),
-              RC_SYSTEM_ERROR)
-        << log;
+    std::vector<LoggedMessage> messages;
+    EXPECT_EQ(stage.RemoveAgain(&messages), RC_SYSTEM_ERROR);
+    const platform::SystemError exists =
+        platform::SystemErrorOf(platform::SystemErrorKind::kAlreadyExists);
+    const LoggedMessage expected = {K9SYS_LOG_ERROR, "k9eRepl-storage",
+                                    "Cannot create temporary file '" + stage.Temporary() +
+                                        "';sys-err " + std::to_string(exists),
+                                    RC_SYSTEM_ERROR};
+    EXPECT_EQ(std::count(messages.begin(), messages.end(), expected), 1);
 }
 
 }  // namespace
