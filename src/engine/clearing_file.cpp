@@ -174,8 +174,7 @@ void CK9eReplStorage::ForgetBelow(i64 holdingKey, const ClearSearch& search, i64
     const auto first = index.begin();
     const u64 cutBytes = first->first == holdingKey ? search.recSz : 0;
     const auto second = std::next(first);
-    if (m_transDepth > 0 && first->second.block != nullptr &&
-        (second == index.end() || second->first >= m_transStartRev)) {
+    if (m_transDepth > 0 && (second == index.end() || second->first >= m_transStartRev)) {
         // A callback has begun a transaction, to be rolled back to a place in this block.
         assert(cutBytes <= m_transStartUsed);
         m_transStartUsed -= cutBytes;
