@@ -112,6 +112,19 @@ u32 BlockList::EraseAll() {
     return rc;
 }
 
+void BlockList::Abandon() {
+    Touch();
+    struct Abandoned {
+        MemoryBlocks blocks;
+        BlockIndex index;
+    };
+    // Nobody holds it: that is its purpose.
+    [[maybe_unused]] const auto* const abandoned =
+        new Abandoned{std::move(m_blocks), std::move(m_index)};
+    m_blocks.clear();
+    m_index.clear();
+}
+
 u32 BlockList::Shrink(std::size_t keep, i64 flushedRev) {
     if (m_blocks.size() <= keep) {
         return RC_OK;

@@ -48,6 +48,8 @@ class BlockList {
     void EraseIndexAfter(i64 rev);
     // Both, for everything.
     u32 EraseAll();
+    // Forgets everything but leaves all of it allocated, for a thread that may still use it.
+    void Abandon();
 
     // Releases memory blocks, oldest first, until `keep` are left, but none that holds a record
     // above `flushedRev` or has queued writes. An empty block's index entry goes with it, for it

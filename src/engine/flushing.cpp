@@ -168,6 +168,10 @@ u32 CK9eReplStorage::CommitFlush() {
 void CK9eReplStorage::UndoFlush() {
     if (u32 rc = m_solid.RollbackWrites(); rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Cannot rollback trans");
+        if (m_solid.MayStillWrite()) {
+            // What is queued points into blocks and index entries: none of them may move any more.
+            SetState(StorageState::kBroken);
+        }
     }
     for (auto piece = m_flushedPieces.rbegin(); piece != m_flushedPieces.rend(); ++piece) {
         piece->block->flushedEnd = piece->flushedEndBefore;

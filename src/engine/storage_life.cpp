@@ -160,8 +160,8 @@ void CK9eReplStorage::FlushAllThatIsCommitted() {
 
 void CK9eReplStorage::Deinit() {
     LOG_INFO(kLogStorage, "Deinit e-repl storage;conn-str %s", m_connStr.c_str());
-    if (m_solid.IsOpen()) {
-        m_solid.Close();
+    if (!m_solid.Close()) {
+        m_blocks.Abandon();
     }
     m_index.reset();
     Reset();

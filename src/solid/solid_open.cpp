@@ -110,19 +110,27 @@ u32 CSolidStorage::OpenFile(const std::string& path, const char* connStr) {
     return m_readCache.Init(connStr, m_writer->WritePosRef());
 }
 
-void CSolidStorage::Close() {
-    m_writer.reset();
+bool CSolidStorage::Close() {
     assert(m_enumDepth == 0);
+    const bool ended = m_writer == nullptr || m_writer->Shutdown();
+    if (!ended) {
+        m_writer.release();
+        m_ownState.release();
+    }
+    m_writer.reset();
     m_readCache.Reset();
     m_nestedCaches.clear();
     InvalidateReads();
     m_file.Close();
     m_filePos = 0;
-    m_state.path.clear();
-    m_state.fileSize = 0;
-    m_state.clearRev = 0;
-    m_state.lastFlushedRev = 0;
-    m_state.lastCommitSequence = 0;
+    if (ended) {
+        m_state.path.clear();
+        m_state.fileSize = 0;
+        m_state.clearRev = 0;
+        m_state.lastFlushedRev = 0;
+        m_state.lastCommitSequence = 0;
+    }
+    return ended;
 }
 
 // The recorded size is the writer's, which grows it in steps; a write may have passed it.

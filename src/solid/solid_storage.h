@@ -62,7 +62,9 @@ class CSolidStorage final : public IK9eReplLLStorage {
     // Errors: RC_ALREADY when a file is open; RC_INVALID_ARG, RC_BAD_SIZE for a refused setting or
     // a file that is no storage; RC_SYSTEM_ERROR; RC_NO_MEMORY. The object then stays closed.
     u32 Open(const std::string& path, const char* connStr);
-    void Close();
+    // Writes what is queued. False when the writing thread could not be ended: it still uses the
+    // memory blocks and the index entries of what was queued, which must stay allocated for ever.
+    bool Close();
     bool IsOpen() const { return m_file.IsOpen(); }
     const std::string& Path() const { return m_state.path; }
 
@@ -125,6 +127,8 @@ class CSolidStorage final : public IK9eReplLLStorage {
     // Waits until everything queued is written; until some block has no queued write any more.
     u32 CompleteAsyncTasks();
     u32 WaitReleaseBlock();
+    // After a failed operation: whether something queued may still be written.
+    bool MayStillWrite() const { return m_writer != nullptr && m_writer->MayStillWrite(); }
 
     // --- Removing. None of it while a transaction of the file is open. A visitor of an enumeration
     // that removes something must end that enumeration.
@@ -197,8 +201,10 @@ class CSolidStorage final : public IK9eReplLLStorage {
     u32 EnumCache(ReadCacheManager** cache);
     u32 AddNestedCache();
 
+    // Given up to a writing thread that could not be ended.
+    std::unique_ptr<StorageFileState> m_ownState = std::make_unique<StorageFileState>();
     // --- Set by Open, then constant until Close
-    StorageFileState m_state;
+    StorageFileState& m_state = *m_ownState;
     std::unique_ptr<StorageWriter> m_writer;
 
     // --- Reading

@@ -69,6 +69,16 @@ u32 StorageWriter::ReopenFile(const std::string& path, bool writeThrough) {
 
 u32 StorageWriter::WriteNow(u8* data, u32 size, TCommitBlock* commitBlock, i64 lastRevision,
                             std::atomic<i64>* filePosition) {
+    const u32 rc = WritePiece(data, size, commitBlock, lastRevision, filePosition);
+    if (rc == RC_OK && commitBlock != nullptr) {
+        // Foreign code, which may come back in: everything of ours is settled before it.
+        m_state.onWritten.Call(commitBlock->commitRev);
+    }
+    return rc;
+}
+
+u32 StorageWriter::WritePiece(u8* data, u32 size, TCommitBlock* commitBlock, i64 lastRevision,
+                              std::atomic<i64>* filePosition) {
     assert(commitBlock == nullptr ||
            reinterpret_cast<u8*>(commitBlock) + kCommitBlockSize == data + size);
     if (!m_file.IsOpen()) {
@@ -90,18 +100,16 @@ u32 StorageWriter::WriteNow(u8* data, u32 size, TCommitBlock* commitBlock, i64 l
     }
     if (commitBlock != nullptr) {
         m_state.lastCommitSequence.store(commitBlock->sequence, std::memory_order_release);
-        // Foreign code, which may come back in: everything of ours is settled before it.
-        m_state.onWritten.Call(commitBlock->commitRev);
     }
     LOG_INFO(kLogStorage, "Written data size %P, last rev %I64d", std::size_t{size}, lastRevision);
     return RC_OK;
 }
 
-u32 StorageWriter::RememberTransactionStart(i64 position) {
+u32 StorageWriter::RememberTransactionStart(i64 position, i64 lastFlushedRev) {
     if (!m_file.IsOpen()) {
         return RC_NO_WRITER;
     }
-    m_transStart = {position, m_state.lastFlushedRev.load(std::memory_order_acquire),
+    m_transStart = {position, lastFlushedRev,
                     m_state.lastCommitSequence.load(std::memory_order_acquire)};
     return RC_OK;
 }

@@ -60,6 +60,12 @@ class StorageWriter {
     // back and write again before the next FlushFile.
     virtual u32 FlushFile() = 0;
 
+    // Ends what runs beside the clients. False when that failed: this object, the state and the
+    // memory blocks must then stay allocated for ever. To be called before the destructor.
+    virtual bool Shutdown() { return true; }
+    // Whether something that was queued may still be written although an operation failed.
+    virtual bool MayStillWrite() const { return false; }
+
     // Makes `position` the write position and forgets the transaction. With `doSeek` the file
     // pointer is moved at once, and nothing changes when that fails; else by the next write.
     // `tailAbandoned` says that bytes behind the position may look like items of the file.
@@ -83,8 +89,11 @@ class StorageWriter {
     // What writing a piece is, whoever performs it: preparation, stamp, write, notification.
     u32 WriteNow(u8* data, u32 size, TCommitBlock* commitBlock, i64 lastRevision,
                  std::atomic<i64>* filePosition);
-    // Rollback will go back to `position`, and to the present sequence and revision.
-    u32 RememberTransactionStart(i64 position);
+    // The same without the notification.
+    u32 WritePiece(u8* data, u32 size, TCommitBlock* commitBlock, i64 lastRevision,
+                   std::atomic<i64>* filePosition);
+    // Rollback will go back to `position`, `lastFlushedRev` and the present sequence.
+    u32 RememberTransactionStart(i64 position, i64 lastFlushedRev);
     u32 RollbackNow();
     u32 FlushNow();
 

@@ -10,7 +10,8 @@ u32 SyncStorageWriter::Write(u8* data, u32 size, TCommitBlock* commitBlock,
 }
 
 u32 SyncStorageWriter::BeginTransaction() {
-    return RememberTransactionStart(WritePos());
+    return RememberTransactionStart(WritePos(),
+                                    m_state.lastFlushedRev.load(std::memory_order_acquire));
 }
 
 u32 SyncStorageWriter::Rollback() {

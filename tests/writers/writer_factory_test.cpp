@@ -1,5 +1,6 @@
 // Which writer the settings choose, and which words are refused.
 #include "writers/writer_factory.h"
+#include "writers/async_storage_writer.h"
 
 #include <gtest/gtest.h>
 
@@ -75,14 +76,10 @@ TEST_F(WriterFactory, CutsALongWordTo63Characters) {
     ExpectInvalid(std::string(100, 'y'), std::string(63, 'y'));
 }
 
-TEST_F(WriterFactory, RefusesTheAsynchronousWriterForNow) {
+TEST_F(WriterFactory, MakesTheAsynchronousWriterForYesInAnyCaseOfLetters) {
     for (const std::string connStr : {"async_mode=yes", "async_mode=YES;file=a"}) {
-        EXPECT_EQ(ErrorOf(connStr, &m_state), RC_BAD_SIZE);
-        EXPECT_EQ(m_log.CodeOf("The asynchronous writer is not available in this release;"
-                               "conn-str " +
-                               connStr),
-                  RC_BAD_SIZE)
-            << m_log;
+        const auto writer = CreateStorageWriter(connStr.c_str(), &m_state);
+        EXPECT_NE(dynamic_cast<AsyncStorageWriter*>(writer.get()), nullptr) << connStr;
     }
 }
 

@@ -1,0 +1,104 @@
+// The queue of the asynchronous writer; see the header.
+#include "writers/async_queue.h"
+
+#include <cassert>
+#include <mutex>
+#include <new>
+
+namespace k9erepl {
+
+void AsyncElems::Append(CAsyncQueueElem* elem) {
+    elem->next = nullptr;
+    if (m_last == nullptr) {
+        m_first = elem;
+    } else {
+        m_last->next = elem;
+    }
+    m_last = elem;
+    ++m_size;
+}
+
+CAsyncQueueElem* AsyncElems::TakeFirst() {
+    assert(!IsEmpty());
+    CAsyncQueueElem* const elem = m_first;
+    m_first = elem->next;
+    if (m_first == nullptr) {
+        m_last = nullptr;
+    }
+    --m_size;
+    return elem;
+}
+
+void AsyncElems::Swap(AsyncElems& other) noexcept {
+    std::swap(m_first, other.m_first);
+    std::swap(m_last, other.m_last);
+    std::swap(m_size, other.m_size);
+}
+
+void AsyncElems::DeleteAll() {
+    while (!IsEmpty()) {
+        delete TakeFirst();
+    }
+}
+
+AsyncQueue::~AsyncQueue() {
+    m_queued.DeleteAll();
+    m_free.DeleteAll();
+    m_clientFree.DeleteAll();
+}
+
+CAsyncQueueElem* AsyncQueue::NewElem() {
+    if (m_clientFree.IsEmpty()) {
+        const std::lock_guard guard(m_lock);
+        m_clientFree.Swap(m_free);
+    }
+    if (m_clientFree.IsEmpty()) {
+        return new (std::nothrow) CAsyncQueueElem;
+    }
+    CAsyncQueueElem* const elem = m_clientFree.TakeFirst();
+    *elem = CAsyncQueueElem{};
+    return elem;
+}
+
+// The thread that was woken takes everything: only the first element needs to wake it.
+bool AsyncQueue::Push(CAsyncQueueElem* elem) {
+    bool wake = false;
+    {
+        const std::lock_guard guard(m_lock);
+        if (m_closed) {
+            return false;
+        }
+        wake = m_queued.IsEmpty() || m_wakeFailed;
+        m_queued.Append(elem);
+    }
+    if (wake) {
+        m_wakeFailed = !m_newTask.Set();
+    }
+    return true;
+}
+
+AsyncElems AsyncQueue::TakeAll() {
+    const std::lock_guard guard(m_lock);
+    return std::move(m_queued);
+}
+
+void AsyncQueue::Recycle(AsyncElems& done) {
+    {
+        const std::lock_guard guard(m_lock);
+        if (m_free.IsEmpty()) {
+            m_free.Swap(done);
+        }
+        while (!done.IsEmpty() && m_free.Size() < kMostFree) {
+            m_free.Append(done.TakeFirst());
+        }
+    }
+    done.DeleteAll();
+}
+
+AsyncElems AsyncQueue::Close() {
+    const std::lock_guard guard(m_lock);
+    m_closed = true;
+    return std::move(m_queued);
+}
+
+}  // namespace k9erepl

@@ -1,0 +1,280 @@
+// The clients' side of the asynchronous writer: queuing, waiting, starting and ending. The thread's
+// side is async_writing.cpp.
+#include "writers/async_storage_writer.h"
+
+#include <cassert>
+#include <cstring>
+
+#include "platform/clock.h"
+#include "platform/system_error.h"
+#include "support/log.h"
+#include "support/storage_exception.h"
+
+namespace k9erepl {
+
+using platform::WaitResult;
+
+namespace {
+
+constexpr u32 kWaitMs = 60000;
+constexpr u32 kMostFreeCommitCopies = 16384;
+constexpr u32 kNeverRanExitCode = 1;
+constexpr u32 kTerminatedExitCode = 20;
+
+}  // namespace
+
+AsyncStorageWriter::AsyncStorageWriter(StorageFileState* state, const Options& options)
+    : StorageWriter(state), m_buffer(options.bufferCapacity) {
+    if (!m_buffer.Init()) {
+        LOG_ERROR_CODE(RC_NO_MEMORY, kLogStorage, "malloc failed");
+        throw K9eStorageException(RC_NO_MEMORY);
+    }
+    if (!m_completeEvent.Create()) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Cannot create async task event");
+        throw K9eStorageException(RC_SYSTEM_ERROR);
+    }
+    if (!m_queue.Init()) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Cannot create new task event");
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Cannot init async queue task");
+        throw K9eStorageException(RC_SYSTEM_ERROR);
+    }
+    if (!m_releaseEvent.Create()) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Cannot create release block event");
+        throw K9eStorageException(RC_SYSTEM_ERROR);
+    }
+    m_commitCopies.SetBlockSize(kCommitBlockSize);
+    if (!m_commitCopies.SetMaxBlocks(kMostFreeCommitCopies)) {
+        LOG_ERROR_CODE(RC_NO_MEMORY, kLogStorage, "malloc failed");
+        throw K9eStorageException(RC_NO_MEMORY);
+    }
+    // Last: nothing that follows can fail with a thread to be ended.
+    if (const u32 rc = StartThread(options.affinity); rc != RC_OK) {
+        LOG_ERROR_CODE(rc, kLogStorage,
+                       "Couldn't create async storage thread: K9ThreadCreate failed");
+        throw K9eStorageException(rc);
+    }
+}
+
+AsyncStorageWriter::~AsyncStorageWriter() {
+    [[maybe_unused]] const bool ended = Shutdown();
+    assert(ended);
+    for (AsyncElems left = m_queue.Close(); !left.IsEmpty();) {
+        CAsyncQueueElem* const elem = left.TakeFirst();
+        FreeCommitCopy(*elem);
+        m_queue.GiveBack(elem);
+    }
+}
+
+u32 AsyncStorageWriter::StartThread(u32 affinity) {
+    m_thread.reset(NewInParserMemory<platform::Thread>());
+    if (m_thread == nullptr) {
+        return RC_NO_MEMORY;
+    }
+    if (m_thread->Create(&ThreadBody, this) && (affinity == 0 || m_thread->SetAffinity(affinity)) &&
+        m_thread->Resume()) {
+        return RC_OK;
+    }
+    if (m_thread->IsCreated() && !m_thread->Terminate(kNeverRanExitCode)) {
+        m_thread->Detach();  // it has never run and has nothing of ours
+    }
+    m_thread.reset();
+    return RC_SYSTEM_ERROR;
+}
+
+u32 AsyncStorageWriter::PushToAsyncQueue(const CAsyncQueueElem& work) {
+    if (const u32 rc = StickyError(); rc != RC_OK) {
+        return rc;
+    }
+    const bool isWrite = work.type == AsyncElemType::kWrite;
+    const bool isCommit = work.type == AsyncElemType::kCommit;
+    if ((isWrite || isCommit) && (work.data == nullptr || work.size == 0)) {
+        return RC_INVALID_ARG;
+    }
+    if (isWrite && (work.memoryBlock == nullptr || work.filePosition == nullptr)) {
+        return RC_INVALID_ARG;
+    }
+    CAsyncQueueElem* const elem = m_queue.NewElem();
+    if (elem == nullptr) {
+        return RC_NO_MEMORY;
+    }
+    *elem = work;
+    u32 rc = isCommit ? CopyCommitBlock(elem) : u32{RC_OK};
+    if (rc == RC_OK && !m_queue.Push(elem)) {
+        FreeCommitCopy(*elem);
+        rc = StickyError();
+    }
+    if (rc != RC_OK) {
+        m_queue.GiveBack(elem);
+    }
+    return rc;
+}
+
+u32 AsyncStorageWriter::CopyCommitBlock(CAsyncQueueElem* elem) {
+    assert(elem->size == kCommitBlockSize);
+    auto* const copy = static_cast<u8*>(m_commitCopies.AllocBlock());
+    if (copy == nullptr) {
+        return RC_NO_MEMORY;
+    }
+    std::memcpy(copy, elem->data, kCommitBlockSize);
+    elem->data = copy;
+    return RC_OK;
+}
+
+void AsyncStorageWriter::FreeCommitCopy(const CAsyncQueueElem& elem) {
+    if (elem.type == AsyncElemType::kCommit) {
+        m_commitCopies.ReleaseBlock(elem.data);
+    }
+}
+
+// Counts the piece in its block before it is queued: the thread may be done with it at once.
+u32 AsyncStorageWriter::PushPiece(const CAsyncQueueElem& piece) {
+    if (piece.memoryBlock != nullptr) {
+        piece.memoryBlock->pendingWrites.fetch_add(1, std::memory_order_relaxed);
+    }
+    const u32 rc = PushToAsyncQueue(piece);
+    if (rc != RC_OK && piece.memoryBlock != nullptr) {
+        piece.memoryBlock->pendingWrites.fetch_sub(1, std::memory_order_relaxed);
+    }
+    return rc;
+}
+
+u32 AsyncStorageWriter::Write(u8* data, u32 size, TCommitBlock* commitBlock,
+                              K9eReplBlock* memoryBlock, i64 lastRevision,
+                              std::atomic<i64>* filePosition) {
+    if (!m_file.IsOpen()) {
+        return RC_NO_WRITER;
+    }
+    const u32 commitSize = commitBlock == nullptr ? 0 : kCommitBlockSize;
+    if (commitBlock == nullptr || size > commitSize) {
+        const u32 rc = PushPiece({.type = AsyncElemType::kWrite,
+                                  .size = size - commitSize,
+                                  .data = data,
+                                  .memoryBlock = memoryBlock,
+                                  .filePosition = filePosition,
+                                  .lastRevision = lastRevision});
+        if (rc != RC_OK) {
+            LOG_ERROR_CODE(rc, kLogStorage, "Cannot push write element to async queue");
+            return rc;
+        }
+    }
+    if (commitBlock == nullptr) {
+        return RC_OK;
+    }
+    const u32 rc = PushPiece({.type = AsyncElemType::kCommit,
+                              .size = commitSize,
+                              .data = reinterpret_cast<u8*>(commitBlock),
+                              .memoryBlock = memoryBlock,
+                              .lastRevision = lastRevision});
+    if (rc != RC_OK) {
+        LOG_ERROR_CODE(rc, kLogStorage, "Cannot push commit element to async queue");
+    }
+    return rc;
+}
+
+// The thread knows the position behind everything queued before, but by then the last flushed
+// revision may have gone on.
+u32 AsyncStorageWriter::BeginTransaction() {
+    if (!m_file.IsOpen()) {
+        return RC_NO_WRITER;
+    }
+    const u32 rc =
+        PushToAsyncQueue({.type = AsyncElemType::kBeginTransaction,
+                          .lastRevision = m_state.lastFlushedRev.load(std::memory_order_acquire)});
+    if (rc != RC_OK) {
+        LOG_ERROR_CODE(rc, kLogStorage, "Cannot push begin transaction element to async queue");
+    }
+    return rc;
+}
+
+// The event may still be set by a task whose waiter gave up: the ticket tells.
+u32 AsyncStorageWriter::CompleteAsyncTasks() {
+    const u64 ticket = ++m_lastTicket;
+    if (const u32 rc = PushToAsyncQueue({.type = AsyncElemType::kComplete, .ticket = ticket});
+        rc != RC_OK) {
+        LOG_ERROR_CODE(rc, kLogStorage, "Cannot push complete element to async queue");
+        return rc;
+    }
+    const u32 began = platform::TickCountMs();
+    do {
+        if (const u32 rc = WaitFor(m_completeEvent, began); rc != RC_OK) {
+            LOG_ERROR_CODE(rc, kLogStorage, "Wait for CompleteAsyncTasksEvent failed");
+            return rc;
+        }
+    } while (m_completed.load(std::memory_order_acquire) < ticket && StickyError() == RC_OK);
+    LOG_INFO(kLogStorage, "Wait for finish async operations - OK");
+    const u32 rc = StickyError();
+    if (rc != RC_OK) {
+        LOG_ERROR_CODE(rc, kLogStorage, "Get error after wait for finish async operations");
+    }
+    return rc;
+}
+
+u32 AsyncStorageWriter::WaitFor(platform::AutoResetEvent& event, u32 beganMs) {
+    const u32 waited = platform::TickCountMs() - beganMs;
+    switch (event.Wait(waited < kWaitMs ? kWaitMs - waited : 0)) {
+        case WaitResult::kSignalled:
+            return RC_OK;
+        case WaitResult::kTimedOut:
+            return RC_TIMEOUT;
+        case WaitResult::kFailed:
+            break;
+    }
+    return RC_SYSTEM_ERROR;
+}
+
+u32 AsyncStorageWriter::WaitReleaseBlock() {
+    // After a failure nothing is released any more, and its signal may have been taken already.
+    if (StickyError() == RC_OK) {
+        if (const u32 rc = WaitFor(m_releaseEvent, platform::TickCountMs()); rc != RC_OK) {
+            LOG_ERROR_CODE(rc, kLogStorage, "Wait for release block failed");
+            return rc;
+        }
+    }
+    const u32 rc = StickyError();
+    if (rc != RC_OK) {
+        LOG_ERROR_CODE(rc, kLogStorage, "Get error after wait for release block event");
+    }
+    return rc;
+}
+
+u32 AsyncStorageWriter::Rollback() {
+    if (const u32 rc = CompleteAsyncTasks(); rc != RC_OK) {
+        u32 none = RC_OK;
+        m_stickyError.compare_exchange_strong(none, rc);
+        return rc;
+    }
+    return RollbackNow();
+}
+
+bool AsyncStorageWriter::MayStillWrite() const {
+    return m_thread != nullptr && !m_ended.load(std::memory_order_acquire);
+}
+
+bool AsyncStorageWriter::Shutdown() {
+    if (m_thread == nullptr) {
+        return true;
+    }
+    if (const u32 rc = PushToAsyncQueue({.type = AsyncElemType::kStop}); rc != RC_OK) {
+        LOG_ERROR_CODE(rc, kLogStorage, "PushToAsyncQueue(CAsyncQueueElem::STOP) return error %d",
+                       rc);
+    } else {
+        LOG_INFO(kLogStorage, "Writing thread received stop task");
+    }
+    if (const WaitResult result = m_thread->Join(kWaitMs); result != WaitResult::kSignalled) {
+        const u32 rc = result == WaitResult::kTimedOut ? RC_TIMEOUT : RC_SYSTEM_ERROR;
+        LOG_ERROR_CODE(rc, kLogStorage, "K9ThreadWait() failed; terminating thread");
+        if (!m_thread->Terminate(kTerminatedExitCode)) {
+            LOG_ERROR_CODE(rc, kLogStorage,
+                           "Cannot terminate writing thread; its memory stays allocated");
+            m_thread->Detach();
+            return false;
+        }
+    }
+    m_thread.reset();
+    if (m_file.IsOpen()) {
+        FlushNow();
+    }
+    return true;
+}
+
+}  // namespace k9erepl

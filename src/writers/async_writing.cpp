@@ -1,0 +1,233 @@
+// The writing thread of the asynchronous writer: it takes what is queued, gathers small pieces and
+// writes them in order. Nothing here catches an exception that it does not know: the platform ends
+// a thread from outside with one.
+#include <exception>
+
+#include "platform/system_error.h"
+#include "support/log.h"
+#include "writers/async_storage_writer.h"
+
+namespace k9erepl {
+
+using platform::WaitResult;
+
+u32 AsyncStorageWriter::ThreadBody(void* writer) {
+    auto& self = *static_cast<AsyncStorageWriter*>(writer);
+    const u32 exitCode = self.Run();
+    self.m_ended.store(true, std::memory_order_release);
+    return exitCode;
+}
+
+u32 AsyncStorageWriter::Run() {
+    while (!m_stopped) {
+        if (StickyError() != RC_OK) {
+            return RC_BAD_DATA;
+        }
+        switch (m_queue.WaitForTask()) {
+            case WaitResult::kSignalled: {
+                AsyncElems batch = m_queue.TakeAll();
+                if (const u32 rc = ProcessBatch(batch); rc != RC_OK) {
+                    Fail(rc);
+                }
+                break;
+            }
+            case WaitResult::kTimedOut:
+                break;
+            case WaitResult::kFailed:
+                LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
+                               "K9EventWait failed;sys-err %r. Thread exit.",
+                               platform::LastSystemError());
+                Fail(RC_SYSTEM_ERROR);
+                return RC_SYSTEM_ERROR;
+        }
+    }
+    LOG_INFO(kLogStorage, "Writing thread - exit");
+    return RC_OK;
+}
+
+// What stands behind a failed element is dropped with it.
+u32 AsyncStorageWriter::ProcessBatch(AsyncElems& batch) {
+    AsyncElems done;
+    u32 rc = RC_OK;
+    while (!batch.IsEmpty()) {
+        CAsyncQueueElem* const elem = batch.TakeFirst();
+        if (rc == RC_OK) {
+            // A client that gave up a rollback wants nothing more written.
+            rc = StickyError();
+        }
+        if (rc == RC_OK) {
+            rc = ProcessElem(*elem, batch.IsEmpty());
+        }
+        FreeCommitCopy(*elem);
+        done.Append(elem);
+    }
+    m_queue.Recycle(done);
+    return rc;
+}
+
+u32 AsyncStorageWriter::ProcessElem(const CAsyncQueueElem& elem, bool last) {
+    switch (elem.type) {
+        case AsyncElemType::kWrite:
+        case AsyncElemType::kCommit:
+            return BufferedWrite(elem, last);
+        case AsyncElemType::kBeginTransaction:
+            if (u32 rc = BeginTransactionAt(elem.lastRevision); rc != RC_OK) {
+                return rc;
+            }
+            return last ? WriteOutBuffer() : u32{RC_OK};
+        case AsyncElemType::kComplete:
+            if (u32 rc = WriteOutBuffer(); rc != RC_OK) {
+                return rc;
+            }
+            m_completed.store(elem.ticket, std::memory_order_release);
+            m_completeEvent.Set();
+            return RC_OK;
+        case AsyncElemType::kStop:
+            if (u32 rc = WriteOutBuffer(); rc != RC_OK) {
+                return rc;
+            }
+            LOG_INFO(kLogStorage, "Writing thread processed stop task");
+            m_stopped = true;
+            return RC_OK;
+    }
+    return RC_BAD_DATA;
+}
+
+// Bytes in the buffer come before the transaction, although they are not in the file yet.
+u32 AsyncStorageWriter::BeginTransactionAt(i64 lastFlushedRev) {
+    return RememberTransactionStart(WritePos() + m_buffer.Size(), lastFlushedRev);
+}
+
+u32 AsyncStorageWriter::BufferedWrite(const CAsyncQueueElem& elem, bool last) {
+    if (elem.size <= m_buffer.Free()) {
+        const u32 rc = Place(elem, "1");
+        return rc == RC_OK && last ? WriteOut("1") : rc;
+    }
+    if (m_buffer.IsEmpty()) {
+        return WriteDirectly(elem, "2");
+    }
+    if (u32 rc = WriteOut("2"); rc != RC_OK) {
+        return rc;
+    }
+    if (last) {
+        return WriteDirectly(elem, "1");
+    }
+    return elem.size <= m_buffer.Capacity() ? Place(elem, "2") : WriteDirectly(elem, "3");
+}
+
+u32 AsyncStorageWriter::Place(const CAsyncQueueElem& elem, const char* place) {
+    const AsyncPiece piece{
+        .data = elem.data,
+        .size = elem.size,
+        .pendingWrites = elem.memoryBlock == nullptr ? nullptr : &elem.memoryBlock->pendingWrites,
+        .filePosition = elem.filePosition};
+    u8* const copy = m_buffer.Place(piece, WritePos() + m_buffer.Size());
+    if (copy == nullptr) {
+        LOG_ERROR_CODE(RC_NO_MEMORY, kLogStorage, "Write to async buffer failed (%s)", place);
+        return RC_NO_MEMORY;
+    }
+    if (elem.type == AsyncElemType::kCommit) {
+        auto& commitBlock = *reinterpret_cast<TCommitBlock*>(copy);
+        Stamp(commitBlock);
+        m_state.lastCommitSequence.store(commitBlock.sequence, std::memory_order_release);
+        m_pendingRev = commitBlock.commitRev;
+    }
+    return RC_OK;
+}
+
+u32 AsyncStorageWriter::WriteDirectly(const CAsyncQueueElem& elem, const char* place) {
+    auto* const commitBlock =
+        elem.type == AsyncElemType::kCommit ? reinterpret_cast<TCommitBlock*>(elem.data) : nullptr;
+    const u32 rc =
+        WritePiece(elem.data, elem.size, commitBlock, elem.lastRevision, elem.filePosition);
+    if (rc != RC_OK) {
+        return rc;
+    }
+    if (elem.memoryBlock != nullptr && ReleasePiece(&elem.memoryBlock->pendingWrites)) {
+        if (u32 setRc = SetReleased(place); setRc != RC_OK) {
+            return setRc;
+        }
+    }
+    if (commitBlock != nullptr) {
+        Notify(commitBlock->commitRev);
+    }
+    return RC_OK;
+}
+
+u32 AsyncStorageWriter::WriteOut(const char* place) {
+    const u32 rc = WriteOutBuffer();
+    if (rc != RC_OK) {
+        LOG_ERROR_CODE(rc, kLogStorage, "Flush from async buffer failed (%s)", place);
+    }
+    return rc;
+}
+
+u32 AsyncStorageWriter::WriteOutBuffer() {
+    if (m_buffer.IsEmpty()) {
+        return RC_OK;
+    }
+    if (!m_file.IsOpen()) {
+        return RC_NO_WRITER;
+    }
+    const u32 size = m_buffer.Size();
+    if (u32 rc = PrepareWrite(size); rc != RC_OK) {
+        return rc;
+    }
+    if (u32 rc = WriteBytes(m_buffer.Bytes(), size); rc != RC_OK) {
+        return rc;
+    }
+    LOG_INFO(kLogStorage, "Written data size %P", std::size_t{size});
+    bool released = false;
+    m_buffer.Settle(&released);
+    if (released) {
+        if (u32 rc = SetReleased(nullptr); rc != RC_OK) {
+            return rc;
+        }
+    }
+    if (m_pendingRev != 0) {
+        const i64 commitRev = m_pendingRev;
+        m_pendingRev = 0;
+        Notify(commitRev);
+    }
+    return RC_OK;
+}
+
+u32 AsyncStorageWriter::SetReleased(const char* place) {
+    if (m_releaseEvent.Set()) {
+        return RC_OK;
+    }
+    if (place == nullptr) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Set release block event failed");
+    } else {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Set release block event failed (%s)", place);
+    }
+    return RC_SYSTEM_ERROR;
+}
+
+// Foreign code: everything of ours is settled before it.
+void AsyncStorageWriter::Notify(i64 commitRev) {
+    try {
+        m_state.onWritten.Call(commitRev);
+    } catch (const std::exception& e) {
+        LOG_ERROR(kLogStorage, "OnWriteToFile threw on the writing thread: %s", e.what());
+    }
+}
+
+// The code first: clients that wake up must see it. A code that a client set stays.
+void AsyncStorageWriter::Fail(u32 rc) {
+    m_ended.store(true, std::memory_order_release);
+    u32 none = RC_OK;
+    m_stickyError.compare_exchange_strong(none, rc);
+    AsyncElems dropped = m_queue.Close();
+    AsyncElems done;
+    while (!dropped.IsEmpty()) {
+        CAsyncQueueElem* const elem = dropped.TakeFirst();
+        FreeCommitCopy(*elem);
+        done.Append(elem);
+    }
+    m_queue.Recycle(done);
+    m_completeEvent.Set();
+    m_releaseEvent.Set();
+}
+
+}  // namespace k9erepl
