@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+
 #include <cstring>
 
 #include "support/params.h"
@@ -47,10 +49,15 @@ TestStorage::~TestStorage() {
     }
 }
 
+const char* WriterSetting() {
+    static const bool async = std::getenv("K9EREPL_TEST_ASYNC") != nullptr;
+    return async ? "async_mode=yes;" : "";
+}
+
 std::string TestStorage::ConnStr() const {
     u32 length = 0;
     const bool namesFile = FindParam(m_settings.c_str(), "file", &length) != nullptr;
-    return namesFile ? m_settings : "file=" + Path() + ";" + m_settings;
+    return namesFile ? m_settings : "file=" + Path() + ";" + WriterSetting() + m_settings;
 }
 
 u32 TestStorage::TryCreate(u32 flags) {

@@ -1,0 +1,355 @@
+// Clears and truncations that fail at any of their system calls or allocations: the code, the
+// state, the message, and that after reopening everything is there as it was before or after.
+#include <gtest/gtest.h>
+
+#include "engine/clear_fixture.h"
+#include "platform/file_names.h"
+#include "support/fault_injection.h"
+#include "support/file_bytes.h"
+#include "support/fixed_log.h"
+#include "support/log_capture.h"
+#include "support/new_fault.h"
+
+namespace k9erepl::test {
+namespace {
+
+struct Removal {
+    const char* name;
+    u32 mode;  // kTruncation for a truncation
+    i64 rev;
+    const char* message;  // of a failure in the storage file
+
+    u32 Do(TestStorage& storage) const {
+        return mode == kTruncation ? storage.Truncate() : storage.Clear(rev, mode);
+    }
+    static constexpr u32 kTruncation = 1000;
+};
+
+std::string NameOfRemoval(const ::testing::TestParamInfo<Removal>& info) {
+    return info.param.name;
+}
+
+constexpr const char* kRestartFailed =
+    "Failed to truncate solid storage while clear old revs;clear rev 10";
+constexpr Removal kRemovals[] = {
+    {"LogicalClear", kLogical, 5, "Failed to set clear rev to solid storage;rev 5"},
+    {"Squeeze", kSqueeze, 5, "Failed to squeeze solid storage;rev 5"},
+    {"SqueezeWithBackup", kSqueezeBackup, 5, "Failed to squeeze solid storage;rev 5"},
+    {"ClearOfEverything", kLogical, 10, kRestartFailed},
+    {"ClearOfEverythingBySqueeze", kSqueeze, 10, kRestartFailed},
+    {"Truncation", Removal::kTruncation, 0, "Failed to truncate solid storage"}};
+
+// Everything is forced to the disk and the file grows in steps: every kind of call is made.
+const std::string kSettings =
+    "flush_mode=PerTrans;flush_trans_num=5;flush_timeout=2147483647;read_buffers_count=1;"
+    "block_size=138;cache_type=Last2;force_flush=yes;file_size_delta=1;file_initial_size=1;";
+
+// Records 1 to 9, of which the last ones are only in memory.
+struct PartlyFlushed : TestStorage {
+    PartlyFlushed() : TestStorage(kSettings) {
+        for (i64 rev = 1; rev <= 9; ++rev) {
+            EXPECT_EQ(Insert(ClearableStorage::TextOf(rev)), RC_OK);
+        }
+    }
+};
+
+// What reopening shows must be what was there before or what is there after, and must go on.
+void ExpectOldOrNew(TestStorage& storage, const Removal& removal, bool succeeded) {
+    storage.Close();
+    // A crash could have left it; here it is only in the way of nothing.
+    EXPECT_FALSE(Exists(TemporaryPath(storage)));
+    ASSERT_EQ(storage.TryOpenAndLoad(), RC_OK);
+    const Revs now = RevsOf(storage.Records());
+    const bool allGoes = removal.mode == Removal::kTruncation || removal.rev == 10;
+    const Revs then = allGoes ? Revs() : RevRange(removal.rev, 9);
+    // A storage that broke does not flush its tail when it is closed.
+    EXPECT_TRUE(now == then || (!succeeded && (now == RevRange(1, 9) || now == RevRange(1, 5))))
+        << ::testing::PrintToString(now);
+    for (const SeenRecord& record : storage.Records()) {
+        EXPECT_EQ(record.data, ClearableStorage::TextOf(record.rev));
+    }
+    const i64 next = storage.NextRev();
+    ASSERT_EQ(storage.Insert("goes on"), RC_OK);
+    ASSERT_EQ(storage.Clear(next, kSqueeze), RC_OK);
+    storage.Reopen();
+    EXPECT_EQ(storage.Records(), SeenRecords({{next, 0, "goes on"}}));
+}
+
+struct Case {
+    Removal removal;
+    SystemCall call;
+    const char* callName;
+    Repeat repeat;
+};
+
+void PrintTo(const Case& parameter, std::ostream* out) {
+    *out << parameter.removal.name << ", " << parameter.callName;
+}
+
+std::vector<Case> EveryCase() {
+    constexpr std::pair<SystemCall, const char*> kCalls[] = {
+        {SystemCall::kOpen, "Open"},     {SystemCall::kRead, "Read"},
+        {SystemCall::kWrite, "Write"},   {SystemCall::kSeek, "Seek"},
+        {SystemCall::kSetEnd, "SetEnd"}, {SystemCall::kFileSize, "FileSize"},
+        {SystemCall::kFlush, "Flush"},   {SystemCall::kTakeOwnerAndMode, "TakeOwnerAndMode"},
+        {SystemCall::kRename, "Rename"}, {SystemCall::kLink, "Link"},
+        {SystemCall::kRemove, "Remove"}, {SystemCall::kFlushDirectory, "FlushDirectory"}};
+    std::vector<Case> cases;
+    for (const Removal& removal : kRemovals) {
+        for (const auto& [call, name] : kCalls) {
+            cases.push_back({removal, call, name, Repeat::kOnce});
+            cases.push_back({removal, call, name, Repeat::kFromThenOn});
+        }
+    }
+    return cases;
+}
+
+std::string NameOf(const ::testing::TestParamInfo<Case>& info) {
+    return std::string(info.param.removal.name) + info.param.callName +
+           (info.param.repeat == Repeat::kOnce ? "Once" : "ForGood");
+}
+
+// Runs the removal with a fault at its first call of the kind, at the second, and so on.
+class FailureOfARemoval : public ::testing::TestWithParam<Case> {
+  protected:
+    // False when it makes fewer calls than that.
+    static bool RunWithFaultAt(u32 nth) {
+        const Removal& removal = GetParam().removal;
+        PartlyFlushed storage;
+        const u32 before = CallCount(GetParam().call);
+        Fail(GetParam().call, nth, SystemErrorKind::kInputOutput, GetParam().repeat);
+        const LogCapture log;
+        const u32 rc = removal.Do(storage);
+        const bool struck = CallCount(GetParam().call) - before >= nth;
+        StopFailing(GetParam().call);
+        if (rc != RC_OK) {
+            ExpectFailed(storage, removal, rc, log);
+        } else {
+            EXPECT_EQ(storage.State(), StorageState::kOpen);
+        }
+        ExpectOldOrNew(storage, removal, rc == RC_OK);
+        return struck;
+    }
+    static void ExpectFailed(TestStorage& storage, const Removal& removal, u32 rc,
+                             const LogCapture& log) {
+        EXPECT_TRUE(rc == RC_SYSTEM_ERROR || rc == RC_SHORT_READ) << rc;
+        if (log.CountContaining("Cannot flush data before clear old revs;clear rev ") > 0) {
+            EXPECT_EQ(storage.State(), StorageState::kFlushFailed);
+            // The way out, without which the records would be lost at closing.
+            EXPECT_EQ(storage.Commit(), RC_NO_TRANSACTION);
+            EXPECT_EQ(storage.State(), StorageState::kOpen);
+            EXPECT_EQ(RevsOf(storage.Records()), RevRange(1, 9));
+            return;
+        }
+        EXPECT_EQ(storage.State(), StorageState::kBroken);
+        const bool saysWhy =
+            log.CodeOf(removal.message) == rc || log.CodeOf("Enum from disk failed") == rc;
+        EXPECT_TRUE(saysWhy) << log;
+    }
+
+    const ScopedSystemCalls m_systemCalls;
+};
+
+INSTANTIATE_TEST_SUITE_P(Of, FailureOfARemoval, ::testing::ValuesIn(EveryCase()), NameOf);
+
+}  // namespace
+
+TEST_P(FailureOfARemoval, LeavesTheOldOrTheNewContent) {
+    u32 nth = 1;
+    while (RunWithFaultAt(nth) && !HasFailure()) {
+        ++nth;
+        ASSERT_LT(nth, 60U);
+    }
+    RecordProperty("calls", static_cast<int>(nth - 1));
+}
+
+// --- Short writes ------------------------------------------------------------------------------
+
+namespace {
+
+class ShortWriteOfARemoval : public ::testing::TestWithParam<Removal> {
+  protected:
+    const ScopedSystemCalls m_systemCalls;
+};
+
+INSTANTIATE_TEST_SUITE_P(Of, ShortWriteOfARemoval,
+                         ::testing::Values(kRemovals[0], kRemovals[1], kRemovals[2]),
+                         NameOfRemoval);
+
+}  // namespace
+
+// The disk is full in the middle of a write. (A beginning that was half written
+// over is lost, as the header says of clears of everything.)
+TEST_P(ShortWriteOfARemoval, LeavesTheOldOrTheNewContent) {
+    for (u32 nth = 1;; ++nth) {
+        PartlyFlushed storage;
+        const u32 before = CallCount(SystemCall::kWrite);
+        ShortWrite(nth, 20);
+        const u32 rc = GetParam().Do(storage);
+        const bool struck = CallCount(SystemCall::kWrite) - before >= nth;
+        StopFailing(SystemCall::kWrite);
+        if (rc != RC_OK) {
+            EXPECT_EQ(rc, RC_SYSTEM_ERROR);
+            EXPECT_NE(storage.State(), StorageState::kOpen);
+        }
+        if (storage.State() == StorageState::kFlushFailed) {
+            EXPECT_EQ(storage.Commit(), RC_NO_TRANSACTION);
+        }
+        ExpectOldOrNew(storage, GetParam(), rc == RC_OK);
+        if (!struck || HasFailure()) {
+            EXPECT_GT(nth, 1U);
+            return;
+        }
+    }
+}
+
+// --- Exhausted memory --------------------------------------------------------------------------
+
+namespace {
+
+class ClearWithoutMemory : public ::testing::TestWithParam<Removal> {
+  protected:
+    static void ExpectGivenUp(TestStorage& storage, u32 rc) {
+        EXPECT_TRUE(rc == RC_NO_MEMORY || rc == RC_SYSTEM_ERROR) << rc;
+        if (storage.State() == StorageState::kFlushFailed) {
+            EXPECT_EQ(storage.Commit(), RC_NO_TRANSACTION);
+            EXPECT_EQ(storage.State(), StorageState::kOpen);
+        } else {
+            EXPECT_EQ(storage.State(), StorageState::kBroken);
+        }
+    }
+
+    const ScopedSystemCalls m_systemCalls;
+};
+
+INSTANTIATE_TEST_SUITE_P(Of, ClearWithoutMemory, ::testing::ValuesIn(kRemovals), NameOfRemoval);
+
+}  // namespace
+
+TEST_P(ClearWithoutMemory, OfTheBuffersAnswersItsCode) {
+    for (u32 nth = 1;; ++nth) {
+        PartlyFlushed storage;
+        const u32 before = CallCount(SystemCall::kAlloc);
+        FailAlloc(nth);
+        const u32 rc = GetParam().Do(storage);
+        const bool struck = CallCount(SystemCall::kAlloc) - before >= nth;
+        StopFailing(SystemCall::kAlloc);
+        if (rc != RC_OK) {
+            EXPECT_EQ(rc, RC_NO_MEMORY);
+            ExpectGivenUp(storage, rc);
+        }
+        ExpectOldOrNew(storage, GetParam(), rc == RC_OK);
+        if (!struck || HasFailure()) {
+            return;
+        }
+    }
+}
+
+TEST_P(ClearWithoutMemory, OfItsOwnThrowsNothing) {
+    for (u32 nth = 1;; ++nth) {
+        PartlyFlushed storage;
+        u32 rc = RC_OK;
+        bool struck = false;
+        {
+            const FailNthNew fault(nth);
+            EXPECT_NO_THROW(rc = GetParam().Do(storage));
+            struck = fault.Struck();
+        }
+        if (rc != RC_OK) {
+            ExpectGivenUp(storage, rc);
+        }
+        ExpectOldOrNew(storage, GetParam(), rc == RC_OK);
+        if (!struck || HasFailure()) {
+            return;
+        }
+        ASSERT_LT(nth, 200U);
+    }
+}
+
+// --- Single steps ------------------------------------------------------------------------------
+
+TEST(FlushBeforeAClear, ThatFailsLeavesTheStorageWithAFailedFlush) {
+    const ScopedSystemCalls systemCalls;
+    for (const u32 mode : {kLogical, kSqueeze, kSqueezeBackup}) {
+        ClearableStorage storage(AllKeepings()[3]);
+        storage.Put(5);
+        FailWrite(1);
+        const LogCapture log;
+        EXPECT_EQ(storage.Clear(3, mode), RC_SYSTEM_ERROR);
+        EXPECT_EQ(log.CodeOf("Cannot flush data before clear old revs;clear rev 3"),
+                  RC_SYSTEM_ERROR)
+            << log;
+        EXPECT_TRUE(
+            log.Has(K9SYS_LOG_ERROR, "Cannot flush data before clear old revs;clear rev 3"));
+        EXPECT_EQ(storage.State(), StorageState::kFlushFailed);
+        EXPECT_EQ(storage.Clear(3, mode), RC_WRONG_STATE);
+        EXPECT_EQ(storage.Rollback(), RC_NO_TRANSACTION_TO_ROLLBACK);
+        storage.ClearTo(3, mode);
+        storage.ExpectContentForLife();
+    }
+}
+
+TEST(SearchOfAClear, ThatFailsSaysSoAndBreaksTheStorage) {
+    const ScopedSystemCalls systemCalls;
+    for (const u32 mode : {kLogical, kSqueeze}) {
+        ClearableStorage storage(KeepOnDisk());
+        storage.Put(9);
+        FailRead(1);
+        const LogCapture log;
+        EXPECT_EQ(storage.Clear(4, mode), RC_SYSTEM_ERROR);
+        EXPECT_EQ(log.CodeOf("Enum from disk failed"), RC_SYSTEM_ERROR) << log;
+        EXPECT_EQ(log.CountContaining("Squeeze enum"), 0U);
+        EXPECT_EQ(storage.State(), StorageState::kBroken);
+        storage.Reopen();
+        storage.ExpectContentForLife();
+    }
+}
+
+TEST(SearchOfAClear, ThatMeetsDamagedBytesBreaksTheStorage) {
+    for (const u32 mode : {kLogical, kSqueeze}) {
+        ClearableStorage storage(KeepOnDisk());
+        storage.Put(9);
+        const u8 noSignature[] = {1, 2, 3, 4};
+        PatchBytes(storage.Path(), kFirstItemOffset, noSignature);
+        const LogCapture log;
+        EXPECT_EQ(storage.Clear(2, mode), RC_BAD_DATA);
+        EXPECT_EQ(log.CodeOf("Enum from disk failed"), RC_BAD_DATA) << log;
+        EXPECT_EQ(storage.State(), StorageState::kBroken);
+    }
+}
+
+TEST(SearchOfAClear, ThatKnowsNoOffsetBreaksTheStorage) {
+    ClearableStorage storage(KeepInMemory());
+    storage.Put(5);
+    StorageAccess::Blocks(storage.Object()).Index().at(3).fileOffset = kUnknownOffset;
+    const LogCapture log;
+    EXPECT_EQ(storage.Clear(3, kLogical), RC_BAD_DATA);
+    EXPECT_EQ(log.CodeOf("Enum from disk failed"), RC_BAD_DATA) << log;
+    EXPECT_EQ(storage.State(), StorageState::kBroken);
+}
+
+TEST(ClearOfAClosedFile, BreaksTheStorage) {
+    for (const auto& [mode, rev] : {std::pair{kLogical, 3}, {kSqueeze, 3}, {kLogical, 9}}) {
+        ClearableStorage storage(KeepInMemory());
+        storage.Put(5);
+        storage.Object().SolidStorage().Close();
+        EXPECT_EQ(storage.Clear(rev, mode), RC_NO_WRITER);
+        EXPECT_NE(storage.State(), StorageState::kOpen);
+    }
+}
+
+TEST(RevisionMark, ThatCannotBeWrittenLeavesTheStateAndTheMark) {
+    const ScopedSystemCalls systemCalls;
+    ClearableStorage storage(KeepInMemory());
+    storage.Put(5);
+    ASSERT_EQ(storage.Clear(2, kMark), RC_OK);
+    FailWrite(1);
+    const LogCapture log;
+    EXPECT_EQ(storage.Clear(3, kMark), RC_SYSTEM_ERROR);
+    EXPECT_EQ(log.CodeOf("Failed to set revision mark 3 to solid storage"), RC_SYSTEM_ERROR) << log;
+    EXPECT_EQ(storage.RevisionMark(), 2);
+    storage.ExpectContentForLife();
+    EXPECT_EQ(storage.RevisionMark(), 2);
+}
+
+}  // namespace k9erepl::test
