@@ -250,12 +250,15 @@ K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageClearAll(void* handle, uint32_t 
 /* --- Notifications -------------------------------------------------------------------------- */
 
 /* Sets the function that is called after each flush with the flushed revision; null unsets it.
- * `cbContext` stays the client's. Takes no lock: set callbacks before the first transaction. */
+ * `cbContext` stays the client's. Takes no lock: set callbacks before the first transaction. With
+ * the setting async_mode=yes the flush is queued then, not written. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageSetOnFlushCallback(void* handle, K9eReplFlushCb cb,
                                                                    void* cbContext);
 
 /* Sets the function that is called when a commit block has been written to the file, with the
- * last revision that it commits; null unsets it. Otherwise as K9eReplStorageSetOnFlushCallback. */
+ * last revision that it commits; null unsets it. Otherwise as K9eReplStorageSetOnFlushCallback.
+ * With the setting async_mode=yes it is called on the writing thread and must call nothing of the
+ * library but K9eReplStorageGetNextRev. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageSetOnWriteToFileCallback(void* handle,
                                                                          K9eReplFlushCb cb,
                                                                          void* cbContext);
