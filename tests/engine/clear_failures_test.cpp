@@ -86,6 +86,26 @@ void PrintTo(const Case& parameter, std::ostream* out) {
     *out << parameter.removal.name << ", " << parameter.callName;
 }
 
+// Whether the removal makes such a call at all.
+bool Makes(const Removal& removal, SystemCall call) {
+    const bool squeezes = removal.rev == 5 && Squeezes(static_cast<ClearMode>(removal.mode));
+    switch (call) {
+        case SystemCall::kWrite:
+        case SystemCall::kSeek:
+        case SystemCall::kFlush:
+            return true;
+        case SystemCall::kRead:
+            return removal.rev == 5;
+        case SystemCall::kSetEnd:
+            return squeezes || removal.rev != 5;
+        case SystemCall::kLink:
+        case SystemCall::kRemove:
+            return removal.mode == kSqueezeBackup;
+        default:
+            return squeezes;
+    }
+}
+
 std::vector<Case> EveryCase() {
     constexpr std::pair<SystemCall, const char*> kCalls[] = {
         {SystemCall::kOpen, "Open"},     {SystemCall::kRead, "Read"},
@@ -97,6 +117,9 @@ std::vector<Case> EveryCase() {
     std::vector<Case> cases;
     for (const Removal& removal : kRemovals) {
         for (const auto& [call, name] : kCalls) {
+            if (!Makes(removal, call)) {
+                continue;
+            }
             cases.push_back({removal, call, name, Repeat::kOnce});
             cases.push_back({removal, call, name, Repeat::kFromThenOn});
         }
@@ -160,7 +183,7 @@ TEST_P(FailureOfARemoval, LeavesTheOldOrTheNewContent) {
         ++nth;
         ASSERT_LT(nth, 60U);
     }
-    RecordProperty("calls", static_cast<int>(nth - 1));
+    EXPECT_GT(nth, 1U) << "it makes such a call";
 }
 
 // --- Short writes ------------------------------------------------------------------------------
