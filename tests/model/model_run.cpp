@@ -92,9 +92,8 @@ int RunSeeds(const Options& options, SeedRequest request) {
         request.seed = first + done;
         failed += RunSeed(request, options) ? 0 : 1;
         if ((done + 1) % 1000 == 0) {
-            (void)std::fprintf(stderr, "%llu seeds done, %llu failed\n",
-                               static_cast<unsigned long long>(done + 1),
-                               static_cast<unsigned long long>(failed));
+            (void)std::fprintf(stderr, "%s seeds done, %s failed\n",
+                               std::to_string(done + 1).c_str(), std::to_string(failed).c_str());
         }
     }
     (void)std::printf("%s\n", failed == 0 ? "nothing differs" : "failed");

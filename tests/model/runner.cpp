@@ -285,10 +285,13 @@ void Runner::ExpectMarks() {
 void Runner::ExpectDataSource() {
     i64 firstRev = 0;
     i64 lastRev = 0;
+    i64 clearRev = 0;
     IK9eReplDS& source = m_client.DataSource();
     const u32 expected = m_model.IsOpen() ? RC_OK : RC_NOT_OPEN;
     m_verdict.ExpectEqual(source.GetFirstRev(0, &firstRev), expected, "GetFirstRev: result");
     m_verdict.ExpectEqual(source.GetLastRev(0, &lastRev), expected, "GetLastRev: result");
+    m_verdict.ExpectEqual(source.GetClearRev(&clearRev), RC_OK, "GetClearRev: result");
+    m_verdict.ExpectEqual(clearRev, m_model.Mark(), "GetClearRev");
     if (m_model.IsOpen()) {
         m_verdict.ExpectIn(firstRev, m_model.FirstRev(), "GetFirstRev");
         m_verdict.ExpectEqual(lastRev, m_model.NextRev(), "GetLastRev");
