@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -167,7 +168,7 @@ Trace RemovalStage::Run() {
 }
 
 // The child has no threads but its own, and shares nothing with the test but the files.
-int RemovalStage::CrashAt(const CrashPoint& point) {
+bool RemovalStage::CrashAt(const CrashPoint& point) {
     Restore();
     const pid_t child = fork();
     if (child == 0) {
@@ -175,7 +176,7 @@ int RemovalStage::CrashAt(const CrashPoint& point) {
     }
     int status = 0;
     EXPECT_EQ(waitpid(child, &status, 0), child);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
 }
 
 void RemovalStage::RemoveAndEndAt(const CrashPoint& point) {

@@ -76,8 +76,8 @@ class RemovalStage {
     void Restore();
     // The removal as it goes when nothing happens: its calls. The files stay as it leaves them.
     Trace Run();
-    // Restores, and removes in a process that ends at `point`. Returns how that process ended.
-    int CrashAt(const CrashPoint& point);
+    // Restores, and removes in a process that ends at `point`. False when it ended otherwise.
+    bool CrashAt(const CrashPoint& point);
 
     std::string Path() const { return m_folder.File("work/storage.edb"); }
     std::string Temporary() const { return Path() + ".temporary"; }

@@ -67,11 +67,10 @@ class TracedCalls {
     void Begin();
     Trace End();
 
-    // The process ends at that place of what is recorded from Begin on, with exit status kEnded.
-    // For a child process: there is no way back. Time stamps are the same in every such process,
+    // The process kills itself at that place of what is recorded from Begin on. For a child
+    // process: there is no way back. Time stamps are the same in every such process,
     // so that what it leaves depends on nothing but the place.
     void EndProcessAt(const CrashPoint& point);
-    static constexpr int kEnded = 42;
 
   private:
     platform::SystemCalls m_saved;
