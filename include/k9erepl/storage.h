@@ -214,12 +214,14 @@ K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageSetLifenum(void* handle, uint32_
 /* Writes the life number (both not null); 0 in a new storage. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageGetLifenum(void* handle, uint32_t* out);
 
-/* What K9eReplStorageClearOldRev does to the storage file; other modes are logical clears too. */
-#define K9EREPL_CLEAR_LOGICAL 0u /* one commit block is written, nothing leaves the disk */
-#define K9EREPL_CLEAR_SQUEEZE 1u /* what is kept moves to a new file in the old one's place */
-#define K9EREPL_CLEAR_SQUEEZE_BACKUP 2u /* the same; the old file stays, with ".backup" appended \
-                                         */
-#define K9EREPL_CLEAR_MARK 4u           /* nothing: `rev` becomes the revision mark */
+/* What K9eReplStorageClearOldRev does to the storage file; other modes are logical clears too.
+ * Logical: one commit block is written, nothing leaves the disk. Squeeze: what is kept moves to a
+ * new file in the old one's place; with backup, the old file stays, with ".backup" appended to its
+ * name. Mark: nothing, `rev` becomes the revision mark. */
+#define K9EREPL_CLEAR_LOGICAL 0u
+#define K9EREPL_CLEAR_SQUEEZE 1u
+#define K9EREPL_CLEAR_SQUEEZE_BACKUP 2u
+#define K9EREPL_CLEAR_MARK 4u
 
 /* Clears the records below `rev`: they are never served again, also after reopening. `rev` itself
  * stays; the next revision never changes. At or above the next revision everything goes and the

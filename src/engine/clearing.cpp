@@ -137,6 +137,8 @@ u32 CK9eReplStorage::ClearInMemory(i64 rev) {
         m_blocks.DropFirst();
     }
     m_oldestRev = rev;
+    // Also when no block went: a walk that is under way must pass the cleared records over.
+    m_blocks.Touch();
     return RC_OK;
 }
 

@@ -67,7 +67,11 @@ u32 CK9eReplStorage::ClearWholeFile(i64 rev) {
 // Finds nothing when no record at or above search->minRev is in the file.
 u32 CK9eReplStorage::FindFirstKept(BlockIndex::const_iterator holding, ClearMode mode,
                                    ClearSearch* search) {
-    if (holding->second.IsEmptyBlock()) {
+    // An empty block has no bytes in the file; what is kept then begins in a later one.
+    while (holding != m_blocks.Index().end() && holding->second.IsEmptyBlock()) {
+        ++holding;
+    }
+    if (holding == m_blocks.Index().end()) {
         return RC_OK;
     }
     if (u32 rc = Squeezes(mode) ? m_solid.CompleteAsyncTasks() : WaitForBlockWrites(holding);
