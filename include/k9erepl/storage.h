@@ -238,7 +238,8 @@ K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageGetLifenum(void* handle, uint32_
  * from a callback in the middle of a flush or another clear; both change nothing. When the flush
  * before the clear fails its code is returned and Commit, Rollback or a later flush try again.
  * RC_SYSTEM_ERROR, RC_NO_MEMORY, RC_BAD_DATA, RC_FILE_CORRUPT: the storage is broken until it is
- * opened again, and then holds everything that was there before the clear or after it. */
+ * opened again, and then holds everything that was there before the clear or after it; only a clear
+ * of everything may leave the beginning of the file damaged, as K9eReplStorageTruncate does. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageClearOldRev(void* handle, int64_t rev,
                                                             uint32_t mode);
 

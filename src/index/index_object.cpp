@@ -93,11 +93,16 @@ void IndexObject::StartOver() {
     }
 }
 
+// A save that was under way may fail while this waits for its turn, and end the thread with it.
 u32 IndexObject::Empty() {
-    if (IsFinished()) {
-        if (u32 rc = Start(); rc != RC_OK) {
+    if (!IsFinished()) {
+        const u32 rc = m_worker.load()->Empty();
+        if (rc == RC_OK || !IsFinished()) {
             return rc;
         }
+    }
+    if (u32 rc = Start(); rc != RC_OK) {
+        return rc;
     }
     return m_worker.load()->Empty();
 }

@@ -32,7 +32,7 @@ TEST(ClearWithoutAFile, MakesAWalkPassTheClearedRecordsOver) {
     storage.InsertMany(6);
     Revs seen;
     const auto clearAtTheSecond = [&](const K9eReplRec& rec) -> u32 {
-        seen.push_back(rec.rev);
+        seen.push_back(i64{rec.rev});
         return rec.rev == 2 ? K9eReplStorageClearOldRev(storage.Handle(), 5, kLogical) : RC_OK;
     };
     EXPECT_EQ(EnumerateWith(storage, 1, kEndOfRevs, clearAtTheSecond), RC_OK);

@@ -92,6 +92,20 @@ TEST_F(IndexObjectEmpty, StartsAThreadWhoseSaveHasFailed) {
     EXPECT_EQ(FileBytes(), IndexFileBytes({}));
 }
 
+// Whoever comes first: the thread that closes the file, or the one that empties it.
+TEST_F(IndexObjectEmpty, SucceedsWhileTheSaveBeforeItFails) {
+    MakeStarted();
+    for (int round = 0; round < 30; ++round) {
+        m_blocks.AddMany(1);
+        FailWrite(1);
+        ASSERT_EQ(SaveAsync(), RC_OK);
+        ASSERT_EQ(m_index->Empty(), RC_OK) << m_log;
+        ASSERT_EQ(FileBytes(), IndexFileBytes({}));
+        m_index->Stop();
+        ASSERT_EQ(m_index->Start(), RC_OK);
+    }
+}
+
 TEST_F(IndexObjectEmpty, AnswersThatNoThreadCanBeStarted) {
     SaveThree();
     m_index->Stop();
