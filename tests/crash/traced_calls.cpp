@@ -279,6 +279,7 @@ TracedCalls::TracedCalls(const std::string& storagePath) : m_saved(platform::The
     table.writeFile = WriteHook;
     table.setFileEnd = SetEndHook;
     table.flushFile = FlushHook;
+    table.startFlush = [](NativeFile, i64, i64) {};
     table.takeOwnerAndMode = TakeOwnerHook;
     table.renameFile = RenameHook;
     table.linkFile = LinkHook;
