@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <system_error>
 
 #include "model/storage_client.h"
@@ -17,6 +19,23 @@ namespace fs = std::filesystem;
 constexpr u32 kStop = 0x5109;
 constexpr u64 kSmallestBlock = 138;
 
+std::string BytesOf(const std::string& path) {
+    std::ostringstream bytes;
+    bytes << std::ifstream(path, std::ios::binary).rdbuf();
+    return bytes.str();
+}
+
+// What lies in the file at one moment. Each byte of it is written once: what two readings have in
+// common was there when the first one had ended.
+bool CopyGrowing(const std::string& from, const std::string& to) {
+    std::string bytes;
+    for (std::string again = BytesOf(from); again != bytes; again = BytesOf(from)) {
+        bytes.swap(again);
+    }
+    std::ofstream(to, std::ios::binary | std::ios::trunc) << bytes;
+    return !bytes.empty();
+}
+
 // A copy of a storage file and its index that goes with this object.
 class Copy {
   public:
@@ -24,10 +43,12 @@ class Copy {
         : m_path(look.workPath), m_indexPath(look.workPath + "-idx") {
         const auto replace = fs::copy_options::overwrite_existing;
         std::error_code rc;
-        m_made = fs::copy_file(look.path, m_path, replace, rc);
+        // The index first: it must not tell of more than the file's copy holds.
         if (!look.indexPath.empty()) {
             fs::copy_file(look.indexPath, m_indexPath, replace, rc);
         }
+        m_made = look.growing ? CopyGrowing(look.path, m_path)
+                              : fs::copy_file(look.path, m_path, replace, rc);
     }
     ~Copy() {
         std::error_code ignored;
@@ -71,6 +92,23 @@ void ExpectMarks(const StorageClient& client, const Content& content, const std:
     verdict.ExpectEqual(mark, content.mark, (what + "revision mark").c_str());
 }
 
+// The failure is that of the last one.
+void ExpectOne(const StorageClient& client, const std::vector<Content>& contents,
+               const std::string& what, Verdict& verdict) {
+    Verdict one;
+    one.Expect(!contents.empty(), what + "no such state",
+               "next revision " + std::to_string(client.NextRev()));
+    for (const Content& content : contents) {
+        one = Verdict();
+        ExpectRecords(client, content, what, one);
+        ExpectMarks(client, content, what, one);
+        if (!one.Failed()) {
+            return;
+        }
+    }
+    verdict.Expect(false, one.First()->what, one.First()->details);
+}
+
 }  // namespace
 
 bool ExpectRecord(const K9eReplRec& got, Records::const_iterator expected,
@@ -92,12 +130,19 @@ bool ExpectRecord(const K9eReplRec& got, Records::const_iterator expected,
 }
 
 void ExpectContent(const FileLook& look, const Content& content, Verdict& verdict) {
+    const ContentsWith theOne = [&](i64) { return std::vector<Content>{content}; };
+    ExpectOneContent(look, content.largestNeed, theOne, verdict);
+}
+
+void ExpectOneContent(const FileLook& look, u64 largestNeed, const ContentsWith& contents,
+                      Verdict& verdict) {
     const Copy copy(look);
     if (!verdict.Expect(copy.Made(), look.what + "file is missing")) {
         return;
     }
-    Settings settings{.cacheBlocks = look.cacheBlocks};
-    settings.blockSize = static_cast<u32>(std::max(kSmallestBlock, content.largestNeed));
+    Settings settings;
+    settings.cacheBlocks = look.cacheBlocks;
+    settings.blockSize = static_cast<u32>(std::max(kSmallestBlock, largestNeed));
     StorageClient client;
     const u32 opened = client.Open(settings.ConnString(look.workPath));
     if (!verdict.Expect(opened == RC_OK, look.what + "open", std::to_string(opened))) {
@@ -105,8 +150,7 @@ void ExpectContent(const FileLook& look, const Content& content, Verdict& verdic
     }
     const u32 loaded = K9eReplStorageLoad(client.Handle());
     if (verdict.Expect(loaded == RC_OK, look.what + "load", std::to_string(loaded))) {
-        ExpectRecords(client, content, look.what, verdict);
-        ExpectMarks(client, content, look.what, verdict);
+        ExpectOne(client, contents(client.NextRev()), look.what, verdict);
     }
 }
 

@@ -5,7 +5,9 @@
 
 #include <k9erepl/storage.h>
 
+#include <functional>
 #include <string>
+#include <vector>
 
 #include "model/content.h"
 #include "model/verdict.h"
@@ -22,9 +24,16 @@ struct FileLook {
     std::string workPath;   // where the copy is made and removed again
     u32 cacheBlocks = 0;    // 0: AllInMem
     std::string what;       // begins the name of a failure
+    bool growing = false;   // another thread may be writing the file
 };
 
 void ExpectContent(const FileLook& look, const Content& content, Verdict& verdict);
+
+// The contents that the file may have when a load finds this next revision.
+using ContentsWith = std::function<std::vector<Content>(i64 nextRev)>;
+// The same for a file that holds one of several contents. No record needs more than `largestNeed`.
+void ExpectOneContent(const FileLook& look, u64 largestNeed, const ContentsWith& contents,
+                      Verdict& verdict);
 
 }  // namespace k9erepl::model
 

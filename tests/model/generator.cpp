@@ -30,7 +30,7 @@ T Draw(Random& random, std::span<const Weighted<T>> choices) {
     return choices.back().value;
 }
 
-constexpr std::array<Weighted<OpKind>, 17> kKinds = {{
+constexpr std::array<Weighted<OpKind>, 18> kKinds = {{
     {70, OpKind::kBegin},
     {120, OpKind::kCommit},
     {30, OpKind::kRollback},
@@ -46,7 +46,8 @@ constexpr std::array<Weighted<OpKind>, 17> kKinds = {{
     {20, OpKind::kSetLifenum},
     {8, OpKind::kLoad},
     {10, OpKind::kFlushOnIdle},
-    {6, OpKind::kLookAtFile},
+    {8, OpKind::kLookAtFile},
+    {12, OpKind::kHoldWriter},
     {11, OpKind::kReopen},
 }};
 
@@ -179,9 +180,11 @@ void PlanVisitor(Operation& operation, Random& random) {
     operation.action = Draw<OpKind>(random, kActions);
 }
 
-ReopenPlan PlanReopen(const Settings& before, Random& random) {
+ReopenPlan PlanReopen(const Settings& before, bool async, Random& random) {
     ReopenPlan plan;
     plan.settings = CombinationOf(random.Below(CombinationCount()), random);
+    // The writers take turns at one file.
+    plan.settings.async = async && !random.OneIn(6);
     if (!random.OneIn(3)) {
         plan.settings.blockSize = before.blockSize;
     }
@@ -199,7 +202,7 @@ ReopenPlan PlanReopen(const Settings& before, Random& random) {
     return plan;
 }
 
-Operation NextOperation(const Settings& first, Random& random) {
+Operation NextOperation(const Settings& first, bool async, Random& random) {
     Operation operation;
     operation.kind = Draw<OpKind>(random, kKinds);
     operation.from = AnyRev(kRangePlaces, random);
@@ -214,7 +217,7 @@ Operation NextOperation(const Settings& first, Random& random) {
             PlanVisitor(operation, random);
             break;
         case OpKind::kReopen:
-            operation.reopen = PlanReopen(first, random);
+            operation.reopen = PlanReopen(first, async, random);
             break;
         default:
             break;
@@ -227,15 +230,22 @@ Operation NextOperation(const Settings& first, Random& random) {
 
 }  // namespace
 
+// Every combination comes in both halves.
+bool RunsAsync(u64 seed) {
+    return (seed + seed / CombinationCount()) % 2 == 1;
+}
+
 Script MakeScript(u64 seed, std::size_t length) {
     Random random(seed);
     Operation open;
     open.kind = OpKind::kReopen;
     open.reopen.settings = CombinationOf(static_cast<u32>(seed % CombinationCount()), random);
+    const bool async = RunsAsync(seed);
+    open.reopen.settings.async = async;
     const Settings first = open.reopen.settings;
     Script script = {open};
     while (script.size() < length) {
-        script.push_back(NextOperation(first, random));
+        script.push_back(NextOperation(first, async, random));
         script.back().number = script.size() - 1;
     }
     return script;

@@ -10,6 +10,8 @@ namespace k9erepl::model {
 // cache type, block size and flush mode. A longer script of the same seed begins like a shorter
 // one. REQUIRES: length > 0.
 Script MakeScript(u64 seed, std::size_t length);
+// Whether most openings of the script use the asynchronous writer; else none does.
+bool RunsAsync(u64 seed);
 
 }  // namespace k9erepl::model
 

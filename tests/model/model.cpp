@@ -36,6 +36,7 @@ void Model::Open(const Settings& settings) {
     m_depth = 0;
     m_lifenum = HasFile() ? m_file.lifenum : 0;
     m_mark = HasFile() ? m_file.mark : 0;
+    m_queued.AllWritten();
     m_flush.Start(settings);
     m_effects = {};
 }
@@ -74,12 +75,14 @@ void Model::BeginClose() {
     m_effects = {};
     if (m_isOpen) {
         ForgetSince(m_depth > 0 ? m_transStartRev : m_nextRev);
+        m_effects.written = Written::kAll;
         ExpectFlush(HasFile() ? Expected::kYes : Expected::kNo);
     }
 }
 
 void Model::EndClose() {
     m_file = File();
+    m_queued.AllWritten();
     m_isOpen = false;
 }
 
@@ -96,6 +99,10 @@ Content Model::File() const {
     file.largestNeed = std::max(m_largestInFile, LargestNeed(m_records));
     file.hasDead = m_hasDead;
     return file;
+}
+
+std::vector<Content> Model::FileStates(i64 nextRev) const {
+    return m_queued.With(nextRev, File());
 }
 
 Content Model::FileOnceFlushed() const {
@@ -228,6 +235,7 @@ u32 Model::Clear(i64 rev, u32 mode) {
     }
     if (mode == kModeMark) {
         m_mark = rev;
+        m_effects.written = Written::kAll;
         return RC_OK;
     }
     const bool squeezes = HasFile() && (mode == kModeSqueeze || mode == kModeSqueezeWithBackup);
@@ -262,6 +270,7 @@ void Model::ClearEverything(i64 clearRev) {
         // To be seen in the file only once everything is in it.
         ExpectFlush(HasFile() ? Expected::kMaybe : Expected::kNo);
     }
+    m_effects.written = Written::kStartOver;
     m_records.clear();
     m_oldest = {m_nextRev - 1, m_nextRev - 1};
     m_flushedRev = m_nextRev - 1;
@@ -277,6 +286,7 @@ void Model::ClearBelow(i64 clearRev, Expected happens) {
     assert(happens == Expected::kYes || !removes);
     if (HasFile()) {
         ExpectFlush(happens);
+        LeaveStates();
         m_largestInFile = std::max(m_largestInFile, LargestNeed(m_records));
         m_hasDead = m_hasDead || removes;
         m_beginMoved = happens;
@@ -291,12 +301,25 @@ void Model::ClearBelow(i64 clearRev, Expected happens) {
     }
 }
 
+// The asynchronous writer may be behind the flush that a clear begins with, and behind the clear.
+void Model::LeaveStates() {
+    if (!m_settings.WritesAsync()) {
+        return;
+    }
+    m_queued.Leave(m_fileNextRev);
+    if (m_effects.flush != Expected::kNo) {
+        m_queued.Leave({m_effects.flushedRev.low + 1, m_effects.flushedRev.high + 1});
+    }
+    m_queued.LeaveBefore(m_records);
+}
+
 // What is only cleared so far leaves the file.
 void Model::Squeeze(bool keepsBackup, bool sure) {
     if (keepsBackup) {
         m_effects.backup = sure ? Expected::kYes : Expected::kMaybe;
     }
     if (sure) {
+        m_effects.written = Written::kAll;
         m_largestInFile = LargestNeed(m_records);
         m_hasDead = false;
         m_beginMoved = Expected::kNo;
@@ -308,6 +331,7 @@ u32 Model::Truncate() {
     if (m_depth > 0) {
         return RC_IN_TRANSACTION;
     }
+    m_effects.written = Written::kStartOver;
     m_isOpen = true;
     m_records.clear();
     m_nextRev = 1;
@@ -327,6 +351,7 @@ u32 Model::Truncate() {
 
 void Model::SetLifenum(u32 lifenum) {
     m_effects = {};
+    m_effects.written = Written::kAll;
     m_lifenum = lifenum;
     if (HasFile() && !m_isOpen) {
         m_file.lifenum = lifenum;
@@ -351,6 +376,9 @@ void Model::ExpectFlush(Expected flush) {
 
 void Model::Flushed(i64 rev) {
     if (HasFile() && rev > m_flushedRev) {
+        if (m_settings.WritesAsync()) {
+            m_queued.Leave(m_fileNextRev);
+        }
         m_flushedRev = rev;
         m_fileNextRev = {rev + 1, rev + 1};
     }

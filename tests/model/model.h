@@ -5,15 +5,24 @@
 
 #include "model/content.h"
 #include "model/flush_model.h"
+#include "model/queued_states.h"
 #include "model/settings.h"
 
 namespace k9erepl::model {
+
+// What is certain about the storage file when an operation returns.
+enum class Written : u8 {
+    kSoFar,      // what its writer has come to
+    kAll,        // everything that was flushed
+    kStartOver,  // the same, and what was told of it before means nothing any more
+};
 
 // What an operation does besides its result, as far as a client can notice.
 struct Effects {
     Expected flush = Expected::kNo;   // OnFlush comes, once
     Bounds flushedRev;                // with this revision
     Expected backup = Expected::kNo;  // the file as it was is kept as a backup
+    Written written = Written::kSoFar;
 };
 
 // Every operation returns the library's result code for it and sets LastEffects.
@@ -65,14 +74,24 @@ class Model {
     void Flushed(i64 rev);
     const Effects& LastEffects() const { return m_effects; }
     // The last operation's flush has been looked for.
-    void ForgetFlush() { m_effects.flush = Expected::kNo; }
+    void ForgetFlush() {
+        m_effects.flush = Expected::kNo;
+        m_effects.written = Written::kSoFar;
+    }
+    i64 FlushedRev() const { return m_flushedRev; }
+    bool WritesFile() const { return HasFile() && m_isOpen; }
 
-    // What the storage file holds at this moment, as one would find it after a crash.
+    // What the storage file holds at this moment, as one would find it after a crash; with an
+    // asynchronous writer, as soon as that has written everything.
     Content File() const;
+    // What it may hold meanwhile, when a load finds `nextRev`.
+    std::vector<Content> FileStates(i64 nextRev) const;
+    void AllWritten() { m_queued.AllWritten(); }
     // The same once everything that is committed is in it. REQUIRES: not InTransaction.
     Content FileOnceFlushed() const;
 
   private:
+    void LeaveStates();
     bool HasFile() const { return m_settings.kind == SessionKind::kFile; }
     u32 InsertAt(i64 rev, const Record& record, u64 need);
     void CommitOutermost();
@@ -103,6 +122,8 @@ class Model {
     u64 m_largestInFile = 0;
     bool m_hasDead = false;                 // the file holds records that are no longer served
     Expected m_beginMoved = Expected::kNo;  // a squeeze may have something to remove
+
+    QueuedStates m_queued;  // empty with the synchronous writer
 
     FlushModel m_flush;
     Effects m_effects;

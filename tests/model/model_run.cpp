@@ -39,6 +39,7 @@ struct Options {
     std::string only;
     bool here = false;
     bool print = false;
+    std::string async;
     bool goOn = false;
     CLI::Option* seed = nullptr;
     u64 oneSeed = 0;
@@ -56,6 +57,9 @@ void Declare(CLI::App& app, Options& options) {
     options.seed->excludes(seeds)->excludes(first);
     app.add_option("--only", options.only, "run only these operations of the script, as 0,4,8-10")
         ->needs(options.seed);
+    app.add_option("--async", options.async,
+                   "open with the asynchronous writer always or never, not as the seed says")
+        ->check(CLI::IsMember({"yes", "no"}));
     app.add_flag("--here", options.here, "run in this process, for a debugger");
     app.add_flag("--print", options.print, "print the script, run nothing")->needs(options.seed);
     app.add_flag("--keep-going", options.goOn, "go on with the next seed after a failure");
@@ -109,7 +113,11 @@ int Main(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : 2;
     }
-    SeedRequest request{.seed = options.oneSeed, .operations = options.operations, .only = {}};
+    SeedRequest request{
+        .seed = options.oneSeed, .operations = options.operations, .only = {}, .async = {}};
+    if (!options.async.empty()) {
+        request.async = options.async == "yes";
+    }
     if (!options.only.empty() && !ParseNumbers(options.only, &request.only)) {
         (void)std::fprintf(stderr, "--only wants rising numbers like 0,4,8-10\n");
         return 2;

@@ -33,8 +33,8 @@ TEST_P(ModelGroup, AgreesWithTheLibrary) {
         const u64 seed = GetParam() * kSeedsPerGroup + i;
         // Before the run: should it end the process, the last one told is the one.
         std::cout << "model_run --seed " << seed << " --operations " << kOperations << std::endl;
-        const std::string report =
-            RunAndReport({.seed = seed, .operations = kOperations, .only = {}}, &RunHere);
+        const std::string report = RunAndReport(
+            {.seed = seed, .operations = kOperations, .only = {}, .async = {}}, &RunHere);
         EXPECT_TRUE(report.empty()) << report;
     }
 }

@@ -108,7 +108,7 @@ const char* NameOf(OpKind kind) {
         "Enumerate",  "EnumerateFrom", "EnumerateWithoutVisitor",
         "Clear",      "ClearAll",      "Truncate",
         "SetLifenum", "Load",          "FlushOnIdle",
-        "LookAtFile", "Reopen"};
+        "LookAtFile", "HoldWriter",    "Reopen"};
     return kNames[static_cast<std::size_t>(kind)];
 }
 

@@ -27,6 +27,7 @@ enum class OpKind : u8 {
     kLoad,
     kFlushOnIdle,
     kLookAtFile,
+    kHoldWriter,
     kReopen,
 };
 

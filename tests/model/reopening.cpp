@@ -168,13 +168,53 @@ void Runner::Load() {
     EnumerateAll();
 }
 
+FileLook Runner::LookOf(u32 word) const {
+    return {.path = m_path,
+            .indexPath = word % 2 == 0 ? m_indexPath : "",
+            .workPath = m_workPath,
+            .cacheBlocks = word / 2 % 3,
+            .what = "Look at the file: "};
+}
+
 void Runner::LookAtFile(u32 word) {
-    ExpectContent({.path = m_path,
-                   .indexPath = word % 2 == 0 ? m_indexPath : "",
-                   .workPath = m_workPath,
-                   .cacheBlocks = word / 2 % 3,
-                   .what = "Look at the file: "},
-                  m_model.File(), m_verdict);
+    if (m_model.WritesFile() && m_model.CurrentSettings().async) {
+        if (word / 6 % 3 == 0) {
+            WaitForWriter();
+        }
+        LookWhileWriting(LookOf(word));
+    } else {
+        ExpectContent(LookOf(word), m_model.File(), m_verdict);
+    }
+}
+
+// The file ends with a commit block that OnWriteToFile has told of or with a later one; with that
+// very one while the writer is held in the call.
+void Runner::LookWhileWriting(FileLook look) {
+    look.growing = true;
+    const WriterWatch::Report told = m_client.Writer().Get();
+    const i64 low = told.rev.value_or(kLowestRev);
+    const Bounds written{low, told.stands ? low : kHighestRev};
+    const ContentsWith contents = [&](i64 nextRev) {
+        m_verdict.ExpectIn(nextRev - 1, written, "Look at the file: written revision");
+        return m_model.FileStates(nextRev);
+    };
+    ExpectOneContent(look, m_model.File().largestNeed, contents, m_verdict);
+}
+
+// Not without a look at how far it had come.
+void Runner::LetWriterGo(u32 word) {
+    if (m_client.Writer().Get().stands) {
+        LookWhileWriting(LookOf(word));
+    }
+    m_client.Writer().Release();
+}
+
+// A change of the header waits for it.
+void Runner::WaitForWriter() {
+    LetWriterGo(0);
+    const u32 lifenum = m_model.Lifenum();
+    m_model.SetLifenum(lifenum);
+    ExpectCode(OpKind::kSetLifenum, K9eReplStorageSetLifenum(m_client.Handle(), lifenum), RC_OK);
 }
 
 }  // namespace k9erepl::model

@@ -10,6 +10,25 @@ namespace k9erepl::model {
 
 namespace fs = std::filesystem;
 
+namespace {
+
+// The others go on while the writing thread is held.
+bool MayWaitForWriter(OpKind kind) {
+    switch (kind) {
+        case OpKind::kClear:
+        case OpKind::kClearAll:
+        case OpKind::kTruncate:
+        case OpKind::kSetLifenum:
+        case OpKind::kLoad:
+        case OpKind::kReopen:
+            return true;
+        default:
+            return false;
+    }
+}
+
+}  // namespace
+
 Runner::Runner(const std::string& folder)
     : m_path(folder + "/model.edb"),
       m_indexPath(m_path + "-idx"),
@@ -41,6 +60,9 @@ void Runner::Step(const Operation& operation) {
 }
 
 void Runner::Do(OpKind kind, const Operation& operation) {
+    if (MayWaitForWriter(kind)) {
+        LetWriterGo(operation.word);
+    }
     void* const handle = m_client.Handle();
     const auto rev = [&](const RevChoice& choice) { return Resolve(choice, m_model); };
     switch (kind) {
@@ -83,8 +105,8 @@ void Runner::Do(OpKind kind, const Operation& operation) {
             Truncate();
             break;
         case OpKind::kSetLifenum:
-            ExpectCode(kind, K9eReplStorageSetLifenum(handle, operation.word), RC_OK);
             m_model.SetLifenum(operation.word);
+            ExpectCode(kind, K9eReplStorageSetLifenum(handle, operation.word), RC_OK);
             break;
         case OpKind::kLoad:
             Load();
@@ -94,6 +116,11 @@ void Runner::Do(OpKind kind, const Operation& operation) {
             break;
         case OpKind::kLookAtFile:
             LookAtFile(operation.word);
+            break;
+        case OpKind::kHoldWriter:
+            if (m_model.CurrentSettings().WritesAsync()) {
+                m_client.Writer().Hold();
+            }
             break;
         case OpKind::kReopen:
             Reopen(operation.reopen);
@@ -260,16 +287,38 @@ void Runner::ExpectFlush() {
     const std::vector<i64> flushed = m_client.TakeFlushed();
     const Effects effects = m_model.LastEffects();
     m_model.ForgetFlush();
-    if (flushed.empty()) {
+    if (!flushed.empty()) {
+        ExpectFlushed(flushed, effects);
+    } else {
         m_verdict.Expect(effects.flush != Expected::kYes, "Flush: none");
-        return;
     }
+    ExpectWritten(effects.written);
+}
+
+void Runner::ExpectFlushed(const std::vector<i64>& flushed, const Effects& effects) {
     const std::string told = "rev " + std::to_string(flushed.front());
     m_verdict.Expect(flushed.size() == 1, "Flush: more than one", told);
     if (m_verdict.Expect(effects.flush != Expected::kNo, "Flush: one too many", told)) {
         m_verdict.ExpectIn(flushed.front(), effects.flushedRev, "Flush: revision");
         m_model.Flushed(flushed.front());
     }
+}
+
+// OnWriteToFile follows the flushes: at once, or when the writing thread comes to them.
+void Runner::ExpectWritten(Written written) {
+    if (written != Written::kSoFar) {
+        m_model.AllWritten();
+    }
+    if (written == Written::kStartOver) {
+        m_client.Writer().Forget();
+    }
+    const std::optional<i64> told = m_client.Writer().Get().rev;
+    if (!told || !m_model.WritesFile()) {
+        return;
+    }
+    const bool behind = m_model.CurrentSettings().async && written == Written::kSoFar;
+    const i64 flushed = m_model.FlushedRev();
+    m_verdict.ExpectIn(*told, {behind ? kLowestRev : flushed, flushed}, "OnWriteToFile: revision");
 }
 
 void Runner::ExpectMarks() {

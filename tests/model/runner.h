@@ -54,10 +54,16 @@ class Runner {
     Settings FittingSettings(const ReopenPlan& plan) const;
     void Load();
     void LookAtFile(u32 word);
+    FileLook LookOf(u32 word) const;
+    void LookWhileWriting(FileLook look);
+    void LetWriterGo(u32 word);
+    void WaitForWriter();
 
     // Comparing
     void ExpectCode(OpKind kind, u32 got, u32 expected);
     void ExpectFlush();
+    void ExpectFlushed(const std::vector<i64>& flushed, const Effects& effects);
+    void ExpectWritten(Written written);
     void ExpectMarks();
     void ExpectDataSource();
 

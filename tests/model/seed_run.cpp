@@ -48,6 +48,13 @@ bool TakeRange(std::string_view& text, std::vector<std::size_t>* numbers) {
     return true;
 }
 
+std::string WriterOption(const SeedRequest& request) {
+    if (!request.async) {
+        return "";
+    }
+    return *request.async ? " --async yes" : " --async no";
+}
+
 std::string Report(const SeedRequest& request, const Failure& failure, const Shrunk& shrunk) {
     std::string text = "seed " + std::to_string(request.seed) + ", operation " +
                        std::to_string(ScriptOf(request).at(failure.position).number) + ": " +
@@ -58,7 +65,8 @@ std::string Report(const SeedRequest& request, const Failure& failure, const Shr
         text += "    " + Describe(operation) + "\n";
     }
     return text + "replay: model_run --seed " + std::to_string(request.seed) + " --operations " +
-           std::to_string(request.operations) + " --only " + FormatNumbers(shrunk.script) + "\n";
+           std::to_string(request.operations) + WriterOption(request) + " --only " +
+           FormatNumbers(shrunk.script) + "\n";
 }
 
 }  // namespace
@@ -80,6 +88,9 @@ Script ScriptOf(const SeedRequest& request) {
         std::erase_if(script, [&](const Operation& operation) {
             return !std::binary_search(request.only.begin(), request.only.end(), operation.number);
         });
+    }
+    for (Operation& operation : script) {
+        operation.reopen.settings.async = request.async.value_or(operation.reopen.settings.async);
     }
     return script;
 }

@@ -3,6 +3,7 @@
 #ifndef K9EREPL_TESTS_MODEL_SEED_RUN_H
 #define K9EREPL_TESTS_MODEL_SEED_RUN_H
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,7 @@ struct SeedRequest {
     u64 seed = 0;
     std::size_t operations = 0;
     std::vector<std::size_t> only;  // the numbers of the operations to run; empty: all
+    std::optional<bool> async;      // every opening uses this writer; else the seed says
 };
 
 // The part of the seed's script that the request asks for.

@@ -41,14 +41,30 @@ TEST(MakeScript, OpensEverySettingInTurn) {
     EXPECT_EQ(opened.size(), 4U * 5 * 2 + 5 * 2);
 }
 
+TEST(MakeScript, OpensEverySettingWithBothWriters) {
+    for (u64 seed = 0; seed < CombinationCount(); ++seed) {
+        EXPECT_NE(RunsAsync(seed), RunsAsync(seed + CombinationCount())) << seed;
+    }
+}
+
+TEST(ScriptOf, MayUseOneWriterOnly) {
+    for (const bool async : {false, true}) {
+        for (const Operation& operation :
+             ScriptOf({.seed = 7, .operations = 500, .only = {}, .async = async})) {
+            EXPECT_EQ(operation.reopen.settings.async, async) << Describe(operation);
+        }
+    }
+}
+
 TEST(ScriptOf, TakesTheNumberedOperationsOnly) {
     const Script all = MakeScript(7, 50);
-    const Script some = ScriptOf({.seed = 7, .operations = 50, .only = {0, 3, 48}});
+    const Script some = ScriptOf({.seed = 7, .operations = 50, .only = {0, 3, 48}, .async = {}});
     EXPECT_EQ(Lines(some), Lines({all[0], all[3], all[48]}));
 }
 
 TEST(Numbers, AreReadAsTheyAreWritten) {
-    const Script script = ScriptOf({.seed = 7, .operations = 50, .only = {0, 3, 4, 5, 9, 11, 12}});
+    const Script script =
+        ScriptOf({.seed = 7, .operations = 50, .only = {0, 3, 4, 5, 9, 11, 12}, .async = {}});
     EXPECT_EQ(FormatNumbers(script), "0,3-5,9,11-12");
     Numbers numbers;
     EXPECT_TRUE(ParseNumbers("0,3-5,9,11-12", &numbers));
@@ -72,13 +88,13 @@ TEST(RunAndReport, TellsTheSeedTheShortScriptAndTheCommand) {
         }
         return std::nullopt;
     };
-    const Script script = MakeScript(7, 50);
-    EXPECT_EQ(RunAndReport({.seed = 7, .operations = 50, .only = {}}, run),
+    const Script script = ScriptOf({.seed = 7, .operations = 50, .only = {}, .async = true});
+    EXPECT_EQ(RunAndReport({.seed = 7, .operations = 50, .only = {}, .async = true}, run),
               "seed 7, operation 5: Thing: result: got 1, expected 0\n"
               "shortened to 2 operations: Thing: result: got 1, expected 0\n"
               "    " +
                   Describe(script[0]) + "\n    " + Describe(script[5]) + "\n" +
-                  "replay: model_run --seed 7 --operations 50 --only 0,5\n");
+                  "replay: model_run --seed 7 --operations 50 --async yes --only 0,5\n");
 }
 
 }  // namespace

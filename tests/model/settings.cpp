@@ -33,6 +33,11 @@ int Threshold(const FlushChoice& flush, Random& random) {
     return random.OneIn(12) ? random.OneOf({0, -1, 1000000}) : flush.threshold;
 }
 
+std::string AsyncText(const std::optional<u32>& kilobytes) {
+    return kilobytes ? ";async_mode=yes;async_buffer_size=" + std::to_string(*kilobytes)
+                     : std::string(";async_mode=yes");
+}
+
 }  // namespace
 
 u32 CombinationCount() {
@@ -56,6 +61,7 @@ Settings CombinationOf(u32 number, Random& random) {
     settings.initialMebibytes = random.OneIn(6) ? 1 : 0;
     settings.deltaMebibytes = random.OneIn(6) ? 1 : 0;
     settings.forceFlush = random.OneIn(10);
+    settings.asyncKilobytes = random.OneOf<std::optional<u32>>({std::nullopt, 0, 1, 64});
     return settings;
 }
 
@@ -84,7 +90,8 @@ std::string Settings::Describe() const {
             text += "PerData;flush_data_size=";
             break;
     }
-    return text + std::to_string(flushThreshold) + ";index_hint=" + std::to_string(indexHint);
+    text += std::to_string(flushThreshold) + ";index_hint=" + std::to_string(indexHint);
+    return text + (WritesAsync() ? AsyncText(asyncKilobytes) : "");
 }
 
 }  // namespace k9erepl::model

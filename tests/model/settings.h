@@ -3,6 +3,7 @@
 #ifndef K9EREPL_TESTS_MODEL_SETTINGS_H
 #define K9EREPL_TESTS_MODEL_SETTINGS_H
 
+#include <optional>
 #include <string>
 
 #include "model/numbers.h"
@@ -28,9 +29,12 @@ struct Settings {
     u32 initialMebibytes = 0;
     u32 deltaMebibytes = 0;
     bool forceFlush = false;
+    bool async = false;                 // only with a storage file
+    std::optional<u32> asyncKilobytes;  // size of the asynchronous writer's buffer
 
     // The connection string for the storage file at `path`.
     std::string ConnString(const std::string& path) const;
+    bool WritesAsync() const { return async && kind == SessionKind::kFile; }
     // What a reader of a failing script wants to know.
     std::string Describe() const;
 };

@@ -22,16 +22,50 @@ void* Context(const RecordVisitor& visitor) {
 
 }  // namespace
 
+WriterWatch::Report WriterWatch::Get() const {
+    const std::lock_guard guard(m_mutex);
+    return m_report;
+}
+
+void WriterWatch::Forget() {
+    const std::lock_guard guard(m_mutex);
+    m_report.rev.reset();
+}
+
+void WriterWatch::Hold() {
+    const std::lock_guard guard(m_mutex);
+    m_hold = true;
+}
+
+void WriterWatch::Release() {
+    const std::lock_guard guard(m_mutex);
+    m_hold = false;
+    m_report.stands = false;
+    m_released.notify_all();
+}
+
+void WriterWatch::OnWritten(i64 lastRev, void* watch) {
+    auto& self = *static_cast<WriterWatch*>(watch);
+    std::unique_lock guard(self.m_mutex);
+    self.m_report = {lastRev, self.m_hold};
+    self.m_released.wait(guard, [&] { return !self.m_hold; });
+}
+
 u32 StorageClient::Open(const std::string& connString) {
     Close();
     m_flushed.clear();
+    m_writer.Forget();
     if (u32 rc = K9eReplStorageOpen(connString.c_str(), &m_handle); rc != RC_OK) {
         return rc;
     }
-    return K9eReplStorageSetOnFlushCallback(m_handle, &OnFlush, &m_flushed);
+    if (u32 rc = K9eReplStorageSetOnFlushCallback(m_handle, &OnFlush, &m_flushed); rc != RC_OK) {
+        return rc;
+    }
+    return K9eReplStorageSetOnWriteToFileCallback(m_handle, &WriterWatch::OnWritten, &m_writer);
 }
 
 void StorageClient::Close() {
+    m_writer.Release();
     if (m_handle != nullptr) {
         K9eReplStorageClose(std::exchange(m_handle, nullptr));
     }

@@ -4,7 +4,10 @@
 
 #include <k9erepl/storage_interfaces.h>
 
+#include <condition_variable>
 #include <functional>
+#include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,6 +17,29 @@ namespace k9erepl::model {
 
 // Answers 0 to go on.
 using RecordVisitor = std::function<u32(const K9eReplRec& record)>;
+
+// Hears OnWriteToFile, and can keep the thread that tells it from going on.
+class WriterWatch {
+  public:
+    struct Report {
+        std::optional<i64> rev;  // told last
+        bool stands = false;     // the writer is being held: it writes nothing
+    };
+    Report Get() const;
+    void Forget();
+    // From the next call on the thread that tells is held.
+    // REQUIRES: that is a thread of the library's.
+    void Hold();
+    void Release();
+
+    static void K9EREPL_CALL OnWritten(i64 lastRev, void* watch);
+
+  private:
+    mutable std::mutex m_mutex;
+    std::condition_variable m_released;
+    Report m_report;
+    bool m_hold = false;
+};
 
 class StorageClient {
   public:
@@ -37,10 +63,12 @@ class StorageClient {
 
     // The revisions that OnFlush told since the last call.
     std::vector<i64> TakeFlushed();
+    WriterWatch& Writer() { return m_writer; }
 
   private:
     void* m_handle = nullptr;
     std::vector<i64> m_flushed;
+    WriterWatch m_writer;
     std::vector<u64> m_buffer;  // for the record to hand in
 };
 
