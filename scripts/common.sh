@@ -31,3 +31,8 @@ seconds_since() {
     local ms=$((($(date +%s%N) - $1) / 1000000))
     printf '%d.%d' $((ms / 1000)) $((ms % 1000 / 100))
 }
+
+# free_mebibytes <folder>: the room on its file system.
+free_mebibytes() {
+    df -Pm "$1" | awk 'NR == 2 { print $4 }'
+}

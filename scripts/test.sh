@@ -35,5 +35,17 @@ without_passed() {
     fi
 }
 
+# The tests' files lie where the system keeps temporary ones (TMPDIR). A sanitizer build looks for
+# faults in the code, not in the disk: there, memory saves the time of many flushes to disk.
+case "$preset" in
+    asan | tsan)
+        if [ -z "${TMPDIR:-}" ] && [ -w /dev/shm ] && [ "$(free_mebibytes /dev/shm)" -ge 4096 ]; then
+            TMPDIR="$(mktemp -d /dev/shm/k9erepl-tests.XXXXXX)"
+            export TMPDIR
+            trap 'rm -rf "$TMPDIR"' EXIT
+        fi
+        ;;
+esac
+
 cd "$root"
 ctest --preset "$preset" --parallel "$jobs" --no-tests=error "$@" </dev/null | without_passed
