@@ -77,4 +77,11 @@ std::string PlanSettings(u64 seed, u32 round) {
     return settings;
 }
 
+std::string PlanAsyncSettings(u64 seed, u32 round) {
+    SeededNumbers numbers(seed + round * 104729ULL);
+    std::string settings = ";async_mode=yes;async_buffer_size=";
+    settings += OneOf(numbers, {"0", "1", "16", "1024"});
+    return settings;
+}
+
 }  // namespace k9erepl::test

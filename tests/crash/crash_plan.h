@@ -38,6 +38,8 @@ PlannedRecord PlanRecord(u64 seed, const PlannedTransaction& transaction, u32 pl
 
 // The settings of round `round`, without "file"; small blocks, every flush mode, growth and cache.
 std::string PlanSettings(u64 seed, u32 round);
+// What an asynchronous round adds to them.
+std::string PlanAsyncSettings(u64 seed, u32 round);
 
 }  // namespace k9erepl::test
 

@@ -1,7 +1,8 @@
 // The child of the crash tests: appends the planned transactions to a storage for ever and writes
-// each revision that OnFlush acknowledges, as 8 bytes, to standard output. It is killed.
+// each revision that the callback CALLBACK acknowledges, as 8 bytes, to standard output. It is
+// killed.
 //
-//   crash_writer CONNECTION-STRING SEED
+//   crash_writer CONNECTION-STRING SEED OnFlush|OnWriteToFile
 //
 // Exit status 1: a call of the library failed, which standard error tells.
 #include <k9erepl/storage.h>
@@ -59,15 +60,18 @@ void AppendTransaction(void* storage, u64 seed) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 3) {
-        (void)std::fprintf(stderr, "usage: crash_writer CONNECTION-STRING SEED\n");
+    if (argc != 4) {
+        (void)std::fprintf(stderr, "usage: crash_writer CONNECTION-STRING SEED CALLBACK\n");
         return 2;
     }
     const u64 seed = std::strtoull(argv[2], nullptr, 10);
     void* storage = nullptr;
     Check(K9eReplStorageCreate(argv[1], 0x2), "Create");
     Check(K9eReplStorageOpen(argv[1], &storage), "Open");
-    Check(K9eReplStorageSetOnFlushCallback(storage, &Acknowledge, nullptr), "SetOnFlushCallback");
+    const bool whenFlushed = std::strcmp(argv[3], "OnFlush") == 0;
+    Check(whenFlushed ? K9eReplStorageSetOnFlushCallback(storage, &Acknowledge, nullptr)
+                      : K9eReplStorageSetOnWriteToFileCallback(storage, &Acknowledge, nullptr),
+          argv[3]);
     Check(K9eReplStorageLoad(storage), "Load");
     for (;;) {
         AppendTransaction(storage, seed);

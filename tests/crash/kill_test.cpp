@@ -1,5 +1,6 @@
-// A process that appends is killed at any moment, fifty times: whatever OnFlush acknowledged is
-// there afterwards, byte for byte, no part of a transaction is served, and revisions go on.
+// A process that appends is killed at any moment, fifty times: whatever OnFlush, or OnWriteToFile
+// of the asynchronous writer, acknowledged is there afterwards, byte for byte, no part of a
+// transaction is served, and revisions go on.
 //
 // The schedule follows from one seed, which is printed; K9EREPL_TEST_SEED sets another one.
 #include <gtest/gtest.h>
@@ -108,7 +109,8 @@ i64 ReopenAndCompare(const std::string& conn, u64 seed, i64 acknowledged) {
     return reader.LastRev();
 }
 
-TEST(Kill, LosesNothingThatWasAcknowledgedAndServesNoPartOfATransaction) {
+// `callback` acknowledges; `writer` tells the settings that a round adds.
+void KillAgainAndAgain(const std::string& callback, std::string (*writer)(u64 seed, u32 round)) {
     const u64 seed = Seed();
     std::cout << "seed " << seed << ", as K9EREPL_TEST_SEED sets it\n";
     TempFolder folder;
@@ -118,14 +120,22 @@ TEST(Kill, LosesNothingThatWasAcknowledgedAndServesNoPartOfATransaction) {
         const u32 storage = round / kRoundsPerStorage;
         const u64 storageSeed = seed + storage;
         const std::string conn = "file=" + folder.File("storage" + std::to_string(storage)) +
-                                 ".edb;" + PlanSettings(seed, round);
+                                 ".edb;" + PlanSettings(seed, round) + writer(seed, round);
         SCOPED_TRACE("round " + std::to_string(round) + ", " + conn);
         last = round % kRoundsPerStorage == 0 ? 0 : last;
         const ChildOptions options = {
-            .arguments = {CRASH_WRITER_PROGRAM, conn, std::to_string(storageSeed)}};
+            .arguments = {CRASH_WRITER_PROGRAM, conn, std::to_string(storageSeed), callback}};
         const i64 acknowledged = RunAndKill(options, numbers, last);
         last = ReopenAndCompare(conn, storageSeed, acknowledged);
     }
+}
+
+TEST(Kill, LosesNothingThatWasAcknowledgedAndServesNoPartOfATransaction) {
+    KillAgainAndAgain("OnFlush", [](u64, u32) { return std::string(); });
+}
+
+TEST(Kill, LosesNothingThatTheWritingThreadAcknowledged) {
+    KillAgainAndAgain("OnWriteToFile", &PlanAsyncSettings);
 }
 
 }  // namespace
