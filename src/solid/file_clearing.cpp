@@ -30,6 +30,10 @@ u32 CSolidStorage::SetClearRev(i64 rev) {
         return RC_NO_WRITER;
     }
     assert(rev >= m_state.clearRev);
+    // Commit blocks are stamped when they are written: those queued before carry the old value.
+    if (u32 rc = CompleteAsyncTasks(); rc != RC_OK) {
+        return rc;
+    }
     const i64 before = m_state.clearRev;
     const i64 position = m_writer->WritePos();
     if (u32 rc = m_writer->BeginTransaction(); rc != RC_OK) {
@@ -41,16 +45,20 @@ u32 CSolidStorage::SetClearRev(i64 rev) {
     m_state.clearRev = rev;
     u32 rc = WriteItems(reinterpret_cast<u8*>(&block), kCommitBlockSize, &block, nullptr,
                         lastFlushed, nullptr);
-    if (rc == RC_OK) {
-        // What is written behind this block links to it: with force_flush it must not be the only
-        // one that the disk may still lose.
-        rc = m_writer->FlushFile();
-    }
-    // What the notification wrote behind the block is not taken back, and a clear revision that
-    // falls behind the block's would end the next load there.
-    if (rc != RC_OK && m_writer->WritePos() <= position + kCommitBlockSize) {
-        m_writer->Rollback();
+    if (rc != RC_OK) {
+        // Nothing was written or queued.
         m_state.clearRev = before;
+    } else if (rc = m_writer->FlushFile(); rc != RC_OK) {
+        // What is written behind this block links to it: with force_flush it must not be the only
+        // one that the disk may still lose. What the notification wrote behind it is not taken
+        // back, and a clear revision that falls would end the next load there.
+        if (m_writer->WritePos() <= position + kCommitBlockSize) {
+            m_writer->Rollback();
+            m_state.clearRev = before;
+        }
+    } else {
+        // The client goes on to forget what is cleared, in the index file too.
+        rc = CompleteAsyncTasks();
     }
     InvalidateReads();
     if (rc != RC_OK) {

@@ -1,11 +1,34 @@
 // The queue of the asynchronous writer; see the header.
 #include "writers/async_queue.h"
 
+#include <k9erepl/storage.h>
+
 #include <cassert>
 #include <mutex>
 #include <new>
 
+#include "support/log.h"
+
 namespace k9erepl {
+
+u32 CheckElem(const CAsyncQueueElem& elem) {
+    const bool hasBytes = elem.data != nullptr && elem.size != 0;
+    switch (elem.type) {
+        case AsyncElemType::kWrite:
+            return hasBytes && elem.memoryBlock != nullptr && elem.filePosition != nullptr
+                       ? RC_OK
+                       : RC_INVALID_ARG;
+        case AsyncElemType::kCommit:
+            return hasBytes ? RC_OK : RC_INVALID_ARG;
+        case AsyncElemType::kBeginTransaction:
+        case AsyncElemType::kComplete:
+        case AsyncElemType::kStop:
+            return RC_OK;
+    }
+    LOG_ERROR_CODE(RC_INVALID_ARG, kLogStorage, "Wrong async queue element type %d",
+                   static_cast<u32>(elem.type));
+    return RC_INVALID_ARG;
+}
 
 void AsyncElems::Append(CAsyncQueueElem* elem) {
     elem->next = nullptr;
@@ -16,6 +39,18 @@ void AsyncElems::Append(CAsyncQueueElem* elem) {
     }
     m_last = elem;
     ++m_size;
+}
+
+void AsyncElems::AppendAll(AsyncElems& other) {
+    if (other.IsEmpty()) {
+        return;
+    }
+    (IsEmpty() ? m_first : m_last->next) = other.m_first;
+    m_last = other.m_last;
+    m_size += other.m_size;
+    other.m_first = nullptr;
+    other.m_last = nullptr;
+    other.m_size = 0;
 }
 
 CAsyncQueueElem* AsyncElems::TakeFirst() {
@@ -72,7 +107,7 @@ bool AsyncQueue::Push(CAsyncQueueElem* elem) {
         m_queued.Append(elem);
     }
     if (wake) {
-        m_wakeFailed = !m_newTask.Set();
+        Wake();
     }
     return true;
 }
@@ -85,11 +120,8 @@ AsyncElems AsyncQueue::TakeAll() {
 void AsyncQueue::Recycle(AsyncElems& done) {
     {
         const std::lock_guard guard(m_lock);
-        if (m_free.IsEmpty()) {
-            m_free.Swap(done);
-        }
-        while (!done.IsEmpty() && m_free.Size() < kMostFree) {
-            m_free.Append(done.TakeFirst());
+        if (m_free.Size() + done.Size() <= kMostFree) {
+            m_free.AppendAll(done);
         }
     }
     done.DeleteAll();

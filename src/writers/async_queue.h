@@ -34,6 +34,10 @@ struct CAsyncQueueElem {
     CAsyncQueueElem* next = nullptr;
 };
 
+// RC_INVALID_ARG for an element that lacks what its type needs, or has another type; the latter is
+// logged here.
+u32 CheckElem(const CAsyncQueueElem& elem);
+
 // A chain of elements, first in, first out. The elements are the holder's to give on.
 class AsyncElems {
   public:
@@ -49,6 +53,8 @@ class AsyncElems {
     bool IsEmpty() const { return m_first == nullptr; }
     std::size_t Size() const { return m_size; }
     void Append(CAsyncQueueElem* elem);
+    // Takes all elements of `other`, in order.
+    void AppendAll(AsyncElems& other);
     // REQUIRES: not empty.
     CAsyncQueueElem* TakeFirst();
     void Swap(AsyncElems& other) noexcept;
@@ -81,17 +87,19 @@ class AsyncQueue {
     // Appends and wakes the thread; false when the queue was closed, the element is still the
     // client's then.
     bool Push(CAsyncQueueElem* elem);
+    // Wakes the thread for nothing but what it finds.
+    void Wake() { m_wakeFailed = !m_newTask.Set(); }
 
     // --- The writing thread
     platform::WaitResult WaitForTask() { return m_newTask.Wait(platform::kWaitForever); }
     AsyncElems TakeAll();
-    // Takes back elements whose work is done.
+    // Takes back elements whose work is done; `done` is empty then.
     void Recycle(AsyncElems& done);
     // From now on nothing is accepted; returns what was still queued.
     AsyncElems Close();
 
   private:
-    // Beyond these, recycled elements go back to the heap.
+    // A batch that would make more than these lie idle goes back to the heap.
     static constexpr std::size_t kMostFree = 16384;
 
     platform::AutoResetEvent m_newTask;

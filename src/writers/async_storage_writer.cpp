@@ -4,6 +4,7 @@
 
 #include <cassert>
 #include <cstring>
+#include <new>
 
 #include "platform/clock.h"
 #include "platform/system_error.h"
@@ -43,7 +44,8 @@ AsyncStorageWriter::AsyncStorageWriter(StorageFileState* state, const Options& o
         throw K9eStorageException(RC_SYSTEM_ERROR);
     }
     m_commitCopies.SetBlockSize(kCommitBlockSize);
-    if (!m_commitCopies.SetMaxBlocks(kMostFreeCommitCopies)) {
+    m_stopElem.reset(new (std::nothrow) CAsyncQueueElem{.type = AsyncElemType::kStop});
+    if (m_stopElem == nullptr || !m_commitCopies.SetMaxBlocks(kMostFreeCommitCopies)) {
         LOG_ERROR_CODE(RC_NO_MEMORY, kLogStorage, "malloc failed");
         throw K9eStorageException(RC_NO_MEMORY);
     }
@@ -85,20 +87,15 @@ u32 AsyncStorageWriter::PushToAsyncQueue(const CAsyncQueueElem& work) {
     if (const u32 rc = StickyError(); rc != RC_OK) {
         return rc;
     }
-    const bool isWrite = work.type == AsyncElemType::kWrite;
-    const bool isCommit = work.type == AsyncElemType::kCommit;
-    if ((isWrite || isCommit) && (work.data == nullptr || work.size == 0)) {
-        return RC_INVALID_ARG;
-    }
-    if (isWrite && (work.memoryBlock == nullptr || work.filePosition == nullptr)) {
-        return RC_INVALID_ARG;
+    if (const u32 rc = CheckElem(work); rc != RC_OK) {
+        return rc;
     }
     CAsyncQueueElem* const elem = m_queue.NewElem();
     if (elem == nullptr) {
         return RC_NO_MEMORY;
     }
     *elem = work;
-    u32 rc = isCommit ? CopyCommitBlock(elem) : u32{RC_OK};
+    u32 rc = work.type == AsyncElemType::kCommit ? CopyCommitBlock(elem) : u32{RC_OK};
     if (rc == RC_OK && !m_queue.Push(elem)) {
         FreeCommitCopy(*elem);
         rc = StickyError();
@@ -109,6 +106,7 @@ u32 AsyncStorageWriter::PushToAsyncQueue(const CAsyncQueueElem& work) {
     return rc;
 }
 
+// The clear revision may have gone on when the thread comes to the block.
 u32 AsyncStorageWriter::CopyCommitBlock(CAsyncQueueElem* elem) {
     assert(elem->size == kCommitBlockSize);
     auto* const copy = static_cast<u8*>(m_commitCopies.AllocBlock());
@@ -116,6 +114,7 @@ u32 AsyncStorageWriter::CopyCommitBlock(CAsyncQueueElem* elem) {
         return RC_NO_MEMORY;
     }
     std::memcpy(copy, elem->data, kCommitBlockSize);
+    SetClearRev(*reinterpret_cast<TCommitBlock*>(copy));
     elem->data = copy;
     return RC_OK;
 }
@@ -250,16 +249,24 @@ bool AsyncStorageWriter::MayStillWrite() const {
     return m_thread != nullptr && !m_ended.load(std::memory_order_acquire);
 }
 
+// Needs no memory, so that what is queued is written whatever happens.
+void AsyncStorageWriter::PushStop() {
+    if (StickyError() == RC_OK && m_queue.Push(m_stopElem.get())) {
+        m_stopElem.release();
+        LOG_INFO(kLogStorage, "Writing thread received stop task");
+        return;
+    }
+    const u32 rc = StickyError();
+    LOG_ERROR_CODE(rc, kLogStorage, "PushToAsyncQueue(CAsyncQueueElem::STOP) return error %d", rc);
+    // A code that a client set may have found the thread waiting for work.
+    m_queue.Wake();
+}
+
 bool AsyncStorageWriter::Shutdown() {
     if (m_thread == nullptr) {
         return true;
     }
-    if (const u32 rc = PushToAsyncQueue({.type = AsyncElemType::kStop}); rc != RC_OK) {
-        LOG_ERROR_CODE(rc, kLogStorage, "PushToAsyncQueue(CAsyncQueueElem::STOP) return error %d",
-                       rc);
-    } else {
-        LOG_INFO(kLogStorage, "Writing thread received stop task");
-    }
+    PushStop();
     if (const WaitResult result = m_thread->Join(kWaitMs); result != WaitResult::kSignalled) {
         const u32 rc = result == WaitResult::kTimedOut ? RC_TIMEOUT : RC_SYSTEM_ERROR;
         LOG_ERROR_CODE(rc, kLogStorage, "K9ThreadWait() failed; terminating thread");

@@ -41,7 +41,8 @@ class AsyncStorageWriter final : public StorageWriter {
     // See StorageWriter; these are queued. `memoryBlock` and `filePosition` are wanted for data
     // that is more than a commit block. Until the block's pending-write count is 0 again, `data`,
     // the block and *filePosition stay where they are; the commit block may be reused at once.
-    // Errors: RC_NO_WRITER, RC_INVALID_ARG, RC_NO_MEMORY, the sticky code; nothing was queued then.
+    // Errors: RC_NO_WRITER, RC_INVALID_ARG, RC_NO_MEMORY, the sticky code. Then nothing was queued,
+    // or the data without the commit block: its block counts that.
     u32 Write(u8* data, u32 size, TCommitBlock* commitBlock, K9eReplBlock* memoryBlock,
               i64 lastRevision, std::atomic<i64>* filePosition) override;
     u32 BeginTransaction() override;
@@ -67,6 +68,7 @@ class AsyncStorageWriter final : public StorageWriter {
     u32 StartThread(u32 affinity);
     u32 PushToAsyncQueue(const CAsyncQueueElem& work);
     u32 PushPiece(const CAsyncQueueElem& piece);
+    void PushStop();
     u32 CopyCommitBlock(CAsyncQueueElem* elem);
     u32 WaitFor(platform::AutoResetEvent& event, u32 beganMs);
     u32 StickyError() const { return m_stickyError.load(std::memory_order_acquire); }
@@ -81,6 +83,7 @@ class AsyncStorageWriter final : public StorageWriter {
     u32 Place(const CAsyncQueueElem& elem, const char* place);
     u32 WriteOut(const char* place);
     u32 WriteOutBuffer();
+    u32 SetComplete();
     u32 SetReleased(const char* place);
     u32 BeginTransactionAt(i64 lastFlushedRev);
     void Notify(i64 commitRev);
@@ -99,6 +102,7 @@ class AsyncStorageWriter final : public StorageWriter {
 
     // --- The client's
     ThreadRecord m_thread;
+    std::unique_ptr<CAsyncQueueElem> m_stopElem;  // null once it is queued
     u64 m_lastTicket = 0;
 
     // --- The writing thread's

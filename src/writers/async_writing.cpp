@@ -80,8 +80,7 @@ u32 AsyncStorageWriter::ProcessElem(const CAsyncQueueElem& elem, bool last) {
                 return rc;
             }
             m_completed.store(elem.ticket, std::memory_order_release);
-            m_completeEvent.Set();
-            return RC_OK;
+            return SetComplete();
         case AsyncElemType::kStop:
             if (u32 rc = WriteOutBuffer(); rc != RC_OK) {
                 return rc;
@@ -128,7 +127,7 @@ u32 AsyncStorageWriter::Place(const CAsyncQueueElem& elem, const char* place) {
     }
     if (elem.type == AsyncElemType::kCommit) {
         auto& commitBlock = *reinterpret_cast<TCommitBlock*>(copy);
-        Stamp(commitBlock);
+        Link(commitBlock);
         m_state.lastCommitSequence.store(commitBlock.sequence, std::memory_order_release);
         m_pendingRev = commitBlock.commitRev;
     }
@@ -188,6 +187,15 @@ u32 AsyncStorageWriter::WriteOutBuffer() {
         const i64 commitRev = m_pendingRev;
         m_pendingRev = 0;
         Notify(commitRev);
+    }
+    return RC_OK;
+}
+
+u32 AsyncStorageWriter::SetComplete() {
+    if (!m_completeEvent.Set()) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Set complete event failed;sys-err %r",
+                       platform::LastSystemError());
+        return RC_SYSTEM_ERROR;
     }
     return RC_OK;
 }

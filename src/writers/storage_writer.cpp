@@ -69,6 +69,9 @@ u32 StorageWriter::ReopenFile(const std::string& path, bool writeThrough) {
 
 u32 StorageWriter::WriteNow(u8* data, u32 size, TCommitBlock* commitBlock, i64 lastRevision,
                             std::atomic<i64>* filePosition) {
+    if (commitBlock != nullptr) {
+        SetClearRev(*commitBlock);
+    }
     const u32 rc = WritePiece(data, size, commitBlock, lastRevision, filePosition);
     if (rc == RC_OK && commitBlock != nullptr) {
         // Foreign code, which may come back in: everything of ours is settled before it.
@@ -88,7 +91,7 @@ u32 StorageWriter::WritePiece(u8* data, u32 size, TCommitBlock* commitBlock, i64
         return rc;
     }
     if (commitBlock != nullptr) {
-        Stamp(*commitBlock);
+        Link(*commitBlock);
     }
     const i64 offset = WritePos();
     if (const u32 rc = WriteBytes(data, size); rc != RC_OK) {
@@ -166,9 +169,12 @@ u32 StorageWriter::PrepareWrite(u32 size) {
     return m_pointerInPlace ? RC_OK : SeekToWritePos();
 }
 
-void StorageWriter::Stamp(TCommitBlock& commitBlock) const {
-    commitBlock.prevSequence = m_state.lastCommitSequence.load(std::memory_order_acquire);
+void StorageWriter::SetClearRev(TCommitBlock& commitBlock) const {
     commitBlock.clearRev = m_state.clearRev.load(std::memory_order_acquire);
+}
+
+void StorageWriter::Link(TCommitBlock& commitBlock) const {
+    commitBlock.prevSequence = m_state.lastCommitSequence.load(std::memory_order_acquire);
 }
 
 u32 StorageWriter::WriteBytes(const void* data, u32 size) {

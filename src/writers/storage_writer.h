@@ -86,10 +86,10 @@ class StorageWriter {
     const std::atomic<i64>& WritePosRef() const { return m_fileCurrWritePos; }
 
   protected:
-    // What writing a piece is, whoever performs it: preparation, stamp, write, notification.
+    // What writing at once is: the clear revision, preparation, link, write, notification.
     u32 WriteNow(u8* data, u32 size, TCommitBlock* commitBlock, i64 lastRevision,
                  std::atomic<i64>* filePosition);
-    // The same without the notification.
+    // The same without the clear revision and the notification.
     u32 WritePiece(u8* data, u32 size, TCommitBlock* commitBlock, i64 lastRevision,
                    std::atomic<i64>* filePosition);
     // Rollback will go back to `position`, `lastFlushedRev` and the present sequence.
@@ -101,8 +101,9 @@ class StorageWriter {
     // position: it clears an abandoned tail, grows the file by one step when the bytes would pass
     // its recorded size, and puts the file pointer in place.
     u32 PrepareWrite(u32 size);
-    // Sets prevSequence and clearRev.
-    void Stamp(TCommitBlock& commitBlock) const;
+    // Gives the commit block the clear revision of the moment; its link to the one before it.
+    void SetClearRev(TCommitBlock& commitBlock) const;
+    void Link(TCommitBlock& commitBlock) const;
     // Writes at the file pointer and advances the write position.
     u32 WriteBytes(const void* data, u32 size);
 

@@ -1,0 +1,153 @@
+// What a rollback of the asynchronous writer goes back to: the position behind everything queued
+// before the transaction, and the chain and the revision of that place.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "writers/async_fixture.h"
+
+namespace k9erepl::test {
+namespace {
+
+constexpr i64 kRunSize = 34 + kCommitBlockSize;  // a record of 10 bytes and its commit block
+
+class AsyncRollback : public AsyncWriterTest {
+  protected:
+    void Begin() { ASSERT_EQ(Async().BeginTransaction(), RC_OK); }
+    void RollBack() {
+        RunAll();
+        ASSERT_EQ(Async().Rollback(), RC_OK);
+    }
+    // A committed record, then a transaction of two that is rolled back, all in one batch.
+    void RollTwoRecordsBack() {
+        QueueRecord(1, 2000);
+        Begin();
+        QueueRecord(2, 3000);
+        QueueRecord(3, 4000);
+        RollBack();
+    }
+    void Complete() { ASSERT_EQ(Async().CompleteAsyncTasks(), RC_OK); }
+};
+
+}  // namespace
+
+TEST_F(AsyncRollback, GoesBackBehindEverythingQueuedBeforeBufferedBytesIncluded) {
+    RollTwoRecordsBack();
+    EXPECT_EQ(WriteSizes(), Sizes{static_cast<u32>(3 * kRunSize)});  // it was all in one buffer
+    EXPECT_EQ(Async().WritePos(), kStart + kRunSize);
+}
+
+TEST_F(AsyncRollback, GoesBackBehindWhatWasWrittenDirectly) {
+    m_options.bufferCapacity = 0;
+    RollTwoRecordsBack();
+    EXPECT_EQ(Async().WritePos(), kStart + kRunSize);
+}
+
+TEST_F(AsyncRollback, GoesBackBehindABatchThatTheBeginningEnds) {
+    QueueRecord(1, 2000);
+    Begin();
+    RunBatch();
+    QueueRecord(2, 3000);
+    RollBack();
+    EXPECT_EQ(Async().WritePos(), kStart + kRunSize);
+}
+
+TEST_F(AsyncRollback, NeverUndoesAnEarlierCommit) {
+    RollTwoRecordsBack();
+    QueueRecord(2, 5000);
+    Complete();
+    EXPECT_EQ(Items(m_path), "C0 R1 C1 R2 C2");
+}
+
+TEST_F(AsyncRollback, RestoresTheCommitSequenceAndTheFlushedRevision) {
+    RollTwoRecordsBack();
+    EXPECT_EQ(m_state.lastCommitSequence, 2000U);
+    EXPECT_EQ(m_state.lastFlushedRev, 1);
+}
+
+TEST_F(AsyncRollback, RestoresTheFlushedRevisionOfTheTimeWhenTheBeginningWasQueued) {
+    QueueRecord(1, 2000);
+    Begin();
+    m_state.lastFlushedRev = 9;  // before the thread comes to it
+    RunBatch();
+    RollBack();
+    EXPECT_EQ(m_state.lastFlushedRev, 1);
+}
+
+TEST_F(AsyncRollback, ARetriedCommitLinksToTheBlockBeforeTheTransaction) {
+    RollTwoRecordsBack();
+    QueueRecord(2, 5000);
+    Complete();
+    EXPECT_EQ(CommitBlockAt(Async().WritePos() - kCommitBlockSize).prevSequence, 2000U);
+}
+
+TEST_F(AsyncRollback, LeavesTheBytesUntilTheNextWriteWhichZeroesThem) {
+    RollTwoRecordsBack();
+    EXPECT_EQ(Items(m_path), "C0 R1 C1 R2 C2 R3 C3");
+    const i64 length = FileLength();
+    QueueBlock(1);
+    Complete();
+    const Bytes tail = FileBytes(Async().WritePos(), 2 * kRunSize - 1);
+    EXPECT_TRUE(std::all_of(tail.begin(), tail.end(), [](u8 byte) { return byte == 0; }));
+    EXPECT_EQ(FileLength(), length);
+    EXPECT_EQ(m_log.CountContaining("Abandoned data was cleared;offset 1122,"), 1U) << m_log;
+}
+
+TEST_F(AsyncRollback, ItsGhostDoesNotCommitARetriedTransaction) {
+    Begin();
+    QueueRecord(1, 2000);
+    RollBack();
+    // The retry puts the record where the ghost's commit block would close it.
+    TestBlock& retried = m_blocks.emplace_back(Record(1, 10));
+    ASSERT_EQ(Queue(retried), RC_OK);
+    Complete();
+    EXPECT_EQ(Items(m_path), "C0 R1");
+}
+
+TEST_F(AsyncRollback, OfANewTransactionGoesBackToThatOne) {
+    RollTwoRecordsBack();
+    QueueRecord(2, 5000);
+    Begin();
+    QueueRecord(3, 6000);
+    RollBack();
+    EXPECT_EQ(Async().WritePos(), kStart + 2 * kRunSize);
+    EXPECT_EQ(m_state.lastCommitSequence, 5000U);
+}
+
+TEST_F(AsyncRollback, MayBeRepeated) {
+    RollTwoRecordsBack();
+    EXPECT_EQ(Async().Rollback(), RC_OK);
+    EXPECT_EQ(Async().WritePos(), kStart + kRunSize);
+}
+
+TEST_F(AsyncRollback, WithoutATransactionDoesNothing) {
+    QueueRecord(1, 2000);
+    RollBack();
+    EXPECT_EQ(Async().WritePos(), kStart + kRunSize);
+    EXPECT_EQ(m_state.lastCommitSequence, 2000U);
+}
+
+TEST_F(AsyncRollback, WaitsUntilTheQueuedWritesAreDone) {
+    Begin();
+    TestBlock& block = QueueRecord(1, 2000);
+    RollBack();
+    EXPECT_EQ(block.Pending(), 0);
+    EXPECT_TRUE(m_log.Has("Wait for finish async operations - OK")) << m_log;
+}
+
+TEST_F(AsyncRollback, WhoseSeekFailsIsReportedAndTheNextWriteStillLandsRight) {
+    QueueRecord(1, 2000);
+    Begin();
+    QueueRecord(2, 3000);
+    RunBatch();
+    FailSeek(1);
+    RunAll();
+    EXPECT_EQ(Async().Rollback(), RC_SYSTEM_ERROR);
+    ExpectError("Cannot seek to the pos (1122);" + SysErr(SystemErrorKind::kInputOutput),
+                RC_SYSTEM_ERROR);
+    QueueRecord(2, 4000);
+    Complete();
+    EXPECT_EQ(Items(m_path), "C0 R1 C1 R2 C2");
+}
+
+}  // namespace k9erepl::test
