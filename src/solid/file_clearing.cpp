@@ -30,10 +30,6 @@ u32 CSolidStorage::SetClearRev(i64 rev) {
         return RC_NO_WRITER;
     }
     assert(rev >= m_state.clearRev);
-    // Commit blocks are stamped when they are written: those queued before carry the old value.
-    if (u32 rc = CompleteAsyncTasks(); rc != RC_OK) {
-        return rc;
-    }
     const i64 before = m_state.clearRev;
     const i64 position = m_writer->WritePos();
     if (u32 rc = m_writer->BeginTransaction(); rc != RC_OK) {
@@ -56,9 +52,6 @@ u32 CSolidStorage::SetClearRev(i64 rev) {
             m_writer->Rollback();
             m_state.clearRev = before;
         }
-    } else {
-        // The client goes on to forget what is cleared, in the index file too.
-        rc = CompleteAsyncTasks();
     }
     InvalidateReads();
     if (rc != RC_OK) {
