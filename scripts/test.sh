@@ -39,8 +39,10 @@ without_passed() {
 # faults in the code, not in the disk: there, memory saves the time of many flushes to disk.
 case "$preset" in
     asan | tsan)
-        if [ -z "${TMPDIR:-}" ] && [ -w /dev/shm ] && [ "$(free_mebibytes /dev/shm)" -ge 4096 ]; then
-            TMPDIR="$(mktemp -d /dev/shm/k9erepl-tests.XXXXXX)"
+        memory=/dev/shm
+        if [ -z "${TMPDIR:-}" ] && [ -w "$memory" ] && [ "$(free_mebibytes "$memory")" -ge 4096 ]
+        then
+            TMPDIR="$(mktemp -d "$memory/k9erepl-tests.XXXXXX")"
             export TMPDIR
             trap 'rm -rf "$TMPDIR"' EXIT
         fi

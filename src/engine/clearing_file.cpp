@@ -153,8 +153,8 @@ u32 CK9eReplStorage::SqueezeFile(const ClearSearch& search, ClearMode mode, i64*
     return rc;
 }
 
-// An index file without the cleared records comes next: it must not be there before the commit block
-// that clears them, nor without it.
+// An index file without the cleared records comes next: it must not be there before the commit
+// block that clears them, nor without it.
 u32 CK9eReplStorage::RaiseClearRev(const ClearSearch& search) {
     u32 rc = m_solid.SetClearRev(search.minRev);
     if (rc == RC_OK) {
