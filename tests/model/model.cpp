@@ -36,7 +36,7 @@ void Model::Open(const Settings& settings) {
     m_depth = 0;
     m_lifenum = HasFile() ? m_file.lifenum : 0;
     m_mark = HasFile() ? m_file.mark : 0;
-    m_queued.AllWritten();
+    AllWritten();
     m_flush.Start(settings);
     m_effects = {};
 }
@@ -82,7 +82,7 @@ void Model::BeginClose() {
 
 void Model::EndClose() {
     m_file = File();
-    m_queued.AllWritten();
+    AllWritten();
     m_isOpen = false;
 }
 
@@ -102,7 +102,19 @@ Content Model::File() const {
 }
 
 std::vector<Content> Model::FileStates(i64 nextRev) const {
-    return m_queued.With(nextRev, File());
+    const Content last = File();
+    std::vector<Content> states;
+    if (last.nextRev.Hold(nextRev)) {
+        states.push_back(last);
+    }
+    const auto holds = [=](const Bounds& queued) { return queued.Hold(nextRev); };
+    if (std::any_of(m_queued.begin(), m_queued.end(), holds)) {
+        Content earlier = last;
+        earlier.nextRev = {nextRev, nextRev};
+        earlier.records.erase(earlier.records.lower_bound(nextRev), earlier.records.end());
+        states.push_back(earlier);
+    }
+    return states;
 }
 
 Content Model::FileOnceFlushed() const {
@@ -286,13 +298,13 @@ void Model::ClearBelow(i64 clearRev, Expected happens) {
     assert(happens == Expected::kYes || !removes);
     if (HasFile()) {
         ExpectFlush(happens);
-        LeaveStates();
         m_largestInFile = std::max(m_largestInFile, LargestNeed(m_records));
         m_hasDead = m_hasDead || removes;
         m_beginMoved = happens;
     }
     m_records.erase(m_records.begin(), firstKept);
     if (happens == Expected::kYes) {
+        m_effects.written = Written::kAll;
         m_flush.Flushed();
         m_oldest = {clearRev, clearRev};
     } else {
@@ -301,25 +313,12 @@ void Model::ClearBelow(i64 clearRev, Expected happens) {
     }
 }
 
-// The asynchronous writer may be behind the flush that a clear begins with, and behind the clear.
-void Model::LeaveStates() {
-    if (!m_settings.WritesAsync()) {
-        return;
-    }
-    m_queued.Leave(m_fileNextRev);
-    if (m_effects.flush != Expected::kNo) {
-        m_queued.Leave({m_effects.flushedRev.low + 1, m_effects.flushedRev.high + 1});
-    }
-    m_queued.LeaveBefore(m_records);
-}
-
 // What is only cleared so far leaves the file.
 void Model::Squeeze(bool keepsBackup, bool sure) {
     if (keepsBackup) {
         m_effects.backup = sure ? Expected::kYes : Expected::kMaybe;
     }
     if (sure) {
-        m_effects.written = Written::kAll;
         m_largestInFile = LargestNeed(m_records);
         m_hasDead = false;
         m_beginMoved = Expected::kNo;
@@ -377,7 +376,7 @@ void Model::ExpectFlush(Expected flush) {
 void Model::Flushed(i64 rev) {
     if (HasFile() && rev > m_flushedRev) {
         if (m_settings.WritesAsync()) {
-            m_queued.Leave(m_fileNextRev);
+            m_queued.push_back(m_fileNextRev);
         }
         m_flushedRev = rev;
         m_fileNextRev = {rev + 1, rev + 1};

@@ -3,9 +3,10 @@
 #ifndef K9EREPL_TESTS_MODEL_MODEL_H
 #define K9EREPL_TESTS_MODEL_MODEL_H
 
+#include <vector>
+
 #include "model/content.h"
 #include "model/flush_model.h"
-#include "model/queued_states.h"
 #include "model/settings.h"
 
 namespace k9erepl::model {
@@ -86,12 +87,11 @@ class Model {
     Content File() const;
     // What it may hold meanwhile, when a load finds `nextRev`.
     std::vector<Content> FileStates(i64 nextRev) const;
-    void AllWritten() { m_queued.AllWritten(); }
+    void AllWritten() { m_queued.clear(); }
     // The same once everything that is committed is in it. REQUIRES: not InTransaction.
     Content FileOnceFlushed() const;
 
   private:
-    void LeaveStates();
     bool HasFile() const { return m_settings.kind == SessionKind::kFile; }
     u32 InsertAt(i64 rev, const Record& record, u64 need);
     void CommitOutermost();
@@ -123,7 +123,9 @@ class Model {
     bool m_hasDead = false;                 // the file holds records that are no longer served
     Expected m_beginMoved = Expected::kNo;  // a squeeze may have something to remove
 
-    QueuedStates m_queued;  // empty with the synchronous writer
+    // What a load of the file would make the next revision before an asynchronous writer has come
+    // to the last flushes. A clear that does something waits for it.
+    std::vector<Bounds> m_queued;
 
     FlushModel m_flush;
     Effects m_effects;
