@@ -173,6 +173,23 @@ u32 FakeStorage::FlushOnIdle() {
     return RC_OK;
 }
 
+void GateForWrites::Install() {
+    platform::TheSystemCalls().writeFile = &GateForWrites::Write;
+}
+
+void GateForWrites::Shut() {
+    s_open = false;
+    s_reached = false;
+}
+
+i64 GateForWrites::Write(platform::NativeFile file, const void* data, u32 size) {
+    s_reached = true;
+    while (!s_open) {
+        std::this_thread::yield();
+    }
+    return platform::NativeSystemCalls().writeFile(file, data, size);
+}
+
 void IndexObjectTest::Make(u32 waitMs, const std::string& settings) {
     const std::string connStr = "file=" + m_folder.File("data.edb") + settings;
     m_index = std::make_unique<IndexObject>(connStr.c_str(), m_storage, kBlockSize, waitMs);

@@ -18,6 +18,7 @@
 #include "index/index_object.h"
 #include "memory/repl_block.h"
 #include "platform/int_types.h"
+#include "platform/system_calls.h"
 #include "support/fault_injection.h"
 #include "support/file_bytes.h"
 #include "support/log_capture.h"
@@ -110,6 +111,22 @@ class FakeStorage : public IK9eReplDS {
 
   private:
     std::atomic<u32> m_idleCalls{0};
+};
+
+// A gate in the way of every write, open until it is shut. Installed before threads run.
+class GateForWrites {
+  public:
+    static void Install();
+    static void Shut();
+    static void Open() { s_open = true; }
+    // Whether a write has come to the gate since it was shut.
+    static bool IsReached() { return s_reached; }
+
+  private:
+    static i64 Write(platform::NativeFile file, const void* data, u32 size);
+
+    static inline std::atomic<bool> s_open{true};
+    static inline std::atomic<bool> s_reached{false};
 };
 
 // An index object over a temporary folder, with system calls that can fail.

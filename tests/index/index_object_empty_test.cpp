@@ -150,26 +150,13 @@ TEST_F(IndexObjectEmpty, AnswersAFailedFlushToTheDisk) {
     EXPECT_EQ(FileBytes(), IndexFileBytes(m_blocks.All()));
 }
 
-// A gate in the way of the thread's write.
-std::atomic<bool> g_gateOpen{true};
-std::atomic<bool> g_atGate{false};
-
-i64 WriteAtGate(platform::NativeFile file, const void* data, u32 size) {
-    g_atGate = true;
-    while (!g_gateOpen) {
-        std::this_thread::yield();
-    }
-    return platform::NativeSystemCalls().writeFile(file, data, size);
-}
-
 TEST_F(IndexObjectEmpty, WaitsForASaveInProgress) {
-    platform::TheSystemCalls().writeFile = WriteAtGate;
+    GateForWrites::Install();
     SaveThree();
-    g_gateOpen = false;
-    g_atGate = false;
+    GateForWrites::Shut();
     m_blocks.AddMany(1);
     EXPECT_EQ(SaveAsync(), RC_OK);
-    ASSERT_TRUE(WaitFor([] { return g_atGate.load(); }));
+    ASSERT_TRUE(WaitFor(GateForWrites::IsReached));
     std::atomic<bool> returned{false};
     std::thread emptier([&] {
         EXPECT_EQ(m_index->Empty(), RC_OK);
@@ -179,7 +166,7 @@ TEST_F(IndexObjectEmpty, WaitsForASaveInProgress) {
         std::this_thread::yield();
     }
     EXPECT_FALSE(returned);
-    g_gateOpen = true;
+    GateForWrites::Open();
     emptier.join();
     EXPECT_EQ(FileBytes(), IndexFileBytes({}));
 }

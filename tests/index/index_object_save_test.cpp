@@ -193,26 +193,13 @@ TEST_F(IndexObjectSave, MakesUpForAFailedWakeUpAtTheNextTimeOut) {
     EXPECT_EQ(FileBytes(), IndexFileBytes(m_blocks.All()));
 }
 
-// A gate in the way of the thread's write.
-std::atomic<bool> g_gateOpen{true};
-std::atomic<bool> g_atGate{false};
-
-i64 WriteAtGate(platform::NativeFile file, const void* data, u32 size) {
-    g_atGate = true;
-    while (!g_gateOpen) {
-        std::this_thread::yield();
-    }
-    return platform::NativeSystemCalls().writeFile(file, data, size);
-}
-
 TEST_F(IndexObjectSave, WaitsForTheThreadsWriteBeforeTheNextSave) {
-    platform::TheSystemCalls().writeFile = WriteAtGate;
+    GateForWrites::Install();
     MakeStarted();
-    g_gateOpen = false;
-    g_atGate = false;
+    GateForWrites::Shut();
     m_blocks.AddMany(3);
     EXPECT_EQ(SaveAsync(), RC_OK);
-    ASSERT_TRUE(WaitFor([] { return g_atGate.load(); }));
+    ASSERT_TRUE(WaitFor(GateForWrites::IsReached));
     EXPECT_TRUE(m_index->IsBusy());
     Blocks more;
     more.AddMany(5);
@@ -226,7 +213,7 @@ TEST_F(IndexObjectSave, WaitsForTheThreadsWriteBeforeTheNextSave) {
     }
     EXPECT_FALSE(returned);
     EXPECT_FALSE(m_log.Has("Sync idx save requested")) << m_log;
-    g_gateOpen = true;
+    GateForWrites::Open();
     requester.join();
     EXPECT_EQ(FileBytes(), IndexFileBytes(more.All()));
     EXPECT_TRUE(m_log.Has("File updated (48 bytes)")) << m_log;
