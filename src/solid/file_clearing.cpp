@@ -1,6 +1,6 @@
 // Taking content out of service without moving any of it: the clear revision, and starting the
 // file over.
-#include <cassert>
+#include <algorithm>
 
 #include "platform/clock.h"
 #include "solid/solid_storage.h"
@@ -29,7 +29,6 @@ u32 CSolidStorage::SetClearRev(i64 rev) {
     if (!IsOpen() || m_writer == nullptr) {
         return RC_NO_WRITER;
     }
-    assert(rev >= m_state.clearRev);
     const i64 before = m_state.clearRev;
     const i64 position = m_writer->WritePos();
     if (u32 rc = m_writer->BeginTransaction(); rc != RC_OK) {
@@ -37,8 +36,9 @@ u32 CSolidStorage::SetClearRev(i64 rev) {
     }
     const i64 lastFlushed = m_state.lastFlushedRev;
     TCommitBlock block = NewCommitBlock(platform::TimeStampCounter(), lastFlushed);
-    // The writer copies it into the block.
-    m_state.clearRev = rev;
+    // The writer copies it into the block. It never falls: behind a clear that came to the file
+    // although it failed for the client, a lower one would end the next load.
+    m_state.clearRev = std::max(rev, before);
     u32 rc = WriteItems(reinterpret_cast<u8*>(&block), kCommitBlockSize, &block, nullptr,
                         lastFlushed, nullptr);
     if (rc != RC_OK) {

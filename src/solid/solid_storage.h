@@ -133,9 +133,10 @@ class CSolidStorage final : public IK9eReplLLStorage {
     // --- Removing. None of it while a transaction of the file is open. A visitor of an enumeration
     // that removes something must end that enumeration.
 
-    // Appends a commit block that says: records below `rev` are not served any more. With
-    // force_flush it is on the disk when this returns. A failure leaves the clear revision as it
-    // was. REQUIRES: rev is not below the clear revision.
+    // Appends a commit block that says: records below `rev`, or below the clear revision if that is
+    // higher, are not served any more. With force_flush it is on the disk when this returns; the
+    // asynchronous writer has only queued it. A failure leaves the clear revision as it was, unless
+    // the notification has written behind the block.
     u32 SetClearRev(i64 rev);
 
     // Starts the file over: without items, with `rev` as its clear and commit revision and with

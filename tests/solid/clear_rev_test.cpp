@@ -82,6 +82,13 @@ TEST_F(ClearRev, MayStayTheSame) {
     EXPECT_EQ(ItemsOfFile(), With({"commit 2 3", "commit 2 3"}));
 }
 
+TEST_F(ClearRev, NeverFalls) {
+    EXPECT_EQ(m_solid.SetClearRev(3), RC_OK);
+    EXPECT_EQ(m_solid.SetClearRev(2), RC_OK);
+    EXPECT_EQ(NextClearRev(4), 3);
+    EXPECT_EQ(ItemsOfFile().size(), With({"", "", "", ""}).size());
+}
+
 TEST_F(ClearRev, OfAStorageWithoutItemsIsLoaded) {
     m_solid.Close();
     Open(FileBuilder().NewFile().Zeros(8));
