@@ -1,6 +1,5 @@
 // Which writer the settings choose, and which words are refused.
 #include "writers/writer_factory.h"
-#include "writers/async_storage_writer.h"
 
 #include <gtest/gtest.h>
 
@@ -9,6 +8,8 @@
 #include <vector>
 
 #include "support/storage_exception.h"
+#include "writers/async_calls.h"
+#include "writers/async_storage_writer.h"
 #include "writers/writer_fixture.h"
 
 namespace k9erepl::test {
@@ -35,20 +36,65 @@ class WriterFactory : public WriterTest {
     }
 
     void ExpectInvalid(const std::string& value, const std::string& shown) {
-        EXPECT_EQ(ErrorOf("async_mode=" + value, &m_state), RC_BAD_SIZE);
+        EXPECT_EQ(ErrorOf("async_mode=" + value, &m_state), 23U);
         const LoggedMessage expected{K9SYS_LOG_ERROR, "k9eRepl-storage",
-                                     "Invalid 'async_mode' value (" + shown + ")", RC_BAD_SIZE};
+                                     "Invalid 'async_mode' value (" + shown + ")", 23};
         EXPECT_EQ(m_log.Messages(), std::vector{expected}) << m_log;
     }
 };
 
+class AsyncFactory : public WriterFactory {
+  protected:
+    AsyncFactory() { m_calls.m_tasks.Open(); }
+
+    // Makes and ends an asynchronous writer; everything that is logged.
+    std::vector<LoggedMessage> MessagesOf(const std::string& connStr) {
+        const std::unique_ptr<StorageWriter> writer =
+            CreateStorageWriter(connStr.c_str(), &m_state);
+        EXPECT_NE(dynamic_cast<AsyncStorageWriter*>(writer.get()), nullptr) << connStr;
+        return m_log.Messages();
+    }
+    // These are the messages behind that of the mode.
+    void ExpectSettings(const std::string& settings, const std::vector<std::string>& texts) {
+        const std::vector<LoggedMessage> messages = MessagesOf("async_mode=yes" + settings);
+        for (std::size_t n = 0; n < texts.size(); ++n) {
+            const LoggedMessage expected{K9SYS_LOG_INFO, "k9eRepl-storage", texts.at(n), 0};
+            EXPECT_EQ(messages.at(n + 1), expected) << m_log;
+        }
+        m_log.Clear();
+    }
+    void ExpectSizeRefused(const std::string& value) {
+        const std::string connStr = "async_mode=yes;async_buffer_size=" + value + ";file=a";
+        EXPECT_EQ(ErrorOf(connStr, &m_state), 23U);
+        const LoggedMessage expected{K9SYS_LOG_ERROR, "k9eRepl-storage",
+                                     "Value of 'async_buffer_size' (" + value +
+                                         ") is wrong; valid range is 0-4096 (Kb);conn-str " +
+                                         connStr,
+                                     23};
+        EXPECT_EQ(m_log.Messages().back(), expected) << m_log;
+        EXPECT_EQ(CallCount(SystemCall::kCreateThread), 0U);
+    }
+    // Whether the buffer is allocated, with at least so many bytes.
+    bool AllocatesBuffer(const std::string& kilobytes, u32 bytes) {
+        FailAlloc(1, bytes);
+        const u32 rc = ErrorOf("async_mode=yes;async_buffer_size=" + kilobytes, &m_state);
+        StopFailing(SystemCall::kAlloc);
+        return rc == RC_NO_MEMORY;
+    }
+
+    AsyncCalls m_calls;
+    const std::string m_mode = "Use  async_mode 'yes'";
+    const std::string m_noAffinity = "Use default async thread affinity 0x0";
+    const std::string m_usualSize = "Use default async_buffer_size 16384 bytes";
+};
+
 }  // namespace
 
-TEST_F(WriterFactory, WithoutTheSettingTheWriterIsSynchronous) {
+TEST_F(WriterFactory, AnAbsentModeGivesTheSynchronousWriter) {
     ExpectSynchronous("file=a", "Use default async_mode 'no'");
 }
 
-TEST_F(WriterFactory, AnEmptyValueCountsAsAbsent) {
+TEST_F(WriterFactory, AnEmptyModeGivesTheSynchronousWriter) {
     ExpectSynchronous("async_mode=;file=a", "Use default async_mode 'no'");
 }
 
@@ -60,8 +106,16 @@ TEST_F(WriterFactory, NoInCapitalsIsNo) {
     ExpectSynchronous("async_mode=No", "Use  async_mode 'No'");
 }
 
-TEST_F(WriterFactory, RefusesAnyOtherWord) {
+TEST_F(WriterFactory, RefusesAnyOtherWordWith23) {
     ExpectInvalid("maybe", "maybe");
+}
+
+TEST_F(WriterFactory, RefusesAnyOtherWordInCapitalsWith23) {
+    ExpectInvalid("TRUE", "TRUE");
+}
+
+TEST_F(WriterFactory, TheSynchronousWriterReadsNoOtherSetting) {
+    ExpectSynchronous("aux_affinity=x;async_buffer_size=-1", "Use default async_mode 'no'");
 }
 
 TEST_F(WriterFactory, RefusesAWordThatOnlyBeginsRight) {
@@ -76,17 +130,79 @@ TEST_F(WriterFactory, CutsALongWordTo63Characters) {
     ExpectInvalid(std::string(100, 'y'), std::string(63, 'y'));
 }
 
-TEST_F(WriterFactory, MakesTheAsynchronousWriterForYesInAnyCaseOfLetters) {
-    for (const std::string connStr : {"async_mode=yes", "async_mode=YES;file=a"}) {
-        const auto writer = CreateStorageWriter(connStr.c_str(), &m_state);
-        EXPECT_NE(dynamic_cast<AsyncStorageWriter*>(writer.get()), nullptr) << connStr;
-    }
-}
-
 TEST_F(WriterFactory, PassesTheWritersOwnCodesOn) {
     EXPECT_EQ(ErrorOf("", nullptr), RC_INVALID_ARG);
     m_state.path = m_folder.File("missing");
     EXPECT_EQ(ErrorOf("", &m_state), RC_SYSTEM_ERROR);
+    EXPECT_EQ(ErrorOf("async_mode=yes", nullptr), RC_INVALID_ARG);
+    EXPECT_EQ(ErrorOf("async_mode=yes", &m_state), RC_SYSTEM_ERROR);
+}
+
+// --- The asynchronous writer's settings ------------------------------------------------------
+
+TEST_F(AsyncFactory, AModeOfYesInCapitalsSelectsTheAsynchronousWriter) {
+    EXPECT_EQ(MessagesOf("async_mode=YES;file=a").front().text, "Use  async_mode 'YES'");
+    m_log.Clear();
+    EXPECT_EQ(MessagesOf("file=a;async_mode=Yes").front().text, "Use  async_mode 'Yes'");
+}
+
+TEST_F(AsyncFactory, HasDefaultsForTheOtherSettings) {
+    m_calls.m_tasks.Shut();
+    const auto writer = CreateStorageWriter("async_mode=yes", &m_state);
+    EXPECT_EQ(m_log.Texts(), (std::vector{m_mode, m_noAffinity, m_usualSize}));
+    m_calls.m_tasks.Open();
+    EXPECT_TRUE(writer->Shutdown());
+    EXPECT_EQ(m_calls.Affinities(), std::vector<u64>{});
+    EXPECT_FALSE(AllocatesBuffer("", 16384));
+}
+
+TEST_F(AsyncFactory, EmptyValuesCountAsAbsent) {
+    ExpectSettings(";aux_affinity=;async_buffer_size=", {m_noAffinity, m_usualSize});
+}
+
+TEST_F(AsyncFactory, PassesTheAffinityOn) {
+    ExpectSettings(";aux_affinity=3", {"Use  async thread affinity 0x3", m_usualSize});
+    EXPECT_EQ(m_calls.Affinities(), std::vector<u64>{3});
+}
+
+TEST_F(AsyncFactory, ReadsTheAffinityAsASignedDecimalNumber) {
+    ExpectSettings(";aux_affinity=-1", {"Use  async thread affinity 0xFFFFFFFF", m_usualSize});
+    EXPECT_EQ(m_calls.Affinities(), std::vector<u64>{0xFFFFFFFF});
+    ExpectSettings(";aux_affinity=0x3", {"Use  async thread affinity 0x0", m_usualSize});
+}
+
+TEST_F(AsyncFactory, ABufferSizeOf4096IsAccepted) {
+    ExpectSettings(";async_buffer_size=4096",
+                   {m_noAffinity, "Use  async_buffer_size 4194304 bytes"});
+    EXPECT_TRUE(AllocatesBuffer("4096", 4194304));
+    EXPECT_FALSE(AllocatesBuffer("4096", 4194305));
+}
+
+TEST_F(AsyncFactory, ABufferSizeOf4097IsRefusedWith23) {
+    ExpectSizeRefused("4097");
+}
+
+TEST_F(AsyncFactory, ABufferSizeBelow0IsRefusedWith23) {
+    ExpectSizeRefused("-1");
+}
+
+TEST_F(AsyncFactory, ABufferSizeThatDoesNotFit32BitsIsRefusedWith23) {
+    ExpectSizeRefused("4294967296");
+    ExpectSizeRefused("-4294967296");
+}
+
+TEST_F(AsyncFactory, ABufferSizeOf0DisablesTheBufferWithAWarning) {
+    const std::string connStr = "async_mode=yes;async_buffer_size=0";
+    const LoggedMessage expected{K9SYS_LOG_WARNING, "k9eRepl-storage",
+                                 "Async write buffer disabled;conn-str " + connStr, 0};
+    const std::vector<LoggedMessage> messages = MessagesOf(connStr);
+    EXPECT_EQ(messages.at(2), expected) << m_log;
+    EXPECT_EQ(m_log.CountContaining("async_buffer_size "), 0U);
+}
+
+TEST_F(AsyncFactory, ABufferSizeUpTo16LiesInsideTheWriter) {
+    EXPECT_FALSE(AllocatesBuffer("16", 1024));
+    EXPECT_TRUE(AllocatesBuffer("17", 17 * 1024));
 }
 
 }  // namespace k9erepl::test
