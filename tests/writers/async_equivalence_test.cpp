@@ -51,8 +51,10 @@ class Side {
                                   block.Block(), m_rev, &block.position),
                   RC_OK);
         m_state.lastFlushedRev = m_rev;
-        // A commit block alone is not data, of which the offset would be told.
-        block.position = size == 0 ? 0 : block.position.load();
+        if (size == 0) {
+            // A commit block alone is not data, of which the offset would be told.
+            block.position = 0;
+        }
     }
     void Begin() { ASSERT_EQ(m_writer->BeginTransaction(), RC_OK); }
     void Rollback() {

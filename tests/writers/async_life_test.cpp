@@ -52,11 +52,8 @@ class AsyncEnd : public AsyncWriterTest {
     }
 };
 
-// Writers that a thread may still use: never freed.
-std::vector<AsyncStorageWriter*>& Abandoned() {
-    static std::vector<AsyncStorageWriter*> writers;
-    return writers;
-}
+// A writer that a thread may still use: never freed, and no leak.
+AsyncStorageWriter* g_abandoned = nullptr;
 
 }  // namespace
 
@@ -279,8 +276,8 @@ TEST_F(AsyncEnd, OfAThreadThatCannotBeEndedFreesNothing) {
     EXPECT_FALSE(Async().Shutdown());
     ExpectError("Cannot terminate writing thread; its memory stays allocated", RC_TIMEOUT);
     EXPECT_EQ(Flushes(), 0U);
-    Abandoned().push_back(m_async.release());
-    EXPECT_TRUE(Abandoned().back()->MayStillWrite());
+    g_abandoned = m_async.release();
+    EXPECT_TRUE(g_abandoned->MayStillWrite());
     // The write comes back after all, and finds everything in its place.
     m_calls.m_writes.Open();
     while (!m_calls.ThreadResult()) {
