@@ -252,7 +252,7 @@ bool AsyncStorageWriter::MayStillWrite() const {
 // Needs no memory, so that what is queued is written whatever happens.
 void AsyncStorageWriter::PushStop() {
     if (StickyError() == RC_OK && m_queue.Push(m_stopElem.get())) {
-        m_stopElem.release();
+        (void)m_stopElem.release();  // the queue has it
         LOG_INFO(kLogStorage, "Writing thread received stop task");
         return;
     }
