@@ -190,7 +190,7 @@ TEST_F(Exhausted, CommitOfManyBlocksAnswersNoMemoryAndMayBeTriedAgain) {
         EXPECT_TRUE(rc == RC_NO_MEMORY || rc == RC_OK) << rc;
     }
     CloseHandle();
-    EXPECT_EQ(FileItems(storage.Path()),
+    EXPECT_EQ(FileItems(storage),
               Strings({"c0", "r1", "c1", "r2", "c2", "r3", "r4", "r5", "r6", "r7", "r8", "c8"}));
 }
 

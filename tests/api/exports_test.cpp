@@ -33,7 +33,7 @@ TEST(NullPointers, AreRefusedWithoutAMessage) {
 TEST(CreateExport, MakesTheFileWithoutOpeningAStorage) {
     TestStorage storage("", Start::kNothing);
     EXPECT_EQ(storage.TryCreate(), RC_OK);
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0"}));
     EXPECT_FALSE(Exists(IndexPath(storage)));
 }
 

@@ -26,6 +26,11 @@ std::string Name(const ::testing::TestParamInfo<Which>& info) {
 // A storage whose callback of one kind runs `action` in its first call only.
 class CallingBack : public ::testing::TestWithParam<Which> {
   protected:
+    void SetUp() override {
+        if (GetParam() == Which::kOnWriteToFile) {
+            SKIP_WHEN_ASYNC("OnWriteToFile may call back in");
+        }
+    }
     void Set(TestStorage& storage, std::function<void()> action) {
         m_action = std::move(action);
         if (GetParam() == Which::kOnFlush) {
@@ -34,7 +39,7 @@ class CallingBack : public ::testing::TestWithParam<Which> {
             m_notified.SetAsOnWriteToFile(storage);
         }
     }
-    const Revs& Calls() const { return m_notified.Calls(); }
+    Revs Calls() const { return m_notified.Calls(); }
 
   private:
     std::function<void()> m_action;
@@ -54,10 +59,10 @@ TEST_P(CallingBack, AnInsertionIsFlushedByTheNextCommit) {
     TestStorage storage(kFlushAlways);
     Set(storage, [&] { EXPECT_EQ(storage.Insert("nested"), RC_OK); });
     storage.InsertCommitted({"outer"});
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0", "r1", "c1"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "c1"}));
     EXPECT_EQ(storage.Texts(), Strings({"outer", "nested"}));
     storage.InsertCommitted({"next"});
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0", "r1", "c1", "r2", "r3", "c3"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "c1", "r2", "r3", "c3"}));
     EXPECT_EQ(Calls(), Revs({1, 3}));
     storage.Reopen();
     EXPECT_EQ(storage.Texts(), Strings({"outer", "nested", "next"}));
@@ -71,7 +76,7 @@ TEST_P(CallingBack, AnInsertionIsFlushedByTheIdleCall) {
     storage.InsertCommitted({"outer"});
     AdvanceTickCount(100);
     EXPECT_EQ(storage.DataSource().FlushOnIdle(), RC_OK);
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0", "r1", "c1", "r2", "c2"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "c1", "r2", "c2"}));
     EXPECT_EQ(Calls(), Revs({1, 2}));
 }
 
@@ -83,8 +88,7 @@ TEST_P(CallingBack, InsertionsMayOpenNewBlocks) {
     });
     storage.InsertCommitted({BlockFull("one"), BlockFull("two")});
     storage.InsertCommitted({BlockFull("six")});
-    EXPECT_EQ(FileItems(storage.Path()),
-              Strings({"c0", "r1", "r2", "c2", "r3", "r4", "r5", "r6", "c6"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "r2", "c2", "r3", "r4", "r5", "r6", "c6"}));
     EXPECT_EQ(storage.Records().size(), 6U);
 }
 
@@ -99,7 +103,7 @@ TEST_P(CallingBack, ATransactionMayBeRolledBack) {
     storage.InsertCommitted({"outer"});
     EXPECT_EQ(storage.NextRev(), 2);
     storage.InsertCommitted({"next"});
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0", "r1", "c1", "r2", "c2"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "c1", "r2", "c2"}));
     storage.Reopen();
     EXPECT_EQ(storage.Texts(), Strings({"outer", "next"}));
 }
@@ -112,7 +116,7 @@ TEST_P(CallingBack, ATransactionMayStayOpen) {
     });
     storage.InsertCommitted({"outer"});
     EXPECT_EQ(storage.Insert("goes on"), RC_OK);
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0", "r1", "c1"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "c1"}));
     EXPECT_EQ(storage.Rollback(), RC_OK);
     EXPECT_EQ(storage.NextRev(), 2);
     EXPECT_EQ(storage.Texts(), Strings({"outer"}));
@@ -125,7 +129,7 @@ TEST_P(CallingBack, CommitAndRollbackFindNoTransaction) {
         EXPECT_EQ(storage.Rollback(), RC_NO_TRANSACTION_TO_ROLLBACK);
     });
     storage.InsertCommitted({"outer"});
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0", "r1", "c1"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "c1"}));
 }
 
 TEST_P(CallingBack, AnEnumerationSeesTheTransactionFromMemoryAndDisk) {
@@ -146,7 +150,7 @@ TEST_P(CallingBack, TheIdleCallDoesNothing) {
         EXPECT_EQ(storage.DataSource().FlushOnIdle(), RC_OK);
     });
     storage.InsertCommitted({"outer"});
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0", "r1", "c1"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "c1"}));
 }
 
 TEST_P(CallingBack, AnIdleFlushLetsTheOpenTransactionBeRolledBack) {
@@ -168,7 +172,7 @@ TEST_P(CallingBack, AnIdleFlushLetsTheOpenTransactionBeCommitted) {
     ASSERT_EQ(storage.Insert("two"), RC_OK);
     Set(storage, [&] { EXPECT_EQ(storage.Commit(), RC_OK); });
     EXPECT_EQ(StorageAccess::Flush(storage.Object()), RC_OK);
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0", "r1", "c1"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "c1"}));
     storage.Reopen();
     EXPECT_EQ(storage.Texts(), Strings({"one", "two"}));
 }
@@ -201,6 +205,7 @@ TEST(CallbackThatAlwaysInserts, LetsTheStorageClose) {
 // The flush to the disk comes after OnWriteToFile: what the callback did lies behind a flush that
 // is taken back.
 TEST(FailureAfterOnWriteToFile, WritesOuterAndNestedRecordsOnce) {
+    SKIP_WHEN_ASYNC("OnWriteToFile comes in the middle of the flush");
     const ScopedSystemCalls systemCalls;
     Notified written;
     TestStorage storage(kForced);
@@ -216,13 +221,14 @@ TEST(FailureAfterOnWriteToFile, WritesOuterAndNestedRecordsOnce) {
     EXPECT_EQ(storage.Commit(), RC_SYSTEM_ERROR);
     EXPECT_EQ(storage.State(), StorageState::kFlushFailed);
     EXPECT_EQ(storage.Commit(), RC_OK);
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0", "r1", "r2", "c2"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "r2", "c2"}));
     storage.InsertCommitted({"next"});
     storage.Reopen();
     EXPECT_EQ(storage.Texts(), Strings({"outer", "nested", "next"}));
 }
 
 TEST(FailureAfterOnWriteToFile, RollbackTakesTheWholeTransactionBack) {
+    SKIP_WHEN_ASYNC("OnWriteToFile comes in the middle of the flush");
     const ScopedSystemCalls systemCalls;
     Notified written;
     TestStorage storage(kForced);
@@ -241,10 +247,11 @@ TEST(FailureAfterOnWriteToFile, RollbackTakesTheWholeTransactionBack) {
     EXPECT_EQ(storage.NextRev(), 2);
     EXPECT_EQ(storage.Texts(), Strings({"kept"}));
     storage.InsertCommitted({"other"});
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0", "r1", "c1", "r2", "c2"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "c1", "r2", "c2"}));
 }
 
 TEST(FailureAfterOnWriteToFile, ATransactionLeftOpenIsNestedInTheReopenedOne) {
+    SKIP_WHEN_ASYNC("OnWriteToFile comes in the middle of the flush");
     const ScopedSystemCalls systemCalls;
     Notified written;
     TestStorage storage(kForced);
@@ -262,10 +269,11 @@ TEST(FailureAfterOnWriteToFile, ATransactionLeftOpenIsNestedInTheReopenedOne) {
     EXPECT_EQ(storage.Commit(), RC_OK) << "the inner level";
     EXPECT_EQ(storage.Commit(), RC_OK);
     EXPECT_EQ(storage.State(), StorageState::kOpen);
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0", "r1", "r2", "c2"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "r2", "c2"}));
 }
 
 TEST(FailureAfterOnWriteToFile, NoIndexIsSavedInTheMiddle) {
+    SKIP_WHEN_ASYNC("OnWriteToFile comes in the middle of the flush");
     const ScopedSystemCalls systemCalls;
     Notified written;
     TestStorage storage(With(kForced, "index_hint=1;"));
@@ -283,6 +291,7 @@ TEST(FailureAfterOnWriteToFile, NoIndexIsSavedInTheMiddle) {
 // --- Retries -----------------------------------------------------------------------------------
 
 TEST(RetriedFlush, ItsOnFlushMayInsert) {
+    SKIP_WHEN_ASYNC("a failed write is reported by the flush that made it");
     const ScopedSystemCalls systemCalls;
     Notified flushed;
     TestStorage storage(kFlushAlways);
@@ -304,6 +313,7 @@ TEST(RetriedFlush, ItsOnFlushMayInsert) {
 // --- Exceptions --------------------------------------------------------------------------------
 
 TEST(ThrowingCallback, BreaksTheStorageAndLeavesItsLockFree) {
+    SKIP_WHEN_ASYNC("OnWriteToFile is called by the flush");
     Notified written;
     TestStorage storage(kFlushAlways);
     written.Does([](i64) { throw std::runtime_error("client"); });

@@ -100,6 +100,7 @@ TEST(OnFlushOfAnIdleFlush, MayNotRemoveUnderAnOpenTransaction) {
 }
 
 TEST(OnWriteToFileOfACommit, MayNotRemoveAnything) {
+    SKIP_WHEN_ASYNC("OnWriteToFile may call back in");
     for (const u32 mode : {0U, 1U, 2U, 4U}) {
         TestStorage* client = nullptr;
         Once written([&] {
@@ -170,7 +171,7 @@ TEST_P(CallbackOfAClear, MayNotRemoveAnything) {
         EXPECT_EQ(m_storage.ClearAll(kSqueeze), RC_IN_TRANSACTION);
         EXPECT_EQ(log.Count("Coundn't clear old rev in trans"), 3U) << log;
         EXPECT_EQ(m_storage.Truncate(), RC_IN_TRANSACTION);
-        EXPECT_EQ(log.Messages().size(), 3U) << log;
+        EXPECT_EQ(log.Texts(K9SYS_LOG_ERROR).size(), 3U) << log;
     });
     m_storage.ClearTo(3, GetParam());
     EXPECT_EQ(m_callback->Calls(), Revs({5}));
@@ -235,6 +236,7 @@ TEST_P(CallbackOfAClear, ThatThrowsInTheFlushBreaksTheStorage) {
 }
 
 TEST_P(CallbackOfAClear, ThatThrowsAtItsCommitBlockBreaksTheStorage) {
+    SKIP_WHEN_ASYNC("OnWriteToFile may call back in");
     m_storage.Put(5);
     ASSERT_EQ(StorageAccess::Flush(m_storage.Object()), RC_OK);
     InItsCommitBlock([] { throw std::runtime_error("client"); });
@@ -247,6 +249,7 @@ TEST_P(CallbackOfAClear, ThatThrowsAtItsCommitBlockBreaksTheStorage) {
 }
 
 TEST_P(CallbackOfAClear, ThatCommitsAtItsCommitBlockLosesNothing) {
+    SKIP_WHEN_ASYNC("OnWriteToFile may call back in");
     for (const u32 count : {2U, 3U, 4U}) {
         ClearableStorage storage(KeepInMemory(), kLargerBlocks);
         storage.Put(count);
@@ -260,6 +263,7 @@ TEST_P(CallbackOfAClear, ThatCommitsAtItsCommitBlockLosesNothing) {
 
 // The place to which the transaction goes back moves with the records.
 TEST_P(CallbackOfAClear, ThatBeginsATransactionMayRollItBackLater) {
+    SKIP_WHEN_ASYNC("OnWriteToFile may call back in");
     for (const u32 count : {3U, 4U, 5U}) {
         for (const u32 inTransaction : {0U, 1U, 6U}) {
             ClearableStorage storage(KeepInMemory(), kLargerBlocks);
@@ -280,6 +284,7 @@ TEST_P(CallbackOfAClear, ThatBeginsATransactionMayRollItBackLater) {
 }
 
 TEST_P(CallbackOfAClear, ThatBeginsATransactionMayCommitItLater) {
+    SKIP_WHEN_ASYNC("OnWriteToFile may call back in");
     for (const u32 count : {3U, 4U, 5U}) {
         for (const u32 inTransaction : {0U, 1U, 6U}) {
             ClearableStorage storage(KeepInMemory(), kLargerBlocks);
@@ -298,6 +303,7 @@ TEST_P(CallbackOfAClear, ThatBeginsATransactionMayCommitItLater) {
 }
 
 TEST_P(CallbackOfAClear, ThatRollsBackAtItsCommitBlockLeavesNothing) {
+    SKIP_WHEN_ASYNC("OnWriteToFile may call back in");
     m_storage.Put(3);
     ASSERT_EQ(StorageAccess::Flush(m_storage.Object()), RC_OK);
     InItsCommitBlock([&] {
@@ -310,6 +316,7 @@ TEST_P(CallbackOfAClear, ThatRollsBackAtItsCommitBlockLeavesNothing) {
 }
 
 TEST_P(CallbackOfAClear, MayEnumerateAtItsCommitBlock) {
+    SKIP_WHEN_ASYNC("OnWriteToFile may call back in");
     ClearableStorage storage(KeepOnDisk());
     storage.Put(9);
     Revs seen;
@@ -456,6 +463,7 @@ TEST(EnumerationWhoseSqueezeFails, ReadsNoFileThatIsClosed) {
     for (const u32 mode : {kSqueeze, kSqueezeBackup}) {
         ClearableStorage storage(KeepOnDisk());
         storage.Put(12);
+        storage.Settle();
         Revs seen;
         const u32 rc = EnumerateWith(storage, 0, kEndOfRevs, [&](const K9eReplRec& rec) -> u32 {
             const i64 rev = rec.rev;

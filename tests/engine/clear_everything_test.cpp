@@ -34,8 +34,8 @@ class ClearOfEverything : public ::testing::TestWithParam<Everything> {
   protected:
     // The file holds a first commit block with this revision and nothing else, and no index entry.
     static void ExpectFileStartedOver(ClearableStorage& storage, i64 rev) {
-        EXPECT_EQ(FileItems(storage.Path()), Strings({"c" + std::to_string(rev)}));
-        EXPECT_EQ(ClearRevs(storage.Path()), Revs({rev}));
+        EXPECT_EQ(FileItems(storage), Strings({"c" + std::to_string(rev)}));
+        EXPECT_EQ(ClearRevs(storage), Revs({rev}));
         WaitUntilIdle(storage);
         EXPECT_EQ(ReadBytes(IndexPath(storage)), EmptyIndexBytes());
         EXPECT_FALSE(Exists(BackupPath(storage)));
@@ -143,7 +143,7 @@ TEST_P(ClearOfEverything, KeepsTheOldestRevisionFromFalling) {
     m_storage.ExpectContent();
     m_storage.ClearTo(9, kLogical);
     m_storage.ExpectContent();
-    const Revs clearRevs = ClearRevs(m_storage.Path());
+    const Revs clearRevs = ClearRevs(m_storage);
     EXPECT_TRUE(std::is_sorted(clearRevs.begin(), clearRevs.end()));
     m_storage.Reopen();
     m_storage.ExpectContent();
@@ -229,14 +229,14 @@ TEST(FileStartedOver, OnlyAfterItsIndexFileWasEmptied) {
     const ScopedSystemCalls systemCalls;
     ClearableStorage storage(KeepInMemory());
     storage.Put(5);
-    const std::vector<u8> before = ReadBytes(storage.Path());
+    const std::vector<u8> before = FileBytes(storage);
     FailWrite(1);
     const LogCapture log;
     EXPECT_EQ(storage.Clear(6, kLogical), RC_SYSTEM_ERROR);
     EXPECT_EQ(log.CodeOf("Failed to empty index file '" + IndexPath(storage) + "'"),
               RC_SYSTEM_ERROR)
         << log;
-    EXPECT_EQ(ReadBytes(storage.Path()), before);
+    EXPECT_EQ(FileBytes(storage), before);
     storage.Reopen();
     EXPECT_EQ(RevsOf(storage.Records()), RevRange(1, 5));
 }

@@ -128,8 +128,8 @@ void ClearableStorage::ReopenWithoutIndex() {
     ASSERT_EQ(TryOpenAndLoad(), RC_OK);
 }
 
-Revs ClearRevs(const std::string& path) {
-    const std::vector<u8> bytes = ReadBytes(path);
+Revs ClearRevs(const TestStorage& storage) {
+    const std::vector<u8> bytes = FileBytes(storage);
     Revs revs;
     u64 offset = kFirstCommitOffset;
     while (offset + kCommitBlockSize <= bytes.size()) {

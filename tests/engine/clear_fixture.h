@@ -67,7 +67,7 @@ class ClearableStorage : public TestStorage {
 };
 
 // The clear revision of each commit block of a storage file, in file order.
-Revs ClearRevs(const std::string& path);
+Revs ClearRevs(const TestStorage& storage);
 
 // The path of the backup and of the temporary file of a squeeze.
 std::string BackupPath(const TestStorage& storage);

@@ -27,13 +27,13 @@ K9eReplBlock& BlockAt(TestStorage& storage, i64 key) {
 TEST(LogicalClear, AppendsOneCommitBlockAndLeavesTheRecordsInTheFile) {
     ClearableStorage storage(KeepInMemory());
     storage.Put(5);
-    const std::vector<u8> before = ReadBytes(storage.Path());
+    const std::vector<u8> before = FileBytes(storage);
     const LogCapture log;
     storage.ClearTo(4, kLogical);
-    EXPECT_EQ(FileItems(storage.Path()),
+    EXPECT_EQ(FileItems(storage),
               Strings({"c0", "r1", "c1", "r2", "c2", "r3", "c3", "r4", "c4", "r5", "c5", "c5"}));
-    EXPECT_EQ(ClearRevs(storage.Path()), Revs({0, 0, 0, 0, 0, 0, 4}));
-    std::vector<u8> after = ReadBytes(storage.Path());
+    EXPECT_EQ(ClearRevs(storage), Revs({0, 0, 0, 0, 0, 0, 4}));
+    std::vector<u8> after = FileBytes(storage);
     const auto written = static_cast<std::size_t>(OffsetOf(6));
     EXPECT_TRUE(std::equal(before.begin(), before.begin() + OffsetOf(6), after.begin()));
     EXPECT_EQ(after.size(), std::max<std::size_t>(before.size(), written + kCommit));
@@ -68,6 +68,7 @@ TEST(LogicalClear, LeavesABlockThatBeginsWithTheClearRevisionWhole) {
 TEST(LogicalClear, OfABlockThatIsOnlyInTheFileSaysSo) {
     ClearableStorage storage(KeepOnDisk());
     storage.Put(5);
+    storage.Settle();
     const LogCapture log;
     storage.ClearTo(2, kLogical);
     EXPECT_TRUE(log.Has(K9SYS_LOG_INFO, "Cannot find memblock with rev 1")) << log;
@@ -94,7 +95,7 @@ TEST(LogicalClear, MakesRoomInTheBlockThatIsBeingFilled) {
     storage.Put();
     EXPECT_EQ(BlockAt(storage, 2).used, 128U);
     EXPECT_EQ(BlockAt(storage, 2).flushedEnd, 128U);
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0", "r1", "c1", "r2", "c2", "c2", "r3", "c3"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "c1", "r2", "c2", "c2", "r3", "c3"}));
     storage.ExpectContentForLife();
 }
 
@@ -103,11 +104,11 @@ TEST(LogicalClear, FlushesFirstAndTellsTheClient) {
     ClearableStorage storage(AllKeepings()[3]);
     flushed.SetAsOnFlush(storage);
     storage.Put(3);
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0"}));
     storage.ClearTo(2, kLogical);
     EXPECT_EQ(flushed.Calls(), Revs({3}));
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0", "r1", "r2", "r3", "c3", "c3"}));
-    EXPECT_EQ(ClearRevs(storage.Path()), Revs({0, 0, 2}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "r2", "r3", "c3", "c3"}));
+    EXPECT_EQ(ClearRevs(storage), Revs({0, 0, 2}));
     EXPECT_EQ(StorageAccess::Policy(storage.Object()).Now().transactions, 0U);
     storage.ExpectContentForLife();
 }
@@ -183,7 +184,7 @@ TEST(LogicalClear, LetsTheThreadSaveTheWholeIndex) {
 
 TEST(LogicalClear, SkipsTheSaveWhenTheThreadIsBusy) {
     const ScopedSystemCalls systemCalls;
-    WriteGate gate;
+    WriteGate gate(WriteGate::File::kIndex);
     ClearableStorage storage(KeepInMemory());
     storage.Put(5);
     gate.Shut();
@@ -201,7 +202,7 @@ TEST(LogicalClear, SkipsTheSaveWhenTheThreadIsBusy) {
 // Until a clear saves it anew the index lists blocks that are cleared, but still in the file.
 TEST(LogicalClear, AfterASkippedSaveTheIndexLeadsToTheSameContent) {
     const ScopedSystemCalls systemCalls;
-    WriteGate gate;
+    WriteGate gate(WriteGate::File::kIndex);
     ClearableStorage storage(KeepInMemory(), "index_hint=2;");
     storage.Put(5);
     WaitUntilIdle(storage);
@@ -212,8 +213,9 @@ TEST(LogicalClear, AfterASkippedSaveTheIndexLeadsToTheSameContent) {
     WaitUntilIdle(storage);
     storage.Put(4);
     WaitUntilIdle(storage);
-    const IndexEntries entries = ReadIndexEntries(storage);
-    EXPECT_EQ(entries.back(), EntriesInMemory(storage).back());
+    if (!RunsAsynchronously()) {  // or else the last block may come too late for the last save
+        EXPECT_EQ(ReadIndexEntries(storage).back(), EntriesInMemory(storage).back());
+    }
     storage.ExpectContentForLife();
 }
 

@@ -148,6 +148,7 @@ TEST_P(EveryKeeping, RefusesInEveryStateButOpen) {
              {StorageState::kClosed, StorageState::kBroken, StorageState::kFlushFailed}) {
             ClearableStorage storage(GetParam());
             storage.Put(3);
+            storage.WaitForWriter();  // which logs too
             StorageAccess::SetState(storage.Object(), state);
             const std::string text =
                 "Failed to clear old rev;state " + std::to_string(static_cast<int>(state));
@@ -167,14 +168,14 @@ TEST_P(EveryKeeping, OnlyRemembersTheRevisionMarkInModeFour) {
     ClearableStorage storage(GetParam());
     storage.Put(5);
     const u64 generation = StorageAccess::Blocks(storage.Object()).Generation();
-    const Strings items = GetParam().hasFile ? FileItems(storage.Path()) : Strings();
+    const Strings items = GetParam().hasFile ? FileItems(storage) : Strings();
     for (const i64 mark : {3LL, 100LL, 0LL, -1LL, 0x123456789ALL}) {
         EXPECT_EQ(storage.Clear(mark, kMark), RC_OK);
         EXPECT_EQ(storage.RevisionMark(), mark);
     }
     EXPECT_EQ(StorageAccess::Blocks(storage.Object()).Generation(), generation);
     if (GetParam().hasFile) {
-        EXPECT_EQ(FileItems(storage.Path()), items);
+        EXPECT_EQ(FileItems(storage), items);
         storage.ExpectContentForLife();
         EXPECT_EQ(storage.RevisionMark(), 0x123456789A);
     }

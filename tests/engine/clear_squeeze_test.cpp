@@ -27,8 +27,8 @@ TEST_P(Squeeze, LeavesTheKeptItemsAndMovesTheOffsets) {
     storage.Put(5);
     const LogCapture log;
     storage.ClearTo(4, GetParam());
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c4", "r4", "c4", "r5", "c5", "c5"}));
-    EXPECT_EQ(ClearRevs(storage.Path()), Revs({0, 0, 0, 4}));
+    EXPECT_EQ(FileItems(storage), Strings({"c4", "r4", "c4", "r5", "c5", "c5"}));
+    EXPECT_EQ(ClearRevs(storage), Revs({0, 0, 0, 4}));
     EXPECT_EQ(EntriesInMemory(storage), IndexEntries({{4, 1056}, {5, 1056 + 64 + 32}}));
     EXPECT_FALSE(StorageAccess::BeginMoved(storage.Object()));
     EXPECT_EQ(log.CountContaining("Squeeze enum; minRev: 4, newFirstRecOffset: 1344"), 1U) << log;
@@ -40,7 +40,7 @@ TEST_P(Squeeze, LeavesTheKeptItemsAndMovesTheOffsets) {
 TEST_P(Squeeze, KeepsTheOldFileOnlyInModeTwo) {
     ClearableStorage storage(KeepInMemory());
     storage.Put(5);
-    const std::vector<u8> before = ReadBytes(storage.Path());
+    const std::vector<u8> before = FileBytes(storage);
     storage.ClearTo(4, GetParam());
     EXPECT_EQ(Exists(BackupPath(storage)), KeepsBackup());
     if (KeepsBackup()) {
@@ -68,7 +68,7 @@ TEST_P(Squeeze, FlushesFirst) {
     storage.Put(5);
     storage.ClearTo(2, GetParam());
     EXPECT_EQ(flushed.Calls(), Revs({5}));
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c2", "r2", "r3", "r4", "r5", "c5", "c5"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c2", "r2", "r3", "r4", "r5", "c5", "c5"}));
     storage.ExpectContentForLife();
 }
 
@@ -115,7 +115,7 @@ TEST_P(Squeeze, TakesWhatWasClearedLogicallyOutOfTheFile) {
         storage.Put(5);
         storage.ClearTo(4, kLogical);
         storage.ClearTo(rev, GetParam());
-        EXPECT_EQ(FileItems(storage.Path()), Strings({"c4", "r4", "c4", "r5", "c5", "c5", "c5"}));
+        EXPECT_EQ(FileItems(storage), Strings({"c4", "r4", "c4", "r5", "c5", "c5", "c5"}));
         EXPECT_EQ(Exists(BackupPath(storage)), KeepsBackup());
         EXPECT_FALSE(StorageAccess::BeginMoved(storage.Object()));
         EXPECT_EQ(storage.FirstRev(), 4);
@@ -128,7 +128,7 @@ TEST_P(Squeeze, TakesMoreThanThatWhenAskedTo) {
     storage.Put(5);
     storage.ClearTo(2, kLogical);
     storage.ClearTo(5, GetParam());
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c5", "r5", "c5", "c5", "c5"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c5", "r5", "c5", "c5", "c5"}));
     storage.ExpectContentForLife();
 }
 
@@ -144,7 +144,7 @@ TEST_P(Squeeze, TakesItOutAfterReopeningToo) {
         }
         EXPECT_TRUE(StorageAccess::BeginMoved(storage.Object()));
         storage.ClearTo(0, GetParam());
-        EXPECT_EQ(FileItems(storage.Path()).front(), "c4");
+        EXPECT_EQ(FileItems(storage).front(), "c4");
         EXPECT_FALSE(StorageAccess::BeginMoved(storage.Object()));
         storage.ExpectContentForLife();
     }
@@ -155,11 +155,11 @@ TEST_P(Squeeze, HappensOnceForOneLogicalClear) {
     storage.Put(5);
     storage.ClearTo(4, kLogical);
     storage.ClearTo(0, GetParam());
-    const std::vector<u8> squeezed = ReadBytes(storage.Path());
+    const std::vector<u8> squeezed = FileBytes(storage);
     const LogCapture log;
     storage.ClearTo(4, GetParam());
     EXPECT_TRUE(log.Messages().empty()) << log;
-    EXPECT_EQ(ReadBytes(storage.Path()), squeezed);
+    EXPECT_EQ(FileBytes(storage), squeezed);
 }
 
 TEST_P(Squeeze, OfAPendingClearWithoutAnyRecordLeftStartsTheFileOver) {
@@ -168,7 +168,7 @@ TEST_P(Squeeze, OfAPendingClearWithoutAnyRecordLeftStartsTheFileOver) {
     storage.ClearTo(2, kLogical);
     storage.UseUp();
     storage.ClearTo(4, GetParam());
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c4"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c4"}));
     EXPECT_FALSE(StorageAccess::BeginMoved(storage.Object()));
     storage.ExpectContentForLife();
 }
@@ -210,6 +210,7 @@ TEST_P(Squeeze, IsGivenUpWhenTheIndexFileCannotBeEmptied) {
     const ScopedSystemCalls systemCalls;
     ClearableStorage storage(KeepInMemory());
     storage.Put(7);
+    ASSERT_EQ(storage.WaitForWriter(), RC_OK);
     // The commit block, then header and records of the copy, then the index file.
     FailWrite(4);
     const LogCapture log;
@@ -226,7 +227,7 @@ TEST_P(Squeeze, IsGivenUpWhenTheIndexFileCannotBeEmptied) {
 
 TEST_P(Squeeze, WaitsForASaveOfTheIndexThread) {
     const ScopedSystemCalls systemCalls;
-    WriteGate gate;
+    WriteGate gate(WriteGate::File::kIndex);
     ClearableStorage storage(KeepInMemory());
     storage.Put(7);
     gate.Shut();
@@ -274,7 +275,7 @@ TEST_P(Squeeze, OnAFullDiskLeavesTheOldFileWholeAndOpen) {
     const ScopedSystemCalls systemCalls;
     ClearableStorage storage(KeepInMemory());
     storage.Put(7);
-    const std::vector<u8> before = ReadBytes(storage.Path());
+    const std::vector<u8> before = FileBytes(storage);
     ShortWrite(3, 100);  // of the records; the commit block and the new header had room
     FailWrite(4, SystemErrorKind::kNoSpace, Repeat::kFromThenOn);
     const LogCapture log;
@@ -285,7 +286,7 @@ TEST_P(Squeeze, OnAFullDiskLeavesTheOldFileWholeAndOpen) {
     EXPECT_FALSE(Exists(TemporaryPath(storage)));
     EXPECT_FALSE(Exists(BackupPath(storage)));
     const auto written = static_cast<std::size_t>(1056 + 7 * 96);
-    std::vector<u8> after = ReadBytes(storage.Path());
+    std::vector<u8> after = FileBytes(storage);
     EXPECT_TRUE(std::equal(before.begin(), before.begin() + written, after.begin()));
     storage.Reopen();
     EXPECT_EQ(RevsOf(storage.Records()), RevRange(4, 7));

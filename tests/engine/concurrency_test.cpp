@@ -97,7 +97,7 @@ TEST(Concurrency, TheLastReferenceMayBeGivenBackByAnotherThread) {
     TestStorage storage(kFlushNever);
     storage.InsertCommitted({"one"});
     std::thread([&] { storage.Close(); }).join();
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0", "r1", "c1"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "c1"}));
 }
 
 TEST(Concurrency, CallbacksOfTheIdleFlushMayInsertWhileTheClientDoes) {

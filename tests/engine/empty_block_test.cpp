@@ -62,6 +62,7 @@ TEST_F(EmptyBlock, InAnOpenTransactionIsPassedOver) {
 TEST_F(EmptyBlock, AtTheBorderOfTheCacheIsPassedOver) {
     m_storage.InsertMany(30);
     CommitAroundAnOversizedRecord();
+    m_storage.Settle();
     ASSERT_EQ(Blocks().Blocks().size(), 2U);
     ASSERT_TRUE(HasEmptyBlock());
     ASSERT_EQ(Blocks().Blocks().begin()->second->used, 0U);
@@ -74,6 +75,7 @@ TEST_F(EmptyBlock, ThatLeavesMemoryLeavesTheIndexToo) {
     CommitAroundAnOversizedRecord();
     CommitAroundAnOversizedRecord();
     m_storage.InsertMany(30);
+    m_storage.Settle();
     ASSERT_FALSE(HasEmptyBlock());
     ExpectIndexInFile();
     const SeenRecords records = m_storage.Records();

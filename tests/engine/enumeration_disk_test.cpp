@@ -21,6 +21,7 @@ std::size_t BlocksInMemory(TestStorage& storage) {
 TEST(EnumerationFromDisk, DeliversEveryRangeAcrossFileAndMemory) {
     TestStorage storage(SmallCache(2));
     storage.InsertMany(40);
+    storage.Settle();
     ASSERT_EQ(BlocksInMemory(storage), 2U);
     ExpectEveryRange(storage, ModelOf(storage.Records()), 40);
     EXPECT_EQ(storage.Texts(), Numbered(40));
@@ -31,6 +32,7 @@ TEST(EnumerationFromDisk, DeliversEveryRangeWithRecordsOfOneBlockEach) {
     for (u32 n = 1; n <= 12; ++n) {
         ASSERT_EQ(storage.Insert(OneBlock(std::to_string(n))), RC_OK);
     }
+    storage.Settle();
     ASSERT_EQ(BlocksInMemory(storage), 1U);
     ExpectEveryRange(storage, ModelOf(storage.Records()), 12);
 }
@@ -60,6 +62,7 @@ TEST(EnumerationFromDisk, DeliversEveryRangeWithRecordsThatAreNotFlushed) {
 TEST(EnumerationFromDisk, MakesOnePassForAllBlocksThatAreNotInMemory) {
     TestStorage storage(SmallCache(1));
     storage.InsertMany(40);
+    storage.Settle();
     const i64 lowest = StorageAccess::Blocks(storage.Object()).Blocks().begin()->first;
     LogCapture log;
     EXPECT_EQ(storage.Records(3).size(), 38U);
@@ -117,6 +120,7 @@ TEST(EnumerationFromDisk, LeavesTheFilesLaterWritesInPlace) {
 TEST(EnumerationFromDisk, EndsWhenTheIndexHasLostBlocksThatAreInMemory) {
     TestStorage storage(std::string(kEachCommit) + "cache_type=AllInMem");
     storage.InsertMany(20);
+    ASSERT_EQ(storage.WaitForWriter(), RC_OK);
     BlockIndex& index = StorageAccess::Blocks(storage.Object()).Index();
     ASSERT_EQ(index.size(), 4U);
     index.begin()->second.block = nullptr;
@@ -131,6 +135,7 @@ class RangeEndingAtTheLowestRevisionInMemory : public ::testing::Test {
   protected:
     void Fill() {
         m_storage.InsertMany(7);
+        m_storage.Settle();
         ASSERT_EQ(BlocksInMemory(m_storage), 1U);
         m_lowest = StorageAccess::Blocks(m_storage.Object()).Blocks().begin()->first;
     }
@@ -176,6 +181,7 @@ TEST_F(RangeEndingAtTheLowestRevisionInMemory, IsDeliveredFromMemoryWhileItIsNot
         ASSERT_EQ(m_storage.Insert(OneBlock(text)), RC_OK);
     }
     ASSERT_EQ(StorageAccess::Flush(m_storage.Object()), RC_OK);
+    ASSERT_EQ(m_storage.WaitForWriter(), RC_OK);
     ASSERT_EQ(m_storage.Insert(OneBlock("4")), RC_OK);
     ASSERT_EQ(StorageAccess::Blocks(m_storage.Object()).Blocks().begin()->first, 4);
     EXPECT_EQ(RevsOf(m_storage.Records(1, 4)), Revs({1, 2, 3, 4}));
@@ -210,6 +216,7 @@ TEST_F(LargeRecords, OfMoreThanAReadBufferAreReadBackWhole) {
         Insert(size);
     }
     Insert(4194304 - 24);
+    m_storage.Settle();
     ASSERT_EQ(BlocksInMemory(m_storage), 1U);
     EXPECT_EQ(m_storage.Texts(), m_texts);
     m_storage.Reopen();
@@ -219,6 +226,7 @@ TEST_F(LargeRecords, OfMoreThanAReadBufferAreReadBackWhole) {
 TEST_F(LargeRecords, WithoutMemoryForOneFailWithNoMemory) {
     Insert(3'000'000);
     Insert(3'000'000);
+    m_storage.Settle();
     FailAlloc(1, 3'000'000);
     SeenRecords seen;
     EXPECT_EQ(m_storage.Enumerate(&seen), RC_NO_MEMORY);

@@ -18,6 +18,7 @@ class EnumerationOfADamagedFile : public ::testing::Test {
         for (u32 n = 1; n <= 20; ++n) {
             EXPECT_EQ(m_storage.Insert(OneBlock(std::to_string(n))), RC_OK);
         }
+        m_storage.Settle();
         m_log.Clear();
     }
 

@@ -132,6 +132,7 @@ struct Offsets {
 TEST_F(Enumeration, TellsItsVisitorTheFileOffsetOfFlushedRecordsOnly) {
     TestStorage storage("flush_trans_num=2;flush_mode=PerTrans;flush_timeout=3600000");
     storage.InsertMany(3);
+    ASSERT_EQ(storage.WaitForWriter(), RC_OK);
     Offsets offsets;
     ASSERT_EQ(StorageAccess::Enumerate(storage.Object(), 1, 9, Offsets::Add, &offsets), RC_OK);
     EXPECT_EQ(offsets.seen, std::vector<i64>({1056, 1056 + 26, -1}));

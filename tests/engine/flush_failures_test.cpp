@@ -33,6 +33,10 @@ void PrintTo(const Fault& fault, std::ostream* out) {
 // a flush makes fewer calls than that.
 class EachCallOfAFlush : public ::testing::TestWithParam<Fault> {
   protected:
+    void SetUp() override {
+        SKIP_WHEN_ASYNC("a failed write is reported by the flush that made it");
+    }
+
     template <typename Scenario>
     void Run(Scenario scenario) {
         u32 nth = 1;
@@ -83,7 +87,7 @@ class EachCallOfAFlush : public ::testing::TestWithParam<Fault> {
             seen.push_back(text.substr(0, text.find('.')));
         }
         EXPECT_EQ(seen, texts);
-        EXPECT_EQ(FileItems(storage.Path()), items);
+        EXPECT_EQ(FileItems(storage), items);
     }
 
     const ScopedSystemCalls m_systemCalls;
@@ -236,13 +240,14 @@ struct HalfFlushable : TestStorage {
     }
     void ExpectFlushable() {
         EXPECT_EQ(Flush(), RC_OK);
-        EXPECT_EQ(FileItems(Path()), Strings({"c0", "r1", "r2", "c2"}));
+        EXPECT_EQ(FileItems(*this), Strings({"c0", "r1", "r2", "c2"}));
     }
 };
 
 }  // namespace
 
 TEST(FlushFailure, OfTheRunNamesTheFirstRevisionThatIsNotFlushed) {
+    SKIP_WHEN_ASYNC("a failed write is reported by the flush that made it");
     const ScopedSystemCalls systemCalls;
     HalfFlushable storage;
     const LogCapture log;
@@ -254,6 +259,7 @@ TEST(FlushFailure, OfTheRunNamesTheFirstRevisionThatIsNotFlushed) {
 }
 
 TEST(FlushFailure, OfTheCommitBlockNamesTheFirstRevisionThatIsNotFlushed) {
+    SKIP_WHEN_ASYNC("a failed write is reported by the flush that made it");
     const ScopedSystemCalls systemCalls;
     HalfFlushable storage;
     const LogCapture log;
@@ -265,6 +271,7 @@ TEST(FlushFailure, OfTheCommitBlockNamesTheFirstRevisionThatIsNotFlushed) {
 }
 
 TEST(FlushFailure, OfTheFilesCommitLeavesTheFlushedRevision) {
+    SKIP_WHEN_ASYNC("a flush to the disk at each commit");
     const ScopedSystemCalls systemCalls;
     Notified flushed;
     HalfFlushable storage;
@@ -318,6 +325,7 @@ TEST(FlushFailure, OfTheFilesBeginReturnsItsCode) {
 }
 
 TEST(FlushFailure, LeavesCountersAndFlushTimeAsTheyWere) {
+    SKIP_WHEN_ASYNC("a failed write is reported by the flush that made it");
     const ScopedSystemCalls systemCalls;
     SetTickCount(1000);
     TestStorage storage("flush_mode=PerTrans;flush_trans_num=2;flush_timeout=500;");
@@ -332,6 +340,7 @@ TEST(FlushFailure, LeavesCountersAndFlushTimeAsTheyWere) {
 }
 
 TEST(FlushFailure, OfAFullDiskIsOverWhenThereIsRoomAgain) {
+    SKIP_WHEN_ASYNC("a failed write is reported by the flush that made it");
     const ScopedSystemCalls systemCalls;
     TestStorage storage(kFlushAlways);
     storage.InsertCommitted({"one"});
@@ -343,7 +352,7 @@ TEST(FlushFailure, OfAFullDiskIsOverWhenThereIsRoomAgain) {
     EXPECT_EQ(storage.Commit(), RC_SYSTEM_ERROR);
     StopFailing(SystemCall::kWrite);
     EXPECT_EQ(storage.Commit(), RC_OK);
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0", "r1", "c1", "r2", "c2"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "c1", "r2", "c2"}));
 }
 
 TEST(FlushFailure, InMemoryOfItsOwnLeavesNothingBehind) {
@@ -362,11 +371,13 @@ TEST(FlushFailure, InMemoryOfItsOwnLeavesNothingBehind) {
             }
         }
         EXPECT_EQ(rc, RC_NO_MEMORY);
-        EXPECT_TRUE(log.HasError("Out of memory while flushing;block eRepl#", RC_NO_MEMORY));
+        // Else the queue found no memory for an element.
+        EXPECT_TRUE(RunsAsynchronously() ||
+                    log.HasError("Out of memory while flushing;block eRepl#", RC_NO_MEMORY));
         EXPECT_EQ(StorageAccess::Blocks(storage.Object()).Index().begin()->second.fileOffset,
                   kUnknownOffset);
     }
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0", "r1", "r2", "r3", "r4", "r5", "c5"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "r2", "r3", "r4", "r5", "c5"}));
 }
 
 }  // namespace k9erepl::test

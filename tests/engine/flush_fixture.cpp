@@ -52,6 +52,11 @@ Strings FileItems(const std::string& path) {
     return items;
 }
 
+Strings FileItems(const TestStorage& storage) {
+    storage.WaitForWriter();
+    return FileItems(storage.Path());
+}
+
 void Notified::SetAsOnFlush(TestStorage& storage) {
     EXPECT_EQ(K9eReplStorageSetOnFlushCallback(storage.Handle(), &Call, this), RC_OK);
 }
@@ -60,9 +65,17 @@ void Notified::SetAsOnWriteToFile(TestStorage& storage) {
     EXPECT_EQ(K9eReplStorageSetOnWriteToFileCallback(storage.Handle(), &Call, this), RC_OK);
 }
 
+Revs Notified::Calls() const {
+    const std::lock_guard guard(m_mutex);
+    return m_calls;
+}
+
 void K9EREPL_CALL Notified::Call(i64 rev, void* self) {
     auto& notified = *static_cast<Notified*>(self);
-    notified.m_calls.push_back(rev);
+    {
+        const std::lock_guard guard(notified.m_mutex);
+        notified.m_calls.push_back(rev);
+    }
     if (notified.m_action) {
         notified.m_action(rev);
     }

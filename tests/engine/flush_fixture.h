@@ -4,6 +4,7 @@
 #define K9EREPL_TESTS_ENGINE_FLUSH_FIXTURE_H
 
 #include <functional>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -30,11 +31,14 @@ std::string BlockFull(std::string_view text);
 // at the first bytes that are no item. A commit block that does not link to the one before it is
 // "broken"; the first may link to anything.
 Strings FileItems(const std::string& path);
+// The same for the file of a storage that may be in use.
+Strings FileItems(const TestStorage& storage);
 
 using Revs = std::vector<i64>;
 
 // A client's OnFlush or OnWriteToFile function: keeps the revisions that it was called with and
-// does what a test says. To be declared before the storage, whose last flush may still call it.
+// does what a test says. To be declared before the storage, whose last flush may still call it. An
+// OnWriteToFile function may be called by the writing thread; the test waits for the writer.
 class Notified {
   public:
     Notified() = default;
@@ -45,13 +49,14 @@ class Notified {
     void Does(std::function<void(i64)> action) { m_action = std::move(action); }
     void SetAsOnFlush(TestStorage& storage);
     void SetAsOnWriteToFile(TestStorage& storage);
-    const Revs& Calls() const { return m_calls; }
+    Revs Calls() const;
 
     static void K9EREPL_CALL Call(i64 rev, void* self);
 
   private:
     std::function<void(i64)> m_action;
-    Revs m_calls;
+    mutable std::mutex m_mutex;
+    Revs m_calls;  // guarded by m_mutex
 };
 
 }  // namespace k9erepl::test

@@ -20,7 +20,7 @@ constexpr std::string_view kByTime =
 class IdleFlush : public ::testing::Test {
   protected:
     u32 Idle() { return storage.DataSource().FlushOnIdle(); }
-    Strings Items() { return FileItems(storage.Path()); }
+    Strings Items() { return FileItems(storage); }
 
     const ScopedSystemCalls systemCalls;
     const bool clockStands = (SetTickCount(5000), true);
@@ -107,7 +107,7 @@ TEST_F(IdleFlush, NeverWaitsForTheLock) {
     {
         const LockHolder busyClient(StorageAccess::Lock(storage.Object()));
         EXPECT_EQ(Idle(), RC_OK);
-        EXPECT_EQ(Items(), Strings({"c0"}));
+        EXPECT_EQ(FileItems(storage.Path()), Strings({"c0"}));
     }
     EXPECT_EQ(Idle(), RC_OK);
     EXPECT_EQ(Items(), Strings({"c0", "r1", "c1"}));
@@ -145,6 +145,7 @@ TEST(IdleFlushInMemory, DoesNothingInAnyState) {
 // --- Failures ----------------------------------------------------------------------------------
 
 TEST_F(IdleFlush, ThatFailsIsLoggedAndMakesTheStateFlushFailed) {
+    SKIP_WHEN_ASYNC("a failed write is reported by the flush that made it");
     storage.InsertCommitted({"one"});
     AdvanceTickCount(1000);
     FailWrite(1);
@@ -157,6 +158,7 @@ TEST_F(IdleFlush, ThatFailsIsLoggedAndMakesTheStateFlushFailed) {
 }
 
 TEST_F(IdleFlush, ThatFailedIsTriedAgainByACommitWithoutATransaction) {
+    SKIP_WHEN_ASYNC("a failed write is reported by the flush that made it");
     storage.InsertCommitted({"one"});
     AdvanceTickCount(1000);
     FailWrite(1, SystemErrorKind::kNoSpace, Repeat::kFromThenOn);
@@ -173,6 +175,7 @@ TEST_F(IdleFlush, ThatFailedIsTriedAgainByACommitWithoutATransaction) {
 }
 
 TEST_F(IdleFlush, ThatFailedIsTriedAgainByARollbackWithoutATransaction) {
+    SKIP_WHEN_ASYNC("a failed write is reported by the flush that made it");
     storage.InsertCommitted({"one"});
     AdvanceTickCount(1000);
     FailWrite(1);
@@ -184,6 +187,7 @@ TEST_F(IdleFlush, ThatFailedIsTriedAgainByARollbackWithoutATransaction) {
 }
 
 TEST_F(IdleFlush, ThatFailedInAnOpenTransactionLetsItCommit) {
+    SKIP_WHEN_ASYNC("a failed write is reported by the flush that made it");
     storage.InsertCommitted({"one"});
     ASSERT_EQ(storage.Begin(), RC_OK);
     ASSERT_EQ(storage.Insert("two"), RC_OK);
@@ -196,6 +200,7 @@ TEST_F(IdleFlush, ThatFailedInAnOpenTransactionLetsItCommit) {
 }
 
 TEST_F(IdleFlush, ThatFailedInAnOpenTransactionLetsItRollBack) {
+    SKIP_WHEN_ASYNC("a failed write is reported by the flush that made it");
     storage.InsertCommitted({"one"});
     ASSERT_EQ(storage.Begin(), RC_OK);
     ASSERT_EQ(storage.Insert("gone"), RC_OK);
@@ -211,6 +216,7 @@ TEST_F(IdleFlush, ThatFailedInAnOpenTransactionLetsItRollBack) {
 // After the idle call noted the time, a commit may need no flush: the storage opens, and what is
 // not flushed is flushed in time.
 TEST_F(IdleFlush, ThatFailedIsForgottenByACommitThatNeedsNoFlush) {
+    SKIP_WHEN_ASYNC("a failed write is reported by the flush that made it");
     storage.InsertCommitted({"one"});
     ASSERT_EQ(storage.Begin(), RC_OK);
     ASSERT_EQ(storage.Insert("two"), RC_OK);
@@ -237,7 +243,7 @@ TEST(IndexThread, FlushesWhenNothingElseHappens) {
     while (flushedRev != 1) {
         std::this_thread::yield();
     }
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0", "r1", "c1"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "c1"}));
 }
 
 // The idle flush may come at any time while the storage is torn down.

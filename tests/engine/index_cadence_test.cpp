@@ -23,16 +23,19 @@ TEST(IndexCadence, ASaveIsRequestedWhenEnoughBlocksWereAdded) {
     for (const std::size_t requests : {0U, 1U, 1U, 2U}) {
         storage.InsertCommitted({BlockFull("block")});
         EXPECT_EQ(log.Count(kRequested), requests);
+        EXPECT_EQ(storage.WaitForWriter(), RC_OK);  // so that there is something to be saved
         WaitUntilIdle(storage);
     }
 }
 
 TEST(IndexCadence, ABusyThreadIsLeftAloneUntilTheNextTurn) {
     const ScopedSystemCalls systemCalls;
-    WriteGate gate;
+    WriteGate gate(WriteGate::File::kIndex);
     TestStorage storage(With(kFlushAlways, kEverySecondBlock));
+    storage.InsertCommitted({BlockFull("one")});
+    EXPECT_EQ(storage.WaitForWriter(), RC_OK);  // so that there is an entry to be saved
     gate.Shut();
-    storage.InsertCommitted({BlockFull("one"), BlockFull("two")});
+    storage.InsertCommitted({BlockFull("two")});
     const LogCapture log;
     storage.InsertCommitted({BlockFull("three"), BlockFull("four")});
     EXPECT_TRUE(log.Has(K9SYS_LOG_WARNING, "Index thread is busy")) << log;
@@ -47,14 +50,17 @@ TEST(IndexCadence, ABusyThreadIsLeftAloneUntilTheNextTurn) {
 
 TEST(IndexCadence, AThreadThatEndedIsStartedAgain) {
     const ScopedSystemCalls systemCalls;
+    WriteGate gate(WriteGate::File::kIndex);
     TestStorage storage(With(kFlushAlways, kEverySecondBlock));
-    FailWrite(3, SystemErrorKind::kNoSpace, Repeat::kFromThenOn);  // the flush makes two
-    storage.InsertCommitted({BlockFull("one"), BlockFull("two")});
+    storage.InsertCommitted({BlockFull("one")});
+    EXPECT_EQ(storage.WaitForWriter(), RC_OK);  // so that there is an entry to be saved
+    gate.Refuse(true);
+    storage.InsertCommitted({BlockFull("two")});
     const LogCapture log;
     while (!StorageAccess::Index(storage.Object())->IsFinished()) {
         std::this_thread::yield();
     }
-    StopFailing(SystemCall::kWrite);
+    gate.Refuse(false);
     storage.InsertCommitted({BlockFull("three"), BlockFull("four")});
     EXPECT_TRUE(log.Has(K9SYS_LOG_ERROR, "Index thread is finished; trying to restart")) << log;
     EXPECT_FALSE(StorageAccess::Index(storage.Object())->IsFinished());

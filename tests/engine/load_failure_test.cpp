@@ -230,7 +230,7 @@ TEST_P(LoadFailureOfCall, LeavesNothingBehind) {
     const u32 withoutIndex = FailEachCall(false);
     const u32 withIndex = FailEachCall(true);
     EXPECT_GT(withoutIndex + withIndex, 0U);
-    EXPECT_EQ(ReadBytes(m_storage.Path()), m_file.Bytes());
+    EXPECT_EQ(FileBytes(m_storage), m_file.Bytes());
 }
 
 INSTANTIATE_TEST_SUITE_P(Calls, LoadFailureOfCall,

@@ -147,6 +147,7 @@ void WriteIndex(const TestStorage& storage, const IndexEntries& entries, u32 blo
 }
 
 IndexEntries EntriesInMemory(TestStorage& storage) {
+    storage.WaitForWriter();
     IndexEntries entries;
     for (const auto& [rev, entry] : StorageAccess::Blocks(storage.Object()).Index()) {
         entries.emplace_back(rev, entry.fileOffset.load());

@@ -100,7 +100,7 @@ TEST_F(Load, KnowsThatEverythingInMemoryIsInTheFile) {
     EXPECT_EQ(Blocks().Newest().flushedEnd, Blocks().Newest().used);
     ASSERT_EQ(m_storage.Insert("three"), RC_OK);
     EXPECT_TRUE(m_log.Has("Flushed block;rev 1,last rev 3,offset 1056")) << m_log;
-    EXPECT_EQ(FileSize(m_storage.Path()), m_file.Size() + 24 + 5 + 32);
+    EXPECT_EQ(FileBytes(m_storage).size(), static_cast<std::size_t>(m_file.Size() + 24 + 5 + 32));
 }
 
 TEST_F(Load, ContinuesTheRevisionsBehindTheLastCommit) {

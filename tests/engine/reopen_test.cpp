@@ -39,10 +39,10 @@ TEST(Reopening, WithoutChangesLeavesTheFileAlone) {
     TestStorage storage(SmallCache(2));
     storage.InsertMany(20);
     storage.Reopen();
-    const std::vector<u8> file = ReadBytes(storage.Path());
+    const std::vector<u8> file = FileBytes(storage);
     const std::vector<u8> index = ReadBytes(IndexPath(storage));
     storage.Reopen();
-    EXPECT_EQ(ReadBytes(storage.Path()), file);
+    EXPECT_EQ(FileBytes(storage), file);
     EXPECT_EQ(ReadBytes(IndexPath(storage)), index);
 }
 
@@ -73,6 +73,7 @@ TEST(Reopening, LosesAnOpenTransactionOnly) {
 }
 
 TEST(Reopening, UsesTheIndexThatTheIndexThreadSaved) {
+    SKIP_WHEN_ASYNC("a block is in the file when its save is asked for");
     TestStorage storage(Settings(2, 138, 1));
     for (u32 n = 0; n < 60; ++n) {
         ASSERT_EQ(storage.Insert(OneBlock(std::to_string(n))), RC_OK);

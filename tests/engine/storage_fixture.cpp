@@ -3,10 +3,10 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
 #include <cstring>
+#include <mutex>
 
+#include "support/file_bytes.h"
 #include "support/params.h"
 
 namespace k9erepl::test {
@@ -49,15 +49,10 @@ TestStorage::~TestStorage() {
     }
 }
 
-const char* WriterSetting() {
-    static const bool async = std::getenv("K9EREPL_TEST_ASYNC") != nullptr;
-    return async ? "async_mode=yes;" : "";
-}
-
 std::string TestStorage::ConnStr() const {
     u32 length = 0;
     const bool namesFile = FindParam(m_settings.c_str(), "file", &length) != nullptr;
-    return namesFile ? m_settings : "file=" + Path() + ";" + WriterSetting() + m_settings;
+    return namesFile ? m_settings : "file=" + Path() + ";" + m_settings + ";" + WriterSetting();
 }
 
 u32 TestStorage::TryCreate(u32 flags) {
@@ -99,6 +94,20 @@ CK9eReplStorage& TestStorage::Object() const {
 
 IK9eReplDS& TestStorage::DataSource() const {
     return Object();
+}
+
+u32 TestStorage::WaitForWriter() const {
+    if (!IsOpen()) {
+        return RC_OK;
+    }
+    const std::lock_guard guard(StorageAccess::Lock(Object()));
+    return Object().SolidStorage().CompleteAsyncTasks();
+}
+
+void TestStorage::Settle() {
+    EXPECT_EQ(WaitForWriter(), RC_OK);
+    const std::lock_guard guard(StorageAccess::Lock(Object()));
+    EXPECT_EQ(StorageAccess::ShrinkCache(Object()), RC_OK);
 }
 
 u32 TestStorage::Begin() {
@@ -189,6 +198,11 @@ u32 TestStorage::Lifenum() {
     u32 lifenum = 0;
     EXPECT_EQ(K9eReplStorageGetLifenum(m_handle, &lifenum), RC_OK);
     return lifenum;
+}
+
+std::vector<u8> FileBytes(const TestStorage& storage) {
+    storage.WaitForWriter();
+    return ReadBytes(storage.Path());
 }
 
 Strings Numbered(u32 count, std::string_view prefix) {

@@ -6,7 +6,8 @@
 //     storage.Reopen();
 //     EXPECT_EQ(storage.Texts(), Strings({"one", "two"}));
 //
-// A test that injects faults begins a ScopedSystemCalls before the TestStorage.
+// A test that injects faults begins a ScopedSystemCalls before the TestStorage. Storages with a
+// file have the writer that support/writer_mode.h says, unless their settings name one.
 #ifndef K9EREPL_TESTS_ENGINE_STORAGE_FIXTURE_H
 #define K9EREPL_TESTS_ENGINE_STORAGE_FIXTURE_H
 
@@ -20,6 +21,7 @@
 
 #include "engine/repl_storage.h"
 #include "support/temp_folder.h"
+#include "support/writer_mode.h"
 
 namespace k9erepl {
 
@@ -39,6 +41,9 @@ struct StorageAccess {
     static platform::RecursiveLock& Lock(CK9eReplStorage& s) { return s.m_lock; }
     static IndexObject* Index(CK9eReplStorage& s) { return s.m_index.get(); }
     static u32 Flush(CK9eReplStorage& s) { return s.Flush(); }
+    static u32 ShrinkCache(CK9eReplStorage& s) {
+        return s.m_settings.MayEvict() ? s.ShrinkCache() : u32{RC_OK};
+    }
     static u32 Enumerate(CK9eReplStorage& s, i64 fromRev, i64 toRev, RecordVisitor visitor,
                          void* ctx) {
         return s.EnumWithVisitor(fromRev, toRev, visitor, ctx);
@@ -106,6 +111,14 @@ class TestStorage {
     CK9eReplStorage& Object() const;
     IK9eReplDS& DataSource() const;
 
+    // Returns when everything queued is written and notified, or with what keeps the writer from
+    // it. To be called before a test looks at the file or at what OnWriteToFile reported; the words
+    // below and those of the other fixtures that look at a file have called it.
+    u32 WaitForWriter() const;
+    // The same, and the cache shrinks to its limit, which blocks that were being written may have
+    // kept it from.
+    void Settle();
+
     // --- Transactions
     u32 Begin();
     u32 Commit();
@@ -138,6 +151,9 @@ class TestStorage {
     std::string m_settings;
     void* m_handle = nullptr;
 };
+
+// The storage file as it is when the writer has nothing more to write.
+std::vector<u8> FileBytes(const TestStorage& storage);
 
 // "<prefix>1" ... "<prefix><count>": what InsertMany inserted.
 Strings Numbered(u32 count, std::string_view prefix = "r");

@@ -160,9 +160,9 @@ TEST(References, TheLastOneDestroysTheStorage) {
     EXPECT_EQ(duplicate, storage.Handle());
     ASSERT_EQ(K9eReplStorageClose(duplicate), RC_OK);
     EXPECT_EQ(storage.Texts(), Strings({"one"}));
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0"}));
     storage.Close();
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0", "r1", "c1"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "c1"}));
 }
 
 TEST(References, AreCounted) {
@@ -182,7 +182,7 @@ TEST(Closing, FlushesWhatWasCommitted) {
     storage.InsertCommitted({"one"});
     storage.InsertCommitted({"two"});
     storage.Close();
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0", "r1", "r2", "c2"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "r2", "c2"}));
 }
 
 TEST(Closing, LosesAnOpenTransaction) {
@@ -191,7 +191,7 @@ TEST(Closing, LosesAnOpenTransaction) {
     ASSERT_EQ(storage.Begin(), RC_OK);
     ASSERT_EQ(storage.Insert("open"), RC_OK);
     storage.Close();
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0", "r1", "c1"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "c1"}));
 }
 
 TEST(Closing, IgnoresTheResultOfTheLastFlush) {
@@ -201,10 +201,11 @@ TEST(Closing, IgnoresTheResultOfTheLastFlush) {
     FailWrite(1, SystemErrorKind::kNoSpace, Repeat::kFromThenOn);
     storage.Close();
     StopFailing(SystemCall::kWrite);
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0"}));
 }
 
 TEST(Closing, FlushesNothingWhenTheStorageIsNotOpen) {
+    SKIP_WHEN_ASYNC("a failed write is reported by the flush that made it");
     const ScopedSystemCalls systemCalls;
     TestStorage storage(kFlushAlways);
     ASSERT_EQ(storage.Begin(), RC_OK);
@@ -212,7 +213,7 @@ TEST(Closing, FlushesNothingWhenTheStorageIsNotOpen) {
     FailWrite(1);
     ASSERT_EQ(storage.Commit(), RC_SYSTEM_ERROR);
     storage.Close();
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0"}));
 }
 
 TEST(Closing, TearsDownInOrder) {
@@ -230,7 +231,7 @@ TEST(Closing, TearsDownInOrder) {
 TEST(Closing, AStorageThatWasNeverLoadedIsFine) {
     TestStorage storage("", Start::kOpened);
     storage.Close();
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0"}));
 }
 
 }  // namespace k9erepl::test

@@ -14,22 +14,22 @@ namespace k9erepl::test {
 TEST(ImplicitTransaction, InsertCommitsAtOnce) {
     TestStorage storage(kFlushAlways);
     ASSERT_EQ(storage.Insert("one"), RC_OK);
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0", "r1", "c1"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "c1"}));
     EXPECT_EQ(storage.Commit(), RC_NO_TRANSACTION);
 }
 
 TEST(ImplicitTransaction, CountsAsOneTransactionTowardsTheThreshold) {
     TestStorage storage("flush_mode=PerTrans;flush_trans_num=2;flush_timeout=2147483647;");
     ASSERT_EQ(storage.Insert("one"), RC_OK);
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0"}));
     ASSERT_EQ(storage.Insert("two"), RC_OK);
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0", "r1", "r2", "c2"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "r2", "c2"}));
 }
 
 TEST(ImplicitTransaction, InsertPCommitsAtOnce) {
     TestStorage storage(kFlushAlways);
     ASSERT_EQ(storage.InsertP(5, "five"), RC_OK);
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0", "r5", "c5"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0", "r5", "c5"}));
 }
 
 TEST(ImplicitTransaction, ARecordThatFitsNoBlockIsRolledBackWithItsRevision) {
@@ -42,6 +42,7 @@ TEST(ImplicitTransaction, ARecordThatFitsNoBlockIsRolledBackWithItsRevision) {
 }
 
 TEST(ImplicitTransaction, AFailedCommitIsRolledBackAndItsCodeReturned) {
+    SKIP_WHEN_ASYNC("a failed write is reported by the flush that made it");
     const ScopedSystemCalls systemCalls;
     TestStorage storage(kFlushAlways);
     FailWrite(1);
@@ -63,10 +64,10 @@ TEST(NestedTransaction, OnlyTheOutermostCommitFlushes) {
     LogCapture log({"k9eRepl-storage"});
     ASSERT_EQ(storage.Commit(), RC_OK);
     EXPECT_EQ(log.Texts(), Strings({"TR_C"})) << "and nothing else";
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0"}));
     ASSERT_EQ(storage.Commit(), RC_OK);
     EXPECT_EQ(log.Count("TR_C"), 2U);
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0", "r1", "c1"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "c1"}));
     EXPECT_EQ(storage.Commit(), RC_NO_TRANSACTION);
 }
 
@@ -103,7 +104,7 @@ TEST(NestedTransaction, BeginAfterRollbackIsOutermostAgain) {
     ASSERT_EQ(storage.Begin(), RC_OK);
     ASSERT_EQ(storage.Insert("one"), RC_OK);
     ASSERT_EQ(storage.Commit(), RC_OK);
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0", "r1", "c1"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "c1"}));
 }
 
 // No sequence of calls leads here; the answers are part of the contract all the same.
@@ -128,7 +129,7 @@ TEST(Transaction, AnEmptyOneWritesNothing) {
     TestStorage storage(kFlushAlways);
     ASSERT_EQ(storage.Begin(), RC_OK);
     ASSERT_EQ(storage.Commit(), RC_OK);
-    EXPECT_EQ(FileItems(storage.Path()), Strings({"c0"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0"}));
 }
 
 TEST(Transaction, ItsRecordsAreServedBeforeItIsCommitted) {
@@ -278,6 +279,7 @@ TEST(StorageState, ABrokenStorageRefusesEveryTransactionalOperation) {
 }
 
 TEST(StorageState, AFailedFlushLeavesCommitAndRollbackOnly) {
+    SKIP_WHEN_ASYNC("a failed write is reported by the flush that made it");
     const ScopedSystemCalls systemCalls;
     TestStorage storage(kFlushAlways);
     ASSERT_EQ(storage.Begin(), RC_OK);

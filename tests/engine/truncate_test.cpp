@@ -26,8 +26,8 @@ class Truncation : public ::testing::TestWithParam<Keeping> {
         EXPECT_TRUE(StorageAccess::Blocks(storage.Object()).Blocks().empty());
         EXPECT_EQ(storage.Records(), SeenRecords());
         if (GetParam().hasFile) {
-            EXPECT_EQ(FileItems(storage.Path()), Strings({"c0"}));
-            EXPECT_EQ(ClearRevs(storage.Path()), Revs({0}));
+            EXPECT_EQ(FileItems(storage), Strings({"c0"}));
+            EXPECT_EQ(ClearRevs(storage), Revs({0}));
             WaitUntilIdle(storage);
             EXPECT_EQ(ReadBytes(IndexPath(storage)), EmptyIndexBytes());
         }
@@ -149,6 +149,7 @@ TEST(TruncationOfAFile, BreaksTheStorageWhenTheFileCannotBeWritten) {
     for (const u32 nth : {1U, 2U}) {
         ClearableStorage storage(KeepInMemory());
         storage.Put(3);
+        ASSERT_EQ(storage.WaitForWriter(), RC_OK);
         FailWrite(nth);
         const LogCapture log;
         EXPECT_EQ(storage.Truncate(), RC_SYSTEM_ERROR);
@@ -174,7 +175,7 @@ TEST(TruncationOfAFile, FailsWhenTheFileWasClosed) {
 
 TEST(TruncationOfAFile, WaitsForASaveOfTheIndexThread) {
     const ScopedSystemCalls systemCalls;
-    WriteGate gate;
+    WriteGate gate(WriteGate::File::kIndex);
     ClearableStorage storage(KeepInMemory());
     storage.Put(7);
     gate.Shut();

@@ -1,0 +1,232 @@
+// A write that fails on the writing thread: whom it is told, that nobody waits in vain, and that a
+// reopened storage holds everything that OnWriteToFile reported.
+#include <chrono>
+
+#include "engine/async_fixture.h"
+#include "support/file_bytes.h"
+
+namespace k9erepl::test {
+namespace {
+
+// Nobody may wait out the 60 seconds after which a client gives the writing thread up.
+class AsyncWriteFailure : public AsyncStorageTest {
+  protected:
+    ~AsyncWriteFailure() override {
+        EXPECT_LT(std::chrono::steady_clock::now() - m_began, std::chrono::seconds(30));
+    }
+
+  private:
+    const std::chrono::steady_clock::time_point m_began = std::chrono::steady_clock::now();
+};
+
+// One record in the file; the write of a second one has failed.
+struct WithFailedWrite : TestStorage {
+    explicit WithFailedWrite(WriteGate& gate, std::string_view more = "")
+        : TestStorage(AsyncSettings(100, more)) {
+        InsertCommitted({"one"});
+        EXPECT_EQ(WaitForWriter(), RC_OK);
+        gate.Shut();
+        InsertCommitted({"two"});
+        FailWrite(1);
+        gate.Open();
+        EXPECT_EQ(WaitForWriter(), RC_SYSTEM_ERROR);
+    }
+    void ExpectOnlyTheFirstForLife() {
+        Reopen();
+        EXPECT_EQ(Texts(), Strings({"one"}));
+        InsertCommitted({"goes on"});
+        Reopen();
+        EXPECT_EQ(Texts(), Strings({"one", "goes on"}));
+        EXPECT_EQ(FileItems(*this), Strings({"c0", "r1", "c1", "r2", "c2"}));
+    }
+};
+
+// The same with a transaction that was open before the write failed.
+struct WithOpenTransaction : TestStorage {
+    explicit WithOpenTransaction(WriteGate& gate) : TestStorage(AsyncSettings(100)) {
+        InsertCommitted({"one"});
+        EXPECT_EQ(WaitForWriter(), RC_OK);
+        gate.Shut();
+        InsertCommitted({"two"});
+        EXPECT_EQ(Begin(), RC_OK);
+        EXPECT_EQ(Insert("three"), RC_OK);
+        FailWrite(1);
+        gate.Open();
+        EXPECT_EQ(WaitForWriter(), RC_SYSTEM_ERROR);
+    }
+};
+
+}  // namespace
+
+TEST_F(AsyncWriteFailure, IsToldToTheNextTransaction) {
+    WithFailedWrite storage(m_gate);
+    EXPECT_EQ(storage.State(), StorageState::kOpen) << "nobody was told yet";
+    EXPECT_EQ(storage.Texts(), Strings({"one", "two"}));
+    const LogCapture log;
+    EXPECT_EQ(storage.Begin(), RC_SYSTEM_ERROR);
+    EXPECT_EQ(log.CodeOf("Failed to begin trans in solid storage"), RC_SYSTEM_ERROR) << log;
+    EXPECT_EQ(storage.State(), StorageState::kBroken);
+    EXPECT_EQ(storage.Insert("three"), RC_WRONG_STATE);
+    storage.ExpectOnlyTheFirstForLife();
+}
+
+TEST_F(AsyncWriteFailure, IsToldToTheNextInsertion) {
+    WithFailedWrite storage(m_gate);
+    EXPECT_EQ(storage.Insert("three"), RC_SYSTEM_ERROR);
+    storage.ExpectOnlyTheFirstForLife();
+}
+
+TEST_F(AsyncWriteFailure, IsToldToEveryCommitOfAnOpenTransaction) {
+    WithOpenTransaction storage(m_gate);
+    for (int i = 0; i < 3; ++i) {
+        const LogCapture log;
+        EXPECT_EQ(storage.Commit(), RC_SYSTEM_ERROR);
+        EXPECT_EQ(log.CodeOf("Failed to flush data"), RC_SYSTEM_ERROR) << log;
+        EXPECT_EQ(storage.State(), StorageState::kFlushFailed);
+    }
+    storage.Reopen();
+    EXPECT_EQ(storage.Texts(), Strings({"one"}));
+}
+
+TEST_F(AsyncWriteFailure, LetsAnOpenTransactionBeRolledBack) {
+    WithOpenTransaction storage(m_gate);
+    ASSERT_EQ(storage.Commit(), RC_SYSTEM_ERROR);
+    EXPECT_EQ(storage.Rollback(), RC_OK);
+    EXPECT_EQ(storage.State(), StorageState::kOpen);
+    EXPECT_EQ(storage.Texts(), Strings({"one", "two"}));
+    EXPECT_EQ(storage.Begin(), RC_SYSTEM_ERROR);
+    storage.Reopen();
+    EXPECT_EQ(storage.Texts(), Strings({"one"}));
+}
+
+TEST_F(AsyncWriteFailure, IsToldToTheIdleFlush) {
+    SetTickCount(1000);
+    TestStorage storage(
+        "async_mode=yes;flush_mode=PerTrans;flush_trans_num=-1;flush_timeout=1000;");
+    storage.InsertMany(1);
+    AdvanceTickCount(1000);
+    ShutGate();
+    ASSERT_EQ(storage.DataSource().FlushOnIdle(), RC_OK);
+    storage.InsertMany(1);
+    FailWrite(1);
+    OpenGate();
+    EXPECT_EQ(storage.WaitForWriter(), RC_SYSTEM_ERROR);
+    AdvanceTickCount(1000);
+    EXPECT_EQ(storage.DataSource().FlushOnIdle(), RC_SYSTEM_ERROR);
+    EXPECT_EQ(storage.State(), StorageState::kFlushFailed);
+    EXPECT_EQ(storage.Commit(), RC_NO_TRANSACTION);
+    EXPECT_EQ(storage.State(), StorageState::kFlushFailed);
+}
+
+TEST_F(AsyncWriteFailure, IsToldToHeaderChanges) {
+    WithFailedWrite storage(m_gate);
+    EXPECT_EQ(K9eReplStorageSetLifenum(storage.Handle(), 5), RC_SYSTEM_ERROR);
+    EXPECT_EQ(storage.Clear(1, kMark), RC_SYSTEM_ERROR);
+    storage.ExpectOnlyTheFirstForLife();
+    EXPECT_EQ(storage.Lifenum(), 0U);
+    EXPECT_EQ(storage.RevisionMark(), 0);
+}
+
+TEST_F(AsyncWriteFailure, IsToldToEveryClear) {
+    for (const u32 mode : {kLogical, kSqueeze, kSqueezeBackup}) {
+        for (const i64 rev : {2, 3}) {
+            WithFailedWrite storage(m_gate);
+            EXPECT_EQ(storage.Clear(rev, mode), RC_SYSTEM_ERROR);
+            EXPECT_NE(storage.State(), StorageState::kOpen);
+            storage.ExpectOnlyTheFirstForLife();
+        }
+    }
+}
+
+TEST_F(AsyncWriteFailure, IsToldToATruncation) {
+    WithFailedWrite storage(m_gate);
+    EXPECT_EQ(storage.Truncate(), RC_SYSTEM_ERROR);
+    EXPECT_EQ(storage.State(), StorageState::kBroken);
+    storage.ExpectOnlyTheFirstForLife();
+}
+
+// What a clear of its own writes, not only what was queued before it.
+TEST_F(AsyncWriteFailure, OfACommitBlockOfALogicalClearIsToldToTheClear) {
+    for (const u32 mode : {kLogical, kSqueeze, kSqueezeBackup}) {
+        ClearableStorage storage(AsyncKeeping(1));
+        storage.Put(9);
+        storage.Settle();
+        FailWrite(1);
+        EXPECT_EQ(storage.Clear(4, mode), RC_SYSTEM_ERROR);
+        EXPECT_EQ(storage.State(), StorageState::kBroken);
+        storage.Reopen();
+        storage.ExpectContentForLife();
+    }
+}
+
+TEST_F(AsyncWriteFailure, LeavesTheRestInMemoryUnwrittenAtClosing) {
+    WithFailedWrite storage(m_gate, "force_flush=yes;");
+    const u32 writes = CallCount(SystemCall::kWrite);
+    storage.Object().SolidStorage().Close();
+    EXPECT_EQ(CallCount(SystemCall::kWrite), writes);
+    storage.Close();
+    ASSERT_EQ(storage.TryOpenAndLoad(), RC_OK);
+    EXPECT_EQ(storage.Texts(), Strings({"one"}));
+}
+
+// --- Everything acknowledged -------------------------------------------------------------------
+
+namespace {
+
+struct WriteFault {
+    const char* name;
+    u32 bytes;  // that the failing write takes all the same
+    std::string settings;
+};
+
+class AcknowledgedByOnWriteToFile : public ::testing::TestWithParam<WriteFault> {
+  protected:
+    // Inserts until somebody is told of the fault at the n-th write; the revision that was reported
+    // last. False when 40 insertions make fewer writes.
+    static bool InsertUntilToldOf(u32 nth, TestStorage& storage) {
+        if (GetParam().bytes == 0) {
+            FailWrite(nth);
+        } else {
+            ShortWrite(nth, GetParam().bytes);
+        }
+        bool told = false;
+        for (u32 n = 1; n <= 40 && !told; ++n) {
+            told = storage.Insert("r" + std::to_string(n)) != RC_OK;
+        }
+        told = told || storage.WaitForWriter() != RC_OK;
+        storage.Close();
+        StopFailing(SystemCall::kWrite);
+        return told;
+    }
+
+    const ScopedSystemCalls m_systemCalls;
+};
+
+INSTANTIATE_TEST_SUITE_P(Fault, AcknowledgedByOnWriteToFile,
+                         ::testing::Values(WriteFault{"Failed", 0, ""}, WriteFault{"Short", 20, ""},
+                                           WriteFault{"Unbuffered", 0, "async_buffer_size=0;"},
+                                           WriteFault{"UnbufferedShort", 10,
+                                                      "async_buffer_size=0;"}),
+                         [](const auto& fault) { return fault.param.name; });
+
+}  // namespace
+
+TEST_P(AcknowledgedByOnWriteToFile, IsThereAfterReopening) {
+    const LogCapture quiet({"no module"});
+    for (u32 nth = 1; nth <= 12; ++nth) {
+        Notified written;
+        TestStorage storage(AsyncSettings(2, GetParam().settings));
+        written.SetAsOnWriteToFile(storage);
+        const bool told = InsertUntilToldOf(nth, storage);
+        EXPECT_TRUE(told || nth > 1);
+        ASSERT_EQ(storage.TryOpenAndLoad(), RC_OK);
+        const Strings texts = storage.Texts();
+        const std::size_t reported =
+            written.Calls().empty() ? 0 : static_cast<std::size_t>(written.Calls().back());
+        EXPECT_EQ(texts, Numbered(static_cast<u32>(texts.size())));
+        EXPECT_GE(texts.size(), reported);
+        EXPECT_TRUE(told || texts.size() == 40);
+    }
+}
+
+}  // namespace k9erepl::test
