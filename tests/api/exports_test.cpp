@@ -70,6 +70,7 @@ TEST(CloseExport, AnswersOkAlsoWhenItDestroysTheStorage) {
 TEST(GetLLStorageExport, HandsOutTheFileOfTheStorage) {
     TestStorage storage(kFlushAlways);
     storage.InsertCommitted({"one", "two"});
+    EXPECT_EQ(storage.WaitForWriter(), RC_OK);
     void* out = nullptr;
     ASSERT_EQ(K9eReplStorageGetLLStorage(storage.Handle(), &out), RC_OK);
     auto* file = static_cast<IK9eReplLLStorage*>(out);

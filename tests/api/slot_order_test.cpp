@@ -89,12 +89,16 @@ TEST_F(SlotOrder, OfTheOtherOperationsOfAStorage) {
     EXPECT_EQ(slots.getLifenum(handle, &lifenum), RC_OK);
     EXPECT_EQ(lifenum, 5U);
     EXPECT_EQ(slots.load(handle), RC_ALREADY);
-    EXPECT_EQ(slots.truncate(handle), RC_NOT_SUPPORTED);
-    EXPECT_EQ(slots.clearOldRev(handle, 1, 0), RC_NOT_SUPPORTED);
-    EXPECT_EQ(slots.getClearOldRev(handle, &rev), RC_OK);
-    EXPECT_EQ(rev, 77);
     EXPECT_EQ(slots.getNextRev(handle, &rev), RC_OK);
     EXPECT_EQ(rev, 1);
+    EXPECT_EQ(slots.getClearOldRev(handle, &rev), RC_OK);
+    EXPECT_EQ(rev, 77);
+    EXPECT_EQ(slots.clearOldRev(handle, 78, static_cast<u32>(ClearMode::kMark)), RC_OK);
+    EXPECT_EQ(slots.getClearOldRev(handle, &rev), RC_OK);
+    EXPECT_EQ(rev, 78);
+    EXPECT_EQ(slots.truncate(handle), RC_OK);
+    EXPECT_EQ(slots.getClearOldRev(handle, &rev), RC_OK);
+    EXPECT_EQ(rev, 0) << "a truncation forgets it";
     EXPECT_EQ(slots.getDS(handle, &found), RC_OK);
     EXPECT_EQ(found, source);
 }
@@ -108,6 +112,7 @@ TEST_F(SlotOrder, OfTheCallbackSetters) {
     EXPECT_EQ(written.Calls(), Revs());
     EXPECT_EQ(StorageAccess::Flush(storage.Object()), RC_OK);
     EXPECT_EQ(flushed.Calls(), Revs({1}));
+    EXPECT_EQ(storage.WaitForWriter(), RC_OK);
     EXPECT_EQ(written.Calls(), Revs({1}));
     EXPECT_EQ(slots.setOnFlushCallback(handle, nullptr, nullptr), RC_OK);
     EXPECT_EQ(slots.setOnWriteToFileCallback(handle, nullptr, nullptr), RC_OK);

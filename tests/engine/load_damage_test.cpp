@@ -13,6 +13,10 @@
 namespace k9erepl::test {
 namespace {
 
+// Loading writes nothing: the second run of these tests, with the asynchronous writer, passes most
+// places over.
+const u32 kStride = RunsAsynchronously() ? 23 : 1;
+
 // Three transactions of seven records; the first, the fourth and the last fill a block.
 class LoadOfDamage : public ::testing::TestWithParam<const char*> {
   protected:
@@ -103,8 +107,8 @@ class LoadOfDamage : public ::testing::TestWithParam<const char*> {
 };
 
 TEST_P(LoadOfDamage, CutAnywhereKeepsWhatWasCommitted) {
-    for (i64 size = 0; size <= m_file.Size(); ++size) {
-        if (size == 40) {
+    for (i64 size = 0; size <= m_file.Size(); size += kStride) {
+        if (size > 40 && size < 1020) {
             size = 1020;
         }
         const std::vector<u8> bytes(m_file.Bytes().begin(), m_file.Bytes().begin() + size);
@@ -119,7 +123,7 @@ TEST_P(LoadOfDamage, CutAnywhereKeepsWhatWasCommitted) {
 }
 
 TEST_P(LoadOfDamage, CutAnywhereAndFilledWithZerosKeepsWhatWasCommitted) {
-    for (i64 size = 1060; size <= m_file.Size(); size += 3) {
+    for (i64 size = 1060; size <= m_file.Size(); size += 3 * kStride) {
         std::vector<u8> bytes(m_file.Bytes().begin(), m_file.Bytes().begin() + size);
         bytes.resize(4096);
         ASSERT_EQ(TryLoad(bytes), RC_OK) << size;
@@ -130,9 +134,9 @@ TEST_P(LoadOfDamage, CutAnywhereAndFilledWithZerosKeepsWhatWasCommitted) {
 }
 
 TEST_P(LoadOfDamage, WithAnyBitFlippedServesNothingStrange) {
-    for (std::size_t bit = 0; bit < m_file.Bytes().size() * 8; ++bit) {
+    for (std::size_t bit = 0; bit < m_file.Bytes().size() * 8; bit += kStride) {
         // Of the header only the first fields are looked at, of long data only a part.
-        if (bit == 24 * 8) {
+        if (bit >= 24 * 8 && bit < 1024 * 8) {
             bit = 1024 * 8;
         }
         std::vector<u8> bytes = m_file.Bytes();
@@ -144,7 +148,7 @@ TEST_P(LoadOfDamage, WithAnyBitFlippedServesNothingStrange) {
         EXPECT_TRUE(rc == RC_OK || rc == RC_INVALID_ARG || rc == RC_FILE_CORRUPT) << rc;
         if (rc == RC_OK) {
             EXPECT_TRUE(IsRunWithOneChange(m_storage.Records()));
-            if (bit % 5 == 0) {
+            if (bit % 5 == 0 || RunsAsynchronously()) {
                 ExpectItGoesOn();
             }
         }

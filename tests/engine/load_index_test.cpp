@@ -263,7 +263,7 @@ TEST_F(LoadThroughIndex, CutAnywhereLoadsTheSame) {
 
 TEST_F(LoadThroughIndex, WithAnyBitFlippedLoadsTheSame) {
     const std::vector<u8> good = IndexBytes({m_entries.begin(), m_entries.begin() + 3});
-    for (std::size_t bit = 0; bit < good.size() * 8; ++bit) {
+    for (std::size_t bit = 0; bit < good.size() * 8; bit += RunsAsynchronously() ? 23 : 1) {
         std::vector<u8> bytes = good;
         bytes[bit / 8] = static_cast<u8>(bytes[bit / 8] ^ (1U << bit % 8));
         WriteBytes(IndexPath(m_storage), bytes);

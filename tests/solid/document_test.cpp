@@ -92,7 +92,7 @@ class StorageDocument : public SolidTest {
 TEST_F(StorageDocument, ShowsTheBytesThatTheCodeWrites) {
     WriteExample();
     EXPECT_EQ(m_files.at(0).size(), 1200U);
-    EXPECT_EQ(m_files.at(0), ReadBytes(Path()));
+    EXPECT_EQ(m_files.at(0), WrittenBytes());
 }
 
 TEST_F(StorageDocument, ShowsTheBytesThatASqueezeLeaves) {
@@ -102,7 +102,7 @@ TEST_F(StorageDocument, ShowsTheBytesThatASqueezeLeaves) {
         m_solid.Squeeze(
             {.clearRev = 3, .copyFrom = 0x475, .commitOffset = 0x490, .keepBackup = true}, &shift),
         RC_OK);
-    EXPECT_EQ(m_files.at(1), ReadBytes(Path()));
+    EXPECT_EQ(m_files.at(1), WrittenBytes());
     EXPECT_EQ(m_files.at(0), ReadBytes(Path() + ".backup"));
 }
 

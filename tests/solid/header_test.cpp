@@ -22,11 +22,11 @@ class HeaderAccess : public SolidTest {
     }
     // An operation that must fail with RC_SYSTEM_ERROR and this one message; nothing is changed.
     void ExpectFailure(const std::function<u32()>& operation, const std::string& message) {
-        const std::vector<u8> before = ReadBytes(Path());
+        const std::vector<u8> before = WrittenBytes();
         EXPECT_EQ(operation(), RC_SYSTEM_ERROR);
         EXPECT_EQ(m_log.Texts(K9SYS_LOG_ERROR), Texts{message});
         EXPECT_EQ(m_log.CodeOf(message), RC_SYSTEM_ERROR);
-        EXPECT_EQ(ReadBytes(Path()), before);
+        EXPECT_EQ(WrittenBytes(), before);
     }
     u32 Get() {
         u32 lifenum = 0;
@@ -42,24 +42,24 @@ TEST_F(HeaderAccess, BeginsWithZeros) {
 }
 
 TEST_F(HeaderAccess, KeepsALifenumInItsFourBytes) {
-    std::vector<u8> expected = ReadBytes(Path());
+    std::vector<u8> expected = WrittenBytes();
     EXPECT_EQ(m_solid.SetLifenum(0xA1B2C3D4), RC_OK);
     EXPECT_EQ(Lifenum(), 0xA1B2C3D4U);
     expected[12] = 0xD4;
     expected[13] = 0xC3;
     expected[14] = 0xB2;
     expected[15] = 0xA1;
-    EXPECT_EQ(ReadBytes(Path()), expected);
+    EXPECT_EQ(WrittenBytes(), expected);
 }
 
 TEST_F(HeaderAccess, KeepsARevisionMarkInItsEightBytes) {
-    std::vector<u8> expected = ReadBytes(Path());
+    std::vector<u8> expected = WrittenBytes();
     EXPECT_EQ(m_solid.SetClearOldRev(0x0102030405060708), RC_OK);
     EXPECT_EQ(ClearOldRev(), 0x0102030405060708);
     for (u8 i = 0; i < 8; ++i) {
         expected[16 + i] = static_cast<u8>(8 - i);
     }
-    EXPECT_EQ(ReadBytes(Path()), expected);
+    EXPECT_EQ(WrittenBytes(), expected);
 }
 
 TEST_F(HeaderAccess, SurvivesAReopening) {
@@ -74,7 +74,7 @@ TEST_F(HeaderAccess, LeavesTheReservedBytesAsTheyAre) {
     PatchBytes(Path(), 24, std::vector<u8>(1000, 0x77));
     EXPECT_EQ(m_solid.SetLifenum(5), RC_OK);
     EXPECT_EQ(m_solid.SetClearOldRev(6), RC_OK);
-    const std::vector<u8> bytes = ReadBytes(Path());
+    const std::vector<u8> bytes = WrittenBytes();
     EXPECT_EQ(std::vector<u8>(bytes.begin() + 24, bytes.begin() + 1024),
               std::vector<u8>(1000, 0x77));
 }
@@ -82,7 +82,7 @@ TEST_F(HeaderAccess, LeavesTheReservedBytesAsTheyAre) {
 TEST_F(HeaderAccess, KeepsReservedZerosZero) {
     EXPECT_EQ(m_solid.SetLifenum(5), RC_OK);
     EXPECT_EQ(m_solid.SetClearOldRev(6), RC_OK);
-    const std::vector<u8> bytes = ReadBytes(Path());
+    const std::vector<u8> bytes = WrittenBytes();
     EXPECT_EQ(std::vector<u8>(bytes.begin() + 24, bytes.begin() + 1024), std::vector<u8>(1000, 0));
 }
 

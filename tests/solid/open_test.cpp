@@ -27,6 +27,7 @@ class OpenSolid : public SolidTest {
 };
 
 TEST_F(OpenSolid, LogsItsDefaults) {
+    SKIP_WHEN_ASYNC("the default of async_mode");
     EXPECT_EQ(Logged(K9SYS_LOG_INFO, ""),
               (Texts{"Use default force_flush 'no'", "Use default write_through 'no'",
                      "Use default async_mode 'no'", "Use default read_buffers_count 8"}));
@@ -51,6 +52,7 @@ TEST_F(OpenSolid, ComparesOnlyThePrefixOfYesAndNo) {
 }
 
 TEST_F(OpenSolid, TreatsAnEmptySettingAsAbsent) {
+    SKIP_WHEN_ASYNC("the default of async_mode");
     const Texts texts = Logged(K9SYS_LOG_INFO, "force_flush=;write_through=;file_size_delta=");
     EXPECT_EQ(m_result, RC_OK);
     ASSERT_GE(texts.size(), 3U);
@@ -132,13 +134,14 @@ TEST_F(OpenSolid, ClosesItsHandlesWhenItEnds) {
 }
 
 TEST_F(OpenSolid, ForgetsTheSettingsOfTheOpeningBefore) {
+    SKIP_WHEN_ASYNC("a flush to the disk by each commit");
     Open("force_flush=yes;file_size_delta=1");
     m_solid.Close();
     Open();
     ASSERT_EQ(Scanned(), Items{"commit 0 0"});
     WriteTransaction(1, "one");
     EXPECT_EQ(CallCount(SystemCall::kFlush), 0U);
-    EXPECT_EQ(FileSize(Path()), 1056 + 27 + 32);
+    EXPECT_EQ(WrittenSize(), 1056 + 27 + 32);
 }
 
 TEST_F(OpenSolid, ForgetsWhatTheScanBeforeHasFound) {
@@ -150,7 +153,7 @@ TEST_F(OpenSolid, ForgetsWhatTheScanBeforeHasFound) {
     Open(FileBuilder().NewFile());
     EXPECT_EQ(FlushedRev(), 0);
     EXPECT_EQ(WriteTransaction(1, ""), 1056);
-    const auto block = LoadUnaligned<TCommitBlock>(ReadBytes(Path()).data() + 1080);
+    const auto block = LoadUnaligned<TCommitBlock>(WrittenBytes().data() + 1080);
     EXPECT_EQ(i64{block.clearRev}, 0);
     EXPECT_EQ(u32{block.prevSequence}, 0U);
 }

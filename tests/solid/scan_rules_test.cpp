@@ -198,7 +198,7 @@ TEST_F(ScanRules, LoadedSequenceAndClearRevisionGoIntoTheNextCommitBlock) {
     EXPECT_EQ(WriteTransaction(6, "six"), file.Size());
     TCommitBlock expected = Linked(file, 3, 6);
     expected.sequence = 0xABCD;
-    EXPECT_EQ(ReadBytes(Path()), file.Record(6, "six").RawCommit(expected).Bytes());
+    EXPECT_EQ(WrittenBytes(), file.Record(6, "six").RawCommit(expected).Bytes());
 }
 
 }  // namespace

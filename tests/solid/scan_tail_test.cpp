@@ -11,8 +11,8 @@ class ScanTail : public SolidTest {
 
     ScanTail() { m_firstTransaction.resize(4); }
 
-    std::vector<u8> Tail(i64 offset) const {
-        const std::vector<u8> bytes = ReadBytes(Path());
+    std::vector<u8> Tail(i64 offset) {
+        const std::vector<u8> bytes = WrittenBytes();
         return {bytes.begin() + offset, bytes.end()};
     }
     static bool AllZero(const std::vector<u8>& bytes) {
@@ -73,7 +73,7 @@ TEST_F(ScanTail, StaysAsItIsUntilTheFirstWrite) {
     const std::vector<u8> before = TwoTransactions().CutTo(1190).Bytes();
     Open(TwoTransactions().CutTo(1190));
     Scanned();
-    EXPECT_EQ(ReadBytes(Path()), before);
+    EXPECT_EQ(WrittenBytes(), before);
 }
 
 TEST_F(ScanTail, IsZeroedBeforeTheFirstWrite) {
@@ -81,7 +81,7 @@ TEST_F(ScanTail, IsZeroedBeforeTheFirstWrite) {
     Scanned();
     EXPECT_EQ(WriteTransaction(3, "x"), kFirstEnd);
     EXPECT_TRUE(AllZero(Tail(kFirstEnd + 25 + 32)));
-    EXPECT_EQ(FileSize(Path()), 6190);
+    EXPECT_EQ(WrittenSize(), 6190);
     EXPECT_TRUE(m_log.Has("Abandoned data was cleared;offset 1142,file size 6190")) << m_log;
     WriteTransaction(4, "y");
     EXPECT_EQ(Zeroings(), 1U);

@@ -63,7 +63,11 @@ Items TwoTransactionsItems() {
 }
 
 std::string SolidTest::Conn(const std::string& settings) const {
-    return "file=" + Path() + (settings.empty() ? "" : ";" + settings);
+    std::string conn = "file=" + Path();
+    for (const std::string& more : {settings, std::string(WriterSetting())}) {
+        conn += more.empty() ? "" : ";" + more;
+    }
+    return conn;
 }
 
 u32 SolidTest::TryOpen(const std::string& settings) {
@@ -135,7 +139,22 @@ Items SolidTest::ScannedFrom(i64 startOffset) {
     return m_items;
 }
 
+std::vector<u8> SolidTest::WrittenBytes() {
+    m_solid.CompleteAsyncTasks();
+    return ReadBytes(Path());
+}
+
+Texts SolidTest::LoggedTexts() const {
+    Texts texts = m_log.Texts();
+    std::erase_if(texts, [](const std::string& text) {
+        return text.starts_with("Writing thread ") || text.starts_with("Memory block allocated ") ||
+               text == "Wait for finish async operations - OK";
+    });
+    return texts;
+}
+
 Items SolidTest::ItemsOfFile() {
+    m_solid.CompleteAsyncTasks();
     CSolidStorage other;
     EXPECT_EQ(other.Open(Path(), Conn().c_str()), RC_OK) << m_log;
     m_items.clear();
@@ -165,8 +184,12 @@ i64 SolidTest::WriteRecord(i64 rev, std::string_view data, bool commit, u32 user
         commit ? reinterpret_cast<TCommitBlock*>(bytes.data() + bytes.size() - kCommitBlockSize)
                : nullptr;
     std::atomic<i64> position{kUnknownOffset};
-    m_writeResult = m_solid.WriteItems(bytes.data(), static_cast<u32>(bytes.size()), block, nullptr,
+    K9eReplBlock head{};
+    m_writeResult = m_solid.WriteItems(bytes.data(), static_cast<u32>(bytes.size()), block, &head,
                                        rev, &position);
+    if (m_writeResult == RC_OK) {
+        m_writeResult = m_solid.CompleteAsyncTasks();
+    }
     return position;
 }
 

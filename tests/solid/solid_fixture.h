@@ -16,6 +16,7 @@
 #include "support/log_capture.h"
 #include "support/storage_file_builder.h"
 #include "support/temp_folder.h"
+#include "support/writer_mode.h"
 
 namespace k9erepl::test {
 
@@ -44,7 +45,7 @@ inline constexpr i64 kTwoTransactionsEnd = 1203;
 class SolidTest : public ::testing::Test {
   protected:
     std::string Path() const { return m_folder.File("data.edb"); }
-    // "file=<path>" and the settings behind it.
+    // "file=<path>", the settings and the writer that support/writer_mode.h says.
     std::string Conn(const std::string& settings = "") const;
 
     u32 TryOpen(const std::string& settings = "");
@@ -60,8 +61,14 @@ class SolidTest : public ::testing::Test {
     // A scan that must succeed; what it handed out.
     Items Scanned();
     Items ScannedFrom(i64 startOffset);
-    // Opens and scans the file at Path() with an object of its own.
+    // Opens and scans the file at Path() with an object of its own, when the writer has nothing
+    // more to write.
     Items ItemsOfFile();
+    // The file at Path() then.
+    std::vector<u8> WrittenBytes();
+    i64 WrittenSize() { return static_cast<i64>(WrittenBytes().size()); }
+    // What was logged, but for the asynchronous writer's own messages.
+    Texts LoggedTexts() const;
 
     // Enumerates and collects in m_items; the result code. m_completed is the completed flag.
     u32 Enumerate(const FileEnumRange& range);
@@ -71,8 +78,8 @@ class SolidTest : public ::testing::Test {
     // An enumeration that must succeed, whole; what it handed out.
     Items Enumerated(i64 fromRev, i64 toRev);
 
-    // A write of one record and, if `commit`, of a commit block behind it, in one piece; returns
-    // the offset where it went, or -1 when it failed with m_writeResult.
+    // A write of one record and, if `commit`, of a commit block behind it, in one piece; waits for
+    // the writer. Returns the offset where it went, or -1 when it failed with m_writeResult.
     i64 WriteRecord(i64 rev, std::string_view data, bool commit = true, u32 userWord = 0);
     // BeginTransaction, WriteRecord and Commit, which must succeed.
     i64 WriteTransaction(i64 rev, std::string_view data);

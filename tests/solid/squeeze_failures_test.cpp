@@ -105,7 +105,7 @@ class SqueezeFailure : public SqueezeTest {
     Texts Errors() const { return m_log.Texts(K9SYS_LOG_ERROR); }
     // Nothing but the storage file lies in the folder, and that is the old one.
     void ExpectOnlyTheOldFile(Left left) {
-        EXPECT_EQ(ReadBytes(Path()), BytesLeft(left));
+        EXPECT_EQ(WrittenBytes(), BytesLeft(left));
         EXPECT_FALSE(Exists(Temporary()));
         EXPECT_FALSE(Exists(Backup()));
     }
@@ -132,7 +132,7 @@ TEST_P(SqueezeStep, IsReported) {
 TEST_P(SqueezeStep, LeavesWholeFiles) {
     const std::size_t descriptors = OpenDescriptors();
     EXPECT_EQ(FailedSqueeze(), RC_SYSTEM_ERROR);
-    EXPECT_EQ(ReadBytes(Path()), BytesLeft(GetParam().left));
+    EXPECT_EQ(WrittenBytes(), BytesLeft(GetParam().left));
     EXPECT_FALSE(Exists(Temporary()));
     EXPECT_EQ(Exists(Backup()), GetParam().left == Left::kNew);
     EXPECT_EQ(m_solid.IsOpen(), GetParam().open);
@@ -169,6 +169,7 @@ INSTANTIATE_TEST_SUITE_P(Steps, SqueezeStep, ::testing::ValuesIn(kSteps),
                          [](const auto& step) { return std::string(step.param.name); });
 
 TEST_F(SqueezeFailure, IsTriedForEveryCallThatItMakes) {
+    SKIP_WHEN_ASYNC("the number of calls");
     struct Kind {
         SystemCall call;
         u32 others;  // tried by a test of its own, or without effect
@@ -205,6 +206,7 @@ TEST_F(SqueezeFailure, IsTriedForEveryCallThatItMakes) {
 // --- The rest ----------------------------------------------------------------------------------
 
 TEST_F(SqueezeFailure, OfTheClearRevisionsWrite) {
+    SKIP_WHEN_ASYNC("a failed write is reported by the operation that made it");
     FailWrite(1);
     EXPECT_EQ(Squeeze(), RC_SYSTEM_ERROR);
     EXPECT_EQ(Errors(), (Texts{"Cannot write data;" + SysErr(SystemErrorKind::kNoSpace),
@@ -216,6 +218,7 @@ TEST_F(SqueezeFailure, OfTheClearRevisionsWrite) {
 }
 
 TEST_F(SqueezeFailure, OfTheClearRevisionsForcedFlush) {
+    SKIP_WHEN_ASYNC("a flush to the disk by each commit");
     OpenScanned(ThreeTransactions(), "force_flush=yes");
     FailFlush(1);
     EXPECT_EQ(Squeeze(), RC_SYSTEM_ERROR);
@@ -234,7 +237,7 @@ TEST_F(SqueezeFailure, OfALeftoverTemporaryFile) {
     EXPECT_EQ(m_log.CodeOf(text), RC_SYSTEM_ERROR);
     EXPECT_EQ(ReadText(Temporary()), "left over");
     EXPECT_TRUE(m_solid.IsOpen());
-    EXPECT_EQ(ReadBytes(Path()), RaisedBytes());
+    EXPECT_EQ(WrittenBytes(), RaisedBytes());
 }
 
 TEST_F(SqueezeFailure, OfTheInitialSize) {
@@ -301,7 +304,7 @@ TEST_F(SqueezeFailure, WithATemporaryFileThatCannotBeDeleted) {
 }
 
 TEST_F(SqueezeFailure, OfTheFirstBytesMemory) {
-    FailAlloc(1);
+    FailAlloc(RunsAsynchronously() ? 2 : 1);  // the queue copies the commit block first
     EXPECT_EQ(Squeeze(), RC_NO_MEMORY);
     EXPECT_TRUE(m_solid.IsOpen());
     ExpectOnlyTheOldFile(Left::kRaised);
@@ -320,7 +323,7 @@ TEST_F(SqueezeFailure, OfClosingChangesNothing) {
         OpenScanned(ThreeTransactions());
         Fail(kClose, nth);
         EXPECT_EQ(Squeeze(), RC_OK);
-        EXPECT_EQ(ReadBytes(Path()), NewBytes());
+        EXPECT_EQ(WrittenBytes(), NewBytes());
     }
 }
 
@@ -369,7 +372,7 @@ TEST_F(SqueezeFailure, OfTheDirectoryWithoutABackupLeavesTheNewFile) {
     EXPECT_EQ(Squeeze(false), RC_SYSTEM_ERROR);
     EXPECT_EQ(Errors(), Texts{"Cannot flush directory of file '" + Path() + "';" + m_ioError});
     EXPECT_FALSE(m_solid.IsOpen());
-    EXPECT_EQ(ReadBytes(Path()), NewBytes());
+    EXPECT_EQ(WrittenBytes(), NewBytes());
     EXPECT_FALSE(Exists(Temporary()));
     ExpectNothingLost();
 }

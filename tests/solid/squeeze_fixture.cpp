@@ -84,7 +84,7 @@ void SqueezeTest::ExpectNothingLost() {
 }
 
 Texts SqueezeTest::LoggedTexts() const {
-    Texts texts = m_log.Texts();
+    Texts texts = SolidTest::LoggedTexts();
     std::erase_if(texts, [](const std::string& text) {
         return text.starts_with("Write to Handle") || text.starts_with("Written data size");
     });

@@ -15,13 +15,13 @@ TEST_F(Squeezed, KeepsTheItemsFromTheFirstKeptRecordOn) {
 
 TEST_F(Squeezed, HoldsExactlyTheseBytes) {
     EXPECT_EQ(Squeeze(), RC_OK);
-    EXPECT_EQ(ReadBytes(Path()), NewBytes());
+    EXPECT_EQ(WrittenBytes(), NewBytes());
 }
 
 TEST_F(Squeezed, BeginsWithACommitBlockThatTheFirstKeptOneLinksTo) {
     PatchBytes(Path(), kCommitOffset + 12, FileBytes{1, 2, 3, 4});
     EXPECT_EQ(Squeeze(), RC_OK);
-    const auto first = LoadUnaligned<TCommitBlock>(ReadBytes(Path()).data() + kFirstCommitOffset);
+    const auto first = LoadUnaligned<TCommitBlock>(WrittenBytes().data() + kFirstCommitOffset);
     EXPECT_EQ(u32{first.signature}, kCommitSignature);
     EXPECT_EQ(u32{first.prevSequence}, 0U);
     EXPECT_EQ(u32{first.sequence}, FileBuilder::kFirstSequence + 1);
@@ -33,9 +33,9 @@ TEST_F(Squeezed, BeginsWithACommitBlockThatTheFirstKeptOneLinksTo) {
 
 TEST_F(Squeezed, KeepsTheWholeHeader) {
     PatchBytes(Path(), 24, FileBytes(1000, 0x77));
-    const FileBytes old = ReadBytes(Path());
+    const FileBytes old = WrittenBytes();
     EXPECT_EQ(Squeeze(), RC_OK);
-    const FileBytes squeezed = ReadBytes(Path());
+    const FileBytes squeezed = WrittenBytes();
     EXPECT_EQ(FileBytes(squeezed.begin(), squeezed.begin() + kFileHeaderSize),
               FileBytes(old.begin(), old.begin() + kFileHeaderSize));
 }
@@ -114,13 +114,13 @@ TEST_F(Squeezed, OfEverythingChangesOnlyWhatItAppends) {
     EXPECT_EQ(m_shift, 0);
     FileBytes expected = RaisedBytes();
     expected.at(kOldEnd + 16) = 0;  // the clear revision
-    EXPECT_EQ(ReadBytes(Path()), expected);
+    EXPECT_EQ(WrittenBytes(), expected);
 }
 
 TEST_F(Squeezed, LeavesDeadBytesBehind) {
     OpenScanned(ThreeTransactions().Zeros(5000));
     EXPECT_EQ(Squeeze(), RC_OK);
-    EXPECT_EQ(ReadBytes(Path()), NewBytes());
+    EXPECT_EQ(WrittenBytes(), NewBytes());
 }
 
 TEST_F(Squeezed, AnnouncesItsCommitBlockOnce) {
@@ -136,7 +136,7 @@ TEST_F(Squeezed, NeedsAnOpenFile) {
     m_solid.Close();
     m_log.Clear();
     EXPECT_EQ(Squeeze(), RC_NO_WRITER);
-    EXPECT_EQ(m_log.Texts(), Texts{});
+    EXPECT_EQ(LoggedTexts(), Texts{});
     EXPECT_EQ(m_shift, 12345);
 }
 
@@ -168,7 +168,7 @@ TEST_F(Squeezed, CompletesSplitTransfers) {
     SplitRead(3, 10);
     SplitWrite(3, 10);
     EXPECT_EQ(Squeeze(), RC_OK);
-    EXPECT_EQ(ReadBytes(Path()), NewBytes());
+    EXPECT_EQ(WrittenBytes(), NewBytes());
 }
 
 // --- The size of the new file ------------------------------------------------------------------
@@ -178,18 +178,18 @@ TEST_F(Squeezed, HasTheInitialSizeFilledWithZeros) {
     EXPECT_EQ(Squeeze(), RC_OK);
     FileBytes expected = NewBytes();
     expected.resize(kMebibyte);
-    EXPECT_EQ(ReadBytes(Path()), expected);
+    EXPECT_EQ(WrittenBytes(), expected);
     EXPECT_EQ(m_solid.FileSize(), kMebibyte);
     EXPECT_EQ(WriteTransaction(6, "six"), kNewEnd);
-    EXPECT_EQ(FileSize(Path()), kMebibyte);
+    EXPECT_EQ(WrittenSize(), kMebibyte);
 }
 
 TEST_F(Squeezed, GrowsByTheStepFromItsNewSize) {
     OpenScanned(ThreeTransactions(), "file_size_delta=1");
     EXPECT_EQ(Squeeze(), RC_OK);
-    EXPECT_EQ(FileSize(Path()), kNewEnd);
+    EXPECT_EQ(WrittenSize(), kNewEnd);
     WriteTransaction(6, "six");
-    EXPECT_EQ(FileSize(Path()), kNewEnd + kMebibyte);
+    EXPECT_EQ(WrittenSize(), kNewEnd + kMebibyte);
     EXPECT_EQ(m_solid.FileSize(), kNewEnd + kMebibyte);
 }
 
@@ -209,7 +209,7 @@ class SqueezedEmpty : public SqueezeTest {
 TEST_F(SqueezedEmpty, HoldsTheHeaderTheFirstCommitBlockAndEightZeros) {
     EXPECT_EQ(SqueezeAll(), RC_OK);
     const TCommitBlock first = NewCommitBlock(ThreeTransactions().LastSequence(), 5);
-    EXPECT_EQ(ReadBytes(Path()),
+    EXPECT_EQ(WrittenBytes(),
               FileBuilder().Header(kLifenum, kClearOldRev).RawCommit(first).Zeros(8).Bytes());
     EXPECT_EQ(m_log.CountContaining("old data size: 1291, new data size: 1056"), 1U) << m_log;
     EXPECT_TRUE(m_log.Has("Copying data to temporary file; from offset 1323; size to write 0"));
@@ -241,7 +241,7 @@ TEST_F(Squeezed, AsksBeforeItReplacesTheFile) {
     EXPECT_EQ(SqueezeWith([&] {
                   ++calls;
                   EXPECT_TRUE(m_solid.IsOpen());
-                  EXPECT_EQ(ReadBytes(Path()), RaisedBytes());
+                  EXPECT_EQ(WrittenBytes(), RaisedBytes());
                   EXPECT_EQ(ReadBytes(Temporary()), NewBytes());
                   EXPECT_FALSE(Exists(Backup()));
                   return RC_OK;
@@ -267,7 +267,7 @@ TEST_F(Squeezed, IsGivenUpWhenTheAnswerIsNo) {
     EXPECT_TRUE(m_solid.IsOpen());
     EXPECT_FALSE(Exists(Temporary()));
     EXPECT_FALSE(Exists(Backup()));
-    EXPECT_EQ(ReadBytes(Path()), RaisedBytes());
+    EXPECT_EQ(WrittenBytes(), RaisedBytes());
     EXPECT_EQ(m_shift, 12345);
     EXPECT_EQ(m_log.Texts(K9SYS_LOG_ERROR), Texts{});
 }
@@ -302,7 +302,7 @@ TEST_F(SqueezedInAVisit, TheEnumerationEndsAndTheNextReadsTheNewFile) {
     EXPECT_FALSE(m_completed);
     EXPECT_EQ(m_result, RC_OK);
     EXPECT_EQ(Enumerated(1, 9), (Items{"record 4 at 1056: four", "record 5 at 1116: five"}));
-    EXPECT_EQ(ReadBytes(Path()), NewBytes());
+    EXPECT_EQ(WrittenBytes(), NewBytes());
 }
 
 TEST_F(SqueezedInAVisit, AFailureThatClosesTheFileEndsItToo) {

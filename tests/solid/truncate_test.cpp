@@ -30,11 +30,11 @@ class TruncateFile : public SolidTest {
         const std::vector<u8> old = TwoTransactions().Bytes();
         return beginning.Raw(old.data() + kNewFileSize, old.size() - kNewFileSize).Bytes();
     }
-    TCommitBlock CommitBlockAt(i64 offset) const {
-        return LoadUnaligned<TCommitBlock>(ReadBytes(Path()).data() + offset);
+    TCommitBlock CommitBlockAt(i64 offset) {
+        return LoadUnaligned<TCommitBlock>(WrittenBytes().data() + offset);
     }
-    bool AllZeroFrom(i64 offset) const {
-        const std::vector<u8> bytes = ReadBytes(Path());
+    bool AllZeroFrom(i64 offset) {
+        const std::vector<u8> bytes = WrittenBytes();
         return std::all_of(bytes.begin() + offset, bytes.end(), [](u8 byte) { return byte == 0; });
     }
 };
@@ -42,7 +42,7 @@ class TruncateFile : public SolidTest {
 TEST_F(TruncateFile, WritesAFirstCommitBlockWithTheRevision) {
     SetTimeStampCounter(0x9'0000'0077, 1);
     EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
-    EXPECT_EQ(ReadBytes(Path()), OverTwoTransactions(Beginning(0x77, 3)));
+    EXPECT_EQ(WrittenBytes(), OverTwoTransactions(Beginning(0x77, 3)));
     EXPECT_EQ(ItemsOfFile(), Items{"commit 3 3"});
 }
 
@@ -50,7 +50,7 @@ TEST_F(TruncateFile, WritesTheGivenHeaderFields) {
     SetTimeStampCounter(0x77, 1);
     EXPECT_EQ(m_solid.SetLifenum(9), RC_OK);
     EXPECT_EQ(m_solid.TruncateToClearRev(3, 5, -6), RC_OK);
-    EXPECT_EQ(ReadBytes(Path()), OverTwoTransactions(Beginning(0x77, 3, 5, -6)));
+    EXPECT_EQ(WrittenBytes(), OverTwoTransactions(Beginning(0x77, 3, 5, -6)));
 }
 
 TEST_F(TruncateFile, BeginsWithANewHeaderUnlessFieldsAreGiven) {
@@ -67,7 +67,7 @@ TEST_F(TruncateFile, BeginsWithANewHeaderUnlessFieldsAreGiven) {
 
 TEST_F(TruncateFile, SaysWhatItDid) {
     EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
-    EXPECT_EQ(m_log.Texts(), Texts{"File was truncated;clear rev 3"});
+    EXPECT_EQ(LoggedTexts(), Texts{"File was truncated;clear rev 3"});
     EXPECT_TRUE(m_log.Has(K9SYS_LOG_INFO, "File was truncated;clear rev 3"));
 }
 
@@ -129,15 +129,15 @@ TEST_F(TruncateFile, ForgetsTheTransaction) {
 TEST_F(TruncateFile, NeedsAnOpenFile) {
     m_solid.Close();
     EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_NO_WRITER);
-    EXPECT_EQ(m_log.Texts(), Texts{});
+    EXPECT_EQ(LoggedTexts(), Texts{});
 }
 
 TEST_F(TruncateFile, LeavesOldBytesUntilTheFirstWrite) {
     EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
-    EXPECT_EQ(FileSize(Path()), kTwoTransactionsEnd);
+    EXPECT_EQ(WrittenSize(), kTwoTransactionsEnd);
     EXPECT_EQ(WriteTransaction(4, "four"), kFirstItemOffset);
     EXPECT_TRUE(AllZeroFrom(kFirstItemOffset + 28 + 32));
-    EXPECT_EQ(FileSize(Path()), kTwoTransactionsEnd);
+    EXPECT_EQ(WrittenSize(), kTwoTransactionsEnd);
 }
 
 TEST_F(TruncateFile, OldItemsDoNotReturnWhenTheDataReachesThem) {
@@ -162,7 +162,7 @@ TEST_F(TruncateFile, SetsTheInitialSize) {
     EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
     std::vector<u8> expected = OverTwoTransactions(Beginning(0x77, 3));
     expected.resize(kMebibyte);
-    EXPECT_EQ(ReadBytes(Path()), expected);
+    EXPECT_EQ(WrittenBytes(), expected);
     EXPECT_EQ(m_solid.FileSize(), kMebibyte);
 }
 
@@ -171,16 +171,16 @@ TEST_F(TruncateFile, ShrinksToTheInitialSize) {
     Open(TwoTransactions().Zeros(3 * kMebibyte), "file_initial_size=1");
     EXPECT_EQ(Scan(), RC_OK);
     EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
-    EXPECT_EQ(FileSize(Path()), kMebibyte);
+    EXPECT_EQ(WrittenSize(), kMebibyte);
     WriteTransaction(4, "four");
-    EXPECT_EQ(FileSize(Path()), kMebibyte);
+    EXPECT_EQ(WrittenSize(), kMebibyte);
 }
 
 TEST_F(TruncateFile, GrowsByTheStepFromTheNewSize) {
     OpenScanned("file_size_delta=1");
     EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
     WriteTransaction(4, "four");
-    EXPECT_EQ(FileSize(Path()), kNewFileSize + kMebibyte);
+    EXPECT_EQ(WrittenSize(), kNewFileSize + kMebibyte);
     EXPECT_EQ(m_solid.FileSize(), kNewFileSize + kMebibyte);
     EXPECT_TRUE(AllZeroFrom(kFirstItemOffset + 28 + 32));
 }
@@ -190,7 +190,7 @@ TEST_F(TruncateFile, ACrashWhileOldBytesAreClearedLeavesAFileThatLoads) {
     FailSetEnd(2);
     WriteRecord(4, "four");
     EXPECT_EQ(m_writeResult, RC_SYSTEM_ERROR);
-    EXPECT_EQ(FileSize(Path()), kNewFileSize);
+    EXPECT_EQ(WrittenSize(), kNewFileSize);
     Reopen();
     i64 commitRev = 0;
     bool hasItems = true;
@@ -201,6 +201,7 @@ TEST_F(TruncateFile, ACrashWhileOldBytesAreClearedLeavesAFileThatLoads) {
 }
 
 TEST_F(TruncateFile, AFailedExtensionIsMadeGoodByTheNextWrite) {
+    SKIP_WHEN_ASYNC("a failed write may be repeated");
     EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
     FailSetEnd(2);
     WriteRecord(4, "four");
@@ -239,7 +240,7 @@ TEST_P(TruncateFailure, IsReported) {
     const std::string text =
         std::string(GetParam().message) + ";" + SysErr(SystemErrorKind::kInputOutput);
     EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_SYSTEM_ERROR);
-    EXPECT_EQ(m_log.Texts(), Texts{text});
+    EXPECT_EQ(LoggedTexts(), Texts{text});
     EXPECT_EQ(m_log.CodeOf(text), RC_SYSTEM_ERROR);
 }
 
@@ -276,10 +277,10 @@ TEST_F(TruncateFile, MakesNoOtherCallsThanTheStepsTried) {
 }
 
 TEST_F(TruncateFile, WithoutMemoryFails) {
-    const std::vector<u8> before = ReadBytes(Path());
+    const std::vector<u8> before = WrittenBytes();
     FailAlloc(1);
     EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_NO_MEMORY);
-    EXPECT_EQ(ReadBytes(Path()), before);
+    EXPECT_EQ(WrittenBytes(), before);
     EXPECT_EQ(WriteTransaction(4, "four"), kTwoTransactionsEnd);
 }
 
