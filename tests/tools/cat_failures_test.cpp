@@ -52,9 +52,9 @@ TEST_F(ToolFailure, ADamagedStorageIsToldByItsCode) {
         << run;
 }
 
-TEST_F(ToolFailure, TheAsynchronousWriterIsRefusedByItsSetting) {
+TEST_F(ToolFailure, AnUnknownWriterIsRefusedByItsSetting) {
     ASSERT_EQ(Append("one\n").exitStatus, 0);
-    const ToolRun run = Run({"stat", "--conn", Conn("async_mode=yes")});
+    const ToolRun run = Run({"stat", "--conn", Conn("async_mode=maybe")});
     EXPECT_EQ(run.exitStatus, 1);
     EXPECT_NE(run.err.find("(code 23, RC_BAD_SIZE: a setting is out of its range)"),
               std::string::npos)

@@ -10,6 +10,7 @@
 
 #include "support/file_bytes.h"
 #include "support/temp_folder.h"
+#include "support/writer_mode.h"
 #include "tools/child_process.h"
 #include "tools/pseudo_terminal.h"
 
@@ -29,9 +30,14 @@ class ToolTest : public ::testing::Test {
   protected:
     ToolTest();
 
-    // The connection string of the test's storage, `more` behind it.
+    // The connection string of the test's storage, with `more` and the writer that
+    // support/writer_mode.h says behind it.
     std::string Conn(const std::string& more = {}) const {
-        return "file=" + StorageFile() + (more.empty() ? "" : ";" + more);
+        std::string conn = "file=" + StorageFile();
+        for (const std::string& setting : {more, std::string(WriterSetting())}) {
+            conn += setting.empty() ? "" : ";" + setting;
+        }
+        return conn;
     }
     std::string StorageFile() const { return m_folder.File("data.edb"); }
     std::string File(const std::string& name) const { return m_folder.File(name); }
