@@ -59,9 +59,24 @@ static const char* UseMarks(void* handle) {
     if (K9eReplStorageGetClearOldRev(handle, &mark) != RC_OK || mark != 0) {
         return "GetClearOldRev";
     }
-    if (K9eReplStorageClearOldRev(handle, 1, 0) != RC_NOT_SUPPORTED ||
-        K9eReplStorageClearAll(handle, 0) != RC_NOT_SUPPORTED) {
-        return "ClearOldRev or ClearAll";
+    if (K9eReplStorageClearOldRev(handle, 2, K9EREPL_CLEAR_MARK) != RC_OK ||
+        K9eReplStorageGetClearOldRev(handle, &mark) != RC_OK || mark != 2) {
+        return "the revision mark";
+    }
+    return NULL;
+}
+
+/* The records 1 and 5 are there. */
+static const char* UseClears(void* handle) {
+    uint32_t bytes = 0;
+    if (K9eReplStorageClearOldRev(handle, 2, K9EREPL_CLEAR_LOGICAL) != RC_OK ||
+        K9eReplStorageEnumRecords(handle, 1, 5, CountRecord, &bytes) != RC_OK || bytes != 4) {
+        return "ClearOldRev";
+    }
+    bytes = 0;
+    if (K9eReplStorageClearAll(handle, K9EREPL_CLEAR_LOGICAL) != RC_OK ||
+        K9eReplStorageEnumRecords(handle, 1, 5, CountRecord, &bytes) != RC_OK || bytes != 0) {
+        return "ClearAll";
     }
     return NULL;
 }
@@ -87,7 +102,10 @@ static const char* UseLoaded(void* handle) {
     if (K9eReplStorageEnumRecords(handle, 1, 5, CountRecord, &bytes) != RC_OK || bytes != 8) {
         return "EnumRecords";
     }
-    return K9eReplStorageGetLLStorage(handle, &file) == RC_FILE_NOT_OPEN ? NULL : "GetLLStorage";
+    if (K9eReplStorageGetLLStorage(handle, &file) != RC_FILE_NOT_OPEN) {
+        return "GetLLStorage";
+    }
+    return UseClears(handle);
 }
 
 const char* UseEverything(void) {
