@@ -43,6 +43,7 @@ case "$preset" in
         if [ -z "${TMPDIR:-}" ] && [ -w "$memory" ] && [ "$(free_mebibytes "$memory")" -ge 4096 ]
         then
             TMPDIR="$(mktemp -d "$memory/k9erepl-tests.XXXXXX")"
+            chmod 755 "$TMPDIR"  # some tests let another user in
             export TMPDIR
             trap 'rm -rf "$TMPDIR"' EXIT
         fi
