@@ -13,6 +13,7 @@
 #include <functional>
 
 #include "support/log_capture.h"
+#include "support/writer_mode.h"
 
 namespace k9erepl::test {
 namespace {
@@ -99,7 +100,7 @@ RemovalStage::RemovalStage(const Removal& removal, const Sizes& sizes, bool forc
 }
 
 std::string RemovalStage::ConnStr(const std::string& path) const {
-    return "file=" + path + ";" + m_settings;
+    return "file=" + path + ";" + WriterSetting() + m_settings;
 }
 
 void RemovalStage::Build() {
