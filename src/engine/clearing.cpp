@@ -149,26 +149,27 @@ void CK9eReplStorage::ForgetEverything() {
     m_beginMoved = false;
 }
 
-void CK9eReplStorage::RestartIndexIfFinished() {
-    if (m_index->IsFinished()) {
-        LOG_ERROR(kLogStorage, "Index thread is finished; trying to restart");
-        m_index->Stop();
-        m_index->Start();
+// Whether it had finished; it may still be when it could not be started.
+bool CK9eReplStorage::RestartIndexIfFinished() {
+    if (!m_index->IsFinished()) {
+        return false;
     }
+    LOG_ERROR(kLogStorage, "Index thread is finished; trying to restart");
+    m_index->Stop();
+    m_index->Start();
+    return true;
 }
 
 void CK9eReplStorage::SaveIndexAfterClear(ClearMode mode) {
     RestartIndexIfFinished();
     // A save that cannot be had now is no failure of the clear: the index is only an aid.
     if (!m_index->IsFinished()) {
-        if (Squeezes(mode)) {
-            m_index->StartOver();
-            m_index->RequestSave(m_blocks.Index(), IndexSaveMode::kSync);
-        } else if (m_index->IsBusy()) {
+        if (!Squeezes(mode) && m_index->IsBusy()) {
             LOG_WARNING(kLogStorage, "Index thread is busy");
         } else {
             m_index->StartOver();
-            m_index->RequestSave(m_blocks.Index(), IndexSaveMode::kAsync);
+            m_index->RequestSave(m_blocks.Index(),
+                                 Squeezes(mode) ? IndexSaveMode::kSync : IndexSaveMode::kAsync);
         }
     }
     m_indexedCount = m_blocks.Index().size();

@@ -190,7 +190,7 @@ class CK9eReplStorage final : public IK9eReplStorage {
     u32 SqueezeFile(const ClearSearch& search, ClearMode mode, i64* shift);
     u32 RaiseClearRev(const ClearSearch& search);
     void ForgetBelow(i64 holdingKey, const ClearSearch& search, i64 shift);
-    void RestartIndexIfFinished();
+    bool RestartIndexIfFinished();
     u32 EmptyIndexFile();
     u32 TruncateFile();
 

@@ -195,14 +195,12 @@ void CK9eReplStorage::SaveIndexIfGrown() {
         return;
     }
     // A save that cannot be had now is no failure of the commit: the index is only an aid.
-    if (m_index->IsFinished()) {
-        LOG_ERROR(kLogStorage, "Index thread is finished; trying to restart");
-        m_index->Stop();
-        m_index->Start();
-    } else if (m_index->IsBusy()) {
-        LOG_WARNING(kLogStorage, "Index thread is busy");
-    } else {
-        m_index->RequestSave(m_blocks.Index(), IndexSaveMode::kAsync);
+    if (!RestartIndexIfFinished()) {
+        if (m_index->IsBusy()) {
+            LOG_WARNING(kLogStorage, "Index thread is busy");
+        } else {
+            m_index->RequestSave(m_blocks.Index(), IndexSaveMode::kAsync);
+        }
     }
     m_indexedCount = count;
 }

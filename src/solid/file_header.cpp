@@ -42,12 +42,7 @@ u32 WriteAtStart(platform::File& file, const TFileHeader& header) {
 // Runs `action` on the file with the writer at rest, and puts the file pointer back afterwards.
 template <typename Action>
 u32 CSolidStorage::WithHeaderPosition(Action action) {
-    if (!IsOpen() || m_writer == nullptr) {
-        return RC_NO_WRITER;
-    }
-    if (u32 rc = m_writer->CompleteAsyncTasks(); rc != RC_OK) {
-        LOG_ERROR_CODE(rc, kLogStorage,
-                       "Storage writer failed to process wait for finish write operations");
+    if (u32 rc = CompleteAsyncTasks(); rc != RC_OK) {
         return rc;
     }
     i64 before = 0;

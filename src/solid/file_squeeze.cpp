@@ -40,16 +40,6 @@ TCommitBlock PredecessorOf(const TCommitBlock& kept, i64 clearRev) {
     return block;
 }
 
-// A file without items is not cut shorter than a new one, which could not be loaded.
-bool ZeroBehindFirstCommit(platform::File& file, i64 dataSize) {
-    if (dataSize >= kNewFileSize) {
-        return true;
-    }
-    static constexpr u8 kZeros[kNewFileSize - kFirstItemOffset] = {};
-    u32 put = 0;
-    return file.Seek(kFirstItemOffset) && file.Write(kZeros, sizeof kZeros, &put);
-}
-
 }  // namespace
 
 u32 CSolidStorage::Squeeze(const SqueezeRequest& request, i64* shift) {
@@ -220,8 +210,7 @@ u32 CSolidStorage::Replace(i64 backupSize, const SqueezeNames& names, bool* rena
 // The backup shall hold what the file held before the squeeze recorded its clear revision.
 u32 CSolidStorage::CutTo(i64 dataSize, const std::string& path) {
     platform::File& file = m_writer->BorrowFile();
-    if (!ZeroBehindFirstCommit(file, dataSize) ||
-        !file.SetEnd(std::max(dataSize, i64{kNewFileSize}))) {
+    if (!StorageWriter::CutFile(file, dataSize)) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Cannot truncate file: '%s'; sys-err: %r",
                        path.c_str(), LastSystemError());
         return RC_SYSTEM_ERROR;

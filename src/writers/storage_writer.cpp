@@ -33,6 +33,10 @@ u32 OpenForWriting(platform::File& file, const std::string& path, bool writeThro
     return RC_OK;
 }
 
+i64 CutSize(i64 dataSize) {
+    return std::max(dataSize, i64{kNewFileSize});
+}
+
 }  // namespace
 
 StorageWriter::StorageWriter(StorageFileState* state)
@@ -217,12 +221,11 @@ bool StorageWriter::ZeroTail(i64 position) {
     if (size <= position) {
         return true;
     }
-    const i64 cut = std::max(position, i64{kNewFileSize});
-    if (!ZeroUpTo(position, cut) || !m_file.SetEnd(cut)) {
+    if (!CutFile(m_file, position)) {
         return false;
     }
     if (!m_file.SetEnd(size)) {
-        m_state.fileSize.store(cut, std::memory_order_release);
+        m_state.fileSize.store(CutSize(position), std::memory_order_release);
         return false;
     }
     LOG_INFO(kLogStorage, "Abandoned data was cleared;offset %I64d,file size %I64d", position,
@@ -230,16 +233,17 @@ bool StorageWriter::ZeroTail(i64 position) {
     return true;
 }
 
-// A file shorter than a new one could not be loaded after a crash: there the first word behind the
-// first commit block is overwritten instead.
-bool StorageWriter::ZeroUpTo(i64 position, i64 end) {
-    if (position == end) {
-        return true;
+bool StorageWriter::CutFile(platform::File& file, i64 dataSize) {
+    const i64 cut = CutSize(dataSize);
+    if (dataSize < cut) {
+        static constexpr u8 kZeros[kNewFileSize - kFirstItemOffset] = {};
+        assert(cut - dataSize <= i64{sizeof kZeros});
+        u32 put = 0;
+        if (!file.Seek(dataSize) || !file.Write(kZeros, static_cast<u32>(cut - dataSize), &put)) {
+            return false;
+        }
     }
-    static constexpr u8 kZeros[kNewFileSize - kFirstItemOffset] = {};
-    assert(end - position <= i64{sizeof kZeros});
-    u32 put = 0;
-    return m_file.Seek(position) && m_file.Write(kZeros, static_cast<u32>(end - position), &put);
+    return file.SetEnd(cut);
 }
 
 u32 StorageWriter::SeekToWritePos() {

@@ -81,6 +81,11 @@ class StorageWriter {
         return m_file;
     }
 
+    // Makes `file`, a storage file, end at `dataSize`, but not before the size of a new file: a
+    // shorter one could not be loaded after a crash. There, zeros overwrite what lies behind the
+    // first commit block. Moves the pointer. False: LastSystemError().
+    static bool CutFile(platform::File& file, i64 dataSize);
+
     i64 WritePos() const { return m_fileCurrWritePos.load(std::memory_order_acquire); }
     // For the read cache, which reads up to it.
     const std::atomic<i64>& WritePosRef() const { return m_fileCurrWritePos; }
@@ -122,7 +127,6 @@ class StorageWriter {
 
     u32 ClearAbandonedTail();
     bool ZeroTail(i64 position);
-    bool ZeroUpTo(i64 position, i64 end);
     u32 SeekToWritePos();
     u32 ExpandFile();
 

@@ -333,19 +333,6 @@ namespace {
 
 class EnumerationThatRemoves : public ::testing::TestWithParam<Keeping> {
   protected:
-    // Walks everything and calls `meanwhile` with each revision.
-    static Revs Walk(TestStorage& storage, const std::function<void(i64)>& meanwhile) {
-        Revs seen;
-        EXPECT_EQ(EnumerateWith(storage, 0, kEndOfRevs,
-                                [&](const K9eReplRec& rec) {
-                                    const i64 rev = rec.rev;
-                                    seen.push_back(rev);
-                                    meanwhile(rev);
-                                    return RC_OK;
-                                }),
-                  RC_OK);
-        return seen;
-    }
     static Revs Joined(Revs first, const Revs& second) {
         first.insert(first.end(), second.begin(), second.end());
         return first;

@@ -13,21 +13,6 @@
 namespace k9erepl::test {
 namespace {
 
-// Walks everything and calls `meanwhile` with the revision of each record.
-Revs Walk(TestStorage& storage, const std::function<void(i64 rev)>& meanwhile,
-          i64 toRev = kEndOfRevs) {
-    Revs seen;
-    EXPECT_EQ(EnumerateWith(storage, 1, toRev,
-                            [&](const K9eReplRec& rec) {
-                                const i64 rev = rec.rev;
-                                seen.push_back(rev);
-                                meanwhile(rev);
-                                return RC_OK;
-                            }),
-              RC_OK);
-    return seen;
-}
-
 // With everything in memory, and with a cache so small that nearly everything is in the file.
 class EnumerationCallback : public ::testing::TestWithParam<const char*> {
   protected:

@@ -71,6 +71,19 @@ u32 EnumerateWith(TestStorage& storage, i64 fromRev, i64 toRev, const RecordFunc
                                      const_cast<RecordFunction*>(&callback));
 }
 
+Revs Walk(TestStorage& storage, const std::function<void(i64 rev)>& meanwhile, i64 toRev) {
+    Revs seen;
+    EXPECT_EQ(EnumerateWith(storage, 1, toRev,
+                            [&](const K9eReplRec& rec) {
+                                const i64 rev = rec.rev;
+                                seen.push_back(rev);
+                                meanwhile(rev);
+                                return RC_OK;
+                            }),
+              RC_OK);
+    return seen;
+}
+
 Revs RevsOf(const SeenRecords& records) {
     Revs revs;
     for (const SeenRecord& record : records) {

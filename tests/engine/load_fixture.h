@@ -34,6 +34,9 @@ u32 EnumerateWith(TestStorage& storage, i64 fromRev, i64 toRev, const RecordFunc
 
 // The revisions of an enumeration that must succeed.
 using Revs = std::vector<i64>;
+// Walks everything up to `toRev` and calls `meanwhile` with the revision of each record.
+Revs Walk(TestStorage& storage, const std::function<void(i64 rev)>& meanwhile,
+          i64 toRev = kEndOfRevs);
 Revs RevsOf(const SeenRecords& records);
 Revs RevRange(i64 first, i64 last);
 
