@@ -3,6 +3,7 @@
 #define K9EREPL_K9REPL_INPUT_FILE_H
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 namespace k9repl {
@@ -26,7 +27,8 @@ class InputFile {
 
   private:
     std::string m_name;
-    int m_descriptor = -1;
+    bool m_isStandardInput;
+    std::intptr_t m_stream = -1;  // the system's descriptor or handle
 };
 
 }  // namespace k9repl

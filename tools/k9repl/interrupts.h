@@ -1,5 +1,7 @@
 // SIGINT, SIGTERM and SIGHUP as a request to finish cleanly. A second signal of the same kind ends
-// the process at once. Used by the input, which waits, and by cat, which asks between records.
+// the process at once. On Windows Ctrl-C and Ctrl-Break are SIGINT, the end of the console window
+// or of the session SIGHUP, and the machine's shutdown SIGTERM. Used by the input, which waits, and
+// by cat, which asks between records.
 #ifndef K9EREPL_K9REPL_INTERRUPTS_H
 #define K9EREPL_K9REPL_INTERRUPTS_H
 

@@ -12,7 +12,7 @@
 #include "tool_error.h"
 
 int main(int argc, char** argv) {
-    k9repl::HoldStandardStreams();
+    k9repl::PrepareStandardStreams();
     std::string toolName = "k9repl";
     try {
         k9repl::CatchInterrupts();

@@ -20,7 +20,7 @@ double Megabytes(std::uint64_t bytes) {
 }  // namespace
 
 ProgressLine::ProgressLine()
-    : m_enabled(StandardErrorIsTerminal()), m_start(Clock::now()), m_lastShown(m_start) {}
+    : m_enabled(StandardErrorErasesLines()), m_start(Clock::now()), m_lastShown(m_start) {}
 
 ProgressLine::~ProgressLine() {
     Clear();

@@ -7,27 +7,11 @@
 #include <system_error>
 
 #include "index_facts.h"
+#include "links.h"
 
 namespace k9repl {
 
 namespace {
-
-namespace fs = std::filesystem;
-
-// The library replaces what a link leads to, not the link.
-std::string FollowLink(const std::string& path) {
-    constexpr int kLinksAtMost = 40;
-    fs::path reached = path;
-    for (int followed = 0; followed < kLinksAtMost; ++followed) {
-        std::error_code error;
-        const fs::path target = fs::read_symlink(reached, error);
-        if (error) {
-            return reached.string();
-        }
-        reached = reached.parent_path() / target;
-    }
-    return path;
-}
 
 std::optional<FileBeside> Find(const std::string& storagePath, const char* ending) {
     if (storagePath.empty()) {
@@ -55,7 +39,7 @@ std::string Describe(const FileBeside& file) {
 std::string MissingButBackedUp(const std::string& storagePath) {
     std::error_code ignored;
     const std::optional<FileBeside> backup = FindBackup(storagePath);
-    if (!backup || fs::exists(storagePath, ignored)) {
+    if (!backup || std::filesystem::exists(storagePath, ignored)) {
         return {};
     }
     return fmt::format(

@@ -5,8 +5,9 @@
 namespace k9repl {
 
 // Gives each standard stream that the caller has closed a place holder, on which every use fails.
-// Otherwise the storage file could be opened in its place, and messages be written into it.
-void HoldStandardStreams();
+// Otherwise the storage file could be opened in its place, and messages be written into it. From
+// here on bytes pass through the streams as they are, line ends too.
+void PrepareStandardStreams();
 
 }  // namespace k9repl
 

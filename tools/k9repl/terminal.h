@@ -7,6 +7,9 @@ namespace k9repl {
 bool StandardErrorIsTerminal();
 bool StandardInputIsTerminal();
 
+// Whether standard error is a terminal that obeys "\r\033[K", go back and erase the line.
+bool StandardErrorErasesLines();
+
 }  // namespace k9repl
 
 #endif  // K9EREPL_K9REPL_TERMINAL_H

@@ -23,27 +23,25 @@ std::error_code LastError() {
 }  // namespace
 
 InputFile::InputFile(const std::string& path)
-    : m_name(path == "-" ? std::string("standard input") : "'" + path + "'") {
-    if (path == "-") {
-        m_descriptor = STDIN_FILENO;
-        return;
-    }
-    m_descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (m_descriptor < 0) {
+    : m_name(path == "-" ? std::string("standard input") : "'" + path + "'"),
+      m_isStandardInput(path == "-") {
+    m_stream = m_isStandardInput ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (m_stream < 0) {
         throw SystemError("open the input " + m_name, LastError());
     }
 }
 
 InputFile::~InputFile() {
-    if (m_descriptor > STDERR_FILENO) {
-        close(m_descriptor);
+    if (!m_isStandardInput) {
+        close(static_cast<int>(m_stream));
     }
 }
 
 InputState InputFile::Read(char* buffer, std::size_t size, std::size_t* got) {
     assert(size > 0);
+    const int descriptor = static_cast<int>(m_stream);
     for (;;) {
-        pollfd waits[] = {{m_descriptor, POLLIN, 0}, {InterruptDescriptor(), POLLIN, 0}};
+        pollfd waits[] = {{descriptor, POLLIN, 0}, {InterruptDescriptor(), POLLIN, 0}};
         const int ready = poll(waits, 2, -1);
         if (ready < 0 && errno != EINTR) {
             throw SystemError("wait for the input " + m_name, LastError());
@@ -54,7 +52,7 @@ InputState InputFile::Read(char* buffer, std::size_t size, std::size_t* got) {
         if (ready <= 0) {
             continue;
         }
-        const ssize_t count = read(m_descriptor, buffer, size);
+        const ssize_t count = read(descriptor, buffer, size);
         if (count >= 0) {
             *got = static_cast<std::size_t>(count);
             return count == 0 ? InputState::kEnd : InputState::kData;

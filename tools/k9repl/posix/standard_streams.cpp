@@ -6,7 +6,7 @@
 
 namespace k9repl {
 
-void HoldStandardStreams() {
+void PrepareStandardStreams() {
     for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
         if (fcntl(stream, F_GETFD) < 0) {
             // The lowest free descriptor, which is this one.

@@ -13,4 +13,8 @@ bool StandardInputIsTerminal() {
     return isatty(STDIN_FILENO) == 1;
 }
 
+bool StandardErrorErasesLines() {
+    return StandardErrorIsTerminal();
+}
+
 }  // namespace k9repl

@@ -1,0 +1,36 @@
+// A read or a write that may block for ever, made on another thread so that an interrupt ends the
+// wait for it. Used by the input and the output.
+#ifndef K9EREPL_K9REPL_WINDOWS_BLOCKING_CALL_H
+#define K9EREPL_K9REPL_WINDOWS_BLOCKING_CALL_H
+
+#include <cstddef>
+#include <memory>
+#include <vector>
+
+#include "windows/win32.h"
+
+namespace k9repl {
+
+struct Transfer {
+    HANDLE stream = nullptr;
+    std::vector<char> bytes;
+    std::size_t count = 0;  // bytes that were transferred
+    DWORD error = NO_ERROR;
+};
+
+// Reads once, up to bytes.size() bytes. At the end of the stream count and error are 0.
+void ReadOnce(Transfer& transfer);
+
+// Writes all of `bytes`, unless there is an error.
+void WriteAll(Transfer& transfer);
+
+// Runs `call` on `transfer` and returns true when it is done; false when an interrupt came first.
+// Then `call` may still run, and `transfer` belongs to it until the process ends. For one thread.
+bool RunUnlessInterrupted(void (*call)(Transfer&), const std::shared_ptr<Transfer>& transfer);
+
+// Whether transfers from or to `stream` end by themselves, as those of files on a disk do.
+bool NeverBlocks(HANDLE stream);
+
+}  // namespace k9repl
+
+#endif  // K9EREPL_K9REPL_WINDOWS_BLOCKING_CALL_H

@@ -1,0 +1,84 @@
+// Reads from a handle; what may block, in a way that an interrupt ends.
+#include "input_file.h"
+
+#include <algorithm>
+#include <cassert>
+#include <cstring>
+#include <memory>
+
+#include "interrupts.h"
+#include "tool_error.h"
+#include "windows/blocking_call.h"
+
+namespace k9repl {
+
+namespace {
+
+constexpr std::size_t kReadMax = std::size_t{64} * 1024;
+
+HANDLE HandleOf(std::intptr_t stream) {
+    return reinterpret_cast<HANDLE>(stream);
+}
+
+// The Enter key types a carriage return and a newline; everywhere else a line ends with the newline
+// alone, and a carriage return is a byte of its line.
+void DropCarriageReturns(Transfer& typed) {
+    const auto begin = typed.bytes.begin();
+    const auto end = begin + static_cast<std::ptrdiff_t>(typed.count);
+    typed.count = static_cast<std::size_t>(std::remove(begin, end, '\r') - begin);
+}
+
+void ReadTyped(Transfer& transfer) {
+    do {
+        ReadOnce(transfer);
+        const bool isEnd = transfer.count == 0;
+        DropCarriageReturns(transfer);
+        if (isEnd) {
+            return;
+        }
+    } while (transfer.count == 0);
+}
+
+}  // namespace
+
+InputFile::InputFile(const std::string& path)
+    : m_name(path == "-" ? std::string("standard input") : "'" + path + "'"),
+      m_isStandardInput(path == "-") {
+    HANDLE stream = GetStdHandle(STD_INPUT_HANDLE);
+    if (!m_isStandardInput) {
+        constexpr DWORD kShareEverything = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+        stream = CreateFileA(path.c_str(), GENERIC_READ, kShareEverything, nullptr, OPEN_EXISTING,
+                             FILE_FLAG_SEQUENTIAL_SCAN, nullptr);
+        if (stream == INVALID_HANDLE_VALUE) {
+            throw SystemError("open the input " + m_name, LastError());
+        }
+    }
+    m_stream = reinterpret_cast<std::intptr_t>(stream);
+}
+
+InputFile::~InputFile() {
+    if (!m_isStandardInput) {
+        CloseHandle(HandleOf(m_stream));
+    }
+}
+
+InputState InputFile::Read(char* buffer, std::size_t size, std::size_t* got) {
+    assert(size > 0);
+    const auto transfer = std::make_shared<Transfer>();
+    transfer->stream = HandleOf(m_stream);
+    transfer->bytes.resize(std::min(size, kReadMax));
+    if (NeverBlocks(transfer->stream) && InterruptSignal() == 0) {
+        ReadOnce(*transfer);
+    } else if (!RunUnlessInterrupted(IsConsole(transfer->stream) ? &ReadTyped : &ReadOnce,
+                                     transfer)) {
+        return InputState::kInterrupted;
+    }
+    if (transfer->error != NO_ERROR) {
+        throw SystemError("read the input " + m_name, SystemErrorCode(transfer->error));
+    }
+    std::memcpy(buffer, transfer->bytes.data(), transfer->count);
+    *got = transfer->count;
+    return *got == 0 ? InputState::kEnd : InputState::kData;
+}
+
+}  // namespace k9repl

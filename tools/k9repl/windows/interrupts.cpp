@@ -1,0 +1,87 @@
+// The console's events under the names and numbers of the signals that they are elsewhere: messages
+// and exit statuses are the same on every system.
+#include "interrupts.h"
+
+#include <atomic>
+#include <cassert>
+
+#include "tool_error.h"
+#include "windows/interrupt_event.h"
+
+namespace k9repl {
+
+namespace {
+
+constexpr int kSigHup = 1;
+constexpr int kSigInt = 2;
+constexpr int kSigTerm = 15;
+
+std::atomic<int> g_signal{0};
+std::atomic<unsigned> g_caught{0};  // a bit for each signal
+HANDLE g_wake = nullptr;
+
+int SignalOf(DWORD event) {
+    switch (event) {
+        case CTRL_C_EVENT:
+        case CTRL_BREAK_EVENT:
+            return kSigInt;
+        case CTRL_SHUTDOWN_EVENT:
+            return kSigTerm;
+        default:
+            return kSigHup;
+    }
+}
+
+// The system calls it on a thread of its own.
+BOOL WINAPI OnConsoleEvent(DWORD event) {
+    const int signal = SignalOf(event);
+    const unsigned bit = 1U << signal;
+    if ((g_caught.fetch_or(bit) & bit) != 0) {
+        constexpr UINT kStatusControlCExit = 0xC000013A;
+        TerminateProcess(GetCurrentProcess(), kStatusControlCExit);
+    }
+    g_signal.store(signal);
+    SetEvent(g_wake);
+    if (signal != kSigInt) {
+        // With the return of these events' handler the system ends the process. Until then there
+        // are some seconds for the main thread, whose own end ends this wait.
+        Sleep(INFINITE);
+    }
+    return TRUE;
+}
+
+}  // namespace
+
+void CatchInterrupts() {
+    constexpr BOOL kManualReset = TRUE;
+    g_wake = CreateEventA(nullptr, kManualReset, FALSE, nullptr);
+    // Whoever started the tool may have had Ctrl-C ignored; here it is a request to finish.
+    if (g_wake == nullptr || SetConsoleCtrlHandler(nullptr, FALSE) == FALSE ||
+        SetConsoleCtrlHandler(&OnConsoleEvent, TRUE) == FALSE) {
+        throw SystemError("watch for Ctrl-C", LastError());
+    }
+}
+
+int InterruptSignal() {
+    return g_signal.load();
+}
+
+const char* InterruptName(int signal) {
+    switch (signal) {
+        case kSigInt:
+            return "SIGINT";
+        case kSigTerm:
+            return "SIGTERM";
+        case kSigHup:
+            return "SIGHUP";
+        default:
+            return "a signal";
+    }
+}
+
+HANDLE InterruptEvent() {
+    assert(g_wake != nullptr);
+    return g_wake;
+}
+
+}  // namespace k9repl
