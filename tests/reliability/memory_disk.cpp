@@ -1,0 +1,372 @@
+// The calls of the disk in memory; see the header.
+#include "reliability/memory_disk.h"
+
+#include <algorithm>
+#include <cassert>
+#include <utility>
+
+#include "platform/system_error.h"
+
+namespace k9erepl::reliability {
+
+namespace {
+
+using platform::FileDisposition;
+using platform::NativeFile;
+using platform::SystemErrorKind;
+using test::SystemCall;
+
+constexpr NativeFile kFirstHandle = 1000;  // no descriptor of the process
+
+MemoryDisk* g_disk = nullptr;
+
+bool Refuse(SystemErrorKind kind) {
+    platform::SetLastSystemError(platform::SystemErrorOf(kind));
+    return false;
+}
+
+// The entries that are the disk's business.
+void CopyEntries(const platform::SystemCalls& from, platform::SystemCalls& to) {
+    to.openFile = from.openFile;
+    to.closeFile = from.closeFile;
+    to.readFile = from.readFile;
+    to.writeFile = from.writeFile;
+    to.seekFile = from.seekFile;
+    to.tellFile = from.tellFile;
+    to.setFileEnd = from.setFileEnd;
+    to.fileSize = from.fileSize;
+    to.flushFile = from.flushFile;
+    to.startFlush = from.startFlush;
+    to.takeOwnerAndMode = from.takeOwnerAndMode;
+    to.renameFile = from.renameFile;
+    to.linkFile = from.linkFile;
+    to.removeFile = from.removeFile;
+    to.makeDirectory = from.makeDirectory;
+    to.flushDirectory = from.flushDirectory;
+}
+
+void TakeOver(platform::SystemCalls& calls) {
+    using platform::FileOpenRequest;
+    calls.openFile = [](const char* path, const FileOpenRequest& request) {
+        return g_disk->Open(path, request);
+    };
+    calls.closeFile = [](NativeFile file) { return g_disk->Close(file); };
+    calls.readFile = [](NativeFile file, void* to, u32 size) {
+        return g_disk->Read(file, to, size);
+    };
+    calls.writeFile = [](NativeFile file, const void* data, u32 size) {
+        return g_disk->Write(file, data, size);
+    };
+    calls.seekFile = [](NativeFile file, i64 position) { return g_disk->Seek(file, position); };
+    calls.tellFile = [](NativeFile file) { return g_disk->Tell(file); };
+    calls.setFileEnd = [](NativeFile file, i64 size) { return g_disk->SetEnd(file, size); };
+    calls.fileSize = [](NativeFile file) { return g_disk->SizeOf(file); };
+    calls.flushFile = [](NativeFile file) { return g_disk->Flush(file); };
+    calls.startFlush = [](NativeFile, i64, i64) {};
+    calls.takeOwnerAndMode = [](NativeFile file, const char* from) {
+        return g_disk->TakeOwner(file, from);
+    };
+    calls.renameFile = [](const char* from, const char* to) { return g_disk->Rename(from, to); };
+    calls.linkFile = [](const char* old, const char* name) { return g_disk->Link(old, name); };
+    calls.removeFile = [](const char* path) { return g_disk->Remove(path); };
+    calls.makeDirectory = [](const char* path) { return g_disk->MakeDirectory(path); };
+    calls.flushDirectory = [](const char* path) { return g_disk->FlushDirectory(path); };
+}
+
+}  // namespace
+
+MemoryDisk::MemoryDisk() : m_saved(platform::TheSystemCalls()) {
+    assert(g_disk == nullptr);
+    g_disk = this;
+    TakeOver(platform::TheSystemCalls());
+}
+
+MemoryDisk::~MemoryDisk() {
+    CopyEntries(m_saved, platform::TheSystemCalls());
+    g_disk = nullptr;
+}
+
+void MemoryDisk::Mount(DiskImage image) {
+    const std::lock_guard lock(m_mutex);
+    m_image = std::move(image);
+    m_nextFile = m_image.NextNumber();
+    m_handles.clear();
+}
+
+DiskImage MemoryDisk::Image() const {
+    const std::lock_guard lock(m_mutex);
+    return m_image;
+}
+
+void MemoryDisk::StartRecording() {
+    const std::lock_guard lock(m_mutex);
+    m_changes.clear();
+    m_recording = true;
+}
+
+std::size_t MemoryDisk::ChangeCount() const {
+    const std::lock_guard lock(m_mutex);
+    return m_changes.size();
+}
+
+Changes MemoryDisk::TakeChanges() {
+    const std::lock_guard lock(m_mutex);
+    m_recording = false;
+    return std::exchange(m_changes, {});
+}
+
+void MemoryDisk::SetGate(Gate gate) {
+    const std::lock_guard lock(m_mutex);
+    m_gate = std::move(gate);
+}
+
+std::size_t MemoryDisk::OpenFiles() const {
+    const std::lock_guard lock(m_mutex);
+    return static_cast<std::size_t>(std::count_if(m_handles.begin(), m_handles.end(),
+                                                  [](const Handle& h) { return h.file != 0; }));
+}
+
+MemoryDisk::Handle* MemoryDisk::Find(NativeFile file) {
+    const auto at = static_cast<std::size_t>(file - kFirstHandle);
+    if (file < kFirstHandle || at >= m_handles.size() || m_handles[at].file == 0) {
+        Refuse(SystemErrorKind::kInvalidHandle);
+        return nullptr;
+    }
+    return &m_handles[at];
+}
+
+bool MemoryDisk::Pass(const Attempt& attempt, u32* sizeMax) {
+    if (m_gate == nullptr) {
+        return true;
+    }
+    const Permit permit = m_gate(attempt);
+    if (sizeMax != nullptr) {
+        *sizeMax = std::min(*sizeMax, permit.sizeMax);
+    }
+    return !permit.error || Refuse(*permit.error);
+}
+
+bool MemoryDisk::Pass(SystemCall call, const Handle& handle, u32 size, u32* sizeMax) {
+    return m_gate == nullptr || Pass({call, handle.name, handle.position, size}, sizeMax);
+}
+
+void MemoryDisk::Do(Change change) {
+    m_image.Apply(change);
+    if (m_recording) {
+        m_changes.push_back(std::move(change));
+    }
+}
+
+NativeFile MemoryDisk::AddHandle(FileNumber file, const std::string& path, bool writes) {
+    const auto closed = std::find_if(m_handles.begin(), m_handles.end(),
+                                     [](const Handle& handle) { return handle.file == 0; });
+    const auto at = static_cast<NativeFile>(closed - m_handles.begin());
+    if (closed == m_handles.end()) {
+        m_handles.push_back({file, 0, path, writes});
+    } else {
+        *closed = {file, 0, path, writes};
+    }
+    return kFirstHandle + at;
+}
+
+NativeFile MemoryDisk::Open(const char* path, const platform::FileOpenRequest& request) {
+    const std::lock_guard lock(m_mutex);
+    if (!Pass({SystemCall::kOpen, path})) {
+        return platform::kInvalidNativeFile;
+    }
+    std::optional<FileNumber> file = m_image.NumberOf(path);
+    const bool creates = request.disposition != FileDisposition::kOpenExisting;
+    if ((!file && !creates) || (file && request.disposition == FileDisposition::kCreateNew)) {
+        Refuse(file ? SystemErrorKind::kAlreadyExists : SystemErrorKind::kNotFound);
+        return platform::kInvalidNativeFile;
+    }
+    if (!file) {
+        file = m_nextFile++;
+        Do({.kind = ChangeKind::kCreate,
+            .file = *file,
+            .at = 0,
+            .bytes = {},
+            .name = path,
+            .to = {}});
+    } else if (request.disposition == FileDisposition::kCreateAlways) {
+        Do({.kind = ChangeKind::kSetEnd,
+            .file = *file,
+            .at = 0,
+            .bytes = {},
+            .name = {},
+            .to = {}});
+    }
+    return AddHandle(*file, path, request.access != platform::FileAccess::kRead);
+}
+
+bool MemoryDisk::Close(NativeFile file) {
+    const std::lock_guard lock(m_mutex);
+    Handle* handle = Find(file);
+    if (handle == nullptr) {
+        return false;
+    }
+    const bool passes = Pass(SystemCall::kClose, *handle);
+    handle->file = 0;  // whatever is answered, as on Linux
+    return passes;
+}
+
+i64 MemoryDisk::Read(NativeFile file, void* buffer, u32 size) {
+    const std::lock_guard lock(m_mutex);
+    Handle* handle = Find(file);
+    u32 sizeMax = size;
+    if (handle == nullptr || !Pass(SystemCall::kRead, *handle, size, &sizeMax)) {
+        return -1;
+    }
+    const u32 got = m_image.At(handle->file).Read(handle->position, buffer, sizeMax);
+    handle->position += got;
+    return got;
+}
+
+i64 MemoryDisk::Write(NativeFile file, const void* data, u32 size) {
+    const std::lock_guard lock(m_mutex);
+    Handle* handle = Find(file);
+    u32 sizeMax = size;
+    if (handle == nullptr || !Pass(SystemCall::kWrite, *handle, size, &sizeMax)) {
+        return -1;
+    }
+    if (!handle->writes) {
+        Refuse(SystemErrorKind::kInvalidHandle);
+        return -1;
+    }
+    Do({.kind = ChangeKind::kWrite,
+        .file = handle->file,
+        .at = handle->position,
+        .bytes = std::string(static_cast<const char*>(data), sizeMax),
+        .name = {},
+        .to = {}});
+    handle->position += sizeMax;
+    return sizeMax;
+}
+
+i64 MemoryDisk::Seek(NativeFile file, i64 position) {
+    const std::lock_guard lock(m_mutex);
+    Handle* handle = Find(file);
+    if (handle == nullptr || !Pass(SystemCall::kSeek, *handle)) {
+        return -1;
+    }
+    if (position < 0) {
+        platform::SetLastSystemError(platform::SystemErrorOf(SystemErrorKind::kNotSupported));
+        return -1;
+    }
+    return handle->position = position;
+}
+
+i64 MemoryDisk::Tell(NativeFile file) {
+    const std::lock_guard lock(m_mutex);
+    Handle* handle = Find(file);
+    return handle == nullptr || !Pass(SystemCall::kTell, *handle) ? -1 : handle->position;
+}
+
+bool MemoryDisk::SetEnd(NativeFile file, i64 size) {
+    const std::lock_guard lock(m_mutex);
+    Handle* handle = Find(file);
+    if (handle == nullptr || !Pass({SystemCall::kSetEnd, handle->name, size})) {
+        return false;
+    }
+    Do({.kind = ChangeKind::kSetEnd,
+        .file = handle->file,
+        .at = size,
+        .bytes = {},
+        .name = {},
+        .to = {}});
+    return true;
+}
+
+i64 MemoryDisk::SizeOf(NativeFile file) {
+    const std::lock_guard lock(m_mutex);
+    Handle* handle = Find(file);
+    return handle == nullptr || !Pass(SystemCall::kFileSize, *handle)
+               ? -1
+               : m_image.At(handle->file).Size();
+}
+
+bool MemoryDisk::Flush(NativeFile file) {
+    const std::lock_guard lock(m_mutex);
+    Handle* handle = Find(file);
+    if (handle == nullptr || !Pass(SystemCall::kFlush, *handle)) {
+        return false;
+    }
+    Do({.kind = ChangeKind::kFlush,
+        .file = handle->file,
+        .at = 0,
+        .bytes = {},
+        .name = {},
+        .to = {}});
+    return true;
+}
+
+bool MemoryDisk::TakeOwner(NativeFile file, const char* /*from*/) {
+    const std::lock_guard lock(m_mutex);
+    Handle* handle = Find(file);
+    return handle != nullptr && Pass(SystemCall::kTakeOwnerAndMode, *handle);
+}
+
+// --- Names
+
+bool MemoryDisk::Rename(const char* from, const char* to) {
+    const std::lock_guard lock(m_mutex);
+    if (!Pass({SystemCall::kRename, from})) {
+        return false;
+    }
+    const std::optional<FileNumber> file = m_image.NumberOf(from);
+    if (!file) {
+        return Refuse(SystemErrorKind::kNotFound);
+    }
+    if (m_image.NumberOf(to) == file) {
+        return true;  // two names of one file: nothing happens
+    }
+    Do({.kind = ChangeKind::kRename, .file = *file, .at = 0, .bytes = {}, .name = from, .to = to});
+    return true;
+}
+
+bool MemoryDisk::Link(const char* existing, const char* name) {
+    const std::lock_guard lock(m_mutex);
+    if (!Pass({SystemCall::kLink, existing})) {
+        return false;
+    }
+    const std::optional<FileNumber> file = m_image.NumberOf(existing);
+    if (!file || m_image.NumberOf(name)) {
+        return Refuse(file ? SystemErrorKind::kAlreadyExists : SystemErrorKind::kNotFound);
+    }
+    Do({.kind = ChangeKind::kLink, .file = *file, .at = 0, .bytes = {}, .name = name, .to = {}});
+    return true;
+}
+
+bool MemoryDisk::Remove(const char* path) {
+    const std::lock_guard lock(m_mutex);
+    if (!Pass({SystemCall::kRemove, path})) {
+        return false;
+    }
+    const std::optional<FileNumber> file = m_image.NumberOf(path);
+    if (!file) {
+        return Refuse(SystemErrorKind::kNotFound);
+    }
+    Do({.kind = ChangeKind::kRemove, .file = *file, .at = 0, .bytes = {}, .name = path, .to = {}});
+    return true;
+}
+
+bool MemoryDisk::MakeDirectory(const char* path) {
+    const std::lock_guard lock(m_mutex);
+    return Pass({SystemCall::kMakeDirectory, path}) && Refuse(SystemErrorKind::kAlreadyExists);
+}
+
+bool MemoryDisk::FlushDirectory(const char* path) {
+    const std::lock_guard lock(m_mutex);
+    if (!Pass({SystemCall::kFlushDirectory, path})) {
+        return false;
+    }
+    Do({.kind = ChangeKind::kFlushDirectory,
+        .file = 0,
+        .at = 0,
+        .bytes = {},
+        .name = path,
+        .to = {}});
+    return true;
+}
+
+}  // namespace k9erepl::reliability

@@ -1,0 +1,153 @@
+// Openings and comparisons; see the header.
+#include "reliability/oracle.h"
+
+#include <algorithm>
+
+#include "engine/storage_fixture.h"
+#include "model/choices.h"
+#include "model/storage_client.h"
+#include "reliability/steady_calls.h"
+
+namespace k9erepl::reliability {
+
+namespace {
+
+constexpr u32 kFirstStamp = 0x40000000;  // none that a history uses
+
+i64 OldestRev(void* handle) {
+    auto* storage = static_cast<IK9eReplStorage*>(handle);
+    return StorageAccess::OldestRev(*static_cast<CK9eReplStorage*>(storage));
+}
+
+Problem Read(const model::StorageClient& client, Seen* seen) {
+    *seen = Seen();
+    const u32 rc =
+        client.Enumerate(model::kLowestRev, model::kHighestRev, [&](const K9eReplRec& record) {
+            const auto* data = reinterpret_cast<const char*>(record.data);
+            seen->records.emplace_hint(
+                seen->records.end(), i64{record.rev},
+                model::Record{record.userWord, std::string(data, record.dataSize)});
+            return u32{RC_OK};
+        });
+    seen->nextRev = client.NextRev();
+    seen->oldestRev = OldestRev(client.Handle());
+    K9eReplStorageGetLifenum(client.Handle(), &seen->lifenum);
+    K9eReplStorageGetClearOldRev(client.Handle(), &seen->mark);
+    return rc == RC_OK ? "" : "enumeration answers " + std::to_string(rc);
+}
+
+Problem Append(model::StorageClient& client, const Appending& appending, Seen* seen) {
+    void* const handle = client.Handle();
+    u32 rc = K9eReplStorageBeginTransaction(handle);
+    for (u32 i = 0; i < appending.records && rc == RC_OK; ++i) {
+        const auto planned =
+            model::MakeRecord({model::SizeClass::kBytes, appending.dataSize},
+                              appending.dataSize + model::kRecordOverhead, appending.seed + i);
+        i64 rev = 0;
+        rc = client.Insert(planned, nullptr, &rev);
+        seen->records[rev] = planned.record;
+        seen->nextRev = rev + 1;
+    }
+    rc = rc == RC_OK ? K9eReplStorageCommit(handle) : rc;
+    return rc == RC_OK ? "" : "appending answers " + std::to_string(rc);
+}
+
+Problem Compare(const char* what, const Seen& seen, const Seen& expected) {
+    return seen == expected
+               ? ""
+               : std::string(what) + ": " + Describe(seen) + "; expected " + Describe(expected);
+}
+
+bool Holds(const model::Content& state, const Seen& seen) {
+    return state.nextRev.Hold(seen.nextRev) && state.oldest.Hold(seen.oldestRev) &&
+           state.records == seen.records;
+}
+
+std::string Describe(const model::Content& state) {
+    Seen seen{state.records, state.nextRev.low, state.oldest.low, state.lifenum, state.mark};
+    return reliability::Describe(seen);
+}
+
+}  // namespace
+
+std::string Describe(const Seen& seen) {
+    std::string text = std::to_string(seen.records.size()) + " records";
+    if (!seen.records.empty()) {
+        text += " (" + std::to_string(seen.records.begin()->first) + " to " +
+                std::to_string(seen.records.rbegin()->first) + ")";
+    }
+    return text + ", next " + std::to_string(seen.nextRev) + ", oldest " +
+           std::to_string(seen.oldestRev) + ", life number " + std::to_string(seen.lifenum) +
+           ", mark " + std::to_string(seen.mark);
+}
+
+Problem Visit(const std::string& connString, const Appending& appending, Seen* seen, Seen* after) {
+    model::StorageClient client;
+    if (const u32 rc = client.Open(connString); rc != RC_OK) {
+        return "opening answers " + std::to_string(rc);
+    }
+    if (const u32 rc = K9eReplStorageLoad(client.Handle()); rc != RC_OK) {
+        return "loading answers " + std::to_string(rc);
+    }
+    Problem problem = Read(client, seen);
+    if (problem.empty() && appending.records > 0) {
+        Seen appended = *seen;
+        problem = Append(client, appending, &appended);
+        if (after != nullptr) {
+            *after = std::move(appended);
+        }
+    }
+    return problem;
+}
+
+Problem JudgeByStates(const History& history, StateRange range, const Seen& seen) {
+    const auto first = history.states.begin() + static_cast<std::ptrdiff_t>(range.low);
+    const auto end = history.states.begin() + static_cast<std::ptrdiff_t>(range.high) + 1;
+    const auto any = [&](const auto& holds) { return std::any_of(first, end, holds); };
+    if (!any([&](const model::Content& state) { return Holds(state, seen); })) {
+        return "content is none that it had: " + reliability::Describe(seen) + "; expected state " +
+               std::to_string(range.low) + " (" + Describe(*first) + ") to " +
+               std::to_string(range.high) + " (" + Describe(*(end - 1)) + ")";
+    }
+    if (!any([&](const model::Content& state) { return state.lifenum == seen.lifenum; })) {
+        return "life number is none that it had: " + std::to_string(seen.lifenum);
+    }
+    if (!any([&](const model::Content& state) { return state.mark == seen.mark; })) {
+        return "revision mark is none that it had: " + std::to_string(seen.mark);
+    }
+    return "";
+}
+
+Problem Examine(MemoryDisk& disk, const DiskImage& image, const History& history, u64 seed,
+                const Judge& judge) {
+    SteadyCalls::SetStamp(kFirstStamp);
+    disk.Mount(image);
+    model::Random random(seed);
+    const u32 sizeMax = std::min<u32>(history.settings.blockSize - model::kRecordOverhead, 300);
+    const Appending appending{
+        1 + random.Below(2),
+        std::min(sizeMax, history.recordSize > 0 ? history.recordSize : random.Below(sizeMax)),
+        static_cast<u32>(random.Next())};
+    const std::string connString = history.ConnString();
+    Seen first;
+    Seen second;
+    Seen expected;
+    if (Problem problem = Visit(connString, {}, &first); !problem.empty()) {
+        return problem;
+    }
+    if (Problem problem = judge(first); !problem.empty()) {
+        return problem;
+    }
+    Problem problem = Visit(connString, appending, &second, &expected);
+    if (problem.empty()) {
+        problem = Compare("opened again", second, first);
+    }
+    if (!problem.empty()) {
+        return problem;
+    }
+    Seen last;
+    problem = Visit(connString, {}, &last);
+    return problem.empty() ? Compare("opened after appending", last, expected) : problem;
+}
+
+}  // namespace k9erepl::reliability

@@ -1,0 +1,58 @@
+// Rows: kinds of trouble, each with many cases. A row is a source file that ends with
+//
+//     const RegisteredRow kRow({.name = "crash-prefixes", .title = "...", .cases = 100000,
+//                               .runGroup = &RunGroup});
+//
+// and stands in CMakeLists.txt. Cases come in groups, because what leads to a case is often worth
+// many: one recorded run of a storage gives hundreds of crash images.
+#ifndef K9EREPL_TESTS_RELIABILITY_ROW_H
+#define K9EREPL_TESTS_RELIABILITY_ROW_H
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "platform/int_types.h"
+#include "reliability/disk_image.h"
+
+namespace k9erepl::reliability {
+
+// One group, as the row's function sees it. Everything that is random must follow from Seed() and
+// the numbers of the cases.
+class GroupRun {
+  public:
+    virtual ~GroupRun() = default;
+    // The groups of a row have different ones.
+    virtual u64 Seed() const = 0;
+    virtual u64 Number() const = 0;
+
+    // Whether to run this case of the group; numbers rise.
+    virtual bool Wants(u64 number) const = 0;
+    // Runs it, if it is wanted. `check` returns what is wrong, nothing if nothing is.
+    virtual void Case(u64 number, const std::function<std::string()>& check) = 0;
+    // Whether the row has cases enough; a group may end then.
+    virtual bool Enough() const = 0;
+    // A number for the summary, such as "undetectable".
+    virtual void Count(const std::string& what, u64 by = 1) = 0;
+    // What a failing case began with: kept as files if the command line says so.
+    virtual void Keep(const DiskImage& image) = 0;
+};
+
+struct Row {
+    std::string name;
+    std::string title;
+    u64 cases = 0;  // of an ordinary test run
+    void (*runGroup)(GroupRun& run) = nullptr;
+};
+
+class RegisteredRow {
+  public:
+    explicit RegisteredRow(const Row& row);
+};
+
+// In the order of their names.
+std::vector<Row> AllRows();
+
+}  // namespace k9erepl::reliability
+
+#endif  // K9EREPL_TESTS_RELIABILITY_ROW_H

@@ -1,0 +1,181 @@
+// Counting and reporting; see the header.
+#include "reliability/row_run.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <exception>
+
+#include "reliability/watchdog.h"
+
+namespace k9erepl::reliability {
+
+namespace {
+
+constexpr u64 kFailuresPrintedMax = 10;
+constexpr u64 kEmptyGroupsMax = 1000;
+
+using Clock = std::chrono::steady_clock;
+
+std::vector<Row>& Table() {
+    static std::vector<Row> rows;
+    return rows;
+}
+
+double SecondsSince(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+class Runner final : public GroupRun {
+  public:
+    Runner(const Row& row, const RowRequest& request)
+        : m_row(row), m_request(request), m_casesMax(CasesMax(request)) {
+        m_result.name = row.name;
+        m_result.title = row.title;
+        m_result.seed = request.seed;
+    }
+
+    RowResult Run() {
+        if (m_request.onlyGroup) {
+            RunGroup(*m_request.onlyGroup);
+        } else {
+            RunGroups();
+        }
+        m_result.seconds = SecondsSince(m_start);
+        return m_result;
+    }
+
+    u64 Seed() const override { return Mix(m_request.seed, m_group + 1); }
+    u64 Number() const override { return m_group; }
+    bool Wants(u64 number) const override {
+        return m_request.onlyCase ? number == *m_request.onlyCase : !Enough();
+    }
+    bool Enough() const override {
+        return (m_casesMax > 0 && m_result.cases >= m_casesMax) || TimeIsUp();
+    }
+    void Count(const std::string& what, u64 by) override { m_result.counters[what] += by; }
+    void Keep(const DiskImage& image) override { m_image = image; }
+
+    void Case(u64 number, const std::function<std::string()>& check) override {
+        if (!Wants(number)) {
+            return;
+        }
+        m_watchdog.Running(Command(number));
+        ++m_result.cases;
+        std::string problem;
+        try {
+            problem = check();
+        } catch (const std::exception& error) {
+            problem = std::string("exception ") + error.what();
+        }
+        if (!problem.empty()) {
+            Fail(number, problem);
+        }
+    }
+
+  private:
+    static u64 CasesMax(const RowRequest& request) {
+        return request.onlyGroup ? 0 : (request.cases + request.shards - 1) / request.shards;
+    }
+
+    void RunGroups() {
+        u64 empty = 0;
+        for (u64 group = m_request.shard; !Enough() && empty < kEmptyGroupsMax;
+             group += m_request.shards) {
+            const u64 before = m_result.cases;
+            RunGroup(group);
+            empty = m_result.cases == before ? empty + 1 : 0;
+        }
+    }
+
+    void RunGroup(u64 group) {
+        m_group = group;
+        m_watchdog.Running(Command({}));
+        ++m_result.groups;
+        m_row.runGroup(*this);
+    }
+
+    bool TimeIsUp() const {
+        return m_request.minutesMax > 0 && SecondsSince(m_start) > m_request.minutesMax * 60;
+    }
+
+    std::string Command(std::optional<u64> number) const {
+        return "reliability_run --row " + m_row.name + " --seed " + std::to_string(m_request.seed) +
+               " --only " + std::to_string(m_group) + (number ? "." + std::to_string(*number) : "");
+    }
+
+    void Fail(u64 number, const std::string& problem) {
+        if (++m_result.failed > kFailuresPrintedMax) {
+            return;
+        }
+        (void)std::printf("FAILED %s, seed %s: %s\n  replay: %s\n", m_row.name.c_str(),
+                          std::to_string(m_request.seed).c_str(), problem.c_str(),
+                          Command(number).c_str());
+        (void)std::fflush(stdout);
+        if (!m_request.keepFolder.empty()) {
+            m_image.Save(m_request.keepFolder);
+        }
+    }
+
+    const Row& m_row;
+    const RowRequest& m_request;
+    const u64 m_casesMax;
+    const Clock::time_point m_start = Clock::now();
+    Watchdog m_watchdog;
+    u64 m_group = 0;
+    DiskImage m_image;
+    RowResult m_result;
+};
+
+std::string Quoted(const std::string& text) {
+    std::string quoted = "\"";
+    for (const char c : text) {
+        quoted += c == '"' || c == '\\' ? std::string("\\") + c : std::string(1, c);
+    }
+    return quoted + "\"";
+}
+
+}  // namespace
+
+RegisteredRow::RegisteredRow(const Row& row) {
+    Table().push_back(row);
+}
+
+std::vector<Row> AllRows() {
+    std::vector<Row> rows = Table();
+    std::sort(rows.begin(), rows.end(), [](const Row& a, const Row& b) { return a.name < b.name; });
+    return rows;
+}
+
+RowResult RunRow(const Row& row, const RowRequest& request) {
+    return Runner(row, request).Run();
+}
+
+std::string Summary(const RowResult& result) {
+    char seconds[32];
+    (void)std::snprintf(seconds, sizeof seconds, "%.1f", result.seconds);
+    std::string text = result.name + ": " + std::to_string(result.cases) + " cases, " +
+                       std::to_string(result.failed) + " failed";
+    for (const auto& [what, count] : result.counters) {
+        text += ", " + std::to_string(count) + " " + what;
+    }
+    return text + "; " + std::to_string(result.groups) + " groups, seed " +
+           std::to_string(result.seed) + ", " + seconds + " s";
+}
+
+std::string Json(const RowResult& result) {
+    std::string text = "{\"row\": " + Quoted(result.name) + ", \"title\": " + Quoted(result.title) +
+                       ", \"seed\": " + std::to_string(result.seed) +
+                       ", \"cases\": " + std::to_string(result.cases) +
+                       ", \"failed\": " + std::to_string(result.failed) +
+                       ", \"groups\": " + std::to_string(result.groups) +
+                       ", \"seconds\": " + std::to_string(result.seconds) + ", \"counters\": {";
+    const char* separator = "";
+    for (const auto& [what, count] : result.counters) {
+        text += separator + Quoted(what) + ": " + std::to_string(count);
+        separator = ", ";
+    }
+    return text + "}}";
+}
+
+}  // namespace k9erepl::reliability
