@@ -22,6 +22,8 @@ using Names = std::map<std::string, FileNumber>;
 class FileBytes {
   public:
     i64 Size() const { return m_size; }
+    // Behind it everything is zero.
+    std::size_t StoredSize() const { return m_bytes.size(); }
     // Bytes got; fewer than asked at the end.
     u32 Read(i64 offset, void* buffer, u32 size) const;
     void Write(i64 offset, const void* data, u32 size);
@@ -80,6 +82,7 @@ class DiskImage {
     // A file of its own under this name, in the place of what the name led to.
     void Put(const std::string& name, FileBytes bytes);
     void PutName(const std::string& name, FileNumber file) { m_names[name] = file; }
+    bool Knows(FileNumber file) const { return m_files.contains(file); }
     void PutFile(FileNumber file, std::shared_ptr<FileBytes> bytes) { m_files[file] = bytes; }
 
     const Names& AllNames() const { return m_names; }
