@@ -45,6 +45,21 @@ u32 ReadForceFlush(const char* connStr, bool* forceFlush) {
     return RC_OK;
 }
 
+// Absent, it is not even mentioned: whoever does not use it sees the log as it was without it.
+u32 ReadCommitBarrier(const char* connStr, bool* commitBarrier) {
+    bool given = false;
+    std::string value;
+    if (!GetYesNo(connStr, "commit_barrier", &given, commitBarrier, &value)) {
+        LOG_ERROR_CODE(RC_INVALID_ARG, kLogStorage, "Unknown commit_barrier value (%s)",
+                       value.c_str());
+        return RC_INVALID_ARG;
+    }
+    if (given) {
+        LOG_INFO(kLogStorage, "Use commit_barrier %s", YesNo(*commitBarrier));
+    }
+    return RC_OK;
+}
+
 u32 ReadWriteThrough(const char* connStr, bool* writeThrough) {
     bool given = false;
     std::string value;
@@ -141,6 +156,9 @@ i64 CSolidStorage::FileSize() const {
 
 u32 CSolidStorage::ReadSettings(const char* connStr) {
     if (u32 rc = ReadForceFlush(connStr, &m_state.forceFlush); rc != RC_OK) {
+        return rc;
+    }
+    if (u32 rc = ReadCommitBarrier(connStr, &m_state.commitBarrier); rc != RC_OK) {
         return rc;
     }
     if (u32 rc = ReadWriteThrough(connStr, &m_state.writeThrough); rc != RC_OK) {

@@ -16,8 +16,10 @@ struct StorageFileState {
     std::string path;
     bool writeThrough = false;  // setting write_through: every write reaches the disk
     bool forceFlush = false;    // setting force_flush: FlushFile flushes to the disk
-    i64 fileInitialSize = 0;    // setting file_initial_size, in bytes
-    i64 fileSizeDelta = 0;      // setting file_size_delta, in bytes; 0: never grown ahead of data
+    // Setting commit_barrier; means something only with forceFlush, see StorageWriter.
+    bool commitBarrier = false;
+    i64 fileInitialSize = 0;  // setting file_initial_size, in bytes
+    i64 fileSizeDelta = 0;    // setting file_size_delta, in bytes; 0: never grown ahead of data
 
     // Shared between the thread that writes and the clients' threads; each value stands alone.
     std::atomic<i64> fileSize{0};            // length on disk as last known; see ExpandFile

@@ -76,7 +76,8 @@ u32 StorageWriter::WriteNow(u8* data, u32 size, TCommitBlock* commitBlock, i64 l
     if (commitBlock != nullptr) {
         SetClearRev(*commitBlock);
     }
-    const u32 rc = WritePiece(data, size, commitBlock, lastRevision, filePosition);
+    const bool barrier = commitBlock != nullptr && m_state.forceFlush && m_state.commitBarrier;
+    const u32 rc = WritePiece(data, size, commitBlock, lastRevision, filePosition, barrier);
     if (rc == RC_OK && commitBlock != nullptr) {
         // Foreign code, which may come back in: everything of ours is settled before it.
         m_state.onWritten.Call(commitBlock->commitRev);
@@ -85,7 +86,7 @@ u32 StorageWriter::WriteNow(u8* data, u32 size, TCommitBlock* commitBlock, i64 l
 }
 
 u32 StorageWriter::WritePiece(u8* data, u32 size, TCommitBlock* commitBlock, i64 lastRevision,
-                              std::atomic<i64>* filePosition) {
+                              std::atomic<i64>* filePosition, bool barrier) {
     assert(commitBlock == nullptr ||
            reinterpret_cast<u8*>(commitBlock) + kCommitBlockSize == data + size);
     if (!m_file.IsOpen()) {
@@ -98,7 +99,8 @@ u32 StorageWriter::WritePiece(u8* data, u32 size, TCommitBlock* commitBlock, i64
         Link(*commitBlock);
     }
     const i64 offset = WritePos();
-    if (const u32 rc = WriteBytes(data, size); rc != RC_OK) {
+    if (const u32 rc = barrier ? WriteBehindBarrier(data, size) : WriteBytes(data, size);
+        rc != RC_OK) {
         return rc;
     }
     if (filePosition != nullptr) {
@@ -152,11 +154,16 @@ u32 StorageWriter::FlushNow() {
     }
     LOG_INFO(kLogStorage, "FlushFile flushedRev %I64d",
              m_state.lastFlushedRev.load(std::memory_order_acquire));
+    return ForceToDisk();
+}
+
+u32 StorageWriter::ForceToDisk() {
     if (!m_file.FlushToDisk()) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "FlushFileBuffers failed;sys-err %r",
                        platform::LastSystemError());
         return RC_SYSTEM_ERROR;
     }
+    m_unforced = false;
     return RC_OK;
 }
 
@@ -186,6 +193,7 @@ u32 StorageWriter::WriteBytes(const void* data, u32 size) {
     const i64 position = WritePos();
     LOG_INFO(kLogStorage, "Write to Handle: 0x%p Data: 0x%p Size: %P m_fileCurrWritePos: %llu ",
              m_file.Native(), data, std::size_t{size}, static_cast<u64>(position));
+    m_unforced = true;
     u32 put = 0;
     if (!m_file.Write(data, size, &put)) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Cannot write data;sys-err %r",
@@ -196,6 +204,27 @@ u32 StorageWriter::WriteBytes(const void* data, u32 size) {
     }
     m_fileCurrWritePos.store(position + size, std::memory_order_release);
     return RC_OK;
+}
+
+// The commit block is the last 32 bytes. All the space was made before: growing the file between
+// the two writes would grow it further than one write does.
+u32 StorageWriter::WriteBehindBarrier(const u8* data, u32 size) {
+    const i64 start = WritePos();
+    const u32 before = size - kCommitBlockSize;
+    u32 rc = before == 0 ? u32{RC_OK} : WriteBytes(data, before);
+    if (rc == RC_OK && m_unforced) {
+        LOG_INFO(kLogStorage, "Flush before commit block;offset %I64d", WritePos());
+        rc = ForceToDisk();
+    }
+    if (rc == RC_OK) {
+        rc = WriteBytes(data + before, kCommitBlockSize);
+    }
+    if (rc != RC_OK && WritePos() != start) {
+        m_fileCurrWritePos.store(start, std::memory_order_release);
+        m_tailAbandoned = true;
+        m_pointerInPlace = false;
+    }
+    return rc;
 }
 
 u32 StorageWriter::ClearAbandonedTail() {

@@ -23,6 +23,9 @@ namespace k9erepl {
 // Bytes beyond the write position are dead, but they may look alive: a transaction that was rolled
 // back leaves commit blocks behind that fit the chain again. Such a tail is remembered and zeroed
 // before anything is written, so that what is written next never borrows an old commit block.
+//
+// With the settings force_flush and commit_barrier a writer that writes at once flushes to the disk
+// what a commit block commits before it writes the block. The bytes of the file are the same.
 class StorageWriter {
   public:
     // Opens the file of `state`, which must exist; writing begins at its recorded size.
@@ -94,9 +97,11 @@ class StorageWriter {
     // What writing at once is: the clear revision, preparation, link, write, notification.
     u32 WriteNow(u8* data, u32 size, TCommitBlock* commitBlock, i64 lastRevision,
                  std::atomic<i64>* filePosition);
-    // The same without the clear revision and the notification.
+    // The same without the clear revision, the barrier and the notification.
     u32 WritePiece(u8* data, u32 size, TCommitBlock* commitBlock, i64 lastRevision,
-                   std::atomic<i64>* filePosition);
+                   std::atomic<i64>* filePosition) {
+        return WritePiece(data, size, commitBlock, lastRevision, filePosition, false);
+    }
     // Rollback will go back to `position`, `lastFlushedRev` and the present sequence.
     u32 RememberTransactionStart(i64 position, i64 lastFlushedRev);
     u32 RollbackNow();
@@ -125,6 +130,10 @@ class StorageWriter {
         u32 lastCommitSequence;
     };
 
+    u32 WritePiece(u8* data, u32 size, TCommitBlock* commitBlock, i64 lastRevision,
+                   std::atomic<i64>* filePosition, bool barrier);
+    u32 WriteBehindBarrier(const u8* data, u32 size);
+    u32 ForceToDisk();
     u32 ClearAbandonedTail();
     bool ZeroTail(i64 position);
     u32 SeekToWritePos();
@@ -136,6 +145,9 @@ class StorageWriter {
     bool m_tailAbandoned = false;
     // The file pointer is known to stand at the write position.
     bool m_pointerInPlace = false;
+    // Bytes before the write position may not be on the disk. True at first: a process that was
+    // killed may have left some.
+    bool m_unforced = true;
 };
 
 }  // namespace k9erepl

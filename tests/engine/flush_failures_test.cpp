@@ -22,11 +22,12 @@ struct Fault {
     SystemCall call;
     SystemErrorKind kind;
     Repeat repeat;
+    std::string_view settings = "";  // besides those of every test
 };
 
 void PrintTo(const Fault& fault, std::ostream* out) {
     *out << "call " << static_cast<int>(fault.call)
-         << (fault.repeat == Repeat::kOnce ? " once" : " for good");
+         << (fault.repeat == Repeat::kOnce ? " once" : " for good") << " " << fault.settings;
 }
 
 // Runs a scenario with the fault at the first call of the flush, at the second, and so on, until
@@ -54,7 +55,7 @@ class EachCallOfAFlush : public ::testing::TestWithParam<Fault> {
     struct WithOneRecord : OnFlush, TestStorage {
         WithOneRecord() : TestStorage(kFlushAlways) {
             InsertCommitted({"one"});
-            Reopen(kAllCalls);
+            Reopen(With(kAllCalls, GetParam().settings));
             flushed.SetAsOnFlush(*this);
         }
     };
@@ -112,6 +113,20 @@ INSTANTIATE_TEST_SUITE_P(Once, EachCallOfAFlush,
                                            Once(kNoDisk.call, kNoDisk.kind)));
 INSTANTIATE_TEST_SUITE_P(ForGood, EachCallOfAFlush,
                          ::testing::Values(kNoRoom, kNoSeek, kNoGrowth, kNoDisk));
+
+// Two writes and two flushes for what is else one.
+Fault BehindABarrier(Fault fault) {
+    fault.settings = "commit_barrier=yes;";
+    return fault;
+}
+INSTANTIATE_TEST_SUITE_P(OnceBehindABarrier, EachCallOfAFlush,
+                         ::testing::Values(BehindABarrier(Once(kNoRoom.call, kNoRoom.kind)),
+                                           BehindABarrier(Once(kNoSeek.call, kNoSeek.kind)),
+                                           BehindABarrier(Once(kNoGrowth.call, kNoGrowth.kind)),
+                                           BehindABarrier(Once(kNoDisk.call, kNoDisk.kind))));
+INSTANTIATE_TEST_SUITE_P(ForGoodBehindABarrier, EachCallOfAFlush,
+                         ::testing::Values(BehindABarrier(kNoRoom), BehindABarrier(kNoSeek),
+                                           BehindABarrier(kNoGrowth), BehindABarrier(kNoDisk)));
 
 using EachCallOfARetry = EachCallOfAFlush;
 const Fault kNoSize = ForGood(SystemCall::kFileSize, SystemErrorKind::kInputOutput);

@@ -61,6 +61,7 @@ Settings CombinationOf(u32 number, Random& random) {
     settings.initialMebibytes = random.OneIn(6) ? 1 : 0;
     settings.deltaMebibytes = random.OneIn(6) ? 1 : 0;
     settings.forceFlush = random.OneIn(10);
+    settings.commitBarrier = settings.forceFlush && random.OneIn(2);
     settings.asyncKilobytes = random.OneOf<std::optional<u32>>({std::nullopt, 0, 1, 64});
     return settings;
 }
@@ -72,6 +73,7 @@ std::string Settings::ConnString(const std::string& path) const {
            ";file_initial_size=" + std::to_string(initialMebibytes) +
            ";file_size_delta=" + std::to_string(deltaMebibytes) +
            ";force_flush=" + (forceFlush ? "yes" : "no") +
+           ";commit_barrier=" + (commitBarrier ? "yes" : "no") +
            // Nothing is to depend on the clock.
            ";flush_timeout=2000000000";
 }

@@ -29,6 +29,7 @@ struct Settings {
     u32 initialMebibytes = 0;
     u32 deltaMebibytes = 0;
     bool forceFlush = false;
+    bool commitBarrier = false;
     bool async = false;                 // only with a storage file
     std::optional<u32> asyncKilobytes;  // size of the asynchronous writer's buffer
 

@@ -68,6 +68,23 @@ TEST_F(OpenSolid, RefusesOtherWordsForForceFlush) {
     }
 }
 
+TEST_F(OpenSolid, LogsACommitBarrierOnlyWhenItIsGiven) {
+    EXPECT_EQ(Logged(K9SYS_LOG_INFO, "force_flush=yes;commit_barrier=yesplease;")[1],
+              "Use commit_barrier yes");
+    EXPECT_EQ(Logged(K9SYS_LOG_INFO, "commit_barrier=nope;")[1], "Use commit_barrier no");
+    for (const std::string none : {"force_flush=yes;", "commit_barrier=;", ""}) {
+        Logged(K9SYS_LOG_INFO, none);
+        EXPECT_EQ(m_log.CountContaining("commit_barrier"), 0U) << none;
+    }
+}
+
+TEST_F(OpenSolid, RefusesOtherWordsForCommitBarrier) {
+    for (const std::string word : {"true", "Yes", "ye", "n"}) {
+        ExpectRefused(RC_INVALID_ARG, "commit_barrier=" + word,
+                      "Unknown commit_barrier value (" + word + ")");
+    }
+}
+
 TEST_F(OpenSolid, RefusesOtherWordsForWriteThrough) {
     ExpectRefused(RC_INVALID_ARG, "write_through=1", "Unknown write_through value (1)");
 }
@@ -142,6 +159,20 @@ TEST_F(OpenSolid, ForgetsTheSettingsOfTheOpeningBefore) {
     WriteTransaction(1, "one");
     EXPECT_EQ(CallCount(SystemCall::kFlush), 0U);
     EXPECT_EQ(WrittenSize(), 1056 + 27 + 32);
+}
+
+TEST_F(OpenSolid, ForgetsTheCommitBarrierOfTheOpeningBefore) {
+    SKIP_WHEN_ASYNC("a flush to the disk by each commit");
+    for (const auto& [settings, flushes] :
+         {std::pair{"force_flush=yes;commit_barrier=yes", 2U}, {"force_flush=yes", 1U}}) {
+        FileBuilder().NewFile().Zeros(8).Save(Path());
+        Open(settings);
+        ASSERT_EQ(Scanned(), Items{"commit 0 0"});
+        const u32 before = CallCount(SystemCall::kFlush);
+        WriteTransaction(1, "one");
+        EXPECT_EQ(CallCount(SystemCall::kFlush), before + flushes) << settings;
+        m_solid.Close();
+    }
 }
 
 TEST_F(OpenSolid, ForgetsWhatTheScanBeforeHasFound) {
