@@ -2,8 +2,6 @@
 // as they were a while before. What a forced flush acknowledged must be there. A run that was in
 // flight may look complete and not be, unless the commit barrier keeps its commit block back: such
 // images are counted.
-#include <k9erepl/storage.h>
-
 #include <algorithm>
 #include <unordered_set>
 
@@ -16,21 +14,6 @@
 namespace k9erepl::reliability {
 
 namespace {
-
-constexpr const char* kBarrier = ";commit_barrier=yes";
-
-// A setting that is known refuses a wrong value.
-bool HasBarrier(MemoryDisk& disk) {
-    disk.Mount({});
-    const std::string connString = "file=" + StoragePath() + ";commit_barrier=perhaps";
-    void* handle = nullptr;
-    if (K9eReplStorageCreate(connString.c_str(), 0) != RC_OK ||
-        K9eReplStorageOpen(connString.c_str(), &handle) != RC_OK) {
-        return true;
-    }
-    K9eReplStorageClose(handle);
-    return false;
-}
 
 // Whether everything that was acknowledged is there as it was, or cleared by what was in flight:
 // what is wrong belongs to a run that nobody was promised.
@@ -78,7 +61,7 @@ class PowerCuts {
         if (!seen.insert(Mix(image.Hash(), Mix(range.low, range.high))).second) {
             return;
         }
-        m_run.Keep(image);
+        m_run.Keep(image, m_history.changes, done);
         m_run.Case(m_number, [&] {
             return Examine(m_disk, image, m_history, m_number,
                            [&](const Seen& content) { return Judge(range, content); });
@@ -105,12 +88,13 @@ class PowerCuts {
 void RunGroup(GroupRun& run) {
     const SteadyCalls steady;
     MemoryDisk disk;
-    const bool barrier = run.Number() % 2 == 1 && HasBarrier(disk);
+    const bool barrier = run.Number() % 2 == 1;
     const WorkloadPlan plan{.operations = 40,
                             .forceFlush = true,
+                            .commitBarrier = barrier,
                             .flushEvery = run.Number() % 4 < 2 ? 1U : 3U,
                             .blockSize = 16384,  // runs of several pages
-                            .moreSettings = barrier ? kBarrier : ""};
+                            .moreSettings = ""};
     const History history = MakeHistory(disk, plan, run.Seed());
     run.Case(0, [&] { return history.problem; });
     PowerCuts(run, disk, history, barrier).All();

@@ -36,7 +36,7 @@ void RunGroup(GroupRun& run) {
         if (!seen.insert(Mix(image.Hash(), Mix(range.low, range.high))).second) {
             continue;
         }
-        run.Keep(image);
+        run.Keep(image, history.changes, point.changes);
         run.Case(number, [&] {
             return Examine(disk, image, history, run.Seed() + number,
                            [&](const Seen& s) { return JudgeByStates(history, range, s); });

@@ -24,7 +24,7 @@ std::string StoragePath() {
 }
 
 std::string History::ConnString() const {
-    return settings.ConnString(StoragePath()) + moreSettings;
+    return moreSettings + settings.ConnString(StoragePath());
 }
 
 // Operations that changed nothing end at one moment: what the last of them led to has begun there.

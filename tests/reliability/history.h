@@ -28,7 +28,7 @@ struct Mark {
 
 struct History {
     model::Settings settings;
-    std::string moreSettings;  // begins with ';' unless empty
+    std::string moreSettings;  // win; end with ';' unless empty
     u32 recordSize = 0;        // bytes of data of every record; 0: they differ
     DiskImage base;            // everything in it is durable
     Changes changes;

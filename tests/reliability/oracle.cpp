@@ -68,6 +68,23 @@ std::string Describe(const model::Content& state) {
     return reliability::Describe(seen);
 }
 
+// What a reader wants to know first of two contents that look alike.
+std::string FirstDifference(const Seen& seen, const model::Records& records) {
+    for (const auto& [rev, record] : records) {
+        const auto found = seen.records.find(rev);
+        if (found == seen.records.end()) {
+            return "revision " + std::to_string(rev) + " is missing";
+        }
+        if (found->second != record) {
+            const std::string& got = found->second.data;
+            const bool zeros = got.find_first_not_of('\0') == std::string::npos;
+            return "revision " + std::to_string(rev) + " has other bytes, " +
+                   std::to_string(got.size()) + (zeros ? ", all zero" : "");
+        }
+    }
+    return "";
+}
+
 }  // namespace
 
 std::string Describe(const Seen& seen) {
@@ -107,7 +124,8 @@ Problem JudgeByStates(const History& history, StateRange range, const Seen& seen
     if (!any([&](const model::Content& state) { return Holds(state, seen); })) {
         return "content is none that it had: " + reliability::Describe(seen) + "; expected state " +
                std::to_string(range.low) + " (" + Describe(*first) + ") to " +
-               std::to_string(range.high) + " (" + Describe(*(end - 1)) + ")";
+               std::to_string(range.high) + " (" + Describe(*(end - 1)) + "); " +
+               FirstDifference(seen, (end - 1)->records);
     }
     if (!any([&](const model::Content& state) { return state.lifenum == seen.lifenum; })) {
         return "life number is none that it had: " + std::to_string(seen.lifenum);

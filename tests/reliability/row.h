@@ -34,8 +34,9 @@ class GroupRun {
     virtual bool Enough() const = 0;
     // A number for the summary, such as "undetectable".
     virtual void Count(const std::string& what, u64 by = 1) = 0;
-    // What a failing case began with: kept as files if the command line says so.
-    virtual void Keep(const DiskImage& image) = 0;
+    // What a failing case began with, and the first of these changes, which led to it: kept as
+    // files if the command line says so.
+    virtual void Keep(const DiskImage& image, const Changes& changes, std::size_t done) = 0;
 };
 
 struct Row {

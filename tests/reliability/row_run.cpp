@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdio>
 #include <exception>
+#include <fstream>
 
 #include "reliability/watchdog.h"
 
@@ -54,7 +55,12 @@ class Runner final : public GroupRun {
         return (m_casesMax > 0 && m_result.cases >= m_casesMax) || TimeIsUp();
     }
     void Count(const std::string& what, u64 by) override { m_result.counters[what] += by; }
-    void Keep(const DiskImage& image) override { m_image = image; }
+    void Keep(const DiskImage& image, const Changes& changes, std::size_t done) override {
+        if (!m_request.keepFolder.empty()) {
+            m_image = image;
+            m_changes.assign(changes.begin(), changes.begin() + static_cast<std::ptrdiff_t>(done));
+        }
+    }
 
     void Case(u64 number, const std::function<std::string()>& check) override {
         if (!Wants(number)) {
@@ -114,6 +120,10 @@ class Runner final : public GroupRun {
         (void)std::fflush(stdout);
         if (!m_request.keepFolder.empty()) {
             m_image.Save(m_request.keepFolder);
+            std::ofstream trace(m_request.keepFolder + "/changes.txt");
+            for (const Change& change : m_changes) {
+                trace << Describe(change) << '\n';
+            }
         }
     }
 
@@ -124,6 +134,7 @@ class Runner final : public GroupRun {
     Watchdog m_watchdog;
     u64 m_group = 0;
     DiskImage m_image;
+    Changes m_changes;
     RowResult m_result;
 };
 

@@ -38,6 +38,7 @@ model::Settings SettingsOf(const WorkloadPlan& plan, model::Random& random) {
     settings.initialMebibytes = random.OneIn(6) ? 1 : 0;
     settings.deltaMebibytes = random.OneIn(4) ? 1 : 0;
     settings.forceFlush = plan.forceFlush;
+    settings.commitBarrier = plan.commitBarrier;
     settings.async = plan.async;
     settings.asyncKilobytes = random.OneOf<std::optional<u32>>({std::nullopt, 0, 1, 64});
     return settings;

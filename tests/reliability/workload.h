@@ -15,10 +15,11 @@ struct WorkloadPlan {
     u32 operations = 60;  // about
     bool async = false;
     bool forceFlush = false;
+    bool commitBarrier = false;
     u32 flushEvery = 0;        // transactions; 0: the seed says
     u32 blockSize = 0;         // 0: the seed says
     bool removes = true;       // clears and truncations, too
-    std::string moreSettings;  // begins with ';' unless empty
+    std::string moreSettings;  // win; end with ';' unless empty
 };
 
 // REQUIRES: a SteadyCalls lives; nothing is open on `disk`, which is used and left closed.
