@@ -26,7 +26,7 @@
 #if defined(_WIN32)
 #define K9EREPL_CALL __cdecl
 #if defined(K9EREPL_BUILDING)
-#define K9EREPL_API __declspec(dllexport)
+#define K9EREPL_API /* src/api/exports.def lists what the DLL exports */
 #else
 #define K9EREPL_API __declspec(dllimport)
 #endif

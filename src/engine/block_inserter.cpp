@@ -21,7 +21,7 @@ void Append(K9eReplBlock& block, const K9eReplRec& rec, u64 need) {
     u8* to = block.Data() + block.used;
     const u32 prefix[2] = {kRecordSignature, static_cast<u32>(need)};
     std::memcpy(to, prefix, kRecordPrefixSize);
-    std::memcpy(to + kRecordPrefixSize, &rec, need - kRecordPrefixSize);
+    std::memcpy(to + kRecordPrefixSize, &rec, static_cast<std::size_t>(need - kRecordPrefixSize));
     block.used += need;
     block.lastRev = rec.rev;
 }

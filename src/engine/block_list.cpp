@@ -226,7 +226,8 @@ void BlockList::RekeyFirst(i64 firstRev, i64 fileOffset, u64 cutBytes) {
     if (oldKey < firstRev) {
         K9eReplBlock& cut = *block.mapped();
         assert(cutBytes <= cut.used);
-        std::memmove(cut.Data(), cut.Data() + cutBytes, cut.used - cutBytes);
+        std::memmove(cut.Data(), cut.Data() + cutBytes,
+                     static_cast<std::size_t>(cut.used - cutBytes));
         cut.used -= cutBytes;
         cut.flushedEnd -= std::min(cut.flushedEnd, cutBytes);
     }

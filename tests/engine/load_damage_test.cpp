@@ -75,7 +75,8 @@ class LoadOfDamage : public ::testing::TestWithParam<const char*> {
     // What a file cut to `size` bytes still commits; with `zeros` behind them, which may replace
     // what was cut off.
     SeenRecords CommittedIn(i64 size, bool zeros = false) const {
-        while (zeros && size < m_file.Size() && m_file.Bytes()[static_cast<u64>(size)] == 0) {
+        while (zeros && size < m_file.Size() &&
+               m_file.Bytes()[static_cast<std::size_t>(size)] == 0) {
             ++size;
         }
         std::size_t count = 0;
@@ -111,7 +112,7 @@ TEST_P(LoadOfDamage, CutAnywhereKeepsWhatWasCommitted) {
         if (size > 40 && size < 1020) {
             size = 1020;
         }
-        const std::vector<u8> bytes(m_file.Bytes().begin(), m_file.Bytes().begin() + size);
+        const std::vector<u8> bytes(m_file.Bytes().begin(), At(m_file.Bytes(), size));
         const u32 rc = TryLoad(bytes);
         EXPECT_EQ(rc, size < 1024 ? RC_SYSTEM_ERROR : size < 1060 ? RC_FILE_CORRUPT : RC_OK);
         if (rc == RC_OK) {
@@ -124,7 +125,7 @@ TEST_P(LoadOfDamage, CutAnywhereKeepsWhatWasCommitted) {
 
 TEST_P(LoadOfDamage, CutAnywhereAndFilledWithZerosKeepsWhatWasCommitted) {
     for (i64 size = 1060; size <= m_file.Size(); size += 3 * kStride) {
-        std::vector<u8> bytes(m_file.Bytes().begin(), m_file.Bytes().begin() + size);
+        std::vector<u8> bytes(m_file.Bytes().begin(), At(m_file.Bytes(), size));
         bytes.resize(4096);
         ASSERT_EQ(TryLoad(bytes), RC_OK) << size;
         EXPECT_EQ(m_storage.Records(), CommittedIn(size, true));

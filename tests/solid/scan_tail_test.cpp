@@ -1,6 +1,7 @@
 // What lies behind the last commit block: torn transactions, and the zeroing of what could be
 // taken for data later.
 #include "solid/solid_fixture.h"
+#include "support/file_bytes.h"
 
 namespace k9erepl::test {
 namespace {
@@ -13,7 +14,7 @@ class ScanTail : public SolidTest {
 
     std::vector<u8> Tail(i64 offset) {
         const std::vector<u8> bytes = WrittenBytes();
-        return {bytes.begin() + offset, bytes.end()};
+        return {At(bytes, offset), bytes.end()};
     }
     static bool AllZero(const std::vector<u8>& bytes) {
         return bytes == std::vector<u8>(bytes.size(), 0);

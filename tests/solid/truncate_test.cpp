@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "solid/solid_fixture.h"
+#include "support/file_bytes.h"
 
 namespace k9erepl::test {
 namespace {
@@ -35,7 +36,7 @@ class TruncateFile : public SolidTest {
     }
     bool AllZeroFrom(i64 offset) {
         const std::vector<u8> bytes = WrittenBytes();
-        return std::all_of(bytes.begin() + offset, bytes.end(), [](u8 byte) { return byte == 0; });
+        return std::all_of(At(bytes, offset), bytes.end(), [](u8 byte) { return byte == 0; });
     }
 };
 

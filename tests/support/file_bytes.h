@@ -22,6 +22,11 @@ void PatchBytes(const std::string& path, i64 offset, std::span<const u8> bytes);
 // Cuts an existing file, or extends it with zeros.
 void ResizeFile(const std::string& path, i64 size);
 
+// The place of the byte at `offset`; offsets are wider than some targets' iterators.
+inline std::vector<u8>::const_iterator At(const std::vector<u8>& bytes, i64 offset) {
+    return bytes.begin() + static_cast<std::ptrdiff_t>(offset);
+}
+
 bool Exists(const std::string& path);
 i64 FileSize(const std::string& path);
 

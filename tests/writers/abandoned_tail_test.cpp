@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "support/file_bytes.h"
 #include "writers/writer_fixture.h"
 
 namespace k9erepl::test {
@@ -23,7 +24,7 @@ class AbandonedTail : public WriterTest {
 
     bool AllZeroFrom(i64 offset) const {
         const Bytes file = FileBytes();
-        return std::all_of(file.begin() + offset, file.end(), [](u8 byte) { return byte == 0; });
+        return std::all_of(At(file, offset), file.end(), [](u8 byte) { return byte == 0; });
     }
 };
 

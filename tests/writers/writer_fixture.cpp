@@ -1,5 +1,6 @@
 // The vocabulary of the writers' tests; see writer_fixture.h.
 #include "writers/writer_fixture.h"
+#include "support/file_bytes.h"
 
 #include <cstring>
 
@@ -107,7 +108,7 @@ u32 WriterTest::CommitRecord(i64 rev, u32 sequence) {
 
 Bytes WriterTest::FileBytes(i64 offset, std::size_t count) const {
     const Bytes file = FileBytes();
-    const auto begin = file.begin() + offset;
+    const auto begin = At(file, offset);
     return {begin, begin + static_cast<std::ptrdiff_t>(count)};
 }
 

@@ -1,0 +1,55 @@
+# The Debian packages that the tool and the tests are built with. Where the target is not the
+# machine itself, packages made of headers are reached through a folder that holds nothing but
+# them (never the whole of /usr/include), and GoogleTest is built from its packaged source.
+if(CMAKE_CROSSCOMPILING)
+    set(k9erepl_headers ${PROJECT_BINARY_DIR}/packaged-headers)
+    file(MAKE_DIRECTORY ${k9erepl_headers})
+endif()
+
+# k9erepl_header_package(<target> <folder of /usr/include>)
+function(k9erepl_header_package target folder)
+    if(TARGET ${target})
+        return()
+    endif()
+    if(NOT EXISTS /usr/include/${folder})
+        message(FATAL_ERROR "No /usr/include/${folder}: install its Debian package")
+    endif()
+    file(CREATE_LINK /usr/include/${folder} ${k9erepl_headers}/${folder} SYMBOLIC)
+    add_library(${target} INTERFACE IMPORTED GLOBAL)
+    target_include_directories(${target} SYSTEM INTERFACE ${k9erepl_headers})
+endfunction()
+
+# What the tool needs: CLI11, fmt, nlohmann-json.
+macro(k9erepl_find_tool_packages)
+    if(CMAKE_CROSSCOMPILING)
+        k9erepl_header_package(CLI11::CLI11 CLI)
+        k9erepl_header_package(fmt::fmt fmt)
+        k9erepl_header_package(nlohmann_json::nlohmann_json nlohmann)
+        set_target_properties(fmt::fmt PROPERTIES
+            INTERFACE_COMPILE_DEFINITIONS FMT_HEADER_ONLY)
+    else()
+        find_package(CLI11 REQUIRED)
+        find_package(fmt REQUIRED)
+        find_package(nlohmann_json REQUIRED)
+    endif()
+endmacro()
+
+# What the tests need: GoogleTest.
+macro(k9erepl_find_test_packages)
+    if(CMAKE_CROSSCOMPILING)
+        k9erepl_build_googletest()
+    else()
+        find_package(GTest REQUIRED)
+    endif()
+endmacro()
+
+function(k9erepl_build_googletest)
+    set(source /usr/src/googletest/googletest)
+    if(NOT EXISTS ${source}/CMakeLists.txt)
+        message(FATAL_ERROR "No ${source}: install the Debian package googletest")
+    endif()
+    set(INSTALL_GTEST OFF)
+    set(CMAKE_POLICY_DEFAULT_CMP0077 NEW)
+    set(CMAKE_WARN_DEPRECATED OFF)
+    add_subdirectory(${source} ${PROJECT_BINARY_DIR}/googletest EXCLUDE_FROM_ALL SYSTEM)
+endfunction()
