@@ -42,6 +42,9 @@ std::set<u32> CutsOf(const Change& write, bool isStorage, model::Random& random)
     }
     if (size > kEveryByteMax) {
         AddBorders(write.bytes, cuts);
+        for (i64 end = (write.at / kSector + 1) * kSector; end < write.at + size; end += kSector) {
+            cuts.insert(static_cast<u32>(end - write.at));
+        }
         for (u32 i = 0; i < kAnywhere; ++i) {
             cuts.insert(random.Below(size));
         }
