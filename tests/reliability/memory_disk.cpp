@@ -25,6 +25,10 @@ bool Refuse(SystemErrorKind kind) {
     return false;
 }
 
+Change Of(ChangeKind kind, FileNumber file, i64 at, std::string bytes = {}) {
+    return {.kind = kind, .file = file, .at = at, .bytes = std::move(bytes), .name = {}, .to = {}};
+}
+
 // The entries that are the disk's business.
 void CopyEntries(const platform::SystemCalls& from, platform::SystemCalls& to) {
     to.openFile = from.openFile;
@@ -182,19 +186,11 @@ NativeFile MemoryDisk::Open(const char* path, const platform::FileOpenRequest& r
     }
     if (!file) {
         file = m_nextFile++;
-        Do({.kind = ChangeKind::kCreate,
-            .file = *file,
-            .at = 0,
-            .bytes = {},
-            .name = path,
-            .to = {}});
+        Change change = Of(ChangeKind::kCreate, *file, 0);
+        change.name = path;
+        Do(std::move(change));
     } else if (request.disposition == FileDisposition::kCreateAlways) {
-        Do({.kind = ChangeKind::kSetEnd,
-            .file = *file,
-            .at = 0,
-            .bytes = {},
-            .name = {},
-            .to = {}});
+        Do(Of(ChangeKind::kSetEnd, *file, 0));
     }
     return AddHandle(*file, path, request.access != platform::FileAccess::kRead);
 }
@@ -233,12 +229,8 @@ i64 MemoryDisk::Write(NativeFile file, const void* data, u32 size) {
         Refuse(SystemErrorKind::kInvalidHandle);
         return -1;
     }
-    Do({.kind = ChangeKind::kWrite,
-        .file = handle->file,
-        .at = handle->position,
-        .bytes = std::string(static_cast<const char*>(data), sizeMax),
-        .name = {},
-        .to = {}});
+    Do(Of(ChangeKind::kWrite, handle->file, handle->position,
+          std::string(static_cast<const char*>(data), sizeMax)));
     handle->position += sizeMax;
     return sizeMax;
 }
@@ -268,12 +260,7 @@ bool MemoryDisk::SetEnd(NativeFile file, i64 size) {
     if (handle == nullptr || !Pass({SystemCall::kSetEnd, handle->name, size})) {
         return false;
     }
-    Do({.kind = ChangeKind::kSetEnd,
-        .file = handle->file,
-        .at = size,
-        .bytes = {},
-        .name = {},
-        .to = {}});
+    Do(Of(ChangeKind::kSetEnd, handle->file, size));
     return true;
 }
 
@@ -291,12 +278,7 @@ bool MemoryDisk::Flush(NativeFile file) {
     if (handle == nullptr || !Pass(SystemCall::kFlush, *handle)) {
         return false;
     }
-    Do({.kind = ChangeKind::kFlush,
-        .file = handle->file,
-        .at = 0,
-        .bytes = {},
-        .name = {},
-        .to = {}});
+    Do(Of(ChangeKind::kFlush, handle->file, 0));
     return true;
 }
 
@@ -304,69 +286,6 @@ bool MemoryDisk::TakeOwner(NativeFile file, const char* /*from*/) {
     const std::lock_guard lock(m_mutex);
     Handle* handle = Find(file);
     return handle != nullptr && Pass(SystemCall::kTakeOwnerAndMode, *handle);
-}
-
-// --- Names
-
-bool MemoryDisk::Rename(const char* from, const char* to) {
-    const std::lock_guard lock(m_mutex);
-    if (!Pass({SystemCall::kRename, from})) {
-        return false;
-    }
-    const std::optional<FileNumber> file = m_image.NumberOf(from);
-    if (!file) {
-        return Refuse(SystemErrorKind::kNotFound);
-    }
-    if (m_image.NumberOf(to) == file) {
-        return true;  // two names of one file: nothing happens
-    }
-    Do({.kind = ChangeKind::kRename, .file = *file, .at = 0, .bytes = {}, .name = from, .to = to});
-    return true;
-}
-
-bool MemoryDisk::Link(const char* existing, const char* name) {
-    const std::lock_guard lock(m_mutex);
-    if (!Pass({SystemCall::kLink, existing})) {
-        return false;
-    }
-    const std::optional<FileNumber> file = m_image.NumberOf(existing);
-    if (!file || m_image.NumberOf(name)) {
-        return Refuse(file ? SystemErrorKind::kAlreadyExists : SystemErrorKind::kNotFound);
-    }
-    Do({.kind = ChangeKind::kLink, .file = *file, .at = 0, .bytes = {}, .name = name, .to = {}});
-    return true;
-}
-
-bool MemoryDisk::Remove(const char* path) {
-    const std::lock_guard lock(m_mutex);
-    if (!Pass({SystemCall::kRemove, path})) {
-        return false;
-    }
-    const std::optional<FileNumber> file = m_image.NumberOf(path);
-    if (!file) {
-        return Refuse(SystemErrorKind::kNotFound);
-    }
-    Do({.kind = ChangeKind::kRemove, .file = *file, .at = 0, .bytes = {}, .name = path, .to = {}});
-    return true;
-}
-
-bool MemoryDisk::MakeDirectory(const char* path) {
-    const std::lock_guard lock(m_mutex);
-    return Pass({SystemCall::kMakeDirectory, path}) && Refuse(SystemErrorKind::kAlreadyExists);
-}
-
-bool MemoryDisk::FlushDirectory(const char* path) {
-    const std::lock_guard lock(m_mutex);
-    if (!Pass({SystemCall::kFlushDirectory, path})) {
-        return false;
-    }
-    Do({.kind = ChangeKind::kFlushDirectory,
-        .file = 0,
-        .at = 0,
-        .bytes = {},
-        .name = path,
-        .to = {}});
-    return true;
 }
 
 }  // namespace k9erepl::reliability
