@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <k9erepl/storage.h>
 
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
@@ -14,8 +13,8 @@
 #include <string>
 
 #include "crash/crash_plan.h"
+#include "support/child_process.h"
 #include "support/temp_folder.h"
-#include "tools/child_process.h"
 
 namespace k9erepl::test {
 
@@ -43,8 +42,8 @@ i64 RunAndKill(const ChildOptions& options, SeededNumbers& numbers, i64 lastKnow
     while (extraMs > 0 && child.Read(&acknowledged, sizeof acknowledged, extraMs) != 0 &&
            numbers.Below(4) != 0) {
     }
-    child.Signal(SIGKILL);
-    EXPECT_EQ(child.Wait(), (ChildEnd{0, SIGKILL}));
+    child.Kill();
+    EXPECT_EQ(child.Wait(), (ChildEnd{0, kKillSignal}));
     i64 last = 0;  // acknowledged before the end, read after it
     while (child.Read(&last, sizeof last, 0) == sizeof last) {
         acknowledged = last;

@@ -2,13 +2,13 @@
 // test runs k9sys_log_child, because a process reads its environment once.
 #include <set>
 
-#include "k9sys/child_process.h"
+#include "k9sys/child_fixture.h"
 
 namespace k9erepl::test {
 
 namespace {
 
-using LogChild = ChildProcess;
+using LogChild = ChildTest;
 
 }  // namespace
 
@@ -80,7 +80,8 @@ TEST_F(LogChild, AFileThatCannotBeOpenedFallsBackToStandardError) {
 
 TEST_F(LogChild, ALineHasTimeLevelModuleMessageAndCode) {
     ASSERT_TRUE(Run("codes", {}));
-    const std::string text = ReadText(m_standardError);
+    std::string text = ReadText(m_standardError);
+    std::erase(text, '\r');  // where the C library ends lines of text so
     EXPECT_EQ(Shape(text.substr(0, text.find('\n') + 1)),
               "0000-00-00 00:00:00.000 error k0eRepl-storage: "
               "Failed to begin trans;state 0 (code 00)\n");

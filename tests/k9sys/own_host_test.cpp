@@ -1,20 +1,20 @@
 // A host's own library in the place of the stand-in: a program that was linked against the stand-in
 // runs with own_host.c instead.
-#include "k9sys/child_process.h"
+#include "k9sys/child_fixture.h"
 
 namespace k9erepl::test {
 
 namespace {
 
-class OwnHost : public ChildProcess {
+class OwnHost : public ChildTest {
   protected:
-    const std::string m_loader = "LD_BIND_NOW=1 LD_LIBRARY_PATH=\"" K9SYS_OWN_HOST_FOLDER "\" ";
+    OwnHost() { m_environment = {"LD_BIND_NOW=1", "LD_LIBRARY_PATH=" K9SYS_OWN_HOST_FOLDER}; }
 };
 
 }  // namespace
 
 TEST_F(OwnHost, TakesThePlaceOfTheStandIn) {
-    ASSERT_TRUE(Run("levels", {"K9SYS_LOG=off"}, m_loader));
+    ASSERT_TRUE(Run("levels", {"K9SYS_LOG=off"}));
     EXPECT_EQ(
         LinesOf(m_standardError),
         (Lines{"host error a: an error", "host warning a: a warning", "host info a: an info",
@@ -22,7 +22,7 @@ TEST_F(OwnHost, TakesThePlaceOfTheStandIn) {
 }
 
 TEST_F(OwnHost, IsAskedAtEveryCallSite) {
-    ASSERT_TRUE(Run("sites", {}, m_loader));
+    ASSERT_TRUE(Run("sites", {}));
     EXPECT_EQ(
         LinesOf(m_standardError),
         (Lines{"host info k9eRepl-storage: round %d", "host info k9eRepl-storage: round %d",
@@ -31,7 +31,7 @@ TEST_F(OwnHost, IsAskedAtEveryCallSite) {
 
 // LD_BIND_NOW: an import that the host's library lacks would end the program.
 TEST_F(OwnHost, IsAllThatTheStorageLibraryNeeds) {
-    ASSERT_TRUE(RunCommand(m_loader + "\"" + K9SYS_OWN_HOST_CLIENT + "\""));
+    ASSERT_TRUE(RunProgram({K9SYS_OWN_HOST_CLIENT}));
     const Lines lines = LinesOf(m_standardError);
     EXPECT_FALSE(lines.empty());
     for (const std::string& line : lines) {

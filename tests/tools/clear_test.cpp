@@ -160,20 +160,6 @@ TEST_F(ToolClear, TheStorageGoesOnBehindIt) {
     }
 }
 
-TEST_F(ToolClear, FilesLieBesideWhatALinkLeadsTo) {
-    Fill();
-    std::filesystem::create_symlink("data.edb", File("link"));
-    const ToolRun run =
-        Run({"clear", "--conn", "file=" + File("link"), "--to", "3", "--mode", "squeeze-backup"});
-    EXPECT_EQ(run.exitStatus, 0) << run;
-    EXPECT_NE(run.out.find("storage file size    1218 -> 1198\n"), std::string::npos) << run;
-    EXPECT_NE(run.out.find("backup file          '" + Backup() + "' (1218 bytes)\n"),
-              std::string::npos)
-        << run;
-    EXPECT_TRUE(std::filesystem::is_symlink(File("link")));
-    EXPECT_EQ(Cat(), "r3\nr4\nr5\n");
-}
-
 TEST_F(ToolClear, HelpTellsModesRoomAndFiles) {
     const std::string help = Run({"clear", "--help"}).out;
     for (const char* text :

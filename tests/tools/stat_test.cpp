@@ -41,8 +41,9 @@ TEST_F(ToolStat, TellsRevisionsSizesAndBlocks) {
 TEST_F(ToolStat, JsonIsOneObject) {
     ASSERT_EQ(Append("").exitStatus, 0);
     EXPECT_EQ(Run({"stat", "--conn", Conn(), "--format", "json"}).out,
-              "{\"file\":\"" + StorageFile() + "\",\"indexFile\":\"" + StorageFile() +
-                  "-idx\",\"nextRev\":1,\"oldestRev\":null,\"lifeNumber\":0,\"clearMark\":0,"
+              "{\"file\":" + AsJson(StorageFile()) +
+                  ",\"indexFile\":" + AsJson(StorageFile() + "-idx") +
+                  ",\"nextRev\":1,\"oldestRev\":null,\"lifeNumber\":0,\"clearMark\":0,"
                   "\"fileSize\":1064,\"indexSize\":32,\"blocks\":0}\n");
 }
 

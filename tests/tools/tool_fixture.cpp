@@ -2,7 +2,6 @@
 #include "tools/tool_fixture.h"
 
 #include <chrono>
-#include <cstdlib>
 #include <nlohmann/json.hpp>
 #include <ostream>
 #include <thread>
@@ -15,33 +14,15 @@ std::ostream& operator<<(std::ostream& out, const ToolRun& run) {
                << run.err;
 }
 
-ToolTest::ToolTest() {
-    // The log's settings change what the tool tells; the test's own environment must not.
-    unsetenv("K9SYS_LOG");       // NOLINT(concurrency-mt-unsafe): no other thread runs
-    unsetenv("K9SYS_LOG_FILE");  // NOLINT(concurrency-mt-unsafe)
-}
-
 ChildOptions ToolTest::PipedOptions(std::vector<std::string> arguments) const {
     arguments.insert(arguments.begin(), K9REPL_PROGRAM);
     return {.arguments = std::move(arguments),
+            .environment = m_environment,
             .inputPath = {},
             .outputPath = m_folder.File("tool.out"),
             .errorPath = m_folder.File("tool.err"),
             .fileSizeMax = m_fileSizeMax,
             .obeysPermissions = m_obeysPermissions};
-}
-
-ChildOptions ToolTest::TerminalOptions(const PseudoTerminal& terminal,
-                                       std::vector<std::string> arguments) const {
-    ChildOptions options = PipedOptions(std::move(arguments));
-    options.inputPath = options.errorPath = terminal.Name();
-    return options;
-}
-
-ToolRun ToolTest::FinishOnTerminal(ChildProcess& child, PseudoTerminal& terminal) const {
-    const ChildEnd end = child.Wait();
-    EXPECT_EQ(end.signal, 0) << "the tool was ended by a signal";
-    return {end.exitStatus, ReadText(File("tool.out")), terminal.ReadRest()};
 }
 
 ToolRun ToolTest::Finish(ChildProcess& child) const {
@@ -81,6 +62,10 @@ std::string ToolTest::Stat(const std::string& key, const std::string& settings) 
     const ToolRun run = Run({"stat", "--conn", Conn(settings), "--format", "json"});
     EXPECT_EQ(run.exitStatus, 0) << run;
     return run.exitStatus == 0 ? nlohmann::json::parse(run.out).at(key).dump() : "";
+}
+
+std::string AsJson(const std::string& text) {
+    return nlohmann::json(text).dump();
 }
 
 namespace {

@@ -8,11 +8,10 @@
 #include <string_view>
 #include <vector>
 
+#include "support/child_process.h"
 #include "support/file_bytes.h"
 #include "support/temp_folder.h"
 #include "support/writer_mode.h"
-#include "tools/child_process.h"
-#include "tools/pseudo_terminal.h"
 
 namespace k9erepl::test {
 
@@ -28,8 +27,6 @@ std::ostream& operator<<(std::ostream& out, const ToolRun& run);
 
 class ToolTest : public ::testing::Test {
   protected:
-    ToolTest();
-
     // The connection string of the test's storage, with `more` and the writer that
     // support/writer_mode.h says behind it.
     std::string Conn(const std::string& more = {}) const {
@@ -55,12 +52,9 @@ class ToolTest : public ::testing::Test {
     ChildOptions PipedOptions(std::vector<std::string> arguments) const;
     ToolRun Finish(ChildProcess& child) const;
 
-    // The same with standard input and error on `terminal`; FinishOnTerminal collects what was
-    // printed there as standard error.
-    ChildOptions TerminalOptions(const PseudoTerminal& terminal,
-                                 std::vector<std::string> arguments) const;
-    ToolRun FinishOnTerminal(ChildProcess& child, PseudoTerminal& terminal) const;
-
+    // For each run, as ChildOptions has it. The log's settings change what the tool tells: those of
+    // the test's own environment must not.
+    std::vector<std::string> m_environment = {"K9SYS_LOG", "K9SYS_LOG_FILE"};
     u64 m_fileSizeMax = 0;            // for Run
     bool m_obeysPermissions = false;  // for Run: of files, though the test runs as root
     std::string m_outputPath;         // for Run: in place of the file that is read back
@@ -68,6 +62,9 @@ class ToolTest : public ::testing::Test {
   private:
     TempFolder m_folder;
 };
+
+// `text` in quotes, as JSON has it.
+std::string AsJson(const std::string& text);
 
 // Waits, at most a minute, until there is a file at `path`; false when there never was.
 bool WaitUntilExists(const std::string& path);

@@ -1,17 +1,17 @@
 // A long squeeze: how far it is on a terminal, and its end by signals. Holding the terminal's
 // output holds the squeeze, because the tool waits to print how far it is.
-#include <csignal>
 #include <filesystem>
 #include <memory>
 #include <string>
 
 #include "tools/clear_fixture.h"
+#include "tools/posix/terminal_fixture.h"
 
 namespace k9erepl::test {
 
 namespace {
 
-class ToolSqueeze : public ToolClearTest {
+class ToolSqueeze : public OnTerminal<ToolClearTest> {
   protected:
     static constexpr const char* kStart = "\r\033[Kcopied 0.0 of 24.0 MB";
     static constexpr const char* kEraseLine = "\r\033[K";
@@ -65,7 +65,7 @@ TEST_F(ToolSqueeze, TellsNoProgressElsewhere) {
 
 TEST_F(ToolSqueeze, TellsNoProgressWhereTheUserSteersTheLog) {
     FillLarge();
-    setenv("K9SYS_LOG_FILE", File("library.log").c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+    m_environment.push_back("K9SYS_LOG_FILE=" + File("library.log"));
     PseudoTerminal terminal;
     ChildProcess child(TerminalOptions(terminal, ClearArguments("2", "squeeze")));
     const ToolRun run = FinishOnTerminal(child, terminal);
@@ -77,10 +77,10 @@ TEST_F(ToolSqueeze, IsFinishedAfterAnInterrupt) {
     FillLarge();
     PseudoTerminal terminal;
     const auto child = StartHeld(terminal);
-    child->Signal(SIGINT);
+    child->Interrupt();
     terminal.ReleaseOutput();
     const ToolRun run = FinishOnTerminal(*child, terminal);
-    EXPECT_EQ(run.exitStatus, 128 + SIGINT) << run;
+    EXPECT_EQ(run.exitStatus, 130) << run;
     EXPECT_TRUE(run.err.ends_with(
         "\r\033[Kcopied 24.0 of 24.0 MB, waiting for the disk; SIGINT: finishing the squeeze, once "
         "more ends it here\r\033[Kk9repl clear: interrupted by SIGINT; the clear is done all the "
@@ -95,10 +95,10 @@ TEST_F(ToolSqueeze, WhatAKilledOneLeavesIsExplainedAndRemoved) {
     FillLarge();
     PseudoTerminal terminal;
     const auto child = StartHeld(terminal);
-    child->Signal(SIGKILL);
-    EXPECT_EQ(child->Wait(), (ChildEnd{0, SIGKILL}));
+    child->Kill();
+    EXPECT_EQ(child->Wait(), (ChildEnd{0, kKillSignal}));
     EXPECT_EQ(FirstByteOfEach(), "bcdefghijklmnopqrstuvwxy");  // the clear revision was first
-    EXPECT_EQ(Stat("temporaryFile"), "\"" + Temporary() + "\"");
+    EXPECT_EQ(Stat("temporaryFile"), AsJson(Temporary()));
     const ToolRun again = Clear("2", "squeeze");
     EXPECT_EQ(again.exitStatus, 1);
     EXPECT_NE(again.err.find("is in the way, the unfinished copy of a squeeze that was cut off; "

@@ -1,5 +1,5 @@
 // Starts children with fork and exec; between the two only calls that are safe there.
-#include "tools/child_process.h"
+#include "support/child_process.h"
 
 #include <fcntl.h>
 #include <linux/capability.h>
@@ -25,9 +25,10 @@ int Checked(int result, const char* what) {
     return result;
 }
 
-void CloseDescriptor(int& descriptor) {
+template <typename Descriptor>
+void CloseDescriptor(Descriptor& descriptor) {
     if (descriptor >= 0) {
-        close(std::exchange(descriptor, -1));
+        close(static_cast<int>(std::exchange(descriptor, -1)));
     }
 }
 
@@ -81,17 +82,41 @@ struct ChildSetup {
     }
 };
 
-pid_t Start(const std::vector<std::string>& arguments, const ChildSetup& setup) {
-    std::vector<char*> argv;
-    argv.reserve(arguments.size() + 1);
-    for (const std::string& argument : arguments) {
-        argv.push_back(const_cast<char*>(argument.c_str()));
+// The test's environment with the changes that ChildOptions::environment asks for.
+std::vector<std::string> ChangedEnvironment(const std::vector<std::string>& changes) {
+    std::vector<std::string> items;
+    for (char** item = environ; *item != nullptr; ++item) {
+        items.emplace_back(*item);
     }
-    argv.push_back(nullptr);
+    for (const std::string& change : changes) {
+        const std::string start = change.substr(0, change.find('=')) + "=";
+        std::erase_if(items, [&](const std::string& item) { return item.starts_with(start); });
+        if (change.find('=') != std::string::npos) {
+            items.push_back(change);
+        }
+    }
+    return items;
+}
+
+// As exec takes them; valid as long as `texts`.
+std::vector<char*> Pointers(const std::vector<std::string>& texts) {
+    std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
+    for (const std::string& text : texts) {
+        pointers.push_back(const_cast<char*>(text.c_str()));
+    }
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+pid_t Start(const ChildOptions& options, const ChildSetup& setup) {
+    const std::vector<char*> arguments = Pointers(options.arguments);
+    const std::vector<std::string> items = ChangedEnvironment(options.environment);
+    const std::vector<char*> environment = Pointers(items);
     const pid_t process = Checked(fork(), "fork");
     if (process == 0) {
         setup.Apply();
-        execv(argv[0], argv.data());
+        execve(arguments[0], arguments.data(), environment.data());
         _exit(127);
     }
     return process;
@@ -106,8 +131,8 @@ ChildProcess::ChildProcess(const ChildOptions& options) {
     if (!options.errorPath.empty()) {
         error = OpenOutput(options.errorPath);
     }
-    m_process = Start(options.arguments, {input.child, output.child, error.child,
-                                          options.fileSizeMax, options.obeysPermissions});
+    m_process = Start(options, {input.child, output.child, error.child, options.fileSizeMax,
+                                options.obeysPermissions});
     m_input = input.test;
     m_output = output.test;
     CloseDescriptor(input.child);
@@ -119,14 +144,14 @@ ChildProcess::~ChildProcess() {
     CloseInput();
     CloseOutput();
     if (m_process > 0) {
-        kill(m_process, SIGKILL);
-        waitpid(m_process, nullptr, 0);
+        Kill();
+        waitpid(static_cast<pid_t>(m_process), nullptr, 0);
     }
 }
 
 void ChildProcess::Write(std::string_view bytes) {
     while (!bytes.empty()) {
-        const ssize_t written = write(m_input, bytes.data(), bytes.size());
+        const ssize_t written = write(static_cast<int>(m_input), bytes.data(), bytes.size());
         if (written < 0 && errno == EINTR) {
             continue;
         }
@@ -140,11 +165,12 @@ void ChildProcess::CloseInput() {
 }
 
 std::size_t ChildProcess::Read(void* buffer, std::size_t size, int timeoutMs) {
-    pollfd wait = {m_output, POLLIN, 0};
+    const int output = static_cast<int>(m_output);
+    pollfd wait = {output, POLLIN, 0};
     if (poll(&wait, 1, timeoutMs) <= 0) {
         return 0;
     }
-    const ssize_t got = read(m_output, buffer, size);
+    const ssize_t got = read(output, buffer, size);
     return got > 0 ? static_cast<std::size_t>(got) : 0;
 }
 
@@ -152,13 +178,22 @@ void ChildProcess::CloseOutput() {
     CloseDescriptor(m_output);
 }
 
+void ChildProcess::Interrupt() {
+    Signal(SIGINT);
+}
+
+void ChildProcess::Kill() {
+    static_assert(kKillSignal == SIGKILL);
+    Signal(SIGKILL);
+}
+
 void ChildProcess::Signal(int signal) {
-    Checked(kill(m_process, signal), "kill");
+    Checked(kill(static_cast<pid_t>(m_process), signal), "kill");
 }
 
 ChildEnd ChildProcess::Wait() {
     int status = 0;
-    while (waitpid(m_process, &status, 0) < 0) {
+    while (waitpid(static_cast<pid_t>(m_process), &status, 0) < 0) {
         if (errno != EINTR) {
             Checked(-1, "waitpid");
         }

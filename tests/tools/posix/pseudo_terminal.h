@@ -1,7 +1,7 @@
 // A terminal that a test holds the other end of: what a child prints on it, the test reads, and
 // what the test types, the child reads. Used by the tests of questions and of the progress line.
-#ifndef K9EREPL_TESTS_TOOLS_PSEUDO_TERMINAL_H
-#define K9EREPL_TESTS_TOOLS_PSEUDO_TERMINAL_H
+#ifndef K9EREPL_TESTS_TOOLS_POSIX_PSEUDO_TERMINAL_H
+#define K9EREPL_TESTS_TOOLS_POSIX_PSEUDO_TERMINAL_H
 
 #include <string>
 #include <string_view>
@@ -40,4 +40,4 @@ class PseudoTerminal {
 
 }  // namespace k9erepl::test
 
-#endif  // K9EREPL_TESTS_TOOLS_PSEUDO_TERMINAL_H
+#endif  // K9EREPL_TESTS_TOOLS_POSIX_PSEUDO_TERMINAL_H

@@ -1,5 +1,5 @@
 // The master end of a pseudo terminal.
-#include "tools/pseudo_terminal.h"
+#include "tools/posix/pseudo_terminal.h"
 
 #include <fcntl.h>
 #include <poll.h>
