@@ -36,3 +36,14 @@ seconds_since() {
 free_mebibytes() {
     df -Pm "$1" | awk 'NR == 2 { print $4 }'
 }
+
+# memory_folder: where short-lived files of tests may lie in memory; /tmp, or TMPDIR, where memory
+# is short or is not to be had as files.
+memory_folder() {
+    local memory=/dev/shm
+    if [ -z "${TMPDIR:-}" ] && [ -w "$memory" ] && [ "$(free_mebibytes "$memory")" -ge 4096 ]; then
+        echo "$memory"
+    else
+        echo "${TMPDIR:-/tmp}"
+    fi
+}

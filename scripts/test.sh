@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Sets up what is missing, builds everything and runs every test.
 #
-#   scripts/test.sh [release|debug|asan|tsan] [ctest option...]     (default: release)
+#   scripts/test.sh [release|debug|asan|tsan|linux-x86] [ctest option...]     (default: release)
 #
 # Exit status: 0 when every test passed.
 set -euo pipefail
@@ -10,18 +10,23 @@ source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 preset="${1:-release}"
 [ "$#" -gt 0 ] && shift
 case "$preset" in
-    release | debug | asan | tsan) ;;
+    release | debug | asan | tsan | linux-x86) ;;
     *)
-        echo "test.sh: unknown preset '$preset': use release, debug, asan or tsan" >&2
+        echo "test.sh: unknown preset '$preset': use release, debug, asan, tsan or linux-x86" >&2
         exit 2
         ;;
 esac
 
-"$root/scripts/setup.sh" test
+if [ "$preset" = linux-x86 ]; then
+    "$root/scripts/setup.sh" test32
+else
+    "$root/scripts/setup.sh" test
+fi
 started="$(date +%s%N)"
-# Times of a sanitizer build mean nothing: it goes without the benchmarks.
+# Times of a sanitizer build mean nothing: it goes without the benchmarks, and so does a build that
+# would need Google Benchmark for another target.
 bench=ON
-case "$preset" in asan | tsan) bench=OFF ;; esac
+case "$preset" in asan | tsan | linux-x86) bench=OFF ;; esac
 configure "$preset" -DK9EREPL_BUILD_TESTS=ON "-DK9EREPL_BUILD_BENCH=$bench" -DK9EREPL_BUILD_TOOL=ON
 build "$preset"
 echo "test.sh: built '$preset' in $(seconds_since "$started") s"
@@ -38,15 +43,11 @@ without_passed() {
 # The tests' files lie where the system keeps temporary ones (TMPDIR). A sanitizer build looks for
 # faults in the code, not in the disk: there, memory saves the time of many flushes to disk.
 case "$preset" in
-    asan | tsan)
-        memory=/dev/shm
-        if [ -z "${TMPDIR:-}" ] && [ -w "$memory" ] && [ "$(free_mebibytes "$memory")" -ge 4096 ]
-        then
-            TMPDIR="$(mktemp -d "$memory/k9erepl-tests.XXXXXX")"
-            chmod 755 "$TMPDIR"  # some tests let another user in
-            export TMPDIR
-            trap 'rm -rf "$TMPDIR"' EXIT
-        fi
+    asan | tsan | linux-x86)
+        TMPDIR="$(mktemp -d "$(memory_folder)/k9erepl-tests.XXXXXX")"
+        chmod 755 "$TMPDIR"  # some tests let another user in
+        export TMPDIR
+        trap 'rm -rf "$TMPDIR"' EXIT
         ;;
 esac
 

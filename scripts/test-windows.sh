@@ -1,0 +1,90 @@
+#!/usr/bin/env bash
+# Sets up the cross compilers and Wine, builds for Windows and runs every test there.
+#
+#   scripts/test-windows.sh [windows-x86|windows-x64]...     (default: both)
+#
+# Closes with one line for each preset: how many tests passed, and that together with those named
+# in tests/posix_only_tests.txt they are the tests of the native run (when build/release is there).
+# Exit status: 0 when every test passed, 3 with one line that says why when this machine cannot run
+# Windows programs, anything else when a build or a test failed.
+set -euo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+
+posix_only="$root/tests/posix_only_tests.txt"
+presets=("$@")
+[ "$#" -gt 0 ] || presets=(windows-x86 windows-x64)
+for preset in "${presets[@]}"; do
+    case "$preset" in
+        windows-x86 | windows-x64) ;;
+        *)
+            echo "test-windows.sh: unknown preset '$preset': use windows-x86 or windows-x64" >&2
+            exit 2
+            ;;
+    esac
+done
+
+if ! why="$("$root/scripts/setup.sh" windows 2>&1 >/dev/null)"; then
+    echo "test-windows.sh: the Windows tests did not run: $(head -n 1 <<<"$why")"
+    exit 3
+fi
+
+# The tests' files lie in memory where there is room: Wine's detours are slow enough.
+folder="$(mktemp -d "$(memory_folder)/k9erepl-windows-tests.XXXXXX")"
+trap 'rm -rf "$folder"' EXIT
+export TMP="Z:${folder//\//\\}" TEMP="Z:${folder//\//\\}" TMPDIR="$folder"
+
+# names_of <preset> [runner]: the tests of all its programs, sorted; parameters without their text.
+names_of() {
+    local program runner="${2:-}"
+    for program in "$root/build/$1"/bin/*_tests "$root/build/$1"/bin/*_tests.exe; do
+        [ -x "$program" ] || continue
+        $runner "$program" --gtest_list_tests </dev/null 2>/dev/null | tr -d '\r' |
+            awk '/^Running main/ { next } /^[^ ]/ { suite = $1; next } { print suite $1 }'
+    done | sort
+}
+
+# without_posix_only: leaves out of a list of names those that a line of the file names.
+without_posix_only() {
+    grep -vxf <(sed -e 's/#.*//' -e 's/[[:space:]].*//' -e '/^$/d' \
+        -e 's/[.]/[.]/g' -e 's/[*]/.*/g' "$posix_only")
+}
+
+# compare <preset>: the native tests, less those of POSIX only, are the tests of the preset.
+compare() {
+    if [ ! -x "$root/build/release/bin/engine_tests" ]; then
+        echo "not compared with the native tests: there is no build/release"
+        return 0
+    fi
+    names_of release >"$folder/native"
+    names_of "$1" "$root/scripts/wine.sh" >"$folder/windows"
+    if ! without_posix_only <"$folder/native" | diff - "$folder/windows" >"$folder/diff"; then
+        echo "test-windows.sh: of the tests that $1 lacks (<) or has alone (>)," \
+            "tests/posix_only_tests.txt does not name:" >&2
+        grep '^[<>]' "$folder/diff" | head -n 30 >&2
+        return 1
+    fi
+    local native windows
+    native="$(wc -l <"$folder/native")"
+    windows="$(wc -l <"$folder/windows")"
+    echo "$native native tests: $windows on Windows, too, $((native - windows)) of POSIX only"
+}
+
+# summary <preset>: the closing line, from the results that the test programs left.
+summary() {
+    local results="$root/build/$1/test-results" all failed skipped
+    all="$(cat "$results"/*.xml | grep -c '<testcase ')"
+    failed="$(cat "$results"/*.xml | grep -c '<failure ' || true)"
+    skipped="$(cat "$results"/*.xml | grep -c 'result="skipped"' || true)"
+    echo "$1: $((all - failed - skipped)) passed, $failed failed, $skipped skipped"
+}
+
+for preset in "${presets[@]}"; do
+    started="$(date +%s%N)"
+    configure "$preset" -DK9EREPL_BUILD_TESTS=ON -DK9EREPL_BUILD_TOOL=ON
+    build "$preset"
+    echo "test-windows.sh: built '$preset' in $(seconds_since "$started") s"
+    rm -rf "$root/build/$preset/test-results"
+    (cd "$root" && ctest --preset "$preset" --parallel "$jobs" --no-tests=error </dev/null)
+    echo "$preset: $(compare "$preset")"
+    summary "$preset"
+done
