@@ -15,6 +15,11 @@ option(K9EREPL_COVERAGE "Instrument for gcov" OFF)
 
 find_package(Threads REQUIRED)
 
+# Files over 2 GiB where the system's own word for an offset has 32 bits.
+if(UNIX AND CMAKE_SIZEOF_VOID_P EQUAL 4)
+    add_compile_definitions(_FILE_OFFSET_BITS=64)
+endif()
+
 # Warnings, sanitizers and coverage; every target of ours links it privately.
 add_library(k9erepl_options INTERFACE)
 if(MSVC)
