@@ -13,6 +13,11 @@ option(K9EREPL_WARNINGS_AS_ERRORS "Stop the build at a warning" OFF)
 set(K9EREPL_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize takes them")
 option(K9EREPL_COVERAGE "Instrument for gcov" OFF)
 
+# On 32-bit POSIX systems the C library's file offsets have 64 bits only when asked to.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4 AND NOT WIN32)
+    add_compile_definitions(_FILE_OFFSET_BITS=64)
+endif()
+
 find_package(Threads REQUIRED)
 
 # Files over 2 GiB where the system's own word for an offset has 32 bits.
