@@ -20,15 +20,16 @@ endif()
 
 find_package(Threads REQUIRED)
 
-# Files over 2 GiB where the system's own word for an offset has 32 bits.
-if(UNIX AND CMAKE_SIZEOF_VOID_P EQUAL 4)
-    add_compile_definitions(_FILE_OFFSET_BITS=64)
-endif()
-
 # Warnings, sanitizers and coverage; every target of ours links it privately.
 add_library(k9erepl_options INTERFACE)
 if(MSVC)
-    target_compile_options(k9erepl_options INTERFACE /W4 /utf-8 /permissive-)
+    # The log statements (__VA_OPT__) want the conforming preprocessor. C4324 only says that a type
+    # was padded to the alignment that it asks for.
+    target_compile_options(k9erepl_options INTERFACE
+        /W4 /utf-8 /permissive- /Zc:preprocessor /Zc:__cplusplus /wd4324)
+    # The C library's own functions: what replaces them exists on one system only.
+    target_compile_definitions(k9erepl_options INTERFACE
+        _CRT_SECURE_NO_WARNINGS _CRT_NONSTDC_NO_WARNINGS)
 else()
     target_compile_options(k9erepl_options INTERFACE -Wall -Wextra -Wpedantic -Wconversion -Wshadow)
     if(K9EREPL_WARNINGS_AS_ERRORS)

@@ -9,9 +9,7 @@
 #include <initializer_list>
 #include <new>
 
-#ifdef _WIN32
-#include <malloc.h>
-#endif
+#include "support/aligned_memory.h"
 
 namespace k9erepl::test {
 namespace {
@@ -53,11 +51,7 @@ void* AlignedAllocOrNull(std::size_t size, std::align_val_t alignment) {
     }
     const auto align = static_cast<std::size_t>(alignment);
     const std::size_t pieces = size / align + (size % align != 0 || size == 0 ? 1 : 0);
-#ifdef _WIN32
-    return _aligned_malloc(pieces * align, align);
-#else
-    return std::aligned_alloc(align, pieces * align);
-#endif
+    return AllocAligned(pieces * align, align);
 }
 
 void* AlignedAllocOrThrow(std::size_t size, std::align_val_t alignment) {
@@ -66,14 +60,6 @@ void* AlignedAllocOrThrow(std::size_t size, std::align_val_t alignment) {
         throw std::bad_alloc();
     }
     return memory;
-}
-
-void AlignedFree(void* memory) {
-#ifdef _WIN32
-    _aligned_free(memory);
-#else
-    std::free(memory);
-#endif
 }
 
 }  // namespace
@@ -147,20 +133,20 @@ void operator delete[](void* memory, const std::nothrow_t&) noexcept {
     std::free(memory);
 }
 void operator delete(void* memory, std::align_val_t) noexcept {
-    AlignedFree(memory);
+    FreeAligned(memory);
 }
 void operator delete[](void* memory, std::align_val_t) noexcept {
-    AlignedFree(memory);
+    FreeAligned(memory);
 }
 void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
-    AlignedFree(memory);
+    FreeAligned(memory);
 }
 void operator delete[](void* memory, std::size_t, std::align_val_t) noexcept {
-    AlignedFree(memory);
+    FreeAligned(memory);
 }
 void operator delete(void* memory, std::align_val_t, const std::nothrow_t&) noexcept {
-    AlignedFree(memory);
+    FreeAligned(memory);
 }
 void operator delete[](void* memory, std::align_val_t, const std::nothrow_t&) noexcept {
-    AlignedFree(memory);
+    FreeAligned(memory);
 }
