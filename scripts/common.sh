@@ -4,6 +4,9 @@
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 jobs="$(nproc 2>/dev/null || echo 2)"
 
+# Clones and work trees share what the compiler cache holds: paths count from the root.
+export CCACHE_BASEDIR="$root" CCACHE_NOHASHDIR=1
+
 # configure <preset> [cmake option...]: the build tree build/<preset>, with ccache if it is there.
 configure() {
     local preset="$1"
