@@ -85,6 +85,7 @@ u32 CK9eReplStorage::LoadWithoutOpenFile(const IndexFileContent& index) {
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to get flushed rev from temporary solid storage");
         return rc;
     }
+    temporary.KeepTailIfDamaged(TailCare::kReport);
     return FinishLoad(0, &temporary);
 }
 
@@ -113,6 +114,7 @@ u32 CK9eReplStorage::LoadFromOpenFile(const IndexFileContent& index) {
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to get flushed rev from solid storage");
         return rc;
     }
+    m_solid.KeepTailIfDamaged(TailCare::kKeepCopy);
     return FinishLoad(NextRevAfter(lowestRev), &m_solid);
 }
 

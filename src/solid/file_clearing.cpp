@@ -65,6 +65,7 @@ u32 CSolidStorage::TruncateToClearRev(i64 rev, u32 lifenum, i64 clearOldRev) {
     if (u32 rc = CompleteAsyncTasks(); rc != RC_OK) {
         return rc;
     }
+    KeepTailBeforeWriting();
     TFileHeader header = NewFileHeader();
     header.lifenum = lifenum;
     header.clearOldRev = clearOldRev;

@@ -209,6 +209,8 @@ u32 FileScan::Finish() {
     const i64 looked = m_offset + Left();
     m_result.tailInUse = m_offset != m_result.validCommitOffset + kCommitBlockSize ||
                          AnyNonZero(Here(), Left()) || looked < m_extent.fileSize;
+    m_result.stopOffset = m_offset;
+    m_result.stopInUse = Left() >= kSignatureSize && AnyNonZero(Here(), kSignatureSize);
     return RC_OK;
 }
 
@@ -246,6 +248,7 @@ u32 CSolidStorage::ScanItems(const FileScanCallbacks& callbacks, i64 startOffset
         rc != RC_OK) {
         return rc;
     }
+    m_scanEnd = result;
     m_state.lastCommitSequence = result.lastSequence;
     m_state.clearRev = result.clearRev;
     m_state.lastFlushedRev = result.lastCommitted;

@@ -42,6 +42,8 @@ class FileScan {
         i64 prevRecRev = 0;         // of the last accepted record
         u32 lastSequence = 0;
         bool tailInUse = false;  // behind that block not every byte is known to be zero
+        i64 stopOffset = 0;      // of the first item that was not accepted
+        bool stopInUse = false;  // four bytes lie there, and not all are zero
     };
 
     // What is read: up to fileSize; what is taken as items: what begins before dataEnd.

@@ -40,6 +40,7 @@ u32 CSolidStorage::WriteItems(u8* data, u32 size, TCommitBlock* commitBlock,
                        lastFlushed);
         return RC_BAD_DATA;
     }
+    KeepTailBeforeWriting();
     // Read before the write: its notification may make the client place records over the block,
     // or write more, which must not be taken back here.
     const i64 commitRev = commitBlock != nullptr ? i64{commitBlock->commitRev} : lastFlushed;

@@ -138,6 +138,8 @@ bool CSolidStorage::Close() {
     InvalidateReads();
     m_file.Close();
     m_filePos = 0;
+    m_scanEnd = {};
+    m_tailUnkept = false;
     if (ended) {
         m_state.path.clear();
         m_state.fileSize = 0;

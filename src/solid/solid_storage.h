@@ -21,6 +21,9 @@ namespace k9erepl {
 
 struct SqueezeNames;
 
+// What is done about damage in the middle of the file.
+enum class TailCare { kReport, kKeepCopy };
+
 // Receives one item of an enumeration: its file offset, and the record, or null for a commit
 // block. The record is valid during the call. Non-zero stops the enumeration.
 using FileItemVisitor = u32 (*)(i64 offset, const K9eReplRec* rec, void* ctx);
@@ -94,6 +97,13 @@ class CSolidStorage final : public IK9eReplLLStorage {
     // REQUIRES: startOffset is 0 or at least 1024.
     u32 ScanFileFrom(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb, i64 startOffset,
                      void* ctx);
+
+    // To be called when a load has succeeded. Where its scan ended at bytes that are not zero,
+    // looks behind them for commit blocks that link to each other: damage in the middle of the
+    // data, not its end (docs/storage-file.md). Logs that as an error and, with kKeepCopy, keeps a
+    // copy of everything behind the last valid commit block beside the file. A copy that fails is
+    // logged, and tried once more before the first write, which is what destroys those bytes.
+    void KeepTailIfDamaged(TailCare care);
 
     // Hands the committed records of `range` to `visitor`. *completed is false if and only if the
     // visitor stopped it, whose result is then returned. The visitor may use this object; what it
@@ -176,6 +186,16 @@ class CSolidStorage final : public IK9eReplLLStorage {
     u32 WithHeaderPosition(Action action);
 
     u32 ScanItems(const FileScanCallbacks& callbacks, i64 startOffset, i64 dataEnd);
+    bool LooksDamaged();
+    bool KeepTail();
+    // To be called before the bytes behind the write position change.
+    void KeepTailBeforeWriting() {
+        if (m_tailUnkept) [[unlikely]] {
+            m_tailUnkept = false;
+            KeepTail();
+        }
+    }
+
     u32 VisitItem(FileItems& items, const FileItem& item, FileItemVisitor visitor, void* ctx,
                   bool* completed);
 
@@ -215,6 +235,9 @@ class CSolidStorage final : public IK9eReplLLStorage {
     std::vector<std::unique_ptr<ReadCacheManager>> m_nestedCaches;  // of levels 2, 3, ...
     u32 m_enumDepth = 0;                                            // enumerations that run
     u64 m_readGeneration = 0;  // changes when the read buffers were emptied
+
+    FileScan::Result m_scanEnd;  // of the last scan
+    bool m_tailUnkept = false;   // a damaged tail is in the file only
 };
 
 }  // namespace k9erepl

@@ -1,0 +1,110 @@
+// What counts as data that goes on behind a damage.
+#include "solid/damage_search.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "support/storage_file_builder.h"
+
+namespace k9erepl::test {
+namespace {
+
+constexpr LastGoodCommit kLast{.clearRev = 3, .commitRev = 10, .sequence = 5};
+
+BeyondDamage SearchIn(const FileBuilder& file) {
+    // Of its own size, so that a sanitizer sees a read behind it.
+    const std::vector<u8> bytes(file.Bytes());
+    return SearchBeyondDamage(bytes.data(), bytes.size(), kLast);
+}
+
+FileBuilder Junk() {
+    return FileBuilder().Fill(101, 0xEE);
+}
+
+TEST(DamageSearch, FindsNothingInNothing) {
+    EXPECT_FALSE(SearchBeyondDamage(nullptr, 0, kLast).IsDamage());
+    EXPECT_FALSE(SearchIn(Junk().Zeros(1000)).IsDamage());
+}
+
+TEST(DamageSearch, OneCommitBlockMayBeThatOfATornWrite) {
+    EXPECT_FALSE(SearchIn(Junk().Record(12, "x").Commit(3, 12).Fill(50, 0xEE)).IsDamage());
+}
+
+TEST(DamageSearch, TwoCommitBlocksThatAreLinkedAreDamage) {
+    const BeyondDamage found =
+        SearchIn(Junk().Record(12, "x").Commit(3, 12).Fill(7, 0xEE).Record(15, "").Commit(3, 15));
+    EXPECT_TRUE(found.IsDamage());
+    EXPECT_EQ(found.linkedBlocks, 1U);
+    EXPECT_EQ(found.lowestRev, 12);
+    EXPECT_EQ(found.highestRev, 15);
+}
+
+TEST(DamageSearch, TellsRevisionsByCommitBlocksWhereNoRecordIsSound) {
+    const BeyondDamage found = SearchIn(Junk().Commit(3, 12).Fill(7, 0xEE).Commit(4, 15));
+    EXPECT_EQ(found.lowestRev, 12);
+    EXPECT_EQ(found.highestRev, 15);
+}
+
+TEST(DamageSearch, CommitBlocksMayFollowEachOther) {
+    EXPECT_EQ(SearchIn(FileBuilder().Commit(3, 10).Commit(4, 10).Commit(5, 10)).linkedBlocks, 2U);
+}
+
+TEST(DamageSearch, TwoCommitBlocksThatAreNotLinkedAreNone) {
+    TCommitBlock stranger = NewCommitBlock(77, 20);
+    stranger.prevSequence = 76;
+    stranger.clearRev = 3;
+    EXPECT_FALSE(SearchIn(Junk().Commit(3, 12).RawCommit(stranger)).IsDamage());
+}
+
+TEST(DamageSearch, RevisionsNeverFall) {
+    EXPECT_FALSE(SearchIn(Junk().Commit(3, 9).Commit(3, 12)).IsDamage()) << "of an older chain";
+    EXPECT_FALSE(SearchIn(Junk().Commit(2, 11).Commit(3, 12)).IsDamage()) << "of an older chain";
+    EXPECT_FALSE(SearchIn(Junk().Commit(3, 12).Commit(3, 11)).IsDamage());
+    EXPECT_FALSE(SearchIn(Junk().Commit(5, 12).Commit(4, 13)).IsDamage());
+}
+
+TEST(DamageSearch, RevisionsMayFallBehindALastBlockThatIsItselfDamaged) {
+    TCommitBlock next = NewCommitBlock(6, 9);
+    next.prevSequence = kLast.sequence;
+    TCommitBlock afterNext = NewCommitBlock(7, 9);
+    afterNext.prevSequence = 6;
+    EXPECT_FALSE(SearchIn(FileBuilder().RawCommit(next)).IsDamage());
+    EXPECT_TRUE(SearchIn(FileBuilder().RawCommit(next).RawCommit(afterNext)).IsDamage());
+    EXPECT_FALSE(SearchIn(FileBuilder().RawCommit(afterNext).RawCommit(next)).IsDamage());
+}
+
+TEST(DamageSearch, PassesOverTheDataOfSoundRecords) {
+    const std::vector<u8> inner = FileBuilder().Commit(3, 12).Commit(3, 13).Bytes();
+    const std::string data(inner.begin(), inner.end());
+    EXPECT_FALSE(SearchIn(Junk().Record(11, data).Commit(3, 11)).IsDamage());
+    // Behind a head that is not sound nobody knows what is data.
+    EXPECT_TRUE(SearchIn(Junk().HeadClaiming(11, 90, 64).Raw(data.data(), data.size())).IsDamage());
+}
+
+TEST(DamageSearch, IsNotLedAstrayByAHeadThatClaimsTooMuch) {
+    for (const u32 size : {u32{24}, u32{30}, u32{10'000}, u32{0xFFFFFFFF}}) {
+        FileBuilder file = Junk().HeadClaiming(11, size, size - 24);
+        EXPECT_TRUE(SearchIn(file.Commit(3, 12).Commit(3, 13)).IsDamage()) << size;
+    }
+}
+
+TEST(DamageSearch, ReadsNothingBehindItsBytes) {
+    const FileBuilder whole = Junk().Record(12, "abc").Commit(3, 12).Record(13, "").Commit(3, 13);
+    for (i64 size = 0; size <= whole.Size(); ++size) {
+        EXPECT_EQ(SearchIn(FileBuilder(whole).CutTo(size)).IsDamage(), size == whole.Size())
+            << size;
+    }
+}
+
+TEST(DamageSearch, LooksTenMebibytesFar) {
+    FileBuilder near = Junk();
+    near.Zeros(kDamageSearchSize - 64 - 101).Commit(3, 12).Commit(3, 13);
+    EXPECT_TRUE(SearchIn(near).IsDamage());
+    FileBuilder far = Junk();
+    far.Zeros(kDamageSearchSize - 63 - 101).Commit(3, 12).Commit(3, 13);
+    EXPECT_FALSE(SearchIn(far).IsDamage());
+}
+
+}  // namespace
+}  // namespace k9erepl::test
