@@ -2,7 +2,7 @@
 #include <string>
 
 #include "tools/append_failure_fixture.h"
-#include "tools/system_errors.h"
+#include "tools/system_differences.h"
 
 namespace k9erepl::test {
 
@@ -49,6 +49,10 @@ TEST_F(ToolAppendFailure, AMissingInputIsNamedAndNothingCreated) {
     ExpectFailure(Append("", {File("missing.txt")}),
                   "cannot open the input '" + File("missing.txt") + "': " + InWords(2));
     EXPECT_FALSE(Exists(StorageFile()));
+}
+
+TEST_F(ToolAppendFailure, AFolderAsInputIsRefused) {
+    ExpectFailure(Append("", {"/"}), FolderAsInputFailure("/"));
 }
 
 TEST_F(ToolAppendFailure, ALineAsLongAsABlockHoldsIsARecord) {

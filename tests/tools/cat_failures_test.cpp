@@ -1,7 +1,7 @@
 // Failures of cat and stat, and the command line's own.
 #include <string>
 
-#include "tools/system_errors.h"
+#include "tools/system_differences.h"
 #include "tools/tool_fixture.h"
 
 namespace k9erepl::test {

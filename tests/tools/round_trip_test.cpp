@@ -1,6 +1,8 @@
 // What append puts into a storage comes back from cat, in every format.
+#include <filesystem>
 #include <string>
 
+#include "tools/system_differences.h"
 #include "tools/tool_fixture.h"
 
 namespace k9erepl::test {
@@ -58,6 +60,25 @@ TEST_F(ToolRoundTrip, AFileIsReadLikeStandardInput) {
     WriteText(File("lines.txt"), "from\na file\n");
     EXPECT_EQ(Append("", {File("lines.txt")}).exitStatus, 0);
     EXPECT_EQ(Cat(), "from\na file\n");
+}
+
+TEST_F(ToolRoundTrip, TheNullDeviceIsAnEmptyInput) {
+    EXPECT_EQ(Append("", {NullDevice()}).exitStatus, 0);
+    EXPECT_EQ(Cat(), "");
+}
+
+TEST_F(ToolRoundTrip, CarriageReturnsAndEndsOfTextAreBytesOfTheirLines) {
+    EXPECT_EQ(Append("one\r\n\x1A\nthree\n").exitStatus, 0);
+    EXPECT_EQ(Cat(), "one\r\n\x1A\nthree\n");
+}
+
+TEST_F(ToolRoundTrip, PathsMayHaveEverySeparatorOfTheSystem) {
+    EXPECT_EQ(Append("one\n").exitStatus, 0);
+    const std::filesystem::path path = StorageFile();
+    for (const std::string& spelled :
+         {path.generic_string(), std::filesystem::path(path).make_preferred().string()}) {
+        EXPECT_EQ(Run({"cat", "--conn", "file=" + spelled}).out, "one\n");
+    }
 }
 
 TEST_F(ToolRoundTrip, BytesOfAnyValueComeBackByTheirLengths) {

@@ -1,6 +1,7 @@
 // Truncate: what it leaves, and that it does nothing unasked.
 #include <string>
 
+#include "tools/system_differences.h"
 #include "tools/truncate_fixture.h"
 
 namespace k9erepl::test {
@@ -54,6 +55,16 @@ TEST_F(ToolTruncate, WithoutATerminalItRefuses) {
     EXPECT_EQ(run.err,
               "k9repl truncate: there is no terminal to ask for confirmation on; --yes truncates "
               "without asking; nothing was changed\n");
+    ExpectNothingChanged();
+}
+
+TEST_F(ToolTruncate, TheNullDeviceIsNoTerminal) {
+    Fill();
+    ChildOptions options = PipedOptions({"truncate", "--conn", Conn()});
+    options.inputPath = NullDevice();
+    options.errorPath = NullDevice();
+    ChildProcess child(options);
+    EXPECT_EQ(child.Wait(), (ChildEnd{2, 0}));
     ExpectNothingChanged();
 }
 

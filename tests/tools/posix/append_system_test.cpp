@@ -34,11 +34,6 @@ TEST_F(ToolAppendFailure, AFolderThatCannotBeMadeIsNamed) {
                       "';sys-err 20 (Not a directory) " + kSystemError);
 }
 
-TEST_F(ToolAppendFailure, AFolderAsInputIsRefused) {
-    ExpectFailure(Append("", {"/"}),
-                  "cannot read the input '/': Is a directory (system error 21); nothing is stored");
-}
-
 TEST_F(ToolAppendFailure, AFullDiskTellsTheLastRevisionThatIsStored) {
     SKIP_WHEN_ASYNC("a failed write is reported by the commit that made it");
     m_fileSizeMax = 10000;
