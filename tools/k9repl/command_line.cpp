@@ -19,6 +19,7 @@
 #include "stat_command.h"
 #include "tool_error.h"
 #include "truncate_command.h"
+#include "verify_command.h"
 
 namespace k9repl {
 
@@ -64,7 +65,7 @@ const Words<RecordFormat> kRecordFormats = {{"lines", RecordFormat::kLines},
                                             {"raw", RecordFormat::kRaw},
                                             {"json", RecordFormat::kJson},
                                             {"length-prefixed", RecordFormat::kLengthPrefixed}};
-const Words<bool> kStatFormats = {{"text", false}, {"json", true}};
+const Words<bool> kFactFormats = {{"text", false}, {"json", true}};
 const Words<ClearMode> kClearModes = {{"logical", ClearMode::kLogical},
                                       {"squeeze", ClearMode::kSqueeze},
                                       {"squeeze-backup", ClearMode::kSqueezeBackup},
@@ -127,8 +128,16 @@ CLI::App* AddCat(CLI::App& app, CatOptions& options) {
 CLI::App* AddStat(CLI::App& app, StatOptions& options) {
     CLI::App* command = app.add_subcommand("stat", kStatHelp);
     AddConn(*command, options.conn);
-    AddFormat(*command, kStatFormats, options.json);
+    AddFormat(*command, kFactFormats, options.json);
     command->footer(kStatFooter);
+    return command;
+}
+
+CLI::App* AddVerify(CLI::App& app, VerifyOptions& options) {
+    CLI::App* command = app.add_subcommand("verify", kVerifyHelp);
+    AddConn(*command, options.conn);
+    AddFormat(*command, kFactFormats, options.json);
+    command->footer(kVerifyFooter);
     return command;
 }
 
@@ -168,6 +177,7 @@ int RunCommandLine(int argc, const char* const* argv, std::string* toolName) {
     AppendOptions appendOptions;
     CatOptions catOptions;
     StatOptions statOptions;
+    VerifyOptions verifyOptions;
     ClearOptions clearOptions;
     TruncateOptions truncateOptions;
     CLI::App app(kMainHelp, "k9repl");
@@ -177,6 +187,7 @@ int RunCommandLine(int argc, const char* const* argv, std::string* toolName) {
     CLI::App* append = AddAppend(app, appendOptions);
     CLI::App* cat = AddCat(app, catOptions);
     CLI::App* stat = AddStat(app, statOptions);
+    CLI::App* verify = AddVerify(app, verifyOptions);
     CLI::App* clear = AddClear(app, clearOptions);
     CLI::App* truncate = AddTruncate(app, truncateOptions);
     try {
@@ -193,6 +204,9 @@ int RunCommandLine(int argc, const char* const* argv, std::string* toolName) {
     }
     if (stat->parsed()) {
         return RunStat(statOptions);
+    }
+    if (verify->parsed()) {
+        return RunVerify(verifyOptions);
     }
     if (clear->parsed()) {
         return RunClear(clearOptions);

@@ -22,10 +22,12 @@ Examples:
   k9repl append --create --conn 'file=/tmp/log.edb' /var/log/dpkg.log
   k9repl cat --conn 'file=/tmp/log.edb' --from 10 --to 20
   k9repl stat --conn 'file=/tmp/log.edb'
+  k9repl verify --conn 'file=/tmp/log.edb'
   k9repl clear --conn 'file=/tmp/log.edb' --to 15 --mode squeeze-backup
   k9repl COMMAND --help
 
-Exit status: 0 success, 1 failure, 2 wrong command line, 128+N interrupted by signal N.
+Exit status: 0 success, 1 failure, 2 wrong command line, 128+N interrupted by signal N; verify has
+more of its own.
 The cause of a failure is told on standard error. K9SYS_LOG=info prints the library's log there.)";
 
 inline constexpr const char* kAppendHelp = "Appends records from a file or a pipe to a storage";
@@ -65,11 +67,38 @@ inline constexpr const char* kStatHelp =
 inline constexpr const char* kStatFooter = R"(
 "next revision" is the one that the next record gets, "oldest revision" that of the first record
 that is still served. "none" stands for what does not exist. A ".backup" and a ".temporary" that
-a squeeze has left beside the storage are told with their sizes; see k9repl clear --help.
+a squeeze has left beside the storage are told with their sizes; see k9repl clear --help. So is a
+".damaged-tail", which a load has kept of a damaged file; see k9repl verify --help.
 
 Examples:
   k9repl stat --conn 'file=log.edb'
   k9repl stat --conn 'file=log.edb' --format json)";
+
+inline constexpr const char* kVerifyHelp =
+    "Tells whether a storage file is sound, changing nothing";
+
+inline constexpr const char* kVerifyFooter = R"(
+Reads the file from beginning to end and checks heads, sizes, revisions and the chain of commit
+blocks; data has no checksum and is not judged. Nothing is written, no index file is used, and no
+setting but file counts. What it says, and the exit status:
+  sound                 0  Behind the last commit block there is nothing but zeros.
+  torn end              3  Bytes lie there that no load takes: of a write that was cut off, or of a
+                           transaction that was undone. A load passes over them, and the next write
+                           makes them zero. Nothing committed is lost, unless it was the last flush
+                           of all that was damaged later: that looks the same.
+  damage in the middle  4  Bytes are broken, and behind them the data goes on. A load takes what
+                           lies before them. It keeps everything behind the last good commit block
+                           as PATH.damaged-tail (then .damaged-tail.1, ...) before the next write
+                           makes it zero. "revisions beyond" are those found within 10 MiB.
+1 is for a file that cannot be read or is no storage. While another process writes to the file, the
+end may look torn.
+
+With damage in the middle, copy the file before anything else; the disk is not to be trusted. The
+bytes up to "end of the data" and PATH.damaged-tail, one behind the other, are the file as found.
+
+Examples:
+  k9repl verify --conn 'file=log.edb'
+  k9repl verify --conn 'file=log.edb' --format json)";
 
 inline constexpr const char* kClearHelp = "Takes the revisions below a revision away";
 

@@ -32,6 +32,10 @@ std::optional<FileBeside> FindBackup(const std::string& storagePath) {
     return Find(storagePath, ".backup");
 }
 
+std::optional<FileBeside> FindDamagedTail(const std::string& storagePath) {
+    return Find(storagePath, ".damaged-tail");
+}
+
 std::string Describe(const FileBeside& file) {
     return fmt::format("'{}' ({} bytes)", file.path, file.size);
 }

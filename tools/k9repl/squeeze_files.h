@@ -1,6 +1,7 @@
-// The files that a squeeze makes beside a storage file: ".temporary", the copy while it is not yet
-// complete, and ".backup", the file as it was before. Where one was left behind, these sentences
-// say what it is and what to do. Used wherever a storage is opened, by stat and by clear.
+// The files that the library makes beside a storage file. Of a squeeze: ".temporary", the copy
+// while it is not yet complete, and ".backup", the file as it was before. Of a load:
+// ".damaged-tail", what lay behind a damage. Where one was left behind, these sentences say what it
+// is and what to do. Used wherever a storage is opened, by stat and by clear.
 #ifndef K9EREPL_K9REPL_SQUEEZE_FILES_H
 #define K9EREPL_K9REPL_SQUEEZE_FILES_H
 
@@ -19,6 +20,8 @@ struct FileBeside {
 // symbolic link they lie beside what it leads to.
 std::optional<FileBeside> FindTemporary(const std::string& storagePath);
 std::optional<FileBeside> FindBackup(const std::string& storagePath);
+// The first one; ".damaged-tail.1" and so on may lie beside it.
+std::optional<FileBeside> FindDamagedTail(const std::string& storagePath);
 
 // "'data.edb.backup' (1064 bytes)".
 std::string Describe(const FileBeside& file);

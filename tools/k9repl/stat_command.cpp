@@ -58,6 +58,8 @@ std::vector<Fact> Gather(const StorageHandle& storage, const std::string& conn) 
                   {"backup file size", "backupSize"});
     AddFileBeside(facts, FindTemporary(storage.Path()), {"temporary file", "temporaryFile"},
                   {"temporary file size", "temporarySize"});
+    AddFileBeside(facts, FindDamagedTail(storage.Path()), {"damaged tail", "damagedTailFile"},
+                  {"damaged tail size", "damagedTailSize"});
     return facts;
 }
 

@@ -1,0 +1,221 @@
+// The walk over a storage file; see the header.
+#include "storage_check.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <vector>
+
+#include "solid/damage_search.h"
+#include "solid/file_format.h"
+#include "tool_error.h"
+
+namespace k9repl {
+
+namespace {
+
+using k9erepl::kCommitBlockSize;
+using k9erepl::kRecordHeadSize;
+using k9erepl::kSignatureSize;
+using k9erepl::LoadUnaligned;
+using k9erepl::TCommitBlock;
+using k9erepl::TFileHeader;
+using k9erepl::TRecordHead;
+
+constexpr std::uint64_t kWindowSize = std::uint64_t{1024} * 1024;
+constexpr std::uint32_t kRecordSizeMax = 10 * 1024 * 1024;
+constexpr std::uint64_t kLoadableSize = k9erepl::kFirstItemOffset + kSignatureSize;
+
+// The file's bytes, of which it holds a window.
+class FileBytes {
+  public:
+    explicit FileBytes(const std::string& path) : m_name("the storage file '" + path + "'") {
+        std::error_code error;
+        if (!std::filesystem::is_regular_file(path, error)) {
+            throw error ? SystemError("read " + m_name, error)
+                        : ToolError(m_name + " is not a regular file");
+        }
+        m_size = std::filesystem::file_size(path, error);
+        errno = 0;
+        m_file.open(path, std::ios::binary);
+        if (error || !m_file) {
+            throw SystemError("read " + m_name,
+                              error ? error : std::error_code(errno, std::generic_category()));
+        }
+    }
+
+    const std::string& Name() const { return m_name; }
+    std::uint64_t Size() const { return m_size; }
+    std::uint64_t Left(std::uint64_t offset) const { return m_size - std::min(offset, m_size); }
+
+    // Valid until the next call. REQUIRES: the file has these bytes.
+    const std::uint8_t* At(std::uint64_t offset, std::uint64_t size) {
+        if (offset < m_offset || offset + size > m_offset + m_window.size()) {
+            Fill(offset, std::max(size, kWindowSize));
+        }
+        return m_window.data() + (offset - m_offset);
+    }
+
+  private:
+    void Fill(std::uint64_t offset, std::uint64_t size) {
+        m_window.resize(std::min(size, Left(offset)));
+        m_offset = offset;
+        errno = 0;
+        m_file.seekg(static_cast<std::streamoff>(offset));
+        m_file.read(reinterpret_cast<char*>(m_window.data()),
+                    static_cast<std::streamsize>(m_window.size()));
+        if (!m_file) {
+            throw SystemError("read " + m_name,
+                              std::error_code(errno == 0 ? EIO : errno, std::generic_category()));
+        }
+    }
+
+    std::string m_name;
+    std::uint64_t m_size = 0;
+    std::ifstream m_file;
+    std::uint64_t m_offset = 0;
+    std::vector<std::uint8_t> m_window;
+};
+
+void RequireStorage(FileBytes& file) {
+    if (file.Size() < k9erepl::kFileHeaderSize) {
+        throw ToolError(file.Name() + " is no storage: it has no header");
+    }
+    const auto header = LoadUnaligned<TFileHeader>(file.At(0, k9erepl::kFileHeaderSize));
+    if (std::memcmp(header.signature, k9erepl::kHeaderSignature, k9erepl::kHeaderSignatureSize) !=
+        0) {
+        throw ToolError(file.Name() + " is no storage: it has another signature");
+    }
+    if (header.version != k9erepl::kFormatVersion) {
+        throw ToolError(file.Name() + " is of another version");
+    }
+}
+
+// Takes items as long as they keep the rules.
+class Walk {
+  public:
+    Walk(FileBytes& file, StorageCheck& check) : m_file(file), m_check(check) {}
+
+    void Run() {
+        while (TakeItem()) {
+        }
+        m_check.stopOffset = m_at;
+    }
+
+    k9erepl::LastGoodCommit LastGood() const {
+        return {
+            .clearRev = m_check.clearRev, .commitRev = m_check.lastRev, .sequence = m_lastSequence};
+    }
+
+  private:
+    bool TakeItem() {
+        if (m_file.Left(m_at) < kSignatureSize) {
+            return false;
+        }
+        switch (LoadUnaligned<std::uint32_t>(m_file.At(m_at, kSignatureSize))) {
+            case k9erepl::kRecordSignature:
+                return m_check.commitBlocks > 0 && TakeRecord();
+            case k9erepl::kCommitSignature:
+                return TakeCommit();
+            default:
+                return false;
+        }
+    }
+
+    bool TakeRecord() {
+        if (m_file.Left(m_at) < kRecordHeadSize) {
+            return false;
+        }
+        const auto head = LoadUnaligned<TRecordHead>(m_file.At(m_at, kRecordHeadSize));
+        if (std::uint64_t{head.size} != std::uint64_t{head.dataSize} + kRecordHeadSize ||
+            head.size > kRecordSizeMax || head.size > m_file.Left(m_at) ||
+            head.rev < m_check.lastRev || head.rev <= m_lastRecordRev) {
+            return false;
+        }
+        m_lastRecordRev = head.rev;
+        ++m_records;
+        m_at += head.size;
+        return true;
+    }
+
+    bool TakeCommit() {
+        if (m_file.Left(m_at) < kCommitBlockSize) {
+            return false;
+        }
+        const auto block = LoadUnaligned<TCommitBlock>(m_file.At(m_at, kCommitBlockSize));
+        const bool first = m_check.commitBlocks == 0;
+        if (!first && (block.prevSequence != m_lastSequence || block.clearRev < m_check.clearRev ||
+                       block.commitRev < m_lastRecordRev)) {
+            return false;
+        }
+        m_lastSequence = block.sequence;
+        m_check.clearRev = block.clearRev;
+        m_check.lastRev = first ? std::max<std::int64_t>(block.clearRev, block.commitRev)
+                                : std::int64_t{block.commitRev};
+        ++m_check.commitBlocks;
+        m_check.records = m_records;
+        m_at += kCommitBlockSize;
+        m_check.dataEnd = m_at;
+        return true;
+    }
+
+    FileBytes& m_file;
+    StorageCheck& m_check;
+    std::uint64_t m_at = k9erepl::kFirstCommitOffset;
+    std::uint64_t m_records = 0;
+    std::int64_t m_lastRecordRev = 0;
+    std::uint32_t m_lastSequence = 0;
+};
+
+std::uint64_t BytesInUse(FileBytes& file, std::uint64_t from) {
+    std::uint64_t end = from;
+    for (std::uint64_t at = from; at < file.Size();) {
+        const std::uint64_t size = std::min(kWindowSize, file.Left(at));
+        const std::uint8_t* const bytes = file.At(at, size);
+        for (std::uint64_t i = 0; i < size; ++i) {
+            end = bytes[i] == 0 ? end : at + i + 1;
+        }
+        at += size;
+    }
+    return end - from;
+}
+
+// As a load does, only where the walk ended at bytes that are not zero.
+bool FindBeyond(FileBytes& file, const k9erepl::LastGoodCommit& last, StorageCheck& check) {
+    const std::uint64_t left = file.Left(check.stopOffset);
+    if (left < kSignatureSize ||
+        LoadUnaligned<std::uint32_t>(file.At(check.stopOffset, kSignatureSize)) == 0) {
+        return false;
+    }
+    const std::uint64_t size = std::min<std::uint64_t>(left, k9erepl::kDamageSearchSize);
+    const k9erepl::BeyondDamage beyond =
+        k9erepl::SearchBeyondDamage(file.At(check.stopOffset, size), size, last);
+    check.beyondFrom = beyond.lowestRev;
+    check.beyondTo = beyond.highestRev;
+    return beyond.IsDamage();
+}
+
+}  // namespace
+
+StorageCheck CheckStorageFile(const std::string& path) {
+    FileBytes file(path);
+    RequireStorage(file);
+    StorageCheck check;
+    check.fileSize = file.Size();
+    Walk walk(file, check);
+    walk.Run();
+    if (check.commitBlocks == 0 || file.Size() < kLoadableSize) {
+        throw ToolError(file.Name() + " cannot be loaded: it has no first commit block");
+    }
+    check.abandonedBytes = BytesInUse(file, check.dataEnd);
+    if (FindBeyond(file, walk.LastGood(), check)) {
+        check.state = StorageState::kDamaged;
+    } else if (check.abandonedBytes > 0) {
+        check.state = StorageState::kTorn;
+    }
+    return check;
+}
+
+}  // namespace k9repl
