@@ -188,11 +188,13 @@ std::vector<Content> MakeContents() {
                   .clearRev = 7,
                   .lifenum = 77,
                   .indexEntries = 2});
-    all.push_back({.fileName = "squeezed.edb.backup",
-                   .settings = kEachCommit,
-                   .records = Even(1, 12),
-                   .nextRev = 13,
-                   .lifenum = 77});
+    for (const char* const backup : {"squeezed.edb.backup", "squeezed_async.edb.backup"}) {
+        all.push_back({.fileName = backup,
+                       .settings = kEachCommit,
+                       .records = Even(1, 12),
+                       .nextRev = 13,
+                       .lifenum = 77});
+    }
     AddBoth(all, {.fileName = "truncated",
                   .settings = kEachCommit,
                   .write = &WriteTruncated,
