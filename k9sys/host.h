@@ -15,6 +15,10 @@ void LocalTime(std::time_t time, std::tm* local);
 // Opens a text file for appending, not inherited by child processes; null when that fails.
 std::FILE* OpenForAppending(const char* path);
 
+// The text of an environment variable, valid until the process ends; null when it is not set. It is
+// the process's own, not what a C library has copied of it: the host may use another one.
+const char* EnvironmentText(const char* name);
+
 // The path of the loaded module that `module` stands for, or of the process's program when it is
 // null or no module is found there. On POSIX a module is named by any address inside it. Empty
 // when the system does not tell. Throws std::bad_alloc.

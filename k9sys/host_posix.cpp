@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cstdlib>
+
 #include "host.h"
 
 namespace k9sys {
@@ -34,6 +36,10 @@ std::string ProgramPath() {
 }
 
 }  // namespace
+
+const char* EnvironmentText(const char* name) {
+    return std::getenv(name);  // NOLINT(concurrency-mt-unsafe): read only
+}
 
 std::string ModulePath(void* module) {
     Dl_info info = {};

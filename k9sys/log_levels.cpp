@@ -3,9 +3,9 @@
 
 #include <atomic>
 #include <cassert>
-#include <cstdlib>
 #include <new>
 
+#include "host.h"
 #include "log_output.h"
 
 namespace k9sys {
@@ -23,7 +23,7 @@ void SetFlags(K9LogFlag* flags, K9SysLogLevel level) {
 
 LogLevels::LogLevels() {
     SetAll(K9SYS_LOG_ERROR);
-    const char* const text = std::getenv("K9SYS_LOG");  // NOLINT(concurrency-mt-unsafe): read only
+    const char* const text = EnvironmentText("K9SYS_LOG");
     if (text == nullptr) {
         return;
     }

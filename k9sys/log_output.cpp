@@ -2,7 +2,6 @@
 #include "log_output.h"
 
 #include <cassert>
-#include <cstdlib>
 #include <new>
 
 #include "host.h"
@@ -23,8 +22,7 @@ class InsideSink {
 };
 
 std::FILE* OpenFile() {
-    const char* const path =
-        std::getenv("K9SYS_LOG_FILE");  // NOLINT(concurrency-mt-unsafe): read only
+    const char* const path = EnvironmentText("K9SYS_LOG_FILE");
     if (path == nullptr || *path == '\0') {
         return stderr;
     }
