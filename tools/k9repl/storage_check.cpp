@@ -60,7 +60,7 @@ class FileBytes {
 
   private:
     void Fill(std::uint64_t offset, std::uint64_t size) {
-        m_window.resize(std::min(size, Left(offset)));
+        m_window.resize(static_cast<std::size_t>(std::min(size, Left(offset))));
         m_offset = offset;
         errno = 0;
         m_file.seekg(static_cast<std::streamoff>(offset));
@@ -189,7 +189,8 @@ bool FindBeyond(FileBytes& file, const k9erepl::LastGoodCommit& last, StorageChe
         LoadUnaligned<std::uint32_t>(file.At(check.stopOffset, kSignatureSize)) == 0) {
         return false;
     }
-    const std::uint64_t size = std::min<std::uint64_t>(left, k9erepl::kDamageSearchSize);
+    const auto size =
+        static_cast<std::size_t>(std::min<std::uint64_t>(left, k9erepl::kDamageSearchSize));
     const k9erepl::BeyondDamage beyond =
         k9erepl::SearchBeyondDamage(file.At(check.stopOffset, size), size, last);
     check.beyondFrom = beyond.lowestRev;
