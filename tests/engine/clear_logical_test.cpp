@@ -2,6 +2,8 @@
 // index saved by the thread.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "engine/clear_fixture.h"
 #include "engine/write_gate.h"
 #include "support/fault_injection.h"

@@ -2,6 +2,8 @@
 // lie, what is served afterwards and after reopening, when nothing happens and when it is refused.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "engine/clear_fixture.h"
 #include "support/file_bytes.h"
 #include "support/log_capture.h"

@@ -2,6 +2,8 @@
 // pending logical clear leaves the file, and the index is emptied before and saved after.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "engine/clear_fixture.h"
 #include "engine/write_gate.h"
 #include "platform/file_names.h"

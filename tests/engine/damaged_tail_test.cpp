@@ -2,6 +2,8 @@
 // damage is kept before anything is written over it.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "engine/load_fixture.h"
 #include "platform/file_names.h"
 #include "support/fault_injection.h"

@@ -2,6 +2,7 @@
 // found. CONTRIBUTING.md says when to use it.
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <exception>
 #include <string>
 
 #include "model/seed_run.h"

@@ -1,6 +1,8 @@
 // The shrinker keeps what a failure needs and nothing else.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "model/generator.h"
 #include "model/shrinker.h"
 

@@ -1,7 +1,9 @@
 // The program that runs the rows: some cases of each in every test run, many more by hand.
 // CONTRIBUTING.md says when to use it.
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
+#include <exception>
 #include <fstream>
 #include <string>
 #include <string_view>

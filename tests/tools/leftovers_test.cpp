@@ -1,4 +1,5 @@
 // Files that a squeeze leaves beside a storage when it is cut off: every command names them.
+#include <cstdio>
 #include <filesystem>
 #include <string>
 

@@ -1,7 +1,9 @@
 // What the asynchronous writer puts into the file, in which order, and in how many system writes.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <stdexcept>
 #include <string>
 #include <thread>
 
