@@ -208,7 +208,8 @@ K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageGetNextRev(void* handle, int64_t
 /* --- Marks ---------------------------------------------------------------------------------- */
 
 /* Sets the life number of the data set, in the file's header too (not flushed to disk).
- * Errors: those of the file; the number is then unchanged. */
+ * Errors: those of the file; the number is then unchanged, but the file may have the new one, for
+ * the next opening to find. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageSetLifenum(void* handle, uint32_t lifenum);
 
 /* Writes the life number (both not null); 0 in a new storage. */

@@ -30,12 +30,14 @@ CK9eReplStorage* NewStorage() {
     }
 }
 
-// Answers RC_NO_MEMORY for an allocation that failed inside `function`.
+// Answers RC_NO_MEMORY for an allocation that failed inside `function`, which does `what`.
 template <typename Function>
-uint32_t WithoutBadAlloc(Function function) {
+uint32_t WithoutBadAlloc(const char* what, const char* connStr, Function function) {
     try {
         return function();
     } catch (const std::bad_alloc&) {
+        LOG_ERROR_CODE(RC_NO_MEMORY, k9erepl::kLogStorage,
+                       "Out of memory while %s storage file;conn-str %s", what, connStr);
         return RC_NO_MEMORY;
     }
 }
@@ -54,14 +56,15 @@ uint32_t K9EREPL_CALL K9eReplStorageCreate(const char* connStr, uint32_t flags) 
     if (connStr == nullptr) {
         return RC_INVALID_ARG;
     }
-    return WithoutBadAlloc([=] { return k9erepl::CreateStorageFile(connStr, flags); });
+    return WithoutBadAlloc("creating", connStr,
+                           [=] { return k9erepl::CreateStorageFile(connStr, flags); });
 }
 
 uint32_t K9EREPL_CALL K9eReplStorageDelete(const char* connStr) {
     if (connStr == nullptr) {
         return RC_INVALID_ARG;
     }
-    return WithoutBadAlloc([=] {
+    return WithoutBadAlloc("deleting", connStr, [=] {
         k9erepl::DeleteIndexFile(connStr);
         return k9erepl::DeleteStorageFile(connStr);
     });
@@ -73,6 +76,8 @@ uint32_t K9EREPL_CALL K9eReplStorageOpen(const char* connStr, void** outHandle) 
     }
     CK9eReplStorage* storage = NewStorage();
     if (storage == nullptr) {
+        LOG_ERROR_CODE(RC_NO_MEMORY, k9erepl::kLogStorage, "Failed to init storage;conn-str %s",
+                       connStr);
         return RC_NO_MEMORY;
     }
     if (const uint32_t rc = storage->Open(connStr); rc != RC_OK) {

@@ -64,6 +64,8 @@ bool OpenForCreation(const char* connStr, const std::string& path, u32 flags, Fi
 u32 WriteFirstBytes(File& file, const TFileHeader& header, const TCommitBlock& firstCommit) {
     const platform::MemoryBuffer bytes = platform::AllocBuffer(kNewFileSize);
     if (bytes == nullptr) {
+        LOG_ERROR_CODE(RC_NO_MEMORY, kLogStorage, "Out of memory while writing first %P bytes",
+                       std::size_t{kNewFileSize});
         return RC_NO_MEMORY;
     }
     std::memset(bytes.get(), 0, kNewFileSize);

@@ -124,14 +124,44 @@ TEST_F(Exhausted, OpenWithoutReadBuffersAnswersNoMemory) {
     CloseHandle();
 }
 
-TEST_F(Exhausted, CreateAnswersNoMemory) {
-    ForEachNew([&] { (void)std::remove(path.c_str()); },
-               [&] { return K9eReplStorageCreate(connStr.c_str(), 1); }, ExpectNoMemory);
+TEST_F(Exhausted, OpenLogsWhateverMemoryIsMissing) {
+    FixedLog log;
+    ForEachNew(
+        [&] { log.Clear(); }, [&] { return Open(); },
+        [&](u32 rc) { EXPECT_TRUE(log.HasError("Failed to init storage;conn-str file=", rc)); });
+    CloseHandle();
 }
 
-TEST_F(Exhausted, DeleteAnswersNoMemory) {
-    ForEachNew([&] { EXPECT_EQ(K9eReplStorageCreate(connStr.c_str(), 2), RC_OK); },
-               [&] { return K9eReplStorageDelete(connStr.c_str()); }, ExpectNoMemory);
+TEST_F(Exhausted, CreateAnswersNoMemoryAndLogsIt) {
+    FixedLog log;
+    const auto prepare = [&] {
+        (void)std::remove(path.c_str());
+        log.Clear();
+    };
+    const auto create = [&] { return K9eReplStorageCreate(connStr.c_str(), 1); };
+    ForEachNew(prepare, create, [&](u32 rc) {
+        ExpectNoMemory(rc);
+        EXPECT_TRUE(log.HasError("Out of memory while creating storage file;conn-str file=", rc));
+    });
+    ForEachBlock(prepare, create, [&](u32 rc) {
+        ExpectNoMemory(rc);
+        EXPECT_TRUE(log.HasError("Out of memory while writing first 1064 bytes", rc));
+    });
+}
+
+TEST_F(Exhausted, DeleteAnswersNoMemoryAndLogsIt) {
+    FixedLog log;
+    const auto prepare = [&] {
+        EXPECT_EQ(K9eReplStorageCreate(connStr.c_str(), 2), RC_OK);
+        log.Clear();
+    };
+    ForEachNew(
+        prepare, [&] { return K9eReplStorageDelete(connStr.c_str()); },
+        [&](u32 rc) {
+            ExpectNoMemory(rc);
+            EXPECT_TRUE(
+                log.HasError("Out of memory while deleting storage file;conn-str file=", rc));
+        });
 }
 
 TEST_F(Exhausted, LoadAnswersNoMemoryAndMayBeTriedAgain) {

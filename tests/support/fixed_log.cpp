@@ -38,4 +38,9 @@ bool FixedLog::HasError(std::string_view begin, std::uint32_t code) const {
     return false;
 }
 
+void FixedLog::Clear() {
+    const std::lock_guard lock(m_mutex);
+    m_count = 0;
+}
+
 }  // namespace k9erepl::test

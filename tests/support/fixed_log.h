@@ -24,6 +24,8 @@ class FixedLog {
 
     // Whether an error with this code and a text that begins so was logged.
     bool HasError(std::string_view begin, std::uint32_t code) const;
+    // Forgets what was logged so far.
+    void Clear();
 
   private:
     struct Message {
