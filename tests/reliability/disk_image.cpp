@@ -5,6 +5,7 @@
 #include <cassert>
 #include <cstring>
 #include <fstream>
+#include <set>
 
 namespace k9erepl::reliability {
 
@@ -181,6 +182,17 @@ u64 DiskImage::Hash() const {
         hash = Mix(hash, Mix(HashOf(name.data(), name.size()), m_files.at(file)->Hash()));
     }
     return hash;
+}
+
+i64 DiskImage::UsedBytes(bool holesCount) const {
+    std::set<FileNumber> files;
+    i64 bytes = 0;
+    for (const auto& [name, file] : m_names) {
+        const FileBytes& content = *m_files.at(file);
+        const auto stored = static_cast<i64>(content.StoredSize());
+        bytes += !files.insert(file).second ? 0 : holesCount ? content.Size() : stored;
+    }
+    return bytes;
 }
 
 void DiskImage::Save(const std::string& folder) const {

@@ -91,6 +91,8 @@ class DiskImage {
     std::shared_ptr<FileBytes> Share(FileNumber file) const;
     // Of what the names lead to. Equal when all files have the same names and bytes.
     u64 Hash() const;
+    // Of the files that have names; a file's zeros at the end count only if `holesCount`.
+    i64 UsedBytes(bool holesCount) const;
     // Writes the files into a folder that exists, for a look with other means.
     void Save(const std::string& folder) const;
 

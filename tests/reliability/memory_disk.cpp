@@ -154,6 +154,41 @@ bool MemoryDisk::Pass(SystemCall call, const Handle& handle, u32 size, u32* size
     return m_gate == nullptr || Pass({call, handle.name, handle.position, size}, sizeMax);
 }
 
+void MemoryDisk::SetCapacity(i64 bytes, bool holesCount) {
+    const std::lock_guard lock(m_mutex);
+    m_capacity = bytes;
+    m_holesCount = holesCount;
+    m_fullCount = 0;
+}
+
+u64 MemoryDisk::FullCount() const {
+    const std::lock_guard lock(m_mutex);
+    return m_fullCount;
+}
+
+i64 MemoryDisk::UsedBytes(bool holesCount) const {
+    const std::lock_guard lock(m_mutex);
+    return m_image.UsedBytes(holesCount);
+}
+
+bool MemoryDisk::Fits(FileNumber file, i64 end, u32* sizeMax) {
+    if (m_capacity < 0) {
+        return true;
+    }
+    const FileBytes& bytes = m_image.At(file);
+    const i64 has = m_holesCount ? bytes.Size() : static_cast<i64>(bytes.StoredSize());
+    const i64 missing = end - has - std::max<i64>(m_capacity - m_image.UsedBytes(m_holesCount), 0);
+    if (end <= has || missing <= 0) {
+        return true;
+    }
+    ++m_fullCount;
+    if (sizeMax == nullptr || missing >= i64{*sizeMax}) {
+        return Refuse(SystemErrorKind::kNoSpace);
+    }
+    *sizeMax -= static_cast<u32>(missing);
+    return true;
+}
+
 void MemoryDisk::Do(Change change) {
     m_image.Apply(change);
     if (m_recording) {
@@ -229,6 +264,9 @@ i64 MemoryDisk::Write(NativeFile file, const void* data, u32 size) {
         Refuse(SystemErrorKind::kInvalidHandle);
         return -1;
     }
+    if (!Fits(handle->file, handle->position + sizeMax, &sizeMax)) {
+        return -1;
+    }
     Do(Of(ChangeKind::kWrite, handle->file, handle->position,
           std::string(static_cast<const char*>(data), sizeMax)));
     handle->position += sizeMax;
@@ -257,7 +295,8 @@ i64 MemoryDisk::Tell(NativeFile file) {
 bool MemoryDisk::SetEnd(NativeFile file, i64 size) {
     const std::lock_guard lock(m_mutex);
     Handle* handle = Find(file);
-    if (handle == nullptr || !Pass({SystemCall::kSetEnd, handle->name, size})) {
+    if (handle == nullptr || !Pass({SystemCall::kSetEnd, handle->name, size}) ||
+        (m_holesCount && !Fits(handle->file, size, nullptr))) {
         return false;
     }
     Do(Of(ChangeKind::kSetEnd, handle->file, size));

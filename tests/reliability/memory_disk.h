@@ -61,6 +61,12 @@ class MemoryDisk {
     // Null lets everything pass.
     void SetGate(Gate gate);
     std::size_t OpenFiles() const;
+    // From now on the files together, those with names, may have as many bytes as this; negative:
+    // any. Bytes that were only sized ahead count if `holesCount`.
+    void SetCapacity(i64 bytes, bool holesCount);
+    // Calls that found the disk full.
+    u64 FullCount() const;
+    i64 UsedBytes(bool holesCount) const;
 
     // --- For the table's entries
 
@@ -92,6 +98,9 @@ class MemoryDisk {
     // False, with the error set, when the gate refuses. *sizeMax unless null: what it lets pass.
     bool Pass(const Attempt& attempt, u32* sizeMax = nullptr);
     bool Pass(test::SystemCall call, const Handle& handle, u32 size = 0, u32* sizeMax = nullptr);
+    // False, with the error set, when not a byte of a change that makes `file` end there fits.
+    // *sizeMax, unless null: the bytes of a write that fit.
+    bool Fits(FileNumber file, i64 end, u32* sizeMax);
     void Do(Change change);
     platform::NativeFile AddHandle(FileNumber file, const std::string& path, bool writes);
 
@@ -102,6 +111,9 @@ class MemoryDisk {
     bool m_recording = false;
     Changes m_changes;
     Gate m_gate;
+    i64 m_capacity = -1;
+    bool m_holesCount = false;
+    u64 m_fullCount = 0;
 
     platform::SystemCalls m_saved;
 };

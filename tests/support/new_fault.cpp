@@ -4,6 +4,7 @@
 
 #include <k9sys/k9sys.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <initializer_list>
@@ -27,9 +28,13 @@ namespace {
 thread_local bool t_armed = false;
 thread_local u64 t_callsLeft = 0;  // until the failure, while armed; 0 when it has struck
 thread_local u64 t_calls = 0;
+std::atomic<NewGate> g_gate{nullptr};
 
 bool FailsNow() {
     ++t_calls;
+    if (const NewGate gate = g_gate.load(std::memory_order_relaxed); gate != nullptr && gate()) {
+        return true;
+    }
     return t_armed && t_callsLeft != 0 && --t_callsLeft == 0;
 }
 
@@ -79,6 +84,10 @@ FailNthNew::~FailNthNew() {
 
 bool FailNthNew::Struck() const {
     return t_callsLeft == 0;
+}
+
+void SetNewGate(NewGate gate) {
+    g_gate = gate;
 }
 
 u64 NewCallsOfThisThread() {

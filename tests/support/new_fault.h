@@ -27,6 +27,11 @@ class FailNthNew {
     bool Struck() const;
 };
 
+// Asked at every operator new, of any form, in whatever thread: whether it fails. Must allocate
+// nothing. Null, as at first, asks nobody. Not to be changed while other threads allocate.
+using NewGate = bool (*)();
+void SetNewGate(NewGate gate);
+
 // The operator new calls of this thread so far: hot paths show with it that they allocate nothing.
 u64 NewCallsOfThisThread();
 

@@ -1,0 +1,592 @@
+// The operations of a trial, and what must hold when one of them fails; see the header.
+#include "reliability/fault_trial.h"
+
+#include <algorithm>
+#include <functional>
+#include <optional>
+
+#include "model/model.h"
+#include "reliability/steady_calls.h"
+#include "reliability/trial_client.h"
+#include "support/fixed_log.h"
+
+namespace k9erepl::reliability {
+
+namespace {
+
+using model::Content;
+using model::RevPlace;
+using model::SizeChoice;
+using model::SizeClass;
+
+constexpr u32 kFirstStamp = 0x1000;
+constexpr u64 kTooLarge = 0x100000000;
+
+model::Settings SettingsOf(const TrialPlan& plan, model::Random& random) {
+    model::Settings settings;
+    settings.blockSize = random.OneOf<u32>({200, 400, 1024, 4096});
+    settings.cacheBlocks = random.OneOf<u32>({0, 1, 2, 7});
+    settings.flushThreshold = random.OneOf({1, 1, 1, 3});
+    if (random.OneIn(5)) {
+        settings.flushBy = model::FlushBy::kData;
+        settings.flushThreshold = random.OneOf({1, 500});
+    }
+    settings.indexHint = random.OneOf<u32>({1, 2, 50});
+    settings.initialMebibytes = random.OneIn(6) && plan.preallocates ? 1 : 0;
+    settings.deltaMebibytes = random.OneIn(4) && plan.preallocates ? 1 : 0;
+    settings.forceFlush = plan.forceFlush;
+    settings.commitBarrier = plan.commitBarrier;
+    settings.async = plan.async;
+    settings.asyncKilobytes = random.OneOf<std::optional<u32>>({std::nullopt, 0, 1, 64});
+    return settings;
+}
+
+using Call = std::function<u32()>;
+
+class Trial {
+  public:
+    Trial(MemoryDisk& disk, const TrialPlan& plan, Fault& fault, u64 seed)
+        : m_disk(disk), m_plan(plan), m_fault(fault), m_random(seed), m_choices(~seed) {
+        History().settings = SettingsOf(plan, m_random);
+        History().moreSettings = plan.moreSettings;
+        History().recordSize = plan.recordSize > 0 ? plan.recordSize
+                               : m_random.OneIn(3) ? m_random.OneOf<u32>({1, 24, 100})
+                                                   : 0;
+        m_connStr = History().ConnString();
+    }
+
+    TrialResult Run() {
+        Begin();
+        m_fault.Resume();
+        Create();
+        Open();
+        for (u32 done = 0; done < m_plan.operations && !Ended(); ++done) {
+            Step();
+        }
+        Close();
+        m_fault.Suspend();
+        Judge();
+        Delete();
+        m_fault.Heal();
+        return std::move(m_result);
+    }
+
+  private:
+    reliability::History& History() { return m_result.history; }
+    // No more operations on this handle.
+    bool Ended() const { return m_over || !m_result.problem.empty(); }
+    void Complain(const std::string& problem) {
+        if (m_result.problem.empty()) {
+            m_result.problem = problem;
+        }
+    }
+
+    void Begin() {
+        SteadyCalls::SetStamp(kFirstStamp);
+        m_disk.Mount({});
+        m_disk.StartRecording();
+        History().states.emplace_back();
+        History().marks.emplace_back();
+    }
+
+    // --- Operations
+
+    void Create() {
+        u32 flags = 0;
+        // What a failed attempt left may be replaced.
+        Do(
+            Operation::kCreate, [&] { return K9eReplStorageCreate(m_connStr.c_str(), flags++); },
+            [] { return u32{RC_OK}; });
+        EndOperation();
+    }
+
+    void Open() {
+        Do(
+            Operation::kOpen, [&] { return m_client.Open(m_connStr.c_str()); },
+            [] { return u32{RC_OK}; });
+        if (Ended()) {
+            return;
+        }
+        m_model.Open(History().settings);
+        Do(
+            Operation::kLoad, [&] { return K9eReplStorageLoad(m_client.Handle()); },
+            [&] { return m_model.Load(); });
+        if (!Ended() && !m_model.AdoptNextRev(m_client.NextRev())) {
+            Complain("load makes the next revision " + std::to_string(m_client.NextRev()));
+        }
+        EndOperation();
+        Enumerate();
+    }
+
+    void Close() {
+        if (!m_client.HasHandle()) {
+            return;
+        }
+        const bool flushes = m_client.State() == StorageState::kOpen;
+        m_model.BeginClose();
+        const Content whole = m_model.FileOnceFlushed();
+        CallLibrary([&] { return m_client.Close(); });
+        TellFlushes(m_model);
+        m_model.EndClose();
+        const Content file = m_model.File();
+        const bool complete = file.records.size() == whole.records.size();
+        m_over = m_over || !complete || WriterHurt() || (m_unsure && !m_flushes);
+        if (m_over) {
+            MayHold(file);
+            MayHold(whole);
+        } else {
+            Holds(file);
+        }
+        if (flushes && !complete && !m_fault.Struck()) {
+            Complain("closing has not flushed");
+        }
+        if (m_disk.OpenFiles() > 0) {
+            Complain("closing leaves files open");
+        }
+        EndOperation();
+    }
+
+    void Step() {
+        const u32 ticket = m_random.Below(100);
+        if (ticket < 46 || (!m_plan.removes && ticket < 80)) {
+            Transaction();
+        } else if (ticket < 62) {
+            Insert();
+        } else if (ticket < 76) {
+            Clear();
+        } else if (ticket < 80) {
+            StartOver();
+        } else if (ticket < 86) {
+            SetMark();
+        } else if (ticket < 93) {
+            Enumerate();
+        } else {
+            Close();
+            if (!Ended()) {
+                Open();
+            }
+        }
+    }
+
+    void Transaction() {
+        Begin(Operation::kBegin);
+        const bool nested = m_random.OneIn(6);
+        if (nested) {
+            Begin(Operation::kBegin);
+        }
+        for (u32 left = m_random.Below(4); left > 0; --left) {
+            Insert();
+        }
+        const bool rollsBack = m_random.OneIn(8);
+        for (u32 left = nested ? 2 : 1; left > 0 && !Ended() && m_model.InTransaction(); --left) {
+            rollsBack ? Rollback() : Commit();
+        }
+    }
+
+    void Begin(Operation operation) {
+        Do(
+            operation, [&] { return K9eReplStorageBeginTransaction(m_client.Handle()); },
+            [&] { return m_model.Begin(); });
+    }
+
+    void Commit() {
+        Do(
+            Operation::kCommit, [&] { return K9eReplStorageCommit(m_client.Handle()); },
+            [&] { return m_model.Commit(); });
+        EndOperation();
+    }
+
+    void Rollback() {
+        Do(
+            Operation::kRollback, [&] { return K9eReplStorageRollback(m_client.Handle()); },
+            [&] { return m_model.Rollback(); });
+        EndOperation();
+    }
+
+    SizeChoice AnySize() {
+        if (History().recordSize > 0) {
+            return {SizeClass::kBytes, History().recordSize};
+        }
+        switch (m_random.Below(8)) {
+            case 0:
+                return {SizeClass::kBytes, 0};
+            case 1:
+                return {SizeClass::kFits, m_random.Below(3)};
+            case 2:
+                return {SizeClass::kPermille, m_random.Below(1000)};
+            default:
+                return {SizeClass::kBytes, m_random.Below(120)};
+        }
+    }
+
+    void Insert() {
+        const auto planned = model::MakeRecord(AnySize(), History().settings.blockSize,
+                                               static_cast<u32>(m_random.Next()));
+        const bool prepared = m_random.OneIn(4);
+        const i64 gap = m_random.OneOf<i64>({0, 1, 10, 1000});
+        if (Ended()) {
+            return;
+        }
+        const i64 rev = m_model.NextRev() + (prepared ? gap : 0);
+        m_client.Prepare(planned);
+        const u32 failures = m_result.failures;
+        Do(
+            Operation::kInsert, [&] { return m_client.Insert(prepared ? &rev : nullptr); },
+            [&] { return m_model.InsertPrepared(rev, planned.record, planned.Need()); });
+        if (m_result.failures > failures && m_model.InTransaction()) {
+            // The revision is used up.
+            m_model.InsertPrepared(rev, planned.record, kTooLarge);
+        }
+        EndOperation();
+    }
+
+    void Clear() {
+        const model::RevChoice choice{
+            m_random.OneOf({RevPlace::kKept, RevPlace::kKept, RevPlace::kOldest, RevPlace::kNext}),
+            m_random.Below(1000), m_random.OneOf<i64>({0, 0, 1, -1})};
+        const u32 mode = m_random.OneOf<u32>({0, 0, 1, 1, 2, 2});
+        const i64 rev = model::Resolve(choice, m_model);
+        RememberFlushed();
+        Do(
+            Operation::kClear,
+            [&] { return K9eReplStorageClearOldRev(m_client.Handle(), rev, mode); },
+            [&] { return m_model.Clear(rev, mode); });
+        EndOperation();
+    }
+
+    void StartOver() {
+        RememberFlushed();
+        if (m_random.OneIn(2)) {
+            Do(
+                Operation::kStartOver, [&] { return K9eReplStorageTruncate(m_client.Handle()); },
+                [&] { return m_model.Truncate(); });
+        } else {
+            Do(
+                Operation::kStartOver, [&] { return K9eReplStorageClearAll(m_client.Handle(), 0); },
+                [&] { return m_model.ClearAll(0); });
+        }
+        EndOperation();
+    }
+
+    // A number that was refused may be in the file's header all the same, to be read when it is
+    // opened again.
+    void SetMark() {
+        const u32 number = m_random.Below(1000);
+        const bool isLifenum = m_random.OneIn(2);
+        const u32 failures = m_result.failures;
+        if (isLifenum) {
+            Do(
+                Operation::kMark,
+                [&] { return K9eReplStorageSetLifenum(m_client.Handle(), number); },
+                [&] {
+                    m_model.SetLifenum(number);
+                    return u32{RC_OK};
+                });
+        } else {
+            Do(
+                Operation::kMark,
+                [&] { return K9eReplStorageClearOldRev(m_client.Handle(), number, 4); },
+                [&] { return m_model.Clear(number, 4); });
+        }
+        const bool refused = m_result.failures > failures;
+        if (isLifenum) {
+            m_refusedLifenum = refused ? std::optional(number) : std::nullopt;
+        } else {
+            m_refusedMark = refused ? std::optional<i64>(number) : std::nullopt;
+        }
+        EndOperation();
+    }
+
+    void Enumerate() {
+        bool differs = false;
+        Do(
+            Operation::kEnumerate, [&] { return m_client.Enumerate(m_model.Served(), &differs); },
+            [] { return u32{RC_OK}; });
+        if (differs) {
+            Complain("enumeration delivers other records");
+        }
+    }
+
+    void Delete() {
+        if (!m_result.problem.empty() || m_fault.Struck()) {
+            return;
+        }
+        m_fault.Resume();
+        Do(
+            Operation::kDelete, [&] { return K9eReplStorageDelete(m_connStr.c_str()); },
+            [] { return u32{RC_OK}; });
+        if (m_disk.Image().NumberOf(StoragePath())) {
+            Complain("deletion leaves the file");
+        }
+    }
+
+    // --- Calls that may fail
+
+    u32 CallLibrary(const Call& call) {
+        m_log.Clear();
+        m_fault.Enter();
+        const u32 rc = call();
+        m_fault.Leave();
+        SteadyCalls::Settle();
+        return rc;
+    }
+
+    void Do(Operation operation, const Call& call, const Call& expect) {
+        if (Ended()) {
+            return;
+        }
+        const model::Model before = m_model;
+        const u32 got = CallLibrary(call);
+        const std::vector<i64> flushed = m_client.TakeFlushed();
+        const u32 expected = expect();
+        Tell(flushed, m_model);
+        if (got == expected) {
+            return;
+        }
+        ++m_result.failures;
+        m_unsure = true;
+        RememberWhatMayBe(operation);
+        m_model = before;
+        Tell(flushed, m_model);
+        RememberWhatMayBe(operation);
+        Examine(operation, got);
+        if (m_result.problem.empty()) {
+            GoOn(operation, call, expect);
+        }
+    }
+
+    // The flush that some operations begin with leads to a state of its own.
+    void RememberFlushed() {
+        if (!Ended() && !m_model.InTransaction()) {
+            MayHold(m_model.FileOnceFlushed());
+        }
+    }
+
+    // The bytes of an operation that failed may be in the file until the next one is written.
+    void RememberWhatMayBe(Operation operation) {
+        if (m_client.HasHandle() && !m_model.InTransaction() && operation != Operation::kLoad) {
+            MayHold(m_model.FileOnceFlushed());
+        }
+    }
+
+    void Examine(Operation operation, u32 got) {
+        const std::string what = std::string(NameOf(operation)) + " answers " + std::to_string(got);
+        if (got == RC_OK || !m_fault.Struck() || !m_fault.Explains(operation, got)) {
+            Complain(what);
+        } else if (!m_log.HasError("", got)) {
+            Complain(what + " and logs no error with this code");
+        } else if (!StateIsDocumented(operation)) {
+            Complain(what + " and leaves the state " +
+                     std::to_string(static_cast<u32>(m_client.State())));
+        }
+    }
+
+    bool StateIsDocumented(Operation operation) const {
+        if (operation == Operation::kCreate || operation == Operation::kDelete) {
+            return true;
+        }
+        if (operation == Operation::kOpen) {
+            return !m_client.HasHandle();
+        }
+        const StorageState state = m_client.State();
+        const bool broken = state == StorageState::kBroken;
+        const bool flushFailed = state == StorageState::kFlushFailed;
+        switch (operation) {
+            case Operation::kLoad:
+                return state == StorageState::kClosed;
+            case Operation::kBegin:
+            case Operation::kStartOver:
+            case Operation::kEnumerate:
+                return broken;
+            case Operation::kInsert:
+                return state == StorageState::kOpen || (m_plan.async && broken);
+            case Operation::kCommit:
+                return flushFailed || (m_plan.async && broken);
+            case Operation::kClear:
+                return flushFailed || broken;
+            default:
+                return state == StorageState::kOpen;
+        }
+    }
+
+    void GoOn(Operation operation, const Call& call, const Call& expect) {
+        const bool again = operation == Operation::kLoad || operation == Operation::kCreate ||
+                           operation == Operation::kOpen;
+        const bool deletes = operation == Operation::kDelete;
+        if (operation == Operation::kCommit && m_choices.OneIn(2) && CommitAgain()) {
+            return;
+        }
+        m_fault.Heal();
+        if (!m_result.problem.empty()) {
+            return;
+        }
+        if (deletes) {
+            // The index file goes first, and may be all that went.
+            const bool exists = m_disk.Image().NumberOf(StoragePath()).has_value();
+            Expect("Delete again", call(), exists ? u32{RC_OK} : u32{RC_SYSTEM_ERROR});
+        } else if (again) {
+            const u32 expected = expect();
+            Expect(NameOf(operation), CallLibrary(call), expected);
+            m_result.wentOn = true;
+        } else if (m_client.State() == StorageState::kBroken) {
+            m_mayBeDamaged = operation == Operation::kStartOver || operation == Operation::kClear;
+            ExpectNothingWorks();
+            GiveUp();
+        } else if (m_client.State() == StorageState::kFlushFailed) {
+            LeaveFlushFailed();
+        } else {
+            m_result.wentOn = true;
+        }
+    }
+
+    // With the fault still there; whether that went through.
+    bool CommitAgain() {
+        if (m_client.State() != StorageState::kFlushFailed) {
+            return false;
+        }
+        const u32 got = CallLibrary([&] { return K9eReplStorageCommit(m_client.Handle()); });
+        if (got != RC_OK) {
+            TellFlushes(m_model);
+            Examine(Operation::kCommit, got);
+            return false;
+        }
+        m_model.Commit();
+        TellFlushes(m_model);
+        m_fault.Heal();
+        m_result.wentOn = true;
+        return true;
+    }
+
+    void Expect(const char* what, u32 got, u32 expected) {
+        if (got != expected) {
+            Complain(std::string(what) + " after the failure answers " + std::to_string(got) +
+                     ", expected " + std::to_string(expected));
+        }
+    }
+
+    void GiveUp() {
+        m_over = true;
+        m_result.reopened = true;
+    }
+
+    void ExpectNothingWorks() {
+        void* const handle = m_client.Handle();
+        m_client.Prepare({});
+        Expect("Insert", m_client.Insert(nullptr), RC_WRONG_STATE);
+        Expect("Load", K9eReplStorageLoad(handle), RC_WRONG_STATE);
+        Expect("Commit", K9eReplStorageCommit(handle), RC_WRONG_STATE);
+    }
+
+    // Commit tries again, Rollback gives up; an asynchronous writer that has failed stays so.
+    void LeaveFlushFailed() {
+        void* const handle = m_client.Handle();
+        m_client.Prepare({});
+        Expect("Insert", m_client.Insert(nullptr), RC_WRONG_STATE);
+        const bool rollsBack = m_choices.OneIn(2);
+        const u32 got = CallLibrary([&] {
+            return rollsBack ? K9eReplStorageRollback(handle) : K9eReplStorageCommit(handle);
+        });
+        if (WriterHurt() && m_client.State() != StorageState::kOpen) {
+            GiveUp();
+            return;
+        }
+        Expect(rollsBack ? "Rollback" : "Commit", got,
+               rollsBack ? m_model.Rollback() : m_model.Commit());
+        TellFlushes(m_model);
+        if (m_client.State() != StorageState::kOpen) {
+            Complain("the storage is not open again");
+        }
+        m_result.wentOn = true;
+        EndOperation();
+    }
+
+    bool WriterHurt() const { return m_plan.async && m_fault.MayHurtWriter(); }
+
+    // --- What the file holds
+
+    void Tell(const std::vector<i64>& flushed, model::Model& model) {
+        for (const i64 rev : flushed) {
+            model.Flushed(rev);
+            m_flushes = true;
+        }
+    }
+    void TellFlushes(model::Model& model) { Tell(m_client.TakeFlushed(), model); }
+
+    void MayHold(const Content& content) { History().states.push_back(content); }
+    void Holds(const Content& content) {
+        MayHold(content);
+        m_held = History().states.size() - 1;
+    }
+
+    // What was acknowledged is in the file; nothing that was given up is, once something was
+    // written behind it.
+    void EndOperation() {
+        if (m_client.HasHandle() && !Ended() && m_client.State() == StorageState::kOpen) {
+            const bool sure = !WriterHurt() && (m_flushes || !m_unsure);
+            sure ? Holds(m_model.File()) : MayHold(m_model.File());
+            m_unsure = m_unsure && !sure;
+        }
+        m_flushes = false;
+        History().marks.push_back(
+            {m_disk.ChangeCount(), History().states.size() - 1, m_held, m_held});
+    }
+
+    // --- The end
+
+    void Judge() {
+        m_result.left = m_disk.Image();
+        History().changes = m_disk.TakeChanges();
+        if (!m_result.problem.empty()) {
+            return;
+        }
+        const StateRange range{m_held, History().states.size() - 1};
+        const Problem problem = reliability::Examine(
+            m_disk, m_result.left, History(), m_choices.Next(), [&](Seen seen) {
+                if (m_refusedLifenum == seen.lifenum) {
+                    seen.lifenum = m_model.Lifenum();
+                }
+                if (m_refusedMark == seen.mark) {
+                    seen.mark = m_model.Mark();
+                }
+                return JudgeByStates(History(), range, seen);
+            });
+        m_result.damaged = m_mayBeDamaged && (problem.starts_with("opening answers") ||
+                                              problem.starts_with("loading answers"));
+        if (!problem.empty() && !m_result.damaged) {
+            Complain("at the end: " + problem);
+        }
+    }
+
+    MemoryDisk& m_disk;
+    const TrialPlan m_plan;
+    Fault& m_fault;
+    model::Random m_random;   // what the trial does
+    model::Random m_choices;  // what it does about failures
+    test::FixedLog m_log;
+    std::string m_connStr;
+    TrialClient m_client;
+    model::Model m_model;
+    TrialResult m_result;
+    std::size_t m_held = 0;  // the state that the file holds for sure, or a later one
+    bool m_over = false;
+    bool m_flushes = false;  // since the last operation's end
+    bool m_unsure = false;   // what was given up may still be in the file
+    bool m_mayBeDamaged = false;
+    std::optional<u32> m_refusedLifenum;
+    std::optional<i64> m_refusedMark;
+};
+
+}  // namespace
+
+const char* NameOf(Operation operation) {
+    constexpr const char* kNames[] = {"Create",    "Open",     "Load",  "Begin",     "Insert",
+                                      "Commit",    "Rollback", "Clear", "StartOver", "SetMark",
+                                      "Enumerate", "Close",    "Delete"};
+    return kNames[static_cast<std::size_t>(operation)];
+}
+
+TrialResult RunTrial(MemoryDisk& disk, const TrialPlan& plan, Fault& fault, u64 seed) {
+    return Trial(disk, plan, fault, seed).Run();
+}
+
+}  // namespace k9erepl::reliability
