@@ -88,3 +88,4 @@ for preset in "${presets[@]}"; do
     echo "$preset: $(compare "$preset")"
     summary "$preset"
 done
+[ ! -x "$root/build/release/bin/portable_storage" ] || "$root/scripts/cross-read.sh"
