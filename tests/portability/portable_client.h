@@ -6,7 +6,6 @@
 
 #include <k9erepl/storage_interfaces.h>
 
-#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <vector>

@@ -5,6 +5,7 @@
 #define K9EREPL_TESTS_PORTABILITY_PORTABLE_CONTENTS_H
 
 #include <optional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,11 @@ struct Content {
     i64 mark = 0;
     std::optional<u32> indexEntries = {};  // none: there is no index file
 };
+
+// For the names of tests.
+inline void PrintTo(const Content& content, std::ostream* out) {
+    *out << content.fileName;
+}
 
 // In the order in which they are to be written.
 const std::vector<Content>& Contents();
