@@ -1,6 +1,8 @@
-// Enumeration of committed records from the file, through the read cache. Reads only what the load
-// scan accepted or what was written since, so a fault here is an error of the call.
+// Enumeration of committed records from the file, through the read cache. Reads what the load scan
+// accepted, what was written since, and what an index led the load past: a fault here is an error
+// of the call.
 #include <cassert>
+#include <limits>
 
 #include "platform/system_error.h"
 #include "solid/solid_storage.h"
@@ -24,6 +26,8 @@ class CSolidStorage::FileItems {
     i64 Offset() const { return m_offset; }
     i64 Left() const { return m_end - m_offset; }
     void Advance(u32 size) { m_offset += size; }
+    // RC_BAD_DATA when a record's revision is not above that of the record before it.
+    u32 CheckRises(i64 rev);
 
     // *bytes receives the `size` bytes at the current offset, valid until the next call or the
     // next visit. Errors: RC_FILE_CORRUPT when the file does not give them, and those of reading.
@@ -42,6 +46,7 @@ class CSolidStorage::FileItems {
     ReadCacheManager& m_cache;
     i64 m_offset;
     const i64 m_end;
+    i64 m_prevRev = std::numeric_limits<i64>::min();
     u64 m_generation;
     ReadBuffer m_buffer;
     platform::MemoryBuffer m_large;  // for a record larger than a read buffer
@@ -103,6 +108,18 @@ u32 CSolidStorage::FileItems::TooShort(u32 size) {
     LOG_ERROR_CODE(RC_FILE_CORRUPT, kLogStorage, "Couldn't read %P bytes at once",
                    std::size_t{size});
     return RC_FILE_CORRUPT;
+}
+
+// An index may have led the load past damage that no scan has seen.
+u32 CSolidStorage::FileItems::CheckRises(i64 rev) {
+    if (rev <= m_prevRev) {
+        LOG_ERROR_CODE(RC_BAD_DATA, kLogStorage,
+                       "Read rec with rev %I64d, but rev before it is %I64d, offset %I64d", rev,
+                       m_prevRev, m_offset);
+        return RC_BAD_DATA;
+    }
+    m_prevRev = rev;
+    return RC_OK;
 }
 
 namespace {
@@ -178,7 +195,10 @@ u32 CSolidStorage::LookAtItem(FileItems& items, const FileEnumRange& range, File
     if (u32 rc = CheckHead(head, items.Offset(), items.Left()); rc != RC_OK) {
         return rc;
     }
-    return CheckCommitted(head.rev, m_state.lastFlushedRev);
+    if (u32 rc = CheckCommitted(head.rev, m_state.lastFlushedRev); rc != RC_OK) {
+        return rc;
+    }
+    return items.CheckRises(head.rev);
 }
 
 u32 CSolidStorage::VisitItem(FileItems& items, const FileItem& item, FileItemVisitor visitor,

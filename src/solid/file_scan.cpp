@@ -161,8 +161,10 @@ FileScan::Step FileScan::TakeCommit() {
         return Fail(rc);
     }
     m_result.clearRev = block.clearRev;
-    m_result.lastCommitted =
-        m_commitFound ? i64{block.commitRev} : std::max<i64>(block.clearRev, block.commitRev);
+    // Of the file's first only: what an index leads to counts as it does without the index.
+    m_result.lastCommitted = m_offset == kFirstCommitOffset
+                                 ? std::max<i64>(block.clearRev, block.commitRev)
+                                 : i64{block.commitRev};
     m_result.lastSequence = block.sequence;
     m_result.validCommitOffset = m_offset;
     m_commitFound = true;

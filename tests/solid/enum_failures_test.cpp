@@ -46,6 +46,12 @@ TEST_F(EnumFailure, AStartInTheMiddleOfAnItemIsBadData) {
     EXPECT_EQ(m_log.Texts(), Texts{"Wrong signature (0x1B7B3A2D) found, offset 1057"});
 }
 
+TEST_F(EnumFailure, ARevisionThatDoesNotRiseIsBadData) {
+    Damage(8, 2);
+    ExpectFailure(RC_BAD_DATA, "Read rec with rev 2, but rev before it is 2, offset 1142");
+    EXPECT_EQ(m_items, (Items{"record 1 at 1056: one", "record 2 at 1083: two"}));
+}
+
 TEST_F(EnumFailure, SizesThatDoNotFitAreBadData) {
     for (const u32 size : {0U, 7U, 23U, 24U, 30U, 0xFFFFFFFFU}) {
         OpenScanned(TwoTransactions());

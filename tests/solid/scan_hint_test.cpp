@@ -85,6 +85,15 @@ TEST_F(ScanHint, ACommitBlockBelowTheRecordsOfAHintIsRefusedAsTheWholeScanDoes) 
         m_log.Has("Found commit block at offset 1231 with commitRev (3) less than recRev (4)"));
 }
 
+TEST_F(ScanHint, ACommitBlockCountsWithItsCommitRevisionAsInTheWholeScan) {
+    FileBuilder file = TwoTransactions();
+    Open(file.Record(4, "four").Commit(9, 4).Record(5, "five").Commit(9, 5).Zeros(8));
+    Items whole = ScannedFrom(0);
+    whole.erase(whole.begin(), whole.end() - 4);
+    EXPECT_EQ(ScannedFrom(kTwoTransactionsEnd), whole);
+    EXPECT_EQ(FlushedRev(), 5);
+}
+
 TEST_F(ScanHint, AFailedScanLeavesTheWritePositionAlone) {
     Open(TwoTransactions().Zeros(8));
     Scanned();
