@@ -20,8 +20,11 @@ class RecursiveLock {
     bool try_lock();
 
   private:
-    // Room for the operating system's object, whose type stays out of this header.
-    alignas(std::max_align_t) unsigned char m_native[64];
+    // Room for the operating system's object, whose type stays out of this header. Not aligned as
+    // std::max_align_t: on 32-bit Windows that type depends on the headers that came before, and
+    // objects with a lock in them would be laid out differently from file to file.
+    static constexpr std::size_t kNativeAlignment = 8;
+    alignas(kNativeAlignment) unsigned char m_native[64];
 };
 
 }  // namespace k9erepl::platform

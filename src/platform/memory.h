@@ -11,7 +11,11 @@
 
 namespace k9erepl::platform {
 
-// Null when there is no memory. The bytes are not set. Aligned for any fundamental type.
+// What the C heap aligns to on every system. On 32-bit Windows that is less than the alignment of
+// std::max_align_t, which besides depends there on the headers that were included before.
+inline constexpr std::size_t kHeapAlignment = 2 * sizeof(void*);
+
+// Null when there is no memory. The bytes are not set. Aligned to kHeapAlignment.
 inline void* AllocMemory(std::size_t size) {
     return TheSystemCalls().allocMemory(size);
 }

@@ -5,17 +5,18 @@
 
 #include <k9sys/k9sys.h>
 
-#include <cstddef>
 #include <new>
 #include <type_traits>
 #include <utility>
+
+#include "platform/memory.h"
 
 namespace k9erepl {
 
 // A new T made of `args`, or null when there is no parser memory. T's constructor must not throw.
 template <typename T, typename... Args>
 T* NewInParserMemory(Args&&... args) {
-    static_assert(alignof(T) <= alignof(std::max_align_t));
+    static_assert(alignof(T) <= platform::kHeapAlignment);
     static_assert(std::is_nothrow_constructible_v<T, Args...>);
     void* const memory = K9SysParserMemAlloc(sizeof(T));
     return memory == nullptr ? nullptr : new (memory) T{std::forward<Args>(args)...};

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "platform/memory.h"
+
 namespace k9erepl::test {
 
 namespace {
@@ -32,7 +34,7 @@ TEST_F(ParserMemory, CountsTheBytesInUse) {
 TEST_F(ParserMemory, IsAlignedAndWritable) {
     void* const memory = K9SysParserMemAlloc(33);
     ASSERT_NE(memory, nullptr);
-    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(memory) % alignof(std::max_align_t), 0U);
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(memory) % platform::kHeapAlignment, 0U);
     std::memset(memory, 0xAA, 33);
     K9SysParserMemFree(memory);
 }

@@ -10,10 +10,10 @@
 namespace k9erepl::test {
 namespace {
 
-TEST(Memory, IsAlignedForAnything) {
+TEST(Memory, IsAlignedForWhatItHolds) {
     void* memory = platform::AllocMemory(100);
     ASSERT_NE(memory, nullptr);
-    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(memory) % alignof(std::max_align_t), 0U);
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(memory) % platform::kHeapAlignment, 0U);
     std::memset(memory, 1, 100);
     platform::FreeMemory(memory);
 }

@@ -22,7 +22,7 @@ void MustSucceed([[maybe_unused]] int result) {
 
 RecursiveLock::RecursiveLock() {
     static_assert(sizeof(pthread_mutex_t) <= sizeof m_native);
-    static_assert(alignof(pthread_mutex_t) <= alignof(std::max_align_t));
+    static_assert(alignof(pthread_mutex_t) <= kNativeAlignment);
     pthread_mutexattr_t attributes;
     MustSucceed(pthread_mutexattr_init(&attributes));
     MustSucceed(pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE));

@@ -16,7 +16,7 @@ CRITICAL_SECTION* SectionIn(unsigned char* storage) {
 
 RecursiveLock::RecursiveLock() {
     static_assert(sizeof(CRITICAL_SECTION) <= sizeof m_native);
-    static_assert(alignof(CRITICAL_SECTION) <= alignof(std::max_align_t));
+    static_assert(alignof(CRITICAL_SECTION) <= kNativeAlignment);
     InitializeCriticalSection(new (m_native) CRITICAL_SECTION);
 }
 
