@@ -58,6 +58,19 @@ TEST_F(Termination, OfAThreadThatHasEndedIsFine) {
     EXPECT_TRUE(thread->Terminate(kExitCode));
 }
 
+// The thread is about to begin, in its body, or on its way out.
+TEST_F(Termination, MayComeAtAnyTime) {
+    for (u32 round = 0; round < 100; ++round) {
+        std::atomic<u32> steps{0};
+        TestThread thread([&] { steps = 1; });
+        ASSERT_TRUE(thread->Resume());
+        if (round % 2 != 0) {
+            ASSERT_TRUE(Eventually([&] { return steps == 1; }));
+        }
+        ASSERT_TRUE(thread->Terminate(kExitCode)) << "round " << round;
+    }
+}
+
 #ifndef _WIN32  // Windows stops a thread wherever it is, and releases nothing
 
 TEST_F(Termination, ReleasesTheLocksOfTheWaitingThread) {

@@ -14,6 +14,12 @@ namespace k9erepl::platform {
 namespace native {
 namespace {
 
+// How far a thread has come. Windows stops a thread wherever it is, and one that is about to begin
+// or to end holds the loader's lock and the heap's: nobody could load, allocate or end any more.
+// A thread is therefore stopped only before it was resumed and inside its body; whoever brings
+// the progress to kStopped decides.
+enum class Progress { kSuspended, kResumed, kInBody, kLeaving, kStopped };
+
 // Shared by the thread and its owner; the last of the two deletes it. The owner of a joined thread
 // deletes it at once, for a terminated thread never gives its share back.
 struct ThreadRecord {
@@ -22,6 +28,8 @@ struct ThreadRecord {
     const ThreadBody body;
     void* const argument;
     std::atomic<int> users{2};
+    std::atomic<Progress> progress{Progress::kSuspended};
+    std::atomic<DWORD> stoppedExitCode{0};
 
     HANDLE thread = nullptr;  // these two are the owner's
     bool joined = false;
@@ -33,9 +41,24 @@ void Release(ThreadRecord* record) {
     }
 }
 
+bool Advance(ThreadRecord& record, Progress from, Progress to) {
+    return record.progress.compare_exchange_strong(from, to);
+}
+
+DWORD RunBody(ThreadRecord& record) {
+    if (!Advance(record, Progress::kResumed, Progress::kInBody)) {
+        return record.stoppedExitCode;
+    }
+    const DWORD exitCode = record.body(record.argument);
+    if (!Advance(record, Progress::kInBody, Progress::kLeaving)) {
+        Sleep(INFINITE);  // it is being stopped
+    }
+    return exitCode;
+}
+
 DWORD WINAPI ThreadMain(void* argument) {
     auto* record = static_cast<ThreadRecord*>(argument);
-    const DWORD exitCode = record->body(record->argument);
+    const DWORD exitCode = RunBody(*record);
     Release(record);
     return exitCode;
 }
@@ -66,7 +89,13 @@ bool ThreadSetAffinity(void* thread, u64 mask) {
 
 bool ThreadResume(void* thread) {
     constexpr auto kFailed = static_cast<DWORD>(-1);
-    return ResumeThread(RecordOf(thread).thread) != kFailed;
+    ThreadRecord& record = RecordOf(thread);
+    Advance(record, Progress::kSuspended, Progress::kResumed);
+    if (ResumeThread(record.thread) != kFailed) {
+        return true;
+    }
+    Advance(record, Progress::kResumed, Progress::kSuspended);
+    return false;
 }
 
 WaitResult ThreadJoin(void* thread, u32 timeoutMs) {
@@ -78,9 +107,15 @@ WaitResult ThreadJoin(void* thread, u32 timeoutMs) {
 
 bool ThreadTerminate(void* thread, u32 exitCode) {
     ThreadRecord& record = RecordOf(thread);
-    // A thread that has ended refuses to be ended.
-    return TerminateThread(record.thread, exitCode) != FALSE ||
-           WaitFor(record.thread, 0) == WaitResult::kSignalled;
+    record.stoppedExitCode = exitCode;
+    if (Advance(record, Progress::kResumed, Progress::kStopped)) {
+        return true;  // it leaves without its body
+    }
+    if (!Advance(record, Progress::kSuspended, Progress::kStopped) &&
+        !Advance(record, Progress::kInBody, Progress::kStopped)) {
+        return true;  // it is on its way out, or was stopped before
+    }
+    return TerminateThread(record.thread, exitCode) != FALSE;
 }
 
 void ThreadDestroy(void* thread) {
