@@ -92,7 +92,7 @@ i64 FileTell(NativeFile file) {
 }
 
 bool FileSetEnd(NativeFile file, i64 size) {
-    return FileSeek(file, size) == size && SetEndOfFile(HandleOf(file)) != FALSE;
+    return FileSeek(file, size) >= 0 && SetEndOfFile(HandleOf(file)) != FALSE;
 }
 
 i64 FileSize(NativeFile file) {
