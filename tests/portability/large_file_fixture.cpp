@@ -79,7 +79,7 @@ void LargeStorage::WriteItem(i64 rev) {
     WriteAt(offset + kLargeItemSize - i64{sizeof end}, end, sizeof end);
 }
 
-// The platform's files take 64-bit offsets; the standard library's do not on every target.
+// Through the library's own files, whose offsets have 64 bits on every target.
 void LargeStorage::WriteAt(i64 offset, const void* data, u32 size) {
     u32 put = 0;
     ASSERT_TRUE(m_file.Seek(offset) && m_file.Write(data, size, &put)) << offset;
