@@ -1,0 +1,196 @@
+// The row of removals: a crash before, inside and after every call of every clear, squeeze and
+// truncation. The path leads to the old or the new content; a backup, as soon as it has its name,
+// holds the old content; the removal can be had again.
+#include <k9erepl/storage.h>
+
+#include "model/storage_client.h"
+#include "reliability/crash_points.h"
+#include "reliability/removal_history.h"
+#include "reliability/row.h"
+#include "reliability/steady_calls.h"
+
+namespace k9erepl::reliability {
+
+namespace {
+
+constexpr std::size_t kPoints = 400;
+constexpr u32 kFirstStamp = 0x20000000;
+
+RemovalPlan PlanOf(u64 number) {
+    RemovalPlan plan;
+    plan.kind = static_cast<RemovalKind>(number % kRemovalKinds);
+    number /= kRemovalKinds;
+    plan.async = number % 2 == 1;
+    plan.hardLinks = number / 2 % 2 == 0;
+    plan.forceFlush = number / 4 % 2 == 1;
+    return plan;
+}
+
+void MoveName(DiskImage& image, const std::string& from, const std::string& to) {
+    Change change;
+    change.kind = ChangeKind::kRename;
+    change.file = *image.NumberOf(from);
+    change.name = from;
+    change.to = to;
+    image.Apply(change);
+}
+
+class Crashes {
+  public:
+    Crashes(GroupRun& run, MemoryDisk& disk, const RemovalPlan& plan)
+        : m_run(run), m_disk(disk), m_plan(plan) {}
+
+    void All() {
+        m_removal = MakeRemoval(m_disk, m_plan, m_run.Seed());
+        const History& history = m_removal.history;
+        m_run.Case(0, [&] { return history.problem; });
+        ImageMaker maker(history.base, history.changes);
+        u64 number = 0;
+        for (const CrashPoint& point : CrashPointsOf(history.changes, kPoints, m_run.Seed())) {
+            const DiskImage image = maker.At(point);
+            m_run.Keep(image, history.changes, point.changes);
+            m_run.Case(++number, [&] { return Crash(image, point, number); });
+        }
+        m_run.Case(++number, [&] { return LeavesItsBackup(); });
+    }
+
+  private:
+    Problem Crash(const DiskImage& image, const CrashPoint& point, u64 number) {
+        const StateRange range = m_removal.history.AfterKill(point.changes, point.cut > 0);
+        if (image.Find(StoragePath()) == nullptr) {
+            return m_plan.hardLinks ? "no file at the path" : NoPath(image, range, number);
+        }
+        if (Problem problem = LookAtBackup(image); !problem.empty()) {
+            return "backup: " + problem;
+        }
+        if (m_plan.kind != RemovalKind::kTruncate && number % 2 == 0) {
+            if (Problem problem = RemoveAgain(image); !problem.empty()) {
+                return "the removal again: " + problem;
+            }
+        }
+        return Examined(image, range, number);
+    }
+
+    Problem Examined(const DiskImage& image, StateRange range, u64 number) {
+        return Examine(m_disk, image, m_removal.history, number, [&](const Seen& seen) {
+            return JudgeByStates(m_removal.history, range, seen);
+        });
+    }
+
+    // Without hard links there is such a moment. Opening refuses and makes nothing; either of the
+    // two files, renamed as the manual says, is the storage.
+    Problem NoPath(const DiskImage& image, StateRange range, u64 number) {
+        m_run.Count("moments without a path");
+        m_disk.Mount(image);
+        model::StorageClient client;
+        const u32 rc = client.Open(m_removal.history.ConnString());
+        if (rc != RC_SYSTEM_ERROR || m_disk.Image().Hash() != image.Hash()) {
+            return "opening nothing answers " + std::to_string(rc);
+        }
+        for (const std::string& name : {BackupPath(), TemporaryPath()}) {
+            if (image.Find(name) == nullptr) {
+                return "there is no " + name;
+            }
+            DiskImage repaired = image;
+            MoveName(repaired, name, StoragePath());
+            if (Problem problem = Examined(repaired, range, number); !problem.empty()) {
+                return name + ": " + problem;
+            }
+        }
+        return "";
+    }
+
+    // What it may hold: what the older one held, or what the storage held before the removal.
+    Problem LookAtBackup(const DiskImage& image) {
+        if (image.Find(BackupPath()) == nullptr) {
+            return "";
+        }
+        // Until the rename it may be the storage itself.
+        m_run.Count("backups opened");
+        SteadyCalls::SetStamp(kFirstStamp);
+        m_disk.Mount(image);
+        Seen seen;
+        const Problem problem =
+            Visit(m_removal.history.settings.ConnString(BackupPath()), {}, &seen);
+        return !problem.empty() || m_removal.olderBackup == seen
+                   ? problem
+                   : JudgeByStates(m_removal.history, {0, 0}, seen);
+    }
+
+    // Once the unfinished copy is away, as the manual tells to do.
+    Problem RemoveAgain(DiskImage image) {
+        SteadyCalls::SetStamp(kFirstStamp);
+        const bool isLeft = image.Find(TemporaryPath()) != nullptr;
+        if (isLeft) {
+            MoveName(image, TemporaryPath(), std::string(kFolder) + "away");
+        }
+        m_disk.Mount(image);
+        model::StorageClient client;
+        u32 rc = client.Open(m_removal.history.ConnString());
+        rc = rc == RC_OK ? K9eReplStorageLoad(client.Handle()) : rc;
+        rc = rc == RC_OK ? K9eReplStorageClearOldRev(client.Handle(), m_removal.clearRev,
+                                                     K9EREPL_CLEAR_SQUEEZE_BACKUP)
+                         : rc;
+        client.Close();
+        const DiskImage left = m_disk.Image();
+        if (rc != RC_OK || left.Find(TemporaryPath()) != nullptr) {
+            return "answers " + std::to_string(rc);
+        }
+        m_run.Count(isLeft ? "removals again beside a copy" : "removals again");
+        return Shows(left);
+    }
+
+    // Nothing below the clear revision, and above it what was there.
+    Problem Shows(const DiskImage& image) {
+        m_disk.Mount(image);
+        Seen seen;
+        if (Problem problem = Visit(m_removal.history.ConnString(), {}, &seen); !problem.empty()) {
+            return problem;
+        }
+        for (const model::Content& state : m_removal.history.states) {
+            const auto kept = state.records.lower_bound(m_removal.clearRev);
+            if (seen.records == model::Records(kept, state.records.end())) {
+                return "";
+            }
+        }
+        return "content is none that it had: " + Describe(seen);
+    }
+
+    Problem LeavesItsBackup() {
+        DiskImage image = m_removal.history.base;
+        for (const Change& change : m_removal.history.changes) {
+            image.Apply(change);
+        }
+        if (image.Find(TemporaryPath()) != nullptr) {
+            return "the temporary file is left";
+        }
+        if (!m_removal.makesBackup) {
+            return "";
+        }
+        if (image.Find(BackupPath()) == nullptr) {
+            return "there is no backup";
+        }
+        m_removal.olderBackup.reset();
+        return LookAtBackup(image);
+    }
+
+    GroupRun& m_run;
+    MemoryDisk& m_disk;
+    const RemovalPlan m_plan;
+    RemovalHistory m_removal;
+};
+
+void RunGroup(GroupRun& run) {
+    const SteadyCalls steady;
+    MemoryDisk disk;
+    Crashes(run, disk, PlanOf(run.Number())).All();
+}
+
+const RegisteredRow kRow({.name = "removals",
+                          .title = "squeeze, truncation, clear: before, inside, after every call",
+                          .cases = 17000,
+                          .runGroup = &RunGroup});
+
+}  // namespace
+
+}  // namespace k9erepl::reliability
