@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <string>
 
+#include "k9sys/registration.h"
 #include "platform/process.h"
 
 namespace k9erepl::test {
@@ -12,21 +13,6 @@ namespace k9erepl::test {
 namespace {
 
 constexpr std::uint32_t kInvalidArg = 2;
-
-// Registers this test program, or what `module` stands for.
-struct Registration {
-    explicit Registration(void* module = nullptr)
-        : result(K9MQStatSetBinaryModuleVersion(module, "product", "1.2", &id, name, sizeof name,
-                                                path, sizeof path)) {}
-    ~Registration() { K9MQStatUnregisterModule(id); }
-    Registration(const Registration&) = delete;
-    Registration& operator=(const Registration&) = delete;
-
-    std::uint32_t id = 0;
-    char name[255] = "";
-    char path[260] = "";
-    std::uint32_t result;
-};
 
 }  // namespace
 
@@ -53,11 +39,6 @@ TEST(ModuleStatistics, ANullModuleIsTheProgram) {
 TEST(ModuleStatistics, TheHandleOfTheProgramIsTheProgram) {
     const Registration registration(platform::ProcessModuleHandle());
     EXPECT_EQ(std::filesystem::path(registration.name).stem(), "k9sys_tests");
-}
-
-TEST(ModuleStatistics, AnAddressInALibraryIsTheLibrary) {
-    const Registration registration(reinterpret_cast<void*>(&K9SysRegisteredModuleCount));
-    EXPECT_EQ(std::string(registration.name).substr(0, 8), "libK9Sys");
 }
 
 TEST(ModuleStatistics, TextsAreCutToTheirBuffers) {
