@@ -4,6 +4,7 @@
 
 #include "index/index_file.h"
 #include "index/index_fixture.h"
+#include "support/fixed_log.h"
 #include "support/new_fault.h"
 
 namespace k9erepl::test {
@@ -93,6 +94,7 @@ TEST_F(IndexFileRead, FailsWithoutMemoryForItsBuffer) {
 TEST_F(IndexFileRead, FailsWithoutMemoryForItsEntries) {
     WriteBytes(Path(), IndexFileBytes(kThree));
     const std::string path = Path();
+    const FixedLog log;
     u32 failures = 0;
     for (u32 nth = 1;; ++nth) {
         const FailNthNew fault(nth);

@@ -27,6 +27,11 @@ class IndexFileWriterTest : public ::testing::Test {
         }
         return rc;
     }
+    // What a reader finds once the writer is gone: some systems let nobody read beside it.
+    u32 Read(IndexFileContent* content) {
+        m_writer.Close();
+        return ReadIndexFile(m_path, content);
+    }
     // That a write of `part` failed for `kind`.
     void ExpectFailure(const std::string& part, SystemErrorKind kind) {
         const std::string text =
@@ -151,7 +156,7 @@ TEST_F(IndexFileWriterTest, LeavesAnInvalidFileWhenOnlyTheTailWasWritten) {
     FailWrite(2);
     EXPECT_EQ(Save(), RC_SYSTEM_ERROR);
     IndexFileContent content;
-    EXPECT_EQ(ReadIndexFile(m_path, &content), RC_NOT_FOUND);
+    EXPECT_EQ(Read(&content), RC_NOT_FOUND);
     EXPECT_TRUE(m_log.Has("Check file header failed")) << m_log;
 }
 
@@ -161,7 +166,7 @@ TEST_F(IndexFileWriterTest, LeavesAWrongChecksumWhenOnlyTheReplacedLastEntryWasW
     FailWrite(2);
     EXPECT_EQ(Save(), RC_SYSTEM_ERROR);
     IndexFileContent content;
-    EXPECT_EQ(ReadIndexFile(m_path, &content), RC_NOT_FOUND);
+    EXPECT_EQ(Read(&content), RC_NOT_FOUND);
     EXPECT_TRUE(m_log.Has("Wrong checksum")) << m_log;
 }
 
@@ -174,7 +179,7 @@ TEST_F(IndexFileWriterTest, FailsWithoutAnOpenFile) {
 TEST_F(IndexFileWriterTest, WritesAFileThatTheReaderTakes) {
     CreateWith(70'000);
     IndexFileContent content;
-    EXPECT_EQ(ReadIndexFile(m_path, &content), RC_OK);
+    EXPECT_EQ(Read(&content), RC_OK);
     EXPECT_EQ(content.entries.size(), 70'000U);
     EXPECT_EQ(content.blockSize, kBlockSize);
 }

@@ -6,6 +6,7 @@
 #include <atomic>
 
 #include "index/index_fixture.h"
+#include "support/fixed_log.h"
 #include "support/new_fault.h"
 #include "support/storage_exception.h"
 
@@ -59,6 +60,7 @@ TEST_F(IndexObjectStart, IsNotMadeWithoutMemoryForItsImage) {
 }
 
 TEST_F(IndexObjectStart, IsNotMadeWithoutMemory) {
+    const FixedLog log;
     for (u32 nth = 1;; ++nth) {
         const FailNthNew fault(nth);
         try {
