@@ -1,0 +1,62 @@
+// Opens files that something has changed, and judges what the library makes of them by the slow
+// reader: the same content, or the same refusal; then the storage goes on from there.
+#ifndef K9EREPL_TESTS_RELIABILITY_HOSTILE_OPENING_H
+#define K9EREPL_TESTS_RELIABILITY_HOSTILE_OPENING_H
+
+#include <k9erepl/storage.h>
+
+#include <string>
+
+#include "model/settings.h"
+#include "reliability/memory_disk.h"
+#include "reliability/oracle.h"
+#include "reliability/slow_reader.h"
+
+namespace k9erepl::reliability {
+
+// What one opening answered and showed.
+struct Opening {
+    u32 openResult = RC_OK;
+    u32 loadResult = RC_OK;
+    u32 readResult = RC_OK;
+    bool rises = true;  // the revisions, as they were read
+    Seen seen;
+
+    bool IsLoaded() const { return openResult == RC_OK && loadResult == RC_OK; }
+};
+Opening OpenAndRead(const std::string& connString);
+
+// The storage file and, where it is not empty, the index file beside it.
+struct HostileFiles {
+    std::string storage;
+    std::string index;
+};
+HostileFiles FilesOf(const DiskImage& image);
+DiskImage ImageOf(const HostileFiles& files);
+// The name of the index file of StoragePath().
+std::string IndexPath();
+
+// What became of the files, for the counts.
+enum class Fate : u8 {
+    kRefused,     // by both readers
+    kTooLarge,    // a record does not fit the block size of the opening
+    kSame,        // both readers see the same content
+    kPassedOver,  // an index that holds led past damage, and what was read are sound records
+    kCutShort,    // the same, and a revision that damage raised hides records
+    kReported,    // the same, and reading answered an error
+};
+const char* NameOf(Fate fate);
+
+struct HostileCase {
+    HostileFiles files;
+    model::Settings settings;
+    bool indexMayPassOver = false;  // the storage file was changed, its index was kept
+};
+
+// Opens, compares, appends, opens again. `seed` chooses what is appended.
+// REQUIRES: a SteadyCalls lives.
+Problem ExamineHostile(MemoryDisk& disk, const HostileCase& hostile, u64 seed, Fate* fate);
+
+}  // namespace k9erepl::reliability
+
+#endif  // K9EREPL_TESTS_RELIABILITY_HOSTILE_OPENING_H
