@@ -246,6 +246,7 @@ class Trial {
             m_random.Below(1000), m_random.OneOf<i64>({0, 0, 1, -1})};
         const u32 mode = m_random.OneOf<u32>({0, 0, 1, 1, 2, 2});
         const i64 rev = model::Resolve(choice, m_model);
+        m_clearsAll = m_model.Served().lower_bound(rev) == m_model.Served().end();
         RememberFlushed();
         Do(
             Operation::kClear,
@@ -429,7 +430,7 @@ class Trial {
             Expect(NameOf(operation), CallLibrary(call), expected);
             m_result.wentOn = true;
         } else if (m_client.State() == StorageState::kBroken) {
-            m_mayBeDamaged = operation == Operation::kStartOver || operation == Operation::kClear;
+            m_mayBeDamaged = operation == Operation::kStartOver || m_clearsAll;
             ExpectNothingWorks();
             GiveUp();
         } else if (m_client.State() == StorageState::kFlushFailed) {
@@ -569,9 +570,10 @@ class Trial {
     TrialResult m_result;
     std::size_t m_held = 0;  // the state that the file holds for sure, or a later one
     bool m_over = false;
-    bool m_flushes = false;  // since the last operation's end
-    bool m_unsure = false;   // what was given up may still be in the file
-    bool m_mayBeDamaged = false;
+    bool m_flushes = false;       // since the last operation's end
+    bool m_unsure = false;        // what was given up may still be in the file
+    bool m_clearsAll = false;     // the last clear
+    bool m_mayBeDamaged = false;  // as a failed clear of everything may leave the file
     std::optional<u32> m_refusedLifenum;
     std::optional<i64> m_refusedMark;
 };

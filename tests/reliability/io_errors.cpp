@@ -26,12 +26,22 @@ struct Trouble {
     bool Invisible() const {
         return kind == kShort || kErrors.at(kind) == SystemErrorKind::kInterrupted;
     }
-    // Whether the call is one of those that end differently. An interrupted call is not
-    // interrupted again at once.
-    bool Meets(u64 number) const {
-        return number == nth || (sticky && number > nth && (!Invisible() || number % 2 == nth % 2));
+    // A disk that gets full and a file that gets too big take a part of the write first.
+    bool IsTorn() const {
+        return kind != kShort && (kErrors.at(kind) == SystemErrorKind::kNoSpace ||
+                                  kErrors.at(kind) == SystemErrorKind::kFileTooBig);
     }
-    Permit Outcome(const Attempt& attempt) const {
+    // How the call ends, if in another way than it should. An interrupted call is not interrupted
+    // again at once.
+    std::optional<Permit> Outcome(u64 number, const Attempt& attempt) const {
+        const bool alternates = Invisible();
+        const bool later = sticky && number > nth && (!alternates || number % 2 == nth % 2);
+        if (IsTorn() && attempt.call == test::SystemCall::kWrite && number == nth) {
+            return Permit{{}, attempt.size / 2};
+        }
+        if (number != nth && !later && !(IsTorn() && number == nth + 1)) {
+            return std::nullopt;
+        }
         return kind == kShort ? Permit{{}, (attempt.size + 1) / 2} : Permit{kErrors.at(kind)};
     }
 };
@@ -75,10 +85,7 @@ void RunGroup(GroupRun& run) {
             const Trouble trouble{number, choice % kTroubles, choice / kTroubles % 2 == 1};
             GateFault fault(
                 disk,
-                [&](u64 call, const Attempt& attempt) {
-                    return trouble.Meets(call) ? std::optional(trouble.Outcome(attempt))
-                                               : std::nullopt;
-                },
+                [&](u64 call, const Attempt& attempt) { return trouble.Outcome(call, attempt); },
                 trouble.Invisible());
             const TrialResult result = RunTrial(disk, plan, fault, run.Seed());
             CountResult(run, result);
