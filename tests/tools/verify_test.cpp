@@ -126,8 +126,8 @@ TEST_F(ToolVerify, JsonIsOneObject) {
     Damage(2);
     const ToolRun run = Run({"verify", "--format", "json", "--conn", "file=" + StorageFile()});
     EXPECT_EQ(run.exitStatus, kDamaged);
-    EXPECT_EQ(run.out, "{\"file\":\"" + StorageFile() +
-                           "\",\"state\":\"damaged\",\"fileSize\":1346,\"commitBlocks\":2,"
+    EXPECT_EQ(run.out, "{\"file\":" + AsJson(StorageFile()) +
+                           ",\"state\":\"damaged\",\"fileSize\":1346,\"commitBlocks\":2,"
                            "\"records\":1,\"lastRev\":1,\"clearRev\":0,\"dataEnd\":1114,"
                            "\"stopOffset\":1114,\"abandonedBytes\":225,\"beyondFrom\":3,"
                            "\"beyondTo\":5}\n");
