@@ -1,0 +1,26 @@
+// Starting again while a thread that was given up has the file open: Windows lets nobody write to
+// the file then.
+#include <gtest/gtest.h>
+#include <k9erepl/storage.h>
+
+#include "index/index_fixture.h"
+
+namespace k9erepl::test {
+
+using IndexObjectRestart = IndexObjectTest;
+
+TEST_F(IndexObjectRestart, NeedsNoEndOfAThreadThatCannotBeEnded) {
+    {
+        const LeaksAllowed leaksAllowed;
+        Make();
+    }
+    Fail(SystemCall::kResumeThread, 1);
+    platform::TheSystemCalls().terminateThread = [](void* thread, u32 exitCode) {
+        platform::NativeSystemCalls().terminateThread(thread, exitCode);
+        return false;
+    };
+    ASSERT_EQ(m_index->Start(), RC_SYSTEM_ERROR);
+    EXPECT_EQ(m_index->Start(), RC_OK);
+}
+
+}  // namespace k9erepl::test
