@@ -28,10 +28,18 @@ if ! why="$("$root/scripts/setup.sh" windows 2>&1 >/dev/null)"; then
     exit 3
 fi
 
-# The tests' files lie in memory where there is room: Wine's detours are slow enough.
+# The tests' files lie in memory where there is room: Wine's detours are slow enough. Wine takes the
+# folder for temporary files from its prefix, whatever the environment says.
 folder="$(mktemp -d "$(memory_folder)/k9erepl-windows-tests.XXXXXX")"
-trap 'rm -rf "$folder"' EXIT
-export TMP="Z:${folder//\//\\}" TEMP="Z:${folder//\//\\}" TMPDIR="$folder"
+wine_temp="${WINEPREFIX:-$root/build/wine}/drive_c/users/$(id -un)/Temp"
+clean_up() {
+    rm -rf "$folder" "$wine_temp"
+    mkdir -p "$wine_temp"
+}
+trap clean_up EXIT
+rm -rf "$wine_temp"
+mkdir "$folder/temp"
+ln -s "$folder/temp" "$wine_temp"
 
 # names_of <preset> [runner]: the tests of all its programs, sorted; parameters without their text.
 names_of() {
