@@ -62,6 +62,19 @@ TEST_F(ToolRoundTrip, AFileIsReadLikeStandardInput) {
     EXPECT_EQ(Cat(), "from\na file\n");
 }
 
+TEST_F(ToolRoundTrip, APipeIsReadToItsEndUnchanged) {
+    std::string records;
+    for (int i = 0; i < 2000; ++i) {
+        records += Prefixed(AllBytes() + "\r\n");
+    }
+    ChildProcess child(PipedOptions({"append", "--create", "--conn", Conn(), "--length-prefixed"}));
+    child.Write(records);
+    child.CloseInput();
+    const ToolRun run = Finish(child);
+    EXPECT_EQ(run.exitStatus, 0) << run;
+    EXPECT_EQ(Cat({"--format", "length-prefixed"}), records);
+}
+
 TEST_F(ToolRoundTrip, TheNullDeviceIsAnEmptyInput) {
     EXPECT_EQ(Append("", {NullDevice()}).exitStatus, 0);
     EXPECT_EQ(Cat(), "");
