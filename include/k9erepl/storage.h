@@ -86,6 +86,9 @@ extern "C" {
 #if defined(_MSC_VER)
 #pragma warning(push)
 #pragma warning(disable : 4200)
+#elif defined(__clang__)
+#pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Wc99-extensions"
 #endif
 typedef struct K9eReplRec {
     int64_t rev;       /* revision: 1 .. 2^63 - 2 */
@@ -96,6 +99,8 @@ typedef struct K9eReplRec {
 } K9eReplRec;
 #if defined(_MSC_VER)
 #pragma warning(pop)
+#elif defined(__clang__)
+#pragma clang diagnostic pop
 #endif
 #pragma pack(pop)
 

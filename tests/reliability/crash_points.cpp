@@ -26,7 +26,7 @@ void AddBorders(const std::string& bytes, std::set<u32>& cuts) {
         if (word != kRecordSignature && word != kCommitSignature) {
             continue;
         }
-        for (const std::size_t border : {0, 4, 8, 12, 16, 20, 24, 32}) {
+        for (const std::size_t border : {0U, 4U, 8U, 12U, 16U, 20U, 24U, 32U}) {
             cuts.insert(static_cast<u32>(at + border));
         }
     }
