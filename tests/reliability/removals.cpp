@@ -13,7 +13,7 @@ namespace k9erepl::reliability {
 
 namespace {
 
-constexpr std::size_t kPoints = 400;
+constexpr std::size_t kPoints = 230;
 constexpr u32 kFirstStamp = 0x20000000;
 
 RemovalPlan PlanOf(u64 number) {
@@ -188,7 +188,7 @@ void RunGroup(GroupRun& run) {
 
 const RegisteredRow kRow({.name = "removals",
                           .title = "squeeze, truncation, clear: before, inside, after every call",
-                          .cases = 17000,
+                          .cases = 13000,
                           .runGroup = &RunGroup});
 
 }  // namespace
