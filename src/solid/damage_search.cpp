@@ -71,9 +71,12 @@ class Search {
         if (m_lastSequence == block.prevSequence) {
             ++m_found.linkedBlocks;
         }
+        // The block at the stop may itself be what is damaged: it raises no bound.
+        const bool isTrusted = at > 0 && !followsLast;
+        m_clearRev = isTrusted ? i64{block.clearRev} : std::min<i64>(m_clearRev, block.clearRev);
+        m_commitRev =
+            isTrusted ? i64{block.commitRev} : std::min<i64>(m_commitRev, block.commitRev);
         m_lastSequence = block.sequence;
-        m_clearRev = block.clearRev;
-        m_commitRev = block.commitRev;
         m_lowestCommit = m_lowestCommit.value_or(block.commitRev);
         m_found.highestRev = block.commitRev;
         return kCommitBlockSize;

@@ -13,7 +13,8 @@ namespace k9erepl {
 // How many bytes behind the end of a walk are worth looking at.
 inline constexpr u32 kDamageSearchSize = 10 * 1024 * 1024;
 
-// What the last accepted commit block says.
+// What is known of the last accepted commit block. Its revisions may be what is damaged, so the
+// lowest ones that may follow are those of the block before it, if there is one.
 struct LastGoodCommit {
     i64 clearRev = 0;
     i64 commitRev = 0;
@@ -33,9 +34,9 @@ struct BeyondDamage {
 
 // Searches the `size` bytes at `bytes`, which begin where the walk ended. Commit blocks may begin
 // at any byte. A commit block counts when neither of its revisions is below those of the one before
-// it, or when it is the first found and links to `last`, whose revisions may be what is damaged. A
-// record counts when its two sizes agree, its revision is above those before it and an item
-// follows.
+// it, or when it is the first found and links to `last`. One at the very beginning, or linked so,
+// raises no bound: it may itself be damaged. A record counts when its two sizes agree, its revision
+// is above those before it and an item follows.
 BeyondDamage SearchBeyondDamage(const u8* bytes, std::size_t size, const LastGoodCommit& last);
 
 }  // namespace k9erepl

@@ -180,8 +180,8 @@ bool CSolidStorage::LooksDamaged() {
                        m_state.path.c_str(), m_scanEnd.stopOffset);
         return false;
     }
-    const LastGoodCommit last{.clearRev = m_scanEnd.clearRev,
-                              .commitRev = m_scanEnd.lastCommitted,
+    const LastGoodCommit last{.clearRev = m_scanEnd.clearRevBefore,
+                              .commitRev = m_scanEnd.committedBefore,
                               .sequence = m_scanEnd.lastSequence};
     const BeyondDamage beyond = SearchBeyondDamage(bytes.get(), size, last);
     if (beyond.IsDamage()) {

@@ -160,6 +160,8 @@ FileScan::Step FileScan::TakeCommit() {
         rc != RC_OK) {
         return Fail(rc);
     }
+    m_result.clearRevBefore = m_commitFound ? m_result.clearRev : i64{block.clearRev};
+    m_result.committedBefore = m_commitFound ? m_result.lastCommitted : i64{block.commitRev};
     m_result.clearRev = block.clearRev;
     // Of the file's first only: what an index leads to counts as it does without the index.
     m_result.lastCommitted = m_offset == kFirstCommitOffset

@@ -39,6 +39,8 @@ class FileScan {
         i64 validCommitOffset = 0;  // of the last accepted commit block
         i64 clearRev = 0;           // of that block
         i64 lastCommitted = 0;      // its commitRev; if it is the first, the larger of both
+        i64 clearRevBefore = 0;     // of the commit block before it, if there is one
+        i64 committedBefore = 0;    // the same
         i64 prevRecRev = 0;         // of the last accepted record
         u32 lastSequence = 0;
         bool tailInUse = false;  // behind that block not every byte is known to be zero

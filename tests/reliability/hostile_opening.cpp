@@ -22,7 +22,7 @@ void ReadAll(const model::StorageClient& client, Opening* opening) {
             opening->rises = opening->rises && record.rev > before;
             before = record.rev;
             const auto* data = reinterpret_cast<const char*>(record.data);
-            seen.records[record.rev] = {record.userWord, std::string(data, record.dataSize)};
+            seen.records[i64{record.rev}] = {record.userWord, std::string(data, record.dataSize)};
             return u32{RC_OK};
         });
     seen.nextRev = client.NextRev();

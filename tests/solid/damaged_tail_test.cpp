@@ -101,6 +101,26 @@ TEST_F(DamagedTail, OfAnyByteInTheMiddleThatEndsTheScanIsReported) {
     EXPECT_EQ(reported, kRunSize - 4 - 3 - 4);
 }
 
+TEST_F(DamagedTail, ThatAlsoRaisedTheLastGoodRevisionIsReported) {
+    FiveRuns().Save(Path());
+    PatchBytes(Path(), RunAt(2) + 27 + 30, std::vector<u8>{0x55});
+    PatchBytes(Path(), RunAt(3), std::vector<u8>(kRunSize, 0x55));
+    Open();
+    LoadScan();
+    EXPECT_EQ(m_log.CountContaining("Damage in the middle"), 1U) << m_log;
+    EXPECT_EQ(ReadBytes(Copy()), TailOfFile(RunAt(3)));
+}
+
+TEST_F(DamagedTail, ThatAlsoRaisedTheRevisionOfTheBlockAtTheStopIsReported) {
+    FiveRuns().Save(Path());
+    PatchBytes(Path(), RunAt(2) + 27 + 23, std::vector<u8>{0xFF});
+    PatchBytes(Path(), RunAt(2) + 27 + 30, std::vector<u8>{0x55});
+    Open();
+    LoadScan();
+    EXPECT_EQ(m_log.CountContaining("Damage in the middle"), 1U) << m_log;
+    EXPECT_EQ(ReadBytes(Copy()), TailOfFile(RunAt(2)));
+}
+
 TEST_F(DamagedTail, IsFoundBehindWhatEndsTheScanInOtherWays) {
     // The chain is broken at the stop itself.
     FiveRuns().Save(Path());

@@ -106,7 +106,7 @@ class Walk {
 
     k9erepl::LastGoodCommit LastGood() const {
         return {
-            .clearRev = m_check.clearRev, .commitRev = m_check.lastRev, .sequence = m_lastSequence};
+            .clearRev = m_clearRevBefore, .commitRev = m_lastRevBefore, .sequence = m_lastSequence};
     }
 
   private:
@@ -151,6 +151,8 @@ class Walk {
             return false;
         }
         m_lastSequence = block.sequence;
+        m_clearRevBefore = first ? std::int64_t{block.clearRev} : m_check.clearRev;
+        m_lastRevBefore = first ? std::int64_t{block.commitRev} : m_check.lastRev;
         m_check.clearRev = block.clearRev;
         m_check.lastRev = first ? std::max<std::int64_t>(block.clearRev, block.commitRev)
                                 : std::int64_t{block.commitRev};
@@ -167,6 +169,8 @@ class Walk {
     std::uint64_t m_records = 0;
     std::int64_t m_lastRecordRev = 0;
     std::uint32_t m_lastSequence = 0;
+    std::int64_t m_clearRevBefore = 0;  // of the commit block before the last accepted one
+    std::int64_t m_lastRevBefore = 0;
 };
 
 std::uint64_t BytesInUse(FileBytes& file, std::uint64_t from) {
