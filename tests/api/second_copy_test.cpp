@@ -1,66 +1,72 @@
-// Two copies of the library in one process: the second is loaded with a warning and leaves the
-// first one's mark alone.
+// Two copies of the library in one process: the second is loaded with a warning, works, and leaves
+// the first one's mark alone.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
-#include <cstdio>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
+
+#include "support/child_process.h"
+#include "support/temp_folder.h"
 
 namespace k9erepl::test {
 namespace {
 
 namespace fs = std::filesystem;
 
+// As text: the end of a line is one character.
+std::string TextOf(const std::string& path) {
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
 class SecondCopy : public ::testing::Test {
   protected:
-    SecondCopy() {
-        std::string folder = fs::temp_directory_path() / "k9erepl_copy_XXXXXX";
-        EXPECT_NE(mkdtemp(folder.data()), nullptr);
-        m_folder = folder;
-        fs::copy_file(STORAGE_LIBRARY, Copy());
-    }
-    ~SecondCopy() override { fs::remove_all(m_folder); }
+    SecondCopy() { fs::copy_file(STORAGE_LIBRARY, m_copy); }
 
-    fs::path Copy() const { return m_folder / "libK9eReplStorage.so"; }
-
-    // What the probe prints on `stream`: 1 standard output, 2 standard error.
-    std::string Probe(int stream, const std::string& first, const std::string& second) const {
-        const std::string command = "'" + std::string(LOAD_PROBE) + "' '" + first + "' '" + second +
-                                    (stream == 1 ? "' 2>/dev/null" : "' 2>&1 >/dev/null");
-        std::FILE* const pipe = popen(command.c_str(), "r");
-        EXPECT_NE(pipe, nullptr);
-        std::string output;
-        char piece[256];
-        while (pipe != nullptr && std::fgets(piece, sizeof(piece), pipe) != nullptr) {
-            output += piece;
-        }
-        EXPECT_EQ(pclose(pipe), 0) << output;
-        return output;
+    // Runs the probe with the library and `second`.
+    void Probe(const std::string& second) {
+        ChildProcess probe({.arguments = {LOAD_PROBE, STORAGE_LIBRARY, second},
+                            .outputPath = m_folder.File("steps"),
+                            .errorPath = m_folder.File("warnings")});
+        probe.CloseInput();
+        EXPECT_EQ(probe.Wait(), ChildEnd()) << Steps();
     }
+    const std::string& Copy() const { return m_copy; }
+    std::string Steps() const { return TextOf(m_folder.File("steps")); }
+    std::string Warnings() const { return TextOf(m_folder.File("warnings")); }
 
   private:
-    fs::path m_folder;
+    TempFolder m_folder;
+    const std::string m_copy =
+        (fs::path(m_folder.Path()) / fs::path(STORAGE_LIBRARY).filename()).string();
 };
 
 }  // namespace
 
 TEST_F(SecondCopy, IsLoadedWithAWarning) {
-    EXPECT_EQ(Probe(2, STORAGE_LIBRARY, Copy()),
-              "K9eReplStorage: Module has already been loaded\n");
+    Probe(Copy());
+    EXPECT_EQ(Warnings(), "K9eReplStorage: Module has already been loaded\n");
 }
 
-TEST_F(SecondCopy, LeavesTheMarkToTheFirst) {
-    EXPECT_EQ(Probe(1, STORAGE_LIBRARY, Copy()),
+TEST_F(SecondCopy, WorksAndLeavesTheMarkToTheFirst) {
+    Probe(Copy());
+    EXPECT_EQ(Steps(),
               "before: not marked\n"
               "first loaded: marked\n"
               "second loaded: marked\n"
+              "copies: two\n"
+              "first: works\n"
+              "second: works\n"
               "second unloaded: marked\n"
               "first unloaded: not marked\n");
 }
 
 TEST_F(SecondCopy, TheSameCopyTwiceGetsNoWarning) {
-    EXPECT_EQ(Probe(2, STORAGE_LIBRARY, STORAGE_LIBRARY), "");
+    Probe(STORAGE_LIBRARY);
+    EXPECT_EQ(Warnings(), "");
+    EXPECT_NE(Steps().find("copies: one\n"), std::string::npos);
 }
 
 }  // namespace k9erepl::test

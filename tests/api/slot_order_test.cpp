@@ -1,51 +1,51 @@
 // The order of the virtual operations, which hosts compiled elsewhere rely on: each is called by
-// its number through the tables of the object, as the Itanium C++ ABI lays them out.
+// its number through the tables of the object, as the compiler's C++ ABI lays them out.
 #include <gtest/gtest.h>
 
 #include <cstdint>
 
 #include "engine/flush_fixture.h"
+#include "member_calls.h"  // in posix/ and in windows/
 
 namespace k9erepl::test {
 namespace {
 
-// The destructor has two entries in a table: without and with deallocation.
 struct StorageSlots {
-    void* destructor[2];
-    u32 (*setLifenum)(void*, u32);
-    u32 (*getLifenum)(void*, u32*);
-    u32 (*load)(void*);
-    u32 (*truncate)(void*);
-    u32 (*beginTransaction)(void*);
-    u32 (*commit)(void*);
-    u32 (*rollback)(void*);
-    u32 (*insert)(void*, K9eReplRec*);
-    u32 (*insertP)(void*, K9eReplRec*);
-    u32 (*enumRecords)(void*, i64, i64, K9eReplEnumCb, void*);
-    u32 (*clearOldRev)(void*, i64, u32);
-    u32 (*getClearOldRev)(void*, i64*);
-    u32 (*getNextRev)(void*, i64*);
-    u32 (*getDS)(void*, void**);
-    u32 (*setOnFlushCallback)(void*, K9eReplFlushCb, void*);
-    u32 (*setOnWriteToFileCallback)(void*, K9eReplFlushCb, void*);
+    void* destructor[kDestructorSlots];
+    u32(K9EREPL_MEMBER* setLifenum)(void*, u32);
+    u32(K9EREPL_MEMBER* getLifenum)(void*, u32*);
+    u32(K9EREPL_MEMBER* load)(void*);
+    u32(K9EREPL_MEMBER* truncate)(void*);
+    u32(K9EREPL_MEMBER* beginTransaction)(void*);
+    u32(K9EREPL_MEMBER* commit)(void*);
+    u32(K9EREPL_MEMBER* rollback)(void*);
+    u32(K9EREPL_MEMBER* insert)(void*, K9eReplRec*);
+    u32(K9EREPL_MEMBER* insertP)(void*, K9eReplRec*);
+    u32(K9EREPL_MEMBER* enumRecords)(void*, i64, i64, K9eReplEnumCb, void*);
+    u32(K9EREPL_MEMBER* clearOldRev)(void*, i64, u32);
+    u32(K9EREPL_MEMBER* getClearOldRev)(void*, i64*);
+    u32(K9EREPL_MEMBER* getNextRev)(void*, i64*);
+    u32(K9EREPL_MEMBER* getDS)(void*, void**);
+    u32(K9EREPL_MEMBER* setOnFlushCallback)(void*, K9eReplFlushCb, void*);
+    u32(K9EREPL_MEMBER* setOnWriteToFileCallback)(void*, K9eReplFlushCb, void*);
 };
 
 struct DataSourceSlots {
-    void* destructor[2];
-    u32 (*addRef)(void*);
-    u32 (*release)(void*);
-    u32 (*reserved3)(void*, std::uintptr_t);
-    u32 (*reserved4)(void*, std::uintptr_t);
-    u32 (*reserved5)(void*, std::uintptr_t);
-    bool (*isSame)(void*, const void*);
-    u32 (*enumFrom)(void*, u32, u32, u32, i64, u32, K9eReplEnumCb, void*);
-    u32 (*getFirstRev)(void*, u32, i64*);
-    u32 (*getLastRev)(void*, u32, i64*);
-    u32 (*getClearRev)(void*, i64*);
-    u32 (*getFlag)(void*, u32, u8*);
-    u32 (*reserved12)(void*, std::uintptr_t, std::uintptr_t);
-    u32 (*reserved13)(void*, std::uintptr_t, std::uintptr_t, std::uintptr_t);
-    u32 (*flushOnIdle)(void*);
+    void* destructor[kDestructorSlots];
+    u32(K9EREPL_MEMBER* addRef)(void*);
+    u32(K9EREPL_MEMBER* release)(void*);
+    u32(K9EREPL_MEMBER* reserved3)(void*, std::uintptr_t);
+    u32(K9EREPL_MEMBER* reserved4)(void*, std::uintptr_t);
+    u32(K9EREPL_MEMBER* reserved5)(void*, std::uintptr_t);
+    bool(K9EREPL_MEMBER* isSame)(void*, const void*);
+    u32(K9EREPL_MEMBER* enumFrom)(void*, u32, u32, u32, i64, u32, K9eReplEnumCb, void*);
+    u32(K9EREPL_MEMBER* getFirstRev)(void*, u32, i64*);
+    u32(K9EREPL_MEMBER* getLastRev)(void*, u32, i64*);
+    u32(K9EREPL_MEMBER* getClearRev)(void*, i64*);
+    u32(K9EREPL_MEMBER* getFlag)(void*, u32, u8*);
+    u32(K9EREPL_MEMBER* reserved12)(void*, std::uintptr_t, std::uintptr_t);
+    u32(K9EREPL_MEMBER* reserved13)(void*, std::uintptr_t, std::uintptr_t, std::uintptr_t);
+    u32(K9EREPL_MEMBER* flushOnIdle)(void*);
 };
 
 // The table of the interface at `object`.
