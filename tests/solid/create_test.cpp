@@ -147,26 +147,6 @@ TEST_F(CreateStorageFileTest, Flag2NeverEmptiesAFileThatAppearsMeanwhile) {
     EXPECT_EQ(ReadText(Path()), "precious");
 }
 
-TEST_F(CreateStorageFileTest, Flag2CreatesTheTargetOfALink) {
-    std::filesystem::create_symlink("target.edb", Path());
-    EXPECT_EQ(Create(2), RC_OK);
-    EXPECT_EQ(ReadBytes(m_folder.File("target.edb")), NewFile());
-}
-
-std::vector<std::string> g_flushedDirectories;
-
-TEST_F(CreateStorageFileTest, FlushesTheDirectoryThatALinkLeadsTo) {
-    std::filesystem::create_directory(m_folder.File("other"));
-    std::filesystem::create_symlink("other/target.edb", Path());
-    g_flushedDirectories.clear();
-    platform::TheSystemCalls().flushDirectory = [](const char* path) {
-        g_flushedDirectories.emplace_back(path);
-        return true;
-    };
-    EXPECT_EQ(Create(1), RC_OK);
-    EXPECT_EQ(g_flushedDirectories, Texts{m_folder.File("other/")});
-}
-
 TEST_F(CreateStorageFileTest, MakesTheMissingDirectories) {
     const std::string path = m_folder.File("a/b/c/data.edb");
     EXPECT_EQ(CreateStorageFile(("file=" + path).c_str(), 0), RC_OK);

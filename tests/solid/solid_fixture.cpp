@@ -4,8 +4,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
-#include <filesystem>
-#include <iterator>
 #include <utility>
 
 #include "platform/clock.h"
@@ -43,11 +41,6 @@ std::string CommitText(i64 clearRev, i64 commitRev) {
 
 std::string SysErr(SystemErrorKind kind) {
     return "sys-err " + std::to_string(platform::SystemErrorOf(kind));
-}
-
-std::size_t OpenDescriptors() {
-    const std::filesystem::directory_iterator all("/proc/self/fd");
-    return static_cast<std::size_t>(std::distance(begin(all), end(all)));
 }
 
 FileBuilder TwoTransactions() {

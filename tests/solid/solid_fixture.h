@@ -33,7 +33,7 @@ std::string CommitText(i64 clearRev, i64 commitRev);
 // "sys-err <n>" as messages name the error that the fault injection gave; of no error "sys-err 0".
 std::string SysErr(SystemErrorKind kind);
 
-// How many file descriptors this process has.
+// How many file descriptors, on Windows handles of files, this process has; in posix/ and windows/.
 std::size_t OpenDescriptors();
 
 // A new file with two transactions: records 1 and 2, record 3. Its items begin at 1056, 1083,

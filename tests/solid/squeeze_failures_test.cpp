@@ -1,125 +1,12 @@
 // The squeeze when the system fails one of its calls, each in turn: the file at the path is whole,
 // the temporary file is gone, and it is known whether the storage is still open.
-#include <algorithm>
-#include <ostream>
-
-#include "solid/squeeze_fixture.h"
+#include "solid/squeeze_steps.h"
 #include "support/new_fault.h"
 
 namespace k9erepl::test {
 namespace {
 
-// What the storage's name leads to after a failure.
-enum class Left {
-    kOld,     // the file as it was
-    kRaised,  // with the clear revision's commit block
-    kNew,
-};
-
-// The `nth` call of its kind in a squeeze with a backup. In `message`, {P} stands for the path, and
-// {E} for the number of the system's error.
-struct Step {
-    const char* name;
-    SystemCall call;
-    u32 nth;
-    const char* message;
-    Left left;
-    bool open;  // whether the storage is, afterwards
-};
-
-std::ostream& operator<<(std::ostream& out, const Step& step) {
-    return out << step.name;
-}
-
 using enum SystemCall;
-
-// In the order in which they happen.
-constexpr Step kSteps[] = {
-    {"FlushOfTheOldFile", kFlush, 1, "Cannot flush file;sys-err {E}", Left::kRaised, true},
-    {"Offset", kTell, 1, "Cannot get file offset;sys-err {E}", Left::kRaised, true},
-    {"SeekToTheHeader", kSeek, 1, "Cannot seek to offset 0;sys-err {E}", Left::kRaised, true},
-    {"ReadOfTheHeader", kRead, 1, "Failed to read file header; sys-err {E}", Left::kRaised, true},
-    {"SeekBack", kSeek, 2, "Cannot seek to offset 1291;sys-err {E}", Left::kRaised, true},
-    {"SeekToTheCommitBlock", kSeek, 3, "Cannot seek to read commit block;offset 1199, sys-err {E}",
-     Left::kRaised, true},
-    {"ReadOfTheCommitBlock", kRead, 2, "Failed to read block;sys-err {E},offset 1199",
-     Left::kRaised, true},
-    {"Creation", kOpen, 1, "Cannot create temporary file '{P}.temporary';sys-err {E}",
-     Left::kRaised, true},
-    {"Owner", kTakeOwnerAndMode, 1, "Cannot create temporary file '{P}.temporary';sys-err {E}",
-     Left::kRaised, true},
-    {"SeekToTheNewStart", kSeek, 4, "Cannot seek to offset 0;sys-err {E}", Left::kRaised, true},
-    {"WriteOfTheNewStart", kWrite, 2, "Cannot write file header to file;sys-err {E}", Left::kRaised,
-     true},
-    {"SeekToTheNewItems", kSeek, 5, "Cannot seek to offset 1056;sys-err {E}", Left::kRaised, true},
-    {"FlushOfTheNewStart", kFlush, 2, "Cannot flush file;sys-err {E}", Left::kRaised, true},
-    {"SeekToTheItems", kSeek, 6, "Cannot seek to read file;offset 1171, sys-err {E}", Left::kRaised,
-     true},
-    {"ReadOfTheItems", kRead, 3, "Failed to read block;sys-err {E},offset 1171", Left::kRaised,
-     true},
-    {"WriteOfTheItems", kWrite, 3, "Failed to write block;sys-err {E},offset 1171", Left::kRaised,
-     true},
-    {"FlushOfTheItems", kFlush, 3, "Cannot flush file;sys-err {E}", Left::kRaised, true},
-    {"Cut", kSetEnd, 1, "Cannot truncate file: '{P}'; sys-err: {E}", Left::kRaised, false},
-    {"FlushOfTheCut", kFlush, 4, "Cannot flush file;sys-err {E}", Left::kOld, false},
-    {"Link", kLink, 1, "Cannot create backup file; sys-err: {E}; of file: '{P}'", Left::kOld,
-     false},
-    {"FlushOfTheBackupsName", kFlushDirectory, 1,
-     "Cannot flush directory of file '{P}.backup';sys-err {E}", Left::kOld, false},
-    {"Rename", kRename, 1, "Cannot rename file; sys-err: {E}; tempfile: '{P}.temporary'",
-     Left::kOld, false},
-    {"FlushOfTheNewName", kFlushDirectory, 2, "Cannot flush directory of file '{P}';sys-err {E}",
-     Left::kNew, false},
-    {"Opening", kOpen, 2, "Failed to create file '{P}';sys-err {E}", Left::kNew, false},
-    {"ReadOfTheNewHeader", kRead, 4, "Failed to read file header;file path {P},sys-err {E}",
-     Left::kNew, false},
-    {"Size", kFileSize, 1, "Cannot get file size;sys-err {E},file path '{P}'", Left::kNew, false},
-    {"OpeningOfTheWriter", kOpen, 3, "Failed to create file '{P}';sys-err {E}", Left::kNew, false},
-    {"SeekOfTheWriter", kSeek, 7, "Cannot seek to write pos;offset 1208, sys-err {E}", Left::kNew,
-     false},
-};
-
-class SqueezeFailure : public SqueezeTest {
-  protected:
-    std::string Filled(std::string text) const {
-        const auto fill = [&](const std::string& mark, const std::string& value) {
-            if (const std::size_t at = text.find(mark); at != std::string::npos) {
-                text.replace(at, mark.size(), value);
-            }
-        };
-        fill("{P}", Path());
-        fill("{E}", std::to_string(SystemErrorOf(SystemErrorKind::kInputOutput)));
-        return text;
-    }
-    static FileBytes BytesLeft(Left left) {
-        switch (left) {
-            case Left::kOld:
-                return OldBytes();
-            case Left::kRaised:
-                return RaisedBytes();
-            case Left::kNew:
-                break;
-        }
-        return NewBytes();
-    }
-    Texts Errors() const { return m_log.Texts(K9SYS_LOG_ERROR); }
-    // Nothing but the storage file lies in the folder, and that is the old one.
-    void ExpectOnlyTheOldFile(Left left) {
-        EXPECT_EQ(WrittenBytes(), BytesLeft(left));
-        EXPECT_FALSE(Exists(Temporary()));
-        EXPECT_FALSE(Exists(Backup()));
-    }
-
-    const std::string m_ioError = SysErr(SystemErrorKind::kInputOutput);
-};
-
-class SqueezeStep : public SqueezeFailure, public ::testing::WithParamInterface<Step> {
-  protected:
-    u32 FailedSqueeze() {
-        Fail(GetParam().call, GetParam().nth);
-        return Squeeze();
-    }
-};
 
 TEST_P(SqueezeStep, IsReported) {
     EXPECT_EQ(FailedSqueeze(), RC_SYSTEM_ERROR);
@@ -165,42 +52,28 @@ TEST_P(SqueezeStep, AfterAReopeningTheSqueezeMayBeTriedAgain) {
     ExpectNothingLost();
 }
 
-INSTANTIATE_TEST_SUITE_P(Steps, SqueezeStep, ::testing::ValuesIn(kSteps),
-                         [](const auto& step) { return std::string(step.param.name); });
+std::string NameOf(const ::testing::TestParamInfo<Step>& step) {
+    return step.param.name;
+}
+
+INSTANTIATE_TEST_SUITE_P(Steps, SqueezeStep, ::testing::ValuesIn(StepsOfEverySqueeze()), NameOf);
+
+// The changes of names where files have no second names.
+constexpr Step kMoves[] = {
+    {"MoveToTheBackup", kRename, 1, "Cannot create backup file; sys-err: {E}; of file: '{P}'",
+     Left::kOld, false, false},
+    {"MoveOfTheNewFile", kRename, 2, "Cannot rename file; sys-err: {E}; tempfile: '{P}.temporary'",
+     Left::kOld, false, false},
+    {"FlushOfTheNames", kFlushDirectory, 1, "Cannot flush directory of file '{P}';sys-err {E}",
+     Left::kNew, false, false},
+};
+
+INSTANTIATE_TEST_SUITE_P(Moves, SqueezeStep, ::testing::ValuesIn(kMoves), NameOf);
 
 TEST_F(SqueezeFailure, IsTriedForEveryCallThatItMakes) {
     SKIP_WHEN_ASYNC("the number of calls");
-    struct Kind {
-        SystemCall call;
-        u32 others;  // tried by a test of its own, or without effect
-        u32 before;
-    };
-    Kind kinds[] = {{kWrite, 1, 0},
-                    {kFlush, 0, 0},
-                    {kTell, 0, 0},
-                    {kSeek, 0, 0},
-                    {kRead, 0, 0},
-                    {kOpen, 0, 0},
-                    {kTakeOwnerAndMode, 0, 0},
-                    {kAlloc, 2, 0},
-                    {kSetEnd, 0, 0},
-                    {kLink, 0, 0},
-                    {kRename, 0, 0},
-                    {kFlushDirectory, 0, 0},
-                    {kFileSize, 0, 0},
-                    {kRemove, 1, 0},
-                    {kClose, 3, 0},
-                    {kMakeDirectory, 0, 0}};
-    for (Kind& kind : kinds) {
-        kind.before = CallCount(kind.call);
-    }
-    EXPECT_EQ(Squeeze(), RC_OK);
-    for (const Kind& kind : kinds) {
-        const auto steps = std::count_if(std::begin(kSteps), std::end(kSteps),
-                                         [&](const Step& step) { return step.call == kind.call; });
-        EXPECT_EQ(CallCount(kind.call) - kind.before, static_cast<u32>(steps) + kind.others)
-            << static_cast<int>(kind.call);
-    }
+    LinkNothing();
+    ExpectTried(kMoves);
 }
 
 // --- The rest ----------------------------------------------------------------------------------

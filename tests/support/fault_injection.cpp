@@ -172,6 +172,13 @@ i64 WriteHook(platform::NativeFile file, const void* data, u32 size) {
     return platform::NativeSystemCalls().writeFile(file, data, taken);
 }
 
+// The handle is gone all the same. One that stayed open would keep the file in its place on Windows.
+bool CloseHook(platform::NativeFile file) {
+    ++PlanOf(SystemCall::kClose).calls;
+    const bool closed = platform::NativeSystemCalls().closeFile(file);
+    return !StrikesNow(SystemCall::kClose) && closed;
+}
+
 void* AllocHook(std::size_t size) {
     Plan& plan = PlanOf(SystemCall::kAlloc);
     ++plan.calls;
@@ -210,6 +217,7 @@ u64 TimeStampHook() {
 void InstallSpecialHooks(SystemCalls& table) {
     table.readFile = ReadHook;
     table.writeFile = WriteHook;
+    table.closeFile = CloseHook;
     table.allocMemory = AllocHook;
     table.tickCount = TickCountHook;
     table.performanceCounter = PerformanceCounterHook;
@@ -219,7 +227,6 @@ void InstallSpecialHooks(SystemCalls& table) {
 
 void InstallFileHooks(SystemCalls& table) {
     Install<SystemCall::kOpen, &SystemCalls::openFile>(table);
-    Install<SystemCall::kClose, &SystemCalls::closeFile>(table);
     Install<SystemCall::kSeek, &SystemCalls::seekFile>(table);
     Install<SystemCall::kTell, &SystemCalls::tellFile>(table);
     Install<SystemCall::kSetEnd, &SystemCalls::setFileEnd>(table);

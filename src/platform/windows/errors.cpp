@@ -8,8 +8,8 @@ namespace {
 // The code that stands for the same cause as `error` in SystemErrorOf.
 SystemError CommonCode(SystemError error) {
     switch (error) {
-        case ERROR_FILE_EXISTS:
-            return ERROR_ALREADY_EXISTS;
+        case ERROR_ALREADY_EXISTS:
+            return ERROR_FILE_EXISTS;
         case ERROR_PATH_NOT_FOUND:
             return ERROR_FILE_NOT_FOUND;
         case ERROR_HANDLE_DISK_FULL:
@@ -54,7 +54,7 @@ SystemError SystemErrorOf(SystemErrorKind kind) {
         case SystemErrorKind::kNotFound:
             return ERROR_FILE_NOT_FOUND;
         case SystemErrorKind::kAlreadyExists:
-            return ERROR_ALREADY_EXISTS;
+            return ERROR_FILE_EXISTS;  // as for a file that is to be new
         case SystemErrorKind::kNotARegularFile:
             return ERROR_BAD_FILE_TYPE;
         case SystemErrorKind::kNotSupported:
