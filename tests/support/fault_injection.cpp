@@ -172,7 +172,8 @@ i64 WriteHook(platform::NativeFile file, const void* data, u32 size) {
     return platform::NativeSystemCalls().writeFile(file, data, taken);
 }
 
-// The handle is gone all the same. One that stayed open would keep the file in its place on Windows.
+// The handle is gone all the same. One that stayed open would keep the file in its place on
+// Windows.
 bool CloseHook(platform::NativeFile file) {
     ++PlanOf(SystemCall::kClose).calls;
     const bool closed = platform::NativeSystemCalls().closeFile(file);
