@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs what a Debian 12 machine lacks for one task, and nothing when nothing is missing.
 #
-#   scripts/setup.sh demo|test|test32|windows|coverage|check|all     (default: test)
+#   scripts/setup.sh demo|test|test32|windows|coverage|fuzz|check|all     (default: test)
 #
 # Runs as root or through sudo. The other scripts call it first; a developer may call it by hand.
 set -euo pipefail
@@ -20,6 +20,7 @@ packages_for() {
         windows) echo "${tool_packages[@]}" g++-mingw-w64-i686-posix g++-mingw-w64-x86-64-posix \
             googletest ;;
         coverage) echo "${test_packages[@]}" gcovr ;;
+        fuzz) echo "${test_packages[@]}" clang libclang-rt-14-dev ;;
         check) echo "${test_packages[@]}" clang-format clang-tidy ;;
         all) echo "${test_packages[@]}" gcovr clang-format clang-tidy ;;
         *) return 1 ;;
@@ -30,7 +31,7 @@ main() {
     local task="${1:-test}" wanted
     if ! wanted="$(packages_for "$task")"; then
         echo "setup.sh: unknown task '$task':" \
-            "use demo, test, test32, windows, coverage, check or all" >&2
+            "use demo, test, test32, windows, coverage, fuzz, check or all" >&2
         return 2
     fi
     if ! command -v dpkg >/dev/null; then
