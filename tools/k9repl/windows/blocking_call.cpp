@@ -81,8 +81,10 @@ bool RunUnlessInterrupted(void (*call)(Transfer&), const std::shared_ptr<Transfe
     return WaitForMultipleObjects(2, waits, FALSE, INFINITE) != WAIT_OBJECT_0;
 }
 
-bool NeverBlocks(HANDLE stream) {
-    return GetFileType(stream) == FILE_TYPE_DISK;
+bool ReadsAtOnce(HANDLE stream) {
+    DWORD waiting = 0;
+    return GetFileType(stream) == FILE_TYPE_DISK ||
+           (PeekNamedPipe(stream, nullptr, 0, nullptr, &waiting, nullptr) != FALSE && waiting > 0);
 }
 
 }  // namespace k9repl

@@ -28,8 +28,8 @@ void WriteAll(Transfer& transfer);
 // Then `call` may still run, and `transfer` belongs to it until the process ends. For one thread.
 bool RunUnlessInterrupted(void (*call)(Transfer&), const std::shared_ptr<Transfer>& transfer);
 
-// Whether transfers from or to `stream` end by themselves, as those of files on a disk do.
-bool NeverBlocks(HANDLE stream);
+// Whether a read from `stream` does not wait: it is a file on a disk, or a pipe that holds bytes.
+bool ReadsAtOnce(HANDLE stream);
 
 }  // namespace k9repl
 

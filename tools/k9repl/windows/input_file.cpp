@@ -67,7 +67,7 @@ InputState InputFile::Read(char* buffer, std::size_t size, std::size_t* got) {
     const auto transfer = std::make_shared<Transfer>();
     transfer->stream = HandleOf(m_stream);
     transfer->bytes.resize(std::min(size, kReadMax));
-    if (NeverBlocks(transfer->stream) && InterruptSignal() == 0) {
+    if (InterruptSignal() == 0 && ReadsAtOnce(transfer->stream)) {
         ReadOnce(*transfer);
     } else if (!RunUnlessInterrupted(IsConsole(transfer->stream) ? &ReadTyped : &ReadOnce,
                                      transfer)) {
