@@ -3,8 +3,8 @@
 #
 #   scripts/test-windows.sh [windows-x86|windows-x64]...     (default: both)
 #
-# Closes with one line for each preset: how many tests passed, and that together with those named
-# in tests/posix_only_tests.txt they are the tests of the native run (when build/release is there).
+# Says for each preset how its tests compare with the native ones (when build/release is there): they
+# are the same but for those that tests/posix_only_tests.txt names. Closes with how many passed.
 # Exit status: 0 when every test passed, 3 with one line that says why when this machine cannot run
 # Windows programs, anything else when a build or a test failed.
 set -euo pipefail
@@ -51,13 +51,18 @@ names_of() {
     done | sort
 }
 
-# without_posix_only: leaves out of a list of names those that a line of the file names.
-without_posix_only() {
-    grep -vxf <(sed -e 's/#.*//' -e 's/[[:space:]].*//' -e '/^$/d' \
-        -e 's/[.]/[.]/g' -e 's/[*]/.*/g' "$posix_only")
+# named <+ or nothing>: the names of the list of that kind, as patterns of whole lines.
+named() {
+    sed -n -e '/^#/d' -e "s/^${1:+[+] }\([^+ ][^ ]*\).*/\1/p" "$posix_only" |
+        sed -e 's/[.]/[.]/g' -e 's/[*]/.*/g'
 }
 
-# compare <preset>: the native tests, less those of POSIX only, are the tests of the preset.
+# without <+ or nothing>: leaves out of a list of tests those of one kind of system only.
+without() {
+    grep -vxf <(named "$1")
+}
+
+# compare <preset>: the tests of both sides are the same but for those that the list names.
 compare() {
     if [ ! -x "$root/build/release/bin/engine_tests" ]; then
         echo "not compared with the native tests: there is no build/release"
@@ -65,16 +70,17 @@ compare() {
     fi
     names_of release >"$folder/native"
     names_of "$1" "$root/scripts/wine.sh" >"$folder/windows"
-    if ! without_posix_only <"$folder/native" | diff - "$folder/windows" >"$folder/diff"; then
+    if ! diff <(without "" <"$folder/native") <(without + <"$folder/windows") >"$folder/diff"; then
         echo "test-windows.sh: of the tests that $1 lacks (<) or has alone (>)," \
             "tests/posix_only_tests.txt does not name:" >&2
         grep '^[<>]' "$folder/diff" | head -n 30 >&2
         return 1
     fi
-    local native windows
+    local native both
     native="$(wc -l <"$folder/native")"
-    windows="$(wc -l <"$folder/windows")"
-    echo "$native native tests: $windows on Windows, too, $((native - windows)) of POSIX only"
+    both="$(without "" <"$folder/native" | wc -l)"
+    echo "$native native tests: $both on Windows, too, $((native - both)) of POSIX only;" \
+        "$(($(wc -l <"$folder/windows") - both)) of Windows only"
 }
 
 # summary <preset>: the closing line, from the results that the test programs left.
