@@ -67,6 +67,15 @@ void ExpectWayOut(TestStorage& storage) {
     }
 }
 
+// Where the backup is made by a move, and nothing can be moved back, a message names the backup.
+void MoveBackupBackIfToldTo(const TestStorage& storage, const LogCapture& log) {
+    if (!Exists(storage.Path())) {
+        const std::string where = "; storage data is in file: '" + BackupPath(storage) + "'";
+        EXPECT_EQ(log.CountContaining(where), 1U) << log;
+        platform::MoveFileReplacing(BackupPath(storage), storage.Path());
+    }
+}
+
 // What reopening shows must be what was there before or what is there after, and must go on.
 void ExpectOldOrNew(TestStorage& storage, const Removal& removal, bool succeeded) {
     storage.Close();
@@ -164,6 +173,7 @@ class FailureOfARemoval : public ::testing::TestWithParam<Case> {
         } else {
             EXPECT_EQ(storage.State(), StorageState::kOpen);
         }
+        MoveBackupBackIfToldTo(storage, log);
         ExpectOldOrNew(storage, removal, rc == RC_OK);
         return struck;
     }

@@ -2,6 +2,7 @@
 // on the disk, whatever writes it, and the file is the same as without the setting.
 #include <gtest/gtest.h>
 
+#include <mutex>
 #include <set>
 
 #include "engine/flush_fixture.h"
@@ -25,6 +26,7 @@ struct Watch {
     u32 commitBlocks = 0;
     u32 unsafe = 0;
 } g_watch;
+std::mutex g_watchGuard;  // the index thread writes its own file meanwhile
 
 bool EndsWithCommitBlock(const void* data, u32 size) {
     return size >= kCommitBlockSize && LoadUnaligned<u32>(static_cast<const u8*>(data) + size -
@@ -33,6 +35,7 @@ bool EndsWithCommitBlock(const void* data, u32 size) {
 
 platform::NativeFile WatchOpen(const char* path, const platform::FileOpenRequest& request) {
     const platform::NativeFile file = g_watch.next.openFile(path, request);
+    const std::lock_guard guard(g_watchGuard);
     if (std::string_view(path).ends_with(".temporary")) {
         g_watch.copies.insert(file);
     } else {
@@ -42,16 +45,22 @@ platform::NativeFile WatchOpen(const char* path, const platform::FileOpenRequest
 }
 
 i64 WatchWrite(platform::NativeFile file, const void* data, u32 size) {
-    if (EndsWithCommitBlock(data, size) && !g_watch.copies.contains(file)) {
-        ++g_watch.commitBlocks;
-        g_watch.unsafe += size > kCommitBlockSize || g_watch.unforced.contains(file) ? 1 : 0;
+    {
+        const std::lock_guard guard(g_watchGuard);
+        if (EndsWithCommitBlock(data, size) && !g_watch.copies.contains(file)) {
+            ++g_watch.commitBlocks;
+            g_watch.unsafe += size > kCommitBlockSize || g_watch.unforced.contains(file) ? 1 : 0;
+        }
+        g_watch.unforced.insert(file);
     }
-    g_watch.unforced.insert(file);
     return g_watch.next.writeFile(file, data, size);
 }
 
 bool WatchFlush(platform::NativeFile file) {
-    g_watch.unforced.erase(file);
+    {
+        const std::lock_guard guard(g_watchGuard);
+        g_watch.unforced.erase(file);
+    }
     return g_watch.next.flushFile(file);
 }
 

@@ -131,7 +131,9 @@ TEST_F(LoadFailure, WhenTheWritePositionCannotBeSet) {
 TEST_F(LoadFailure, WhenTheIndexFileCannotBeMade) {
     Open();
     FailOpen(2);  // the reading of the index file comes first
-    ExpectFailure(RC_SYSTEM_ERROR, "Couldn't open file '" + IndexPath(m_storage) + "'; sysErr 13");
+    const auto denied = platform::SystemErrorOf(platform::SystemErrorKind::kAccessDenied);
+    ExpectFailure(RC_SYSTEM_ERROR, "Couldn't open file '" + IndexPath(m_storage) + "'; sysErr " +
+                                       std::to_string(denied));
     ExpectSecondAttemptSucceeds();
 }
 

@@ -11,6 +11,7 @@
 
 #include "index/index_file.h"
 #include "support/file_bytes.h"
+#include "support/temp_folder.h"
 
 namespace k9erepl::test {
 
@@ -126,8 +127,12 @@ std::string IndexPath(const TestStorage& storage) {
 }
 
 IndexEntries ReadIndexEntries(const TestStorage& storage) {
+    // The storage may have the file open, and then Windows opens it for no other reader of ours.
+    const TempFolder folder;
+    const std::string copy = folder.File("copy-idx");
+    WriteBytes(copy, ReadBytes(IndexPath(storage)));
     IndexFileContent content;
-    EXPECT_EQ(ReadIndexFile(IndexPath(storage), &content), RC_OK);
+    EXPECT_EQ(ReadIndexFile(copy, &content), RC_OK);
     IndexEntries entries;
     for (const TIndexEntry& entry : content.entries) {
         entries.emplace_back(entry.rev, entry.offset);
