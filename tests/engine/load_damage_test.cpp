@@ -15,7 +15,7 @@ namespace {
 
 // Loading writes nothing: the second run of these tests, with the asynchronous writer, passes most
 // places over.
-const u32 kStride = RunsAsynchronously() ? 23 : 1;
+const u32 kStride = RunsAsynchronously() ? 23 : K9EREPL_DAMAGE_STRIDE;
 
 // Three transactions of seven records; the first, the fourth and the last fill a block.
 class LoadOfDamage : public ::testing::TestWithParam<const char*> {
