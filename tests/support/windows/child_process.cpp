@@ -174,10 +174,18 @@ HANDLE Start(const ChildOptions& options, HANDLE input, HANDLE output, HANDLE er
     startup.hStdError = error;
     PROCESS_INFORMATION started = {};
     constexpr BOOL kInheritHandles = TRUE;
-    Check(CreateProcessA(nullptr, line.data(), nullptr, nullptr, kInheritHandles,
-                         options.interruptible ? CREATE_NEW_PROCESS_GROUP : 0, environment.data(),
-                         nullptr, &startup, &started),
-          "start " + line);
+    // On a busy machine Wine has failed, rarely, to set a process up, with this error; nothing of
+    // the child's program had run.
+    BOOL done = FALSE;
+    for (int attempt = 1; done == FALSE; ++attempt) {
+        constexpr int kAttemptsMax = 5;
+        done = CreateProcessA(nullptr, line.data(), nullptr, nullptr, kInheritHandles,
+                              options.interruptible ? CREATE_NEW_PROCESS_GROUP : 0,
+                              environment.data(), nullptr, &startup, &started);
+        if (done == FALSE && (GetLastError() != ERROR_INTERNAL_ERROR || attempt == kAttemptsMax)) {
+            Throw("start " + line);
+        }
+    }
     CloseHandle(started.hThread);
     return started.hProcess;
 }
