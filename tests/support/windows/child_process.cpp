@@ -174,8 +174,8 @@ HANDLE Start(const ChildOptions& options, HANDLE input, HANDLE output, HANDLE er
     startup.hStdError = error;
     PROCESS_INFORMATION started = {};
     constexpr BOOL kInheritHandles = TRUE;
-    // On a busy machine Wine has failed, rarely, to set a process up, with this error; nothing of
-    // the child's program had run.
+    // On a busy machine Wine has failed, rarely, to set a process up, with this error. Should a
+    // child have run all the same, its test sees what it did twice, and fails.
     BOOL done = FALSE;
     for (int attempt = 1; done == FALSE; ++attempt) {
         constexpr int kAttemptsMax = 5;
