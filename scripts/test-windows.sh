@@ -4,7 +4,7 @@
 #   scripts/test-windows.sh [windows-x86|windows-x64]...     (default: both)
 #
 # Says for each preset how its tests compare with the native ones (when build/release is there):
-# they are the same but for those that tests/posix_only_tests.txt names. Closes with how many passed.
+# the same but for those that tests/posix_only_tests.txt names. Closes with how many passed.
 # Exit status: 0 when every test passed, 3 with one line that says why when this machine cannot run
 # Windows programs, anything else when a build or a test failed.
 set -euo pipefail
