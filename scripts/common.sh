@@ -7,6 +7,10 @@ jobs="$(nproc 2>/dev/null || echo 2)"
 # Clones and work trees share what the compiler cache holds: paths count from the root.
 export CCACHE_BASEDIR="$root" CCACHE_NOHASHDIR=1
 
+# What configures a tree for its tests.
+# shellcheck disable=SC2034  # the scripts that run tests use it
+with_tests=(-DK9EREPL_BUILD_TESTS=ON -DK9EREPL_JOIN_TESTS=ON -DK9EREPL_BUILD_TOOL=ON)
+
 # configure <preset> [cmake option...]: the build tree build/<preset>, with ccache if it is there.
 configure() {
     local preset="$1"

@@ -10,7 +10,7 @@ source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 least="${1:-90}"
 "$root/scripts/setup.sh" coverage
-configure coverage -DK9EREPL_BUILD_TESTS=ON -DK9EREPL_BUILD_BENCH=OFF -DK9EREPL_BUILD_TOOL=ON
+configure coverage "${with_tests[@]}" -DK9EREPL_BUILD_BENCH=OFF
 build coverage
 
 cd "$root"

@@ -105,7 +105,7 @@ try() {
 }
 
 "$root/scripts/setup.sh" test
-configure "$preset" -DK9EREPL_BUILD_TESTS=ON -DK9EREPL_BUILD_TOOL=ON >/dev/null
+configure "$preset" "${with_tests[@]}" >/dev/null
 build "$preset" reliability_run >/dev/null
 
 folder="$(mktemp -d "$(memory_folder)/k9erepl-sabotage.XXXXXX")"

@@ -34,7 +34,7 @@ case "$minutes$seed" in
 esac
 
 "$root/scripts/setup.sh" test
-configure release -DK9EREPL_BUILD_TESTS=ON -DK9EREPL_BUILD_TOOL=ON >/dev/null
+configure release "${with_tests[@]}" >/dev/null
 build release reliability_run
 run="$root/build/release/bin/reliability_run"
 out="$root/build/soak"

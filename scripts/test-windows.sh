@@ -94,7 +94,7 @@ summary() {
 
 for preset in "${presets[@]}"; do
     started="$(date +%s%N)"
-    configure "$preset" -DK9EREPL_BUILD_TESTS=ON -DK9EREPL_BUILD_TOOL=ON
+    configure "$preset" "${with_tests[@]}"
     build "$preset"
     echo "test-windows.sh: built '$preset' in $(seconds_since "$started") s"
     rm -rf "$root/build/$preset/test-results"

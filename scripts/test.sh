@@ -27,7 +27,7 @@ started="$(date +%s%N)"
 # would need Google Benchmark for another target.
 bench=ON
 case "$preset" in asan | tsan | linux-x86) bench=OFF ;; esac
-configure "$preset" -DK9EREPL_BUILD_TESTS=ON "-DK9EREPL_BUILD_BENCH=$bench" -DK9EREPL_BUILD_TOOL=ON
+configure "$preset" "${with_tests[@]}" "-DK9EREPL_BUILD_BENCH=$bench"
 build "$preset"
 echo "test.sh: built '$preset' in $(seconds_since "$started") s"
 

@@ -339,12 +339,8 @@ class EnumerationThatRemoves : public ::testing::TestWithParam<Keeping> {
     }
 };
 
-std::string NameOf(const ::testing::TestParamInfo<Keeping>& info) {
-    return info.param.name;
-}
-
 INSTANTIATE_TEST_SUITE_P(Keeping, EnumerationThatRemoves, ::testing::ValuesIn(AllKeepings()),
-                         NameOf);
+                         NameOfKeeping);
 
 }  // namespace
 

@@ -12,6 +12,10 @@ std::ostream& operator<<(std::ostream& out, const Keeping& keeping) {
     return out << keeping.name;
 }
 
+std::string NameOfKeeping(const ::testing::TestParamInfo<Keeping>& info) {
+    return info.param.name;
+}
+
 const std::vector<Keeping>& AllKeepings() {
     static const std::vector<Keeping> keepings = {
         {"InMemoryAndFile", With(kFlushAlways, "block_size=138;cache_type=AllInMem;")},

@@ -3,6 +3,8 @@
 #ifndef K9EREPL_TESTS_ENGINE_CLEAR_FIXTURE_H
 #define K9EREPL_TESTS_ENGINE_CLEAR_FIXTURE_H
 
+#include <gtest/gtest.h>
+
 #include <ostream>
 #include <string>
 #include <vector>
@@ -25,6 +27,8 @@ struct Keeping {
     bool hasFile = true;
 };
 std::ostream& operator<<(std::ostream& out, const Keeping& keeping);
+// Its name as that of a test.
+std::string NameOfKeeping(const ::testing::TestParamInfo<Keeping>& info);
 // Everything in memory and in the file; nearly everything only in the file; much of it, or all of
 // it, only in memory; no file at all.
 const std::vector<Keeping>& AllKeepings();

@@ -41,11 +41,7 @@ class EveryKeeping : public ::testing::TestWithParam<Keeping> {
                                          20, 21, 22, 25, 30, 31, 32, 33, 34, 1000};
 };
 
-std::string NameOf(const ::testing::TestParamInfo<Keeping>& info) {
-    return info.param.name;
-}
-
-INSTANTIATE_TEST_SUITE_P(Keeping, EveryKeeping, ::testing::ValuesIn(AllKeepings()), NameOf);
+INSTANTIATE_TEST_SUITE_P(Keeping, EveryKeeping, ::testing::ValuesIn(AllKeepings()), NameOfKeeping);
 
 }  // namespace
 

@@ -13,7 +13,7 @@
 namespace k9erepl::test {
 namespace {
 
-constexpr std::string_view kForced =
+constexpr std::string_view kForcedEach =
     "flush_mode=PerTrans;flush_trans_num=1;flush_timeout=2147483647;read_buffers_count=1;"
     "block_size=138;cache_type=Last3;force_flush=yes;file_size_delta=1;";
 
@@ -70,7 +70,7 @@ class BarrierOfAStorage : public ::testing::Test {
     // a flush that failed; clears in every mode; a reopening.
     static std::vector<u8> Live(std::string_view more) {
         SetTimeStampCounter(1000, 1);
-        TestStorage storage(With(kForced, more));
+        TestStorage storage(With(kForcedEach, more));
         storage.InsertMany(5);
         EXPECT_EQ(storage.Begin(), RC_OK);
         for (const char* text : {"six", "seven", "eight"}) {
@@ -121,7 +121,7 @@ TEST_F(BarrierOfAStorage, CostsTheAsynchronousWriterNothing) {
     std::vector<u32> flushes;
     for (const char* setting : {"async_mode=yes;commit_barrier=yes;", "async_mode=yes;"}) {
         const u32 before = CallCount(SystemCall::kFlush);
-        TestStorage storage(With(kForced, setting));
+        TestStorage storage(With(kForcedEach, setting));
         storage.InsertMany(5);
         storage.Close();
         flushes.push_back(CallCount(SystemCall::kFlush) - before);
@@ -133,7 +133,7 @@ TEST_F(BarrierOfAStorage, NothingIsReportedWhenItsFlushFails) {
     SKIP_WHEN_ASYNC("the asynchronous writer forces only when it stops");
     Notified flushed;
     Notified written;
-    TestStorage storage(With(kForced, "commit_barrier=yes;"));
+    TestStorage storage(With(kForcedEach, "commit_barrier=yes;"));
     storage.InsertCommitted({"one"});
     flushed.SetAsOnFlush(storage);
     written.SetAsOnWriteToFile(storage);

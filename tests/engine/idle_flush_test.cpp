@@ -12,7 +12,7 @@
 namespace k9erepl::test {
 namespace {
 
-constexpr std::string_view kByTime =
+constexpr std::string_view kByIdleTime =
     "flush_mode=PerTrans;flush_trans_num=-1;flush_timeout=1000;read_buffers_count=1;";
 
 // A storage whose clock stands; nothing but the test's own idle calls flushes it, for the index
@@ -24,7 +24,7 @@ class IdleFlush : public ::testing::Test {
 
     const ScopedSystemCalls systemCalls;
     const bool clockStands = (SetTickCount(5000), true);
-    TestStorage storage{kByTime};
+    TestStorage storage{kByIdleTime};
 };
 
 // Holds the storage's lock on a thread of its own.

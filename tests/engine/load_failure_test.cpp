@@ -156,12 +156,12 @@ TEST_F(LoadFailure, WhenTheIndexCannotBeSaved) {
 }
 
 // The memory blocks that were allocated, so that a test can damage one in the middle of a load.
-std::vector<K9eReplBlock*> g_blocks;
+std::vector<K9eReplBlock*> g_remembered;
 
 void* RememberBlocks(std::size_t size) {
     void* const memory = platform::NativeSystemCalls().allocMemory(size);
     if (size == kMinBlockSize + kBlockOverhead) {
-        g_blocks.push_back(static_cast<K9eReplBlock*>(memory));
+        g_remembered.push_back(static_cast<K9eReplBlock*>(memory));
     }
     return memory;
 }
@@ -169,7 +169,7 @@ void* RememberBlocks(std::size_t size) {
 void K9SYS_CALL DamageBlocksBeforeTheCut(K9SysLogLevel /*level*/, const char* /*module*/,
                                          const char* text, std::uint32_t code, void* context) {
     if (std::strstr(text, "Trailing uncommitted data") != nullptr) {
-        for (K9eReplBlock* block : g_blocks) {
+        for (K9eReplBlock* block : g_remembered) {
             block->Data()[0] ^= 1U;
         }
     }
@@ -180,7 +180,7 @@ void K9SYS_CALL DamageBlocksBeforeTheCut(K9SysLogLevel /*level*/, const char* /*
 
 TEST_F(LoadFailure, WhenTheMemoryCannotBeCutBackToTheFlushedRevision) {
     m_storage.Use(std::string(kEachCommit) + "cache_type=AllInMem;memory_reserve=100");
-    g_blocks.clear();
+    g_remembered.clear();
     platform::TheSystemCalls().allocMemory = RememberBlocks;
     Open();
     std::pair<std::string, u32> seen;

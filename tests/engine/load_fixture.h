@@ -4,6 +4,7 @@
 #define K9EREPL_TESTS_ENGINE_LOAD_FIXTURE_H
 
 #include <functional>
+#include <limits>
 #include <map>
 #include <string>
 #include <utility>
@@ -14,6 +15,8 @@
 #include "support/storage_file_builder.h"
 
 namespace k9erepl::test {
+
+inline constexpr i64 kMaxI64 = std::numeric_limits<i64>::max();
 
 // Every commit is flushed; nothing happens by time alone. Blocks of 138 bytes take one record of
 // 46 to 114 bytes, or two of up to 45.

@@ -12,8 +12,6 @@
 namespace k9erepl::test {
 namespace {
 
-constexpr i64 kMaxI64 = std::numeric_limits<i64>::max();
-
 // A closed storage of 20 blocks of one record each, and its index.
 class LoadThroughIndex : public ::testing::Test {
   protected:

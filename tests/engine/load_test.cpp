@@ -11,8 +11,6 @@
 namespace k9erepl::test {
 namespace {
 
-constexpr i64 kMaxI64 = std::numeric_limits<i64>::max();
-
 // A storage whose file a test makes item by item.
 class Load : public ::testing::Test {
   protected:

@@ -44,11 +44,7 @@ class Truncation : public ::testing::TestWithParam<Keeping> {
     ClearableStorage m_storage{GetParam()};
 };
 
-std::string NameOf(const ::testing::TestParamInfo<Keeping>& info) {
-    return info.param.name;
-}
-
-INSTANTIATE_TEST_SUITE_P(Keeping, Truncation, ::testing::ValuesIn(AllKeepings()), NameOf);
+INSTANTIATE_TEST_SUITE_P(Keeping, Truncation, ::testing::ValuesIn(AllKeepings()), NameOfKeeping);
 
 }  // namespace
 

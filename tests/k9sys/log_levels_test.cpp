@@ -5,7 +5,7 @@ namespace k9erepl::test {
 
 namespace {
 
-constexpr std::uint32_t kInvalidArg = 2;
+constexpr std::uint32_t kBadLevels = 2;
 
 class LogLevels : public SinkFixture {
   protected:
@@ -113,9 +113,9 @@ TEST_F(LogLevels, AModuleNameMayHoldAnEqualsSign) {
 TEST_F(LogLevels, AListThatIsNotUnderstoodChangesNothing) {
     K9SysSetLogLevel("a", K9SYS_LOG_WARNING);
     for (const char* list : {"loud", "INFO", "a=loud", "a=", "=info", "b=info,a=x"}) {
-        EXPECT_EQ(K9SysSetLogLevels(list), kInvalidArg) << list;
+        EXPECT_EQ(K9SysSetLogLevels(list), kBadLevels) << list;
     }
-    EXPECT_EQ(K9SysSetLogLevels(nullptr), kInvalidArg);
+    EXPECT_EQ(K9SysSetLogLevels(nullptr), kBadLevels);
     EXPECT_EQ(Printing("a"), "ew");
     EXPECT_EQ(Printing("b"), "");
 }

@@ -15,7 +15,7 @@ bool Has(const Script& script, std::size_t number) {
                        [&](const Operation& operation) { return operation.number == number; });
 }
 
-std::vector<std::size_t> Numbers(const Script& script) {
+std::vector<std::size_t> NumbersOf(const Script& script) {
     std::vector<std::size_t> numbers;
     for (const Operation& operation : script) {
         numbers.push_back(operation.number);
@@ -36,7 +36,7 @@ std::optional<Failure> NeedsTwoBefore(const Script& script) {
 TEST(Shrink, KeepsTheFirstStepAndWhatTheFailureNeeds) {
     const Script script = MakeScript(1, 500);
     const Shrunk shrunk = Shrink(script, *NeedsTwoBefore(script), &NeedsTwoBefore, 10000);
-    EXPECT_EQ(Numbers(shrunk.script), (std::vector<std::size_t>{0, 17, 250, 300}));
+    EXPECT_EQ(NumbersOf(shrunk.script), (std::vector<std::size_t>{0, 17, 250, 300}));
     EXPECT_EQ(shrunk.failure.position, 3U);
 }
 

@@ -93,17 +93,17 @@ TEST_F(FileNames, TheParentDirectoryIsFlushed) {
 }
 
 // One operation on names, by the system call that it makes.
-struct Operation {
+struct NameOperation {
     const char* name;
     SystemCall call;
     std::function<bool(const std::string& folder)> run;
 };
 
-void PrintTo(const Operation& operation, std::ostream* out) {
+void PrintTo(const NameOperation& operation, std::ostream* out) {
     *out << operation.name;
 }
 
-class EveryNameOperation : public FileNames, public ::testing::WithParamInterface<Operation> {
+class EveryNameOperation : public FileNames, public ::testing::WithParamInterface<NameOperation> {
   protected:
     EveryNameOperation() { WriteText(PathOf("a"), "x"); }
 
@@ -123,8 +123,8 @@ TEST_P(EveryNameOperation, FailsOnceWithTheSystemsError) {
     EXPECT_EQ(CallCount(GetParam().call), 1U);
 }
 
-std::vector<Operation> Operations() {
-    std::vector<Operation> all = {
+std::vector<NameOperation> Operations() {
+    std::vector<NameOperation> all = {
         {"Remove", SystemCall::kRemove,
          [](const std::string& folder) { return RemoveFile(folder + "/a"); }},
         {"Rename", SystemCall::kRename,

@@ -20,6 +20,8 @@
 
 namespace k9erepl::test {
 
+inline constexpr i64 kMebibyte = 1024 * 1024;
+
 // What a scan or an enumeration handed out, one text for each item: "record 1 at 1056: one" and
 // "commit 0 2" (clearRev, commitRev), in enumerations "commit at 1088".
 using Items = std::vector<std::string>;

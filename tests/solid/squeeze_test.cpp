@@ -4,8 +4,6 @@
 namespace k9erepl::test {
 namespace {
 
-constexpr i64 kMebibyte = 1024 * 1024;
-
 using Squeezed = SqueezeTest;
 
 TEST_F(Squeezed, KeepsTheItemsFromTheFirstKeptRecordOn) {

@@ -7,8 +7,6 @@
 namespace k9erepl::test {
 namespace {
 
-constexpr i64 kMebibyte = 1024 * 1024;
-
 class TruncateFile : public SolidTest {
   protected:
     TruncateFile() { OpenScanned(""); }
@@ -220,18 +218,18 @@ TEST_F(TruncateFile, NotifiesNobody) {
 }
 
 // The `nth` call of its kind in a truncation with file_initial_size=1.
-struct Step {
+struct TruncateStep {
     const char* name;
     SystemCall call;
     u32 nth;
     const char* message;  // "sys-err" and the number follow
 };
 
-std::ostream& operator<<(std::ostream& out, const Step& step) {
+std::ostream& operator<<(std::ostream& out, const TruncateStep& step) {
     return out << step.name;
 }
 
-class TruncateFailure : public TruncateFile, public ::testing::WithParamInterface<Step> {
+class TruncateFailure : public TruncateFile, public ::testing::WithParamInterface<TruncateStep> {
   protected:
     TruncateFailure() { OpenScanned("file_initial_size=1"); }
 };
@@ -253,7 +251,7 @@ TEST_P(TruncateFailure, MayBeTriedAgain) {
     EXPECT_EQ(ItemsOfFile(), (Items{"commit 3 3", "record 4 at 1056: four", "commit 3 4"}));
 }
 
-constexpr Step kSteps[] = {
+constexpr TruncateStep kTruncateSteps[] = {
     {"SeekToTheStart", SystemCall::kSeek, 1, "Cannot seek to offset 0"},
     {"Write", SystemCall::kWrite, 1, "Cannot write file header to file"},
     {"Size", SystemCall::kSetEnd, 1, "Cannot set initial file size (1048576)"},
@@ -261,7 +259,7 @@ constexpr Step kSteps[] = {
     {"Flush", SystemCall::kFlush, 1, "Cannot flush file"},
 };
 
-INSTANTIATE_TEST_SUITE_P(Steps, TruncateFailure, ::testing::ValuesIn(kSteps),
+INSTANTIATE_TEST_SUITE_P(Steps, TruncateFailure, ::testing::ValuesIn(kTruncateSteps),
                          [](const auto& step) { return std::string(step.param.name); });
 
 TEST_F(TruncateFile, MakesNoOtherCallsThanTheStepsTried) {
@@ -271,8 +269,9 @@ TEST_F(TruncateFile, MakesNoOtherCallsThanTheStepsTried) {
         OpenScanned("file_initial_size=1");
         const u32 before = CallCount(call);
         EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
-        const auto steps = std::count_if(std::begin(kSteps), std::end(kSteps),
-                                         [&](const Step& step) { return step.call == call; });
+        const auto steps =
+            std::count_if(std::begin(kTruncateSteps), std::end(kTruncateSteps),
+                          [&](const TruncateStep& step) { return step.call == call; });
         EXPECT_EQ(CallCount(call) - before, static_cast<u32>(steps));
     }
 }

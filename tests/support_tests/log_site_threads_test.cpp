@@ -13,7 +13,7 @@ namespace k9erepl::test {
 
 namespace {
 
-constexpr const char* kModule = "log site threads test";
+constexpr const char* kSharedModule = "log site threads test";
 constexpr int kThreads = 8;
 constexpr int kRounds = 200;
 
@@ -32,7 +32,7 @@ void RunThreads(Body body) {
 }  // namespace
 
 TEST(LogSiteThreads, AFreshSiteLogsEveryMessageOnce) {
-    const LogCapture log({kModule});
+    const LogCapture log({kSharedModule});
     std::atomic<int> waiting{kThreads};
     RunThreads([&](int) {
         --waiting;
@@ -40,7 +40,7 @@ TEST(LogSiteThreads, AFreshSiteLogsEveryMessageOnce) {
             std::this_thread::yield();
         }
         for (int round = 0; round < kRounds; ++round) {
-            LOG_INFO(kModule, "round %d", round);
+            LOG_INFO(kSharedModule, "round %d", round);
         }
     });
     for (int round = 0; round < kRounds; ++round) {
@@ -49,13 +49,13 @@ TEST(LogSiteThreads, AFreshSiteLogsEveryMessageOnce) {
 }
 
 TEST(LogSiteThreads, ALevelMayChangeWhileASiteIsUsed) {
-    const LogCapture log({kModule});
+    const LogCapture log({kSharedModule});
     RunThreads([](int number) {
         for (int round = 0; round < kRounds; ++round) {
             if (number == 0) {
-                K9SysSetLogLevel(kModule, round % 2 == 0 ? K9SYS_LOG_OFF : K9SYS_LOG_INFO);
+                K9SysSetLogLevel(kSharedModule, round % 2 == 0 ? K9SYS_LOG_OFF : K9SYS_LOG_INFO);
             }
-            LOG_INFO(kModule, "text");
+            LOG_INFO(kSharedModule, "text");
         }
     });
     // The level ends at info, so the last message of the thread that sets it is there.

@@ -8,9 +8,6 @@
 
 namespace k9erepl::test {
 
-inline constexpr const char* kSystemError =
-    "(code 4, RC_SYSTEM_ERROR: a call to the operating system failed)";
-
 class ToolAppendFailure : public ToolTest {
   protected:
     // Fails and says exactly `sentence`.

@@ -8,8 +8,6 @@
 
 namespace k9erepl::test {
 
-inline constexpr const char* kSystemError =
-    "(code 4, RC_SYSTEM_ERROR: a call to the operating system failed)";
 inline constexpr const char* kEverything = "r1\nr2\nr3\nr4\nr5\n";
 
 class ToolClearFailure : public ToolClearTest {

@@ -9,9 +9,6 @@ namespace k9erepl::test {
 
 namespace {
 
-constexpr const char* kSystemError =
-    " (code 4, RC_SYSTEM_ERROR: a call to the operating system failed)";
-
 class ToolLeftovers : public ToolClearTest {
   protected:
     // As an end between two renames leaves it, where a file cannot have two names.
@@ -41,7 +38,8 @@ TEST_F(ToolLeftovers, EveryCommandSaysThatTheDataIsInTheBackup) {
         arguments.insert(arguments.end(), {"--conn", Conn()});
         const ToolRun run = Run(arguments, "x\n");
         EXPECT_EQ(run.exitStatus, 1) << name;
-        EXPECT_EQ(run.err, "k9repl " + name + ": " + DataIsInTheBackup() + kSystemError + "\n");
+        EXPECT_EQ(run.err,
+                  "k9repl " + name + ": " + DataIsInTheBackup() + " " + kSystemError + "\n");
         EXPECT_FALSE(Exists(StorageFile())) << name;
     }
 }
@@ -59,7 +57,7 @@ TEST_F(ToolLeftovers, LookingWithoutWritingSaysSoToo) {
     LeaveOnlyTheBackup();
     const ToolRun run = Run({"cat", "--conn", Conn("cache_type=AllInMem;flush_mode=NoFlush")});
     EXPECT_EQ(run.exitStatus, 1);
-    EXPECT_EQ(run.err, "k9repl cat: " + DataIsInTheBackup() + kSystemError + "\n");
+    EXPECT_EQ(run.err, "k9repl cat: " + DataIsInTheBackup() + " " + kSystemError + "\n");
 }
 
 TEST_F(ToolLeftovers, TheAdviceBringsEverythingBack) {

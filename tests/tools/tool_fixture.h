@@ -15,6 +15,10 @@
 
 namespace k9erepl::test {
 
+// How a message names that result.
+inline constexpr const char* kSystemError =
+    "(code 4, RC_SYSTEM_ERROR: a call to the operating system failed)";
+
 // The end of a run and everything that it printed.
 struct ToolRun {
     int exitStatus = 0;
