@@ -27,6 +27,11 @@ u64 HashOf(const void* data, std::size_t size) {
 
 // --- FileBytes
 
+std::size_t FileBytes::StoredSize() const {
+    const i64 end = std::min(m_far.End(), m_size);
+    return std::max(m_bytes.size(), static_cast<std::size_t>(end));
+}
+
 u32 FileBytes::Read(i64 offset, void* buffer, u32 size) const {
     const i64 got = std::clamp<i64>(m_size - offset, 0, size);
     const i64 stored =
@@ -36,18 +41,22 @@ u32 FileBytes::Read(i64 offset, void* buffer, u32 size) const {
         std::memcpy(to, m_bytes.data() + offset, static_cast<std::size_t>(stored));
     }
     std::memset(to + stored, 0, static_cast<std::size_t>(got - stored));
+    if (!m_far.Empty()) {
+        m_far.Read(offset, to, got);
+    }
     return static_cast<u32>(got);
 }
 
 void FileBytes::Write(i64 offset, const void* data, u32 size) {
-    const auto end = static_cast<std::size_t>(offset) + size;
-    if (size > 0 && end > m_bytes.size()) {
-        m_bytes.resize(end);
+    const auto* from = static_cast<const char*>(data);
+    const i64 near = std::clamp<i64>(kNearMax - offset, 0, size);
+    const auto nearEnd = static_cast<std::size_t>(offset + near);
+    if (near > 0) {
+        m_bytes.resize(std::max(m_bytes.size(), nearEnd));
+        std::memcpy(m_bytes.data() + offset, from, static_cast<std::size_t>(near));
     }
-    if (size > 0) {
-        std::memcpy(m_bytes.data() + offset, data, size);
-        m_size = std::max(m_size, static_cast<i64>(end));
-    }
+    m_far.Write(offset + near, from + near, size - near);
+    m_size = size > 0 ? std::max(m_size, offset + size) : m_size;
     m_hash.reset();
 }
 
@@ -55,20 +64,23 @@ void FileBytes::SetEnd(i64 size) {
     if (static_cast<i64>(m_bytes.size()) > size) {
         m_bytes.resize(static_cast<std::size_t>(size));
     }
+    m_far.Cut(size);
     m_size = size;
     m_hash.reset();
 }
 
 u64 FileBytes::Hash() const {
     if (!m_hash) {
-        m_hash = Mix(HashOf(m_bytes.data(), m_bytes.size()), static_cast<u64>(m_size));
+        const u64 near = Mix(HashOf(m_bytes.data(), m_bytes.size()), static_cast<u64>(m_size));
+        m_hash = m_far.Hash(near);
     }
     return *m_hash;
 }
 
 std::string FileBytes::Whole() const {
-    std::string whole = m_bytes;
-    whole.resize(static_cast<std::size_t>(m_size));
+    std::string whole(static_cast<std::size_t>(m_size), '\0');
+    std::copy(m_bytes.begin(), m_bytes.end(), whole.begin());
+    m_far.Read(0, whole.data(), m_size);
     return whole;
 }
 

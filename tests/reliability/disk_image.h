@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/int_types.h"
+#include "reliability/far_pages.h"
 
 namespace k9erepl::reliability {
 
@@ -18,12 +19,13 @@ namespace k9erepl::reliability {
 using FileNumber = u32;
 using Names = std::map<std::string, FileNumber>;
 
-// Behind `bytes` the file is zero up to `size`, so that a file may be sized ahead for nothing.
+// Behind `bytes` the file is zero up to `size`, so that a file may be sized ahead for nothing; but
+// for the pages of its far part, so that it may have holes.
 class FileBytes {
   public:
     i64 Size() const { return m_size; }
     // Behind it everything is zero.
-    std::size_t StoredSize() const { return m_bytes.size(); }
+    std::size_t StoredSize() const;
     // Bytes got; fewer than asked at the end.
     u32 Read(i64 offset, void* buffer, u32 size) const;
     void Write(i64 offset, const void* data, u32 size);
@@ -33,7 +35,11 @@ class FileBytes {
     std::string Whole() const;
 
   private:
+    // What lies further from the beginning goes into pages.
+    static constexpr i64 kNearMax = 4 * 1024 * 1024;
+
     std::string m_bytes;
+    FarPages m_far;
     i64 m_size = 0;
     mutable std::optional<u64> m_hash;
 };
