@@ -54,3 +54,19 @@ macro(k9erepl_compile_quickly)
         add_compile_options(-O0 -g1)
     endif()
 endmacro()
+
+# k9erepl_join_files(<target>): most of the compile time of a test goes into GoogleTest's headers,
+# and of the tool into CLI11's and fmt's. Joined, eight files pay for them once; what they name for
+# themselves must then differ among the files of a folder.
+option(K9EREPL_JOIN_FILES "Compile the files of the tool and the tests eight at a time" OFF)
+function(k9erepl_join_files target)
+    if(NOT K9EREPL_JOIN_FILES)
+        return()
+    endif()
+    set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 8)
+    if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+        # A joined file is an included one, where GCC takes types of unnamed namespaces for shared.
+        target_compile_options(${target} PRIVATE
+            $<$<COMPILE_LANGUAGE:CXX>:-Wno-subobject-linkage>)
+    endif()
+endfunction()

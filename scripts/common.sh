@@ -9,7 +9,7 @@ export CCACHE_BASEDIR="$root" CCACHE_NOHASHDIR=1
 
 # What configures a tree for its tests.
 # shellcheck disable=SC2034  # the scripts that run tests use it
-with_tests=(-DK9EREPL_BUILD_TESTS=ON -DK9EREPL_JOIN_TESTS=ON -DK9EREPL_BUILD_TOOL=ON)
+with_tests=(-DK9EREPL_BUILD_TESTS=ON -DK9EREPL_JOIN_FILES=ON -DK9EREPL_BUILD_TOOL=ON)
 
 # configure <preset> [cmake option...]: the build tree build/<preset>, with ccache if it is there.
 configure() {

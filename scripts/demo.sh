@@ -1,9 +1,12 @@
 #!/usr/bin/env bash
-# Shows the whole road on this machine: sets up what is missing, builds the release preset, appends
-# a real stream of at least 100 MB to a storage, closes it, reopens it through its index, reads
+# Shows the whole road on this machine: sets up what is missing, builds the tool, appends a
+# real stream of at least 100 MB to a storage, closes it, reopens it through its index, reads
 # everything back and compares the bytes by their SHA-256.
 #
-#   scripts/demo.sh [TEXT-FILE]     (default: the machine's own package database, repeated)
+#   scripts/demo.sh [--preset PRESET] [TEXT-FILE]
+#
+# PRESET: release (default), linux-x86, or windows-x86 and windows-x64, which run under Wine. The
+# text is the machine's own package database, repeated, unless a file is given.
 #
 # Exit status: 0 when the checksums are equal. Works in a folder of its own under TMPDIR (default
 # /tmp), which it removes; KEEP=1 keeps it.
@@ -11,7 +14,6 @@ set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 least_bytes=$((100 * 1000 * 1000))
-k9repl="$root/build/release/bin/k9repl"
 
 fail() {
     echo "demo.sh: $*" >&2
@@ -57,38 +59,57 @@ rate() {
 }
 
 append_all() {
-    "$k9repl" append --create --conn "$conn" "$stream" >"$work/append.txt"
+    "${k9repl[@]}" append --create --conn "$conn" "$stream" >"$work/append.txt"
 }
 
 # The library's own log tells whether the index was taken.
 stat_storage() {
     K9SYS_LOG=k9eRepl-storage-idx=info K9SYS_LOG_FILE="$work/reopen.log" \
-        "$k9repl" stat --conn "$conn" >"$work/stat.txt"
+        "${k9repl[@]}" stat --conn "$conn" >"$work/stat.txt"
     grep -q 'Index file seems to be valid' "$work/reopen.log" ||
         fail "the storage was not reopened through its index: $(cat "$work/reopen.log")"
 }
 
 enumerate_all() {
-    "$k9repl" cat --conn "$conn" | sha256sum | cut -d ' ' -f 1 >"$work/sha.txt"
+    "${k9repl[@]}" cat --conn "$conn" | sha256sum | cut -d ' ' -f 1 >"$work/sha.txt"
 }
 
+preset=release
+if [ "${1:-}" = --preset ] && [ "$#" -ge 2 ]; then
+    preset="$2"
+    shift 2
+fi
+case "$preset" in
+    release) needs=demo ;;
+    linux-x86) needs=test32 ;;
+    windows-x86 | windows-x64) needs=windows ;;
+    *) fail "unknown preset '$preset': use release, linux-x86, windows-x86 or windows-x64" ;;
+esac
 input="${1:-}"
-[ "$#" -le 1 ] || fail "usage: scripts/demo.sh [TEXT-FILE]"
+[ "$#" -le 1 ] || fail "usage: scripts/demo.sh [--preset PRESET] [TEXT-FILE]"
 [ -z "$input" ] || [ -f "$input" ] || fail "'$input' is no file"
 
-"$root/scripts/setup.sh" demo
+k9repl=("$root/build/$preset/bin/k9repl")
+if [ "$needs" = windows ]; then
+    k9repl=("$root/scripts/wine.sh" "$k9repl.exe")
+fi
+
+"$root/scripts/setup.sh" "$needs"
 mkdir -p "$root/build"
 build_log="$root/build/demo-build.log"
 
 build_tool() {
-    { configure release -DK9EREPL_BUILD_TESTS=OFF -DK9EREPL_BUILD_BENCH=OFF \
-        -DK9EREPL_BUILD_TOOL=ON && build release k9repl; } >"$build_log" 2>&1 || {
+    local -a parts=()
+    # A tree that has its tests keeps them.
+    [ -f "$root/build/$preset/CMakeCache.txt" ] ||
+        parts=(-DK9EREPL_BUILD_TESTS=OFF -DK9EREPL_BUILD_BENCH=OFF)
+    { configure "$preset" "${parts[@]}" -DK9EREPL_BUILD_TOOL=ON && build "$preset" k9repl; } >"$build_log" 2>&1 || {
         tail -n 30 "$build_log" >&2
         fail "the build failed; all of its output is in $build_log"
     }
 }
 
-echo "building build/release (a minute or two the first time)"
+echo "building build/$preset (a minute or two the first time)"
 timed build_time build_tool
 
 work="$(mktemp -d "${TMPDIR:-/tmp}/k9repl-demo.XXXXXX")"

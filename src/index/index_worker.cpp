@@ -33,7 +33,7 @@ u32 IndexWorker::Prepare() {
         m_image.StartOver();
         return rc;
     }
-    m_up.store(false, std::memory_order_relaxed);
+    m_begun.store(false, std::memory_order_relaxed);
     m_finished.store(false, std::memory_order_release);
     return RC_OK;
 }
@@ -51,9 +51,7 @@ void IndexWorker::ReportTimes() {
 }
 
 void IndexWorker::WaitUntilUp() const {
-    while (!m_up.load(std::memory_order_acquire) && !IsFinished()) {
-        platform::YieldThread();
-    }
+    m_begun.wait(false, std::memory_order_acquire);
 }
 
 // The busy flag is not asked for: a thread that hangs in a write would keep it.
@@ -115,12 +113,18 @@ u32 IndexWorker::Run() {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogIndex, "K9EventCreate failed; %r",
                        platform::LastSystemError());
         m_finished.store(true, std::memory_order_release);
+        TellBegun();
         return RC_SYSTEM_ERROR;
     }
-    m_up.store(true, std::memory_order_release);
+    TellBegun();
     const u32 exitCode = ServeUntilStopped();
     Leave(exitCode);
     return exitCode;
+}
+
+void IndexWorker::TellBegun() {
+    m_begun.store(true, std::memory_order_release);
+    m_begun.notify_one();
 }
 
 u32 IndexWorker::ServeUntilStopped() {
