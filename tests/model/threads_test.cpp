@@ -30,6 +30,7 @@ TEST(AsyncThreads, KeepExactlyWhatWasCommitted) {
     for (u32 round = 0; round < kRounds && !HasFailure(); ++round) {
         workout.Round(round, TimeOfARound());
         workout.Compare();
+        EXPECT_EQ(workout.Problem(), "");
     }
     std::cout << workout.Committed() << " committed, " << workout.RolledBack() << " rolled back, "
               << workout.Cleared() << " clears, " << workout.Written() << " writes, "

@@ -1,19 +1,18 @@
 // The threads' work; see the header.
 #include "model/workout.h"
 
-#include <gtest/gtest.h>
+#include <k9erepl/storage_interfaces.h>
 
 #include <cstring>
-#include <thread>
+#include <utility>
 
 namespace k9erepl::model {
 
 namespace {
 
-constexpr u32 kClients = 3;
-constexpr u32 kReaders = 2;
 constexpr u32 kDataMax = 300;
 constexpr u32 kEnough = 5;  // a visitor's answer
+constexpr u64 kEndless = ~u64{0};
 
 // A record's user word tells its data.
 u32 SizeOf(u32 word) {
@@ -44,14 +43,13 @@ struct Walk {
     i64 to;
     u64 left;  // records to take before it has enough
     std::map<i64, u32> seen{};
+    bool isRight = true;
 };
 
 u32 K9EREPL_CALL OnRecord(const K9eReplRec* record, void* context) {
     auto& walk = *static_cast<Walk*>(context);
     const i64 rev = record->rev;
-    EXPECT_TRUE(IsWhole(*record)) << rev;
-    EXPECT_GE(rev, walk.next);
-    EXPECT_LE(rev, walk.to);
+    walk.isRight = walk.isRight && IsWhole(*record) && rev >= walk.next && rev <= walk.to;
     walk.next = rev + 1;
     walk.seen.emplace_hint(walk.seen.end(), rev, u32{record->userWord});
     return --walk.left == 0 ? kEnough : RC_OK;
@@ -66,85 +64,132 @@ std::string Workout::ConnString(u32 number) const {
                                                "flush_mode=PerTrans;flush_trans_num=40;",
                                                "flush_mode=PerData;flush_data_size=3000;"};
     static constexpr const char* kCaches[] = {"cache_type=Last1;", "cache_type=Last4;"};
-    return "file=" + m_path +
-           ";async_mode=yes;block_size=1000;index_hint=1;flush_timeout=1;read_buffers_count=2;" +
+    return "file=" + m_path + (m_crew.async ? ";async_mode=yes" : "") +
+           ";block_size=1000;index_hint=1;flush_timeout=1;read_buffers_count=2;" +
            kBuffers[number % 4] + kFlushes[number % 3] + kCaches[number % 2] +
            (number % 5 == 4 ? "file_size_delta=1;" : "");
 }
 
 void Workout::Open(const std::string& connString) {
-    ASSERT_EQ(K9eReplStorageOpen(connString.c_str(), &m_handle), RC_OK);
-    ASSERT_EQ(K9eReplStorageSetOnFlushCallback(m_handle, &OnFlush, this), RC_OK);
-    ASSERT_EQ(K9eReplStorageSetOnWriteToFileCallback(m_handle, &OnWritten, this), RC_OK);
-    ASSERT_EQ(K9eReplStorageLoad(m_handle), RC_OK);
+    Expect(K9eReplStorageOpen(connString.c_str(), &m_handle) == RC_OK, "opening");
+    Expect(K9eReplStorageSetOnFlushCallback(m_handle, &OnFlush, this) == RC_OK, "OnFlush");
+    Expect(K9eReplStorageSetOnWriteToFileCallback(m_handle, &OnWritten, this) == RC_OK,
+           "OnWriteToFile");
+    Expect(K9eReplStorageLoad(m_handle) == RC_OK, "loading");
 }
 
 void Workout::Close() {
-    EXPECT_EQ(K9eReplStorageClose(m_handle), RC_OK);
-    m_handle = nullptr;
-    EXPECT_EQ(m_writtenRev, m_flushedRev);
+    Expect(K9eReplStorageClose(std::exchange(m_handle, nullptr)) == RC_OK, "closing");
+    Expect(m_writtenRev == m_flushedRev, "what was flushed is not written after the close");
 }
 
 void Workout::Round(u32 number, std::chrono::milliseconds time) {
-    ASSERT_NO_FATAL_FAILURE(Open(ConnString(number)));
-    m_stop = false;
-    std::vector<std::thread> threads;
-    for (u32 i = 0; i < kClients; ++i) {
-        threads.emplace_back([=, this] { WorkAsClient(number * 100 + i); });
-    }
-    for (u32 i = 0; i < kReaders; ++i) {
-        threads.emplace_back([=, this] { WorkAsReader(number * 100 + kClients + i); });
-    }
+    Open(ConnString(number));
+    Start(u64{number} * 100, kEndless);
     const auto end = std::chrono::steady_clock::now() + time;
-    while (std::chrono::steady_clock::now() < end && !::testing::Test::HasFailure()) {
+    while (std::chrono::steady_clock::now() < end && !HasProblem()) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     m_stop = true;
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    Join();
     Close();
 }
 
+void Workout::RoundOfSteps(u32 number, u32 steps, u64 seed) {
+    Open(ConnString(number));
+    Start(seed, steps);
+    Join();
+    Close();
+}
+
+void Workout::Start(u64 seed, u64 steps) {
+    m_stop = HasProblem();
+    const auto add = [&](u32 count, Step step) {
+        for (; count > 0; --count) {
+            m_threads.emplace_back([=, this] { Work(step, steps, seed); });
+            ++seed;
+        }
+    };
+    add(m_crew.clients, &Workout::StepAsClient);
+    add(m_crew.readers, &Workout::StepAsReader);
+    add(m_crew.clearers, &Workout::Clear);
+    add(m_crew.idlers, &Workout::StepAsIdler);
+}
+
+void Workout::Join() {
+    for (std::thread& thread : m_threads) {
+        thread.join();
+    }
+    m_threads.clear();
+}
+
 void Workout::Compare() {
-    void* storage = nullptr;
-    const std::string connString = "file=" + m_path + ";block_size=1000;cache_type=Last2";
-    ASSERT_EQ(K9eReplStorageOpen(connString.c_str(), &storage), RC_OK);
-    EXPECT_EQ(K9eReplStorageLoad(storage), RC_OK);
-    Walk walk{.next = 0, .to = kHighestRev, .left = ~u64{0}};
-    EXPECT_EQ(K9eReplStorageEnumRecords(storage, 0, kHighestRev, &OnRecord, &walk), RC_OK);
-    EXPECT_EQ(K9eReplStorageClose(storage), RC_OK);
-    EXPECT_EQ(walk.seen.size(), m_book.size());
-    EXPECT_TRUE(walk.seen == m_book);
+    const Marks marks = CompareOnce(false);
+    Expect(CompareOnce(true) == marks, "a second opening shows other revisions");
+    CompareOnce(false);
+}
+
+Workout::Marks Workout::CompareOnce(bool adds) {
+    if (HasProblem()) {
+        return {};
+    }
+    Open("file=" + m_path + ";block_size=1000;cache_type=Last2");
+    if (HasProblem()) {
+        Close();
+        return {};
+    }
+    Walk walk{.next = 0, .to = kHighestRev, .left = kEndless};
+    Expect(K9eReplStorageEnumRecords(m_handle, 0, kHighestRev, &OnRecord, &walk) == RC_OK,
+           "enumerating");
+    Expect(walk.isRight, "a record is not whole, or out of order");
+    Expect(walk.seen == m_book, "the content is not what was committed");
+    Marks marks;
+    IK9eReplDS* source = nullptr;
+    static_cast<IK9eReplStorage*>(m_handle)->GetDS(&source);
+    Expect(source->GetFirstRev(0, &marks.firstRev) == RC_OK, "GetFirstRev");
+    Expect(K9eReplStorageGetNextRev(m_handle, &marks.nextRev) == RC_OK, "GetNextRev");
+    if (adds) {
+        Random random(m_committed);
+        InsertAlone(random);
+    }
+    Close();
+    return marks;
 }
 
 // --- The threads
 
-void Workout::WorkAsClient(u64 seed) {
+void Workout::Work(Step step, u64 steps, u64 seed) {
     Random random(seed);
-    while (!m_stop) {
-        if (random.OneIn(400)) {
-            Clear(random);
-        } else if (random.OneIn(200)) {
-            // Waits for the writing thread, with the storage's lock held.
-            EXPECT_EQ(K9eReplStorageSetLifenum(m_handle, random.Below(1000)), RC_OK);
-        } else if (random.OneIn(2)) {
-            Transact(random);
-        } else {
-            InsertAlone(random);
-        }
+    for (; steps > 0 && !m_stop; --steps) {
+        (this->*step)(random);
     }
 }
 
-void Workout::WorkAsReader(u64 seed) {
-    Random random(seed);
-    while (!m_stop) {
-        Enumerate(random);
-        const i64 written = m_writtenRev;
-        i64 nextRev = 0;
-        EXPECT_EQ(K9eReplStorageGetNextRev(m_handle, &nextRev), RC_OK);
-        EXPECT_GT(nextRev, written);
+void Workout::StepAsClient(Random& random) {
+    if (random.OneIn(400)) {
+        Clear(random);
+    } else if (random.OneIn(200)) {
+        // Waits for the writing thread, with the storage's lock held.
+        Expect(K9eReplStorageSetLifenum(m_handle, random.Below(1000)) == RC_OK, "SetLifenum");
+    } else if (random.OneIn(2)) {
+        Transact(random);
+    } else {
+        InsertAlone(random);
     }
+}
+
+void Workout::StepAsReader(Random& random) {
+    Enumerate(random);
+    const i64 written = m_writtenRev;
+    i64 nextRev = 0;
+    Expect(K9eReplStorageGetNextRev(m_handle, &nextRev) == RC_OK, "GetNextRev");
+    Expect(nextRev > written, "the next revision is not above what is written");
+}
+
+void Workout::StepAsIdler(Random& /*random*/) {
+    IK9eReplDS* source = nullptr;
+    static_cast<IK9eReplStorage*>(m_handle)->GetDS(&source);
+    Expect(source->FlushOnIdle() == RC_OK, "FlushOnIdle");
 }
 
 Workout::Entries Workout::Insert(Random& random, u32 count) {
@@ -158,7 +203,7 @@ Workout::Entries Workout::Insert(Random& random, u32 count) {
         for (u32 place = 0; place < SizeOf(word); ++place) {
             record.data[place] = ByteOf(word, place);
         }
-        EXPECT_EQ(K9eReplStorageInsert(m_handle, &record), RC_OK);
+        Expect(K9eReplStorageInsert(m_handle, &record) == RC_OK, "Insert");
         entries.emplace_back(record.rev, word);
     }
     return entries;
@@ -171,13 +216,13 @@ void Workout::InsertAlone(Random& random) {
 
 void Workout::Transact(Random& random) {
     const std::unique_lock guard(m_transaction);
-    EXPECT_EQ(K9eReplStorageBeginTransaction(m_handle), RC_OK);
+    Expect(K9eReplStorageBeginTransaction(m_handle) == RC_OK, "BeginTransaction");
     const Entries entries = Insert(random, random.Below(12));
     if (random.OneIn(4)) {
-        EXPECT_EQ(K9eReplStorageRollback(m_handle), RC_OK);
+        Expect(K9eReplStorageRollback(m_handle) == RC_OK, "Rollback");
         ++m_rolledBack;
     } else {
-        EXPECT_EQ(K9eReplStorageCommit(m_handle), RC_OK);
+        Expect(K9eReplStorageCommit(m_handle) == RC_OK, "Commit");
         Enter(entries);
     }
 }
@@ -186,13 +231,13 @@ void Workout::Clear(Random& random) {
     const std::unique_lock guard(m_transaction);
     const u32 mode = random.OneOf<u32>({0, 0, 0, 0, 0, 1, 2});
     i64 rev = 0;
-    EXPECT_EQ(K9eReplStorageGetNextRev(m_handle, &rev), RC_OK);
+    Expect(K9eReplStorageGetNextRev(m_handle, &rev) == RC_OK, "GetNextRev");
     if (random.OneIn(20)) {
-        EXPECT_EQ(K9eReplStorageClearAll(m_handle, mode), RC_OK);
+        Expect(K9eReplStorageClearAll(m_handle, mode) == RC_OK, "ClearAll");
     } else {
         // Now and then the kept part is still on its way to the file.
         rev -= random.Below(random.OneIn(3) ? 10 : 2000);
-        EXPECT_EQ(K9eReplStorageClearOldRev(m_handle, rev, mode), RC_OK);
+        Expect(K9eReplStorageClearOldRev(m_handle, rev, mode) == RC_OK, "ClearOldRev");
     }
     EraseBelow(rev);
     ++m_cleared;
@@ -205,7 +250,8 @@ void Workout::Enumerate(Random& random) {
     const i64 to = random.OneIn(3) ? kHighestRev : from + random.Below(100);
     Walk walk{.next = from, .to = to, .left = 1 + random.Below(50)};
     const u32 rc = K9eReplStorageEnumRecords(m_handle, from, to, &OnRecord, &walk);
-    EXPECT_EQ(rc, walk.left == 0 ? kEnough : RC_OK);
+    Expect(rc == (walk.left == 0 ? kEnough : RC_OK), "enumerating");
+    Expect(walk.isRight, "a record is not whole, or out of order");
     m_enumerated += walk.seen.size();
 }
 
@@ -222,17 +268,33 @@ void Workout::EraseBelow(i64 rev) {
     m_book.erase(m_book.begin(), m_book.lower_bound(rev));
 }
 
+// --- What is wrong
+
+void Workout::Expect(bool holds, const char* what) {
+    if (!holds) {
+        const std::lock_guard guard(m_problemLock);
+        m_problem = m_hasProblem ? m_problem : what;
+        m_hasProblem = true;
+        m_stop = true;
+    }
+}
+
+std::string Workout::Problem() const {
+    const std::lock_guard guard(m_problemLock);
+    return m_problem;
+}
+
 // --- What the library tells
 
 void Workout::OnFlush(i64 lastRev, void* workout) {
     auto& self = *static_cast<Workout*>(workout);
-    EXPECT_GT(lastRev, self.m_flushedRev);
+    self.Expect(lastRev > self.m_flushedRev, "OnFlush does not rise");
     self.m_flushedRev = lastRev;
 }
 
 void Workout::OnWritten(i64 lastRev, void* workout) {
     auto& self = *static_cast<Workout*>(workout);
-    EXPECT_GE(lastRev, self.m_writtenRev);
+    self.Expect(lastRev >= self.m_writtenRev, "OnWriteToFile falls");
     self.m_writtenRev = lastRev;
     ++self.m_written;
 }

@@ -48,6 +48,30 @@ TEST(MemoryDisk, KeepsWhatIsWrittenAndReadsZerosInGaps) {
     EXPECT_EQ(std::string(read.data(), count), std::string("e\0\0two", 6));
 }
 
+// Beyond 4 MiB a file is kept as pages of 4 KiB, unless they are zero.
+TEST(MemoryDisk, KeepsWhatLiesBehindHoles) {
+    constexpr i64 kFar = (i64{1} << 33) - 2;  // the end of a page
+    const MemoryDisk disk;
+    File file = Created("a");
+    u32 count = 0;
+    EXPECT_TRUE(file.Seek(kFar) && file.Write("far", 3, &count));
+    EXPECT_TRUE(file.SetEnd(kFar + 2) && file.SetEnd(kFar + 5));
+    std::array<char, 20> read{};
+    EXPECT_TRUE(file.Seek(kFar - 1) && file.Read(read.data(), 20, &count));
+    EXPECT_EQ(std::string(read.data(), count), std::string("\0fa\0\0\0", 6));
+}
+
+TEST(MemoryDisk, KeepsWhatCrossesIntoItsFarPart) {
+    constexpr i64 kBorder = 4 * 1024 * 1024;
+    const MemoryDisk disk;
+    File file = Created("a");
+    u32 count = 0;
+    EXPECT_TRUE(file.Seek(kBorder - 2) && file.Write("near", 4, &count));
+    const std::string text = TextOf(disk, "a");
+    EXPECT_EQ(text.size(), std::size_t{kBorder + 2});
+    EXPECT_EQ(text.substr(kBorder - 3), std::string("\0near", 5));
+}
+
 TEST(MemoryDisk, ForgetsBytesBehindAnEndThatWasSet) {
     const MemoryDisk disk;
     File file = Created("a", "abcdef");
