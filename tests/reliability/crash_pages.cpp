@@ -1,7 +1,8 @@
 // The row of power cuts: pages that were written and not flushed are lost one by one, or come out
-// as they were a while before. What a forced flush acknowledged must be there. A run that was in
-// flight may look complete and not be, unless the commit barrier keeps its commit block back: such
-// images are counted.
+// as they were a while before. What a forced flush acknowledged must be there; with the
+// asynchronous writer, what OnWriteToFile told of a write that goes through, or else what was
+// closed. What was in flight may look complete and not be, unless the commit barrier keeps its
+// commit block back: such images are counted.
 #include <algorithm>
 #include <unordered_set>
 
@@ -34,8 +35,8 @@ bool KeepsWhatWasAcknowledged(const History& history, StateRange range, const Se
 
 class PowerCuts {
   public:
-    PowerCuts(GroupRun& run, MemoryDisk& disk, const History& history, bool barrier)
-        : m_run(run), m_disk(disk), m_history(history), m_barrier(barrier) {}
+    PowerCuts(GroupRun& run, MemoryDisk& disk, const History& history, const WorkloadPlan& plan)
+        : m_run(run), m_disk(disk), m_history(history), m_plan(plan) {}
 
     void All() {
         PowerCut cut(m_history.base);
@@ -70,34 +71,47 @@ class PowerCuts {
 
     Problem Judge(StateRange range, const Seen& seen) {
         Problem problem = JudgeByStates(m_history, range, seen);
-        if (!problem.empty() && !m_barrier && KeepsWhatWasAcknowledged(m_history, range, seen)) {
-            m_run.Count("undetectable");
+        const std::string kind = m_plan.commitBarrier  ? "with a barrier"
+                                 : !m_plan.async       ? "without a barrier"
+                                 : m_plan.writeThrough ? "asynchronous, written through"
+                                                       : "asynchronous";
+        m_run.Count(kind);
+        if (!problem.empty() && !m_plan.commitBarrier &&
+            KeepsWhatWasAcknowledged(m_history, range, seen)) {
+            m_run.Count("undetectable " + kind);
             return "";
         }
-        m_run.Count(m_barrier ? "with a barrier" : "without a barrier");
         return problem;
     }
 
     GroupRun& m_run;
     MemoryDisk& m_disk;
     const History& m_history;
-    const bool m_barrier;
+    const WorkloadPlan& m_plan;
     u64 m_number = 0;
 };
+
+// Half of the groups have the asynchronous writer, which forces when it ends or writes through.
+WorkloadPlan PlanOf(u64 group) {
+    const bool async = group % 2 == 1;
+    const u64 kind = group / 2;
+    return {.operations = 40,
+            .async = async,
+            .forceFlush = !async || kind % 2 == 0,
+            .commitBarrier = !async && kind % 2 == 1,
+            .writeThrough = async && kind % 2 == 1,
+            .flushEvery = kind % 4 < 2 ? 1U : 3U,
+            .blockSize = 16384,  // runs of several pages
+            .moreSettings = ""};
+}
 
 void RunGroup(GroupRun& run) {
     const SteadyCalls steady;
     MemoryDisk disk;
-    const bool barrier = run.Number() % 2 == 1;
-    const WorkloadPlan plan{.operations = 40,
-                            .forceFlush = true,
-                            .commitBarrier = barrier,
-                            .flushEvery = run.Number() % 4 < 2 ? 1U : 3U,
-                            .blockSize = 16384,  // runs of several pages
-                            .moreSettings = ""};
+    const WorkloadPlan plan = PlanOf(run.Number());
     const History history = MakeHistory(disk, plan, run.Seed());
     run.Case(0, [&] { return history.problem; });
-    PowerCuts(run, disk, history, barrier).All();
+    PowerCuts(run, disk, history, plan).All();
 }
 
 const RegisteredRow kRow({.name = "crash-pages",

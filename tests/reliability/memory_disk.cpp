@@ -196,14 +196,17 @@ void MemoryDisk::Do(Change change) {
     }
 }
 
-NativeFile MemoryDisk::AddHandle(FileNumber file, const std::string& path, bool writes) {
+NativeFile MemoryDisk::AddHandle(FileNumber file, const std::string& path,
+                                 const platform::FileOpenRequest& request) {
     const auto closed = std::find_if(m_handles.begin(), m_handles.end(),
                                      [](const Handle& handle) { return handle.file == 0; });
     const auto at = static_cast<NativeFile>(closed - m_handles.begin());
+    const bool writes = request.access != platform::FileAccess::kRead;
+    const Handle handle{file, 0, path, writes, request.writeThrough};
     if (closed == m_handles.end()) {
-        m_handles.push_back({file, 0, path, writes});
+        m_handles.push_back(handle);
     } else {
-        *closed = {file, 0, path, writes};
+        *closed = handle;
     }
     return kFirstHandle + at;
 }
@@ -227,7 +230,7 @@ NativeFile MemoryDisk::Open(const char* path, const platform::FileOpenRequest& r
     } else if (request.disposition == FileDisposition::kCreateAlways) {
         Do(Of(ChangeKind::kSetEnd, *file, 0));
     }
-    return AddHandle(*file, path, request.access != platform::FileAccess::kRead);
+    return AddHandle(*file, path, request);
 }
 
 bool MemoryDisk::Close(NativeFile file) {
@@ -269,6 +272,9 @@ i64 MemoryDisk::Write(NativeFile file, const void* data, u32 size) {
     }
     Do(Of(ChangeKind::kWrite, handle->file, handle->position,
           std::string(static_cast<const char*>(data), sizeMax)));
+    if (handle->writesThrough) {
+        Do(Of(ChangeKind::kFlush, handle->file, 0));
+    }
     handle->position += sizeMax;
     return sizeMax;
 }

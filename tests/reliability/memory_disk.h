@@ -92,6 +92,7 @@ class MemoryDisk {
         i64 position = 0;
         std::string name;
         bool writes = false;
+        bool writesThrough = false;  // each write is followed by a flush of the file
     };
 
     Handle* Find(platform::NativeFile file);
@@ -102,7 +103,8 @@ class MemoryDisk {
     // *sizeMax, unless null: the bytes of a write that fit.
     bool Fits(FileNumber file, i64 end, u32* sizeMax);
     void Do(Change change);
-    platform::NativeFile AddHandle(FileNumber file, const std::string& path, bool writes);
+    platform::NativeFile AddHandle(FileNumber file, const std::string& path,
+                                   const platform::FileOpenRequest& request);
 
     mutable std::mutex m_mutex;  // guards what follows
     DiskImage m_image;

@@ -50,6 +50,7 @@ class Workload {
         : m_disk(disk), m_plan(plan), m_random(seed) {
         m_history.settings = SettingsOf(plan, m_random);
         m_history.moreSettings = plan.moreSettings;
+        m_history.moreSettings += plan.writeThrough ? "write_through=yes;" : "";
         // Records of one size end where abandoned ones ended.
         m_history.recordSize = m_random.OneIn(3) ? m_random.OneOf<u32>({1, 24, 100}) : 0;
     }
@@ -187,9 +188,12 @@ class Workload {
         m_history.states.push_back(m_model.FileOnceFlushed());
         const u32 rc = K9eReplStorageClearOldRev(m_client.Handle(), rev, mode);
         Expect("Clear", rc, m_model.Clear(rev, mode));
-        const bool cleared = m_model.LastEffects().written != model::Written::kSoFar;
+        const model::Written written = m_model.LastEffects().written;
         TellFlushes();
-        End(true, cleared);
+        // The asynchronous writer does not force the commit block of a logical clear.
+        const bool forces = !m_history.settings.async || mode != K9EREPL_CLEAR_LOGICAL;
+        End(true,
+            written == model::Written::kStartOver || (forces && written != model::Written::kSoFar));
     }
 
     void StartOver() {
@@ -264,7 +268,7 @@ class Workload {
         if (!m_held) {
             mark.acknowledged = mark.begun;
         }
-        if (forced && m_history.settings.forceFlush) {
+        if (m_plan.writeThrough || (forced && m_history.settings.forceFlush)) {
             mark.flushed = mark.acknowledged;
         }
         m_history.marks.push_back(mark);

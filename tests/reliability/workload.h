@@ -16,6 +16,7 @@ struct WorkloadPlan {
     bool async = false;
     bool forceFlush = false;
     bool commitBarrier = false;
+    bool writeThrough = false;
     u32 flushEvery = 0;        // transactions; 0: the seed says
     u32 blockSize = 0;         // 0: the seed says
     bool removes = true;       // clears and truncations, too
