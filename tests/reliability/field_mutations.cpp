@@ -83,13 +83,7 @@ Problem RunCase(GroupRun& run, MemoryDisk& disk, const Base& base, u64 number) {
     const bool changesIndex = !base.files.index.empty() && random.OneIn(5);
     const std::string text =
         changesIndex ? ChangeIndex(hostile, base, random) : ChangeStorage(hostile, base, random);
-    run.Keep(ImageOf(hostile.files), {}, 0);
-    Fate fate = Fate::kSame;
-    const Problem problem = ExamineHostile(disk, hostile, random.Next(), &fate);
-    run.Count(NameOf(fate));
-    return problem.empty()
-               ? ""
-               : text + "; " + hostile.settings.ConnString(StoragePath()) + ": " + problem;
+    return ExamineHostile(run, disk, hostile, random.Next(), text);
 }
 
 void RunGroup(GroupRun& run) {

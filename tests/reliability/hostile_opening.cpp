@@ -274,4 +274,15 @@ Problem ExamineHostile(MemoryDisk& disk, const HostileCase& hostile, u64 seed, F
     return *fate == Fate::kSame ? goingOn.Run(opening.seen) : goingOn.RunBesideDamage(disk);
 }
 
+Problem ExamineHostile(GroupRun& run, MemoryDisk& disk, const HostileCase& hostile, u64 seed,
+                       const std::string& change) {
+    run.Keep(ImageOf(hostile.files), {}, 0);
+    Fate fate = Fate::kSame;
+    const Problem problem = ExamineHostile(disk, hostile, seed, &fate);
+    run.Count(NameOf(fate));
+    return problem.empty()
+               ? ""
+               : change + "; " + hostile.settings.ConnString(StoragePath()) + ": " + problem;
+}
+
 }  // namespace k9erepl::reliability

@@ -10,6 +10,7 @@
 #include "model/settings.h"
 #include "reliability/memory_disk.h"
 #include "reliability/oracle.h"
+#include "reliability/row.h"
 #include "reliability/slow_reader.h"
 
 namespace k9erepl::reliability {
@@ -56,6 +57,10 @@ struct HostileCase {
 // Opens, compares, appends, opens again. `seed` chooses what is appended.
 // REQUIRES: a SteadyCalls lives.
 Problem ExamineHostile(MemoryDisk& disk, const HostileCase& hostile, u64 seed, Fate* fate);
+// The same as the case of a row: keeps its files, counts its fate; a problem begins with `change`,
+// what was done to the files.
+Problem ExamineHostile(GroupRun& run, MemoryDisk& disk, const HostileCase& hostile, u64 seed,
+                       const std::string& change);
 
 }  // namespace k9erepl::reliability
 

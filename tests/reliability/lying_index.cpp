@@ -171,13 +171,7 @@ Problem RunCase(GroupRun& run, MemoryDisk& disk, const Base& base, const Base& o
     hostile.files.index = Liar(base, other, random.Next()).Lie(&text);
     run.Count(ReadIndexSlowly(hostile.files.index).refusal.empty() ? "valid by themselves"
                                                                    : "against the format");
-    run.Keep(ImageOf(hostile.files), {}, 0);
-    Fate fate = Fate::kSame;
-    const Problem problem = ExamineHostile(disk, hostile, random.Next(), &fate);
-    run.Count(NameOf(fate));
-    return problem.empty()
-               ? ""
-               : text + "; " + hostile.settings.ConnString(StoragePath()) + ": " + problem;
+    return ExamineHostile(run, disk, hostile, random.Next(), text);
 }
 
 void RunGroup(GroupRun& run) {

@@ -1,4 +1,5 @@
-// The Win32 headers, without what nobody here needs. Private to this folder.
+// The Win32 headers, without what nobody here needs. For this folder, and for such folders of
+// tests.
 #ifndef K9EREPL_PLATFORM_WINDOWS_WIN32_H
 #define K9EREPL_PLATFORM_WINDOWS_WIN32_H
 

@@ -1,16 +1,10 @@
 // Loads DLLs; takes the place of the system's message box in this process. See the header.
 #include "api/loading.h"
 
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
-#include <windows.h>
-
 #include <cstdio>
 #include <cstring>
+
+#include "platform/windows/win32.h"
 
 namespace k9erepl::test {
 namespace {

@@ -1,12 +1,5 @@
 // Reads the export table and the import table of a DLL; see the header.
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
 #include <gtest/gtest.h>
-#include <windows.h>
 
 #include <algorithm>
 #include <cctype>
@@ -15,6 +8,7 @@
 #include "api/dynamic_symbols.h"
 #include "api/file_image.h"
 #include "platform/int_types.h"
+#include "platform/windows/win32.h"
 
 namespace k9erepl::test {
 namespace {

@@ -1,15 +1,9 @@
 // Counts the handles of files of this process for solid_fixture.h.
 #include "solid/solid_fixture.h"
 
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
-#include <windows.h>
-
 #include <cstdint>
+
+#include "platform/windows/win32.h"
 
 namespace k9erepl::test {
 

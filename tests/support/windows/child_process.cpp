@@ -2,17 +2,11 @@
 // such a pipe can be waited for with a time-out.
 #include "support/child_process.h"
 
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
-#include <windows.h>
-
 #include <cstring>
 #include <system_error>
 #include <utility>
+
+#include "platform/windows/win32.h"
 
 namespace k9erepl::test {
 
