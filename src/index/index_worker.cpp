@@ -33,7 +33,7 @@ u32 IndexWorker::Prepare() {
         m_image.StartOver();
         return rc;
     }
-    m_begun.store(false, std::memory_order_relaxed);
+    m_up.store(false, std::memory_order_relaxed);
     m_finished.store(false, std::memory_order_release);
     return RC_OK;
 }
@@ -51,7 +51,10 @@ void IndexWorker::ReportTimes() {
 }
 
 void IndexWorker::WaitUntilUp() const {
-    m_begun.wait(false, std::memory_order_acquire);
+    // No std::atomic::wait: a thread that was ended from outside may hold what that shares.
+    while (!m_up.load(std::memory_order_acquire) && !IsFinished()) {
+        platform::YieldThread();
+    }
 }
 
 // The busy flag is not asked for: a thread that hangs in a write would keep it.
@@ -113,18 +116,12 @@ u32 IndexWorker::Run() {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogIndex, "K9EventCreate failed; %r",
                        platform::LastSystemError());
         m_finished.store(true, std::memory_order_release);
-        TellBegun();
         return RC_SYSTEM_ERROR;
     }
-    TellBegun();
+    m_up.store(true, std::memory_order_release);
     const u32 exitCode = ServeUntilStopped();
     Leave(exitCode);
     return exitCode;
-}
-
-void IndexWorker::TellBegun() {
-    m_begun.store(true, std::memory_order_release);
-    m_begun.notify_one();
 }
 
 u32 IndexWorker::ServeUntilStopped() {

@@ -50,7 +50,6 @@ class IndexWorker {
 
   private:
     u32 Run();
-    void TellBegun();
     u32 ServeUntilStopped();
     u32 Serve();
     u32 CarryOutSave();
@@ -61,7 +60,7 @@ class IndexWorker {
     IK9eReplDS& m_idle;
     const u32 m_waitMs;
 
-    std::atomic<bool> m_begun{false};    // the event exists, or the thread has ended without it
+    std::atomic<bool> m_up{false};       // the event exists
     std::atomic<bool> m_finished{true};  // no thread runs; changed under the turn
     IndexTurn m_turn;
     platform::AutoResetEvent m_wakeUp;  // made by the thread, closed by the owner after its end
