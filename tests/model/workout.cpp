@@ -104,23 +104,25 @@ void Workout::RoundOfSteps(u32 number, u32 steps, u64 seed) {
 
 void Workout::Start(u64 seed, u64 steps) {
     m_stop = HasProblem();
-    const auto add = [&](u32 count, Step step) {
+    const auto add = [&](u32 count, Step step, u64 stepsOfEach) {
         for (; count > 0; --count) {
-            m_threads.emplace_back([=, this] { Work(step, steps, seed); });
+            m_threads.emplace_back([=, this] { Work(step, stepsOfEach, seed); });
             ++seed;
         }
     };
-    add(m_crew.clients, &Workout::StepAsClient);
-    add(m_crew.readers, &Workout::StepAsReader);
-    add(m_crew.clearers, &Workout::Clear);
-    add(m_crew.idlers, &Workout::StepAsIdler);
+    // In the order in which they are joined: an idle loop ends with what it is beside.
+    add(m_crew.clients, &Workout::StepAsClient, steps);
+    add(m_crew.readers, &Workout::StepAsReader, steps);
+    add(m_crew.clearers, &Workout::Clear, steps);
+    add(m_crew.idlers, &Workout::StepAsIdler, kEndless);
 }
 
 void Workout::Join() {
-    for (std::thread& thread : m_threads) {
-        thread.join();
+    while (!m_threads.empty()) {
+        m_stop = m_stop || m_threads.size() <= m_crew.idlers;
+        m_threads.front().join();
+        m_threads.erase(m_threads.begin());
     }
-    m_threads.clear();
 }
 
 void Workout::Compare() {
@@ -189,7 +191,11 @@ void Workout::StepAsReader(Random& random) {
 void Workout::StepAsIdler(Random& /*random*/) {
     IK9eReplDS* source = nullptr;
     static_cast<IK9eReplStorage*>(m_handle)->GetDS(&source);
-    Expect(source->FlushOnIdle() == RC_OK, "FlushOnIdle");
+    const u32 rc = source->FlushOnIdle();
+    // In the middle of a transaction of another thread it does nothing.
+    Expect(rc == RC_OK || rc == RC_WRONG_STATE, "FlushOnIdle");
+    ++m_idled;
+    std::this_thread::yield();
 }
 
 Workout::Entries Workout::Insert(Random& random, u32 count) {

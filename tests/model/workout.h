@@ -37,7 +37,7 @@ class Workout {
     // Opens the storage, lets the threads work for `time`, closes it. Each round has settings of
     // its own. Ends early at the first problem.
     void Round(u32 number, std::chrono::milliseconds time);
-    // The same until each thread has done `steps` things, chosen by `seed`.
+    // The same until each thread but the idlers has done `steps` things, chosen by `seed`.
     void RoundOfSteps(u32 number, u32 steps, u64 seed);
     // Opens the storage again and compares it with the book; and once more, which must show the
     // same next and oldest revision; adds to it and compares again.
@@ -51,6 +51,7 @@ class Workout {
     u64 RolledBack() const { return m_rolledBack; }
     u64 Enumerated() const { return m_enumerated; }
     u64 Written() const { return m_written; }
+    u64 Idled() const { return m_idled; }
 
   private:
     using Entries = std::vector<std::pair<i64, u32>>;  // revision, user word
@@ -112,6 +113,7 @@ class Workout {
     std::atomic<u64> m_rolledBack{0};
     std::atomic<u64> m_enumerated{0};
     std::atomic<u64> m_written{0};
+    std::atomic<u64> m_idled{0};
 };
 
 }  // namespace k9erepl::model

@@ -41,7 +41,9 @@ std::string WorkAndCompare(GroupRun& run, u64 seed) {
     }
     run.Count("yields", YieldingCalls::Yields() - before);
     run.Count("committed", workout.Committed());
+    run.Count("cleared", workout.Cleared());
     run.Count("enumerated", workout.Enumerated());
+    run.Count("idle calls", workout.Idled());
     return workout.Problem();
 }
 
