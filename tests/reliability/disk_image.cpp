@@ -27,9 +27,8 @@ u64 HashOf(const void* data, std::size_t size) {
 
 // --- FileBytes
 
-std::size_t FileBytes::StoredSize() const {
-    const i64 end = std::min(m_far.End(), m_size);
-    return std::max(m_bytes.size(), static_cast<std::size_t>(end));
+i64 FileBytes::StoredSize() const {
+    return std::max(static_cast<i64>(m_bytes.size()), std::min(m_far.End(), m_size));
 }
 
 u32 FileBytes::Read(i64 offset, void* buffer, u32 size) const {
@@ -201,7 +200,7 @@ i64 DiskImage::UsedBytes(bool holesCount) const {
     i64 bytes = 0;
     for (const auto& [name, file] : m_names) {
         const FileBytes& content = *m_files.at(file);
-        const auto stored = static_cast<i64>(content.StoredSize());
+        const i64 stored = content.StoredSize();
         bytes += !files.insert(file).second ? 0 : holesCount ? content.Size() : stored;
     }
     return bytes;

@@ -25,7 +25,7 @@ class FileBytes {
   public:
     i64 Size() const { return m_size; }
     // Behind it everything is zero.
-    std::size_t StoredSize() const;
+    i64 StoredSize() const;
     // Bytes got; fewer than asked at the end.
     u32 Read(i64 offset, void* buffer, u32 size) const;
     void Write(i64 offset, const void* data, u32 size);

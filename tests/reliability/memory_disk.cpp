@@ -176,7 +176,7 @@ bool MemoryDisk::Fits(FileNumber file, i64 end, u32* sizeMax) {
         return true;
     }
     const FileBytes& bytes = m_image.At(file);
-    const i64 has = m_holesCount ? bytes.Size() : static_cast<i64>(bytes.StoredSize());
+    const i64 has = m_holesCount ? bytes.Size() : bytes.StoredSize();
     const i64 missing = end - has - std::max<i64>(m_capacity - m_image.UsedBytes(m_holesCount), 0);
     if (end <= has || missing <= 0) {
         return true;

@@ -11,7 +11,7 @@ namespace {
 constexpr u32 kPage = 4096;
 
 u32 StoredPages(const std::vector<std::shared_ptr<FileBytes>>& versions) {
-    std::size_t stored = 0;
+    i64 stored = 0;
     for (const auto& version : versions) {
         stored = std::max(stored, version->StoredSize());
     }
