@@ -71,15 +71,14 @@ std::string Workout::ConnString(u32 number) const {
 }
 
 void Workout::Open(const std::string& connString) {
-    Expect(K9eReplStorageOpen(connString.c_str(), &m_handle) == RC_OK, "opening");
-    Expect(K9eReplStorageSetOnFlushCallback(m_handle, &OnFlush, this) == RC_OK, "OnFlush");
-    Expect(K9eReplStorageSetOnWriteToFileCallback(m_handle, &OnWritten, this) == RC_OK,
-           "OnWriteToFile");
-    Expect(K9eReplStorageLoad(m_handle) == RC_OK, "loading");
+    ExpectOk(K9eReplStorageOpen(connString.c_str(), &m_handle), "opening");
+    ExpectOk(K9eReplStorageSetOnFlushCallback(m_handle, &OnFlush, this), "OnFlush");
+    ExpectOk(K9eReplStorageSetOnWriteToFileCallback(m_handle, &OnWritten, this), "OnWriteToFile");
+    ExpectOk(K9eReplStorageLoad(m_handle), "loading");
 }
 
 void Workout::Close() {
-    Expect(K9eReplStorageClose(std::exchange(m_handle, nullptr)) == RC_OK, "closing");
+    ExpectOk(K9eReplStorageClose(std::exchange(m_handle, nullptr)), "closing");
     Expect(m_writtenRev == m_flushedRev, "what was flushed is not written after the close");
 }
 
@@ -104,6 +103,8 @@ void Workout::RoundOfSteps(u32 number, u32 steps, u64 seed) {
 
 void Workout::Start(u64 seed, u64 steps) {
     m_stop = HasProblem();
+    // With mingw-w64 a lock of this kind lets two writers in when threads race to use it first.
+    { const std::unique_lock guard(m_transaction); }
     const auto add = [&](u32 count, Step step, u64 stepsOfEach) {
         for (; count > 0; --count) {
             m_threads.emplace_back([=, this] { Work(step, stepsOfEach, seed); });
@@ -141,15 +142,14 @@ Workout::Marks Workout::CompareOnce(bool adds) {
         return {};
     }
     Walk walk{.next = 0, .to = kHighestRev, .left = kEndless};
-    Expect(K9eReplStorageEnumRecords(m_handle, 0, kHighestRev, &OnRecord, &walk) == RC_OK,
-           "enumerating");
+    ExpectOk(K9eReplStorageEnumRecords(m_handle, 0, kHighestRev, &OnRecord, &walk), "enumerating");
     Expect(walk.isRight, "a record is not whole, or out of order");
     Expect(walk.seen == m_book, "the content is not what was committed");
     Marks marks;
     IK9eReplDS* source = nullptr;
     static_cast<IK9eReplStorage*>(m_handle)->GetDS(&source);
-    Expect(source->GetFirstRev(0, &marks.firstRev) == RC_OK, "GetFirstRev");
-    Expect(K9eReplStorageGetNextRev(m_handle, &marks.nextRev) == RC_OK, "GetNextRev");
+    ExpectOk(source->GetFirstRev(0, &marks.firstRev), "GetFirstRev");
+    ExpectOk(K9eReplStorageGetNextRev(m_handle, &marks.nextRev), "GetNextRev");
     if (adds) {
         Random random(m_committed);
         InsertAlone(random);
@@ -172,7 +172,7 @@ void Workout::StepAsClient(Random& random) {
         Clear(random);
     } else if (random.OneIn(200)) {
         // Waits for the writing thread, with the storage's lock held.
-        Expect(K9eReplStorageSetLifenum(m_handle, random.Below(1000)) == RC_OK, "SetLifenum");
+        ExpectOk(K9eReplStorageSetLifenum(m_handle, random.Below(1000)), "SetLifenum");
     } else if (random.OneIn(2)) {
         Transact(random);
     } else {
@@ -184,7 +184,7 @@ void Workout::StepAsReader(Random& random) {
     Enumerate(random);
     const i64 written = m_writtenRev;
     i64 nextRev = 0;
-    Expect(K9eReplStorageGetNextRev(m_handle, &nextRev) == RC_OK, "GetNextRev");
+    ExpectOk(K9eReplStorageGetNextRev(m_handle, &nextRev), "GetNextRev");
     Expect(nextRev > written, "the next revision is not above what is written");
 }
 
@@ -209,7 +209,7 @@ Workout::Entries Workout::Insert(Random& random, u32 count) {
         for (u32 place = 0; place < SizeOf(word); ++place) {
             record.data[place] = ByteOf(word, place);
         }
-        Expect(K9eReplStorageInsert(m_handle, &record) == RC_OK, "Insert");
+        ExpectOk(K9eReplStorageInsert(m_handle, &record), "Insert");
         entries.emplace_back(record.rev, word);
     }
     return entries;
@@ -222,13 +222,13 @@ void Workout::InsertAlone(Random& random) {
 
 void Workout::Transact(Random& random) {
     const std::unique_lock guard(m_transaction);
-    Expect(K9eReplStorageBeginTransaction(m_handle) == RC_OK, "BeginTransaction");
+    ExpectOk(K9eReplStorageBeginTransaction(m_handle), "BeginTransaction");
     const Entries entries = Insert(random, random.Below(12));
     if (random.OneIn(4)) {
-        Expect(K9eReplStorageRollback(m_handle) == RC_OK, "Rollback");
+        ExpectOk(K9eReplStorageRollback(m_handle), "Rollback");
         ++m_rolledBack;
     } else {
-        Expect(K9eReplStorageCommit(m_handle) == RC_OK, "Commit");
+        ExpectOk(K9eReplStorageCommit(m_handle), "Commit");
         Enter(entries);
     }
 }
@@ -237,13 +237,13 @@ void Workout::Clear(Random& random) {
     const std::unique_lock guard(m_transaction);
     const u32 mode = random.OneOf<u32>({0, 0, 0, 0, 0, 1, 2});
     i64 rev = 0;
-    Expect(K9eReplStorageGetNextRev(m_handle, &rev) == RC_OK, "GetNextRev");
+    ExpectOk(K9eReplStorageGetNextRev(m_handle, &rev), "GetNextRev");
     if (random.OneIn(20)) {
-        Expect(K9eReplStorageClearAll(m_handle, mode) == RC_OK, "ClearAll");
+        ExpectOk(K9eReplStorageClearAll(m_handle, mode), "ClearAll");
     } else {
         // Now and then the kept part is still on its way to the file.
         rev -= random.Below(random.OneIn(3) ? 10 : 2000);
-        Expect(K9eReplStorageClearOldRev(m_handle, rev, mode) == RC_OK, "ClearOldRev");
+        ExpectOk(K9eReplStorageClearOldRev(m_handle, rev, mode), "ClearOldRev");
     }
     EraseBelow(rev);
     ++m_cleared;
@@ -278,11 +278,21 @@ void Workout::EraseBelow(i64 rev) {
 
 void Workout::Expect(bool holds, const char* what) {
     if (!holds) {
-        const std::lock_guard guard(m_problemLock);
-        m_problem = m_hasProblem ? m_problem : what;
-        m_hasProblem = true;
-        m_stop = true;
+        Report(what);
     }
+}
+
+void Workout::ExpectOk(u32 rc, const char* what) {
+    if (rc != RC_OK) {
+        Report(what + (" answers " + std::to_string(rc)));
+    }
+}
+
+void Workout::Report(const std::string& problem) {
+    const std::lock_guard guard(m_problemLock);
+    m_problem = m_hasProblem ? m_problem : problem;
+    m_hasProblem = true;
+    m_stop = true;
 }
 
 std::string Workout::Problem() const {

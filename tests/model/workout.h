@@ -85,6 +85,8 @@ class Workout {
     void EraseBelow(i64 rev);
 
     void Expect(bool holds, const char* what);
+    void ExpectOk(u32 rc, const char* what);
+    void Report(const std::string& problem);
     bool HasProblem() const { return m_hasProblem; }
 
     static void K9EREPL_CALL OnFlush(i64 lastRev, void* workout);
