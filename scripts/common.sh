@@ -54,3 +54,10 @@ memory_folder() {
         echo "${TMPDIR:-/tmp}"
     fi
 }
+
+# wake_wine: starts Wine's own processes, which stay for a minute after the last program. Otherwise
+# the first program starts them, with its output, and what reads that waits for them to the end.
+wake_wine() {
+    WINEPREFIX="${WINEPREFIX:-$root/build/wine}" wineserver -p60 >/dev/null 2>&1 </dev/null || true
+    "$root/scripts/wine.sh" 'C:\windows\system32\cmd.exe' /c exit >/dev/null 2>&1 </dev/null
+}

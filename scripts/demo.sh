@@ -58,13 +58,22 @@ rate() {
     awk -v bytes="$1" -v s="$2" 'BEGIN { printf "%.0f MB/s", bytes / 1e6 / (s > 0 ? s : 0.05) }'
 }
 
+# path_of <file>: as the tool takes it; a Windows program takes a word that begins with / for an
+# option.
+path_of() {
+    case "$preset" in
+        windows-*) echo "Z:${1//\//\\}" ;;
+        *) echo "$1" ;;
+    esac
+}
+
 append_all() {
-    "${k9repl[@]}" append --create --conn "$conn" "$stream" >"$work/append.txt"
+    "${k9repl[@]}" append --create --conn "$conn" "$(path_of "$stream")" >"$work/append.txt"
 }
 
 # The library's own log tells whether the index was taken.
 stat_storage() {
-    K9SYS_LOG=k9eRepl-storage-idx=info K9SYS_LOG_FILE="$work/reopen.log" \
+    K9SYS_LOG=k9eRepl-storage-idx=info K9SYS_LOG_FILE="$(path_of "$work/reopen.log")" \
         "${k9repl[@]}" stat --conn "$conn" >"$work/stat.txt"
     grep -q 'Index file seems to be valid' "$work/reopen.log" ||
         fail "the storage was not reopened through its index: $(cat "$work/reopen.log")"
@@ -103,7 +112,8 @@ build_tool() {
     # A tree that has its tests keeps them.
     [ -f "$root/build/$preset/CMakeCache.txt" ] ||
         parts=(-DK9EREPL_BUILD_TESTS=OFF -DK9EREPL_BUILD_BENCH=OFF)
-    { configure "$preset" "${parts[@]}" -DK9EREPL_BUILD_TOOL=ON && build "$preset" k9repl; } >"$build_log" 2>&1 || {
+    { configure "$preset" "${parts[@]}" -DK9EREPL_BUILD_TOOL=ON &&
+        build "$preset" k9repl; } >"$build_log" 2>&1 || {
         tail -n 30 "$build_log" >&2
         fail "the build failed; all of its output is in $build_log"
     }
@@ -111,6 +121,7 @@ build_tool() {
 
 echo "building build/$preset (a minute or two the first time)"
 timed build_time build_tool
+[ "$needs" != windows ] || wake_wine
 
 work="$(mktemp -d "${TMPDIR:-/tmp}/k9repl-demo.XXXXXX")"
 cleanup() {
@@ -134,7 +145,7 @@ else
     make_stream "$stream"
 fi
 
-conn="file=$work/demo.edb;block_size=1048672;cache_type=Last20;flush_mode=PerTrans"
+conn="file=$(path_of "$work/demo.edb");block_size=1048672;cache_type=Last20;flush_mode=PerTrans"
 conn="$conn;flush_trans_num=10;file_size_delta=16"
 bytes="$(stat -c %s "$stream")"
 

@@ -41,13 +41,6 @@ rm -rf "$wine_temp"
 mkdir "$folder/temp"
 ln -s "$folder/temp" "$wine_temp"
 
-# wake_wine: starts Wine's own processes, which stay for a minute after the last program. Otherwise
-# the first test starts them, they keep its output open, and ctest waits for them to the very end.
-wake_wine() {
-    WINEPREFIX="${WINEPREFIX:-$root/build/wine}" wineserver -p60 >/dev/null 2>&1 </dev/null || true
-    "$root/scripts/wine.sh" 'C:\windows\system32\cmd.exe' /c exit >/dev/null 2>&1 </dev/null
-}
-
 # names_of <preset> [runner]: the tests of all its programs, sorted; parameters without their text.
 names_of() {
     local program runner="${2:-}"
