@@ -162,7 +162,7 @@ class BorderLife {
 
     // The first record lies at the border; a large one drives what lies there out of memory.
     Problem Append(model::StorageClient& client) {
-        const i64 gap = m_expected.nextRev + 1 + m_random.Below(1000);
+        const i64 gap = m_expected.nextRev + 2 + m_random.Below(1000);
         Problem problem = Insert(client, m_dataSize, nullptr);
         problem = problem.empty() ? Insert(client, 0, nullptr) : problem;
         problem = problem.empty() ? Insert(client, 1, &gap) : problem;
