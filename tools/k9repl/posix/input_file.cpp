@@ -10,17 +10,10 @@
 
 #include "interrupt_descriptor.h"
 #include "interrupts.h"
+#include "posix/last_error.h"
 #include "tool_error.h"
 
 namespace k9repl {
-
-namespace {
-
-std::error_code LastError() {
-    return {errno, std::generic_category()};
-}
-
-}  // namespace
 
 InputFile::InputFile(const std::string& path)
     : m_name(path == "-" ? std::string("standard input") : "'" + path + "'"),

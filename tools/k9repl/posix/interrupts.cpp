@@ -10,6 +10,7 @@
 #include <cerrno>
 
 #include "interrupt_descriptor.h"
+#include "posix/last_error.h"
 #include "tool_error.h"
 
 namespace k9repl {
@@ -20,7 +21,7 @@ std::atomic<int> g_signal{0};
 int g_wakePipe[2] = {-1, -1};
 static_assert(std::atomic<int>::is_always_lock_free, "a signal handler writes it");
 
-extern "C" void OnInterrupt(int signal) {
+extern "C" void OnSignal(int signal) {
     const int savedErrno = errno;
     g_signal.store(signal);
     // A full pipe wakes the reader as well.
@@ -39,11 +40,11 @@ void Handle(int signal, void (*handler)(int)) {
 
 void CatchInterrupts() {
     if (pipe2(g_wakePipe, O_CLOEXEC | O_NONBLOCK) != 0) {
-        throw SystemError("make a pipe for signals", {errno, std::generic_category()});
+        throw SystemError("make a pipe for signals", LastError());
     }
-    Handle(SIGINT, &OnInterrupt);
-    Handle(SIGTERM, &OnInterrupt);
-    Handle(SIGHUP, &OnInterrupt);
+    Handle(SIGINT, &OnSignal);
+    Handle(SIGTERM, &OnSignal);
+    Handle(SIGHUP, &OnSignal);
     struct sigaction ignored = {};
     ignored.sa_handler = SIG_IGN;
     sigaction(SIGPIPE, &ignored, nullptr);

@@ -10,14 +10,11 @@
 
 #include "interrupt_descriptor.h"
 #include "interrupts.h"
+#include "posix/last_error.h"
 
 namespace k9repl {
 
 namespace {
-
-std::error_code LastError() {
-    return {errno, std::generic_category()};
-}
 
 // Waits until a piece can be written; an interrupt comes first.
 std::error_code WaitForRoom() {
