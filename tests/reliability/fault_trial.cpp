@@ -25,6 +25,7 @@ constexpr u64 kTooLarge = 0x100000000;
 model::Settings SettingsOf(const TrialPlan& plan, model::Random& random) {
     model::Settings settings;
     settings.blockSize = random.OneOf<u32>({200, 400, 1024, 4096});
+    settings.blockSize = plan.blockSize > 0 ? plan.blockSize : settings.blockSize;
     settings.cacheBlocks = random.OneOf<u32>({0, 1, 2, 7});
     settings.flushThreshold = random.OneOf({1, 1, 1, 3});
     if (random.OneIn(5)) {

@@ -57,6 +57,7 @@ struct TrialPlan {
     bool commitBarrier = false;
     bool removes = true;       // clears and truncations, too
     bool preallocates = true;  // files may be sized and grown by MiBs
+    u32 blockSize = 0;         // 0: the seed says
     u32 recordSize = 0;        // bytes of data of every record; 0: the seed says
     std::string moreSettings;  // win; end with ';' unless empty
 };

@@ -20,8 +20,10 @@ namespace {
 constexpr u64 kCasesOfAGroup = 40;
 constexpr std::size_t kPoints = 1000;
 constexpr u32 kSmallRecord = 24;
-constexpr u32 kLargerRecord = 168;  // a run reaches over the end of a page now and then
-constexpr u32 kQuietCalls = 2;      // of the library: a second attempt goes through
+// A run of these reaches over the end of a page.
+constexpr u32 kLargeRecord = 1000;
+constexpr u32 kLargeBlock = 4096;
+constexpr u32 kQuietCalls = 2;  // of the library: a second attempt goes through
 constexpr u32 kSecondStamp = 0x10000000;
 
 // Flushes and writes of the storage file fail at random.
@@ -150,11 +152,13 @@ std::vector<CrashPoint> PointsOf(const History& history, u64 seed) {
 void RunGroup(GroupRun& run) {
     const SteadyCalls steady;
     MemoryDisk disk;
+    const bool large = run.Number() % 2 == 0;
     const TrialPlan plan{.operations = 40,
                          .forceFlush = true,
                          .commitBarrier = run.Number() % 3 == 0,
                          .removes = false,
-                         .recordSize = run.Number() % 2 == 0 ? kLargerRecord : kSmallRecord,
+                         .blockSize = large ? kLargeBlock : 0,
+                         .recordSize = large ? kLargeRecord : kSmallRecord,
                          .moreSettings = ""};
     TrialResult result;
     {
