@@ -20,9 +20,9 @@ namespace {
 constexpr u64 kCasesOfAGroup = 40;
 constexpr std::size_t kPoints = 1000;
 constexpr u32 kSmallRecord = 24;
-// A run of these reaches over the end of a page.
-constexpr u32 kLargeRecord = 1000;
-constexpr u32 kLargeBlock = 4096;
+// One of these has pages of its own, without a field that a load looks at.
+constexpr u32 kLargeRecord = 9000;
+constexpr u32 kLargeBlock = 16384;
 constexpr u32 kQuietCalls = 2;  // of the library: a second attempt goes through
 constexpr u32 kSecondStamp = 0x10000000;
 
@@ -81,10 +81,13 @@ class GhostHunt {
     GhostHunt(MemoryDisk& disk, const History& history, u64 seed)
         : m_disk(disk), m_history(history), m_random(seed) {}
 
-    Problem RunPowerCut(const CrashPoint& point) {
-        const StateRange range = m_history.AfterPowerCut(point.changes);
+    Problem RunPowerCut() {
+        const std::size_t created = m_history.marks.at(1).changes;
+        const std::size_t made =
+            created + m_random.Below(static_cast<u32>(m_history.changes.size() - created + 1));
+        const StateRange range = m_history.AfterPowerCut(made);
         PowerCut cut(m_history.base);
-        for (std::size_t done = 0; done < point.changes; ++done) {
+        for (std::size_t done = 0; done < made; ++done) {
             cut.Do(m_history.changes[done]);
         }
         const DiskImage image =
@@ -173,8 +176,7 @@ void RunGroup(GroupRun& run) {
         const CrashPoint& point = points[random.Below(static_cast<u32>(points.size()))];
         run.Case(number, [&] {
             GhostHunt hunt(disk, result.history, Mix(run.Seed(), number));
-            return plan.commitBarrier && number % 2 == 0 ? hunt.RunPowerCut(point)
-                                                         : hunt.Run(point);
+            return plan.commitBarrier && number % 2 == 0 ? hunt.RunPowerCut() : hunt.Run(point);
         });
     }
 }
