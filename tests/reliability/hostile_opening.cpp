@@ -95,6 +95,17 @@ class Judgement {
         });
     }
 
+    // The same of what has lost its links.
+    bool HasTooLargeLoosely(const SlowIndex& index) const {
+        return std::any_of(index.entries.begin(), index.entries.end(), [this](const auto& entry) {
+            const auto items =
+                WalkLoosely(m_hostile.files.storage, static_cast<std::size_t>(entry.offset));
+            return std::any_of(items.begin(), items.end(), [this](const SlowItem& item) {
+                return item.kind == ItemKind::kRecord && item.size > m_hostile.settings.blockSize;
+            });
+        });
+    }
+
     // Loaded from the offset of an index entry: what lies in front was not checked.
     bool IsPassedOver(Fate* fate) const {
         const SlowIndex index = ReadIndexSlowly(m_hostile.files.index);
@@ -109,15 +120,19 @@ class Judgement {
 
     bool IsLoadedFrom(const SlowScan& scan, const SlowIndex& index, Fate* fate) const {
         if (!m_opening.IsLoaded()) {
-            *fate = Fate::kTooLarge;
-            return m_opening.openResult == RC_OK && HasTooLarge(scan);
+            // A load that takes blocks out of memory again may meet what was passed over.
+            const bool tooLarge = HasTooLarge(scan) || HasTooLargeLoosely(index);
+            *fate = tooLarge ? Fate::kTooLarge : Fate::kReported;
+            return m_opening.openResult == RC_OK &&
+                   (tooLarge || m_opening.loadResult == RC_BAD_DATA);
         }
         const Seen shown = ShownBy(m_hostile.files.storage, scan, m_hostile.settings);
         *fate = m_opening.readResult != RC_OK ? Fate::kReported
                 : AreAllSeen(shown.records)   ? Fate::kPassedOver
                                               : Fate::kCutShort;
+        const bool nothingLeft = m_opening.seen.records.empty() && shown.records.empty();
         return m_opening.seen.nextRev == shown.nextRev &&
-               m_opening.seen.oldestRev == shown.oldestRev &&
+               (m_opening.seen.oldestRev == shown.oldestRev || nothingLeft) &&
                Known(index) == m_opening.seen.records;
     }
 
@@ -181,7 +196,8 @@ class GoingOn {
     }
 
     // Where an index leads past damage the next opening may begin at another place and find the
-    // damage: what is appended stays, or the whole file is read and ends at the damage.
+    // damage: what is appended stays, or the whole file is read and ends at the damage, or reading
+    // tells it.
     Problem RunBesideDamage(const MemoryDisk& disk) {
         Seen second;
         Seen expected;
@@ -191,7 +207,7 @@ class GoingOn {
         const Opening last = OpenAndRead(m_connString);
         const i64 appended = expected.nextRev - 1;
         const std::string bytes = FilesOf(disk.Image()).storage;
-        return last.seen.records.contains(appended) ||
+        return last.seen.records.contains(appended) || last.readResult == RC_BAD_DATA ||
                        last.seen == ShownBy(bytes, ScanSlowly(bytes), m_settings)
                    ? ""
                    : Differ("opened after appending beside damage", last, expected);
