@@ -206,7 +206,7 @@ std::string RemovalStage::State() const {
     std::string state;
     for (const std::string& name : Files()) {
         const std::string path = m_folder.File("work/" + name);
-        std::string bytes(fs::file_size(path), '\0');
+        std::string bytes(static_cast<std::size_t>(fs::file_size(path)), '\0');
         std::ifstream(path, std::ios::binary)
             .read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
         state += name + '/' + std::to_string(fs::hard_link_count(path)) + '/' +

@@ -9,7 +9,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     hostile.indexMayPassOver = true;
     hostile.settings = k9erepl::fuzz::SettingsOf(input.Byte());
     const bool mends = input.Byte() % 2 == 0;
-    hostile.files.index = input.Take(input.Number(2));
+    hostile.files.index = input.Take(static_cast<std::size_t>(input.Number(2)));
     hostile.files.storage = input.Rest();
     if (mends && hostile.files.index.size() >= 32) {
         k9erepl::reliability::MendChecksum(hostile.files.index);

@@ -110,7 +110,7 @@ const SlowItem* ItemAt(const Base& base, std::size_t at) {
 class Flip {
   public:
     Flip(MemoryDisk& disk, const Base& base, u64 bit)
-        : m_disk(disk), m_base(base), m_at(bit / 8), m_bytes(base.bytes) {
+        : m_disk(disk), m_base(base), m_at(static_cast<std::size_t>(bit / 8)), m_bytes(base.bytes) {
         m_bytes[m_at] = static_cast<char>(static_cast<u8>(m_bytes[m_at]) ^ 1U << bit % 8);
     }
 

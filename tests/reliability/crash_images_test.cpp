@@ -107,19 +107,20 @@ TEST(PowerCut, TakesNamesBackUntilTheDirectoryIsFlushed) {
 // --- States
 
 TEST(History, AllowsWhatAnOperationBeganOnlyWhileItRuns) {
+    using Range = std::pair<std::size_t, std::size_t>;
     History history;
     history.states.resize(3);
     history.marks = {{0, 0, 0, 0}, {2, 1, 1, 0}, {5, 2, 2, 2}};
     const auto range = [&](std::size_t at, bool part) {
         const StateRange states = history.AfterKill(at, part);
-        return std::pair(states.low, states.high);
+        return Range(states.low, states.high);
     };
-    EXPECT_EQ(range(0, false), std::pair(0UL, 0UL));
-    EXPECT_EQ(range(0, true), std::pair(0UL, 1UL));
-    EXPECT_EQ(range(1, false), std::pair(0UL, 1UL));
-    EXPECT_EQ(range(2, false), std::pair(1UL, 1UL));
-    EXPECT_EQ(range(4, true), std::pair(1UL, 2UL));
-    EXPECT_EQ(range(5, false), std::pair(2UL, 2UL));
+    EXPECT_EQ(range(0, false), Range(0, 0));
+    EXPECT_EQ(range(0, true), Range(0, 1));
+    EXPECT_EQ(range(1, false), Range(0, 1));
+    EXPECT_EQ(range(2, false), Range(1, 1));
+    EXPECT_EQ(range(4, true), Range(1, 2));
+    EXPECT_EQ(range(5, false), Range(2, 2));
     EXPECT_EQ(history.AfterPowerCut(4).low, 0UL);
     EXPECT_EQ(history.AfterPowerCut(5).low, 2UL);
 }

@@ -82,7 +82,8 @@ void RunGroup(GroupRun& run) {
     for (u64 number = 1; number <= calls; ++number) {
         run.Case(number, [&] {
             const u64 choice = Mix(run.Seed(), number);
-            const Trouble trouble{number, choice % kTroubles, choice / kTroubles % 2 == 1};
+            const Trouble trouble{number, static_cast<std::size_t>(choice % kTroubles),
+                                  choice / kTroubles % 2 == 1};
             GateFault fault(
                 disk,
                 [&](u64 call, const Attempt& attempt) { return trouble.Outcome(call, attempt); },
