@@ -82,15 +82,15 @@ class Judgement {
         }
         if (!m_opening.IsLoaded()) {
             *fate = Fate::kTooLarge;
-            return m_opening.openResult == RC_OK && HasTooLarge(scan);
+            return m_opening.openResult == RC_OK && HasTooLarge(scan.items);
         }
         *fate = Fate::kSame;
         return m_opening.readResult == RC_OK &&
                m_opening.seen == ShownBy(m_hostile.files.storage, scan, m_hostile.settings);
     }
 
-    bool HasTooLarge(const SlowScan& scan) const {
-        return std::any_of(scan.items.begin(), scan.items.end(), [this](const SlowItem& item) {
+    bool HasTooLarge(const std::vector<SlowItem>& items) const {
+        return std::any_of(items.begin(), items.end(), [this](const SlowItem& item) {
             return item.kind == ItemKind::kRecord && item.size > m_hostile.settings.blockSize;
         });
     }
@@ -98,11 +98,8 @@ class Judgement {
     // The same of what has lost its links.
     bool HasTooLargeLoosely(const SlowIndex& index) const {
         return std::any_of(index.entries.begin(), index.entries.end(), [this](const auto& entry) {
-            const auto items =
-                WalkLoosely(m_hostile.files.storage, static_cast<std::size_t>(entry.offset));
-            return std::any_of(items.begin(), items.end(), [this](const SlowItem& item) {
-                return item.kind == ItemKind::kRecord && item.size > m_hostile.settings.blockSize;
-            });
+            return HasTooLarge(
+                WalkLoosely(m_hostile.files.storage, static_cast<std::size_t>(entry.offset)));
         });
     }
 
@@ -121,7 +118,7 @@ class Judgement {
     bool IsLoadedFrom(const SlowScan& scan, const SlowIndex& index, Fate* fate) const {
         if (!m_opening.IsLoaded()) {
             // A load that takes blocks out of memory again may meet what was passed over.
-            const bool tooLarge = HasTooLarge(scan) || HasTooLargeLoosely(index);
+            const bool tooLarge = HasTooLarge(scan.items) || HasTooLargeLoosely(index);
             *fate = tooLarge ? Fate::kTooLarge : Fate::kReported;
             return m_opening.openResult == RC_OK &&
                    (tooLarge || m_opening.loadResult == RC_BAD_DATA);
