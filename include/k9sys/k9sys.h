@@ -92,7 +92,7 @@ K9SYS_API void K9SYS_CALL K9SysParserMemFree(void* memory);
 /* Registers a loaded module and its version with the statistics service.
  * module        handle of the module (on POSIX: any address inside it); null is the program
  * product, version   texts of the build
- * registration  receives an id, non-zero, that unregisters the module
+ * registration  receives an id, any number, that unregisters the module
  * name, nameSize     buffer that receives the module's file name; 255 bytes are usual
  * path, pathSize     buffer that receives the module's path; 260 bytes are usual
  * Texts are cut to fit and terminated; a null buffer receives nothing. Returns 0; 1 for no memory;
@@ -103,7 +103,8 @@ K9SYS_API uint32_t K9SYS_CALL K9MQStatSetBinaryModuleVersion(void* module, const
                                                              uint32_t* registration, char* name,
                                                              uint32_t nameSize, char* path,
                                                              uint32_t pathSize);
-/* An id that is not registered is ignored. */
+/* An id that is not registered is ignored. The library calls it once when it is unloaded, also when
+ * it could not be registered: with 0 then. */
 K9SYS_API void K9SYS_CALL K9MQStatUnregisterModule(uint32_t registration);
 
 /* ---------------------------------------------------------------------------------------------

@@ -12,16 +12,12 @@ ModuleRegistration::ModuleRegistration() {
     if (module == nullptr) {
         module = platform::ProcessModuleHandle();
     }
-    if (K9MQStatSetBinaryModuleVersion(module, "K9eReplStorage", K9EREPL_VERSION, &m_registration,
-                                       m_name, sizeof(m_name), m_path, sizeof(m_path)) != 0) {
-        m_registration = 0;
-    }
+    (void)K9MQStatSetBinaryModuleVersion(module, "K9eReplStorage", K9EREPL_VERSION, &m_registration,
+                                         m_name, sizeof(m_name), m_path, sizeof(m_path));
 }
 
 ModuleRegistration::~ModuleRegistration() {
-    if (m_registration != 0) {
-        K9MQStatUnregisterModule(m_registration);
-    }
+    K9MQStatUnregisterModule(m_registration);
 }
 
 }  // namespace k9erepl

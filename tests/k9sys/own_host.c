@@ -70,14 +70,14 @@ uint32_t K9MQStatSetBinaryModuleVersion(void* module, const char* product, const
     (void)module;
     (void)product;
     (void)version;
-    (void)registration;
+    *registration = 0; /* as good an id as any other */
     (void)name;
     (void)nameSize;
     (void)path;
     (void)pathSize;
-    return 16; /* not supported here */
+    return 0;
 }
 
 void K9MQStatUnregisterModule(uint32_t registration) {
-    (void)registration;
+    (void)fprintf(stderr, "host unregisters module %u\n", (unsigned)registration);
 }

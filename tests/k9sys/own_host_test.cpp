@@ -1,5 +1,7 @@
 // A host's own library in the place of the stand-in: a program that was linked against the stand-in
 // runs with own_host.c instead.
+#include <algorithm>
+
 #include "k9sys/child_fixture.h"
 
 namespace k9erepl::test {
@@ -37,6 +39,12 @@ TEST_F(OwnHost, IsAllThatTheStorageLibraryNeeds) {
     for (const std::string& line : lines) {
         EXPECT_EQ(line.substr(0, 5), "host ") << line;
     }
+}
+
+TEST_F(OwnHost, UnregistersTheModuleWithWhateverIdItGave) {
+    ASSERT_TRUE(RunProgram({K9SYS_OWN_HOST_CLIENT}));
+    const Lines lines = LinesOf(m_standardError);
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "host unregisters module 0"), 1);
 }
 
 }  // namespace k9erepl::test
