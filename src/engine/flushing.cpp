@@ -8,6 +8,7 @@
 #include "engine/repl_storage.h"
 #include "platform/clock.h"
 #include "support/log.h"
+#include "support/nested_timing.h"
 
 namespace k9erepl {
 
@@ -28,7 +29,7 @@ u32 CK9eReplStorage::FlushNow() {
 }
 
 u32 CK9eReplStorage::FlushToFile() {
-    m_timing.Start(m_timeFlush);
+    NestedTiming timing(m_timing, m_timeFlush, m_flushDepth);
     m_shrinkPending = false;
     if (HasFile()) {
         const FlushPolicy::Counted covered = m_policy.Now();
@@ -57,7 +58,7 @@ u32 CK9eReplStorage::FlushToFile() {
             NotifyFlushed(lastWritten);
         }
     }
-    m_timing.Stop(m_timeFlush);
+    timing.Stop();
     return RC_OK;
 }
 

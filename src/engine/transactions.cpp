@@ -4,6 +4,7 @@
 
 #include "engine/repl_storage.h"
 #include "support/log.h"
+#include "support/nested_timing.h"
 
 namespace k9erepl {
 
@@ -177,15 +178,9 @@ void CK9eReplStorage::NotifyFlushed(i64 lastRev) {
     if (!m_onFlush.IsSet()) {
         return;
     }
-    const bool outermost = m_onFlushDepth++ == 0;
-    if (outermost) {
-        m_timing.Start(m_timeOnFlushCb);
-    }
+    NestedTiming timing(m_timing, m_timeOnFlushCb, m_onFlushDepth);
     m_onFlush.Call(lastRev);
-    if (outermost) {
-        m_timing.Stop(m_timeOnFlushCb);
-    }
-    --m_onFlushDepth;
+    timing.Stop();
 }
 
 void CK9eReplStorage::SaveIndexIfGrown() {

@@ -56,6 +56,9 @@ void TimingSet::Start(u32 index) {
 void TimingSet::Stop(u32 index) {
     assert(index < m_counters.size());
     Counter& counter = m_counters[index];
+    if (counter.start == 0) {
+        return;
+    }
     counter.total += platform::PerformanceCounter() - counter.start;
     counter.start = 0;
     ++counter.count;

@@ -20,7 +20,8 @@ class TimingSet {
     u32 Register(const char* name);
 
     // Start begins an interval; a counter that runs already is logged and loses what it gathered.
-    // Stop ends it. Work that failed leaves its counter running; the next Start clears it.
+    // Stop ends it, and does nothing to a counter that does not run: a report in the middle of the
+    // interval has ended it. Work that failed leaves its counter running; the next Start clears it.
     // REQUIRES: index came from Register.
     void Start(u32 index);
     void Stop(u32 index);

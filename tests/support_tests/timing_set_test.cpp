@@ -205,6 +205,17 @@ TEST_F(TimingSetTest, MeasuringAndReportingAllocateNothing) {
     EXPECT_EQ(NewCallsOfThisThread(), before);
 }
 
+TEST_F(TimingSetTest, StoppingACounterThatDoesNotRunDoesNothing) {
+    TimingSet timing;
+    const u32 flush = timing.Register("Flush");
+    timing.Stop(flush);
+    EXPECT_EQ(Report(timing), "Flush: 0.00 mcs  ");
+    timing.Start(flush);
+    Report(timing);
+    timing.Stop(flush);
+    EXPECT_EQ(Report(timing), "Flush: 0.00 mcs  ");
+}
+
 TEST_F(TimingSetTest, RegisteringWithoutMemoryThrowsAndAddsNothing) {
     const std::string longName(100, 'n');
     bool struck = true;
