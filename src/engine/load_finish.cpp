@@ -37,7 +37,6 @@ u32 CK9eReplStorage::FinishLoad(i64 nextRevOfFile, CSolidStorage* file) {
             return rc;
         }
     }
-    m_loaded = true;
     return RC_OK;
 }
 

@@ -13,7 +13,9 @@ std::uint32_t CK9eReplStorage::Load() {
     if (State() == StorageState::kBroken) {
         return RC_WRONG_STATE;
     }
-    if (m_loaded || State() == StorageState::kOpen) {
+    // A storage whose flush failed has records in memory that the file has not: reading the file
+    // over them would lose those.
+    if (State() != StorageState::kClosed) {
         return RC_ALREADY;
     }
     u32 rc = RC_NO_MEMORY;
@@ -39,7 +41,6 @@ void CK9eReplStorage::AbandonLoad() {
     m_oldestRev = 0;
     m_flushedRev = 0;
     m_beginMoved = false;
-    m_loaded = false;
     SetState(StorageState::kClosed);
 }
 

@@ -237,7 +237,6 @@ class CK9eReplStorage final : public IK9eReplStorage {
     std::unique_ptr<IndexObject> m_index;  // null without a storage file
     TimingSet m_timing;
 
-    bool m_loaded = false;
     i64 m_loadedRev = 0;        // while loading: the record placed last
     i64 m_closedRev = 0;        // while loading: the last record with a commit block behind it
     i64 m_oldestRev = 0;        // the lowest revision that is still served

@@ -171,7 +171,6 @@ void CK9eReplStorage::Reset() {
     m_timing.Report();
     m_blocks.EraseAll();
     SetState(StorageState::kClosed);
-    m_loaded = false;
     m_nextRev = 1;
     m_rolledBack = false;
     m_transStartRev = 0;
