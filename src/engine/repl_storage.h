@@ -134,7 +134,7 @@ class CK9eReplStorage final : public IK9eReplStorage {
     u32 OpenLocked(const char* connStr);
     u32 OpenSolidStorage(const char* connStr);
     u32 OpenInMemory(const char* connStr);
-    u32 MakePool();
+    void MakePool();
     u32 MakeIndex(const char* connStr);
     u32 Break(u32 rc);
     void FlushForTheLastTime();
@@ -254,9 +254,9 @@ class CK9eReplStorage final : public IK9eReplStorage {
     bool m_shrinkPending = false;    // the last flush left more blocks than the cache may keep
     std::size_t m_indexedCount = 0;  // entries of the block index at the last save request
     FileWork m_fileWork = FileWork::kNone;
-    u32 m_flushDepth = 0;     // flushes that have not returned; a clear inside OnFlush flushes again
     bool m_clearing = false;  // a clear is under way: callbacks start no second one
-    u32 m_onFlushDepth = 0;   // calls of OnFlush that have not returned
+    u32 m_flushDepth = 0;    // flushes that have not returned; a clear inside OnFlush flushes again
+    u32 m_onFlushDepth = 0;  // calls of OnFlush that have not returned
     // What a failed flush has to take back; kept between flushes for its memory.
     struct FlushedPiece {
         K9eReplBlock* block;

@@ -47,9 +47,7 @@ u32 CK9eReplStorage::OpenLocked(const char* connStr) {
         return Break(rc);
     }
     m_settings.ReadMemoryReserve(connStr);
-    if (u32 rc = MakePool(); rc != RC_OK) {
-        return Break(rc);
-    }
+    MakePool();
     m_connStr = connStr;
     if (HasFile()) {
         if (u32 rc = MakeIndex(connStr); rc != RC_OK) {
@@ -101,19 +99,14 @@ u32 CK9eReplStorage::OpenInMemory(const char* connStr) {
     return RC_OK;
 }
 
-u32 CK9eReplStorage::MakePool() {
+void CK9eReplStorage::MakePool() {
     m_pool.SetBlockSize(m_settings.blockSize + kBlockOverhead);
-    if (!m_pool.SetMaxBlocks(m_settings.memoryReserve)) {
-        LOG_ERROR_CODE(RC_NO_MEMORY, kLogStorage, "Failed to reserve %u memory blocks",
-                       m_settings.memoryReserve);
-        return RC_NO_MEMORY;
-    }
+    m_pool.SetMaxBlocks(m_settings.memoryReserve);
     m_inserter.blocks = &m_blocks;
     m_inserter.capacity = m_settings.blockSize;
     if (HasFile()) {
         m_inserter.maxRecordSize = FileScan::kBufferSize;
     }
-    return RC_OK;
 }
 
 u32 CK9eReplStorage::MakeIndex(const char* connStr) {

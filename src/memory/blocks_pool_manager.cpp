@@ -5,7 +5,7 @@
 #include <cassert>
 #include <mutex>
 #include <new>
-#include <stdexcept>
+#include <utility>
 
 #include "platform/memory.h"
 #include "support/log.h"
@@ -13,25 +13,15 @@
 namespace k9erepl {
 
 CBlocksPoolManager::CBlocksPoolManager(u32 blockSize, u32 freeBlockLimit)
-    : m_blockSize(blockSize), m_freeBlockLimit(freeBlockLimit) {
-    m_free.reserve(freeBlockLimit);
-}
+    : m_blockSize(blockSize), m_freeBlockLimit(freeBlockLimit) {}
 
 CBlocksPoolManager::~CBlocksPoolManager() {
     FreeAll();
 }
 
-bool CBlocksPoolManager::SetMaxBlocks(u32 limit) {
+void CBlocksPoolManager::SetMaxBlocks(u32 limit) {
     const std::lock_guard guard(m_lock);
-    try {
-        m_free.reserve(limit);
-    } catch (const std::bad_alloc&) {
-        return false;
-    } catch (const std::length_error&) {
-        return false;
-    }
     m_freeBlockLimit = limit;
-    return true;
 }
 
 void* CBlocksPoolManager::AllocBlock() {
@@ -39,6 +29,7 @@ void* CBlocksPoolManager::AllocBlock() {
         LOG_INFO(kLogStorage, "Memory block allocated from pool");
         return pooled;
     }
+    assert(m_blockSize >= sizeof(FreeBlock));
     void* const fresh = platform::AllocMemory(m_blockSize);
     if (fresh == nullptr) {
         LOG_ERROR(kLogStorage, "Couldn't allocate memory for next block;block_size %u",
@@ -51,20 +42,20 @@ void* CBlocksPoolManager::AllocBlock() {
 
 void* CBlocksPoolManager::TakeFree() {
     const std::lock_guard guard(m_lock);
-    if (m_free.empty()) {
+    if (m_free == nullptr) {
         return nullptr;
     }
-    void* const block = m_free.back();
-    m_free.pop_back();
-    return block;
+    --m_freeCount;
+    return std::exchange(m_free, m_free->next);
 }
 
 void CBlocksPoolManager::ReleaseBlock(void* block) {
     assert(block != nullptr);
     {
         const std::lock_guard guard(m_lock);
-        if (m_free.size() < m_freeBlockLimit) {
-            m_free.push_back(block);
+        if (m_freeCount < m_freeBlockLimit) {
+            m_free = new (block) FreeBlock{m_free};
+            ++m_freeCount;
             return;
         }
     }
@@ -72,11 +63,9 @@ void CBlocksPoolManager::ReleaseBlock(void* block) {
 }
 
 void CBlocksPoolManager::FreeAll() {
-    const std::lock_guard guard(m_lock);
-    for (void* const block : m_free) {
+    while (void* const block = TakeFree()) {
         platform::FreeMemory(block);
     }
-    m_free.clear();
 }
 
 }  // namespace k9erepl

@@ -44,8 +44,9 @@ AsyncStorageWriter::AsyncStorageWriter(StorageFileState* state, const Options& o
         throw K9eStorageException(RC_SYSTEM_ERROR);
     }
     m_commitCopies.SetBlockSize(kCommitBlockSize);
+    m_commitCopies.SetMaxBlocks(kMostFreeCommitCopies);
     m_stopElem.reset(new (std::nothrow) CAsyncQueueElem{.type = AsyncElemType::kStop});
-    if (m_stopElem == nullptr || !m_commitCopies.SetMaxBlocks(kMostFreeCommitCopies)) {
+    if (m_stopElem == nullptr) {
         LOG_ERROR_CODE(RC_NO_MEMORY, kLogStorage, "malloc failed");
         throw K9eStorageException(RC_NO_MEMORY);
     }

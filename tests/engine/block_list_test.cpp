@@ -78,7 +78,7 @@ TEST(BlockList, ANewBlockIsInBothMapsWithAnUnknownOffset) {
 
 TEST(BlockList, ABlockFromThePoolShowsNothingOfItsFormerLife) {
     List blocks;
-    ASSERT_TRUE(blocks.pool.SetMaxBlocks(4));
+    blocks.pool.SetMaxBlocks(4);
     ASSERT_EQ(blocks.list.AddBlock(1), RC_OK);
     K9eReplBlock& used = blocks.At(1);
     used.used = 100;

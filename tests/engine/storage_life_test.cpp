@@ -76,6 +76,13 @@ TEST(Opening, ARefusedSettingEndsItAtOnce) {
                        "Failed to init storage;conn-str file=x;block_size=1;flush_timeout=0"}));
 }
 
+TEST(Opening, TheHighestLimitsReserveNothing) {
+    TestStorage storage("cache_type=Last4294967295;memory_reserve=2147483647;block_size=138");
+    storage.InsertMany(3);
+    storage.Reopen();
+    EXPECT_EQ(storage.Texts(), Numbered(3));
+}
+
 TEST(Opening, AMissingFileReturnsItsCode) {
     TestStorage storage("", Start::kNothing);
     const Strings errors = ErrorsOfOpening(storage, RC_SYSTEM_ERROR);

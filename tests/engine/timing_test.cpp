@@ -39,9 +39,8 @@ class NestedFlushTimes : public ::testing::Test {
     }
 
     const ScopedSystemCalls m_systemCalls;
-    const bool m_counterStands =
-        (SetPerformanceFrequency(kTicksPerMicrosecond * 1'000'000), SetPerformanceCounter(1000),
-         true);
+    const bool m_counterStands = (SetPerformanceFrequency(kTicksPerMicrosecond * 1'000'000),
+                                  SetPerformanceCounter(1000), true);
     LogCapture m_log{{"***TP***"}};
     Notified m_flushed;
     TestStorage m_storage{kFlushAlways};
@@ -53,8 +52,9 @@ TEST_F(NestedFlushTimes, OfAClearInOnFlushAreThoseOfTheOuterFlush) {
     InOnFlush([this] { EXPECT_EQ(m_storage.Clear(2, K9EREPL_CLEAR_LOGICAL), RC_OK); });
     m_storage.InsertCommitted({"one", "two", "three"});
     ExpectNoTimingError();
-    EXPECT_TRUE(ReportAtClose().starts_with("Flush: 50.00 mcs (2 x 25.00 mcs)  "
-                                            "OnFlushCb: 50.00 mcs  "))
+    EXPECT_TRUE(
+        ReportAtClose().starts_with("Flush: 50.00 mcs (2 x 25.00 mcs)  "
+                                    "OnFlushCb: 50.00 mcs  "))
         << m_log;
 }
 
@@ -65,8 +65,9 @@ TEST_F(NestedFlushTimes, OfRecordsThatAClearInOnFlushWritesAreNotCountedTwice) {
     });
     m_storage.InsertCommitted({"one", "two", "three"});
     ExpectNoTimingError();
-    EXPECT_TRUE(ReportAtClose().starts_with("Flush: 100.00 mcs (2 x 50.00 mcs)  "
-                                            "OnFlushCb: 100.00 mcs  "))
+    EXPECT_TRUE(
+        ReportAtClose().starts_with("Flush: 100.00 mcs (2 x 50.00 mcs)  "
+                                    "OnFlushCb: 100.00 mcs  "))
         << m_log;
 }
 
