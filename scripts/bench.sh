@@ -8,6 +8,9 @@
 # K9EREPL_BENCH_MAX_MB the largest file, in MB, that bench_clear makes (default: 4000).
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+for argument in "$@"; do
+    [[ "$argument" == --benchmark_* ]] || check_options "" "$argument"
+done
 
 programs=(append clear enumerate load)
 case "${1:-}" in

@@ -7,6 +7,7 @@
 # Exit status: 0 when nothing was found; each finding is a line "file:line: what is wrong".
 set -uo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+check_options "--quick" "$@"
 cd "$root" || exit 2
 
 file_lines_max=600

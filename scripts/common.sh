@@ -7,6 +7,27 @@ jobs="$(nproc 2>/dev/null || echo 2)"
 # Clones and work trees share what the compiler cache holds: paths count from the root.
 export CCACHE_BASEDIR="$root" CCACHE_NOHASHDIR=1
 
+# check_options <known options> "$@": the calling script's opening comment for --help; refuses an
+# option that is not among the known ones, which stand in one word, separated by blanks.
+check_options() {
+    local script="${BASH_SOURCE[1]}" known=" $1 " argument
+    shift
+    for argument in "$@"; do
+        case "$argument" in
+            -h | --help)
+                sed -n '2,${/^#/!q;s/^# \{0,1\}//p}' "$script"
+                exit 0
+                ;;
+            -*)
+                if [[ "$known" != *" $argument "* ]]; then
+                    echo "$(basename "$script"): unknown option '$argument'; --help tells" >&2
+                    exit 2
+                fi
+                ;;
+        esac
+    done
+}
+
 # What configures a tree for its tests.
 # shellcheck disable=SC2034  # the scripts that run tests use it
 with_tests=(-DK9EREPL_BUILD_TESTS=ON -DK9EREPL_JOIN_FILES=ON -DK9EREPL_BUILD_TOOL=ON)

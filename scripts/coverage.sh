@@ -7,6 +7,7 @@
 # the branches. The report by file and line lies in build/coverage/report/index.html.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+check_options "" "$@"
 
 least_lines=95
 least_branches=85

@@ -11,6 +11,7 @@
 # when fewer than two builds are there.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+check_options "" "$@"
 cd "$root"
 
 out=build/cross-read

@@ -12,6 +12,7 @@
 # /tmp), which it removes; KEEP=1 keeps it.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+check_options "--preset" "$@"
 
 least_bytes=$((100 * 1000 * 1000))
 

@@ -9,6 +9,7 @@
 # could not be planted (its lines are no longer in the source).
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+check_options "" "$@"
 
 preset=release
 tree="$root/build/$preset"

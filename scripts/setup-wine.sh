@@ -1,13 +1,17 @@
 #!/usr/bin/env bash
 # Makes Wine run 32- and 64-bit Windows programs on a 64-bit Debian 12, and lays down the Wine
 # prefix that scripts/wine.sh uses. Does nothing where both kinds run already. Called by
-# scripts/setup.sh windows; may be called by hand.
+# scripts/setup.sh windows; may be called by hand:
+#
+#   scripts/setup-wine.sh
 #
 # Exit status: 0 when both kinds of program run; 1 with one line on standard error that says why
 # they cannot. Needs root or sudo to install.
 set -euo pipefail
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
 source "$here/install.sh"
+source "$here/common.sh"
+check_options "" "$@"
 
 prefix="${WINEPREFIX:-$(dirname "$here")/build/wine}"
 loader32=/usr/lib/wine/wine

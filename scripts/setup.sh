@@ -7,6 +7,8 @@
 set -euo pipefail
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
 source "$here/install.sh"
+source "$here/common.sh"
+check_options "" "$@"
 
 tool_packages=(cmake ninja-build libcli11-dev libfmt-dev nlohmann-json3-dev)
 build_packages=("${tool_packages[@]}" g++)

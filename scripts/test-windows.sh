@@ -9,6 +9,7 @@
 # Windows programs, anything else when a build or a test failed.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+check_options "" "$@"
 
 posix_only="$root/tests/posix_only_tests.txt"
 presets=("$@")

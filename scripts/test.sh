@@ -7,6 +7,7 @@
 # Exit status: 0 when every test passed.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+check_options "" "${1:-}"  # what follows the preset is for ctest
 
 preset="${1:-release}"
 [ "$#" -gt 0 ] && shift

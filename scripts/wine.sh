@@ -5,6 +5,12 @@
 #
 #   scripts/wine.sh build/windows-x86/bin/k9repl.exe --help
 set -euo pipefail
+case "${1:-}" in
+    "" | -*)
+        source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+        check_options "" "${1:---help}"
+        ;;
+esac
 build="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)/build"
 export WINEPREFIX="${WINEPREFIX:-$build/wine}"
 export WINEDEBUG="${WINEDEBUG:--all}"
