@@ -66,8 +66,9 @@ TEST_F(ToolAppendFailure, ALongerLineIsNamedAndWhatCameBeforeIsStored) {
     const std::string conn = Conn("block_size=200");
     const std::string input = "one\ntwo\n" + std::string(177, 'x') + "\nfour\n";
     ExpectFailure(Run({"append", "--create", "--conn", conn}, input),
-                  "line 3 of standard input is longer than 176 bytes, the most that a record of "
-                  "this storage can have (block_size less 24); safely stored up to revision 2");
+                  "line 3 of standard input is longer than 176 bytes, the most that a record can "
+                  "have with block_size=200; give a block_size of the record's bytes and 24 more, "
+                  "at most 10485760; safely stored up to revision 2");
     EXPECT_EQ(Cat(), "one\ntwo\n");
 }
 
@@ -76,8 +77,9 @@ TEST_F(ToolAppendFailure, ALineWithoutEndIsRefusedBeforeItIsRead) {
     ChildProcess child(PipedOptions({"append", "--create", "--conn", conn}));
     child.Write(std::string(1000, 'x'));  // and the input stays open
     ExpectFailure(Finish(child),
-                  "line 1 of standard input is longer than 176 bytes, the most that a record of "
-                  "this storage can have (block_size less 24); nothing is stored");
+                  "line 1 of standard input is longer than 176 bytes, the most that a record can "
+                  "have with block_size=200; give a block_size of the record's bytes and 24 more, "
+                  "at most 10485760; nothing is stored");
 }
 
 TEST_F(ToolAppendFailure, ALineBeyondTheLargestRecordOfAFileIsRefused) {
@@ -87,15 +89,17 @@ TEST_F(ToolAppendFailure, ALineBeyondTheLargestRecordOfAFileIsRefused) {
     EXPECT_EQ(Run({"append", "--create", "--conn", conn}, fits).exitStatus, 0);
     ExpectFailure(Run({"append", "--conn", conn}, fits + "x"),
                   "line 1 of standard input is longer than 10485736 bytes, the most that a record "
-                  "of this storage can have (block_size less 24); safely stored up to revision 1");
+                  "of a storage file can have, whatever its block_size; cut it into smaller "
+                  "records; safely stored up to revision 1");
 }
 
 TEST_F(ToolAppendFailure, AHostileLengthIsRefused) {
     const std::string input("\x01\0\0\0a\xFF\xFF\xFF\xFF", 9);
     ExpectFailure(Append(input, {"--length-prefixed"}),
                   "record 2 of standard input, at byte 5, claims 4294967295 bytes, more than "
-                  "1048648, the most that a record of this storage can have (block_size less 24); "
-                  "safely stored up to revision 1");
+                  "1048648, the most that a record can have with block_size=1048672, the default; "
+                  "give a block_size of the record's bytes and 24 more, at most 10485760; safely "
+                  "stored up to revision 1");
     EXPECT_EQ(Cat(), "a\n");
 }
 

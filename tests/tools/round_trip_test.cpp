@@ -164,13 +164,13 @@ TEST_F(ToolRoundTrip, ManyBlocksComeBackFromDisk) {
 }
 
 TEST_F(ToolRoundTrip, EverythingIsStoredHoweverHighTheThresholds) {
-    const char* const settings[] = {"flush_trans_num=1000000", "flush_trans_num=-1",
+    const char* const settings[] = {"flush_mode=PerTrans;flush_trans_num=1000000",
+                                    "flush_mode=PerTrans;flush_trans_num=-1",
                                     "flush_mode=PerData;flush_data_size=1000000000"};
     std::string expected;
     for (const char* setting : settings) {
         const std::string mode = std::string(setting) + ";flush_timeout=3600000";
-        const ToolRun run =
-            Run({"append", "--create", "--conn", Conn("flush_mode=PerTrans;" + mode)}, "a\nb\n");
+        const ToolRun run = Run({"append", "--create", "--conn", Conn(mode)}, "a\nb\n");
         EXPECT_EQ(run.exitStatus, 0) << run;
         expected += "a\nb\n";
         EXPECT_EQ(Cat(), expected);

@@ -12,9 +12,6 @@ inline std::string InWords(int error) {
     return std::system_category().message(error) + " (system error " + std::to_string(error) + ")";
 }
 
-// The number of the error of a write into a pipe that nobody reads from.
-int BrokenPipeError();
-
 // How append tells that its input `folder` is a folder.
 std::string FolderAsInputFailure(const std::string& folder);
 

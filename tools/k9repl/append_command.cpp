@@ -21,9 +21,9 @@ namespace k9repl {
 namespace {
 
 std::unique_ptr<RecordReader> MakeReader(const AppendOptions& options, InputFile& input) {
-    const std::uint32_t sizeMax = RecordSizeMax(options.conn);
-    return options.lengthPrefixed ? MakeLengthPrefixedReader(input, sizeMax)
-                                  : MakeLineReader(input, sizeMax);
+    const RecordLimit limit = RecordLimitOf(options.conn);
+    return options.lengthPrefixed ? MakeLengthPrefixedReader(input, limit)
+                                  : MakeLineReader(input, limit);
 }
 
 InputState AppendAll(RecordReader& reader, AppendTransactions& transactions,
@@ -59,7 +59,8 @@ void PrintSummary(const AppendTotals& totals, double seconds) {
 class AppendRun {
   public:
     explicit AppendRun(const AppendOptions& options)
-        : m_storage(options.conn), m_transactions(m_storage, m_stored, options.perTrans) {
+        : m_storage(options.conn, Access::kWrite),
+          m_transactions(m_storage, m_stored, options.perTrans) {
         m_storage.RequireFile("appended to");
         m_stored.Watch(m_storage);
     }

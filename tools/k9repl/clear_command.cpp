@@ -23,7 +23,8 @@ bool Squeezes(ClearMode mode) {
 // One run of the command, from the loaded storage to its close.
 class ClearRun {
   public:
-    explicit ClearRun(const ClearOptions& options) : m_options(options), m_storage(options.conn) {
+    explicit ClearRun(const ClearOptions& options)
+        : m_options(options), m_storage(options.conn, Access::kWrite) {
         m_storage.RequireFile("done to");
         m_before = ReadFacts(m_storage);
         m_fileBefore = IdentityOf(m_storage.Path());
@@ -91,7 +92,7 @@ class ClearRun {
     // What is seen is worth more than what is promised.
     std::string Reopened() const {
         try {
-            const StorageHandle storage(m_options.conn);
+            const StorageHandle storage(m_options.conn, Access::kRead);
             const StorageFacts now = ReadFacts(storage);
             return fmt::format("the storage is whole, oldest revision {}, next revision {}",
                                now.oldestRev ? std::to_string(*now.oldestRev) : "none",

@@ -9,6 +9,7 @@
 #include <charconv>
 #include <cstdint>
 #include <limits>
+#include <sstream>
 #include <utility>
 #include <vector>
 
@@ -17,6 +18,8 @@
 #include "clear_command.h"
 #include "help_texts.h"
 #include "message.h"
+#include "output.h"
+#include "settings.h"
 #include "stat_command.h"
 #include "tool_error.h"
 #include "truncate_command.h"
@@ -55,7 +58,9 @@ CLI::Option* AddConn(CLI::App& command, std::string& conn) {
     return command
         .add_option("--conn", conn, "Connection string of the storage, such as 'file=log.edb'")
         ->required()
-        ->type_name("CONN");
+        ->type_name("CONN")
+        ->check(
+            CLI::Validator([](const std::string& given) { return WhatIsWrongWith(given); }, ""));
 }
 
 // The words that an option takes, and what they stand for.
@@ -164,7 +169,12 @@ CLI::App* AddTruncate(CLI::App& app, TruncateOptions& options) {
 // Prints the help that was asked for, or what is wrong with the command line.
 int Explain(const CLI::App& app, const CLI::ParseError& error) {
     if (error.get_exit_code() == kExitSuccess) {
-        return app.exit(error);
+        std::ostringstream help;
+        (void)app.exit(error, help, help);
+        Output output(OnInterrupt::kStop);
+        output.Write(help.str());
+        output.Finish();
+        return kExitSuccess;
     }
     const std::vector<CLI::App*> commands = app.get_subcommands();
     const std::string name = commands.empty() ? "k9repl" : "k9repl " + commands.front()->get_name();

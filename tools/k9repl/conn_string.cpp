@@ -1,6 +1,8 @@
 // Finds settings in a connection string.
 #include "conn_string.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <limits>
 
@@ -13,7 +15,6 @@ constexpr std::string_view kBlanks = " \t";
 constexpr std::string_view kMemoryOnly = ":memory:";
 constexpr std::uint32_t kBlockSizeDefault = 1048672;
 constexpr std::uint32_t kRecordHeadSize = 24;
-constexpr std::uint32_t kFileRecordSizeMax = 10485760;  // head included
 
 std::string_view WithoutLeading(std::string_view text) {
     return text.substr(std::min(text.find_first_not_of(kBlanks), text.size()));
@@ -36,7 +37,27 @@ std::uint32_t ToNumber(std::string_view text) {
     return static_cast<std::uint32_t>(number);
 }
 
+std::string_view WithoutTrailing(std::string_view text) {
+    return text.substr(0, text.find_last_not_of(kBlanks) + 1);
+}
+
 }  // namespace
+
+std::vector<ConnItem> ConnItems(std::string_view conn) {
+    std::vector<ConnItem> items;
+    while (!conn.empty()) {
+        const std::size_t itemSize = std::min(conn.find_first_of(kSeparators), conn.size());
+        const std::string_view item = conn.substr(0, itemSize);
+        const std::size_t keySize = std::min(item.find('='), item.size());
+        const std::string_view key = WithoutTrailing(WithoutLeading(item.substr(0, keySize)));
+        const std::size_t valueAt = std::min(keySize + 1, item.size());
+        if (!key.empty() || keySize < item.size()) {
+            items.push_back({key, WithoutLeading(item.substr(valueAt))});
+        }
+        conn.remove_prefix(std::min(itemSize + 1, conn.size()));
+    }
+    return items;
+}
 
 std::string ConnValue(std::string_view conn, std::string_view key) {
     while (!conn.empty()) {
@@ -52,6 +73,15 @@ std::string ConnValue(std::string_view conn, std::string_view key) {
     }
     return {};
 }
+
+namespace {
+
+std::uint32_t BlockSize(std::string_view conn) {
+    const std::string given = ConnValue(conn, "block_size");
+    return given.empty() ? kBlockSizeDefault : ToNumber(given);
+}
+
+}  // namespace
 
 std::string StoragePath(std::string_view conn) {
     return ConnValue(conn, "file");
@@ -75,11 +105,22 @@ std::string IndexPath(std::string_view conn) {
     return dot + 1 == path.size() ? path + "edb-idx" : path + "-idx";
 }
 
-std::uint32_t RecordSizeMax(std::string_view conn) {
-    const std::string given = ConnValue(conn, "block_size");
-    const std::uint32_t blockSize = given.empty() ? kBlockSizeDefault : ToNumber(given);
-    const std::uint32_t recordSize = std::min(blockSize, kFileRecordSizeMax);
-    return recordSize > kRecordHeadSize ? recordSize - kRecordHeadSize : 0;
+std::string BlockSizeInWords(std::string_view conn) {
+    const bool given = !ConnValue(conn, "block_size").empty();
+    return fmt::format("block_size={}{}", BlockSize(conn), given ? "" : ", the default");
+}
+
+RecordLimit RecordLimitOf(std::string_view conn) {
+    const std::uint32_t recordSize = std::min(BlockSize(conn), kFileRecordSizeMax);
+    const std::uint32_t dataSize = recordSize > kRecordHeadSize ? recordSize - kRecordHeadSize : 0;
+    if (recordSize == kFileRecordSizeMax) {
+        return {dataSize,
+                "the most that a record of a storage file can have, whatever its block_size; cut "
+                "it into smaller records"};
+    }
+    return {dataSize, fmt::format("the most that a record can have with {}; give a block_size of "
+                                  "the record's bytes and 24 more, at most {}",
+                                  BlockSizeInWords(conn), kFileRecordSizeMax)};
 }
 
 }  // namespace k9repl

@@ -11,12 +11,15 @@ inline constexpr const char* kMainHelp =
 inline constexpr const char* kMainFooter = R"(
 A storage is named and configured by a connection string, items KEY=VALUE separated by ';':
   file=PATH                 the storage file; the index file lies beside it
-  block_size=BYTES          memory block; a record has at most BYTES-24 of data (default 1048672)
-  flush_trans_num=N         transactions a flush (default 10)
+  block_size=BYTES          memory block; a new record has at most BYTES-24 of data (default
+                            1048672); commands that only read take larger ones as they come
+  flush_mode=PerTrans;flush_trans_num=N
+                            transactions a flush (default 10)
   force_flush=yes           each flush reaches the disk, not only the system (default no)
   cache_type=AllInMem;flush_mode=NoFlush;file=PATH
                             only looks: reads the file into memory and writes nothing
-docs/configuration.md has all of them. Put the string in quotes: a shell splits it at ';'.
+docs/configuration.md has all of them. Put the string in quotes: a shell splits it at ';'. A key or
+word that is unknown, given twice or without effect is refused (status 2).
 
 Examples:
   k9repl append --create --conn 'file=/tmp/log.edb' /var/log/dpkg.log
@@ -27,7 +30,7 @@ Examples:
   k9repl COMMAND --help
 
 Exit status: 0 success, 1 failure, 2 wrong command line, 128+N interrupted by signal N; verify has
-more of its own.
+more of its own. A reader that goes away (k9repl cat ... | head) is no failure.
 The cause of a failure is told on standard error. K9SYS_LOG=info prints the library's log there.)";
 
 inline constexpr const char* kAppendHelp = "Appends records from a file or a pipe to a storage";

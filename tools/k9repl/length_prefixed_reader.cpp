@@ -23,8 +23,8 @@ std::uint32_t LoadLittleEndian(std::string_view bytes) {
 
 class LengthPrefixedReader : public RecordReader {
   public:
-    LengthPrefixedReader(InputFile& file, std::uint32_t sizeMax)
-        : m_input(file), m_sizeMax(sizeMax) {}
+    LengthPrefixedReader(InputFile& file, const RecordLimit& limit)
+        : m_input(file), m_limit(limit) {}
 
     InputState Next(std::string_view* data) override;
 
@@ -35,7 +35,7 @@ class LengthPrefixedReader : public RecordReader {
     [[noreturn]] void FailCutOff(const std::string& what) const;
 
     InputBuffer m_input;
-    std::uint32_t m_sizeMax;
+    const RecordLimit m_limit;
     std::uint64_t m_record = 1;  // number of the record that is being read
     std::uint64_t m_offset = 0;  // of its length in the input
 };
@@ -74,11 +74,10 @@ InputState LengthPrefixedReader::Need(std::size_t size) {
 }
 
 void LengthPrefixedReader::CheckLength(std::uint32_t length) const {
-    if (length > m_sizeMax) {
-        throw ToolError(fmt::format(
-            "record {} of {}, at byte {}, claims {} bytes, more than {}, the most that a record of "
-            "this storage can have (block_size less 24)",
-            m_record, m_input.FileName(), m_offset, length, m_sizeMax));
+    if (length > m_limit.dataSizeMax) {
+        throw ToolError(
+            fmt::format("record {} of {}, at byte {}, claims {} bytes, more than {}, {}", m_record,
+                        m_input.FileName(), m_offset, length, m_limit.dataSizeMax, m_limit.reason));
     }
 }
 
@@ -89,8 +88,8 @@ void LengthPrefixedReader::FailCutOff(const std::string& what) const {
 
 }  // namespace
 
-std::unique_ptr<RecordReader> MakeLengthPrefixedReader(InputFile& file, std::uint32_t sizeMax) {
-    return std::make_unique<LengthPrefixedReader>(file, sizeMax);
+std::unique_ptr<RecordReader> MakeLengthPrefixedReader(InputFile& file, const RecordLimit& limit) {
+    return std::make_unique<LengthPrefixedReader>(file, limit);
 }
 
 }  // namespace k9repl

@@ -13,7 +13,7 @@ namespace {
 
 class LineReader : public RecordReader {
   public:
-    LineReader(InputFile& file, std::uint32_t sizeMax) : m_input(file), m_sizeMax(sizeMax) {}
+    LineReader(InputFile& file, const RecordLimit& limit) : m_input(file), m_limit(limit) {}
 
     InputState Next(std::string_view* data) override;
 
@@ -22,7 +22,7 @@ class LineReader : public RecordReader {
     void CheckSize(std::size_t lineSize) const;
 
     InputBuffer m_input;
-    std::uint32_t m_sizeMax;
+    const RecordLimit m_limit;
     std::uint64_t m_line = 1;  // number of the line that is being read
 };
 
@@ -55,18 +55,16 @@ InputState LineReader::Take(std::size_t lineSize, std::size_t newlineSize, std::
 }
 
 void LineReader::CheckSize(std::size_t lineSize) const {
-    if (lineSize > m_sizeMax) {
-        throw ToolError(
-            fmt::format("line {} of {} is longer than {} bytes, the most that a record of this "
-                        "storage can have (block_size less 24)",
-                        m_line, m_input.FileName(), m_sizeMax));
+    if (lineSize > m_limit.dataSizeMax) {
+        throw ToolError(fmt::format("line {} of {} is longer than {} bytes, {}", m_line,
+                                    m_input.FileName(), m_limit.dataSizeMax, m_limit.reason));
     }
 }
 
 }  // namespace
 
-std::unique_ptr<RecordReader> MakeLineReader(InputFile& file, std::uint32_t sizeMax) {
-    return std::make_unique<LineReader>(file, sizeMax);
+std::unique_ptr<RecordReader> MakeLineReader(InputFile& file, const RecordLimit& limit) {
+    return std::make_unique<LineReader>(file, limit);
 }
 
 }  // namespace k9repl

@@ -25,7 +25,7 @@ void Output::Finish() {
     if (m_error == std::errc::interrupted) {
         throw InterruptError();
     }
-    if (m_error) {
+    if (m_error && !ReaderIsGone()) {
         throw SystemError("write to standard output", m_error);
     }
 }

@@ -1,5 +1,5 @@
-// Standard output with its failures: a full disk or a reader that went away is an error, never a
-// silently shorter output. Used by every command.
+// Standard output with its failures: a full disk is an error, never a silently shorter output. A
+// reader that has read enough and gone away (cat | head) is none. Used by every command.
 #ifndef K9EREPL_K9REPL_OUTPUT_H
 #define K9EREPL_K9REPL_OUTPUT_H
 
@@ -20,9 +20,12 @@ class Output {
     // False once a write has failed; what follows is dropped.
     bool Write(std::string_view text);
 
-    // Writes what is still held. Throws ToolError when this or an earlier write failed or was
+    // Writes what is held. Throws ToolError when this or an earlier write failed or was
     // interrupted. Without it nothing is promised.
     void Finish();
+
+    // True once a write has found that nobody reads any more. What follows is dropped.
+    bool ReaderIsGone() const { return m_error == std::errc::broken_pipe; }
 
   private:
     bool WriteOut();

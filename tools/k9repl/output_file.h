@@ -12,7 +12,8 @@ enum class OnInterrupt {
     kFinish,  // everything is written all the same
 };
 
-// Writes all of `bytes`, or returns why not all were written. SIGPIPE must be ignored.
+// Writes all of `bytes`, or returns why not all were written; errc::broken_pipe when nobody reads
+// them any more. SIGPIPE must be ignored.
 std::error_code WriteToStandardOutput(std::string_view bytes, OnInterrupt onInterrupt);
 
 }  // namespace k9repl

@@ -2,10 +2,10 @@
 #ifndef K9EREPL_K9REPL_RECORD_READER_H
 #define K9EREPL_K9REPL_RECORD_READER_H
 
-#include <cstdint>
 #include <memory>
 #include <string_view>
 
+#include "conn_string.h"
 #include "input_file.h"
 
 namespace k9repl {
@@ -20,12 +20,12 @@ class RecordReader {
 };
 
 // Each line is a record, without its newline. Bytes behind the last newline are a record too. A
-// line of more than `sizeMax` bytes is an error.
-std::unique_ptr<RecordReader> MakeLineReader(InputFile& file, std::uint32_t sizeMax);
+// line of more bytes than the limit is an error.
+std::unique_ptr<RecordReader> MakeLineReader(InputFile& file, const RecordLimit& limit);
 
-// Each record is its length, 32 bits in little-endian order, and its bytes. A length above
-// `sizeMax` and an input that ends inside a record are errors.
-std::unique_ptr<RecordReader> MakeLengthPrefixedReader(InputFile& file, std::uint32_t sizeMax);
+// Each record is its length, 32 bits in little-endian order, and its bytes. A length above the
+// limit and an input that ends inside a record are errors.
+std::unique_ptr<RecordReader> MakeLengthPrefixedReader(InputFile& file, const RecordLimit& limit);
 
 }  // namespace k9repl
 

@@ -89,7 +89,7 @@ std::string AsText(const std::vector<Fact>& facts) {
 }  // namespace
 
 int RunStat(const StatOptions& options) {
-    const StorageHandle storage(options.conn);
+    const StorageHandle storage(options.conn, Access::kRead);
     const std::vector<Fact> facts = Gather(storage, options.conn);
     Output output(OnInterrupt::kStop);
     output.Write(options.json ? AsJson(facts) : AsText(facts));

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "conn_string.h"
+#include "library_log.h"
 #include "result_names.h"
 #include "squeeze_files.h"
 #include "tool_error.h"
@@ -38,6 +39,23 @@ void ExplainMissingFile(const std::string& path, std::uint32_t code) {
     throw ToolError(fmt::format("{} ({})", sentence, DescribeResult(code)));
 }
 
+// `conn` with blocks that every record fits into. The first item with a key wins. Fewer of them
+// are kept in memory, unless `conn` says how many.
+std::string WithLargeBlocks(const std::string& conn) {
+    const std::string fewer = ConnValue(conn, "cache_type").empty() ? "cache_type=Last10;" : "";
+    return fmt::format("block_size={};{}{}", kFileRecordSizeMax, fewer, conn);
+}
+
+ToolError LoadError(const std::string& conn, const std::string& name, std::uint32_t code) {
+    const ToolError error = LibraryError("load " + name, code);
+    const std::string text = error.what();
+    if (text.find("exceeds free block size") == std::string::npos) {
+        return error;
+    }
+    return ToolError(fmt::format("{}; give more than {}: with block_size={} every record fits",
+                                 text, BlockSizeInWords(conn), kFileRecordSizeMax));
+}
+
 }  // namespace
 
 void CreateStorage(const std::string& conn) {
@@ -51,10 +69,18 @@ void CreateStorage(const std::string& conn) {
     }
 }
 
-StorageHandle::StorageHandle(const std::string& conn)
+StorageHandle::StorageHandle(const std::string& conn, Access access)
     : m_path(StoragePath(conn)), m_name(NameOf(m_path)) {
     Open(conn);
-    Load();
+    std::uint32_t code = Load();
+    if (code == RC_INVALID_ARG && access == Access::kRead) {
+        (void)LibraryLog::Instance().TakeFirst();
+        Open(WithLargeBlocks(conn));
+        code = Load();
+    }
+    if (code != RC_OK) {
+        throw LoadError(conn, m_name, code);
+    }
 }
 
 StorageHandle::~StorageHandle() {
@@ -68,12 +94,13 @@ void StorageHandle::Open(const std::string& conn) {
     }
 }
 
-void StorageHandle::Load() {
-    if (const std::uint32_t code = K9eReplStorageLoad(m_handle)) {
+std::uint32_t StorageHandle::Load() {
+    const std::uint32_t code = K9eReplStorageLoad(m_handle);
+    if (code != RC_OK) {
         Close();
         ExplainMissingFile(m_path, code);
-        throw LibraryError("load " + m_name, code);
     }
+    return code;
 }
 
 void StorageHandle::Close() {

@@ -14,9 +14,14 @@ namespace k9repl {
 // backup of the missing file waits to be put in its place.
 void CreateStorage(const std::string& conn);
 
+enum class Access {
+    kWrite,
+    kRead,  // with blocks as large as the file's records need, whatever block_size says
+};
+
 class StorageHandle {
   public:
-    explicit StorageHandle(const std::string& conn);
+    StorageHandle(const std::string& conn, Access access);
     ~StorageHandle();
     StorageHandle(const StorageHandle&) = delete;
     StorageHandle& operator=(const StorageHandle&) = delete;
@@ -38,7 +43,8 @@ class StorageHandle {
 
   private:
     void Open(const std::string& conn);
-    void Load();
+    // Returns the library's code; throws where the file is missing.
+    std::uint32_t Load();
 
     std::string m_path;
     std::string m_name;

@@ -37,7 +37,7 @@ int RunTruncate(const TruncateOptions& options) {
     if (!options.yes) {
         AskFirst(StoragePath(options.conn));
     }
-    StorageHandle storage(options.conn);
+    StorageHandle storage(options.conn, Access::kWrite);
     storage.RequireFile("done to");
     const StorageFacts before = ReadFacts(storage);
     ThrowIfInterrupted("; nothing was changed");

@@ -49,9 +49,9 @@ TEST_F(ToolAppendFailure, AFullDiskTellsTheLastRevisionThatIsStored) {
 // The write that fails may have stored some of its transactions all the same.
 TEST_F(ToolAppendFailure, AFullDiskIsToldByWhateverFollowsTheQueuedWrite) {
     m_fileSizeMax = 10000;
-    const ToolRun run =
-        Run({"append", "--create", "--per-trans", "10", "--conn", "async_mode=yes;" + Conn()},
-            ManyRecords());
+    const ToolRun run = Run({"append", "--create", "--per-trans", "10", "--conn",
+                             "async_mode=yes;file=" + StorageFile()},
+                            ManyRecords());
     EXPECT_EQ(run.exitStatus, 1) << run;
     EXPECT_NE(run.err.find("Cannot write data;sys-err 27 (File too large)"), std::string::npos)
         << run;

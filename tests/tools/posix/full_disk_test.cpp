@@ -17,6 +17,15 @@ TEST_F(ToolFullDisk, CatToAFullDiskFails) {
               "(system error 28)\n");
 }
 
+TEST_F(ToolFullDisk, HelpToAFullDiskFails) {
+    m_outputPath = "/dev/full";
+    const ToolRun run = Run({"cat", "--help"});
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_EQ(run.err,
+              "k9repl: cannot write to standard output: No space left on device (system error "
+              "28)\n");
+}
+
 }  // namespace
 
 }  // namespace k9erepl::test

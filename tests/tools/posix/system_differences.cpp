@@ -5,10 +5,6 @@
 
 namespace k9erepl::test {
 
-int BrokenPipeError() {
-    return EPIPE;
-}
-
 // Opening it succeeds.
 std::string FolderAsInputFailure(const std::string& folder) {
     return "cannot read the input '" + folder + "': " + InWords(EISDIR) + "; nothing is stored";

@@ -6,10 +6,6 @@
 
 namespace k9erepl::test {
 
-int BrokenPipeError() {
-    return ERROR_NO_DATA;
-}
-
 std::string FolderAsInputFailure(const std::string& folder) {
     return "cannot open the input '" + folder + "': " + InWords(ERROR_ACCESS_DENIED);
 }

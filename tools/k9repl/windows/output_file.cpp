@@ -16,7 +16,15 @@ std::error_code WriteToStandardOutput(std::string_view bytes, OnInterrupt onInte
     } else if (!RunUnlessInterrupted(&WriteAll, transfer)) {
         return std::make_error_code(std::errc::interrupted);
     }
-    return transfer->error == NO_ERROR ? std::error_code() : SystemErrorCode(transfer->error);
+    switch (transfer->error) {
+        case NO_ERROR:
+            return {};
+        case ERROR_BROKEN_PIPE:
+        case ERROR_NO_DATA:
+            return std::make_error_code(std::errc::broken_pipe);
+        default:
+            return SystemErrorCode(transfer->error);
+    }
 }
 
 }  // namespace k9repl
