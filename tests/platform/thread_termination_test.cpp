@@ -52,6 +52,15 @@ TEST_F(Termination, EndsAThreadThatWasNeverResumed) {
     EXPECT_FALSE(m_reached);
 }
 
+// Each may still be about to be set up by the system.
+TEST_F(Termination, EndsThreadsThatWereJustCreated) {
+    for (u32 round = 0; round < 500; ++round) {
+        TestThread thread([&] { m_reached = true; });
+        ASSERT_TRUE(thread->Terminate(kExitCode)) << "round " << round;
+    }
+    EXPECT_FALSE(m_reached);
+}
+
 TEST_F(Termination, OfAThreadThatHasEndedIsFine) {
     TestThread thread([&] { m_reached = true; });
     ASSERT_TRUE(thread->Resume() && Eventually([&] { return m_reached.load(); }));

@@ -16,9 +16,11 @@ namespace {
 
 // How far a thread has come. Windows stops a thread wherever it is, and one that is about to begin
 // or to end holds the loader's lock and the heap's: nobody could load, allocate or end any more.
-// A thread is therefore stopped only before it was resumed and inside its body; whoever brings
-// the progress to kStopped decides.
+// A thread is therefore stopped inside its body only, and one that has not come there leaves
+// without it; whoever brings the progress to kStopped decides.
 enum class Progress { kSuspended, kResumed, kInBody, kLeaving, kStopped };
+
+constexpr auto kResumeFailed = static_cast<DWORD>(-1);
 
 // Shared by the thread and its owner; the last of the two deletes it. The owner of a joined thread
 // deletes it at once, for a terminated thread never gives its share back.
@@ -88,10 +90,9 @@ bool ThreadSetAffinity(void* thread, u64 mask) {
 }
 
 bool ThreadResume(void* thread) {
-    constexpr auto kFailed = static_cast<DWORD>(-1);
     ThreadRecord& record = RecordOf(thread);
     Advance(record, Progress::kSuspended, Progress::kResumed);
-    if (ResumeThread(record.thread) != kFailed) {
+    if (ResumeThread(record.thread) != kResumeFailed) {
         return true;
     }
     Advance(record, Progress::kResumed, Progress::kSuspended);
@@ -111,8 +112,12 @@ bool ThreadTerminate(void* thread, u32 exitCode) {
     if (Advance(record, Progress::kResumed, Progress::kStopped)) {
         return true;  // it leaves without its body
     }
-    if (!Advance(record, Progress::kSuspended, Progress::kStopped) &&
-        !Advance(record, Progress::kInBody, Progress::kStopped)) {
+    if (Advance(record, Progress::kSuspended, Progress::kStopped)) {
+        // It must run to leave. The system may still be setting it up: stopped there, it takes the
+        // whole process with it under 32-bit Wine.
+        return ResumeThread(record.thread) != kResumeFailed;
+    }
+    if (!Advance(record, Progress::kInBody, Progress::kStopped)) {
         return true;  // it is on its way out, or was stopped before
     }
     return TerminateThread(record.thread, exitCode) != FALSE;
