@@ -128,11 +128,13 @@ K9EREPL_API void K9EREPL_CALL K9eReplStorageCleanup(void);
  * flags: 0    the file must not exist yet
  *        0x1  replace an existing file, and delete its index file
  *        0x2  leave an existing file exactly as it is, whatever it holds
+ * A file that is open for writing anywhere is not replaced: RC_SYSTEM_ERROR, nothing is changed.
  * Errors: RC_INVALID_ARG without "file", RC_PATH_TOO_LONG, RC_NO_MEMORY, RC_SYSTEM_ERROR. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageCreate(const char* connStr, uint32_t flags);
 
 /* Deletes the index file and the storage file that `connStr` (not null) names. The storage must
- * not be open. A missing index file is no error, a missing storage file is RC_SYSTEM_ERROR.
+ * not be open: while it is open for writing anywhere this answers RC_SYSTEM_ERROR and deletes
+ * nothing. A missing index file is no error, a missing storage file is RC_SYSTEM_ERROR.
  * Errors: as K9eReplStorageCreate. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageDelete(const char* connStr);
 
@@ -140,7 +142,9 @@ K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageDelete(const char* connStr);
 
 /* Opens the storage that `connStr` describes (both not null) and writes its handle. The storage
  * accepts nothing but K9eReplStorageLoad and the small accessors until it was loaded. The string
- * is copied. The storage file must exist unless flush_mode is NoFlush.
+ * is copied. The storage file must exist unless flush_mode is NoFlush. It has one writer: while it
+ * is open for writing here or in another process, this answers RC_SYSTEM_ERROR (setting
+ * file_lock).
  * Errors: RC_INVALID_ARG or RC_BAD_SIZE for a refused setting, RC_NO_MEMORY, RC_SYSTEM_ERROR,
  * RC_PATH_TOO_LONG; there is no handle then. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageOpen(const char* connStr, void** outHandle);

@@ -5,7 +5,6 @@
 #include <new>
 
 #include "engine/repl_storage.h"
-#include "index/index_file.h"
 #include "solid/storage_file_admin.h"
 #include "support/log.h"
 
@@ -64,10 +63,7 @@ uint32_t K9EREPL_CALL K9eReplStorageDelete(const char* connStr) {
     if (connStr == nullptr) {
         return RC_INVALID_ARG;
     }
-    return WithoutBadAlloc("deleting", connStr, [=] {
-        k9erepl::DeleteIndexFile(connStr);
-        return k9erepl::DeleteStorageFile(connStr);
-    });
+    return WithoutBadAlloc("deleting", connStr, [=] { return k9erepl::DeleteStorage(connStr); });
 }
 
 uint32_t K9EREPL_CALL K9eReplStorageOpen(const char* connStr, void** outHandle) {

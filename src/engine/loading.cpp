@@ -72,7 +72,7 @@ u32 CK9eReplStorage::LoadWithoutOpenFile(const IndexFileContent& index) {
         return FinishLoad(0, nullptr);
     }
     CSolidStorage temporary;
-    if (u32 rc = temporary.Open(path, connStr); rc != RC_OK) {
+    if (u32 rc = temporary.Open(path, connStr, WriterLock::kNone); rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to init temporary solid storage;conn-str %s",
                        connStr);
         return rc;

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "platform/interrupted.h"
+#include "platform/process.h"
 #include "platform/system_error.h"
 
 namespace k9erepl::platform {
@@ -13,12 +14,15 @@ File::~File() {
     Close();
 }
 
-File::File(File&& other) noexcept : m_file(std::exchange(other.m_file, kInvalidNativeFile)) {}
+File::File(File&& other) noexcept
+    : m_file(std::exchange(other.m_file, kInvalidNativeFile)),
+      m_lockedBy(std::exchange(other.m_lockedBy, kNoProcess)) {}
 
 File& File::operator=(File&& other) noexcept {
     if (this != &other) {
         Close();
         m_file = std::exchange(other.m_file, kInvalidNativeFile);
+        m_lockedBy = std::exchange(other.m_lockedBy, kNoProcess);
     }
     return *this;
 }
@@ -37,6 +41,7 @@ bool File::Open(const char* path, const FileOpenRequest& request) {
 
 void File::Close() {
     if (IsOpen()) {
+        Unlock();
         TheSystemCalls().closeFile(std::exchange(m_file, kInvalidNativeFile));
     }
 }
@@ -118,6 +123,32 @@ void File::StartFlush(i64 position, i64 size) {
 bool File::TakeOwnerAndMode(const char* path) {
     assert(path != nullptr);
     return RepeatInterrupted([&] { return TheSystemCalls().takeOwnerAndMode(m_file, path); });
+}
+
+LockResult File::TryLock() {
+    assert(IsOpen() && !IsLocked());
+    if (RepeatInterrupted([&] { return TheSystemCalls().lockFile(m_file); })) {
+        m_lockedBy = OwnProcessId();
+        return LockResult::kTaken;
+    }
+    if (LastSystemErrorIs(SystemErrorKind::kLocked)) {
+        return LockResult::kHeldByAnother;
+    }
+    return LastSystemErrorIs(SystemErrorKind::kNotSupported) ? LockResult::kNotSupported
+                                                             : LockResult::kFailed;
+}
+
+// By name: a child that was forked meanwhile has a copy of the handle, with which a lock that is
+// only closed would live on. The child itself must not free what belongs to its parent.
+void File::Unlock() {
+    if (std::exchange(m_lockedBy, kNoProcess) == OwnProcessId()) {
+        TheSystemCalls().unlockFile(m_file);
+    }
+}
+
+bool File::GetIdentity(FileIdentity* identity) const {
+    assert(identity != nullptr);
+    return RepeatInterrupted([&] { return TheSystemCalls().fileIdentity(m_file, identity); });
 }
 
 }  // namespace k9erepl::platform

@@ -3,6 +3,8 @@
 #ifndef K9EREPL_PLATFORM_FILE_H
 #define K9EREPL_PLATFORM_FILE_H
 
+#include "platform/file_identity.h"
+#include "platform/file_lock.h"
 #include "platform/file_modes.h"
 #include "platform/int_types.h"
 #include "platform/system_calls.h"
@@ -24,7 +26,8 @@ class File {
     // Opens `path` and closes what was open before; on failure the file is as it was.
     bool Open(const char* path, const FileOpenRequest& request);
     bool IsOpen() const { return m_file != kInvalidNativeFile; }
-    // Closes the file if it is open. Never repeated after a failure: the handle is gone.
+    // Closes the file if it is open, and frees its lock. Never repeated after a failure: the handle
+    // is gone.
     void Close();
 
     // Reads up to `size` bytes at the file pointer. *got receives the bytes read, fewer than
@@ -47,11 +50,24 @@ class File {
     // Does nothing on Windows.
     bool TakeOwnerAndMode(const char* path);
 
+    // Takes the writer's lock, without waiting; the file must be open for writing. Held until the
+    // file is closed here, or the process and all children that it has forked meanwhile have ended.
+    // The child's copy of this object frees nothing.
+    LockResult TryLock();
+    bool IsLocked() const { return m_lockedBy != kNoProcess; }
+
+    bool GetIdentity(FileIdentity* identity) const;
+
     // The system's handle, for log lines only.
     const void* Native() const { return reinterpret_cast<const void*>(m_file); }
 
   private:
+    static constexpr u32 kNoProcess = 0;
+
+    void Unlock();
+
     NativeFile m_file = kInvalidNativeFile;
+    u32 m_lockedBy = kNoProcess;  // the process that took the lock
 };
 
 }  // namespace k9erepl::platform

@@ -99,6 +99,10 @@ bool LinkFile(const std::string& existing, const std::string& name) {
         [&] { return TheSystemCalls().linkFile(existing.c_str(), name.c_str()); });
 }
 
+bool GetIdentity(const std::string& path, FileIdentity* identity) {
+    return RepeatInterrupted([&] { return TheSystemCalls().nameIdentity(path.c_str(), identity); });
+}
+
 bool MakeParentDirectories(const std::string& path) {
     // Only the innermost one counts: roots, drives and shares cannot be made, and need not be.
     bool made = true;

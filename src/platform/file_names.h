@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "platform/file_identity.h"
 #include "platform/int_types.h"
 
 namespace k9erepl::platform {
@@ -26,6 +27,13 @@ bool LinkFile(const std::string& existing, const std::string& name);
 // Makes every missing directory on the way to the file `path`, the outermost first. Existing ones
 // are no error; true also when `path` has no directory part.
 bool MakeParentDirectories(const std::string& path);
+
+// The identity of the file or folder that `path` leads to, links followed.
+bool GetIdentity(const std::string& path, FileIdentity* identity);
+
+// Whether a file that is open may be renamed, or have its name taken over by another file. A lock
+// can then stay with a file while its name changes.
+extern const bool kOpenFilesCanBeRenamed;
 
 // Makes a change of names in the directory of `path` durable (a creation, renaming or deletion
 // of that file). Does nothing on Windows.

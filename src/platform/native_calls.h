@@ -19,6 +19,11 @@ bool FileFlush(NativeFile file);
 void FileStartFlush(NativeFile file, i64 position, i64 size);
 bool FileTakeOwnerAndMode(NativeFile file, const char* from);
 
+bool FileLock(NativeFile file);
+bool FileUnlock(NativeFile file);
+bool FileIdentify(NativeFile file, FileIdentity* identity);
+bool NameIdentify(const char* path, FileIdentity* identity);
+
 bool NameRename(const char* from, const char* to);
 bool NameLink(const char* existing, const char* name);
 bool NameRemove(const char* path);

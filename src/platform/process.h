@@ -19,6 +19,9 @@ ProcessAtom AddProcessAtom(const char* name);
 // `atom` may be 0; it must come from AddProcessAtom or FindProcessAtom with that name.
 void DeleteProcessAtom(ProcessAtom atom, const char* name);
 
+// Other in a forked child than in its parent.
+u32 OwnProcessId();
+
 // Tells the user: a modal box on Windows, one line "caption: text" on standard error on POSIX.
 void ShowMessageBox(const char* text, const char* caption);
 

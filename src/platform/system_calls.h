@@ -8,6 +8,7 @@
 
 #include <cstddef>
 
+#include "platform/file_identity.h"
 #include "platform/file_modes.h"
 #include "platform/int_types.h"
 #include "platform/wait_result.h"
@@ -38,6 +39,13 @@ struct SystemCalls {
     bool (*flushFile)(NativeFile file);
     void (*startFlush)(NativeFile file, i64 position, i64 size);  // a hint
     bool (*takeOwnerAndMode)(NativeFile file, const char* from);
+
+    // The writer's lock (file_lock.h). lockFile never waits: kLocked when another handle has it,
+    // kNotSupported where there are no such locks. nameIdentity follows links, and takes folders.
+    bool (*lockFile)(NativeFile file);
+    bool (*unlockFile)(NativeFile file);
+    bool (*fileIdentity)(NativeFile file, FileIdentity* identity);
+    bool (*nameIdentity)(const char* path, FileIdentity* identity);
 
     // Names. renameFile replaces what stands at `to`, within one volume (kCrossVolume otherwise).
     bool (*renameFile)(const char* from, const char* to);

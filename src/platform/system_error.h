@@ -22,6 +22,7 @@ enum class SystemErrorKind {
     kAlreadyExists,
     kNotARegularFile,
     kNotSupported,
+    kLocked,         // another handle has the lock
     kInvalidHandle,  // the object was not opened or created
 };
 

@@ -4,6 +4,7 @@
 #define K9EREPL_SOLID_FILE_REPLACE_H
 
 #include <string>
+#include <utility>
 
 #include "platform/file.h"
 #include "platform/int_types.h"
@@ -35,6 +36,8 @@ class TemporaryFile {
     u32 Create(const std::string& model);
     platform::File& Get() { return m_file; }
     void Close() { m_file.Close(); }
+    // The open file, to be kept beyond the end of this object.
+    platform::File TakeFile() { return std::move(m_file); }
     // It has another name now.
     void Release() { m_created = false; }
 

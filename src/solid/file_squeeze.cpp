@@ -5,10 +5,12 @@
 #include <new>
 
 #include "platform/clock.h"
+#include "platform/file_names.h"
 #include "platform/system_error.h"
 #include "solid/file_replace.h"
 #include "solid/solid_storage.h"
 #include "solid/storage_file_admin.h"
+#include "solid/writer_lock.h"
 #include "support/log.h"
 
 namespace k9erepl {
@@ -74,6 +76,7 @@ u32 CSolidStorage::SqueezeFile(const SqueezeRequest& request, const SqueezeNames
     const i64 newDataSize = kFirstItemOffset + written;
     if (u32 rc = OpenSqueezed(names.path, newDataSize); rc != RC_OK) {
         m_file.Close();
+        m_lockHolder.Close();
         m_writer->CloseFile();
         return rc;
     }
@@ -97,6 +100,12 @@ u32 CSolidStorage::CopyAndReplace(const SqueezeRequest& request, const SqueezeNa
     if (u32 rc = temporary.Create(names.path); rc != RC_OK) {
         return rc;
     }
+    if (m_fileLock) {
+        if (u32 rc = LockForWriting(temporary.Get(), names.temporary, NoLocks::kSilent);
+            rc != RC_OK) {
+            return rc;
+        }
+    }
     i64 fileSize = m_state.fileInitialSize;
     if (u32 rc = InitNewFile(temporary.Get(), header, first, &fileSize); rc != RC_OK) {
         return rc;
@@ -109,10 +118,9 @@ u32 CSolidStorage::CopyAndReplace(const SqueezeRequest& request, const SqueezeNa
             return rc;
         }
     }
-    temporary.Close();
-    bool renamed = false;
     const i64 backupSize = request.keepBackup ? oldDataSize : kNoBackup;
-    const u32 rc = Replace(backupSize, names, &renamed);
+    bool renamed = false;
+    const u32 rc = Replace(backupSize, names, temporary, &renamed);
     if (renamed) {
         temporary.Release();
     }
@@ -196,15 +204,28 @@ u32 CSolidStorage::CopyToTemp(platform::File& temporary, i64 from, i64* written)
     return RC_OK;
 }
 
-u32 CSolidStorage::Replace(i64 backupSize, const SqueezeNames& names, bool* renamed) {
+// Where open files can be renamed, the old file stays locked until its name leads to the new one,
+// which is locked already. Elsewhere nothing may be open while names change: a second writer may
+// come in between, and the moves fail while it has the old file open, or the reopening finds the
+// new one locked.
+u32 CSolidStorage::Replace(i64 backupSize, const SqueezeNames& names, TemporaryFile& temporary,
+                           bool* renamed) {
+    platform::File oldLock = std::move(m_file.IsLocked() ? m_file : m_lockHolder);
+    platform::File newLock = temporary.TakeFile();
     m_file.Close();
-    if (backupSize == kNoBackup) {
-        m_writer->CloseFile();
-        return RenameTemp(names, renamed);
-    }
-    const u32 rc = CutTo(backupSize, names.path);
+    u32 rc = backupSize == kNoBackup ? u32{RC_OK} : CutTo(backupSize, names.path);
     m_writer->CloseFile();
-    return rc == RC_OK ? BackupAndRename(names, renamed) : rc;
+    if (!platform::kOpenFilesCanBeRenamed || !newLock.IsLocked()) {
+        oldLock.Close();
+        newLock.Close();
+    }
+    if (rc == RC_OK) {
+        rc = backupSize == kNoBackup ? RenameTemp(names, renamed) : BackupAndRename(names, renamed);
+    }
+    if (rc == RC_OK) {
+        m_lockHolder = std::move(newLock);
+    }
+    return rc;
 }
 
 // The backup shall hold what the file held before the squeeze recorded its clear revision.
@@ -223,6 +244,11 @@ u32 CSolidStorage::OpenSqueezed(const std::string& path, i64 writePos) {
         return rc;
     }
     m_filePos = kFileHeaderSize;
+    if (m_fileLock && !m_lockHolder.IsOpen()) {
+        if (u32 rc = LockForWriting(m_file, path, NoLocks::kSilent); rc != RC_OK) {
+            return rc;
+        }
+    }
     i64 size = 0;
     if (!m_file.GetSize(&size)) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,

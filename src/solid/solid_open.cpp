@@ -6,6 +6,7 @@
 #include "platform/system_error.h"
 #include "solid/solid_storage.h"
 #include "solid/storage_file_admin.h"
+#include "solid/writer_lock.h"
 #include "support/log.h"
 #include "support/params.h"
 #include "support/storage_exception.h"
@@ -84,13 +85,13 @@ CSolidStorage::~CSolidStorage() {
     Close();
 }
 
-u32 CSolidStorage::Open(const std::string& path, const char* connStr) {
+u32 CSolidStorage::Open(const std::string& path, const char* connStr, WriterLock lock) {
     if (IsOpen()) {
         return RC_ALREADY;
     }
     u32 rc = RC_OK;
     try {
-        rc = OpenFile(path, connStr);
+        rc = OpenFile(path, connStr, lock);
     } catch (const std::bad_alloc&) {
         rc = RC_NO_MEMORY;
     }
@@ -100,12 +101,17 @@ u32 CSolidStorage::Open(const std::string& path, const char* connStr) {
     return rc;
 }
 
-u32 CSolidStorage::OpenFile(const std::string& path, const char* connStr) {
+u32 CSolidStorage::OpenFile(const std::string& path, const char* connStr, WriterLock lock) {
     if (u32 rc = ReadSettings(connStr); rc != RC_OK) {
         return rc;
     }
     platform::File file;
-    if (u32 rc = OpenAndCheckFile(path, m_state.writeThrough, &file); rc != RC_OK) {
+    const auto open = [&](platform::File* opened) {
+        return OpenAndCheckFile(path, m_state.writeThrough, opened);
+    };
+    m_fileLock = m_fileLock && lock == WriterLock::kTake;
+    if (u32 rc = m_fileLock ? OpenForWriting(path, NoLocks::kWarn, open, &file) : open(&file);
+        rc != RC_OK) {
         return rc;
     }
     i64 size = 0;
@@ -137,6 +143,7 @@ bool CSolidStorage::Close() {
     m_nestedCaches.clear();
     InvalidateReads();
     m_file.Close();
+    m_lockHolder.Close();
     m_filePos = 0;
     m_scanEnd = {};
     m_tailUnkept = false;
@@ -164,6 +171,9 @@ u32 CSolidStorage::ReadSettings(const char* connStr) {
         return rc;
     }
     if (u32 rc = ReadWriteThrough(connStr, &m_state.writeThrough); rc != RC_OK) {
+        return rc;
+    }
+    if (u32 rc = ReadFileLock(connStr, &m_fileLock); rc != RC_OK) {
         return rc;
     }
     bool given = false;

@@ -20,6 +20,11 @@
 namespace k9erepl {
 
 struct SqueezeNames;
+class TemporaryFile;
+
+// Whether an open storage file keeps other writers away. A file that is opened to be read for a
+// moment, such as by a load into a storage without a file, does not.
+enum class WriterLock { kTake, kNone };
 
 // What is done about damage in the middle of the file.
 enum class TailCare { kReport, kKeepCopy };
@@ -61,10 +66,12 @@ class CSolidStorage final : public IK9eReplLLStorage {
     CSolidStorage(const CSolidStorage&) = delete;
     CSolidStorage& operator=(const CSolidStorage&) = delete;
 
-    // Opens the existing file at `path` with the file settings of `connStr`.
-    // Errors: RC_ALREADY when a file is open; RC_INVALID_ARG, RC_BAD_SIZE for a refused setting or
-    // a file that is no storage; RC_SYSTEM_ERROR; RC_NO_MEMORY. The object then stays closed.
-    u32 Open(const std::string& path, const char* connStr);
+    // Opens the existing file at `path` with the file settings of `connStr`. Its writer's lock is
+    // held until Close, unless the setting file_lock says no; a squeeze hands it on to the new
+    // file. Errors: RC_SYSTEM_ERROR when another writer has it; RC_ALREADY when a file is open;
+    // RC_INVALID_ARG, RC_BAD_SIZE for a refused setting or a file that is no storage;
+    // RC_SYSTEM_ERROR; RC_NO_MEMORY. The object then stays closed.
+    u32 Open(const std::string& path, const char* connStr, WriterLock lock = WriterLock::kTake);
     // Writes what is queued. False when the writing thread could not be ended: it still uses the
     // memory blocks and the index entries of what was queued, which must stay allocated for ever.
     bool Close();
@@ -175,7 +182,7 @@ class CSolidStorage final : public IK9eReplLLStorage {
 
     u32 LookAtItem(FileItems& items, const FileEnumRange& range, FileItem* item);
 
-    u32 OpenFile(const std::string& path, const char* connStr);
+    u32 OpenFile(const std::string& path, const char* connStr, WriterLock lock);
     u32 ReadSettings(const char* connStr);
     u32 MakeWriter(const char* connStr);
 
@@ -205,7 +212,7 @@ class CSolidStorage final : public IK9eReplLLStorage {
                        i64* written);
     u32 FlushAndReadStart(i64 commitOffset, TFileHeader* header, TCommitBlock* commitBlock);
     u32 CopyToTemp(platform::File& temporary, i64 from, i64* written);
-    u32 Replace(i64 backupSize, const SqueezeNames& names, bool* renamed);
+    u32 Replace(i64 backupSize, const SqueezeNames& names, TemporaryFile& temporary, bool* renamed);
     u32 CutTo(i64 dataSize, const std::string& path);
     u32 OpenSqueezed(const std::string& path, i64 writePos);
 
@@ -229,8 +236,11 @@ class CSolidStorage final : public IK9eReplLLStorage {
     std::unique_ptr<StorageWriter> m_writer;
 
     // --- Reading
-    platform::File m_file;
-    i64 m_filePos = 0;  // where m_file's pointer stands, kUnknownOffset when that is not known
+    platform::File m_file;  // also has the writer's lock, unless m_lockHolder is open
+    // After a squeeze: the handle that made the new file, and locked it before it got its name.
+    platform::File m_lockHolder;
+    bool m_fileLock = true;  // other writers are kept away, where the file system has locks
+    i64 m_filePos = 0;       // where m_file's pointer stands, kUnknownOffset when that is not known
     ReadCacheManager m_readCache;
     std::vector<std::unique_ptr<ReadCacheManager>> m_nestedCaches;  // of levels 2, 3, ...
     u32 m_enumDepth = 0;                                            // enumerations that run

@@ -11,6 +11,7 @@
 #include "platform/memory.h"
 #include "platform/system_error.h"
 #include "solid/file_access.h"
+#include "solid/writer_lock.h"
 #include "support/ignore_case.h"
 #include "support/log.h"
 #include "support/params.h"
@@ -42,8 +43,7 @@ bool OpenAs(const std::string& path, FileDisposition disposition, File* file) {
 }
 
 // Opens or creates the file as the flags say; *existed tells that there is nothing to initialise.
-bool OpenForCreation(const char* connStr, const std::string& path, u32 flags, File* file,
-                     bool* existed) {
+bool OpenUnlessThere(const std::string& path, u32 flags, File* file, bool* existed) {
     *existed = false;
     if ((flags & kCreateKeepExisting) != 0) {
         *existed = OpenAs(path, FileDisposition::kOpenExisting, file);
@@ -51,14 +51,44 @@ bool OpenForCreation(const char* connStr, const std::string& path, u32 flags, Fi
         return *existed || (platform::LastSystemErrorIs(platform::SystemErrorKind::kNotFound) &&
                             OpenAs(platform::FollowLink(path), FileDisposition::kCreateNew, file));
     }
-    if ((flags & kCreateReplace) != 0) {
-        const bool created = OpenAs(path, FileDisposition::kCreateAlways, file);
-        const platform::SystemError error = LastSystemError();
-        DeleteIndexFile(connStr);
-        platform::SetLastSystemError(error);
-        return created;
-    }
     return OpenAs(path, FileDisposition::kCreateNew, file);
+}
+
+u32 CannotCreate(const std::string& path) {
+    LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Failed to create file '%s';sys-err %r",
+                   path.c_str(), LastSystemError());
+    return RC_SYSTEM_ERROR;
+}
+
+// Empties the file or makes it, and deletes its index file; a file that another writer has stays.
+u32 OpenToReplace(const char* connStr, const std::string& path, bool lock, File* file) {
+    bool opened = false;
+    const auto open = [&](File* found) {
+        opened = OpenAs(path, FileDisposition::kOpenAlways, found);
+        return opened ? u32{RC_OK} : u32{RC_SYSTEM_ERROR};
+    };
+    const u32 rc = lock ? OpenForWriting(path, NoLocks::kSilent, open, file) : open(file);
+    if (rc != RC_OK && opened) {
+        return rc;
+    }
+    const bool emptied = opened && file->SetEnd(0);
+    const platform::SystemError error = LastSystemError();
+    DeleteIndexFile(connStr);
+    platform::SetLastSystemError(error);
+    return emptied ? u32{RC_OK} : CannotCreate(path);
+}
+
+// As OpenUnlessThere; with kCreateReplace the file is there and empty.
+u32 OpenToCreate(const char* connStr, const std::string& path, u32 flags, bool lock, File* file,
+                 bool* existed) {
+    if ((flags & (kCreateReplace | kCreateKeepExisting)) == kCreateReplace) {
+        *existed = false;
+        return OpenToReplace(connStr, path, lock, file);
+    }
+    if (!OpenUnlessThere(path, flags, file, existed)) {
+        return CannotCreate(path);
+    }
+    return *existed || !lock ? u32{RC_OK} : LockForWriting(*file, path, NoLocks::kSilent);
 }
 
 u32 WriteFirstBytes(File& file, const TFileHeader& header, const TCommitBlock& firstCommit) {
@@ -140,17 +170,17 @@ u32 CreateStorageFile(const char* connStr, u32 flags) {
     if (EqualsIgnoringCase(path, ":memory:")) {
         return RC_OK;
     }
+    bool lock = true;
+    if (u32 rc = ReadFileLock(connStr, &lock); rc != RC_OK) {
+        return rc;
+    }
     // A path that cannot be made shows up when the file is opened.
     platform::MakeParentDirectories(path);
     File file;
     bool existed = false;
-    if (!OpenForCreation(connStr, path, flags, &file, &existed)) {
-        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Failed to create file '%s';sys-err %r",
-                       path.c_str(), LastSystemError());
-        return RC_SYSTEM_ERROR;
-    }
-    if (existed) {
-        return RC_OK;
+    if (u32 rc = OpenToCreate(connStr, path, flags, lock, &file, &existed);
+        rc != RC_OK || existed) {
+        return rc;
     }
     bool given = false;
     i64 initialSize = GetMebibytesParam(connStr, "file_initial_size", &given);
@@ -188,6 +218,28 @@ u32 DeleteStorageFile(const char* connStr) {
     // The file is gone for this process in any case; a crash may bring its name back.
     platform::FlushParentDirectory(path);
     return RC_OK;
+}
+
+u32 DeleteStorage(const char* connStr) {
+    std::string path;
+    GetParam(connStr, "file", path);
+    bool lock = true;
+    if (u32 rc = ReadFileLock(connStr, &lock); rc != RC_OK) {
+        return rc;
+    }
+    lock = lock && !EqualsIgnoringCase(path, ":memory:");
+    File file;
+    // A file that cannot be opened for writing has no lock that we could ask for.
+    if (lock && OpenAs(path, FileDisposition::kOpenExisting, &file)) {
+        if (u32 rc = LockForWriting(file, path, NoLocks::kSilent); rc != RC_OK) {
+            return rc;
+        }
+    }
+    DeleteIndexFile(connStr);
+    if (!platform::kOpenFilesCanBeRenamed) {
+        file.Close();
+    }
+    return DeleteStorageFile(connStr);
 }
 
 u32 OpenAndCheckFile(const std::string& path, bool writeThrough, File* file) {

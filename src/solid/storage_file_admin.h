@@ -20,11 +20,17 @@ inline constexpr u32 kMaxPathSize = 260;
 
 // Makes the file that `connStr` names, with the missing directories of its path. For ":memory:"
 // (any case of letters) there is nothing to do.
-// Errors: RC_INVALID_ARG without "file", RC_PATH_TOO_LONG, RC_NO_MEMORY, RC_SYSTEM_ERROR. A file
+// Errors: RC_INVALID_ARG without "file" or for a refused file_lock, RC_PATH_TOO_LONG, RC_NO_MEMORY,
+// RC_SYSTEM_ERROR, also while a writer has a file that is to be replaced, which then stays. A file
 // that could not be initialised stays behind. All functions here may throw std::bad_alloc.
 u32 CreateStorageFile(const char* connStr, u32 flags);
 
-// Deletes the file that `connStr` names. Errors: as above; RC_SYSTEM_ERROR for a missing file.
+// Deletes the storage that `connStr` names: its index file, then DeleteStorageFile. Errors: as
+// there; RC_INVALID_ARG for a refused file_lock, RC_SYSTEM_ERROR, with nothing deleted, while a
+// writer has the file.
+u32 DeleteStorage(const char* connStr);
+// Deletes the file that `connStr` names, whoever has it open. Errors: as above; RC_SYSTEM_ERROR for
+// a missing file.
 u32 DeleteStorageFile(const char* connStr);
 
 // Opens an existing storage file and checks signature and version; *file then stands at offset

@@ -17,7 +17,8 @@ TEST(SystemErrors, EachKindHasACodeOfItsOwn) {
           SystemErrorKind::kInterrupted, SystemErrorKind::kFileTooBig,
           SystemErrorKind::kOutOfMemory, SystemErrorKind::kCrossVolume, SystemErrorKind::kNotFound,
           SystemErrorKind::kAlreadyExists, SystemErrorKind::kNotARegularFile,
-          SystemErrorKind::kNotSupported, SystemErrorKind::kInvalidHandle}) {
+          SystemErrorKind::kNotSupported, SystemErrorKind::kLocked,
+          SystemErrorKind::kInvalidHandle}) {
         const platform::SystemError code = platform::SystemErrorOf(kind);
         EXPECT_NE(code, 0U);
         EXPECT_TRUE(codes.insert(code).second) << code;

@@ -42,6 +42,10 @@ void CopyEntries(const platform::SystemCalls& from, platform::SystemCalls& to) {
     to.flushFile = from.flushFile;
     to.startFlush = from.startFlush;
     to.takeOwnerAndMode = from.takeOwnerAndMode;
+    to.lockFile = from.lockFile;
+    to.unlockFile = from.unlockFile;
+    to.fileIdentity = from.fileIdentity;
+    to.nameIdentity = from.nameIdentity;
     to.renameFile = from.renameFile;
     to.linkFile = from.linkFile;
     to.removeFile = from.removeFile;
@@ -69,6 +73,14 @@ void TakeOver(platform::SystemCalls& calls) {
     calls.startFlush = [](NativeFile, i64, i64) {};
     calls.takeOwnerAndMode = [](NativeFile file, const char* from) {
         return g_disk->TakeOwner(file, from);
+    };
+    calls.lockFile = [](NativeFile file) { return g_disk->Lock(file); };
+    calls.unlockFile = [](NativeFile file) { return g_disk->Unlock(file); };
+    calls.fileIdentity = [](NativeFile file, platform::FileIdentity* identity) {
+        return g_disk->Identify(file, identity);
+    };
+    calls.nameIdentity = [](const char* path, platform::FileIdentity* identity) {
+        return g_disk->IdentifyName(path, identity);
     };
     calls.renameFile = [](const char* from, const char* to) { return g_disk->Rename(from, to); };
     calls.linkFile = [](const char* old, const char* name) { return g_disk->Link(old, name); };
@@ -202,7 +214,7 @@ NativeFile MemoryDisk::AddHandle(FileNumber file, const std::string& path,
                                      [](const Handle& handle) { return handle.file == 0; });
     const auto at = static_cast<NativeFile>(closed - m_handles.begin());
     const bool writes = request.access != platform::FileAccess::kRead;
-    const Handle handle{file, 0, path, writes, request.writeThrough};
+    const Handle handle{file, 0, path, writes, request.writeThrough, false};
     if (closed == m_handles.end()) {
         m_handles.push_back(handle);
     } else {

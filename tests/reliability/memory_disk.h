@@ -80,6 +80,10 @@ class MemoryDisk {
     i64 SizeOf(platform::NativeFile file);
     bool Flush(platform::NativeFile file);
     bool TakeOwner(platform::NativeFile file, const char* from);
+    bool Lock(platform::NativeFile file);
+    bool Unlock(platform::NativeFile file);
+    bool Identify(platform::NativeFile file, platform::FileIdentity* identity);
+    bool IdentifyName(const char* path, platform::FileIdentity* identity);
     bool Rename(const char* from, const char* to);
     bool Link(const char* existing, const char* name);
     bool Remove(const char* path);
@@ -93,6 +97,7 @@ class MemoryDisk {
         std::string name;
         bool writes = false;
         bool writesThrough = false;  // each write is followed by a flush of the file
+        bool locked = false;
     };
 
     Handle* Find(platform::NativeFile file);

@@ -20,6 +20,53 @@ Change Of(ChangeKind kind, FileNumber file, const char* name, const char* to = "
 
 }  // namespace
 
+bool MemoryDisk::Lock(platform::NativeFile file) {
+    const std::lock_guard lock(m_mutex);
+    Handle* handle = Find(file);
+    if (handle == nullptr || !Pass(SystemCall::kLockFile, *handle)) {
+        return false;
+    }
+    for (const Handle& other : m_handles) {
+        if (&other != handle && other.file == handle->file && other.locked) {
+            return Refuse(SystemErrorKind::kLocked);
+        }
+    }
+    return handle->locked = true;
+}
+
+bool MemoryDisk::Unlock(platform::NativeFile file) {
+    const std::lock_guard lock(m_mutex);
+    Handle* handle = Find(file);
+    if (handle == nullptr) {
+        return false;
+    }
+    handle->locked = false;
+    return true;
+}
+
+bool MemoryDisk::Identify(platform::NativeFile file, platform::FileIdentity* identity) {
+    const std::lock_guard lock(m_mutex);
+    Handle* handle = Find(file);
+    if (handle == nullptr || !Pass(SystemCall::kFileIdentity, *handle)) {
+        return false;
+    }
+    *identity = {.volume = 0, .number = handle->file};
+    return true;
+}
+
+bool MemoryDisk::IdentifyName(const char* path, platform::FileIdentity* identity) {
+    const std::lock_guard lock(m_mutex);
+    if (!Pass({SystemCall::kNameIdentity, path})) {
+        return false;
+    }
+    const std::optional<FileNumber> file = m_image.NumberOf(path);
+    if (!file) {
+        return Refuse(SystemErrorKind::kNotFound);
+    }
+    *identity = {.volume = 0, .number = *file};
+    return true;
+}
+
 bool MemoryDisk::Rename(const char* from, const char* to) {
     const std::lock_guard lock(m_mutex);
     if (!Pass({SystemCall::kRename, from})) {

@@ -1,4 +1,5 @@
 // The squeeze that succeeds: the new file's bytes, and that work goes on in it.
+#include "platform/file_names.h"
 #include "solid/squeeze_fixture.h"
 
 namespace k9erepl::test {
@@ -139,9 +140,19 @@ TEST_F(Squeezed, NeedsAnOpenFile) {
 }
 
 TEST_F(Squeezed, OpensTwoHandlesAndLeavesNoOther) {
+    OpenScanned(ThreeTransactions(), "file_lock=no");
     const std::size_t descriptors = OpenDescriptors();
     EXPECT_EQ(Squeeze(), RC_OK);
     EXPECT_EQ(OpenDescriptors(), descriptors);
+}
+
+TEST_F(Squeezed, OpensAThirdHandleForALockThatCameWithTheNewFile) {
+    const std::size_t descriptors = OpenDescriptors() + (platform::kOpenFilesCanBeRenamed ? 1 : 0);
+    for (int squeezes = 0; squeezes < 2; ++squeezes) {
+        OpenScanned(ThreeTransactions());
+        EXPECT_EQ(Squeeze(), RC_OK);
+        EXPECT_EQ(OpenDescriptors(), descriptors);
+    }
 }
 
 TEST_F(Squeezed, IsCopiedInPieces) {

@@ -234,6 +234,9 @@ void InstallFileHooks(SystemCalls& table) {
     Install<SystemCall::kFileSize, &SystemCalls::fileSize>(table);
     Install<SystemCall::kFlush, &SystemCalls::flushFile>(table);
     Install<SystemCall::kTakeOwnerAndMode, &SystemCalls::takeOwnerAndMode>(table);
+    Install<SystemCall::kLockFile, &SystemCalls::lockFile>(table);
+    Install<SystemCall::kFileIdentity, &SystemCalls::fileIdentity>(table);
+    Install<SystemCall::kNameIdentity, &SystemCalls::nameIdentity>(table);
     Install<SystemCall::kRename, &SystemCalls::renameFile>(table);
     Install<SystemCall::kLink, &SystemCalls::linkFile>(table);
     Install<SystemCall::kRemove, &SystemCalls::removeFile>(table);

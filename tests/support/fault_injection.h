@@ -46,8 +46,11 @@ enum class SystemCall {
     kJoinThread,
     kTerminateThread,
     kPerformanceFrequency,
+    kLockFile,
+    kFileIdentity,
+    kNameIdentity,
 };
-inline constexpr std::size_t kSystemCallCount = 25;
+inline constexpr std::size_t kSystemCallCount = 28;
 
 enum class Repeat { kOnce, kFromThenOn };
 

@@ -41,6 +41,8 @@ SystemError SystemErrorOf(SystemErrorKind kind) {
             return ENXIO;  // what opening a FIFO without a reader, or a socket, says by itself
         case SystemErrorKind::kNotSupported:
             return EOPNOTSUPP;
+        case SystemErrorKind::kLocked:
+            return EAGAIN;
         case SystemErrorKind::kInvalidHandle:
             return EBADF;
     }

@@ -22,6 +22,8 @@ std::string LinkTarget(const std::string& path) {
 
 }  // namespace
 
+const bool kOpenFilesCanBeRenamed = true;
+
 bool IsPathSeparator(char c) {
     return c == '/';
 }

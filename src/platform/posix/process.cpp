@@ -3,6 +3,7 @@
 
 #include <dlfcn.h>
 #include <sys/auxv.h>
+#include <unistd.h>
 
 #include <cstdio>
 
@@ -16,6 +17,10 @@ void* ModuleOf(const void* address) {
 }
 
 }  // namespace
+
+u32 OwnProcessId() {
+    return static_cast<u32>(getpid());
+}
 
 void ShowMessageBox(const char* text, const char* caption) {
     (void)std::fprintf(stderr, "%s: %s\n", caption, text);

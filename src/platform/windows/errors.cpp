@@ -59,6 +59,8 @@ SystemError SystemErrorOf(SystemErrorKind kind) {
             return ERROR_BAD_FILE_TYPE;
         case SystemErrorKind::kNotSupported:
             return ERROR_NOT_SUPPORTED;
+        case SystemErrorKind::kLocked:
+            return ERROR_LOCK_VIOLATION;
         case SystemErrorKind::kInvalidHandle:
             return ERROR_INVALID_HANDLE;
     }

@@ -3,6 +3,8 @@
 
 namespace k9erepl::platform {
 
+const bool kOpenFilesCanBeRenamed = false;
+
 bool IsPathSeparator(char c) {
     return c == '\\' || c == '/';
 }

@@ -19,6 +19,10 @@ void DeleteProcessAtom(ProcessAtom atom, const char* /*name*/) {
     }
 }
 
+u32 OwnProcessId() {
+    return GetCurrentProcessId();
+}
+
 void ShowMessageBox(const char* text, const char* caption) {
     MessageBoxA(nullptr, text, caption, MB_OK | MB_TASKMODAL | MB_TOPMOST);
 }

@@ -1,0 +1,106 @@
+// Locking a storage file for its one writer; see the header.
+#include "solid/writer_lock.h"
+
+#include <k9erepl/storage.h>
+
+#include <utility>
+
+#include "platform/file_identity.h"
+#include "platform/file_names.h"
+#include "platform/system_error.h"
+#include "support/log.h"
+#include "support/params.h"
+
+namespace k9erepl {
+
+using platform::File;
+using platform::LockResult;
+
+namespace {
+
+u32 CannotLock(const std::string& path) {
+    LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Cannot lock storage file '%s';sys-err %r",
+                   path.c_str(), platform::LastSystemError());
+    return RC_SYSTEM_ERROR;
+}
+
+// Whether `path` still leads to `file`. A path that leads nowhere does not: opening it again tells.
+u32 IsNameOf(const File& file, const std::string& path, bool* same) {
+    platform::FileIdentity locked;
+    platform::FileIdentity named;
+    if (!file.GetIdentity(&locked)) {
+        return CannotLock(path);
+    }
+    if (!platform::GetIdentity(path, &named)) {
+        *same = false;
+        return platform::LastSystemErrorIs(platform::SystemErrorKind::kNotFound) ? u32{RC_OK}
+                                                                                 : CannotLock(path);
+    }
+    *same = locked == named;
+    return RC_OK;
+}
+
+}  // namespace
+
+u32 ReadFileLock(const char* connStr, bool* wanted) {
+    std::string value;
+    GetParam(connStr, "file_lock", value);
+    *wanted = value.empty() || value.starts_with("yes");
+    if (value.empty()) {
+        return RC_OK;
+    }
+    if (!*wanted && !value.starts_with("no")) {
+        LOG_ERROR_CODE(RC_INVALID_ARG, kLogStorage, "Unknown file_lock value (%s)", value.c_str());
+        return RC_INVALID_ARG;
+    }
+    LOG_INFO(kLogStorage, "Use file_lock %s", *wanted ? "yes" : "no");
+    return RC_OK;
+}
+
+u32 LockForWriting(File& file, const std::string& path, NoLocks noLocks) {
+    switch (file.TryLock()) {
+        case LockResult::kTaken:
+            break;
+        case LockResult::kHeldByAnother:
+            LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
+                           "Storage file is in use by another writer;file path '%s'", path.c_str());
+            return RC_SYSTEM_ERROR;
+        case LockResult::kNotSupported:
+            if (noLocks == NoLocks::kWarn) {
+                LOG_WARNING(kLogStorage,
+                            "The file system has no locks, nothing keeps a second writer away;file "
+                            "path '%s',sys-err %r",
+                            path.c_str(), platform::LastSystemError());
+            }
+            break;
+        case LockResult::kFailed:
+            return CannotLock(path);
+    }
+    return RC_OK;
+}
+
+u32 OpenForWriting(const std::string& path, NoLocks noLocks, const FileOpener& open, File* file) {
+    constexpr int kAttempts = 100;  // each but the first follows a squeeze of another writer
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        File opened;
+        u32 rc = open(&opened);
+        if (rc == RC_OK) {
+            rc = LockForWriting(opened, path, noLocks);
+        }
+        bool current = true;
+        if (rc == RC_OK && opened.IsLocked()) {
+            rc = IsNameOf(opened, path, &current);
+        }
+        if (rc != RC_OK) {
+            return rc;
+        }
+        if (current) {
+            *file = std::move(opened);
+            return RC_OK;
+        }
+    }
+    platform::SetLastSystemError(0);  // the path led to another file each time
+    return CannotLock(path);
+}
+
+}  // namespace k9erepl
