@@ -63,32 +63,49 @@ class Search {
 
     std::size_t TakeCommit(std::size_t at) {
         const auto block = LoadUnaligned<TCommitBlock>(m_bytes + at);
-        const bool falls = block.clearRev < m_clearRev || block.commitRev < m_commitRev;
-        const bool followsLast = !m_lastSequence && block.prevSequence == m_last.sequence;
-        if (falls && !followsLast) {
+        const bool followsLast = !m_previous && block.prevSequence == m_last.sequence;
+        if (IsBelow(block, m_clearRev, m_commitRev) && !followsLast) {
             return 1;
         }
-        if (m_lastSequence == block.prevSequence) {
+        if (LinksToPrevious(block)) {
             ++m_found.linkedBlocks;
+            // Two that are linked raise the bounds to what both reach. One alone may be what the
+            // damage made of a block, with revisions that nothing behind it would reach.
+            m_clearRev =
+                std::max<i64>(m_clearRev, std::min<i64>(m_previous->clearRev, block.clearRev));
+            m_commitRev =
+                std::max<i64>(m_commitRev, std::min<i64>(m_previous->commitRev, block.commitRev));
         }
-        // The block at the stop may itself be what is damaged: it raises no bound.
-        const bool isTrusted = at > 0 && !followsLast;
-        m_clearRev = isTrusted ? i64{block.clearRev} : std::min<i64>(m_clearRev, block.clearRev);
-        m_commitRev =
-            isTrusted ? i64{block.commitRev} : std::min<i64>(m_commitRev, block.commitRev);
-        m_lastSequence = block.sequence;
+        // The block at the stop, or linked to the last one, may itself be what is damaged.
+        m_previousIsTrusted = at > 0 && !followsLast;
+        if (!m_previousIsTrusted) {
+            m_clearRev = std::min<i64>(m_clearRev, block.clearRev);
+            m_commitRev = std::min<i64>(m_commitRev, block.commitRev);
+        }
+        m_previous = block;
         m_lowestCommit = m_lowestCommit.value_or(block.commitRev);
         m_found.highestRev = block.commitRev;
         return kCommitBlockSize;
     }
 
+    static bool IsBelow(const TCommitBlock& block, i64 clearRev, i64 commitRev) {
+        return block.clearRev < clearRev || block.commitRev < commitRev;
+    }
+
+    bool LinksToPrevious(const TCommitBlock& block) const {
+        return m_previous && m_previous->sequence == block.prevSequence &&
+               !(m_previousIsTrusted &&
+                 IsBelow(block, m_previous->clearRev, m_previous->commitRev));
+    }
+
     const u8* const m_bytes;
     const std::size_t m_size;
     const LastGoodCommit m_last;
-    i64 m_clearRev;
-    i64 m_commitRev;
+    i64 m_clearRev;   // the lowest that a commit block may have
+    i64 m_commitRev;  // the same
     i64 m_recRev = 0;
-    std::optional<u32> m_lastSequence;
+    std::optional<TCommitBlock> m_previous;  // the last one that counted
+    bool m_previousIsTrusted = false;
     std::optional<i64> m_lowestRec;
     std::optional<i64> m_lowestCommit;
     BeyondDamage m_found;

@@ -33,10 +33,12 @@ struct BeyondDamage {
 };
 
 // Searches the `size` bytes at `bytes`, which begin where the walk ended. Commit blocks may begin
-// at any byte. A commit block counts when neither of its revisions is below those of the one before
-// it, or when it is the first found and links to `last`. One at the very beginning, or linked so,
-// raises no bound: it may itself be damaged. A record counts when its two sizes agree, its revision
-// is above those before it and an item follows.
+// at any byte. A commit block counts when neither of its revisions is below the bounds, which are
+// at first those of `last`, or when it is the first found and links to `last`. Two blocks that are
+// linked raise the bounds to what both reach; one that is not linked may be the damaged one. A
+// block at the very beginning, or linked to `last`, lowers them, for the same reason. A record
+// counts when its two sizes agree, its revision is above the bounds and the records before it, and
+// an item follows.
 BeyondDamage SearchBeyondDamage(const u8* bytes, std::size_t size, const LastGoodCommit& last);
 
 }  // namespace k9erepl

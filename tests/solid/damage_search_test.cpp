@@ -64,6 +64,45 @@ TEST(DamageSearch, RevisionsNeverFall) {
     EXPECT_FALSE(SearchIn(Junk().Commit(5, 12).Commit(4, 13)).IsDamage());
 }
 
+TEST(DamageSearch, ABlockThatNothingLinksToRaisesNoBound) {
+    TCommitBlock damaged = NewCommitBlock(70, 1LL << 50);
+    damaged.prevSequence = 69;
+    damaged.clearRev = 1LL << 40;
+    FileBuilder file = Junk().RawCommit(damaged).Record(12, "x").Commit(3, 12);
+    EXPECT_FALSE(SearchIn(file).IsDamage());
+    const BeyondDamage found = SearchIn(file.Record(15, "y").Commit(3, 15));
+    EXPECT_EQ(found.linkedBlocks, 1U);
+    EXPECT_EQ(found.lowestRev, 12);
+    EXPECT_EQ(found.highestRev, 15);
+}
+
+TEST(DamageSearch, ADamagedBlockAtTheStopHidesNothingBehindTheOneThatLinksToIt) {
+    TCommitBlock damaged = NewCommitBlock(70, 1LL << 50);
+    damaged.clearRev = 3;
+    TCommitBlock next = NewCommitBlock(71, 12);
+    next.prevSequence = 70;
+    next.clearRev = 3;
+    TCommitBlock afterNext = NewCommitBlock(72, 15);
+    afterNext.prevSequence = 71;
+    afterNext.clearRev = 3;
+    FileBuilder file = FileBuilder().RawCommit(damaged).Record(12, "x").RawCommit(next);
+    const BeyondDamage found = SearchIn(file.Record(15, "y").RawCommit(afterNext));
+    EXPECT_EQ(found.linkedBlocks, 2U);
+    EXPECT_EQ(found.lowestRev, 12);
+    EXPECT_EQ(found.highestRev, 15);
+}
+
+TEST(DamageSearch, TwoBlocksThatAreLinkedRaiseTheBound) {
+    TCommitBlock older = NewCommitBlock(71, 11);
+    older.prevSequence = 70;
+    older.clearRev = 3;
+    TCommitBlock oldest = NewCommitBlock(72, 11);
+    oldest.prevSequence = 71;
+    oldest.clearRev = 3;
+    FileBuilder file = Junk().Commit(3, 12).Commit(3, 13);
+    EXPECT_EQ(SearchIn(file.RawCommit(older).RawCommit(oldest)).linkedBlocks, 1U);
+}
+
 TEST(DamageSearch, RevisionsMayFallBehindALastBlockThatIsItselfDamaged) {
     TCommitBlock next = NewCommitBlock(6, 9);
     next.prevSequence = kLast.sequence;
