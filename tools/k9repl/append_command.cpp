@@ -3,12 +3,15 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <chrono>
 #include <memory>
 #include <optional>
 
 #include "append_transactions.h"
 #include "conn_string.h"
 #include "input_file.h"
+#include "message.h"
 #include "output.h"
 #include "progress_line.h"
 #include "record_reader.h"
@@ -26,53 +29,71 @@ std::unique_ptr<RecordReader> MakeReader(const AppendOptions& options, InputFile
                                   : MakeLineReader(input, limit);
 }
 
-InputState AppendAll(RecordReader& reader, AppendTransactions& transactions,
-                     ProgressLine& progress) {
-    std::string_view data;
-    InputState state = InputState::kData;
-    while ((state = reader.Next(&data)) == InputState::kData) {
-        transactions.Add(data);
-        progress.Show(transactions.Totals().records, transactions.Totals().bytes);
-    }
-    return state;
-}
-
 std::string StoredText(std::int64_t lastStored) {
     return lastStored == 0 ? "nothing is stored"
                            : fmt::format("safely stored up to revision {}", lastStored);
 }
 
-void PrintSummary(const AppendTotals& totals, double seconds) {
+std::string Summary(const AppendTotals& totals, double seconds) {
     const double rate = static_cast<double>(totals.bytes) / 1e6 / seconds;
     std::string revisions;
     if (totals.records > 0) {
         revisions = fmt::format("revisions {} to {}, ", totals.firstRev, totals.lastRev);
     }
-    Output output(OnInterrupt::kFinish);
-    output.Write(fmt::format("appended {} {}, {} bytes, {}in {:.2f} s, {:.1f} MB/s\n",
-                             totals.records, totals.records == 1 ? "record" : "records",
-                             totals.bytes, revisions, seconds, rate));
-    output.Finish();
+    return fmt::format("appended {} {}, {} bytes, {}in {:.2f} s, {:.1f} MB/s\n", totals.records,
+                       totals.records == 1 ? "record" : "records", totals.bytes, revisions, seconds,
+                       rate);
 }
+
+// The lines of --ack: each revision of this run, once it is stored.
+class Acknowledgements {
+  public:
+    // What the storage was loaded with is not acknowledged.
+    explicit Acknowledgements(std::int64_t loadedRev) : m_lastRev(loadedRev) {}
+
+    bool IsBehind(const AppendTotals& totals) const { return m_lastRev < totals.lastRev; }
+
+    // Throws ToolError when they cannot be printed. A reader that went away is told nothing more.
+    void Print(const AppendTotals& totals, const StoredRevision& stored) {
+        const std::int64_t upTo = std::min(stored.Get(), totals.lastRev);
+        if (m_lastRev >= upTo) {
+            return;
+        }
+        for (std::int64_t rev = std::max(m_lastRev + 1, totals.firstRev); rev <= upTo; ++rev) {
+            m_output.Write(std::to_string(rev) + '\n');
+        }
+        m_lastRev = upTo;
+        m_output.Finish();
+    }
+
+  private:
+    Output m_output{OnInterrupt::kFinish};
+    std::int64_t m_lastRev;  // that was printed
+};
 
 // One run of the command, from the loaded storage to its close.
 class AppendRun {
   public:
     explicit AppendRun(const AppendOptions& options)
         : m_storage(options.conn, Access::kWrite),
-          m_transactions(m_storage, m_stored, options.perTrans) {
+          m_transactions(m_storage, m_stored, options.perTrans,
+                         std::chrono::milliseconds(options.commitAfterMs)) {
         m_storage.RequireFile("appended to");
         m_stored.Watch(m_storage);
+        if (options.ack) {
+            m_acks.emplace(m_stored.Get());
+        }
     }
 
     // Whatever happens to the input, the records before it are committed and the storage closed.
     int Run(RecordReader& reader) {
         InputState end = InputState::kEnd;
-        Attempt([&] { end = AppendAll(reader, m_transactions, m_progress); });
+        Attempt([&] { end = AppendAll(reader); });
         Attempt([&] { m_transactions.Finish(); });
         m_storage.Close();
         m_progress.Clear();
         Attempt([&] { CheckEverythingIsStored(); });
+        Attempt([&] { PrintAcks(); });
         Attempt([&] { PrintSummaryOfSuccess(); });
         if (m_failure) {
             throw ToolError(fmt::format("{}; {}", m_failure->what(), StoredText(m_stored.Get())));
@@ -84,6 +105,36 @@ class AppendRun {
     }
 
   private:
+    InputState AppendAll(RecordReader& reader) {
+        std::string_view data;
+        for (;;) {
+            const InputState state = reader.Next(&data, NextDeadline());
+            if (state == InputState::kData) {
+                m_transactions.Add(data);
+                m_progress.Show(m_transactions.Totals().records, m_transactions.Totals().bytes);
+            } else if (state != InputState::kTimedOut) {
+                return state;
+            }
+            m_transactions.CommitWhenDue();
+            PrintAcks();
+        }
+    }
+
+    // The library stores some revisions on threads of its own: while there are such, look for them
+    // every now and then.
+    Deadline NextDeadline() const {
+        constexpr auto kLookEvery = std::chrono::milliseconds(20);
+        const bool waits = m_acks && m_acks->IsBehind(m_transactions.Totals());
+        return waits ? std::min(m_transactions.Due(), Deadline::clock::now() + kLookEvery)
+                     : m_transactions.Due();
+    }
+
+    void PrintAcks() {
+        if (m_acks) {
+            m_acks->Print(m_transactions.Totals(), m_stored);
+        }
+    }
+
     // The first failure is the one that is told.
     template <typename Step>
     void Attempt(Step step) {
@@ -96,10 +147,19 @@ class AppendRun {
         }
     }
 
+    // With --ack, standard output has nothing but revisions.
     void PrintSummaryOfSuccess() const {
-        if (!m_failure) {
-            PrintSummary(m_transactions.Totals(), m_progress.Seconds());
+        if (m_failure) {
+            return;
         }
+        const std::string summary = Summary(m_transactions.Totals(), m_progress.Seconds());
+        if (m_acks) {
+            PrintMessage(summary);
+            return;
+        }
+        Output output(OnInterrupt::kFinish);
+        output.Write(summary);
+        output.Finish();
     }
 
     void CheckEverythingIsStored() const {
@@ -114,6 +174,7 @@ class AppendRun {
     StorageHandle m_storage;
     AppendTransactions m_transactions;
     ProgressLine m_progress;
+    std::optional<Acknowledgements> m_acks;  // empty without --ack
     std::optional<ToolError> m_failure;
 };
 

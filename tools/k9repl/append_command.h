@@ -12,7 +12,9 @@ struct AppendOptions {
     std::string input = "-";
     bool lengthPrefixed = false;
     bool create = false;
+    bool ack = false;
     std::uint32_t perTrans = 100;
+    std::uint32_t commitAfterMs = 1000;
 };
 
 // Returns the exit status; throws ToolError. Success is reported only when everything that was

@@ -19,14 +19,21 @@ constexpr int kFlushingCommitsMax = 1000;
 }  // namespace
 
 AppendTransactions::AppendTransactions(StorageHandle& storage, const StoredRevision& stored,
-                                       std::uint32_t recordsPerTransaction)
-    : m_storage(storage), m_stored(stored), m_recordsPerTransaction(recordsPerTransaction) {
+                                       std::uint32_t recordsPerTransaction,
+                                       std::chrono::milliseconds commitAfter)
+    : m_storage(storage),
+      m_stored(stored),
+      m_recordsPerTransaction(recordsPerTransaction),
+      m_commitAfter(commitAfter) {
     assert(recordsPerTransaction > 0);
 }
 
 void AppendTransactions::Add(std::string_view data) {
     if (!m_inTransaction) {
         Begin();
+    }
+    if (m_due == kNoDeadline) {
+        m_due = Deadline::clock::now() + m_commitAfter;
     }
     K9eReplRec* record = FillRecord(data);
     if (const std::uint32_t code = K9eReplStorageInsert(m_storage.Get(), record)) {
@@ -43,13 +50,29 @@ void AppendTransactions::Add(std::string_view data) {
     }
 }
 
-// An empty transaction counts towards flush_trans_num and changes nothing else; unlike the flush
-// of a close, its commit tells whether the flush failed, and why.
+void AppendTransactions::CommitWhenDue() {
+    if (m_due == kNoDeadline || Deadline::clock::now() < m_due) {
+        return;
+    }
+    if (m_inTransaction) {
+        Commit();
+    }
+    CommitUntil([this] { return IsFlushed(); });
+    m_due = IsFlushed() ? kNoDeadline : Deadline::clock::now() + m_commitAfter;
+}
+
 void AppendTransactions::Finish() {
     if (m_inTransaction) {
         Commit();
     }
-    for (int i = 0; i < kFlushingCommitsMax && m_stored.Get() < m_totals.lastRev; ++i) {
+    CommitUntil([this] { return m_stored.Get() >= m_totals.lastRev; });
+}
+
+// An empty transaction counts towards flush_trans_num and changes nothing else; unlike the flush of
+// a close, its commit tells whether the flush failed, and why.
+template <typename Condition>
+void AppendTransactions::CommitUntil(Condition reached) {
+    for (int i = 0; i < kFlushingCommitsMax && !reached(); ++i) {
         Begin();
         Commit();
     }
@@ -77,6 +100,9 @@ void AppendTransactions::Commit() {
         throw LibraryError("commit to " + m_storage.Name(), code);
     }
     m_totals = m_open;
+    if (IsFlushed()) {
+        m_due = kNoDeadline;
+    }
 }
 
 K9eReplRec* AppendTransactions::FillRecord(std::string_view data) {

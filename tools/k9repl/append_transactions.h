@@ -1,13 +1,16 @@
-// Puts records into a storage, a fixed number a transaction. Used by the append command alone.
+// Puts records into a storage, a fixed number a transaction, fewer when they come slowly. Used by
+// the append command alone.
 #ifndef K9EREPL_K9REPL_APPEND_TRANSACTIONS_H
 #define K9EREPL_K9REPL_APPEND_TRANSACTIONS_H
 
 #include <k9erepl/storage.h>
 
+#include <chrono>
 #include <cstdint>
 #include <string_view>
 #include <vector>
 
+#include "input_file.h"
 #include "storage_handle.h"
 #include "stored_revision.h"
 
@@ -25,11 +28,19 @@ class AppendTransactions {
   public:
     // REQUIRES: recordsPerTransaction > 0. Both references outlive this object.
     AppendTransactions(StorageHandle& storage, const StoredRevision& stored,
-                       std::uint32_t recordsPerTransaction);
+                       std::uint32_t recordsPerTransaction, std::chrono::milliseconds commitAfter);
 
     // Appends a record and commits when the transaction is full. Throws ToolError; a transaction
     // that could not be committed is then rolled back, one that is only part full stays open.
     void Add(std::string_view data);
+
+    // When CommitWhenDue has something to do: `commitAfter` behind the first record that is not
+    // flushed; kNoDeadline when all are.
+    Deadline Due() const { return m_due; }
+
+    // At that time commits what is open and makes the library flush, as far as commits can. Throws
+    // ToolError. What still waits for the library's own time-out is due again after `commitAfter`.
+    void CommitWhenDue();
 
     // Commits what is open and makes the library flush what waits for its threshold, as far as
     // commits can. Throws ToolError; what is not flushed then may still be when the storage closes.
@@ -38,13 +49,20 @@ class AppendTransactions {
     const AppendTotals& Totals() const { return m_totals; }
 
   private:
+    bool IsFlushed() const { return m_stored.Flushed() >= m_totals.lastRev; }
     void Begin();
     void Commit();
+    // Makes empty commits until `reached` says so, or many of them have not moved the library to
+    // flush.
+    template <typename Condition>
+    void CommitUntil(Condition reached);
     K9eReplRec* FillRecord(std::string_view data);
 
     StorageHandle& m_storage;
     const StoredRevision& m_stored;
     const std::uint32_t m_recordsPerTransaction;
+    const std::chrono::milliseconds m_commitAfter;
+    Deadline m_due = kNoDeadline;
     std::vector<std::uint8_t> m_record;  // head and data of the record that is being appended
     bool m_inTransaction = false;
     std::uint32_t m_openRecords = 0;  // of the open transaction

@@ -113,6 +113,11 @@ CLI::App* AddAppend(CLI::App& app, AppendOptions& options) {
     AddNumber(*command, "--per-trans", std::uint32_t{1}, options.perTrans, "Records a transaction")
         ->type_name("N")
         ->default_str(std::to_string(options.perTrans));
+    AddNumber(*command, "--commit-after", std::uint32_t{1}, options.commitAfterMs,
+              "Milliseconds after which records are stored, though no more come")
+        ->type_name("MS")
+        ->default_str(std::to_string(options.commitAfterMs));
+    command->add_flag("--ack", options.ack, "Print each revision on a line once it is stored");
     command->add_flag("--create", options.create, "Make the storage when it is not there");
     command->footer(kAppendFooter);
     return command;

@@ -38,14 +38,26 @@ inline constexpr const char* kAppendHelp = "Appends records from a file or a pip
 inline constexpr const char* kAppendFooter = R"(
 Each line of FILE, or of standard input, becomes one record, without its newline.
 An empty line is a record without data; bytes behind the last newline are a record, too.
+A transaction is committed when it has N records, and MS milliseconds after its first one, even
+when no further line comes. Then the storage is flushed, too, whatever flush_trans_num up to 1000
+says; a larger one, a negative one and flush_mode=PerData may wait for flush_timeout besides. So a
+process that is killed loses the records of the last MS milliseconds at most, and the line whose
+newline had not come.
+
+--ack prints each new revision when it is stored, one a line in rising order, and the summary goes
+to standard error. A revision that was printed survives the end of this process, by kill -9 too.
+It survives a power cut, too, with force_flush=yes or write_through=yes: then it is on the disk.
+With async_mode=yes only write_through=yes does that; force_flush acts once, at the end. When
+nobody reads the lines any more, the records are appended all the same.
+
 On SIGINT, SIGTERM or SIGHUP the records read so far are committed and the storage is closed.
 After a failure the records before it are committed, and the message tells the last revision that
-is safely stored. "Stored" is what the settings make of it: without force_flush=yes it survives
-the end of this process, not a power cut.
+is safely stored: what that means is what it means for --ack.
 
 Examples:
   k9repl append --create --conn 'file=log.edb' /var/log/dpkg.log
-  journalctl -f | k9repl append --conn 'file=log.edb;force_flush=yes' --per-trans 1
+  journalctl -f | k9repl append --conn 'file=log.edb;force_flush=yes' --commit-after 200
+  producer | k9repl append --conn 'file=log.edb;force_flush=yes' --ack | consumer-of-revisions
   k9repl cat --conn 'file=a.edb' --format length-prefixed |
       k9repl append --create --conn 'file=b.edb' --length-prefixed)";
 

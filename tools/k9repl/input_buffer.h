@@ -18,8 +18,9 @@ class InputBuffer {
     std::string_view Unread() const { return {m_bytes.data() + m_begin, m_end - m_begin}; }
     // REQUIRES: size <= Unread().size(). The bytes stay valid until the next Fill.
     void Consume(std::size_t size);
-    // Reads more bytes behind the unread ones. Once the input has ended, it stays ended.
-    InputState Fill();
+    // Reads more bytes behind the unread ones, none when they do not come before the deadline. Once
+    // the input has ended, it stays ended.
+    InputState Fill(Deadline deadline);
 
     const std::string& FileName() const { return m_file.Name(); }
 

@@ -26,11 +26,12 @@ class LengthPrefixedReader : public RecordReader {
     LengthPrefixedReader(InputFile& file, const RecordLimit& limit)
         : m_input(file), m_limit(limit) {}
 
-    InputState Next(std::string_view* data) override;
+    InputState Next(std::string_view* data, Deadline deadline) override;
 
   private:
-    // Fills until `size` bytes are there, or the input ends or is interrupted.
-    InputState Need(std::size_t size);
+    // Fills until `size` bytes are there, the input ends or is interrupted, or the deadline is
+    // over.
+    InputState Need(std::size_t size, Deadline deadline);
     void CheckLength(std::uint32_t length) const;
     [[noreturn]] void FailCutOff(const std::string& what) const;
 
@@ -40,8 +41,8 @@ class LengthPrefixedReader : public RecordReader {
     std::uint64_t m_offset = 0;  // of its length in the input
 };
 
-InputState LengthPrefixedReader::Next(std::string_view* data) {
-    InputState state = Need(kLengthSize);
+InputState LengthPrefixedReader::Next(std::string_view* data, Deadline deadline) {
+    InputState state = Need(kLengthSize, deadline);
     if (state == InputState::kEnd && !m_input.Unread().empty()) {
         FailCutOff(fmt::format("{} of the 4 bytes of its length", m_input.Unread().size()));
     }
@@ -50,7 +51,7 @@ InputState LengthPrefixedReader::Next(std::string_view* data) {
     }
     const std::uint32_t length = LoadLittleEndian(m_input.Unread());
     CheckLength(length);
-    state = Need(kLengthSize + length);
+    state = Need(kLengthSize + length, deadline);
     if (state == InputState::kEnd) {
         FailCutOff(
             fmt::format("{} of its {} bytes", m_input.Unread().size() - kLengthSize, length));
@@ -65,10 +66,10 @@ InputState LengthPrefixedReader::Next(std::string_view* data) {
     return InputState::kData;
 }
 
-InputState LengthPrefixedReader::Need(std::size_t size) {
+InputState LengthPrefixedReader::Need(std::size_t size, Deadline deadline) {
     InputState state = InputState::kData;
     while (state == InputState::kData && m_input.Unread().size() < size) {
-        state = m_input.Fill();
+        state = m_input.Fill(deadline);
     }
     return state;
 }

@@ -15,7 +15,7 @@ class LineReader : public RecordReader {
   public:
     LineReader(InputFile& file, const RecordLimit& limit) : m_input(file), m_limit(limit) {}
 
-    InputState Next(std::string_view* data) override;
+    InputState Next(std::string_view* data, Deadline deadline) override;
 
   private:
     InputState Take(std::size_t lineSize, std::size_t newlineSize, std::string_view* data);
@@ -26,7 +26,7 @@ class LineReader : public RecordReader {
     std::uint64_t m_line = 1;  // number of the line that is being read
 };
 
-InputState LineReader::Next(std::string_view* data) {
+InputState LineReader::Next(std::string_view* data, Deadline deadline) {
     std::size_t searched = 0;
     for (;;) {
         const std::string_view unread = m_input.Unread();
@@ -36,7 +36,7 @@ InputState LineReader::Next(std::string_view* data) {
         }
         searched = unread.size();
         CheckSize(searched);
-        const InputState state = m_input.Fill();
+        const InputState state = m_input.Fill(deadline);
         if (state == InputState::kEnd && searched > 0) {
             return Take(searched, 0, data);
         }

@@ -13,10 +13,11 @@ namespace k9repl {
 class RecordReader {
   public:
     virtual ~RecordReader() = default;
-    // kData: *data receives the next record, valid until the next call. kInterrupted: every whole
-    // record that had arrived was handed out; a part of one is dropped.
-    // Throws a ToolError that names the input and the place of what is wrong in it.
-    virtual InputState Next(std::string_view* data) = 0;
+    // kData: *data receives the next record, valid until the next call. kTimedOut: no whole record
+    // came before the deadline; a part of one is kept for the next call. kInterrupted: every whole
+    // record that had arrived was handed out; a part of one is dropped. Throws a ToolError that
+    // names the input and the place of what is wrong in it.
+    virtual InputState Next(std::string_view* data, Deadline deadline) = 0;
 };
 
 // Each line is a record, without its newline. Bytes behind the last newline are a record too. A

@@ -24,6 +24,8 @@ class StoredRevision {
 
     // Both written and flushed; 0 when nothing is stored.
     std::int64_t Get() const;
+    // Flushed; the asynchronous writer may not have written it yet.
+    std::int64_t Flushed() const { return m_flushed.load(); }
 
   private:
     static void K9EREPL_CALL OnRevision(std::int64_t lastRev, void* context);

@@ -77,6 +77,16 @@ TEST_F(ToolAppendFailure, ASummaryThatCannotBePrintedIsAFailure) {
                   "safely stored up to revision 2");
 }
 
+TEST_F(ToolAppendFailure, AcksThatCannotBePrintedAreAFailure) {
+    m_outputPath = "/dev/full";
+    const ToolRun run = Append("a\nb\n", {"--ack"});
+    ExpectFailure(run,
+                  "cannot write to standard output: No space left on device (system error 28); "
+                  "safely stored up to revision 2");
+    m_outputPath.clear();
+    EXPECT_EQ(Cat(), "a\nb\n");
+}
+
 TEST_F(ToolAppendFailure, ClosedStandardStreamsNeverBecomeTheStorage) {
     ASSERT_EQ(Append("one\n").exitStatus, 0);
     const std::string command = "exec " K9REPL_PROGRAM " append --conn '" + Conn() + "' " +

@@ -30,17 +30,20 @@ InputFile::~InputFile() {
     }
 }
 
-InputState InputFile::Read(char* buffer, std::size_t size, std::size_t* got) {
+InputState InputFile::Read(char* buffer, std::size_t size, std::size_t* got, Deadline deadline) {
     assert(size > 0);
     const int descriptor = static_cast<int>(m_stream);
     for (;;) {
         pollfd waits[] = {{descriptor, POLLIN, 0}, {InterruptDescriptor(), POLLIN, 0}};
-        const int ready = poll(waits, 2, -1);
+        const int ready = poll(waits, 2, MillisecondsUntil(deadline));
         if (ready < 0 && errno != EINTR) {
             throw SystemError("wait for the input " + m_name, LastError());
         }
         if (InterruptSignal() != 0) {
             return InputState::kInterrupted;
+        }
+        if (ready == 0 && deadline <= Deadline::clock::now()) {
+            return InputState::kTimedOut;
         }
         if (ready <= 0) {
             continue;

@@ -66,19 +66,27 @@ void WriteAll(Transfer& transfer) {
     }
 }
 
-bool RunUnlessInterrupted(void (*call)(Transfer&), const std::shared_ptr<Transfer>& transfer) {
-    if (InterruptSignal() != 0) {
-        return false;
-    }
-    const HANDLE waits[] = {InterruptEvent(), DoneEvent()};
+void StartCall(void (*call)(Transfer&), const std::shared_ptr<Transfer>& transfer) {
     auto pooled = std::make_unique<PooledCall>(PooledCall{call, transfer});
     if (QueueUserWorkItem(&RunPooled, pooled.get(), WT_EXECUTELONGFUNCTION) == FALSE) {
         transfer->count = 0;
         transfer->error = GetLastError();
-        return true;
+        SetEvent(DoneEvent());
+        return;
     }
     (void)pooled.release();  // RunPooled has it
-    return WaitForMultipleObjects(2, waits, FALSE, INFINITE) != WAIT_OBJECT_0;
+}
+
+CallEnd AwaitCall(DWORD milliseconds) {
+    const HANDLE waits[] = {InterruptEvent(), DoneEvent()};
+    switch (WaitForMultipleObjects(2, waits, FALSE, milliseconds)) {
+        case WAIT_OBJECT_0:
+            return CallEnd::kInterrupted;
+        case WAIT_TIMEOUT:
+            return CallEnd::kTimedOut;
+        default:
+            return CallEnd::kDone;
+    }
 }
 
 bool ReadsAtOnce(HANDLE stream) {

@@ -5,6 +5,7 @@
 #include <cassert>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include "interrupts.h"
 #include "tool_error.h"
@@ -62,20 +63,34 @@ InputFile::~InputFile() {
     }
 }
 
-InputState InputFile::Read(char* buffer, std::size_t size, std::size_t* got) {
+// A read that outlasts its deadline goes on; the next call takes what it brings.
+InputState InputFile::Read(char* buffer, std::size_t size, std::size_t* got, Deadline deadline) {
     assert(size > 0);
-    const auto transfer = std::make_shared<Transfer>();
-    transfer->stream = HandleOf(m_stream);
-    transfer->bytes.resize(std::min(size, kReadMax));
-    if (InterruptSignal() == 0 && ReadsAtOnce(transfer->stream)) {
-        ReadOnce(*transfer);
-    } else if (!RunUnlessInterrupted(IsConsole(transfer->stream) ? &ReadTyped : &ReadOnce,
-                                     transfer)) {
+    if (InterruptSignal() != 0) {
         return InputState::kInterrupted;
     }
+    bool goesOn = m_running != nullptr;
+    if (!goesOn) {
+        m_running = std::make_shared<Transfer>();
+        m_running->stream = HandleOf(m_stream);
+        m_running->bytes.resize(std::min(size, kReadMax));
+        goesOn = !ReadsAtOnce(m_running->stream);
+        if (goesOn) {
+            StartCall(IsConsole(m_running->stream) ? &ReadTyped : &ReadOnce, m_running);
+        } else {
+            ReadOnce(*m_running);
+        }
+    }
+    const DWORD milliseconds = static_cast<DWORD>(MillisecondsUntil(deadline));  // -1 is INFINITE
+    const CallEnd end = goesOn ? AwaitCall(milliseconds) : CallEnd::kDone;
+    if (end != CallEnd::kDone) {
+        return end == CallEnd::kTimedOut ? InputState::kTimedOut : InputState::kInterrupted;
+    }
+    const std::shared_ptr<Transfer> transfer = std::exchange(m_running, nullptr);
     if (transfer->error != NO_ERROR) {
         throw SystemError("read the input " + m_name, SystemErrorCode(transfer->error));
     }
+    assert(transfer->count <= size);
     std::memcpy(buffer, transfer->bytes.data(), transfer->count);
     *got = transfer->count;
     return *got == 0 ? InputState::kEnd : InputState::kData;

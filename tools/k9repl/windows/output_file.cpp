@@ -3,9 +3,22 @@
 
 #include <memory>
 
+#include "interrupts.h"
 #include "windows/blocking_call.h"
 
 namespace k9repl {
+
+namespace {
+
+bool WriteUnlessInterrupted(const std::shared_ptr<Transfer>& transfer) {
+    if (InterruptSignal() != 0) {
+        return false;
+    }
+    StartCall(&WriteAll, transfer);
+    return AwaitCall(INFINITE) == CallEnd::kDone;
+}
+
+}  // namespace
 
 std::error_code WriteToStandardOutput(std::string_view bytes, OnInterrupt onInterrupt) {
     const auto transfer = std::make_shared<Transfer>();
@@ -13,7 +26,7 @@ std::error_code WriteToStandardOutput(std::string_view bytes, OnInterrupt onInte
     transfer->bytes.assign(bytes.begin(), bytes.end());
     if (onInterrupt == OnInterrupt::kFinish) {
         WriteAll(*transfer);
-    } else if (!RunUnlessInterrupted(&WriteAll, transfer)) {
+    } else if (!WriteUnlessInterrupted(transfer)) {
         return std::make_error_code(std::errc::interrupted);
     }
     switch (transfer->error) {
