@@ -26,6 +26,29 @@ TEST_F(ToolClearFailure, AZeroInFrontDoesNotChangeTheNumber) {
     EXPECT_EQ(Cat(), "10\n11\n");
 }
 
+TEST_F(ToolClearFailure, ARevisionAboveTheNextOneIsRefusedWithoutAll) {
+    Fill();
+    const std::vector<u8> before = ReadBytes(StorageFile());
+    for (const char* mode : {"logical", "squeeze", "squeeze-backup"}) {
+        ExpectFailure(Clear("7", mode),
+                      "7 is above the next revision, 6, and would take everything away; with --all "
+                      "it does; nothing was changed",
+                      2);
+        EXPECT_EQ(ReadBytes(StorageFile()), before);
+    }
+}
+
+TEST_F(ToolClearFailure, AllIsRefusedWithoutATerminalToAskOn) {
+    Fill();
+    std::vector<std::string> arguments = ClearArguments("7", "logical");
+    arguments.push_back("--all");
+    ExpectFailure(Run(arguments, "y\n"),
+                  "there is no terminal to ask for confirmation on; --yes clears without asking; "
+                  "nothing was changed",
+                  2);
+    EXPECT_EQ(Cat(), kEverything);
+}
+
 TEST_F(ToolClearFailure, AnUnknownModeIsRefused) {
     Fill();
     ExpectFailure(Clear("3", "backup"),

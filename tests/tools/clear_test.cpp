@@ -10,6 +10,13 @@ namespace {
 
 class ToolClear : public ToolClearTest {};
 
+constexpr const char* kEverythingReport =
+    "cleared              everything: no record is left\n"
+    "oldest revision      1 -> none\n"
+    "next revision        6 -> 6\n"
+    "storage file size    1218 -> 1218\n"
+    "backup file          none\n";
+
 TEST_F(ToolClear, LogicalLeavesTheRecordsInTheFile) {
     Fill();
     ExpectReport(Clear("3", "logical"),
@@ -65,22 +72,32 @@ TEST_F(ToolClear, MarkOnlyNotesTheRevision) {
     EXPECT_EQ(Stat("clearMark"), "3");
 }
 
-TEST_F(ToolClear, TheNextRevisionOrAboveTakesEverythingAndMakesNoBackup) {
-    const char* const revisions[] = {"6", "9223372036854775807"};
+TEST_F(ToolClear, TheNextRevisionTakesEverythingAndMakesNoBackup) {
     for (const char* mode : {"logical", "squeeze", "squeeze-backup"}) {
-        for (const char* rev : revisions) {
-            std::filesystem::remove(StorageFile());
-            Fill();
-            ExpectReport(Clear(rev, mode),
-                         "cleared              everything: no record is left\n"
-                         "oldest revision      1 -> none\n"
-                         "next revision        6 -> 6\n"
-                         "storage file size    1218 -> 1218\n"
-                         "backup file          none\n");
-            EXPECT_EQ(Cat(), "");
-            EXPECT_EQ(Stat("nextRev"), "6");
-        }
+        std::filesystem::remove(StorageFile());
+        Fill();
+        ExpectReport(Clear("6", mode), kEverythingReport);
+        EXPECT_EQ(Cat(), "");
+        EXPECT_EQ(Stat("nextRev"), "6");
     }
+}
+
+TEST_F(ToolClear, AboveTheNextRevisionAllTakesEverything) {
+    for (const char* rev : {"7", "9223372036854775807"}) {
+        std::filesystem::remove(StorageFile());
+        Fill();
+        std::vector<std::string> arguments = ClearArguments(rev, "squeeze-backup");
+        arguments.insert(arguments.end(), {"--all", "--yes"});
+        ExpectReport(Run(arguments), kEverythingReport);
+        EXPECT_EQ(Stat("nextRev"), "6");
+    }
+}
+
+TEST_F(ToolClear, AMarkMayBeAboveTheNextRevision) {
+    Fill();
+    EXPECT_EQ(Clear("7", "mark").exitStatus, 0);
+    EXPECT_EQ(Stat("clearMark"), "7");
+    EXPECT_EQ(Cat(), "r1\nr2\nr3\nr4\nr5\n");
 }
 
 TEST_F(ToolClear, FileInitialSizeIsTheSizeOfAFileThatIsBegunAnew) {

@@ -3,6 +3,9 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
+#include "confirmation.h"
 #include "file_identity.h"
 #include "index_facts.h"
 #include "removal_report.h"
@@ -20,6 +23,26 @@ bool Squeezes(ClearMode mode) {
     return mode == ClearMode::kSqueeze || mode == ClearMode::kSqueezeBackup;
 }
 
+bool IsAboveNext(const ClearOptions& options, const StorageFacts& facts) {
+    return options.mode != ClearMode::kMark && facts.oldestRev && options.to > facts.nextRev;
+}
+
+// Asks while the storage is closed: who takes a day to answer keeps no other process from it.
+void AskFirst(const ClearOptions& options) {
+    std::string question;
+    {
+        const StorageHandle storage(options.conn, Access::kRead);
+        const StorageFacts facts = ReadFacts(storage);
+        if (!IsAboveNext(options, facts)) {
+            return;
+        }
+        question = fmt::format("Take everything away from {}, revisions {} to {}?", storage.Name(),
+                               *facts.oldestRev, facts.nextRev - 1);
+    }
+    RequireTerminal("clears");
+    RequireConfirmation(question);
+}
+
 // One run of the command, from the loaded storage to its close.
 class ClearRun {
   public:
@@ -31,6 +54,7 @@ class ClearRun {
     }
 
     int Run() {
+        RefuseAboveNext();
         RefuseWhatCannotSqueeze();
         ThrowIfInterrupted("; nothing was changed");
         Clear();
@@ -47,12 +71,29 @@ class ClearRun {
   private:
     bool MaySqueeze() const { return Squeezes(m_options.mode) && m_options.to < m_before.nextRev; }
 
+    // A slip in the revision must not cost everything.
+    void RefuseAboveNext() const {
+        if (!m_options.all && IsAboveNext(m_options, m_before)) {
+            throw ToolError(fmt::format("{} is above the next revision, {}, and would take "
+                                        "everything away; with --all it does; nothing was changed",
+                                        m_options.to, m_before.nextRev),
+                            kExitUsage);
+        }
+    }
+
     // The library would notice only after it has cleared logically.
     void RefuseWhatCannotSqueeze() const {
         const bool removes = m_before.oldestRev && *m_before.oldestRev < m_options.to;
         const std::string obstacle = TemporaryInTheWay(m_storage.Path());
         if (MaySqueeze() && removes && !obstacle.empty()) {
             throw ToolError(fmt::format("cannot squeeze {}: {}", m_storage.Name(), obstacle));
+        }
+        if (MaySqueeze() && m_before.oldestRev) {
+            const std::int64_t kept = std::max(m_options.to, *m_before.oldestRev);
+            if (const std::string lack = NoRoomForCopy(m_storage.Path(), kept); !lack.empty()) {
+                throw ToolError(fmt::format("cannot squeeze {}: {}; nothing was changed",
+                                            m_storage.Name(), lack));
+            }
         }
     }
 
@@ -132,6 +173,9 @@ class ClearRun {
 }  // namespace
 
 int RunClear(const ClearOptions& options) {
+    if (options.all && !options.yes) {
+        AskFirst(options);
+    }
     return ClearRun(options).Run();
 }
 

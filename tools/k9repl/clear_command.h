@@ -19,6 +19,8 @@ struct ClearOptions {
     std::string conn;
     std::int64_t to = 0;  // the first revision that is kept
     ClearMode mode = ClearMode::kLogical;
+    bool all = false;  // `to` may be above the next revision
+    bool yes = false;  // do not ask then
 };
 
 // Returns the exit status; throws ToolError.

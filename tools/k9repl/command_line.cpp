@@ -159,6 +159,8 @@ CLI::App* AddClear(CLI::App& app, ClearOptions& options) {
         ->required()
         ->type_name("R");
     AddWord(*command, "--mode", kClearModes, options.mode)->required()->type_name("MODE");
+    command->add_flag("--all", options.all, "R may be above the next revision; asks first");
+    command->add_flag("--yes", options.yes, "Do not ask");
     command->footer(kClearFooter);
     return command;
 }

@@ -1,6 +1,8 @@
 // Prints the question and reads one line.
 #include "confirmation.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cctype>
 
@@ -35,16 +37,24 @@ std::string ReadAnswer() {
 
 }  // namespace
 
-bool CanAsk() {
-    return StandardInputIsTerminal() && StandardErrorIsTerminal();
+void RequireTerminal(const std::string& does) {
+    if (!StandardInputIsTerminal() || !StandardErrorIsTerminal()) {
+        throw ToolError(
+            fmt::format("there is no terminal to ask for confirmation on; --yes {} without asking; "
+                        "nothing was changed",
+                        does),
+            kExitUsage);
+    }
 }
 
-bool Confirm(const std::string& question) {
+void RequireConfirmation(const std::string& question) {
     PrintMessage(question + " [y/N] ");
     std::string answer = ReadAnswer();
     std::transform(answer.begin(), answer.end(), answer.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return answer == "y" || answer == "yes";
+    if (answer != "y" && answer != "yes") {
+        throw ToolError("not confirmed; nothing was changed");
+    }
 }
 
 }  // namespace k9repl

@@ -1,4 +1,4 @@
-// A question on the terminal before something that cannot be undone. Used by truncate.
+// A question on the terminal before something that cannot be undone. Used by clear and truncate.
 #ifndef K9EREPL_K9REPL_CONFIRMATION_H
 #define K9EREPL_K9REPL_CONFIRMATION_H
 
@@ -6,12 +6,13 @@
 
 namespace k9repl {
 
-// Whether there is a terminal to ask on: standard error shows, standard input answers.
-bool CanAsk();
+// Throws ToolError where there is no terminal to ask on: standard error shows, standard input
+// answers. `does` is what --yes does without asking: "truncates".
+void RequireTerminal(const std::string& does);
 
-// Asks `question` with "[y/N]" behind it. True for "y" or "yes" in any case of letters. Throws
-// ToolError when it is interrupted; says that nothing was changed.
-bool Confirm(const std::string& question);
+// Asks `question` with "[y/N]" behind it, and goes on after "y" or "yes" in any case of letters.
+// Throws ToolError after any other answer and when interrupted; says that nothing was changed.
+void RequireConfirmation(const std::string& question);
 
 }  // namespace k9repl
 

@@ -129,13 +129,16 @@ storage file:
                   older backup. It is a storage of its own: file=PATH.backup opens it.
   mark            Notes R as the clear mark of the storage. No record goes.
 
-R at or above the next revision takes EVERYTHING away, with every mode but mark: the file is begun
-anew in its place, keeps its size on disk unless the connection string has file_initial_size, and,
-with squeeze-backup too, NO BACKUP IS MADE. R not above the oldest revision has nothing to do; a
+R at the next revision takes EVERYTHING away, with every mode but mark: the file is begun anew in
+its place, keeps its size on disk unless the connection string has file_initial_size, and, with
+squeeze-backup too, NO BACKUP IS MADE. R above it does the same, which is rarely meant: it is
+refused (status 2) unless --all is given. Then the command asks first, and refuses where there is no
+terminal to ask on, unless --yes is given. R not above the oldest revision has nothing to do; a
 squeeze then only takes out what was cleared logically before.
 
 Disk room: a squeeze needs room for a second copy of what is kept. The old file's room is free when
-it is done; with squeeze-backup it is free when you delete PATH.backup.
+it is done; with squeeze-backup it is free when you delete PATH.backup, which itself needs none.
+Where there is not enough, the command says how much it needs and changes nothing.
 
 When something goes wrong, at every moment either the file at PATH or PATH.backup is whole:
   PATH.temporary is left behind by a squeeze that was killed. It is an unfinished copy; the storage
@@ -148,6 +151,7 @@ leaves PATH.temporary.
 
 Examples:
   k9repl clear --conn 'file=log.edb' --to 1000 --mode logical
+  k9repl clear --conn 'file=log.edb' --to 9223372036854775807 --all --yes --mode logical
   k9repl clear --conn 'file=log.edb' --to 1000 --mode squeeze-backup
   k9repl cat --conn 'file=log.edb.backup' --to 999)";
 

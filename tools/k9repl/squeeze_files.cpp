@@ -8,10 +8,15 @@
 
 #include "index_facts.h"
 #include "links.h"
+#include "storage_check.h"
+#include "tool_error.h"
 
 namespace k9repl {
 
 namespace {
+
+// For the commit block that records the clear, in the old file and in the copy, and for its index.
+constexpr std::uint64_t kCopySpare = 4096;
 
 std::optional<FileBeside> Find(const std::string& storagePath, const char* ending) {
     if (storagePath.empty()) {
@@ -61,6 +66,26 @@ std::string TemporaryInTheWay(const std::string& storagePath) {
         "{} is in the way, the unfinished copy of a squeeze that was cut off; the storage at '{}' "
         "is whole: delete '{}' and run the command again",
         Describe(*temporary), storagePath, temporary->path);
+}
+
+std::string NoRoomForCopy(const std::string& storagePath, std::int64_t keptFrom) {
+    std::error_code error;
+    const std::filesystem::path folder =
+        std::filesystem::absolute(FollowLink(storagePath), error).parent_path();
+    const std::filesystem::space_info room = std::filesystem::space(folder, error);
+    const std::optional<std::uint64_t> fileSize = FileSize(storagePath);
+    // The file is read only where it is in doubt that the copy, which is never larger, has room.
+    if (error || !fileSize || *fileSize + kCopySpare <= room.available) {
+        return {};
+    }
+    const std::uint64_t copySize = SqueezedSize(storagePath, keptFrom);
+    if (copySize == 0 || copySize + kCopySpare <= room.available) {
+        return {};
+    }
+    return fmt::format(
+        "the copy of what is kept needs {} bytes in '{}', where {} are free; make room, or use "
+        "--mode logical, which needs none",
+        copySize + kCopySpare, folder.string(), room.available);
 }
 
 }  // namespace k9repl

@@ -33,6 +33,11 @@ std::string MissingButBackedUp(const std::string& storagePath);
 // REQUIRES: the file at `storagePath` was opened as a storage.
 std::string TemporaryInTheWay(const std::string& storagePath);
 
+// That the file system has no room for the copy of the revisions from `keptFrom` on; empty when it
+// has, or when that is not known. A backup needs none: it is the old file under a second name, or
+// moved.
+std::string NoRoomForCopy(const std::string& storagePath, std::int64_t keptFrom);
+
 }  // namespace k9repl
 
 #endif  // K9EREPL_K9REPL_SQUEEZE_FILES_H

@@ -96,7 +96,8 @@ void RequireStorage(FileBytes& file) {
 // Takes items as long as they keep the rules.
 class Walk {
   public:
-    Walk(FileBytes& file, StorageCheck& check) : m_file(file), m_check(check) {}
+    Walk(FileBytes& file, StorageCheck& check, std::int64_t keptFrom = 0)
+        : m_file(file), m_check(check), m_keptFrom(keptFrom) {}
 
     void Run() {
         while (TakeItem()) {
@@ -108,6 +109,9 @@ class Walk {
         return {
             .clearRev = m_clearRevBefore, .commitRev = m_lastRevBefore, .sequence = m_lastSequence};
     }
+
+    // Of the first record from `keptFrom` on; 0 when there is none.
+    std::uint64_t KeptOffset() const { return m_keptOffset; }
 
   private:
     bool TakeItem() {
@@ -133,6 +137,9 @@ class Walk {
             head.size > kRecordSizeMax || head.size > m_file.Left(m_at) ||
             head.rev < m_check.lastRev || head.rev <= m_lastRecordRev) {
             return false;
+        }
+        if (m_keptOffset == 0 && head.rev >= m_keptFrom) {
+            m_keptOffset = m_at;
         }
         m_lastRecordRev = head.rev;
         ++m_records;
@@ -165,6 +172,8 @@ class Walk {
 
     FileBytes& m_file;
     StorageCheck& m_check;
+    const std::int64_t m_keptFrom;
+    std::uint64_t m_keptOffset = 0;
     std::uint64_t m_at = k9erepl::kFirstCommitOffset;
     std::uint64_t m_records = 0;
     std::int64_t m_lastRecordRev = 0;
@@ -203,6 +212,20 @@ bool FindBeyond(FileBytes& file, const k9erepl::LastGoodCommit& last, StorageChe
 }
 
 }  // namespace
+
+std::uint64_t SqueezedSize(const std::string& path, std::int64_t keptFrom) {
+    try {
+        FileBytes file(path);
+        StorageCheck check;
+        Walk walk(file, check, keptFrom);
+        walk.Run();
+        const std::uint64_t kept = walk.KeptOffset();
+        const bool allIsKept = kept <= k9erepl::kFirstItemOffset;
+        return allIsKept ? 0 : k9erepl::kFirstItemOffset + (check.dataEnd - kept);
+    } catch (const ToolError&) {
+        return 0;
+    }
+}
 
 StorageCheck CheckStorageFile(const std::string& path) {
     FileBytes file(path);

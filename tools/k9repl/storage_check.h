@@ -1,5 +1,6 @@
 // Reads a storage file from its first byte to its last and judges it by the rules of its format
-// (docs/storage-file.md), without the library: the file is opened for reading only. Used by verify.
+// (docs/storage-file.md), without the library: the file is opened for reading only. Used by verify,
+// and by clear before a squeeze.
 #ifndef K9EREPL_K9REPL_STORAGE_CHECK_H
 #define K9EREPL_K9REPL_STORAGE_CHECK_H
 
@@ -29,6 +30,11 @@ struct StorageCheck {
     std::int64_t beyondFrom = 0;
     std::int64_t beyondTo = 0;
 };
+
+// The size in bytes that a squeeze leaves of the file when `keptFrom` is the first revision that is
+// kept: reads the heads of the whole file. 0 where there is nothing to squeeze out, or where the
+// file cannot be read.
+std::uint64_t SqueezedSize(const std::string& path, std::int64_t keptFrom);
 
 // Throws a ToolError where the file cannot be read or could not be opened or loaded as a storage.
 StorageCheck CheckStorageFile(const std::string& path);

@@ -17,17 +17,11 @@ namespace {
 
 // Asks before the storage is opened: who takes a day to answer keeps no other process from it.
 void AskFirst(const std::string& path) {
-    if (!CanAsk()) {
-        throw ToolError(
-            "there is no terminal to ask for confirmation on; --yes truncates without asking; "
-            "nothing was changed",
-            kExitUsage);
-    }
-    const auto size = FileSize(path);
+    RequireTerminal("truncates");
     // A storage that is not there needs no question: opening it fails.
-    if (size && !Confirm(fmt::format("Throw away everything in the storage '{}' ({} bytes)?", path,
-                                     *size))) {
-        throw ToolError("not confirmed; nothing was changed");
+    if (const auto size = FileSize(path)) {
+        RequireConfirmation(
+            fmt::format("Throw away everything in the storage '{}' ({} bytes)?", path, *size));
     }
 }
 
