@@ -68,6 +68,10 @@ void IndexObject::Stop() {
         return;
     }
     IndexWorker& worker = *m_worker.load();
+    if (worker.RunsOnThisThread()) {
+        LeaveThreadToItself(worker);
+        return;
+    }
     const u32 joinMs = WaitForSave(worker);
     if (!worker.IsFinished()) {
         worker.SendStop();
@@ -202,6 +206,14 @@ bool IndexObject::EndThread(u32 joinMs) {
     const u32 rc = result == platform::WaitResult::kTimedOut ? RC_TIMEOUT : RC_SYSTEM_ERROR;
     LOG_ERROR_CODE(rc, kLogIndex, "K9ThreadWait() failed; terminating thread");
     return m_thread->Terminate(kTerminatedExitCode);
+}
+
+// It is in the idle call and cannot be joined. The worker goes with it.
+void IndexObject::LeaveThreadToItself(IndexWorker& worker) {
+    worker.LeaveToTheThread();
+    m_thread->Detach();
+    m_thread.reset();
+    m_worker = nullptr;
 }
 
 void IndexObject::GiveUpThread() {

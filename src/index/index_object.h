@@ -20,7 +20,8 @@ namespace k9erepl {
 class IndexWorker;
 
 // Start, Stop, RequestSave, StartOver and Empty are called under the storage's lock (Stop also
-// while the storage is torn down), never from the idle call; the tests of flags from anywhere.
+// while the storage is torn down); the tests of flags from anywhere. The idle call, whose callbacks
+// may clear and close, may call all but Start, and may destroy this object.
 class IndexObject {
   public:
     // Reads index_file or file, and aux_affinity. `idle` is called every `waitMs` milliseconds
@@ -39,7 +40,8 @@ class IndexObject {
     // still there. The next save writes everything. Errors: RC_SYSTEM_ERROR, RC_NO_MEMORY.
     u32 Start();
     // Ends the thread, after the save in progress, and closes the file. Waits at most 20 seconds
-    // or, if a save takes that long, one more; then the thread is terminated.
+    // or, if a save takes that long, one more; then the thread is terminated. Called by the thread
+    // itself, it returns at once, and the thread ends when its idle call has returned.
     void Stop();
 
     // Saves what is new in `blockIndex` since the last save, as far as it is in the storage file.
@@ -71,6 +73,7 @@ class IndexObject {
     u32 RequestWithoutWorker(IndexSaveMode mode) const;
     static u32 WaitForSave(const IndexWorker& worker);
     bool EndThread(u32 joinMs);
+    void LeaveThreadToItself(IndexWorker& worker);
     void GiveUpThread();
 
     const std::string m_path;

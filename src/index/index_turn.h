@@ -15,12 +15,13 @@ enum class IndexCommand : u32 { kNone = 0, kSave = 1, kStop = 2 };
 // Whoever holds the busy flag owns the image, the file and the timing; the flag is never held
 // across a wait for the event. A command travels from the requester to the thread: it is given
 // while the busy flag is held (kStop: at any time) and taken back by the thread, which holds the
-// flag while it carries the command out. The requester begins nothing while a command is pending.
+// flag while it carries the command out. The requester begins nothing while a command is pending;
+// the thread itself, when it is the requester, carries out a pending save first.
 //
 // Requesters are serialised by the storage's lock; anybody may ask IsBusy.
 class IndexTurn {
   public:
-    // The thread's way to the flag.
+    // The thread's way to the flag, also when it is the requester.
     void Take() {
         while (!TryTake()) {
             platform::YieldThread();
@@ -42,6 +43,11 @@ class IndexTurn {
 
     IndexCommand Command() const { return m_command.load(std::memory_order_acquire); }
     void Give(IndexCommand command) { m_command.store(command, std::memory_order_release); }
+    // Gives a save unless a stop was given meanwhile, which must not be lost.
+    void GiveSave() {
+        IndexCommand none = IndexCommand::kNone;
+        m_command.compare_exchange_strong(none, IndexCommand::kSave, std::memory_order_acq_rel);
+    }
     // Takes a save back; a stop that was given meanwhile stays.
     void EndSave() {
         IndexCommand save = IndexCommand::kSave;

@@ -33,6 +33,7 @@ u32 IndexWorker::Prepare() {
         m_image.StartOver();
         return rc;
     }
+    m_failedSave = RC_OK;
     m_up.store(false, std::memory_order_relaxed);
     m_finished.store(false, std::memory_order_release);
     return RC_OK;
@@ -40,6 +41,7 @@ u32 IndexWorker::Prepare() {
 
 void IndexWorker::CleanUp() {
     m_finished.store(true, std::memory_order_release);
+    m_threadId.store(0, std::memory_order_relaxed);
     m_turn.Reset();
     m_image.StartOver();
     m_file.Close();
@@ -64,8 +66,35 @@ void IndexWorker::SendStop() {
     m_wakeUp.Set();  // if that fails the thread sees the command at its next time-out
 }
 
+bool IndexWorker::RunsOnThisThread() const {
+    return m_threadId.load(std::memory_order_relaxed) == platform::CurrentThreadId();
+}
+
+void IndexWorker::LeaveToTheThread() {
+    assert(RunsOnThisThread());
+    TakeTurn();
+    m_turn.Release();
+    SendStop();
+    m_ownedByThread = true;
+}
+
+// On the thread itself, which is in its idle call, nobody else would carry out a pending save. Its
+// failure ends the thread when that call returns, as it would otherwise.
+void IndexWorker::TakeTurn() {
+    if (!RunsOnThisThread()) {
+        m_turn.TakeWhenIdle();
+        return;
+    }
+    if (m_turn.Command() == IndexCommand::kSave) {
+        if (const u32 rc = CarryOutSave(); rc != RC_OK) {
+            m_failedSave = rc;
+        }
+    }
+    m_turn.Take();
+}
+
 u32 IndexWorker::RequestSave(const BlockIndex& blockIndex, IndexSaveMode mode) {
-    m_turn.TakeWhenIdle();
+    TakeTurn();
     const IndexTurnHolder holder(m_turn);
     if (mode == IndexSaveMode::kAsync && IsFinished()) {
         return RC_OK;
@@ -82,19 +111,19 @@ u32 IndexWorker::RequestSave(const BlockIndex& blockIndex, IndexSaveMode mode) {
     if (mode == IndexSaveMode::kSync) {
         return WriteFile();
     }
-    m_turn.Give(IndexCommand::kSave);
+    m_turn.GiveSave();
     m_wakeUp.Set();  // if that fails the thread sees the command at its next time-out
     return RC_OK;
 }
 
 void IndexWorker::StartOver() {
-    m_turn.TakeWhenIdle();
+    TakeTurn();
     const IndexTurnHolder holder(m_turn);
     m_image.StartOver();
 }
 
 u32 IndexWorker::Empty() {
-    m_turn.TakeWhenIdle();
+    TakeTurn();
     const IndexTurnHolder holder(m_turn);
     m_image.StartOver();
     if (m_image.Update(BlockIndex{}) == IndexUpdate::kNoMemory) {
@@ -105,7 +134,14 @@ u32 IndexWorker::Empty() {
 }
 
 u32 IndexWorker::ThreadBody(void* worker) {
-    return static_cast<IndexWorker*>(worker)->Run();
+    auto* const self = static_cast<IndexWorker*>(worker);
+    const u32 exitCode = self->Run();
+    if (self->m_ownedByThread) {
+        self->CleanUp();
+        self->ReportTimes();
+        delete self;
+    }
+    return exitCode;
 }
 
 // Nothing here or below catches an exception that it does not know: the platform ends a thread
@@ -118,6 +154,7 @@ u32 IndexWorker::Run() {
         m_finished.store(true, std::memory_order_release);
         return RC_SYSTEM_ERROR;
     }
+    m_threadId.store(platform::CurrentThreadId(), std::memory_order_relaxed);
     m_up.store(true, std::memory_order_release);
     const u32 exitCode = ServeUntilStopped();
     Leave(exitCode);
@@ -150,6 +187,9 @@ u32 IndexWorker::Serve() {
             case IndexCommand::kNone:
                 if (result == platform::WaitResult::kTimedOut) {
                     m_idle.FlushOnIdle();
+                    if (m_failedSave != RC_OK) {
+                        return m_failedSave;
+                    }
                 }
                 break;
         }
@@ -170,6 +210,7 @@ void IndexWorker::Leave(u32 exitCode) {
              exitCode);
     m_image.StartOver();
     m_file.Close();
+    m_threadId.store(0, std::memory_order_relaxed);
     m_finished.store(true, std::memory_order_release);
     m_turn.Reset();
 }

@@ -37,8 +37,13 @@ class IndexWorker {
     // Waits until the thread can be woken, or has ended.
     void WaitUntilUp() const;
     void SendStop();
+    // Whether the caller is the thread, in its idle call.
+    bool RunsOnThisThread() const;
+    // Instead of joining the thread, by the thread itself: it ends behind its idle call and then
+    // deletes this worker. REQUIRES: RunsOnThisThread().
+    void LeaveToTheThread();
 
-    // See IndexObject. Waits while the thread saves.
+    // See IndexObject. Waits while the thread saves; the thread itself carries out what is pending.
     u32 RequestSave(const BlockIndex& blockIndex, IndexSaveMode mode);
     void StartOver();
     u32 Empty();
@@ -52,6 +57,7 @@ class IndexWorker {
     u32 Run();
     u32 ServeUntilStopped();
     u32 Serve();
+    void TakeTurn();
     u32 CarryOutSave();
     void Leave(u32 exitCode);
     IndexUpdate CopyNew(const BlockIndex& blockIndex);
@@ -60,10 +66,15 @@ class IndexWorker {
     IK9eReplDS& m_idle;
     const u32 m_waitMs;
 
+    std::atomic<u32> m_threadId{0};      // of the thread while it runs, else 0
     std::atomic<bool> m_up{false};       // the event exists
     std::atomic<bool> m_finished{true};  // no thread runs; changed under the turn
     IndexTurn m_turn;
     platform::AutoResetEvent m_wakeUp;  // made by the thread, closed by the owner after its end
+
+    // The thread's.
+    u32 m_failedSave = 0;          // code of a save that failed inside an idle call; 0: none
+    bool m_ownedByThread = false;  // LeaveToTheThread was called
 
     // Belong to whoever has the turn.
     IndexImage m_image;
