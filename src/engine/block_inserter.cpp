@@ -52,8 +52,12 @@ u32 BlockInserter::Place(const K9eReplRec& rec, i64 fileOffset) const {
     if (u32 rc = FindRoom(rec.rev, need, &block); rc != RC_OK) {
         return rc;
     }
-    Append(*block, rec, need);
     IndexEntry& entry = blocks->Index().rbegin()->second;
+    if (block->used == 0) {
+        // A record that did not fit may have left the block behind, under its own revision.
+        entry.firstRev = rec.rev;
+    }
+    Append(*block, rec, need);
     if (fileOffset != kUnknownOffset && entry.fileOffset == kUnknownOffset) {
         entry.fileOffset = fileOffset;
     }

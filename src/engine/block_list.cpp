@@ -49,7 +49,7 @@ u32 BlockList::AddBlock(i64 firstRev) {
     const std::size_t ordinal = m_index.size();
     K9eReplBlock* block = PrepareBlock(memory, ordinal);
     try {
-        const auto [entry, added] = m_index.try_emplace(firstRev, kUnknownOffset, block);
+        const auto [entry, added] = m_index.try_emplace(firstRev, firstRev, kUnknownOffset, block);
         assert(added);
         try {
             m_blocks.emplace_hint(m_blocks.end(), firstRev, block);
@@ -210,12 +210,13 @@ void BlockList::DropFirst() {
     m_index.erase(entry);
 }
 
-void BlockList::RekeyFirst(i64 firstRev, i64 fileOffset, u64 cutBytes) {
+void BlockList::RekeyFirst(i64 key, i64 firstRev, i64 fileOffset, u64 cutBytes) {
     assert(!m_index.empty());
     Touch();
     const i64 oldKey = m_index.begin()->first;
     auto entry = m_index.extract(m_index.begin());
-    entry.key() = firstRev;
+    entry.key() = key;
+    entry.mapped().firstRev = firstRev;
     entry.mapped().fileOffset = fileOffset;
     m_index.insert(std::move(entry));
 
@@ -223,7 +224,7 @@ void BlockList::RekeyFirst(i64 firstRev, i64 fileOffset, u64 cutBytes) {
     if (block.empty()) {
         return;
     }
-    if (oldKey < firstRev) {
+    if (oldKey < key) {
         K9eReplBlock& cut = *block.mapped();
         assert(cutBytes <= cut.used);
         std::memmove(cut.Data(), cut.Data() + cutBytes,
@@ -231,7 +232,7 @@ void BlockList::RekeyFirst(i64 firstRev, i64 fileOffset, u64 cutBytes) {
         cut.used -= cutBytes;
         cut.flushedEnd -= std::min(cut.flushedEnd, cutBytes);
     }
-    block.key() = firstRev;
+    block.key() = key;
     m_blocks.insert(std::move(block));
 }
 

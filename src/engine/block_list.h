@@ -13,7 +13,7 @@
 
 namespace k9erepl {
 
-// First revision of the block to block.
+// The lowest revision that the block may hold to block.
 using MemoryBlocks = std::map<i64, K9eReplBlock*>;
 
 // Blocks come from and return to the pool. A block held in memory has an entry in both maps under
@@ -66,10 +66,10 @@ class BlockList {
     // Forgets the first block of the index, in memory too. REQUIRES: the index is not empty.
     void DropFirst();
 
-    // Takes the first index entry out and enters it again under `firstRev` with `fileOffset`. A
-    // block in memory that begins below `firstRev` loses its first `cutBytes` bytes.
-    // REQUIRES: the index is not empty; cutBytes is a sum of record sizes of that block.
-    void RekeyFirst(i64 firstRev, i64 fileOffset, u64 cutBytes);
+    // Takes the first index entry out and enters it again under `key`, with the record `firstRev`
+    // at `fileOffset`. A block in memory whose key was below `key` loses its first `cutBytes`
+    // bytes. REQUIRES: the index is not empty; cutBytes is a sum of record sizes of that block.
+    void RekeyFirst(i64 key, i64 firstRev, i64 fileOffset, u64 cutBytes);
 
     // Changes whenever records or blocks moved or went, so that a walk which gave control away
     // knows that its place is gone. Appending to a block does not count.

@@ -188,8 +188,8 @@ void CK9eReplStorage::ForgetBelow(i64 holdingKey, const ClearSearch& search, i64
         assert(cutBytes <= m_transStartUsed);
         m_transStartUsed -= cutBytes;
     }
-    m_blocks.RekeyFirst(std::max(search.minRev, holdingKey), search.newFirstRecOffset + shift,
-                        cutBytes);
+    m_blocks.RekeyFirst(std::max(search.minRev, holdingKey), search.newFirstRev,
+                        search.newFirstRecOffset + shift, cutBytes);
 }
 
 // A stale index would lead the next load to old bytes behind the live data.

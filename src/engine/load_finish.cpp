@@ -82,7 +82,8 @@ u32 CK9eReplStorage::CutClearedAfterLoad(CSolidStorage& file) {
              "%I64d, recSz: %u",
              search.minRev, search.newFirstRecOffset, search.commitOffset, search.recSz);
     if (search.FoundKept()) {
-        m_blocks.RekeyFirst(search.newFirstRev, search.newFirstRecOffset, search.recSz);
+        m_blocks.RekeyFirst(search.newFirstRev, search.newFirstRev, search.newFirstRecOffset,
+                            search.recSz);
     } else {
         m_blocks.DropFirst();
     }

@@ -52,10 +52,25 @@ u32 CK9eReplStorage::LoadLocked() {
         // Whatever is wrong with it was logged: loading goes on without it.
         ReadIndexFile(path, &index);
     }
-    return m_solid.IsOpen() ? LoadFromOpenFile(index) : LoadWithoutOpenFile(index);
+    LoadPlan plan;
+    const u32 rc = LoadOnce(index, &plan);
+    // The index may be what is wrong, not the file. When the system fails, another try would
+    // only read more.
+    if (rc == RC_OK || rc == RC_SYSTEM_ERROR || rc == RC_NO_MEMORY || !plan.UsesIndex()) {
+        return rc;
+    }
+    LOG_WARNING(kLogStorage, "Load with the index failed; loading without it;code %u", rc);
+    AbandonLoad();
+    return LoadOnce(IndexFileContent{}, &plan);
 }
 
-u32 CK9eReplStorage::LoadWithoutOpenFile(const IndexFileContent& index) {
+// *plan receives what was read; it uses the index unless that was dropped on the way.
+u32 CK9eReplStorage::LoadOnce(const IndexFileContent& index, LoadPlan* plan) {
+    *plan = LoadPlan{};
+    return m_solid.IsOpen() ? LoadFromOpenFile(index, plan) : LoadWithoutOpenFile(index, plan);
+}
+
+u32 CK9eReplStorage::LoadWithoutOpenFile(const IndexFileContent& index, LoadPlan* plan) {
     const char* connStr = m_connStr.c_str();
     std::string path;
     GetParam(connStr, "file", path);
@@ -77,7 +92,8 @@ u32 CK9eReplStorage::LoadWithoutOpenFile(const IndexFileContent& index) {
                        connStr);
         return rc;
     }
-    if (u32 rc = RunLoadPass(temporary, PlanLoad(temporary, index)); rc != RC_OK) {
+    *plan = PlanLoad(temporary, index);
+    if (u32 rc = RunLoadPass(temporary, plan); rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage,
                        "Failed to enum temporary solid storage rec to load;conn-str %s", connStr);
         return rc;
@@ -90,21 +106,22 @@ u32 CK9eReplStorage::LoadWithoutOpenFile(const IndexFileContent& index) {
     return FinishLoad(0, &temporary);
 }
 
-u32 CK9eReplStorage::LoadFromOpenFile(const IndexFileContent& index) {
-    LoadPlan plan = PlanLoad(m_solid, index);
+u32 CK9eReplStorage::LoadFromOpenFile(const IndexFileContent& index, LoadPlan* plan) {
+    *plan = PlanLoad(m_solid, index);
     i64 lowestRev = 0;
     bool hasItems = false;
     if (m_solid.ReadFirstCommitInfo(&lowestRev, &hasItems) != RC_OK) {
         LOG_ERROR_CODE(RC_FILE_CORRUPT, kLogStorage, "Begin of file corrupted");
+        *plan = LoadPlan{};  // not the fault of the index
         return RC_FILE_CORRUPT;
     }
     if (!index.entries.empty()) {
         if (!hasItems) {
             LOG_WARNING(kLogStorage, "Empty file detected with non-empty index");
-            plan = LoadPlan{};
+            *plan = LoadPlan{};
         } else if (index.entries.front().rev < lowestRev) {
             LOG_WARNING(kLogStorage, "Revision check failed before load");
-            plan = LoadPlan{};
+            *plan = LoadPlan{};
         }
     }
     if (u32 rc = RunLoadPass(m_solid, plan); rc != RC_OK) {
@@ -129,6 +146,7 @@ LoadPlan CK9eReplStorage::PlanLoad(CSolidStorage& file, const IndexFileContent& 
     }
     const IndexChoice choice = ChooseIndexUse(index, m_settings);
     if (TestIndex(file, {index.entries.data(), choice.testCount}) != RC_OK) {
+        LOG_WARNING(kLogStorage, "Index does not fit the storage file; loading without it");
         return {};
     }
     LoadPlan plan = MakeLoadPlan(index, choice);
@@ -136,16 +154,18 @@ LoadPlan CK9eReplStorage::PlanLoad(CSolidStorage& file, const IndexFileContent& 
     return plan;
 }
 
-u32 CK9eReplStorage::RunLoadPass(CSolidStorage& file, const LoadPlan& plan) {
-    for (const TIndexEntry& entry : plan.keptOnDisk) {
-        m_blocks.Index().try_emplace(m_blocks.Index().end(), entry.rev, i64{entry.offset}, nullptr);
+u32 CK9eReplStorage::RunLoadPass(CSolidStorage& file, LoadPlan* plan) {
+    for (const TIndexEntry& entry : plan->keptOnDisk) {
+        m_blocks.Index().try_emplace(m_blocks.Index().end(), entry.rev, i64{entry.rev},
+                                     i64{entry.offset}, nullptr);
     }
-    u32 rc = RunLoadPassFrom(file, plan.startOffset);
+    u32 rc = RunLoadPassFrom(file, plan->startOffset);
     // An index may only save time: when it led to no commit block, or may have hidden records,
     // the load starts over without it.
-    if (plan.UsesIndex() &&
-        (rc == RC_FILE_CORRUPT || (rc == RC_OK && !LoadedAllThatIsKept(file, plan)))) {
+    if (plan->UsesIndex() &&
+        (rc == RC_FILE_CORRUPT || (rc == RC_OK && !LoadedAllThatIsKept(file, *plan)))) {
         LOG_WARNING(kLogStorage, "Index does not lead to all kept records; loading without it");
+        *plan = LoadPlan{};
         m_blocks.EraseAll();
         m_oldestRev = 0;
         rc = RunLoadPassFrom(file, 0);
@@ -169,9 +189,13 @@ u32 CK9eReplStorage::RunLoadPassFrom(CSolidStorage& file, i64 startOffset) {
 
 // Records before the index's first entry are in the file when a logical clear passed them over.
 // They are all gone for the storage only if the clear revision reaches up to that entry, or lies in
-// a gap before it.
+// a gap before it. The item right before the entry mostly tells; else they are all read.
 bool CK9eReplStorage::LoadedAllThatIsKept(CSolidStorage& file, const LoadPlan& plan) const {
     if (plan.first.offset == kFirstItemOffset || plan.first.rev <= m_oldestRev) {
+        return true;
+    }
+    i64 revBefore = 0;
+    if (file.FindRevBefore(plan.first.offset, &revBefore) == RC_OK && revBefore < m_oldestRev) {
         return true;
     }
     const FileEnumRange range{.fromRev = m_oldestRev, .toRev = plan.first.rev - 1};

@@ -197,10 +197,11 @@ class CK9eReplStorage final : public IK9eReplStorage {
     // Loading (loading.cpp, load_finish.cpp)
     u32 LoadLocked();
     void AbandonLoad();
-    u32 LoadWithoutOpenFile(const IndexFileContent& index);
-    u32 LoadFromOpenFile(const IndexFileContent& index);
+    u32 LoadOnce(const IndexFileContent& index, LoadPlan* plan);
+    u32 LoadWithoutOpenFile(const IndexFileContent& index, LoadPlan* plan);
+    u32 LoadFromOpenFile(const IndexFileContent& index, LoadPlan* plan);
     LoadPlan PlanLoad(CSolidStorage& file, const IndexFileContent& index);
-    u32 RunLoadPass(CSolidStorage& file, const LoadPlan& plan);
+    u32 RunLoadPass(CSolidStorage& file, LoadPlan* plan);
     u32 RunLoadPassFrom(CSolidStorage& file, i64 startOffset);
     bool LoadedAllThatIsKept(CSolidStorage& file, const LoadPlan& plan) const;
     u32 OnLoadRecord(i64 offset, const K9eReplRec& rec);

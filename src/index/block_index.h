@@ -13,8 +13,14 @@ namespace k9erepl {
 
 // REQUIRES of every entry: fileOffset is -1 only while `block` is held in memory.
 struct IndexEntry {
-    IndexEntry(i64 offset, K9eReplBlock* memoryBlock) : fileOffset(offset), block(memoryBlock) {}
+    IndexEntry(i64 rev, i64 offset, K9eReplBlock* memoryBlock)
+        : firstRev(rev), fileOffset(offset), block(memoryBlock) {}
 
+    // Revision of the record that begins at fileOffset, which is what the index file names. The key
+    // may be lower: a clear into a gap between revisions, or a revision that was used up without a
+    // record, leaves such a key. In a block without records, the key. Guarded by the storage's
+    // lock.
+    i64 firstRev;
     // Where the block's first record lies in the file; -1 until that is known, and for ever in a
     // block without records. The writer fills it in, perhaps on its own thread, hence atomic.
     std::atomic<i64> fileOffset;
@@ -25,7 +31,7 @@ struct IndexEntry {
     bool IsEmptyBlock() const { return block != nullptr && block->used == 0; }
 };
 
-// First revision of the block to entry.
+// The lowest revision that the block may hold to entry.
 using BlockIndex = std::map<i64, IndexEntry>;
 
 }  // namespace k9erepl

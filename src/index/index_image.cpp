@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cassert>
 #include <cstring>
+#include <iterator>
 #include <utility>
 
 #include "support/storage_exception.h"
@@ -86,8 +87,13 @@ BlockIndex::const_iterator IndexImage::FindLastSaved(const BlockIndex& blockInde
     if (m_saved.count == 0) {
         return blockIndex.end();
     }
-    const auto found = blockIndex.find(m_saved.last.rev);
-    const bool isSame = found != blockIndex.end() && !found->second.IsEmptyBlock() &&
+    const auto behind = blockIndex.upper_bound(m_saved.last.rev);
+    if (behind == blockIndex.begin()) {
+        return blockIndex.end();
+    }
+    const auto found = std::prev(behind);
+    const bool isSame = !found->second.IsEmptyBlock() &&
+                        found->second.firstRev == m_saved.last.rev &&
                         OffsetOf(found->second) == m_saved.last.offset;
     return isSame ? found : blockIndex.end();
 }
@@ -113,7 +119,7 @@ void IndexImage::BeginTail() {
 // False when memory ran out.
 bool IndexImage::TakeIn(BlockIndex::const_iterator from, BlockIndex::const_iterator end) {
     for (; from != end; ++from) {
-        const auto& [rev, block] = *from;
+        const IndexEntry& block = from->second;
         if (block.IsEmptyBlock()) {
             continue;
         }
@@ -121,7 +127,7 @@ bool IndexImage::TakeIn(BlockIndex::const_iterator from, BlockIndex::const_itera
         if (offset < 0 || (m_header.count == m_maxEntries && offset != LastEntry().offset)) {
             break;
         }
-        if (rev > 0 && !Append({rev, offset})) {
+        if (block.firstRev > 0 && !Append({block.firstRev, offset})) {
             return false;
         }
     }

@@ -1,5 +1,9 @@
-// Small looks at the storage file before it is loaded: its first commit block, and whether a
-// record lies where the index file says.
+// Small looks at the storage file around a load: its first commit block, whether a record lies
+// where the index file says, and which revision lies before that.
+#include <algorithm>
+#include <cassert>
+
+#include "platform/memory.h"
 #include "solid/solid_storage.h"
 #include "support/log.h"
 
@@ -45,6 +49,53 @@ u32 CSolidStorage::CheckRecordAt(i64 rev, i64 offset) {
                        u64{head.size} == u64{head.dataSize} + kRecordHeadSize &&
                        i64{head.size} <= FileSize() - offset && head.rev == rev;
     return holds ? RC_OK : RC_NOT_FOUND;
+}
+
+namespace {
+
+constexpr u32 kLookBackSize = 64 * 1024;
+
+// Data may look like a head: the highest revision of all that fit is the safe one. 0: none fits.
+i64 HighestRevOfEnd(const u8* bytes, u32 size) {
+    i64 highest = 0;
+    if (size >= kCommitBlockSize) {
+        const auto block = LoadUnaligned<TCommitBlock>(bytes + size - kCommitBlockSize);
+        if (block.signature == kCommitSignature) {
+            highest = block.commitRev;
+        }
+    }
+    for (u32 left = kRecordHeadSize; left <= size; ++left) {
+        const u8* const begin = bytes + size - left;
+        if (LoadUnaligned<u32>(begin) != kRecordSignature) {
+            continue;
+        }
+        const auto head = LoadUnaligned<TRecordHead>(begin);
+        if (head.size == left && u64{head.size} == u64{head.dataSize} + kRecordHeadSize) {
+            highest = std::max<i64>(highest, head.rev);
+        }
+    }
+    return highest;
+}
+
+}  // namespace
+
+u32 CSolidStorage::FindRevBefore(i64 offset, i64* rev) {
+    assert(offset >= kFirstItemOffset);
+    const platform::MemoryBuffer buffer = platform::AllocBuffer(kLookBackSize);
+    if (buffer == nullptr) {
+        return RC_NO_MEMORY;
+    }
+    const i64 from = std::max(offset - kLookBackSize, kFirstCommitOffset);
+    const auto size = static_cast<u32>(offset - from);
+    if (u32 rc = ReadAt(from, buffer.get(), size); rc != RC_OK) {
+        return rc;
+    }
+    const i64 highest = HighestRevOfEnd(buffer.get(), size);
+    if (highest <= 0) {
+        return RC_NOT_FOUND;
+    }
+    *rev = highest;
+    return RC_OK;
 }
 
 }  // namespace k9erepl

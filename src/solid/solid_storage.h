@@ -128,6 +128,12 @@ class CSolidStorage final : public IK9eReplLLStorage {
     // or RC_SHORT_READ when that could not be read.
     u32 CheckRecordAt(i64 rev, i64 offset);
 
+    // The revision of the record that ends at `offset`, or that the commit block which ends there
+    // commits: no record before `offset` has a higher one. Looks at the last 64 KiB before it.
+    // RC_NOT_FOUND when nothing is recognised there; RC_SYSTEM_ERROR, RC_SHORT_READ, RC_NO_MEMORY.
+    // REQUIRES: offset is at least 1056.
+    u32 FindRevBefore(i64 offset, i64* rev);
+
     // --- Writing -----------------------------------------------------------------------------
 
     u32 BeginTransaction();

@@ -203,7 +203,7 @@ TEST_F(BlockListCut, DropFirstForgetsABlockInTheFile) {
 TEST_F(BlockListCut, RekeyFirstMovesTheRestOfTheBlockToItsFront) {
     Place(1, 4);
     m_list.Blocks().at(1)->flushedEnd = m_list.Blocks().at(1)->used;
-    m_list.RekeyFirst(2, 5069, kRecordSize);
+    m_list.RekeyFirst(2, 2, 5069, kRecordSize);
     EXPECT_EQ(IndexKeys(), Revs({2, 3}));
     EXPECT_EQ(RecordsOf(2), Revs({2}));
     EXPECT_EQ(m_list.Index().at(2).fileOffset, 5069);
@@ -214,7 +214,7 @@ TEST_F(BlockListCut, RekeyFirstMovesTheRestOfTheBlockToItsFront) {
 TEST_F(BlockListCut, RekeyFirstOfABlockInTheFileChangesTheIndexOnly) {
     Place(1, 4);
     Evict(1);
-    m_list.RekeyFirst(2, 5069, kRecordSize);
+    m_list.RekeyFirst(2, 2, 5069, kRecordSize);
     EXPECT_EQ(IndexKeys(), Revs({2, 3}));
     EXPECT_EQ(m_list.Index().at(2).fileOffset, 5069);
     EXPECT_EQ(m_list.Index().at(2).block, nullptr);
@@ -223,7 +223,7 @@ TEST_F(BlockListCut, RekeyFirstOfABlockInTheFileChangesTheIndexOnly) {
 
 TEST_F(BlockListCut, RekeyFirstUnderTheSameKeyCutsNothing) {
     Place(1, 4);
-    m_list.RekeyFirst(1, 1056, kRecordSize);
+    m_list.RekeyFirst(1, 1, 1056, kRecordSize);
     EXPECT_EQ(RecordsOf(1), Revs({1, 2}));
     EXPECT_EQ(m_list.Index().at(1).fileOffset, 1056);
 }
@@ -235,7 +235,7 @@ TEST_F(BlockListCut, IsNoticedByAWalkWhateverIsCut) {
         change();
         return m_list.Generation() != before;
     };
-    EXPECT_TRUE(changes([this] { m_list.RekeyFirst(2, 5069, kRecordSize); }));
+    EXPECT_TRUE(changes([this] { m_list.RekeyFirst(2, 2, 5069, kRecordSize); }));
     EXPECT_TRUE(changes([this] { m_list.DropBelow(3); }));
     EXPECT_TRUE(changes([this] { m_list.CutAfter(7); }));
     EXPECT_TRUE(changes([this] { m_list.DropFirst(); }));

@@ -121,7 +121,7 @@ TEST(LogicalClear, IntoAGapBetweenBlocksBeginsWithTheNextBlock) {
     storage.PutAt(10);
     storage.Put(2);
     storage.ClearTo(7, kLogical);
-    EXPECT_EQ(EntriesInMemory(storage), IndexEntries({{7, OffsetOf(3)}, {12, OffsetOf(5)}}));
+    EXPECT_EQ(EntriesInMemory(storage), IndexEntries({{10, OffsetOf(3)}, {12, OffsetOf(5)}}));
     EXPECT_EQ(BlockAt(storage, 7).used, 128U);
     EXPECT_EQ(storage.FirstRev(), 7);
     storage.ExpectContentForLife();
@@ -133,7 +133,7 @@ TEST(LogicalClear, IntoAGapInsideABlockKeepsItsSecondRecord) {
     storage.PutAt(10);
     storage.Put(2);
     storage.ClearTo(5, kLogical);
-    EXPECT_EQ(EntriesInMemory(storage), IndexEntries({{5, OffsetOf(2)}, {11, OffsetOf(3)}}));
+    EXPECT_EQ(EntriesInMemory(storage), IndexEntries({{10, OffsetOf(2)}, {11, OffsetOf(3)}}));
     EXPECT_EQ(BlockAt(storage, 5).used, 64U);
     storage.ExpectContentForLife();
 }
@@ -155,7 +155,7 @@ TEST(LogicalClear, AtAKeyThatNoRecordHasKeepsTheRecordsBehindIt) {
     storage.UseUpLeavingABlock();
     storage.Put(2);
     storage.ClearTo(3, kLogical);
-    EXPECT_EQ(EntriesInMemory(storage), IndexEntries({{3, OffsetOf(3)}}));
+    EXPECT_EQ(EntriesInMemory(storage), IndexEntries({{4, OffsetOf(3)}}));
     EXPECT_EQ(BlockAt(storage, 3).used, 128U);
     storage.ExpectContentForLife();
 }

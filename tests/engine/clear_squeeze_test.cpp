@@ -80,7 +80,7 @@ TEST_P(Squeeze, OfAGapEntersTheNextRecordUnderTheClearRevision) {
     storage.PutAt(10);
     storage.Put(2);
     storage.ClearTo(7, GetParam());
-    EXPECT_EQ(EntriesInMemory(storage), IndexEntries({{7, 1056}, {12, 1056 + 2 * 96}}));
+    EXPECT_EQ(EntriesInMemory(storage), IndexEntries({{10, 1056}, {12, 1056 + 2 * 96}}));
     EXPECT_EQ(storage.FirstRev(), 7);
     storage.ExpectContentForLife();
 }

@@ -168,7 +168,7 @@ IndexEntries EntriesInMemory(TestStorage& storage) {
     storage.WaitForWriter();
     IndexEntries entries;
     for (const auto& [rev, entry] : StorageAccess::Blocks(storage.Object()).Index()) {
-        entries.emplace_back(rev, entry.fileOffset.load());
+        entries.emplace_back(entry.firstRev, entry.fileOffset.load());
     }
     return entries;
 }

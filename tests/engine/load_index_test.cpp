@@ -58,6 +58,7 @@ class LoadThroughIndex : public ::testing::Test {
         EXPECT_EQ(m_log.CodeOf("Index test failed at offset " + std::to_string(offset)),
                   RC_NOT_FOUND)
             << m_log;
+        EXPECT_TRUE(m_log.Has(K9SYS_LOG_WARNING, kDoesNotFit)) << m_log;
         EXPECT_EQ(Loaded(), static_cast<std::size_t>(kCount));
     }
 

@@ -120,7 +120,7 @@ LeaksAllowed::~LeaksAllowed() {
 }
 
 Blocks& Blocks::Add(i64 rev, i64 offset) {
-    m_index.try_emplace(rev, offset, nullptr);
+    m_index.try_emplace(rev, rev, offset, nullptr);
     return *this;
 }
 
@@ -152,7 +152,7 @@ Entries Blocks::All() const {
 Blocks& Blocks::AddBlock(i64 rev, i64 offset, u64 used) {
     K9eReplBlock& block = m_memory.emplace_back();
     block.used = used;
-    m_index.try_emplace(rev, offset, &block);
+    m_index.try_emplace(rev, rev, offset, &block);
     return *this;
 }
 
