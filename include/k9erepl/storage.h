@@ -150,7 +150,8 @@ K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageDelete(const char* connStr);
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageOpen(const char* connStr, void** outHandle);
 
 /* Gives one reference back. The last one flushes what was committed, closes the files, stops the
- * storage's threads and frees everything; an open transaction is lost. `handle` not null.
+ * storage's threads and frees everything; an open transaction is lost, also one whose commit failed.
+ * `handle` not null.
  * Always RC_OK, also when the last flush fails: commit with a flush beforehand to be sure. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageClose(void* handle);
 
@@ -185,7 +186,9 @@ K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageBeginTransaction(void* handle);
  * Errors: RC_NO_TRANSACTION, RC_TRANS_ROLLED_BACK, RC_WRONG_STATE, the code of a failed flush. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageCommit(void* handle);
 
-/* Ends all levels and takes every record and revision of the transaction back.
+/* Ends all levels and takes every record and revision of the transaction back. What a failed flush
+ * of the transaction left in the file is cleared; where that fails the result is RC_OK all the same,
+ * and the next write or the close clears it.
  * Errors: RC_NO_TRANSACTION_TO_ROLLBACK, RC_WRONG_STATE. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageRollback(void* handle);
 

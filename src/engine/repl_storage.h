@@ -154,6 +154,7 @@ class CK9eReplStorage final : public IK9eReplStorage {
     u32 ShrinkCache();
     void RetryFlushOutsideTransaction();
     void LeaveFlushFailed();
+    void ClearUndoneWrites();
 
     // Flushing (flushing.cpp)
     bool FileIsIdle() const { return m_fileWork == FileWork::kNone; }

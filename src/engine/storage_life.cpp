@@ -126,7 +126,11 @@ u32 CK9eReplStorage::MakeIndex(const char* connStr) {
 
 void CK9eReplStorage::FlushForTheLastTime() {
     const Guard guard(m_lock);
-    if (State() == StorageState::kOpen) {
+    // Before the flush: if that fails, its bytes hold nothing that was rolled back, and stay.
+    ClearUndoneWrites();
+    // Behind a failed flush, too: what was committed before the transaction that failed has only
+    // this chance.
+    if (State() == StorageState::kOpen || State() == StorageState::kFlushFailed) {
         try {
             FlushAllThatIsCommitted();
         } catch (...) {

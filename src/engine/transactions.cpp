@@ -251,7 +251,16 @@ std::uint32_t CK9eReplStorage::Rollback() {
     m_nextRev = m_transStartRev;
     LOG_INFO(kLogStorage, "TR_ROLL");
     SetState(StorageState::kOpen);
+    ClearUndoneWrites();
     return RC_OK;
+}
+
+// A reopening could take what a failed flush left in the file for committed. A failure here was
+// logged and changes nothing for the client: the next write or the close tries again.
+void CK9eReplStorage::ClearUndoneWrites() {
+    if (HasFile() && FileIsIdle()) {
+        m_solid.ClearUndone();
+    }
 }
 
 }  // namespace k9erepl

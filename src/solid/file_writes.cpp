@@ -27,6 +27,10 @@ u32 CSolidStorage::RollbackWrites() {
     return rc;
 }
 
+u32 CSolidStorage::ClearUndone() {
+    return m_writer == nullptr ? u32{RC_NO_WRITER} : m_writer->ClearUndone();
+}
+
 u32 CSolidStorage::WriteItems(u8* data, u32 size, TCommitBlock* commitBlock,
                               K9eReplBlock* memoryBlock, i64 lastRevision,
                               std::atomic<i64>* filePosition) {

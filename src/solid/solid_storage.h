@@ -141,6 +141,8 @@ class CSolidStorage final : public IK9eReplLLStorage {
     u32 Commit();
     // Goes back to BeginTransaction: the bytes written since are dead.
     u32 RollbackWrites();
+    // Zeroes what was rolled back, so that no load serves it; see StorageWriter::ClearUndone.
+    u32 ClearUndone();
 
     // Hands one run of items to the writer; arguments as StorageWriter::Write. RC_BAD_DATA when
     // `lastRevision` is below the last flushed revision.

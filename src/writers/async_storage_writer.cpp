@@ -246,6 +246,15 @@ u32 AsyncStorageWriter::Rollback() {
     return RollbackNow();
 }
 
+// A thread that failed in a write leaves bytes behind that belong to flushes which it had accepted.
+u32 AsyncStorageWriter::ClearUndone() {
+    if (!HasUndone() || StickyError() != RC_OK) {
+        return RC_OK;
+    }
+    const u32 rc = CompleteAsyncTasks();
+    return rc == RC_OK ? ClearUndoneNow() : rc;
+}
+
 bool AsyncStorageWriter::MayStillWrite() const {
     return m_thread != nullptr && !m_ended.load(std::memory_order_acquire);
 }

@@ -52,6 +52,8 @@ class AsyncStorageWriter final : public StorageWriter {
     // Waits as CompleteAsyncTasks. A rollback that fails makes its code sticky: what is queued
     // would otherwise be written in spite of it.
     u32 Rollback() override;
+    // Waits as CompleteAsyncTasks, but only when something was undone.
+    u32 ClearUndone() override;
     // Nothing: the file is forced to the disk only by Shutdown.
     u32 FlushFile() override { return RC_OK; }
 

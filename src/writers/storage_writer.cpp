@@ -56,7 +56,7 @@ u32 StorageWriter::SetWritePos(i64 position, bool doSeek, bool tailAbandoned) {
         return RC_SYSTEM_ERROR;
     }
     m_pointerInPlace = doSeek;
-    m_tailAbandoned = m_tailAbandoned || tailAbandoned;
+    RaiseTail(tailAbandoned ? Tail::kFound : Tail::kClear);
     m_transStart.reset();
     m_fileCurrWritePos.store(position, std::memory_order_release);
     return RC_OK;
@@ -67,7 +67,7 @@ u32 StorageWriter::ReopenFile(const std::string& path, bool writeThrough) {
         return rc;
     }
     m_pointerInPlace = false;
-    m_tailAbandoned = false;
+    m_tail = Tail::kClear;
     return RC_OK;
 }
 
@@ -132,7 +132,7 @@ u32 StorageWriter::RollbackNow() {
     }
     assert(m_transStart->position <= WritePos());
     const i64 position = m_transStart->position;
-    m_tailAbandoned = m_tailAbandoned || position < WritePos();
+    RaiseTail(position < WritePos() ? Tail::kUndone : Tail::kClear);
     m_fileCurrWritePos.store(position, std::memory_order_release);
     m_state.lastFlushedRev.store(m_transStart->lastFlushedRev, std::memory_order_release);
     m_state.lastCommitSequence.store(m_transStart->lastCommitSequence, std::memory_order_release);
@@ -143,6 +143,17 @@ u32 StorageWriter::RollbackNow() {
         return RC_SYSTEM_ERROR;
     }
     return RC_OK;
+}
+
+u32 StorageWriter::ClearUndoneNow() {
+    if (!m_file.IsOpen()) {
+        return RC_NO_WRITER;
+    }
+    return HasUndone() ? ClearAbandonedTail() : u32{RC_OK};
+}
+
+void StorageWriter::RaiseTail(Tail tail) {
+    m_tail = std::max(m_tail.load(std::memory_order_relaxed), tail);
 }
 
 u32 StorageWriter::FlushNow() {
@@ -168,7 +179,7 @@ u32 StorageWriter::ForceToDisk() {
 }
 
 u32 StorageWriter::PrepareWrite(u32 size) {
-    if (m_tailAbandoned) {
+    if (m_tail.load(std::memory_order_relaxed) != Tail::kClear) {
         if (const u32 rc = ClearAbandonedTail(); rc != RC_OK) {
             return rc;
         }
@@ -198,7 +209,7 @@ u32 StorageWriter::WriteBytes(const void* data, u32 size) {
     if (!m_file.Write(data, size, &put)) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Cannot write data;sys-err %r",
                        platform::LastSystemError());
-        m_tailAbandoned = true;
+        RaiseTail(Tail::kUndone);
         m_pointerInPlace = false;
         return RC_SYSTEM_ERROR;
     }
@@ -221,7 +232,7 @@ u32 StorageWriter::WriteBehindBarrier(const u8* data, u32 size) {
     }
     if (rc != RC_OK && WritePos() != start) {
         m_fileCurrWritePos.store(start, std::memory_order_release);
-        m_tailAbandoned = true;
+        RaiseTail(Tail::kUndone);
         m_pointerInPlace = false;
     }
     return rc;
@@ -236,7 +247,7 @@ u32 StorageWriter::ClearAbandonedTail() {
                        platform::LastSystemError());
         return RC_SYSTEM_ERROR;
     }
-    m_tailAbandoned = false;
+    m_tail = Tail::kClear;
     return RC_OK;
 }
 

@@ -22,7 +22,8 @@ namespace k9erepl {
 //
 // Bytes beyond the write position are dead, but they may look alive: a transaction that was rolled
 // back leaves commit blocks behind that fit the chain again. Such a tail is remembered and zeroed
-// before anything is written, so that what is written next never borrows an old commit block.
+// before anything is written, so that what is written next never borrows an old commit block. What
+// this writer itself has undone is zeroed by ClearUndone, so that no load serves it.
 //
 // With the settings force_flush and commit_barrier a writer that writes at once flushes to the disk
 // what a commit block commits before it writes the block. The bytes of the file are the same.
@@ -57,6 +58,12 @@ class StorageWriter {
     // transaction was begun since the last SetWritePos. RC_SYSTEM_ERROR says that the file
     // pointer did not follow; everything else has gone back, and the next write moves the pointer.
     virtual u32 Rollback() = 0;
+
+    // Zeroes what a rollback or a failed write has left behind the write position; what a load
+    // found there stays until the first write. Does nothing when nothing was undone, nor when the
+    // writing thread has failed: then what lies there may have been acknowledged. A failure is
+    // logged and left for the next write. Not inside a transaction that has written something.
+    virtual u32 ClearUndone() = 0;
 
     // With the setting force_flush: returns when everything written is on the disk. After a
     // failure the system may have dropped what it could not store: whoever gets one must roll
@@ -105,7 +112,11 @@ class StorageWriter {
     // Rollback will go back to `position`, `lastFlushedRev` and the present sequence.
     u32 RememberTransactionStart(i64 position, i64 lastFlushedRev);
     u32 RollbackNow();
+    u32 ClearUndoneNow();
     u32 FlushNow();
+
+    // Whether ClearUndone has something to do; asked by any thread.
+    bool HasUndone() const { return m_tail.load(std::memory_order_relaxed) == Tail::kUndone; }
 
     // The steps of WriteNow. PrepareWrite makes the file ready to take `size` bytes at the write
     // position: it clears an abandoned tail, grows the file by one step when the bytes would pass
@@ -124,6 +135,14 @@ class StorageWriter {
     std::atomic<i64> m_fileCurrWritePos;
 
   private:
+    // What may lie beyond the write position. ClearAbandonedTail makes it kClear; otherwise it only
+    // rises.
+    enum class Tail : u8 {
+        kClear,   // nothing that looks like an item
+        kFound,   // items of before this writer: a torn or damaged end, old content
+        kUndone,  // items that this writer wrote and took back
+    };
+
     struct TransactionStart {
         i64 position;
         i64 lastFlushedRev;
@@ -134,6 +153,7 @@ class StorageWriter {
                    std::atomic<i64>* filePosition, bool barrier);
     u32 WriteBehindBarrier(const u8* data, u32 size);
     u32 ForceToDisk();
+    void RaiseTail(Tail tail);
     u32 ClearAbandonedTail();
     bool ZeroTail(i64 position);
     u32 SeekToWritePos();
@@ -141,8 +161,8 @@ class StorageWriter {
 
     const i64 m_growthStep;
     std::optional<TransactionStart> m_transStart;
-    // Items may lie beyond the write position. Falls only when ClearAbandonedTail succeeds.
-    bool m_tailAbandoned = false;
+    // Changed by whoever writes, hence atomic; a client asks HasUndone without waiting for that.
+    std::atomic<Tail> m_tail{Tail::kClear};
     // The file pointer is known to stand at the write position.
     bool m_pointerInPlace = false;
     // Bytes before the write position may not be on the disk. True at first: a process that was

@@ -18,6 +18,10 @@ u32 SyncStorageWriter::Rollback() {
     return RollbackNow();
 }
 
+u32 SyncStorageWriter::ClearUndone() {
+    return ClearUndoneNow();
+}
+
 u32 SyncStorageWriter::FlushFile() {
     return FlushNow();
 }

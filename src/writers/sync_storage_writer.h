@@ -15,6 +15,7 @@ class SyncStorageWriter final : public StorageWriter {
               i64 lastRevision, std::atomic<i64>* filePosition) override;
     u32 BeginTransaction() override;
     u32 Rollback() override;
+    u32 ClearUndone() override;
     u32 FlushFile() override;
 };
 

@@ -200,13 +200,10 @@ TEST_P(EachCallOfAFlush, ClosingThenLeavesWhatWasAcknowledged) {
         }
         StopFailing(GetParam().call);
         storage.Reopen();
-        const Strings texts = storage.Texts();
-        // The commit block may have reached the file before the flush to the disk failed.
-        EXPECT_TRUE(texts.size() == 1 || texts.size() == 4) << texts.size();
-        EXPECT_EQ(texts.front(), "one");
+        EXPECT_EQ(storage.Texts(), Strings({"one"}));
         storage.InsertCommitted({"last"});
         storage.Reopen();
-        EXPECT_EQ(storage.Texts().size(), texts.size() + 1);
+        EXPECT_EQ(storage.Texts(), Strings({"one", "last"}));
         return true;
     });
 }
@@ -216,6 +213,7 @@ TEST_P(EachCallOfARetry, MayFailToo) {
     Run([](u32 nth) {
         WithOneRecord storage;
         FailFlush(1);
+        FailFileSize(1);  // of the clearing at the rollback
         EXPECT_EQ(storage.Insert("gone"), RC_SYSTEM_ERROR);
         if (!FailCommit(storage, nth)) {
             return false;

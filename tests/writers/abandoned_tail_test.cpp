@@ -194,4 +194,49 @@ TEST_F(AbandonedTail, IsNotForcedToTheDiskWithoutForceFlush) {
     EXPECT_EQ(Flushes(), 0U);
 }
 
+// --- ClearUndone -------------------------------------------------------------------------------
+
+TEST_F(AbandonedTail, OfARollbackIsClearedWhenAsked) {
+    const Bytes ghost = LeaveGhost();
+    EXPECT_EQ(Writer().ClearUndone(), RC_OK);
+    EXPECT_TRUE(AllZeroFrom(kStart));
+    EXPECT_EQ(FileLength(), static_cast<i64>(ghost.size()));
+    EXPECT_EQ(SetEnds(), 2U);
+    ASSERT_EQ(Writer().ClearUndone(), RC_OK);
+    ASSERT_EQ(AppendRecord(1), RC_OK);
+    EXPECT_EQ(SetEnds(), 2U) << "once";
+    EXPECT_EQ(Items(m_path), "C0 R1");
+}
+
+TEST_F(AbandonedTail, OfAHalfWrittenRunIsClearedWhenAsked) {
+    Writer();
+    ShortWrite(1, 60);
+    ASSERT_EQ(AppendRun(Record(1, 10) + Record(2, 10), 2, 2000), RC_SYSTEM_ERROR);
+    ASSERT_EQ(Writer().ClearUndone(), RC_OK);
+    EXPECT_TRUE(AllZeroFrom(kStart));
+}
+
+TEST_F(AbandonedTail, ThatALoadFoundIsNotClearedWhenAsked) {
+    const Bytes ghost = LeaveGhost();
+    m_writer.reset();
+    SyncStorageWriter loaded(&m_state);
+    ASSERT_EQ(loaded.SetWritePos(kStart, true, true), RC_OK);
+    ASSERT_EQ(loaded.BeginTransaction(), RC_OK);
+    ASSERT_EQ(loaded.Rollback(), RC_OK);
+    EXPECT_EQ(loaded.ClearUndone(), RC_OK);
+    EXPECT_EQ(FileBytes(), ghost);
+}
+
+TEST_F(AbandonedTail, ThatWasNeverThereIsNotCleared) {
+    ASSERT_EQ(CommitRecord(1, 2000), RC_OK);
+    EXPECT_EQ(Writer().ClearUndone(), RC_OK);
+    EXPECT_EQ(SetEnds(), 0U);
+}
+
+TEST_F(AbandonedTail, OfAClosedFileIsNotCleared) {
+    LeaveGhost();
+    Writer().CloseFile();
+    EXPECT_EQ(Writer().ClearUndone(), RC_NO_WRITER);
+}
+
 }  // namespace k9erepl::test

@@ -150,4 +150,33 @@ TEST_F(AsyncRollback, WhoseSeekFailsIsReportedAndTheNextWriteStillLandsRight) {
     EXPECT_EQ(Items(m_path), "C0 R1 C1 R2 C2");
 }
 
+TEST_F(AsyncRollback, LeavesBytesThatAreClearedWhenAsked) {
+    RollTwoRecordsBack();
+    ASSERT_EQ(Items(m_path), "C0 R1 C1 R2 C2 R3 C3");
+    EXPECT_EQ(Async().ClearUndone(), RC_OK);
+    EXPECT_EQ(Items(m_path), "C0 R1 C1");
+    QueueRecord(2, 5000);
+    Complete();
+    EXPECT_EQ(Items(m_path), "C0 R1 C1 R2 C2");
+}
+
+TEST_F(AsyncRollback, WithNothingUndoneClearsNothingAndWaitsForNothing) {
+    QueueRecord(1, 2000);
+    EXPECT_EQ(Async().ClearUndone(), RC_OK);
+    EXPECT_EQ(Items(m_path), "C0") << "the thread is still held";
+    RunAll();
+    Complete();
+}
+
+// What a failed write leaves behind belongs to flushes that were acknowledged.
+TEST_F(AsyncRollback, LeavesTheBytesOfAFailedWriteWhereTheyAre) {
+    Async();
+    ShortWrite(1, 34);
+    QueueRecord(1, 2000);
+    RunAll();
+    EXPECT_EQ(Async().CompleteAsyncTasks(), RC_SYSTEM_ERROR);
+    EXPECT_EQ(Async().ClearUndone(), RC_OK);
+    EXPECT_EQ(Items(m_path), "C0 R1");
+}
+
 }  // namespace k9erepl::test
