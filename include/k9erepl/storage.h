@@ -110,7 +110,12 @@ typedef struct K9eReplRec {
  * Returns 0 to go on; any other value ends the enumeration and becomes its result. */
 typedef uint32_t(K9EREPL_CALL* K9eReplEnumCb)(const K9eReplRec* rec, void* cbContext);
 
-/* Receives the last revision that was flushed (OnFlush) or written to the file (OnWriteToFile). */
+/* Receives the last revision that was flushed (OnFlush) or written to the file (OnWriteToFile).
+ * Both may insert and commit; a later flush covers that. One exception: with force_flush=yes,
+ * without async_mode=yes, OnWriteToFile comes before the flush to disk, which may still fail and
+ * would take back what was committed meanwhile. There K9eReplStorageBeginTransaction,
+ * K9eReplStorageInsert and K9eReplStorageInsertP answer RC_WRONG_STATE, and so does
+ * K9eReplStorageCommit inside a transaction that was open before; all else works. */
 typedef void(K9EREPL_CALL* K9eReplFlushCb)(int64_t lastRev, void* cbContext);
 
 /* --- Library -------------------------------------------------------------------------------- */
@@ -150,8 +155,8 @@ K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageDelete(const char* connStr);
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageOpen(const char* connStr, void** outHandle);
 
 /* Gives one reference back. The last one flushes what was committed, closes the files, stops the
- * storage's threads and frees everything; an open transaction is lost, also one whose commit failed.
- * `handle` not null.
+ * storage's threads and frees everything; an open transaction is lost, and so is one whose
+ * commit failed. `handle` not null.
  * Always RC_OK, also when the last flush fails: commit with a flush beforehand to be sure. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageClose(void* handle);
 
@@ -177,7 +182,8 @@ K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageTruncate(void* handle);
 /* --- Transactions --------------------------------------------------------------------------- */
 
 /* Begins a transaction, or one more nested level of the open one. `handle` not null.
- * Errors: RC_WRONG_STATE, or the code of the storage file, which breaks the storage. */
+ * Errors: RC_WRONG_STATE, also from OnWriteToFile with force_flush=yes (see K9eReplFlushCb), or the
+ * code of the storage file, which breaks the storage. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageBeginTransaction(void* handle);
 
 /* Ends one level. The outermost one makes the transaction's records part of the storage and
@@ -187,9 +193,8 @@ K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageBeginTransaction(void* handle);
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageCommit(void* handle);
 
 /* Ends all levels and takes every record and revision of the transaction back. What a failed flush
- * of the transaction left in the file is cleared; where that fails the result is RC_OK all the same,
- * and the next write or the close clears it.
- * Errors: RC_NO_TRANSACTION_TO_ROLLBACK, RC_WRONG_STATE. */
+ * of it left in the file is cleared; where that fails the result is RC_OK all the same, and the
+ * next write or the close clears it. Errors: RC_NO_TRANSACTION_TO_ROLLBACK, RC_WRONG_STATE. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageRollback(void* handle);
 
 /* Appends `rec` (both not null) under the next revision, which is written into rec->rev. Outside a

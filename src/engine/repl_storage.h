@@ -113,8 +113,9 @@ class CK9eReplStorage final : public IK9eReplStorage {
     friend struct StorageAccess;  // the tests' eyes
     using Guard = std::lock_guard<platform::RecursiveLock>;
 
-    // What is being done to the storage file, as callbacks find it. They may insert and commit at
-    // any time; unless there is no such work, what they commit is flushed later.
+    // What is being done to the storage file, as callbacks find it. They may insert and commit,
+    // except where FlushMayStillFail; unless there is no such work, what they commit is flushed
+    // later.
     enum class FileWork {
         kNone,
         kWriting,    // nobody else may touch the file, nor move records
@@ -143,6 +144,7 @@ class CK9eReplStorage final : public IK9eReplStorage {
     void Reset();
 
     // Transactions (transactions.cpp)
+    bool FlushMayStillFail() const;
     u32 BeginOutermost();
     u32 InsertAt(K9eReplRec* rec, i64 rev);
     u32 PlaceInTransaction(const K9eReplRec& rec, bool implicit);

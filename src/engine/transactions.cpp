@@ -8,9 +8,16 @@
 
 namespace k9erepl {
 
+// In OnWriteToFile, called in the middle of a flush or a clear: the flush to disk that follows may
+// fail, and what was committed meanwhile would go with it. The asynchronous writer calls
+// OnWriteToFile on its own thread, which never gets here while a flush is under way.
+bool CK9eReplStorage::FlushMayStillFail() const {
+    return m_fileWork == FileWork::kWriting && m_solid.ForcesFlushes();
+}
+
 std::uint32_t CK9eReplStorage::BeginTransaction() {
     const Guard guard(m_lock);
-    if (State() != StorageState::kOpen) {
+    if (State() != StorageState::kOpen || FlushMayStillFail()) {
         LOG_ERROR_CODE(RC_WRONG_STATE, kLogStorage, "Failed to begin trans;state %d",
                        StateForLog());
         return RC_WRONG_STATE;
@@ -54,7 +61,7 @@ u32 CK9eReplStorage::BeginOutermost() {
 
 std::uint32_t CK9eReplStorage::Insert(K9eReplRec* rec) {
     const Guard guard(m_lock);
-    if (State() != StorageState::kOpen) {
+    if (State() != StorageState::kOpen || FlushMayStillFail()) {
         LOG_ERROR_CODE(RC_WRONG_STATE, kLogStorage, "Failed to insert;state %d", StateForLog());
         return RC_WRONG_STATE;
     }
@@ -63,7 +70,7 @@ std::uint32_t CK9eReplStorage::Insert(K9eReplRec* rec) {
 
 std::uint32_t CK9eReplStorage::InsertP(K9eReplRec* rec) {
     const Guard guard(m_lock);
-    if (State() != StorageState::kOpen) {
+    if (State() != StorageState::kOpen || FlushMayStillFail()) {
         LOG_ERROR_CODE(RC_WRONG_STATE, kLogStorage, "Failed to insert prepared;state %d",
                        StateForLog());
         return RC_WRONG_STATE;
@@ -116,6 +123,11 @@ std::uint32_t CK9eReplStorage::Commit() {
     if (m_transDepth == 0) {
         RetryFlushOutsideTransaction();
         return RC_NO_TRANSACTION;
+    }
+    if (FlushMayStillFail()) {
+        // An idle flush in the middle of the client's transaction: it could not be flushed here.
+        LOG_ERROR_CODE(RC_WRONG_STATE, kLogStorage, "Failed to commit;state %d", StateForLog());
+        return RC_WRONG_STATE;
     }
     --m_transDepth;
     if (m_rolledBack) {

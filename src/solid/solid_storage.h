@@ -136,6 +136,10 @@ class CSolidStorage final : public IK9eReplLLStorage {
 
     // --- Writing -----------------------------------------------------------------------------
 
+    // Whether each commit, and each commit block of a clear, is flushed to the disk, which may fail
+    // after OnWriteToFile was called for it. Set by Open.
+    bool ForcesFlushes() const { return m_state.forceFlush; }
+
     u32 BeginTransaction();
     // Flushes to the disk, with force_flush, and forgets what the read cache holds.
     u32 Commit();

@@ -13,10 +13,6 @@
 namespace k9erepl::test {
 namespace {
 
-constexpr std::string_view kForced =
-    "flush_mode=PerTrans;flush_trans_num=1;flush_timeout=2147483647;read_buffers_count=1;"
-    "force_flush=yes;";
-
 enum class Which { kOnFlush, kOnWriteToFile };
 
 std::string Name(const ::testing::TestParamInfo<Which>& info) {
@@ -204,79 +200,11 @@ TEST(CallbackThatAlwaysInserts, LetsTheStorageClose) {
 
 // The flush to the disk comes after OnWriteToFile: what the callback did lies behind a flush that
 // is taken back.
-TEST(FailureAfterOnWriteToFile, WritesOuterAndNestedRecordsOnce) {
+TEST(CommitInOnWriteToFile, SavesNoIndexInTheMiddle) {
     SKIP_WHEN_ASYNC("OnWriteToFile comes in the middle of the flush");
     const ScopedSystemCalls systemCalls;
     Notified written;
-    TestStorage storage(kForced);
-    written.Does([&, first = true](i64) mutable {
-        if (std::exchange(first, false)) {
-            storage.InsertCommitted({"nested"});
-        }
-    });
-    written.SetAsOnWriteToFile(storage);
-    ASSERT_EQ(storage.Begin(), RC_OK);
-    ASSERT_EQ(storage.Insert("outer"), RC_OK);
-    FailFlush(1);
-    EXPECT_EQ(storage.Commit(), RC_SYSTEM_ERROR);
-    EXPECT_EQ(storage.State(), StorageState::kFlushFailed);
-    EXPECT_EQ(storage.Commit(), RC_OK);
-    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "r2", "c2"}));
-    storage.InsertCommitted({"next"});
-    storage.Reopen();
-    EXPECT_EQ(storage.Texts(), Strings({"outer", "nested", "next"}));
-}
-
-TEST(FailureAfterOnWriteToFile, RollbackTakesTheWholeTransactionBack) {
-    SKIP_WHEN_ASYNC("OnWriteToFile comes in the middle of the flush");
-    const ScopedSystemCalls systemCalls;
-    Notified written;
-    TestStorage storage(kForced);
-    storage.InsertCommitted({"kept"});
-    written.Does([&](i64) {
-        EXPECT_EQ(storage.Begin(), RC_OK);
-        EXPECT_EQ(storage.Insert("nested"), RC_OK);
-        EXPECT_EQ(storage.Rollback(), RC_OK);
-    });
-    written.SetAsOnWriteToFile(storage);
-    ASSERT_EQ(storage.Begin(), RC_OK);
-    ASSERT_EQ(storage.Insert("outer"), RC_OK);
-    FailFlush(1);
-    EXPECT_EQ(storage.Commit(), RC_SYSTEM_ERROR);
-    EXPECT_EQ(storage.Rollback(), RC_OK);
-    EXPECT_EQ(storage.NextRev(), 2);
-    EXPECT_EQ(storage.Texts(), Strings({"kept"}));
-    storage.InsertCommitted({"other"});
-    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "c1", "r2", "c2"}));
-}
-
-TEST(FailureAfterOnWriteToFile, ATransactionLeftOpenIsNestedInTheReopenedOne) {
-    SKIP_WHEN_ASYNC("OnWriteToFile comes in the middle of the flush");
-    const ScopedSystemCalls systemCalls;
-    Notified written;
-    TestStorage storage(kForced);
-    written.Does([&, first = true](i64) mutable {
-        if (std::exchange(first, false)) {
-            EXPECT_EQ(storage.Begin(), RC_OK);
-            EXPECT_EQ(storage.Insert("nested"), RC_OK);
-        }
-    });
-    written.SetAsOnWriteToFile(storage);
-    ASSERT_EQ(storage.Begin(), RC_OK);
-    ASSERT_EQ(storage.Insert("outer"), RC_OK);
-    FailFlush(1);
-    EXPECT_EQ(storage.Commit(), RC_SYSTEM_ERROR);
-    EXPECT_EQ(storage.Commit(), RC_OK) << "the inner level";
-    EXPECT_EQ(storage.Commit(), RC_OK);
-    EXPECT_EQ(storage.State(), StorageState::kOpen);
-    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "r2", "c2"}));
-}
-
-TEST(FailureAfterOnWriteToFile, NoIndexIsSavedInTheMiddle) {
-    SKIP_WHEN_ASYNC("OnWriteToFile comes in the middle of the flush");
-    const ScopedSystemCalls systemCalls;
-    Notified written;
-    TestStorage storage(With(kForced, "index_hint=1;"));
+    TestStorage storage(With(kFlushAlways, "index_hint=1;"));
     written.Does([&, first = true](i64) mutable {
         if (std::exchange(first, false)) {
             const LogCapture log({"k9eRepl-storage-idx"});
