@@ -1,6 +1,5 @@
 // The child of the crash tests: appends the planned transactions to a storage for ever and writes
-// each revision that the callback CALLBACK acknowledges, as 8 bytes, to standard output. It is
-// killed.
+// each revision that the callback CALLBACK acknowledges to standard output. It is killed.
 //
 //   crash_writer CONNECTION-STRING SEED OnFlush|OnWriteToFile
 //
@@ -12,15 +11,11 @@
 #include <cstring>
 #include <vector>
 
-#include "crash/acknowledgement.h"
 #include "crash/crash_plan.h"
 
 namespace {
 
-using k9erepl::i64;
-using k9erepl::u32;
-using k9erepl::u64;
-using k9erepl::u8;
+using namespace k9erepl::test;
 
 void Check(u32 code, const char* what) {
     if (code != RC_OK) {
@@ -30,13 +25,14 @@ void Check(u32 code, const char* what) {
 }
 
 void K9EREPL_CALL Acknowledge(i64 lastRev, void* /*context*/) {
-    if (!k9erepl::test::WriteAcknowledgement(lastRev)) {
+    if (std::printf(kAcknowledgementFormat, static_cast<long long>(lastRev)) < 0 ||
+        std::fflush(stdout) != 0) {
         std::_Exit(0);  // the test has gone
     }
 }
 
-void Insert(void* storage, const k9erepl::test::PlannedRecord& planned) {
-    std::vector<u8> bytes(sizeof(K9eReplRec) + planned.data.size());
+void Insert(void* storage, const PlannedRecord& planned) {
+    std::vector<char> bytes(sizeof(K9eReplRec) + planned.data.size());
     auto* record = reinterpret_cast<K9eReplRec*>(bytes.data());
     record->userWord = planned.userWord;
     record->dataSize = static_cast<u32>(planned.data.size());
@@ -45,13 +41,11 @@ void Insert(void* storage, const k9erepl::test::PlannedRecord& planned) {
 }
 
 void AppendTransaction(void* storage, u64 seed) {
-    i64 nextRev = 0;
-    Check(K9eReplStorageGetNextRev(storage, &nextRev), "GetNextRev");
-    const k9erepl::test::PlannedTransaction transaction =
-        k9erepl::test::PlanTransaction(seed, nextRev);
+    i64 firstRev = 0;
+    Check(K9eReplStorageGetNextRev(storage, &firstRev), "GetNextRev");
     Check(K9eReplStorageBeginTransaction(storage), "BeginTransaction");
-    for (u32 place = 0; place < transaction.recordCount; ++place) {
-        Insert(storage, k9erepl::test::PlanRecord(seed, transaction, place));
+    for (i64 rev = firstRev; rev < firstRev + PlanRecordCount(seed, firstRev); ++rev) {
+        Insert(storage, PlanRecord(seed, rev));
     }
     Check(K9eReplStorageCommit(storage), "Commit");
 }

@@ -7,9 +7,7 @@
 #include <k9erepl/storage.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <iostream>
-#include <limits>
 #include <string>
 
 #include "crash/crash_plan.h"
@@ -28,25 +26,32 @@ u64 Seed() {
     return given != nullptr ? std::strtoull(given, nullptr, 10) : 20261121;
 }
 
+// Reads the next revision that the child acknowledged; false when none came in time.
+bool ReadAcknowledgement(ChildProcess& child, int timeoutMs, i64* rev) {
+    std::string text(kAcknowledgementSize, '\0');
+    if (child.Read(text.data(), text.size(), timeoutMs) != text.size()) {
+        return false;
+    }
+    *rev = std::stoll(text);
+    return true;
+}
+
 // Lets the child run until a planned moment and kills it. Returns the last acknowledged revision,
 // `lastKnown` when there was none.
-i64 RunAndKill(const ChildOptions& options, SeededNumbers& numbers, i64 lastKnown) {
+i64 RunAndKill(const ChildOptions& options, Random& random, i64 lastKnown) {
     ChildProcess child(options);
     i64 acknowledged = lastKnown;
-    const u32 acknowledgements = numbers.Below(40);
-    for (u32 i = 0; i < acknowledgements; ++i) {
-        EXPECT_EQ(child.Read(&acknowledged, sizeof acknowledged, 60000), sizeof acknowledged);
+    for (u32 left = random.Below(40); left > 0; --left) {
+        EXPECT_TRUE(ReadAcknowledgement(child, 60000, &acknowledged));
     }
     // A little further, into the middle of whatever it does then.
-    const int extraMs = static_cast<int>(numbers.Below(8));
-    while (extraMs > 0 && child.Read(&acknowledged, sizeof acknowledged, extraMs) != 0 &&
-           numbers.Below(4) != 0) {
+    const int extraMs = static_cast<int>(random.Below(8));
+    while (extraMs > 0 && ReadAcknowledgement(child, extraMs, &acknowledged) &&
+           random.Below(4) != 0) {
     }
     child.Kill();
     EXPECT_EQ(child.Wait(), (ChildEnd{0, kKillSignal}));
-    i64 last = 0;  // acknowledged before the end, read after it
-    while (child.Read(&last, sizeof last, 0) == sizeof last) {
-        acknowledged = last;
+    while (ReadAcknowledgement(child, 0, &acknowledged)) {  // before the end, read after it
     }
     return acknowledged;
 }
@@ -54,37 +59,34 @@ i64 RunAndKill(const ChildOptions& options, SeededNumbers& numbers, i64 lastKnow
 // Compares the records of an enumeration with the plan, one transaction after the other.
 class PlanReader {
   public:
-    explicit PlanReader(u64 seed) : m_seed(seed), m_transaction(PlanTransaction(seed, 1)) {}
+    explicit PlanReader(u64 seed) : m_seed(seed), m_left(PlanRecordCount(seed, 1)) {}
 
     // Returns 0, or 1 at the first record that is not as planned.
     static u32 K9EREPL_CALL OnRecord(const K9eReplRec* record, void* context) {
         return static_cast<PlanReader*>(context)->Take(*record) ? 0 : 1;
     }
 
-    i64 LastRev() const { return m_transaction.firstRev + m_place - 1; }
-    bool EndsWithATransaction() const { return m_place == 0; }
+    i64 LastRev() const { return m_lastRev; }
+    bool EndsWithATransaction() const { return m_ended; }
 
   private:
     bool Take(const K9eReplRec& record) {
-        const PlannedRecord planned = PlanRecord(m_seed, m_transaction, m_place);
-        if (record.rev != m_transaction.firstRev + m_place || record.userWord != planned.userWord ||
-            record.dataSize != planned.data.size() ||
-            std::memcmp(record.data, planned.data.data(), planned.data.size()) != 0) {
+        const PlannedRecord planned = PlanRecord(m_seed, ++m_lastRev);
+        if (record.rev != m_lastRev || record.userWord != planned.userWord ||
+            std::string(record.data, record.data + record.dataSize) != planned.data) {
             ADD_FAILURE() << "revision " << record.rev << " is not what was appended as revision "
-                          << m_transaction.firstRev + m_place;
+                          << m_lastRev;
             return false;
         }
-        if (++m_place == m_transaction.recordCount) {
-            m_transaction =
-                PlanTransaction(m_seed, m_transaction.firstRev + m_transaction.recordCount);
-            m_place = 0;
-        }
+        m_ended = --m_left == 0;
+        m_left = m_ended ? PlanRecordCount(m_seed, m_lastRev + 1) : m_left;
         return true;
     }
 
-    u64 m_seed;
-    PlannedTransaction m_transaction;  // the one that the next record belongs to
-    u32 m_place = 0;                   // of the next record in it
+    const u64 m_seed;
+    i64 m_lastRev = 0;
+    u32 m_left;  // of the transaction, behind the last record
+    bool m_ended = true;
 };
 
 // Reopens the storage and compares everything. Returns the last revision that it holds.
@@ -96,9 +98,9 @@ i64 ReopenAndCompare(const std::string& conn, u64 seed, i64 acknowledged) {
     }
     EXPECT_EQ(K9eReplStorageLoad(storage), RC_OK);
     PlanReader reader(seed);
-    EXPECT_EQ(K9eReplStorageEnumRecords(storage, 1, std::numeric_limits<i64>::max(),
-                                        &PlanReader::OnRecord, &reader),
-              RC_OK);
+    EXPECT_EQ(
+        K9eReplStorageEnumRecords(storage, 1, model::kHighestRev, &PlanReader::OnRecord, &reader),
+        RC_OK);
     EXPECT_GE(reader.LastRev(), acknowledged) << "an acknowledged record is lost";
     EXPECT_TRUE(reader.EndsWithATransaction()) << "a part of a transaction is served";
     i64 nextRev = 0;
@@ -108,33 +110,33 @@ i64 ReopenAndCompare(const std::string& conn, u64 seed, i64 acknowledged) {
     return reader.LastRev();
 }
 
-// `callback` acknowledges; `writer` tells the settings that a round adds.
-void KillAgainAndAgain(const std::string& callback, std::string (*writer)(u64 seed, u32 round)) {
+// OnFlush acknowledges, or OnWriteToFile of the asynchronous writer.
+void KillAgainAndAgain(bool async) {
     const u64 seed = Seed();
     std::cout << "seed " << seed << ", as K9EREPL_TEST_SEED sets it\n";
     TempFolder folder;
-    SeededNumbers numbers(seed);
+    Random random(seed);
     i64 last = 0;
     for (u32 round = 0; round < kRounds && !::testing::Test::HasFailure(); ++round) {
         const u32 storage = round / kRoundsPerStorage;
         const u64 storageSeed = seed + storage;
         const std::string conn = "file=" + folder.File("storage" + std::to_string(storage)) +
-                                 ".edb;" + PlanSettings(seed, round) + writer(seed, round);
+                                 ".edb;" + PlanSettings(seed, round, async);
         SCOPED_TRACE("round " + std::to_string(round) + ", " + conn);
         last = round % kRoundsPerStorage == 0 ? 0 : last;
-        const ChildOptions options = {
-            .arguments = {CRASH_WRITER_PROGRAM, conn, std::to_string(storageSeed), callback}};
-        const i64 acknowledged = RunAndKill(options, numbers, last);
-        last = ReopenAndCompare(conn, storageSeed, acknowledged);
+        const ChildOptions options = {.arguments = {CRASH_WRITER_PROGRAM, conn,
+                                                    std::to_string(storageSeed),
+                                                    async ? "OnWriteToFile" : "OnFlush"}};
+        last = ReopenAndCompare(conn, storageSeed, RunAndKill(options, random, last));
     }
 }
 
 TEST(Kill, LosesNothingThatWasAcknowledgedAndServesNoPartOfATransaction) {
-    KillAgainAndAgain("OnFlush", [](u64, u32) { return std::string(); });
+    KillAgainAndAgain(false);
 }
 
 TEST(Kill, LosesNothingThatTheWritingThreadAcknowledged) {
-    KillAgainAndAgain("OnWriteToFile", &PlanAsyncSettings);
+    KillAgainAndAgain(true);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // The vocabulary of the engine's tests: a storage in a folder of its own, driven through its
-// handle by short words. Used by every test of tests/engine, tests/api and tests/crash.
+// handle by short words. Used by every test of tests/engine and tests/api.
 //
 //     TestStorage storage("block_size=138;flush_trans_num=1");   // created, opened, loaded
 //     storage.InsertCommitted({"one", "two"});

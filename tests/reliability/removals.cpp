@@ -1,7 +1,10 @@
 // The row of removals: a crash before, inside and after every call of every clear, squeeze and
-// truncation. The path leads to the old or the new content; a backup, as soon as it has its name,
-// holds the old content; the removal can be had again.
+// truncation. The path leads to the old content until the new one is written, and to that from then
+// on; a backup, as soon as it has its name, holds the old content; the removal can be repeated once
+// the unfinished copy is gone, and is refused while it is there.
 #include <k9erepl/storage.h>
+
+#include <algorithm>
 
 #include "model/storage_client.h"
 #include "reliability/crash_points.h"
@@ -44,21 +47,56 @@ class Crashes {
         m_removal = MakeRemoval(m_disk, m_plan, m_run.Seed());
         const History& history = m_removal.history;
         m_run.Case(0, [&] { return history.problem; });
+        FindSteps();
         ImageMaker maker(history.base, history.changes);
         u64 number = 0;
+        u64 withoutPath = 0;
         for (const CrashPoint& point : CrashPointsOf(history.changes, kPoints, m_run.Seed())) {
             const DiskImage image = maker.At(point);
+            withoutPath += image.Find(StoragePath()) == nullptr ? 1 : 0;
             m_run.Keep(image, history.changes, point.changes);
             m_run.Case(++number, [&] { return Crash(image, point, number); });
         }
         m_run.Case(++number, [&] { return LeavesItsBackup(); });
+        m_run.Case(++number, [&] {
+            const u64 expected = m_removal.makesBackup && !m_plan.hardLinks ? 1 : 0;
+            return withoutPath == expected ? "" : std::to_string(withoutPath) + " without a path";
+        });
     }
 
   private:
-    Problem Crash(const DiskImage& image, const CrashPoint& point, u64 number) {
+    // The steps at which the content at the path changes.
+    void FindSteps() {
+        const Changes& changes = m_removal.history.changes;
+        const auto stepOf = [&](ChangeKind kind) {
+            const auto found =
+                std::find_if(changes.begin(), changes.end(), [&](const Change& change) {
+                    return change.kind == kind &&
+                           (kind == ChangeKind::kRename
+                                ? change.to == StoragePath()
+                                : change.file == m_removal.history.base.NumberOf(StoragePath()));
+                });
+            return static_cast<std::size_t>(found - changes.begin());
+        };
+        m_written = stepOf(ChangeKind::kWrite);
+        m_undone = m_removal.makesBackup ? stepOf(ChangeKind::kSetEnd) : changes.size();
+        m_replaced = stepOf(ChangeKind::kRename);
+    }
+
+    // A backup is made of the old content: the clear revision is taken back for it.
+    StateRange RangeAt(const CrashPoint& point) const {
         const StateRange range = m_removal.history.AfterKill(point.changes, point.cut > 0);
+        if (range.low > 0 || range.high != 1 || (point.changes == m_written && point.cut > 0)) {
+            return range;
+        }
+        const bool isUndone = m_undone < point.changes && point.changes <= m_replaced;
+        return m_written < point.changes && !isUndone ? StateRange{1, 1} : StateRange{0, 0};
+    }
+
+    Problem Crash(const DiskImage& image, const CrashPoint& point, u64 number) {
+        const StateRange range = RangeAt(point);
         if (image.Find(StoragePath()) == nullptr) {
-            return m_plan.hardLinks ? "no file at the path" : NoPath(image, range, number);
+            return m_plan.hardLinks ? "no file at the path" : NoPath(image, number);
         }
         if (Problem problem = LookAtBackup(image); !problem.empty()) {
             return "backup: " + problem;
@@ -77,9 +115,9 @@ class Crashes {
         });
     }
 
-    // Without hard links there is such a moment. Opening refuses and makes nothing; either of the
-    // two files, renamed as the manual says, is the storage.
-    Problem NoPath(const DiskImage& image, StateRange range, u64 number) {
+    // Without hard links there is such a moment. Opening refuses and makes nothing; each of the two
+    // files, renamed as the manual says, is the storage: the old one, or the new one.
+    Problem NoPath(const DiskImage& image, u64 number) {
         m_run.Count("moments without a path");
         m_disk.Mount(image);
         model::StorageClient client;
@@ -88,12 +126,13 @@ class Crashes {
             return "opening nothing answers " + std::to_string(rc);
         }
         for (const std::string& name : {BackupPath(), TemporaryPath()}) {
+            const std::size_t state = name == BackupPath() ? 0 : 1;
             if (image.Find(name) == nullptr) {
                 return "there is no " + name;
             }
             DiskImage repaired = image;
             MoveName(repaired, name, StoragePath());
-            if (Problem problem = Examined(repaired, range, number); !problem.empty()) {
+            if (Problem problem = Examined(repaired, {state, state}, number); !problem.empty()) {
                 return name + ": " + problem;
             }
         }
@@ -117,21 +156,31 @@ class Crashes {
                    : JudgeByStates(m_removal.history, {0, 0}, seen);
     }
 
-    // Once the unfinished copy is away, as the manual tells to do.
-    Problem RemoveAgain(DiskImage image) {
+    u32 Squeeze(const DiskImage& image) {
         SteadyCalls::SetStamp(kFirstStamp);
-        const bool isLeft = image.Find(TemporaryPath()) != nullptr;
-        if (isLeft) {
-            MoveName(image, TemporaryPath(), std::string(kFolder) + "away");
-        }
         m_disk.Mount(image);
         model::StorageClient client;
         u32 rc = client.Open(m_removal.history.ConnString());
         rc = rc == RC_OK ? K9eReplStorageLoad(client.Handle()) : rc;
-        rc = rc == RC_OK ? K9eReplStorageClearOldRev(client.Handle(), m_removal.clearRev,
-                                                     K9EREPL_CLEAR_SQUEEZE_BACKUP)
-                         : rc;
-        client.Close();
+        return rc == RC_OK ? K9eReplStorageClearOldRev(client.Handle(), m_removal.clearRev,
+                                                       K9EREPL_CLEAR_SQUEEZE_BACKUP)
+                           : rc;
+    }
+
+    // Once the unfinished copy is away, as the manual tells to do.
+    Problem RemoveAgain(DiskImage image) {
+        const bool isLeft = image.Find(TemporaryPath()) != nullptr;
+        if (isLeft) {
+            const u32 rc = Squeeze(image);
+            const bool hadNothingToDo =
+                rc == RC_OK && m_disk.Image().Find(TemporaryPath()) != nullptr &&
+                m_disk.Image().Find(StoragePath())->Hash() == image.Find(StoragePath())->Hash();
+            if (rc != RC_SYSTEM_ERROR && !hadNothingToDo) {
+                return "beside a copy: answers " + std::to_string(rc);
+            }
+            MoveName(image, TemporaryPath(), std::string(kFolder) + "away");
+        }
+        const u32 rc = Squeeze(image);
         const DiskImage left = m_disk.Image();
         if (rc != RC_OK || left.Find(TemporaryPath()) != nullptr) {
             return "answers " + std::to_string(rc);
@@ -178,6 +227,10 @@ class Crashes {
     MemoryDisk& m_disk;
     const RemovalPlan m_plan;
     RemovalHistory m_removal;
+    // Places in its changes; their number when there is no such change.
+    std::size_t m_written = 0;   // the first bytes at the path that tell the new content
+    std::size_t m_undone = 0;    // takes them back, for the backup
+    std::size_t m_replaced = 0;  // the copy comes to the path
 };
 
 void RunGroup(GroupRun& run) {
