@@ -173,13 +173,9 @@ IndexEntries EntriesInMemory(TestStorage& storage) {
     return entries;
 }
 
-ReadMeter::ReadMeter() : m_saved(platform::TheSystemCalls()) {
+ReadMeter::ReadMeter() {
     platform::TheSystemCalls().readFile = CountingRead;
     Restart();
-}
-
-ReadMeter::~ReadMeter() {
-    platform::TheSystemCalls() = m_saved;
 }
 
 u64 ReadMeter::Bytes() const {
@@ -190,16 +186,12 @@ void ReadMeter::Restart() {
     g_bytesRead = 0;
 }
 
-BlockMeter::BlockMeter(u32 blockSize) : m_saved(platform::TheSystemCalls()) {
+BlockMeter::BlockMeter(u32 blockSize) {
     g_blocks.size = blockSize + kBlockOverhead;
     g_blocks.most = 0;
     g_blocks.live.clear();
     platform::TheSystemCalls().allocMemory = CountingAlloc;
     platform::TheSystemCalls().freeMemory = CountingFree;
-}
-
-BlockMeter::~BlockMeter() {
-    platform::TheSystemCalls() = m_saved;
 }
 
 std::size_t BlockMeter::Live() const {

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "engine/storage_fixture.h"
-#include "platform/system_calls.h"
+#include "support/call_layer.h"
 #include "support/storage_file_builder.h"
 
 namespace k9erepl::test {
@@ -59,34 +59,28 @@ void WriteIndex(const TestStorage& storage, const IndexEntries& entries, u32 blo
 IndexEntries EntriesInMemory(TestStorage& storage);
 
 // While it lives, counts the bytes that are read from files. It must begin before every storage.
-class ReadMeter {
+class ReadMeter : CallLayer<ReadMeter> {
   public:
     ReadMeter();
-    ~ReadMeter();
-    ReadMeter(const ReadMeter&) = delete;
-    ReadMeter& operator=(const ReadMeter&) = delete;
 
     u64 Bytes() const;
     void Restart();
 
   private:
-    const platform::SystemCalls m_saved;
+    friend CallLayer<ReadMeter>;
 };
 
 // While it lives, counts the allocations of one size: memory blocks. It must begin before every
 // storage and end after it.
-class BlockMeter {
+class BlockMeter : CallLayer<BlockMeter> {
   public:
     explicit BlockMeter(u32 blockSize);
-    ~BlockMeter();
-    BlockMeter(const BlockMeter&) = delete;
-    BlockMeter& operator=(const BlockMeter&) = delete;
 
     std::size_t Live() const;
     std::size_t MostLive() const;
 
   private:
-    const platform::SystemCalls m_saved;
+    friend CallLayer<BlockMeter>;
 };
 
 }  // namespace k9erepl::test

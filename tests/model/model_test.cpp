@@ -6,7 +6,7 @@
 #include <iostream>
 
 #include "model/seed_run.h"
-#include "platform/system_calls.h"
+#include "support/call_layer.h"
 
 namespace k9erepl::model {
 
@@ -16,17 +16,16 @@ constexpr u64 kSeedsPerGroup = K9EREPL_MODEL_GROUP_SEEDS;
 constexpr std::size_t kOperations = 2000;
 
 // Nothing here is about the disk, which would take most of the time.
-class ModelGroup : public ::testing::TestWithParam<u64> {
+class ModelGroup : public ::testing::TestWithParam<u64>, test::CallLayer<ModelGroup> {
   protected:
-    ModelGroup() : m_saved(platform::TheSystemCalls()) {
+    ModelGroup() {
         platform::TheSystemCalls().flushFile = [](platform::NativeFile) { return true; };
         platform::TheSystemCalls().flushDirectory = [](const char*) { return true; };
         KeepQuiet();
     }
-    ~ModelGroup() override { platform::TheSystemCalls() = m_saved; }
 
   private:
-    platform::SystemCalls m_saved;
+    friend test::CallLayer<ModelGroup>;
 };
 
 TEST_P(ModelGroup, AgreesWithTheLibrary) {

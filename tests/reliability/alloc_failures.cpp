@@ -7,6 +7,7 @@
 #include "reliability/fault_trial.h"
 #include "reliability/row.h"
 #include "reliability/steady_calls.h"
+#include "support/call_layer.h"
 #include "support/new_fault.h"
 
 namespace k9erepl::reliability {
@@ -40,50 +41,28 @@ class Exempt {
     Exempt& operator=(const Exempt&) = delete;
 };
 
-platform::SystemCalls g_below;
-
-// An entry whose memory is the test's.
-template <auto kEntry, typename Function>
-struct Exempted;
-template <auto kEntry, typename Result, typename... Arguments>
-struct Exempted<kEntry, Result (*)(Arguments...)> {
-    static Result Call(Arguments... arguments) {
-        const Exempt exempt;
-        return (g_below.*kEntry)(arguments...);
-    }
-};
-template <auto... kEntries>
-void ExemptEntries(platform::SystemCalls& table) {
-    using Table = platform::SystemCalls;
-    ((table.*kEntries =
-          &Exempted<kEntries,
-                    std::remove_reference_t<decltype(std::declval<Table&>().*kEntries)>>::Call),
-     ...);
-}
-
 // While it lives, allocations are counted and those of the table's entries for files are not.
-class CountedMemory {
+class CountedMemory : test::CallLayer<CountedMemory> {
   public:
     CountedMemory() {
-        platform::SystemCalls& table = platform::TheSystemCalls();
-        g_below = table;
-        using Table = platform::SystemCalls;
-        ExemptEntries<&Table::openFile, &Table::closeFile, &Table::readFile, &Table::writeFile,
-                      &Table::seekFile, &Table::tellFile, &Table::setFileEnd, &Table::fileSize,
-                      &Table::flushFile, &Table::takeOwnerAndMode, &Table::renameFile,
-                      &Table::linkFile, &Table::removeFile, &Table::makeDirectory,
-                      &Table::flushDirectory, &Table::createThread>(table);
-        table.allocMemory = [](std::size_t size) -> void* {
-            return FailsNow() ? nullptr : g_below.allocMemory(size);
-        };
+        Wrap(test::FileEntries());
+        Wrap(test::CallEntries<&test::CallTable::createThread>());
+        Take<&test::CallTable::allocMemory, &CountedMemory::Alloc>();
         test::SetNewGate(&FailsNow);
     }
-    ~CountedMemory() {
-        test::SetNewGate(nullptr);
-        platform::TheSystemCalls() = g_below;
-    }
+    ~CountedMemory() { test::SetNewGate(nullptr); }
     CountedMemory(const CountedMemory&) = delete;
     CountedMemory& operator=(const CountedMemory&) = delete;
+
+  private:
+    friend test::CallLayer<CountedMemory>;
+    // The memory of these calls is the test's.
+    template <typename Call>
+    static auto Around(Call call) {
+        const Exempt exempt;
+        return call();
+    }
+    void* Alloc(std::size_t size) { return FailsNow() ? nullptr : Below().allocMemory(size); }
 };
 
 class NoMemory final : public Fault {

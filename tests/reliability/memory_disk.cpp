@@ -2,7 +2,6 @@
 #include "reliability/memory_disk.h"
 
 #include <algorithm>
-#include <cassert>
 #include <utility>
 
 #include "platform/system_error.h"
@@ -18,8 +17,6 @@ using test::SystemCall;
 
 constexpr NativeFile kFirstHandle = 1000;  // no descriptor of the process
 
-MemoryDisk* g_disk = nullptr;
-
 bool Refuse(SystemErrorKind kind) {
     platform::SetLastSystemError(platform::SystemErrorOf(kind));
     return false;
@@ -29,77 +26,30 @@ Change Of(ChangeKind kind, FileNumber file, i64 at, std::string bytes = {}) {
     return {.kind = kind, .file = file, .at = at, .bytes = std::move(bytes), .name = {}, .to = {}};
 }
 
-// The entries that are the disk's business.
-void CopyEntries(const platform::SystemCalls& from, platform::SystemCalls& to) {
-    to.openFile = from.openFile;
-    to.closeFile = from.closeFile;
-    to.readFile = from.readFile;
-    to.writeFile = from.writeFile;
-    to.seekFile = from.seekFile;
-    to.tellFile = from.tellFile;
-    to.setFileEnd = from.setFileEnd;
-    to.fileSize = from.fileSize;
-    to.flushFile = from.flushFile;
-    to.startFlush = from.startFlush;
-    to.takeOwnerAndMode = from.takeOwnerAndMode;
-    to.lockFile = from.lockFile;
-    to.unlockFile = from.unlockFile;
-    to.fileIdentity = from.fileIdentity;
-    to.nameIdentity = from.nameIdentity;
-    to.renameFile = from.renameFile;
-    to.linkFile = from.linkFile;
-    to.removeFile = from.removeFile;
-    to.makeDirectory = from.makeDirectory;
-    to.flushDirectory = from.flushDirectory;
-}
-
-void TakeOver(platform::SystemCalls& calls) {
-    using platform::FileOpenRequest;
-    calls.openFile = [](const char* path, const FileOpenRequest& request) {
-        return g_disk->Open(path, request);
-    };
-    calls.closeFile = [](NativeFile file) { return g_disk->Close(file); };
-    calls.readFile = [](NativeFile file, void* to, u32 size) {
-        return g_disk->Read(file, to, size);
-    };
-    calls.writeFile = [](NativeFile file, const void* data, u32 size) {
-        return g_disk->Write(file, data, size);
-    };
-    calls.seekFile = [](NativeFile file, i64 position) { return g_disk->Seek(file, position); };
-    calls.tellFile = [](NativeFile file) { return g_disk->Tell(file); };
-    calls.setFileEnd = [](NativeFile file, i64 size) { return g_disk->SetEnd(file, size); };
-    calls.fileSize = [](NativeFile file) { return g_disk->SizeOf(file); };
-    calls.flushFile = [](NativeFile file) { return g_disk->Flush(file); };
-    calls.startFlush = [](NativeFile, i64, i64) {};
-    calls.takeOwnerAndMode = [](NativeFile file, const char* from) {
-        return g_disk->TakeOwner(file, from);
-    };
-    calls.lockFile = [](NativeFile file) { return g_disk->Lock(file); };
-    calls.unlockFile = [](NativeFile file) { return g_disk->Unlock(file); };
-    calls.fileIdentity = [](NativeFile file, platform::FileIdentity* identity) {
-        return g_disk->Identify(file, identity);
-    };
-    calls.nameIdentity = [](const char* path, platform::FileIdentity* identity) {
-        return g_disk->IdentifyName(path, identity);
-    };
-    calls.renameFile = [](const char* from, const char* to) { return g_disk->Rename(from, to); };
-    calls.linkFile = [](const char* old, const char* name) { return g_disk->Link(old, name); };
-    calls.removeFile = [](const char* path) { return g_disk->Remove(path); };
-    calls.makeDirectory = [](const char* path) { return g_disk->MakeDirectory(path); };
-    calls.flushDirectory = [](const char* path) { return g_disk->FlushDirectory(path); };
-}
-
 }  // namespace
 
-MemoryDisk::MemoryDisk() : m_saved(platform::TheSystemCalls()) {
-    assert(g_disk == nullptr);
-    g_disk = this;
-    TakeOver(platform::TheSystemCalls());
-}
-
-MemoryDisk::~MemoryDisk() {
-    CopyEntries(m_saved, platform::TheSystemCalls());
-    g_disk = nullptr;
+MemoryDisk::MemoryDisk() {
+    using test::CallTable;
+    Take<&CallTable::openFile, &MemoryDisk::Open>();
+    Take<&CallTable::closeFile, &MemoryDisk::Close>();
+    Take<&CallTable::readFile, &MemoryDisk::Read>();
+    Take<&CallTable::writeFile, &MemoryDisk::Write>();
+    Take<&CallTable::seekFile, &MemoryDisk::Seek>();
+    Take<&CallTable::tellFile, &MemoryDisk::Tell>();
+    Take<&CallTable::setFileEnd, &MemoryDisk::SetEnd>();
+    Take<&CallTable::fileSize, &MemoryDisk::SizeOf>();
+    Take<&CallTable::flushFile, &MemoryDisk::Flush>();
+    Take<&CallTable::startFlush, &MemoryDisk::StartFlush>();
+    Take<&CallTable::takeOwnerAndMode, &MemoryDisk::TakeOwner>();
+    Take<&CallTable::lockFile, &MemoryDisk::Lock>();
+    Take<&CallTable::unlockFile, &MemoryDisk::Unlock>();
+    Take<&CallTable::fileIdentity, &MemoryDisk::Identify>();
+    Take<&CallTable::nameIdentity, &MemoryDisk::IdentifyName>();
+    Take<&CallTable::renameFile, &MemoryDisk::Rename>();
+    Take<&CallTable::linkFile, &MemoryDisk::Link>();
+    Take<&CallTable::removeFile, &MemoryDisk::Remove>();
+    Take<&CallTable::makeDirectory, &MemoryDisk::MakeDirectory>();
+    Take<&CallTable::flushDirectory, &MemoryDisk::FlushDirectory>();
 }
 
 void MemoryDisk::Mount(DiskImage image) {

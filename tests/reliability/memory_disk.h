@@ -16,8 +16,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/system_calls.h"
 #include "reliability/disk_image.h"
+#include "support/call_layer.h"
 #include "support/fault_injection.h"
 
 namespace k9erepl::reliability {
@@ -40,12 +40,9 @@ struct Permit {
 using Gate = std::function<Permit(const Attempt& attempt)>;
 
 // While it lives the entries for files and names of the table are its own.
-class MemoryDisk {
+class MemoryDisk : test::CallLayer<MemoryDisk> {
   public:
     MemoryDisk();  // empty
-    ~MemoryDisk();
-    MemoryDisk(const MemoryDisk&) = delete;
-    MemoryDisk& operator=(const MemoryDisk&) = delete;
 
     // REQUIRES: nothing is open.
     void Mount(DiskImage image);
@@ -68,8 +65,8 @@ class MemoryDisk {
     u64 FullCount() const;
     i64 UsedBytes(bool holesCount) const;
 
-    // --- For the table's entries
-
+  private:
+    friend test::CallLayer<MemoryDisk>;
     platform::NativeFile Open(const char* path, const platform::FileOpenRequest& request);
     bool Close(platform::NativeFile file);
     i64 Read(platform::NativeFile file, void* buffer, u32 size);
@@ -89,8 +86,8 @@ class MemoryDisk {
     bool Remove(const char* path);
     bool MakeDirectory(const char* path);
     bool FlushDirectory(const char* path);
+    void StartFlush(platform::NativeFile /*file*/, i64 /*position*/, i64 /*size*/) {}
 
-  private:
     struct Handle {
         FileNumber file = 0;  // 0: closed
         i64 position = 0;
@@ -121,8 +118,6 @@ class MemoryDisk {
     i64 m_capacity = -1;
     bool m_holesCount = false;
     u64 m_fullCount = 0;
-
-    platform::SystemCalls m_saved;
 };
 
 }  // namespace k9erepl::reliability

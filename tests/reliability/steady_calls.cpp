@@ -2,7 +2,6 @@
 #include "reliability/steady_calls.h"
 
 #include <atomic>
-#include <cassert>
 #include <chrono>
 #include <condition_variable>
 #include <memory>
@@ -31,7 +30,6 @@ struct World {
 };
 World g_world;
 std::atomic<u64> g_stamp{1};
-bool g_begun = false;
 thread_local bool t_isTheLibrarys = false;
 
 struct Start {
@@ -116,9 +114,7 @@ void* CreateThread(platform::ThreadBody body, void* argument) {
 
 }  // namespace
 
-SteadyCalls::SteadyCalls() : m_saved(platform::TheSystemCalls()) {
-    assert(!g_begun);
-    g_begun = true;
+SteadyCalls::SteadyCalls() {
     platform::SystemCalls& calls = platform::TheSystemCalls();
     calls.createEvent = &CreateEvent;
     calls.destroyEvent = &DestroyEvent;
@@ -127,18 +123,6 @@ SteadyCalls::SteadyCalls() : m_saved(platform::TheSystemCalls()) {
     calls.createThread = &CreateThread;
     calls.tickCount = [] { return u32{1000}; };
     calls.timeStampCounter = [] { return g_stamp.fetch_add(1); };
-}
-
-SteadyCalls::~SteadyCalls() {
-    platform::SystemCalls& calls = platform::TheSystemCalls();
-    calls.createEvent = m_saved.createEvent;
-    calls.destroyEvent = m_saved.destroyEvent;
-    calls.setEvent = m_saved.setEvent;
-    calls.waitEvent = m_saved.waitEvent;
-    calls.createThread = m_saved.createThread;
-    calls.tickCount = m_saved.tickCount;
-    calls.timeStampCounter = m_saved.timeStampCounter;
-    g_begun = false;
 }
 
 void SteadyCalls::SetStamp(u32 first) {

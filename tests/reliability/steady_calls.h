@@ -3,18 +3,15 @@
 #ifndef K9EREPL_TESTS_RELIABILITY_STEADY_CALLS_H
 #define K9EREPL_TESTS_RELIABILITY_STEADY_CALLS_H
 
-#include "platform/system_calls.h"
+#include "support/call_layer.h"
 
 namespace k9erepl::reliability {
 
 // While it lives the entries for events, thread creation and clocks of the table are its own. One
 // at a time, begun before and ended after every storage.
-class SteadyCalls {
+class SteadyCalls : test::CallLayer<SteadyCalls> {
   public:
     SteadyCalls();
-    ~SteadyCalls();
-    SteadyCalls(const SteadyCalls&) = delete;
-    SteadyCalls& operator=(const SteadyCalls&) = delete;
 
     // The next time stamp; each later one is 1 more. The stamps of a run and of what follows its
     // crash must differ, as they do in life.
@@ -28,7 +25,7 @@ class SteadyCalls {
     static void Release();
 
   private:
-    platform::SystemCalls m_saved;
+    friend test::CallLayer<SteadyCalls>;
 };
 
 }  // namespace k9erepl::reliability

@@ -279,7 +279,7 @@ void PlanShort(ShortTransfer& plan, u32 nth, u32 bytes, bool staysShort) {
 
 }  // namespace
 
-ScopedSystemCalls::ScopedSystemCalls() : m_saved(platform::TheSystemCalls()) {
+ScopedSystemCalls::ScopedSystemCalls() {
     Require(!g_active, "one ScopedSystemCalls at a time");
     ForgetPlans();
     SystemCalls& table = platform::TheSystemCalls();
@@ -291,7 +291,6 @@ ScopedSystemCalls::ScopedSystemCalls() : m_saved(platform::TheSystemCalls()) {
 
 ScopedSystemCalls::~ScopedSystemCalls() {
     g_active = false;
-    platform::TheSystemCalls() = m_saved;
 }
 
 void Fail(SystemCall call, u32 nth, SystemErrorKind kind, Repeat repeat) {

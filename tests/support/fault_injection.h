@@ -13,8 +13,8 @@
 #include <cstddef>
 
 #include "platform/int_types.h"
-#include "platform/system_calls.h"
 #include "platform/system_error.h"
+#include "support/call_layer.h"
 
 namespace k9erepl::test {
 
@@ -57,7 +57,7 @@ enum class Repeat { kOnce, kFromThenOn };
 // While it lives, the table of system calls counts and obeys the functions below; then the table is
 // as it was before. Begins with no fault, counts of zero and real clocks. It must begin before and
 // end after every other thread that uses the table. One at a time.
-class ScopedSystemCalls {
+class ScopedSystemCalls : CallLayer<ScopedSystemCalls> {
   public:
     ScopedSystemCalls();
     ~ScopedSystemCalls();
@@ -65,7 +65,7 @@ class ScopedSystemCalls {
     ScopedSystemCalls& operator=(const ScopedSystemCalls&) = delete;
 
   private:
-    platform::SystemCalls m_saved;
+    friend CallLayer<ScopedSystemCalls>;
 };
 
 // --- Calls -------------------------------------------------------------------------------------

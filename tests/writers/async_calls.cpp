@@ -20,60 +20,19 @@ void SetRefused() {
 
 }  // namespace
 
-void Gate::Shut() {
-    const std::lock_guard guard(m_mutex);
-    m_open = false;
-    m_permits = 0;
-}
-
-void Gate::Open() {
-    const std::lock_guard guard(m_mutex);
-    m_open = true;
-    m_changed.notify_all();
-}
-
-void Gate::LetOnePass() {
-    const std::lock_guard guard(m_mutex);
-    ++m_permits;
-    m_changed.notify_all();
-}
-
-bool Gate::IsHeld() {
-    const std::lock_guard guard(m_mutex);
-    return HoldsOne();
-}
-
-void Gate::WaitUntilHeld() {
-    std::unique_lock guard(m_mutex);
-    m_changed.wait(guard, [&] { return HoldsOne(); });
-}
-
-void Gate::Pass() {
-    std::unique_lock guard(m_mutex);
-    ++m_waiting;
-    m_changed.notify_all();
-    m_changed.wait(guard, [&] { return m_open || m_permits > 0; });
-    --m_waiting;
-    if (!m_open) {
-        --m_permits;
-    }
-}
-
-AsyncCalls::AsyncCalls() : m_below(platform::TheSystemCalls()) {
-    s_calls = this;
+AsyncCalls::AsyncCalls() {
     m_writeSizes.reserve(10000);  // where memory is made to fail, none is taken here
     m_joinTimeouts.reserve(10);
     m_exitCodesGiven.reserve(10);
     m_affinities.reserve(10);
-    platform::SystemCalls& table = platform::TheSystemCalls();
-    table.createEvent = CreateEvent;
-    table.setEvent = SetEvent;
-    table.waitEvent = WaitEvent;
-    table.writeFile = WriteFile;
-    table.createThread = CreateThread;
-    table.setThreadAffinity = SetAffinity;
-    table.joinThread = Join;
-    table.terminateThread = Terminate;
+    Take<&CallTable::createEvent, &AsyncCalls::CreateEvent>();
+    Take<&CallTable::setEvent, &AsyncCalls::SetEvent>();
+    Take<&CallTable::waitEvent, &AsyncCalls::WaitEvent>();
+    Take<&CallTable::writeFile, &AsyncCalls::WriteFile>();
+    Take<&CallTable::createThread, &AsyncCalls::CreateThread>();
+    Take<&CallTable::setThreadAffinity, &AsyncCalls::SetAffinity>();
+    Take<&CallTable::joinThread, &AsyncCalls::Join>();
+    Take<&CallTable::terminateThread, &AsyncCalls::Terminate>();
 }
 
 std::vector<u32> AsyncCalls::WriteSizes() {
@@ -87,36 +46,35 @@ std::optional<u32> AsyncCalls::ThreadResult() {
 }
 
 void* AsyncCalls::CreateEvent() {
-    void* const event = s_calls->m_below.createEvent();
-    if (s_calls->m_eventsMade < s_calls->m_events.size()) {
-        s_calls->m_events.at(s_calls->m_eventsMade++) = event;
+    void* const event = Below().createEvent();
+    if (m_eventsMade < m_events.size()) {
+        m_events.at(m_eventsMade++) = event;
     }
     return event;
 }
 
 bool AsyncCalls::SetEvent(void* event) {
-    for (std::size_t n = 0; n < s_calls->m_events.size(); ++n) {
-        std::atomic<u32>& refusals = s_calls->m_refusals.at(n);
-        if (s_calls->m_events.at(n) == event && refusals != 0) {
+    for (std::size_t n = 0; n < m_events.size(); ++n) {
+        std::atomic<u32>& refusals = m_refusals.at(n);
+        if (m_events.at(n) == event && refusals != 0) {
             --refusals;
             SetRefused();
             return false;
         }
     }
-    return s_calls->m_below.setEvent(event);
+    return Below().setEvent(event);
 }
 
 // Only the writing thread waits for ever.
 WaitResult AsyncCalls::WaitEvent(void* event, u32 timeoutMs) {
     const bool forTask = timeoutMs == platform::kWaitForever;
-    const WaitResult planned =
-        forTask ? s_calls->BeginTaskWait() : s_calls->BeginClientWait(timeoutMs);
+    const WaitResult planned = forTask ? BeginTaskWait() : BeginClientWait(timeoutMs);
     if (planned != WaitResult::kSignalled) {
         SetRefused();
         return planned;
     }
-    const WaitResult result = s_calls->m_below.waitEvent(event, timeoutMs);
-    if (const u32 nth = forTask ? s_calls->m_newToFail.exchange(0) : 0; nth != 0) {
+    const WaitResult result = Below().waitEvent(event, timeoutMs);
+    if (const u32 nth = forTask ? m_newToFail.exchange(0) : 0; nth != 0) {
         thread_local std::optional<FailNthNew> fault;
         fault.emplace(nth);
     }
@@ -138,18 +96,18 @@ WaitResult AsyncCalls::BeginClientWait(u32 timeoutMs) {
 }
 
 i64 AsyncCalls::WriteFile(platform::NativeFile file, const void* data, u32 size) {
-    if (std::this_thread::get_id() != s_calls->m_client) {
-        s_calls->m_writes.Pass();
-        const std::lock_guard guard(s_calls->m_mutex);
-        s_calls->m_writeSizes.push_back(size);
+    if (std::this_thread::get_id() != m_client) {
+        m_writes.Pass();
+        const std::lock_guard guard(m_mutex);
+        m_writeSizes.push_back(size);
     }
-    return s_calls->m_below.writeFile(file, data, size);
+    return Below().writeFile(file, data, size);
 }
 
 void* AsyncCalls::CreateThread(platform::ThreadBody body, void* argument) {
-    s_calls->m_body = body;
-    s_calls->m_argument = argument;
-    return s_calls->m_below.createThread(RunBody, s_calls);
+    m_body = body;
+    m_argument = argument;
+    return Below().createThread(RunBody, this);
 }
 
 u32 AsyncCalls::RunBody(void* calls) {
@@ -161,20 +119,19 @@ u32 AsyncCalls::RunBody(void* calls) {
 }
 
 bool AsyncCalls::SetAffinity(void* thread, u64 mask) {
-    s_calls->m_affinities.push_back(mask);
-    return s_calls->m_below.setThreadAffinity(thread, mask);
+    m_affinities.push_back(mask);
+    return Below().setThreadAffinity(thread, mask);
 }
 
 WaitResult AsyncCalls::Join(void* thread, u32 timeoutMs) {
-    s_calls->m_joinTimeouts.push_back(timeoutMs);
-    const WaitResult planned = std::exchange(s_calls->m_join, WaitResult::kSignalled);
-    return planned == WaitResult::kSignalled ? s_calls->m_below.joinThread(thread, timeoutMs)
-                                             : planned;
+    m_joinTimeouts.push_back(timeoutMs);
+    const WaitResult planned = std::exchange(m_join, WaitResult::kSignalled);
+    return planned == WaitResult::kSignalled ? Below().joinThread(thread, timeoutMs) : planned;
 }
 
 bool AsyncCalls::Terminate(void* thread, u32 exitCode) {
-    s_calls->m_exitCodesGiven.push_back(exitCode);
-    return s_calls->m_terminates && s_calls->m_below.terminateThread(thread, exitCode);
+    m_exitCodesGiven.push_back(exitCode);
+    return m_terminates && Below().terminateThread(thread, exitCode);
 }
 
 }  // namespace k9erepl::test

@@ -5,7 +5,6 @@
 
 #include <array>
 #include <atomic>
-#include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -14,45 +13,19 @@
 #include <vector>
 
 #include "platform/int_types.h"
-#include "platform/system_calls.h"
+#include "support/call_layer.h"
+#include "support/gate.h"
 
 namespace k9erepl::test {
-
-// A place that a thread passes, and at which it is held while the gate is shut.
-class Gate {
-  public:
-    explicit Gate(bool open) : m_open(open) {}
-
-    void Shut();
-    void Open();
-    // Lets the thread pass once, now or when it comes.
-    void LetOnePass();
-    bool IsHeld();
-    void WaitUntilHeld();
-    // The thread comes by.
-    void Pass();
-
-  private:
-    bool HoldsOne() const { return m_waiting > 0 && m_permits == 0; }
-
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    bool m_open;
-    u32 m_permits = 0;
-    u32 m_waiting = 0;
-};
 
 // The events of the writer, in the order in which it makes them.
 enum class WriterEvent { kComplete, kNewTask, kRelease };
 
-// To be made after a ScopedSystemCalls, which counts and fails calls as before and puts the table
-// back; to be given up when the writing thread has ended. One at a time.
-class AsyncCalls {
+// To be made after a ScopedSystemCalls, which counts and fails calls as before; to be given up when
+// the writing thread has ended. One at a time.
+class AsyncCalls : CallLayer<AsyncCalls> {
   public:
     AsyncCalls();
-    ~AsyncCalls() { s_calls = nullptr; }
-    AsyncCalls(const AsyncCalls&) = delete;
-    AsyncCalls& operator=(const AsyncCalls&) = delete;
 
     Gate m_tasks{false};  // before each wait of the writing thread for work; shut at first
     Gate m_writes{true};  // before each system write of the writing thread
@@ -86,21 +59,20 @@ class AsyncCalls {
     const std::vector<u64>& Affinities() const { return m_affinities; }
 
   private:
-    static void* CreateEvent();
-    static bool SetEvent(void* event);
-    static platform::WaitResult WaitEvent(void* event, u32 timeoutMs);
+    friend CallLayer<AsyncCalls>;
+
+    void* CreateEvent();
+    bool SetEvent(void* event);
+    platform::WaitResult WaitEvent(void* event, u32 timeoutMs);
     platform::WaitResult BeginTaskWait();
     platform::WaitResult BeginClientWait(u32 timeoutMs);
-    static i64 WriteFile(platform::NativeFile file, const void* data, u32 size);
-    static void* CreateThread(platform::ThreadBody body, void* argument);
+    i64 WriteFile(platform::NativeFile file, const void* data, u32 size);
+    void* CreateThread(platform::ThreadBody body, void* argument);
     static u32 RunBody(void* calls);
-    static bool SetAffinity(void* thread, u64 mask);
-    static platform::WaitResult Join(void* thread, u32 timeoutMs);
-    static bool Terminate(void* thread, u32 exitCode);
+    bool SetAffinity(void* thread, u64 mask);
+    platform::WaitResult Join(void* thread, u32 timeoutMs);
+    bool Terminate(void* thread, u32 exitCode);
 
-    static inline AsyncCalls* s_calls = nullptr;
-
-    const platform::SystemCalls m_below;
     const std::thread::id m_client = std::this_thread::get_id();
     platform::ThreadBody m_body = nullptr;
     void* m_argument = nullptr;
