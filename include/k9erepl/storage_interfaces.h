@@ -86,15 +86,21 @@ using K9eReplScanRecordCb = std::uint32_t(K9EREPL_CALL*)(std::uint64_t offset,
 using K9eReplScanCommitCb = std::uint32_t(K9EREPL_CALL*)(void* ctx, std::int64_t clearRev,
                                                          std::int64_t commitRev);
 
-// The storage file, as K9eReplStorageGetLLStorage hands it out. It takes no lock: the caller sees
-// to it that the storage is not used meanwhile.
+// The storage file, as K9eReplStorageGetLLStorage hands it out. It may be called at any time and
+// from any thread, like the functions of storage.h: it takes the storage's lock, which is held
+// while callbacks run, and a callback may call the library with the storage's handle.
 class IK9eReplLLStorage {
   public:
     virtual ~IK9eReplLLStorage() = default;
-    // Reads the file from its beginning, checks it, hands out every record and commit block, and
-    // places the storage's write position behind the last valid commit block.
-    // RC_INVALID_ARG when a callback is null, RC_NO_WRITER when no file is open, RC_FILE_CORRUPT
-    // when no commit block can be found, RC_SYSTEM_ERROR, RC_NO_MEMORY, or a callback's result.
+    // Reads the file from its beginning, checks it and hands out every record and commit block that
+    // is in the file: what is committed and not flushed yet is not. Waits first until everything
+    // queued is written. On a storage that is loaded or truncated it changes nothing. Before that
+    // it also places the storage's write position behind the last valid commit block; loading does
+    // that again.
+    // RC_ENUM_STOP when a callback moved the file's items: by a load, a truncation, a squeeze or by
+    // clearing everything. RC_INVALID_ARG when a callback is null, RC_NO_WRITER when no file is
+    // open, RC_FILE_CORRUPT when no commit block can be found, RC_SYSTEM_ERROR, RC_NO_MEMORY, the
+    // code of a write that failed, or a callback's result.
     virtual std::uint32_t ScanFile(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb,
                                    void* ctx) = 0;
 };

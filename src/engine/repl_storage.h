@@ -131,6 +131,16 @@ class CK9eReplStorage final : public IK9eReplStorage {
     template <typename Query>
     u32 QueryWhenOpen(std::int64_t* out, Query query);
 
+    // The storage file's calls for hosts (host_calls.cpp)
+    class FileOwner final : public SolidStorageOwner {
+      public:
+        explicit FileOwner(CK9eReplStorage& storage) : m_storage(storage) {}
+        u32 RunAsCall(u32 (*work)(void* ctx), void* ctx) override;
+
+      private:
+        CK9eReplStorage& m_storage;
+    };
+
     // Opening and tearing down (storage_life.cpp)
     u32 OpenLocked(const char* connStr);
     u32 OpenSolidStorage(const char* connStr);
@@ -237,7 +247,8 @@ class CK9eReplStorage final : public IK9eReplStorage {
     // --- Guarded by m_lock
     CBlocksPoolManager m_pool;
     BlockList m_blocks;
-    CSolidStorage m_solid;
+    FileOwner m_fileOwner{*this};
+    CSolidStorage m_solid{&m_fileOwner};
     std::unique_ptr<IndexObject> m_index;  // null without a storage file
     TimingSet m_timing;
 

@@ -66,6 +66,8 @@ u32 CSolidStorage::TruncateToClearRev(i64 rev, u32 lifenum, i64 clearOldRev) {
         return rc;
     }
     KeepTailBeforeWriting();
+    m_inUse = true;
+    ++m_layoutGeneration;
     TFileHeader header = NewFileHeader();
     header.lifenum = lifenum;
     header.clearOldRev = clearOldRev;

@@ -221,35 +221,31 @@ u32 FileScan::Finish() {
     return RC_OK;
 }
 
-u32 CSolidStorage::ScanFile(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb, void* ctx) {
-    if (recordCb == nullptr || commitCb == nullptr) {
-        return RC_INVALID_ARG;
-    }
-    // Before the first scan the write position is the file's size.
-    const i64 dataEnd = m_writer == nullptr ? 0 : m_writer->WritePos();
-    return ScanItems({recordCb, commitCb, ctx}, 0, dataEnd);
-}
-
 u32 CSolidStorage::ScanFileFrom(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb,
                                 i64 startOffset, void* ctx) {
     assert(recordCb != nullptr && commitCb != nullptr);
-    return ScanItems({recordCb, commitCb, ctx}, startOffset, std::numeric_limits<i64>::max());
-}
-
-u32 CSolidStorage::ScanItems(const FileScanCallbacks& callbacks, i64 startOffset, i64 dataEnd) {
     if (!IsOpen() || m_writer == nullptr) {
         return RC_NO_WRITER;
     }
     const bool fromHint =
         startOffset != 0 && startOffset != kFirstCommitOffset && startOffset != kFirstItemOffset;
-    const i64 start = fromHint ? startOffset : kFirstCommitOffset;
-    FileScan scan(m_file, m_filePos, {.fileSize = FileSize(), .dataEnd = dataEnd}, callbacks);
-    const u32 scanRc = scan.Run(start, fromHint);
+    FileScan scan(m_file, m_filePos,
+                  {.fileSize = FileSize(), .dataEnd = std::numeric_limits<i64>::max()},
+                  {recordCb, commitCb, ctx});
+    const u32 scanRc = scan.Run(fromHint ? startOffset : kFirstCommitOffset, fromHint);
     InvalidateReads();
     if (scanRc != RC_OK) {
         return scanRc;
     }
-    const FileScan::Result& result = scan.GetResult();
+    if (u32 rc = TakeScanEnd(scan.GetResult()); rc != RC_OK) {
+        return rc;
+    }
+    m_inUse = true;
+    ++m_layoutGeneration;
+    return RC_OK;
+}
+
+u32 CSolidStorage::TakeScanEnd(const FileScan::Result& result) {
     if (u32 rc = m_writer->SetWritePos(result.validCommitOffset + kCommitBlockSize, true,
                                        result.tailInUse);
         rc != RC_OK) {

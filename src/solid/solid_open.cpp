@@ -79,7 +79,8 @@ u32 ReadWriteThrough(const char* connStr, bool* writeThrough) {
 
 }  // namespace
 
-CSolidStorage::CSolidStorage() : m_readCache(m_file, m_filePos) {}
+CSolidStorage::CSolidStorage(SolidStorageOwner* owner)
+    : m_readCache(m_file, m_filePos), m_owner(owner) {}
 
 CSolidStorage::~CSolidStorage() {
     Close();
@@ -145,6 +146,7 @@ bool CSolidStorage::Close() {
     m_file.Close();
     m_lockHolder.Close();
     m_filePos = 0;
+    m_inUse = false;
     m_scanEnd = {};
     m_tailUnkept = false;
     if (ended) {

@@ -14,6 +14,7 @@
 #include "platform/int_types.h"
 #include "solid/file_format.h"
 #include "solid/file_scan.h"
+#include "solid/solid_storage_owner.h"
 #include "writers/storage_file_state.h"
 #include "writers/storage_writer.h"
 
@@ -61,7 +62,9 @@ struct SqueezeRequest {
 // found. One thread at a time.
 class CSolidStorage final : public IK9eReplLLStorage {
   public:
-    CSolidStorage();
+    // `owner` brings in the calls of hosts; null when nobody else can call, as in a load's
+    // temporary object and in tests.
+    explicit CSolidStorage(SolidStorageOwner* owner = nullptr);
     ~CSolidStorage() override;
     CSolidStorage(const CSolidStorage&) = delete;
     CSolidStorage& operator=(const CSolidStorage&) = delete;
@@ -90,8 +93,12 @@ class CSolidStorage final : public IK9eReplLLStorage {
 
     // --- Reading -----------------------------------------------------------------------------
 
-    // The load scan from the beginning, for hosts. On a storage in use it ends at the write
-    // position: an item behind it belongs to a transaction that was undone.
+    // The load scan from the beginning, for hosts (host_scan.cpp), run by the owner under the
+    // storage's lock. Before a load it places the write position as ScanFileFrom does. Once the
+    // storage is loaded or truncated it only reads, when everything queued is written, up to the
+    // write position: an item behind it belongs to a transaction that was undone. A callback may
+    // use the storage. One that loads, squeezes, truncates or clears everything ends the scan with
+    // RC_ENUM_STOP, for the items have moved.
     u32 ScanFile(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb, void* ctx) override;
 
     // The load scan: checks every item from `startOffset` on (0 and 1056: from the file's first
@@ -204,7 +211,9 @@ class CSolidStorage final : public IK9eReplLLStorage {
     template <typename Action>
     u32 WithHeaderPosition(Action action);
 
-    u32 ScanItems(const FileScanCallbacks& callbacks, i64 startOffset, i64 dataEnd);
+    u32 ScanForHost(const FileScanCallbacks& callbacks);
+    // The scan's end becomes the write position and the last commit block.
+    u32 TakeScanEnd(const FileScan::Result& result);
     bool LooksDamaged();
     bool KeepTail();
     // To be called before the bytes behind the write position change.
@@ -258,7 +267,14 @@ class CSolidStorage final : public IK9eReplLLStorage {
     u32 m_enumDepth = 0;                                            // enumerations that run
     u64 m_readGeneration = 0;  // changes when the read buffers were emptied
 
-    FileScan::Result m_scanEnd;  // of the last scan
+    SolidStorageOwner* const m_owner;  // may be null
+    // The write position was placed by a load or a truncation, and what was committed may follow
+    // it.
+    bool m_inUse = false;
+    // Changes when the file's items may lie elsewhere than before: a load, a truncation, a squeeze.
+    u64 m_layoutGeneration = 0;
+
+    FileScan::Result m_scanEnd;  // of the scan that placed the write position
     bool m_tailUnkept = false;   // a damaged tail is in the file only
 };
 

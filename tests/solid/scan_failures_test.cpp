@@ -63,7 +63,7 @@ TEST_F(ScanFailure, OfTheSeekToTheStart) {
     m_log.Clear();
     FailSeek(1);
     EXPECT_EQ(Scan(), RC_SYSTEM_ERROR);
-    EXPECT_EQ(m_log.Texts(), Texts{"Cannot seek to start enum recs;offset 1024, " +
+    EXPECT_EQ(LoggedTexts(), Texts{"Cannot seek to start enum recs;offset 1024, " +
                                    SysErr(SystemErrorKind::kInputOutput)});
     EXPECT_EQ(Scanned(), TwoTransactionsItems());
 }

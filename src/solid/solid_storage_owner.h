@@ -1,0 +1,22 @@
+// The storage object around a storage file, as the file needs it when a host calls it directly. The
+// engine's storage object implements it (engine/host_calls.cpp).
+#ifndef K9EREPL_SOLID_SOLID_STORAGE_OWNER_H
+#define K9EREPL_SOLID_SOLID_STORAGE_OWNER_H
+
+#include "platform/int_types.h"
+
+namespace k9erepl {
+
+class SolidStorageOwner {
+  public:
+    // Runs `work` as one call of the storage: under its lock, and so that the storage outlives it.
+    // Returns the result of `work`.
+    virtual u32 RunAsCall(u32 (*work)(void* ctx), void* ctx) = 0;
+
+  protected:
+    ~SolidStorageOwner() = default;
+};
+
+}  // namespace k9erepl
+
+#endif  // K9EREPL_SOLID_SOLID_STORAGE_OWNER_H
