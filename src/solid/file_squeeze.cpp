@@ -32,12 +32,14 @@ u32 FlushToDisk(platform::File& file) {
 }
 
 // The first commit block of the new file: the one that `kept`, the first kept commit block, links
-// to. It commits nothing below the clear revision.
+// to. It commits nothing below the clear revision. Its own clear revision must not be above that of
+// `kept`, or the next load would stop there: a damaged file may have a negative one, which the
+// writer then carried on.
 TCommitBlock PredecessorOf(const TCommitBlock& kept, i64 clearRev) {
     TCommitBlock block = kept;
     block.sequence = kept.prevSequence;
     block.prevSequence = 0;
-    block.clearRev = 0;
+    block.clearRev = std::min<i64>(0, kept.clearRev);
     block.commitRev = clearRev;
     return block;
 }
@@ -210,6 +212,7 @@ u32 CSolidStorage::CopyToTemp(platform::File& temporary, i64 from, i64* written)
 // new one locked.
 u32 CSolidStorage::Replace(i64 backupSize, const SqueezeNames& names, TemporaryFile& temporary,
                            bool* renamed) {
+    ++m_layoutGeneration;
     platform::File oldLock = std::move(m_file.IsLocked() ? m_file : m_lockHolder);
     platform::File newLock = temporary.TakeFile();
     m_file.Close();
