@@ -10,18 +10,18 @@
 namespace k9erepl {
 
 u32 CSolidStorage::ReadFirstCommitInfo(i64* commitRev, bool* hasItems) {
-    static constexpr u32 kInfoSize = kCommitBlockSize + kSignatureSize;
     if (!IsOpen() || m_writer == nullptr) {
         return RC_NO_WRITER;
     }
-    if (FileSize() < kFirstCommitOffset + i64{kInfoSize}) {
+    if (FileSize() < kFirstItemOffset) {
         LOG_ERROR_CODE(RC_NOT_FOUND, kLogStorage, "File too short");
         return RC_NOT_FOUND;
     }
     TCommitBlock block;
     u32 signature = 0;
+    const bool mayHaveItems = FileSize() >= kFirstItemOffset + i64{kSignatureSize};
     if (ReadAt(kFirstCommitOffset, &block, kCommitBlockSize) != RC_OK ||
-        ReadAt(kFirstItemOffset, &signature, kSignatureSize) != RC_OK) {
+        (mayHaveItems && ReadAt(kFirstItemOffset, &signature, kSignatureSize) != RC_OK)) {
         return RC_SYSTEM_ERROR;
     }
     if (block.signature != kCommitSignature) {

@@ -91,9 +91,9 @@ class StorageWriter {
         return m_file;
     }
 
-    // Makes `file`, a storage file, end at `dataSize`, but not before the size of a new file: a
-    // shorter one could not be loaded after a crash. There, zeros overwrite what lies behind the
-    // first commit block. Moves the pointer. False: LastSystemError().
+    // Makes `file`, a storage file, end at `dataSize`, but not before the size of a new file: an
+    // earlier version could not load a shorter one after a crash. There, zeros overwrite what lies
+    // behind the first commit block. Moves the pointer. False: LastSystemError().
     static bool CutFile(platform::File& file, i64 dataSize);
 
     i64 WritePos() const { return m_fileCurrWritePos.load(std::memory_order_acquire); }

@@ -114,7 +114,7 @@ TEST_P(LoadOfDamage, CutAnywhereKeepsWhatWasCommitted) {
         }
         const std::vector<u8> bytes(m_file.Bytes().begin(), At(m_file.Bytes(), size));
         const u32 rc = TryLoad(bytes);
-        EXPECT_EQ(rc, size < 1024 ? RC_SYSTEM_ERROR : size < 1060 ? RC_FILE_CORRUPT : RC_OK);
+        EXPECT_EQ(rc, size < 1024 ? RC_SYSTEM_ERROR : size < 1056 ? RC_FILE_CORRUPT : RC_OK);
         if (rc == RC_OK) {
             EXPECT_EQ(m_storage.Records(), CommittedIn(size));
             ExpectItGoesOn();
@@ -124,7 +124,7 @@ TEST_P(LoadOfDamage, CutAnywhereKeepsWhatWasCommitted) {
 }
 
 TEST_P(LoadOfDamage, CutAnywhereAndFilledWithZerosKeepsWhatWasCommitted) {
-    for (i64 size = 1060; size <= m_file.Size(); size += 3 * kStride) {
+    for (i64 size = 1056; size <= m_file.Size(); size += 3 * kStride) {
         std::vector<u8> bytes(m_file.Bytes().begin(), At(m_file.Bytes(), size));
         bytes.resize(4096);
         ASSERT_EQ(TryLoad(bytes), RC_OK) << size;

@@ -71,7 +71,7 @@ TEST_F(LoadFailure, OfAFileWithoutItsFirstCommitBlock) {
 }
 
 TEST_F(LoadFailure, OfAFileThatIsTooShort) {
-    FileBuilder().Header().Commit(0, 0).Zeros(3).Save(m_storage.Path());
+    FileBuilder().Header().Commit(0, 0).CutTo(1055).Save(m_storage.Path());
     Open();
     ExpectFailure(RC_FILE_CORRUPT, "Begin of file corrupted");
     EXPECT_TRUE(m_log.Has("File too short")) << m_log;

@@ -128,6 +128,16 @@ TEST_F(NoFlushLoad, OfAFileLoadsItAndLeavesItUntouched) {
     EXPECT_EQ(CallCount(SystemCall::kWrite), 0U);
 }
 
+TEST_F(NoFlushLoad, OfAFileThatEndsWithItsFirstCommitBlockIsEmpty) {
+    for (const i64 size : {1055, 1056, 1059, 1063}) {
+        FileBuilder().NewFile().Zeros(8).CutTo(size).Save(Path());
+        Open(FileItem());
+        EXPECT_EQ(Load(), size < 1056 ? RC_FILE_CORRUPT : RC_OK) << size;
+        EXPECT_EQ(K9eReplStorageClose(m_handle), RC_OK);
+        m_handle = nullptr;
+    }
+}
+
 TEST_F(NoFlushLoad, OfAFileClosesItAgain) {
     FileBuilder().NewFile().Record(1, "one").Commit(0, 1).Save(Path());
     Open(FileItem());

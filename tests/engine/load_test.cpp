@@ -56,6 +56,16 @@ TEST_F(Load, OfAnEmptyFileStartsEmpty) {
     ExpectItGoesOn();
 }
 
+TEST_F(Load, OfAFileThatEndsWithItsFirstCommitBlockStartsEmpty) {
+    for (const i64 size : {1056, 1059, 1060, 1063}) {
+        FileBuilder().NewFile().Zeros(8).CutTo(size).Save(m_storage.Path());
+        ASSERT_EQ(m_storage.TryOpenAndLoad(), RC_OK) << m_log;
+        EXPECT_TRUE(m_storage.Records().empty());
+        ExpectItGoesOn();
+        m_storage.Close();
+    }
+}
+
 TEST_F(Load, OpensTheStorage) {
     m_file.NewFile().Zeros(8).Save(m_storage.Path());
     ASSERT_EQ(m_storage.TryOpen(), RC_OK);

@@ -10,7 +10,6 @@ namespace {
 
 constexpr std::size_t kFirstCommitAt = 1024;
 constexpr std::size_t kFirstItemAt = 1056;
-constexpr std::size_t kLoadableSize = 1060;
 constexpr i64 kCommitWord = 0x3A2D2A7D;
 constexpr i64 kRecordWord = 0x7B3A2D2A;
 constexpr i64 kRecordSizeMax = 10485760;
@@ -185,7 +184,7 @@ SlowScan ScanSlowly(const std::string& bytes, std::size_t start, SlowLoad load) 
     scan.lifenum = Unsigned32(bytes, 12);
     scan.mark = NumberAt(bytes, 16, 8);
     const bool intoMemory = load == SlowLoad::kIntoMemory;
-    if (bytes.size() < (intoMemory ? kFirstItemAt : kLoadableSize)) {
+    if (bytes.size() < kFirstItemAt) {
         scan.refusal = "4: no room for items";
         return scan;
     }

@@ -49,14 +49,17 @@ TEST_F(FirstCommit, MayBeFollowedByRubbish) {
     ExpectInfo(0, false);
 }
 
-TEST_F(FirstCommit, IsTooShortWith1059Bytes) {
-    Open(FileBuilder().NewFile().Zeros(3));
+TEST_F(FirstCommit, IsTooShortWith1055Bytes) {
+    Open(FileBuilder().NewFile().CutTo(1055));
     ExpectFailure(RC_NOT_FOUND, "File too short", RC_NOT_FOUND);
 }
 
-TEST_F(FirstCommit, IsLongEnoughWith1060Bytes) {
-    Open(FileBuilder().NewFile().Zeros(4));
-    ExpectInfo(0, false);
+TEST_F(FirstCommit, MayEndTheFileOrBeFollowedByAnyFewBytes) {
+    for (u32 more = 0; more < 8; ++more) {
+        Open(FileBuilder().NewFile().Zeros(more));
+        ExpectInfo(0, false);
+        m_solid.Close();
+    }
 }
 
 TEST_F(FirstCommit, IsMissedWhenAnotherWordStandsThere) {
