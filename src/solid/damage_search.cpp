@@ -2,6 +2,7 @@
 #include "solid/damage_search.h"
 
 #include <algorithm>
+#include <cstring>
 #include <optional>
 
 #include "solid/file_format.h"
@@ -20,7 +21,7 @@ class Search {
           m_commitRev(last.commitRev) {}
 
     BeyondDamage Run() {
-        for (std::size_t at = 0; Left(at) >= kRecordHeadSize;) {
+        for (std::size_t at = NextPlace(0); Left(at) >= kRecordHeadSize; at = NextPlace(at)) {
             const u32 word = WordAt(at);
             std::size_t step = 1;
             if (word == kRecordSignature) {
@@ -35,6 +36,24 @@ class Search {
     }
 
   private:
+    // The next place, `at` included, where an item may begin, or the end. Most bytes behind the end
+    // of a storage are zeros; one by one they would take longer than the load itself.
+    std::size_t NextPlace(std::size_t at) const {
+        constexpr u8 kInBoth = '*';  // the first byte of records, the second of commit blocks
+        static_assert((kRecordSignature & 0xFF) == kInBoth);
+        static_assert((kCommitSignature >> 8 & 0xFF) == kInBoth);
+        constexpr u8 kFirstOfCommits = kCommitSignature & 0xFF;
+        if (Left(at) == 0) {
+            return at;
+        }
+        const void* const found = std::memchr(m_bytes + at, kInBoth, Left(at));
+        if (found == nullptr) {
+            return m_size;
+        }
+        const auto place = static_cast<std::size_t>(static_cast<const u8*>(found) - m_bytes);
+        return place > at && m_bytes[place - 1] == kFirstOfCommits ? place - 1 : place;
+    }
+
     std::size_t Left(std::size_t at) const { return m_size - at; }
     u32 WordAt(std::size_t at) const { return LoadUnaligned<u32>(m_bytes + at); }
 

@@ -121,6 +121,15 @@ TEST(DamageSearch, PassesOverTheDataOfSoundRecords) {
     EXPECT_TRUE(SearchIn(Junk().HeadClaiming(11, 90, 64).Raw(data.data(), data.size())).IsDamage());
 }
 
+TEST(DamageSearch, FindsItemsBehindPartsOfTheirSignatures) {
+    for (const u8 byte : {'}', '*', '-', ':', '{'}) {
+        FileBuilder file = FileBuilder().Fill(3, byte).Record(12, "x").Commit(3, 12);
+        const BeyondDamage found = SearchIn(file.Fill(1, byte).Commit(3, 13));
+        EXPECT_EQ(found.linkedBlocks, 1U) << byte;
+        EXPECT_EQ(found.lowestRev, 12) << byte;
+    }
+}
+
 TEST(DamageSearch, IsNotLedAstrayByAHeadThatClaimsTooMuch) {
     for (const u32 size : {u32{24}, u32{30}, u32{10'000}, u32{0xFFFFFFFF}}) {
         FileBuilder file = Junk().HeadClaiming(11, size, size - 24);
