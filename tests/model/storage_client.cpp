@@ -64,11 +64,10 @@ u32 StorageClient::Open(const std::string& connString) {
     return K9eReplStorageSetOnWriteToFileCallback(m_handle, &WriterWatch::OnWritten, &m_writer);
 }
 
-void StorageClient::Close() {
+u32 StorageClient::Close() {
     m_writer.Release();
-    if (m_handle != nullptr) {
-        K9eReplStorageClose(std::exchange(m_handle, nullptr));
-    }
+    void* const handle = std::exchange(m_handle, nullptr);
+    return handle == nullptr ? u32{RC_OK} : K9eReplStorageClose(handle);
 }
 
 IK9eReplDS& StorageClient::DataSource() const {
@@ -77,19 +76,31 @@ IK9eReplDS& StorageClient::DataSource() const {
     return *source;
 }
 
-u32 StorageClient::Insert(const PlannedRecord& planned, const i64* prepared, i64* rev) {
+void StorageClient::Prepare(const PlannedRecord& planned) {
     const std::string& data = planned.record.data;
-    m_buffer.resize((sizeof(K9eReplRec) + data.size()) / sizeof(u64) + 1);
+    m_buffer.assign((sizeof(K9eReplRec) + data.size()) / sizeof(u64) + 1, 0);
     auto* record = reinterpret_cast<K9eReplRec*>(m_buffer.data());
-    record->rev = prepared != nullptr ? *prepared : -77;
+    record->rev = -77;
     record->userWord = planned.record.userWord;
     record->dataSize = planned.dataSize;
     if (!data.empty()) {
         std::memcpy(record->data, data.data(), data.size());
     }
-    const u32 rc = prepared != nullptr ? K9eReplStorageInsertP(m_handle, record)
-                                       : K9eReplStorageInsert(m_handle, record);
-    *rev = record->rev;
+}
+
+u32 StorageClient::InsertPrepared(const i64* rev) {
+    auto* record = reinterpret_cast<K9eReplRec*>(m_buffer.data());
+    if (rev == nullptr) {
+        return K9eReplStorageInsert(m_handle, record);
+    }
+    record->rev = *rev;
+    return K9eReplStorageInsertP(m_handle, record);
+}
+
+u32 StorageClient::Insert(const PlannedRecord& planned, const i64* prepared, i64* rev) {
+    Prepare(planned);
+    const u32 rc = InsertPrepared(prepared);
+    *rev = reinterpret_cast<K9eReplRec*>(m_buffer.data())->rev;
     return rc;
 }
 

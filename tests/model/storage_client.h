@@ -1,4 +1,5 @@
-// A client of the library: one handle, and what the library tells it. Used by the runner.
+// A client of the library: one handle, and what the library tells it. No call of the library makes
+// it allocate memory. Used by the runner and by the rows of tests/reliability.
 #ifndef K9EREPL_TESTS_MODEL_STORAGE_CLIENT_H
 #define K9EREPL_TESTS_MODEL_STORAGE_CLIENT_H
 
@@ -43,19 +44,24 @@ class WriterWatch {
 
 class StorageClient {
   public:
-    StorageClient() = default;
+    StorageClient() { m_flushed.reserve(256); }
     ~StorageClient() { Close(); }
     StorageClient(const StorageClient&) = delete;
     StorageClient& operator=(const StorageClient&) = delete;
 
     u32 Open(const std::string& connString);
-    void Close();
+    u32 Close();
     bool HasHandle() const { return m_handle != nullptr; }
 
     // REQUIRES for all of these: there is a handle.
     void* Handle() const { return m_handle; }
     IK9eReplDS& DataSource() const;
-    // `prepared` is the revision for InsertP, null for Insert. *rev receives the record's revision.
+    // Makes the next record to insert, so that inserting allocates nothing here.
+    void Prepare(const PlannedRecord& planned);
+    // A null `rev` takes the next revision.
+    u32 InsertPrepared(const i64* rev);
+    // Both. `prepared` is the revision for InsertP, null for Insert. *rev receives the record's
+    // revision.
     u32 Insert(const PlannedRecord& planned, const i64* prepared, i64* rev);
     u32 Enumerate(i64 from, i64 to, const RecordVisitor& visitor) const;
     u32 EnumerateFrom(i64 from, const RecordVisitor& visitor) const;

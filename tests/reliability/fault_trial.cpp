@@ -1,13 +1,11 @@
 // The operations of a trial, and what must hold when one of them fails; see the header.
 #include "reliability/fault_trial.h"
 
-#include <algorithm>
-#include <functional>
-#include <optional>
+#include <cstring>
+#include <iterator>
 
-#include "model/model.h"
+#include "engine/storage_fixture.h"
 #include "reliability/steady_calls.h"
-#include "reliability/trial_client.h"
 #include "support/fixed_log.h"
 
 namespace k9erepl::reliability {
@@ -15,49 +13,38 @@ namespace k9erepl::reliability {
 namespace {
 
 using model::Content;
-using model::RevPlace;
-using model::SizeChoice;
-using model::SizeClass;
 
 constexpr u32 kFirstStamp = 0x1000;
 constexpr u64 kTooLarge = 0x100000000;
 
-model::Settings SettingsOf(const TrialPlan& plan, model::Random& random) {
-    model::Settings settings;
-    settings.blockSize = random.OneOf<u32>({200, 400, 1024, 4096});
-    settings.blockSize = plan.blockSize > 0 ? plan.blockSize : settings.blockSize;
-    settings.cacheBlocks = random.OneOf<u32>({0, 1, 2, 7});
-    settings.flushThreshold = random.OneOf({1, 1, 1, 3});
-    if (random.OneIn(5)) {
-        settings.flushBy = model::FlushBy::kData;
-        settings.flushThreshold = random.OneOf({1, 500});
-    }
-    settings.indexHint = random.OneOf<u32>({1, 2, 50});
-    settings.initialMebibytes = random.OneIn(6) && plan.preallocates ? 1 : 0;
-    settings.deltaMebibytes = random.OneIn(4) && plan.preallocates ? 1 : 0;
-    settings.forceFlush = plan.forceFlush;
-    settings.commitBarrier = plan.commitBarrier;
-    settings.async = plan.async;
-    settings.asyncKilobytes = random.OneOf<std::optional<u32>>({std::nullopt, 0, 1, 64});
-    return settings;
+bool IsTheSame(const K9eReplRec& record, const model::Records::value_type& expected) {
+    const std::string& data = expected.second.data;
+    return i64{record.rev} == expected.first && record.userWord == expected.second.userWord &&
+           record.dataSize == data.size() &&
+           std::memcmp(record.data, data.data(), data.size()) == 0;
 }
 
-using Call = std::function<u32()>;
-
-class Trial {
+class Trial final : public Driver {
   public:
     Trial(MemoryDisk& disk, const TrialPlan& plan, Fault& fault, u64 seed)
-        : m_disk(disk), m_plan(plan), m_fault(fault), m_random(seed), m_choices(~seed) {
-        History().settings = SettingsOf(plan, m_random);
+        : Driver(seed), m_disk(disk), m_plan(plan), m_fault(fault), m_choices(~seed) {
+        model::Settings& settings = History().settings = AnySettings();
+        settings.blockSize = plan.blockSize > 0 ? plan.blockSize : settings.blockSize;
+        settings.initialMebibytes = plan.preallocates ? settings.initialMebibytes : 0;
+        settings.deltaMebibytes = plan.preallocates ? settings.deltaMebibytes : 0;
+        settings.forceFlush = plan.forceFlush;
+        settings.commitBarrier = plan.commitBarrier;
+        settings.async = plan.async;
+        m_recordSize = plan.recordSize > 0 ? plan.recordSize
+                       : m_random.OneIn(3) ? m_random.OneOf<u32>({1, 24, 100})
+                                           : 0;
+        History().recordSize = m_recordSize;
         History().moreSettings = plan.moreSettings;
-        History().recordSize = plan.recordSize > 0 ? plan.recordSize
-                               : m_random.OneIn(3) ? m_random.OneOf<u32>({1, 24, 100})
-                                                   : 0;
         m_connStr = History().ConnString();
     }
 
     TrialResult Run() {
-        Begin();
+        Mount();
         m_fault.Resume();
         Create();
         Open();
@@ -74,15 +61,19 @@ class Trial {
 
   private:
     reliability::History& History() { return m_result.history; }
+    StorageState State() const {
+        auto* storage = static_cast<IK9eReplStorage*>(m_client.Handle());
+        return StorageAccess::State(*static_cast<CK9eReplStorage*>(storage));
+    }
     // No more operations on this handle.
-    bool Ended() const { return m_over || !m_result.problem.empty(); }
+    bool Ended() const override { return m_over || !m_result.problem.empty(); }
     void Complain(const std::string& problem) {
         if (m_result.problem.empty()) {
             m_result.problem = problem;
         }
     }
 
-    void Begin() {
+    void Mount() {
         SteadyCalls::SetStamp(kFirstStamp);
         m_disk.Mount({});
         m_disk.StartRecording();
@@ -103,8 +94,7 @@ class Trial {
 
     void Open() {
         Do(
-            Operation::kOpen, [&] { return m_client.Open(m_connStr.c_str()); },
-            [] { return u32{RC_OK}; });
+            Operation::kOpen, [&] { return m_client.Open(m_connStr); }, [] { return u32{RC_OK}; });
         if (Ended()) {
             return;
         }
@@ -123,7 +113,7 @@ class Trial {
         if (!m_client.HasHandle()) {
             return;
         }
-        const bool flushes = m_client.State() == StorageState::kOpen;
+        const bool flushes = State() == StorageState::kOpen;
         m_model.BeginClose();
         const Content whole = m_model.FileOnceFlushed();
         CallLibrary([&] { return m_client.Close(); });
@@ -150,7 +140,7 @@ class Trial {
     void Step() {
         const u32 ticket = m_random.Below(100);
         if (ticket < 46 || (!m_plan.removes && ticket < 80)) {
-            Transaction();
+            Transaction(3);
         } else if (ticket < 62) {
             Insert();
         } else if (ticket < 76) {
@@ -169,140 +159,47 @@ class Trial {
         }
     }
 
-    void Transaction() {
-        Begin(Operation::kBegin);
-        const bool nested = m_random.OneIn(6);
-        if (nested) {
-            Begin(Operation::kBegin);
-        }
-        for (u32 left = m_random.Below(4); left > 0; --left) {
-            Insert();
-        }
-        const bool rollsBack = m_random.OneIn(8);
-        for (u32 left = nested ? 2 : 1; left > 0 && !Ended() && m_model.InTransaction(); --left) {
-            rollsBack ? Rollback() : Commit();
+    void BeforeRemoval(bool /*truncates*/) override {
+        // The flush that some operations begin with leads to a state of its own.
+        if (!Ended() && !m_model.InTransaction()) {
+            MayHold(m_model.FileOnceFlushed());
         }
     }
 
-    void Begin(Operation operation) {
-        Do(
-            operation, [&] { return K9eReplStorageBeginTransaction(m_client.Handle()); },
-            [&] { return m_model.Begin(); });
-    }
-
-    void Commit() {
-        Do(
-            Operation::kCommit, [&] { return K9eReplStorageCommit(m_client.Handle()); },
-            [&] { return m_model.Commit(); });
-        EndOperation();
-    }
-
-    void Rollback() {
-        Do(
-            Operation::kRollback, [&] { return K9eReplStorageRollback(m_client.Handle()); },
-            [&] { return m_model.Rollback(); });
-        EndOperation();
-    }
-
-    SizeChoice AnySize() {
-        if (History().recordSize > 0) {
-            return {SizeClass::kBytes, History().recordSize};
-        }
-        switch (m_random.Below(8)) {
-            case 0:
-                return {SizeClass::kBytes, 0};
-            case 1:
-                return {SizeClass::kFits, m_random.Below(3)};
-            case 2:
-                return {SizeClass::kPermille, m_random.Below(1000)};
-            default:
-                return {SizeClass::kBytes, m_random.Below(120)};
-        }
-    }
-
-    void Insert() {
-        const auto planned = model::MakeRecord(AnySize(), History().settings.blockSize,
-                                               static_cast<u32>(m_random.Next()));
-        const bool prepared = m_random.OneIn(4);
-        const i64 gap = m_random.OneOf<i64>({0, 1, 10, 1000});
-        if (Ended()) {
-            return;
-        }
-        const i64 rev = m_model.NextRev() + (prepared ? gap : 0);
-        m_client.Prepare(planned);
-        const u32 failures = m_result.failures;
-        Do(
-            Operation::kInsert, [&] { return m_client.Insert(prepared ? &rev : nullptr); },
-            [&] { return m_model.InsertPrepared(rev, planned.record, planned.Need()); });
-        if (m_result.failures > failures && m_model.InTransaction()) {
+    void End(Operation operation) override {
+        if (operation == Operation::kInsert && m_refused && m_model.InTransaction()) {
             // The revision is used up.
-            m_model.InsertPrepared(rev, planned.record, kTooLarge);
-        }
-        EndOperation();
-    }
-
-    void Clear() {
-        const model::RevChoice choice{
-            m_random.OneOf({RevPlace::kKept, RevPlace::kKept, RevPlace::kOldest, RevPlace::kNext}),
-            m_random.Below(1000), m_random.OneOf<i64>({0, 0, 1, -1})};
-        const u32 mode = m_random.OneOf<u32>({0, 0, 1, 1, 2, 2});
-        const i64 rev = model::Resolve(choice, m_model);
-        m_clearsAll = m_model.Served().lower_bound(rev) == m_model.Served().end();
-        RememberFlushed();
-        Do(
-            Operation::kClear,
-            [&] { return K9eReplStorageClearOldRev(m_client.Handle(), rev, mode); },
-            [&] { return m_model.Clear(rev, mode); });
-        EndOperation();
-    }
-
-    void StartOver() {
-        RememberFlushed();
-        if (m_random.OneIn(2)) {
-            Do(
-                Operation::kStartOver, [&] { return K9eReplStorageTruncate(m_client.Handle()); },
-                [&] { return m_model.Truncate(); });
-        } else {
-            Do(
-                Operation::kStartOver, [&] { return K9eReplStorageClearAll(m_client.Handle(), 0); },
-                [&] { return m_model.ClearAll(0); });
-        }
-        EndOperation();
-    }
-
-    // A number that was refused may be in the file's header all the same, to be read when it is
-    // opened again.
-    void SetMark() {
-        const u32 number = m_random.Below(1000);
-        const bool isLifenum = m_random.OneIn(2);
-        const u32 failures = m_result.failures;
-        if (isLifenum) {
-            Do(
-                Operation::kMark,
-                [&] { return K9eReplStorageSetLifenum(m_client.Handle(), number); },
-                [&] {
-                    m_model.SetLifenum(number);
-                    return u32{RC_OK};
-                });
-        } else {
-            Do(
-                Operation::kMark,
-                [&] { return K9eReplStorageClearOldRev(m_client.Handle(), number, 4); },
-                [&] { return m_model.Clear(number, 4); });
-        }
-        const bool refused = m_result.failures > failures;
-        if (isLifenum) {
-            m_refusedLifenum = refused ? std::optional(number) : std::nullopt;
-        } else {
-            m_refusedMark = refused ? std::optional<i64>(number) : std::nullopt;
+            m_model.InsertPrepared(m_insertRev, {}, kTooLarge);
+        } else if (operation == Operation::kMark) {
+            // A number that was refused may be in the file's header all the same, to be read when
+            // it is opened again.
+            if (m_setLifenum) {
+                m_refusedLifenum = m_refused ? m_setLifenum : std::nullopt;
+            } else {
+                m_refusedMark = m_refused ? std::optional(m_setMark) : std::nullopt;
+            }
         }
         EndOperation();
     }
 
     void Enumerate() {
+        const model::Records& expected = m_model.Served();
+        auto next = expected.begin();
         bool differs = false;
+        const model::RecordVisitor compare = [&](const K9eReplRec& record) {
+            differs |= next == expected.end() || !IsTheSame(record, *next);
+            next = next == expected.end() ? next : std::next(next);
+            return u32{RC_OK};
+        };
         Do(
-            Operation::kEnumerate, [&] { return m_client.Enumerate(m_model.Served(), &differs); },
+            Operation::kEnumerate,
+            [&] {
+                next = expected.begin();
+                differs = false;
+                const u32 rc = m_client.Enumerate(model::kLowestRev, model::kHighestRev, compare);
+                differs |= rc == RC_OK && next != expected.end();
+                return rc;
+            },
             [] { return u32{RC_OK}; });
         if (differs) {
             Complain("enumeration delivers other records");
@@ -333,7 +230,8 @@ class Trial {
         return rc;
     }
 
-    void Do(Operation operation, const Call& call, const Call& expect) {
+    void Do(Operation operation, const Call& call, const Call& expect) override {
+        m_refused = false;
         if (Ended()) {
             return;
         }
@@ -346,6 +244,7 @@ class Trial {
             return;
         }
         ++m_result.failures;
+        m_refused = true;
         m_unsure = true;
         RememberWhatMayBe(operation);
         m_model = before;
@@ -354,13 +253,6 @@ class Trial {
         Examine(operation, got);
         if (m_result.problem.empty()) {
             GoOn(operation, call, expect);
-        }
-    }
-
-    // The flush that some operations begin with leads to a state of its own.
-    void RememberFlushed() {
-        if (!Ended() && !m_model.InTransaction()) {
-            MayHold(m_model.FileOnceFlushed());
         }
     }
 
@@ -378,8 +270,7 @@ class Trial {
         } else if (!m_log.HasError("", got)) {
             Complain(what + " and logs no error with this code");
         } else if (!StateIsDocumented(operation)) {
-            Complain(what + " and leaves the state " +
-                     std::to_string(static_cast<u32>(m_client.State())));
+            Complain(what + " and leaves the state " + std::to_string(static_cast<u32>(State())));
         }
     }
 
@@ -390,7 +281,7 @@ class Trial {
         if (operation == Operation::kOpen) {
             return !m_client.HasHandle();
         }
-        const StorageState state = m_client.State();
+        const StorageState state = State();
         const bool broken = state == StorageState::kBroken;
         const bool flushFailed = state == StorageState::kFlushFailed;
         switch (operation) {
@@ -430,11 +321,11 @@ class Trial {
             const u32 expected = expect();
             Expect(NameOf(operation), CallLibrary(call), expected);
             m_result.wentOn = true;
-        } else if (m_client.State() == StorageState::kBroken) {
+        } else if (State() == StorageState::kBroken) {
             m_mayBeDamaged = operation == Operation::kStartOver || m_clearsAll;
             ExpectNothingWorks();
             GiveUp();
-        } else if (m_client.State() == StorageState::kFlushFailed) {
+        } else if (State() == StorageState::kFlushFailed) {
             LeaveFlushFailed();
         } else {
             m_result.wentOn = true;
@@ -443,7 +334,7 @@ class Trial {
 
     // With the fault still there; whether that went through.
     bool CommitAgain() {
-        if (m_client.State() != StorageState::kFlushFailed) {
+        if (State() != StorageState::kFlushFailed) {
             return false;
         }
         const u32 got = CallLibrary([&] { return K9eReplStorageCommit(m_client.Handle()); });
@@ -474,7 +365,7 @@ class Trial {
     void ExpectNothingWorks() {
         void* const handle = m_client.Handle();
         m_client.Prepare({});
-        Expect("Insert", m_client.Insert(nullptr), RC_WRONG_STATE);
+        Expect("Insert", m_client.InsertPrepared(nullptr), RC_WRONG_STATE);
         Expect("Load", K9eReplStorageLoad(handle), RC_WRONG_STATE);
         Expect("Commit", K9eReplStorageCommit(handle), RC_WRONG_STATE);
     }
@@ -483,19 +374,19 @@ class Trial {
     void LeaveFlushFailed() {
         void* const handle = m_client.Handle();
         m_client.Prepare({});
-        Expect("Insert", m_client.Insert(nullptr), RC_WRONG_STATE);
+        Expect("Insert", m_client.InsertPrepared(nullptr), RC_WRONG_STATE);
         const bool rollsBack = m_choices.OneIn(2);
         const u32 got = CallLibrary([&] {
             return rollsBack ? K9eReplStorageRollback(handle) : K9eReplStorageCommit(handle);
         });
-        if (WriterHurt() && m_client.State() != StorageState::kOpen) {
+        if (WriterHurt() && State() != StorageState::kOpen) {
             GiveUp();
             return;
         }
         Expect(rollsBack ? "Rollback" : "Commit", got,
                rollsBack ? m_model.Rollback() : m_model.Commit());
         TellFlushes(m_model);
-        if (m_client.State() != StorageState::kOpen) {
+        if (State() != StorageState::kOpen) {
             Complain("the storage is not open again");
         }
         m_result.wentOn = true;
@@ -523,7 +414,7 @@ class Trial {
     // What was acknowledged is in the file; nothing that was given up is, once something was
     // written behind it.
     void EndOperation() {
-        if (m_client.HasHandle() && !Ended() && m_client.State() == StorageState::kOpen) {
+        if (m_client.HasHandle() && !Ended() && State() == StorageState::kOpen) {
             const bool sure = !WriterHurt() && (m_flushes || !m_unsure);
             sure ? Holds(m_model.File()) : MayHold(m_model.File());
             m_unsure = m_unsure && !sure;
@@ -562,31 +453,21 @@ class Trial {
     MemoryDisk& m_disk;
     const TrialPlan m_plan;
     Fault& m_fault;
-    model::Random m_random;   // what the trial does
-    model::Random m_choices;  // what it does about failures
+    model::Random m_choices;  // what it does about failures; m_random: what it does
     test::FixedLog m_log;
     std::string m_connStr;
-    TrialClient m_client;
-    model::Model m_model;
     TrialResult m_result;
     std::size_t m_held = 0;  // the state that the file holds for sure, or a later one
     bool m_over = false;
     bool m_flushes = false;       // since the last operation's end
     bool m_unsure = false;        // what was given up may still be in the file
-    bool m_clearsAll = false;     // the last clear
+    bool m_refused = false;       // the last call
     bool m_mayBeDamaged = false;  // as a failed clear of everything may leave the file
     std::optional<u32> m_refusedLifenum;
     std::optional<i64> m_refusedMark;
 };
 
 }  // namespace
-
-const char* NameOf(Operation operation) {
-    constexpr const char* kNames[] = {"Create",    "Open",     "Load",  "Begin",     "Insert",
-                                      "Commit",    "Rollback", "Clear", "StartOver", "SetMark",
-                                      "Enumerate", "Close",    "Delete"};
-    return kNames[static_cast<std::size_t>(operation)];
-}
 
 TrialResult RunTrial(MemoryDisk& disk, const TrialPlan& plan, Fault& fault, u64 seed) {
     return Trial(disk, plan, fault, seed).Run();

@@ -8,28 +8,12 @@
 
 #include <memory>
 
+#include "reliability/driver.h"
 #include "reliability/history.h"
 #include "reliability/memory_disk.h"
 #include "reliability/oracle.h"
 
 namespace k9erepl::reliability {
-
-enum class Operation : u8 {
-    kCreate,
-    kOpen,
-    kLoad,
-    kBegin,
-    kInsert,
-    kCommit,
-    kRollback,
-    kClear,
-    kStartOver,  // truncation, or a clear of everything
-    kMark,       // life number or revision mark
-    kEnumerate,
-    kClose,
-    kDelete,
-};
-const char* NameOf(Operation operation);
 
 // What goes wrong during a trial. Acts between Resume and Suspend, at first not.
 class Fault {

@@ -3,13 +3,10 @@
 
 #include <k9erepl/storage.h>
 
-#include <algorithm>
 #include <iterator>
 #include <utility>
 
-#include "model/choices.h"
-#include "model/model.h"
-#include "model/storage_client.h"
+#include "reliability/driver.h"
 #include "reliability/steady_calls.h"
 
 namespace k9erepl::reliability {
@@ -18,24 +15,15 @@ namespace {
 
 constexpr u32 kFirstStamp = 0x1000;
 
-model::Settings SettingsOf(const RemovalPlan& plan, model::Random& random) {
-    model::Settings settings;
-    settings.blockSize = random.OneOf<u32>({200, 400, 1024});
-    settings.cacheBlocks = random.OneOf<u32>({0, 1, 3});
-    settings.indexHint = random.OneOf<u32>({1, 2, 50});
-    settings.initialMebibytes = random.OneIn(4) ? 1 : 0;
-    settings.deltaMebibytes = random.OneIn(3) ? 1 : 0;
-    settings.forceFlush = plan.forceFlush;
-    settings.async = plan.async;
-    settings.asyncKilobytes = random.OneOf<std::optional<u32>>({std::nullopt, 0, 1});
-    return settings;
-}
-
-class Removal {
+class Removal final : public Driver {
   public:
     Removal(MemoryDisk& disk, const RemovalPlan& plan, u64 seed)
-        : m_disk(disk), m_plan(plan), m_random(seed) {
-        m_history.settings = SettingsOf(plan, m_random);
+        : Driver(seed), m_disk(disk), m_plan(plan) {
+        m_history.settings = AnySettings();
+        m_history.settings.flushBy = model::FlushBy::kTransactions;
+        m_history.settings.flushThreshold = 1;
+        m_history.settings.forceFlush = plan.forceFlush;
+        m_history.settings.async = plan.async;
     }
 
     RemovalHistory Run() {
@@ -44,7 +32,7 @@ class Removal {
         Remove();
         End(true, true);
         m_result.makesBackup = m_backup == model::Expected::kYes;
-        Transact(true);
+        Transaction(5, 0);
         End(true, !m_plan.async);
         m_client.Close();
         SteadyCalls::Settle();
@@ -105,8 +93,7 @@ class Removal {
             case RemovalKind::kClearAllBackup:
                 return Clear(m_model.NextRev(), K9EREPL_CLEAR_SQUEEZE_BACKUP);
             case RemovalKind::kTruncate:
-                Expect("Truncate", K9eReplStorageTruncate(m_client.Handle()), m_model.Truncate());
-                TellFlushes();
+                return Truncate();
         }
     }
 
@@ -121,46 +108,27 @@ class Removal {
 
     void Clear(i64 rev, u32 mode) {
         m_result.clearRev = rev;
-        const u32 rc = K9eReplStorageClearOldRev(m_client.Handle(), rev, mode);
-        Expect("Clear", rc, m_model.Clear(rev, mode));
-        m_backup = m_model.LastEffects().backup;
-        TellFlushes();
+        ClearBelow(rev, mode);
     }
 
     void Transactions(u32 count) {
         for (; count > 0; --count) {
-            Transact(false);
+            Transaction(5);
         }
     }
 
-    void Transact(bool sure) {
-        Expect("Begin", K9eReplStorageBeginTransaction(m_client.Handle()), m_model.Begin());
-        for (u32 left = 1 + m_random.Below(4); left > 0; --left) {
-            Insert();
+    bool Ended() const override { return !m_history.problem.empty(); }
+
+    void Do(Operation operation, const Call& call, const Call& expect) override {
+        const u32 got = call();
+        Expect(NameOf(operation), got, expect());
+        if (operation == Operation::kClear) {
+            m_backup = m_model.LastEffects().backup;
         }
-        const bool rollsBack = !sure && m_random.OneIn(8);
-        const u32 rc = rollsBack ? K9eReplStorageRollback(m_client.Handle())
-                                 : K9eReplStorageCommit(m_client.Handle());
-        Expect("Commit", rc, rollsBack ? m_model.Rollback() : m_model.Commit());
         TellFlushes();
     }
 
-    void Insert() {
-        const auto planned =
-            model::MakeRecord({model::SizeClass::kBytes, m_random.Below(120)},
-                              m_history.settings.blockSize, static_cast<u32>(m_random.Next()));
-        i64 got = 0;
-        i64 rev = 0;
-        const u32 rc = m_client.Insert(planned, nullptr, &got);
-        Expect("Insert", rc, m_model.Insert(planned.record, planned.Need(), &rev));
-    }
-
-    void TellFlushes() {
-        for (const i64 rev : m_client.TakeFlushed()) {
-            m_model.Flushed(rev);
-        }
-    }
-
+    using Driver::End;
     void End(bool changed, bool forced) {
         SteadyCalls::Settle();
         if (changed) {
@@ -193,9 +161,6 @@ class Removal {
 
     MemoryDisk& m_disk;
     const RemovalPlan m_plan;
-    model::Random m_random;
-    model::StorageClient m_client;
-    model::Model m_model;
     model::Expected m_backup = model::Expected::kNo;
     RemovalHistory m_result;
     History& m_history = m_result.history;

@@ -3,34 +3,14 @@
 
 #include <k9erepl/storage.h>
 
-#include <iterator>
 #include <mutex>
 #include <utility>
 
-#include "model/choices.h"
-#include "model/model.h"
-#include "model/storage_client.h"
+#include "reliability/driver.h"
 
 namespace k9erepl::reliability {
 
 namespace {
-
-using model::i64;
-using model::u32;
-using model::u64;
-
-model::Settings SettingsOf(const ScriptPlan& plan, model::Random& random) {
-    model::Settings settings;
-    settings.blockSize = random.OneOf<u32>({200, 400, 1024, 4096});
-    settings.cacheBlocks = random.OneOf<u32>({0, 1, 3});
-    settings.indexHint = random.OneOf<u32>({1, 2, 50});
-    settings.initialMebibytes = random.OneIn(6) ? 1 : 0;
-    settings.deltaMebibytes = random.OneIn(4) ? 1 : 0;
-    settings.forceFlush = plan.forceFlush;
-    settings.async = plan.async;
-    settings.asyncKilobytes = random.OneOf<std::optional<u32>>({std::nullopt, 0, 1, 64});
-    return settings;
-}
 
 // Which operation the revisions that the writing thread tells belong to.
 class WrittenWatch {
@@ -70,31 +50,35 @@ class WrittenWatch {
     std::vector<std::pair<i64, u32>> m_expected;  // guarded by m_mutex
 };
 
-class Script {
+class Script final : public Driver {
   public:
     Script(const std::string& path, const ScriptPlan& plan, u64 seed, const ScriptHooks& hooks)
-        : m_plan(plan), m_hooks(hooks), m_random(seed), m_written(hooks) {
-        m_result.settings = SettingsOf(plan, m_random);
+        : Driver(seed), m_plan(plan), m_hooks(hooks), m_written(hooks) {
+        m_result.settings = AnySettings();
+        m_result.settings.flushBy = model::FlushBy::kTransactions;
+        m_result.settings.flushThreshold = 1;
+        m_result.settings.forceFlush = plan.forceFlush;
+        m_result.settings.async = plan.async;
         m_connString = m_result.settings.ConnString(path);
     }
 
     ScriptResult Run() {
-        Operation([this] { Create(); });
-        Operation([this] { Open(); });
-        while (Goes() && m_number < m_plan.operations) {
-            Operation([this] { Step(); });
+        Run([this] { Create(); });
+        Run([this] { Open(); });
+        while (!Ended() && m_number < m_plan.operations) {
+            Run([this] { Step(); });
         }
-        Operation([this] { Close(); });
+        Run([this] { Close(); });
         m_client.Close();
         return std::move(m_result);
     }
 
   private:
-    bool Goes() const { return m_result.problem.empty(); }
+    bool Ended() const override { return !m_result.problem.empty(); }
 
     template <typename Body>
-    void Operation(Body body) {
-        if (!Goes()) {
+    void Run(Body body) {
+        if (Ended()) {
             return;
         }
         if (m_hooks.begins) {
@@ -102,7 +86,7 @@ class Script {
         }
         m_settles = !m_plan.async;
         body();
-        if (Goes()) {
+        if (!Ended()) {
             m_result.states.push_back(m_model.IsOpen() ? m_model.File() : m_closed);
             if (m_settles) {
                 m_written.Settle(m_number);
@@ -114,20 +98,27 @@ class Script {
     void Step() {
         const u32 ticket = m_random.Below(100);
         if (ticket < 64) {
-            Transact();
+            Transaction(5);
         } else if (ticket < 84) {
-            const u32 mode = m_random.OneOf<u32>(
-                {K9EREPL_CLEAR_LOGICAL, K9EREPL_CLEAR_SQUEEZE, K9EREPL_CLEAR_SQUEEZE_BACKUP});
-            Clear(AnyServed(), mode);
+            Clear();
         } else if (ticket < 88 && m_plan.startsOver) {
             StartOver();
         } else if (ticket < 92) {
-            m_model.SetLifenum(ticket);
-            Expect("SetLifenum", K9eReplStorageSetLifenum(m_client.Handle(), ticket), RC_OK);
+            SetMark();
         } else {
             Close();
             Open();
         }
+    }
+
+    void Do(Operation operation, const Call& call, const Call& expect) override {
+        if (operation == Operation::kCommit) {
+            m_written.Expect(m_model.NextRev() - 1, m_number);
+        }
+        const u32 got = call();
+        Expect(NameOf(operation), got, expect());
+        m_settles |= m_model.LastEffects().written != model::Written::kSoFar;
+        TellFlushes();
     }
 
     void Create() {
@@ -137,7 +128,7 @@ class Script {
 
     void Open() {
         Expect("Open", m_client.Open(m_connString), RC_OK);
-        if (!Goes()) {
+        if (Ended()) {
             return;
         }
         K9eReplStorageSetOnWriteToFileCallback(m_client.Handle(), &WrittenWatch::OnWritten,
@@ -145,7 +136,7 @@ class Script {
         m_model.Open(m_result.settings);
         const u32 expected = m_model.Load();
         Expect("Load", K9eReplStorageLoad(m_client.Handle()), expected);
-        if (Goes() && !m_model.AdoptNextRev(m_client.NextRev())) {
+        if (!Ended() && !m_model.AdoptNextRev(m_client.NextRev())) {
             m_result.problem = "Load: next revision";
         }
         m_settles = true;
@@ -162,65 +153,8 @@ class Script {
         m_settles = true;
     }
 
-    void Transact() {
-        void* const handle = m_client.Handle();
-        Expect("Begin", K9eReplStorageBeginTransaction(handle), m_model.Begin());
-        for (u32 left = 1 + m_random.Below(5); left > 0; --left) {
-            Insert();
-        }
-        if (m_random.OneIn(8)) {
-            Expect("Rollback", K9eReplStorageRollback(handle), m_model.Rollback());
-            return;
-        }
-        m_written.Expect(m_model.NextRev() - 1, m_number);
-        Expect("Commit", K9eReplStorageCommit(handle), m_model.Commit());
-        TellFlushes();
-    }
-
-    void Insert() {
-        const u32 size = m_random.OneIn(8) ? m_result.settings.blockSize - model::kRecordOverhead
-                                           : m_random.Below(120);
-        const auto planned =
-            model::MakeRecord({model::SizeClass::kBytes, size}, m_result.settings.blockSize,
-                              static_cast<u32>(m_random.Next()));
-        i64 got = 0;
-        i64 rev = 0;
-        const u32 rc = m_client.Insert(planned, nullptr, &got);
-        Expect("Insert", rc, m_model.Insert(planned.record, planned.Need(), &rev));
-    }
-
-    i64 AnyServed() {
-        const model::Records& served = m_model.Served();
-        return served.empty()
-                   ? m_model.NextRev()
-                   : std::next(served.begin(), m_random.Below(static_cast<u32>(served.size())))
-                         ->first;
-    }
-
-    void Clear(i64 rev, u32 mode) {
-        const u32 rc = K9eReplStorageClearOldRev(m_client.Handle(), rev, mode);
-        Expect("Clear", rc, m_model.Clear(rev, mode));
-        m_settles |= m_model.LastEffects().written != model::Written::kSoFar;
-        TellFlushes();
-    }
-
-    void StartOver() {
-        if (m_random.OneIn(2)) {
-            return Clear(m_model.NextRev(), m_random.Below(3));
-        }
-        Expect("Truncate", K9eReplStorageTruncate(m_client.Handle()), m_model.Truncate());
-        TellFlushes();
-        m_settles = true;
-    }
-
-    void TellFlushes() {
-        for (const i64 rev : m_client.TakeFlushed()) {
-            m_model.Flushed(rev);
-        }
-    }
-
     void Expect(const char* name, u32 got, u32 expected) {
-        if (got != expected && Goes()) {
+        if (got != expected && !Ended()) {
             m_result.problem = std::string(name) + " answers " + std::to_string(got);
             m_result.failed = m_number;
             m_result.code = got;
@@ -229,15 +163,12 @@ class Script {
 
     const ScriptPlan m_plan;
     const ScriptHooks& m_hooks;
-    model::Random m_random;
     WrittenWatch m_written;
     std::string m_connString;
-    model::Model m_model;
     ScriptResult m_result;
     model::Content m_closed;  // what the closed file holds
     u32 m_number = 0;
-    bool m_settles = false;         // the present operation leaves nothing to be written
-    model::StorageClient m_client;  // last: what it tells while it closes has somewhere to go
+    bool m_settles = false;  // the present operation leaves nothing to be written
 };
 
 }  // namespace

@@ -3,56 +3,33 @@
 
 #include <k9erepl/storage.h>
 
-#include <algorithm>
-#include <optional>
-
-#include "model/choices.h"
-#include "model/model.h"
-#include "model/storage_client.h"
+#include "reliability/driver.h"
 #include "reliability/steady_calls.h"
 
 namespace k9erepl::reliability {
 
 namespace {
 
-using model::RevPlace;
-using model::SizeChoice;
-using model::SizeClass;
-
 constexpr u32 kFirstStamp = 0x1000;
 
-model::Settings SettingsOf(const WorkloadPlan& plan, model::Random& random) {
-    model::Settings settings;
-    settings.blockSize =
-        plan.blockSize > 0 ? plan.blockSize : random.OneOf<u32>({200, 400, 1024, 4096});
-    settings.cacheBlocks = random.OneOf<u32>({0, 1, 2, 7});
-    settings.flushBy = model::FlushBy::kTransactions;
-    settings.flushThreshold = static_cast<int>(plan.flushEvery);
-    if (plan.flushEvery == 0 && random.OneIn(4)) {
-        settings.flushBy = model::FlushBy::kData;
-        settings.flushThreshold = random.OneOf({1, 500});
-    } else if (plan.flushEvery == 0) {
-        settings.flushThreshold = random.OneOf({1, 1, 1, 3});
-    }
-    settings.indexHint = random.OneOf<u32>({1, 2, 50});
-    settings.initialMebibytes = random.OneIn(6) ? 1 : 0;
-    settings.deltaMebibytes = random.OneIn(4) ? 1 : 0;
-    settings.forceFlush = plan.forceFlush;
-    settings.commitBarrier = plan.commitBarrier;
-    settings.async = plan.async;
-    settings.asyncKilobytes = random.OneOf<std::optional<u32>>({std::nullopt, 0, 1, 64});
-    return settings;
-}
-
-class Workload {
+class Workload final : public Driver {
   public:
     Workload(MemoryDisk& disk, const WorkloadPlan& plan, u64 seed)
-        : m_disk(disk), m_plan(plan), m_random(seed) {
-        m_history.settings = SettingsOf(plan, m_random);
+        : Driver(seed), m_disk(disk), m_plan(plan) {
+        model::Settings& settings = m_history.settings = AnySettings();
+        settings.blockSize = plan.blockSize > 0 ? plan.blockSize : settings.blockSize;
+        if (plan.flushEvery > 0) {
+            settings.flushBy = model::FlushBy::kTransactions;
+            settings.flushThreshold = static_cast<int>(plan.flushEvery);
+        }
+        settings.forceFlush = plan.forceFlush;
+        settings.commitBarrier = plan.commitBarrier;
+        settings.async = plan.async;
         m_history.moreSettings = plan.moreSettings;
         m_history.moreSettings += plan.writeThrough ? "write_through=yes;" : "";
         // Records of one size end where abandoned ones ended.
-        m_history.recordSize = m_random.OneIn(3) ? m_random.OneOf<u32>({1, 24, 100}) : 0;
+        m_recordSize = m_random.OneIn(3) ? m_random.OneOf<u32>({1, 24, 100}) : 0;
+        m_history.recordSize = m_recordSize;
     }
 
     History Run() {
@@ -81,7 +58,7 @@ class Workload {
     void Step() {
         const u32 ticket = m_random.Below(100);
         if (ticket < 60 || (!m_plan.removes && ticket < 90)) {
-            Transaction();
+            Transaction(4);
         } else if (ticket < 74) {
             Insert();
         } else if (ticket < 84) {
@@ -89,6 +66,7 @@ class Workload {
         } else if (ticket < 86) {
             StartOver();
         } else if (ticket < 90) {
+            LetGo();
             SetMark();
         } else if (ticket < 94) {
             LetGo();
@@ -127,101 +105,6 @@ class Workload {
         End(true, m_history.settings.async);
     }
 
-    void Transaction() {
-        void* const handle = m_client.Handle();
-        Do("Begin", K9eReplStorageBeginTransaction(handle), m_model.Begin());
-        const bool nested = m_random.OneIn(6);
-        if (nested) {
-            Do("Begin", K9eReplStorageBeginTransaction(handle), m_model.Begin());
-        }
-        for (u32 left = m_random.Below(5); left > 0; --left) {
-            Insert();
-        }
-        if (m_random.OneIn(8)) {
-            Do("Rollback", K9eReplStorageRollback(handle), m_model.Rollback());
-            return;
-        }
-        for (u32 left = nested ? 2 : 1; left > 0; --left) {
-            Do("Commit", K9eReplStorageCommit(handle), m_model.Commit());
-        }
-    }
-
-    SizeChoice AnySize() {
-        if (m_history.recordSize > 0) {
-            return {SizeClass::kBytes, m_history.recordSize};
-        }
-        switch (m_random.Below(8)) {
-            case 0:
-                return {SizeClass::kBytes, 0};
-            case 1:
-                return {SizeClass::kFits, m_random.Below(3)};
-            case 2:
-                return {SizeClass::kPermille, m_random.Below(1000)};
-            default:
-                return {SizeClass::kBytes, m_random.Below(120)};
-        }
-    }
-
-    void Insert() {
-        const auto planned = model::MakeRecord(AnySize(), m_history.settings.blockSize,
-                                               static_cast<u32>(m_random.Next()));
-        i64 got = 0;
-        if (m_random.OneIn(4)) {
-            const i64 rev = m_model.NextRev() + m_random.OneOf<i64>({0, 1, 10, 1000});
-            const u32 rc = m_client.Insert(planned, &rev, &got);
-            Do("InsertP", rc, m_model.InsertPrepared(rev, planned.record, planned.Need()));
-        } else {
-            i64 rev = 0;
-            const u32 rc = m_client.Insert(planned, nullptr, &got);
-            Do("Insert", rc, m_model.Insert(planned.record, planned.Need(), &rev));
-        }
-    }
-
-    void Clear() {
-        LetGo();
-        const model::RevChoice choice{
-            m_random.OneOf({RevPlace::kKept, RevPlace::kKept, RevPlace::kOldest, RevPlace::kNext}),
-            m_random.Below(1000), m_random.OneOf<i64>({0, 0, 1, -1})};
-        const i64 rev = model::Resolve(choice, m_model);
-        const u32 mode = m_random.OneOf<u32>({0, 0, 0, 1, 1, 2, 2});
-        // The flush that a clear begins with is a state of its own.
-        m_history.states.push_back(m_model.FileOnceFlushed());
-        const u32 rc = K9eReplStorageClearOldRev(m_client.Handle(), rev, mode);
-        Expect("Clear", rc, m_model.Clear(rev, mode));
-        const model::Written written = m_model.LastEffects().written;
-        TellFlushes();
-        // The asynchronous writer does not force the commit block of a logical clear.
-        const bool forces = !m_history.settings.async || mode != K9EREPL_CLEAR_LOGICAL;
-        End(true,
-            written == model::Written::kStartOver || (forces && written != model::Written::kSoFar));
-    }
-
-    void StartOver() {
-        LetGo();
-        if (m_random.OneIn(2)) {
-            Expect("Truncate", K9eReplStorageTruncate(m_client.Handle()), m_model.Truncate());
-        } else {
-            m_history.states.push_back(m_model.FileOnceFlushed());
-            Expect("ClearAll", K9eReplStorageClearAll(m_client.Handle(), 0), m_model.ClearAll(0));
-        }
-        const bool cleared = m_model.LastEffects().written != model::Written::kSoFar;
-        TellFlushes();
-        End(true, cleared);
-    }
-
-    void SetMark() {
-        LetGo();
-        const u32 number = m_random.Below(1000);
-        if (m_random.OneIn(2)) {
-            m_model.SetLifenum(number);
-            Expect("SetLifenum", K9eReplStorageSetLifenum(m_client.Handle(), number), RC_OK);
-        } else {
-            const u32 rc = K9eReplStorageClearOldRev(m_client.Handle(), number, K9EREPL_CLEAR_MARK);
-            Expect("Mark", rc, m_model.Clear(number, K9EREPL_CLEAR_MARK));
-        }
-        End(true);
-    }
-
     void LetGo() {
         if (m_held) {
             m_held = false;
@@ -231,10 +114,36 @@ class Workload {
 
     // --- What follows an operation
 
-    void Do(const char* name, u32 got, u32 expected) {
-        Expect(name, got, expected);
+    bool Ended() const override { return !m_history.problem.empty(); }
+
+    void BeforeRemoval(bool truncates) override {
+        LetGo();
+        if (!truncates) {
+            // The flush that a clear begins with is a state of its own.
+            m_history.states.push_back(m_model.FileOnceFlushed());
+        }
+    }
+
+    void Do(Operation operation, const Call& call, const Call& expect) override {
+        const u32 got = call();
+        Expect(NameOf(operation), got, expect());
+        const model::Written written = m_model.LastEffects().written;
         const bool flushed = TellFlushes();
-        End(flushed, flushed && !m_history.settings.async);
+        const bool async = m_history.settings.async;
+        switch (operation) {
+            case Operation::kClear: {
+                // The asynchronous writer does not force the commit block of a logical clear.
+                const bool forces = !async || m_clearMode != K9EREPL_CLEAR_LOGICAL;
+                return End(true, written == model::Written::kStartOver ||
+                                     (forces && written != model::Written::kSoFar));
+            }
+            case Operation::kStartOver:
+                return End(true, written != model::Written::kSoFar);
+            case Operation::kMark:
+                return End(true);
+            default:
+                return End(flushed, flushed && !async);
+        }
     }
 
     void Expect(const char* name, u32 got, u32 expected) {
@@ -244,15 +153,7 @@ class Workload {
         }
     }
 
-    // The model hears which flushes the library made; whether there was one.
-    bool TellFlushes() {
-        const std::vector<i64> flushed = m_client.TakeFlushed();
-        for (const i64 rev : flushed) {
-            m_model.Flushed(rev);
-        }
-        return !flushed.empty();
-    }
-
+    using Driver::End;
     // `forced`: whatever is written is on the disk, too, if flushes are forced.
     void End(bool changed, bool forced = false) {
         if (!m_held) {
@@ -276,9 +177,6 @@ class Workload {
 
     MemoryDisk& m_disk;
     const WorkloadPlan m_plan;
-    model::Random m_random;
-    model::StorageClient m_client;
-    model::Model m_model;
     History m_history;
     bool m_held = false;
 };
