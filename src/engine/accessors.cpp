@@ -4,12 +4,23 @@
 
 namespace k9erepl {
 
+u32 CK9eReplStorage::RefuseIfReadOnly(const char* call) const {
+    if (!IsReadOnly()) {
+        return RC_OK;
+    }
+    LOG_ERROR_CODE(RC_NOT_SUPPORTED, kLogStorage, "Storage is read-only;refused %s", call);
+    return RC_NOT_SUPPORTED;
+}
+
 std::uint32_t CK9eReplStorage::GetNextRev(std::int64_t* out) {
     *out = m_nextRev;
     return RC_OK;
 }
 
 std::uint32_t CK9eReplStorage::SetLifenum(std::uint32_t lifenum) {
+    if (u32 rc = RefuseIfReadOnly("SetLifenum"); rc != RC_OK) {
+        return rc;
+    }
     const Guard guard(m_lock);
     if (m_solid.IsOpen()) {
         if (u32 rc = m_solid.SetLifenum(lifenum); rc != RC_OK) {

@@ -45,6 +45,9 @@ u32 CK9eReplStorage::RefuseToClear(bool inTransaction) const {
 }
 
 std::uint32_t CK9eReplStorage::ClearOldRev(std::int64_t rev, std::uint32_t mode) {
+    if (u32 rc = RefuseIfReadOnly("ClearOldRev"); rc != RC_OK) {
+        return rc;
+    }
     const Guard guard(m_lock);
     if (u32 rc = RefuseToClear(!MayRemoveNow()); rc != RC_OK) {
         return rc;

@@ -87,7 +87,7 @@ u32 CK9eReplStorage::LoadWithoutOpenFile(const IndexFileContent& index, LoadPlan
         return FinishLoad(0, nullptr);
     }
     CSolidStorage temporary;
-    if (u32 rc = temporary.Open(path, connStr, WriterLock::kNone); rc != RC_OK) {
+    if (u32 rc = temporary.Open(path, connStr, FileUse::kNoLock); rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to init temporary solid storage;conn-str %s",
                        connStr);
         return rc;
@@ -132,7 +132,7 @@ u32 CK9eReplStorage::LoadFromOpenFile(const IndexFileContent& index, LoadPlan* p
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to get flushed rev from solid storage");
         return rc;
     }
-    m_solid.KeepTailIfDamaged(TailCare::kKeepCopy);
+    m_solid.KeepTailIfDamaged(IsReadOnly() ? TailCare::kReport : TailCare::kKeepCopy);
     return FinishLoad(NextRevAfter(lowestRev), &m_solid);
 }
 

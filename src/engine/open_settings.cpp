@@ -132,6 +132,27 @@ u32 OpenSettings::ReadFlushTimeout(const char* connStr) {
     return RC_OK;
 }
 
+// Logs nothing when the key is absent, so existing logs do not change.
+u32 OpenSettings::ReadReadOnly(const char* connStr) {
+    std::string value;
+    GetParam(connStr, "read_only", value);
+    if (value.empty()) {
+        return RC_OK;
+    }
+    readOnly = value.starts_with("yes");
+    if (!readOnly && !value.starts_with("no")) {
+        LOG_ERROR_CODE(RC_INVALID_ARG, kLogStorage, "Unknown read_only value (%s)", value.c_str());
+        return RC_INVALID_ARG;
+    }
+    if (readOnly && flushMode == FlushMode::kNoFlush) {
+        LOG_ERROR_CODE(RC_INVALID_ARG, kLogStorage,
+                       "read_only cannot be used with flush_mode NoFlush");
+        return RC_INVALID_ARG;
+    }
+    LOG_INFO(kLogStorage, "Use read_only %s", readOnly ? "yes" : "no");
+    return RC_OK;
+}
+
 void OpenSettings::ReadMemoryReserve(const char* connStr) {
     if (cacheType == CacheType::kLastN) {
         memoryReserve = cacheBlocks;

@@ -22,12 +22,15 @@ struct OpenSettings {
     u32 flushTimeout = 1000;  // milliseconds
     u32 memoryReserve = 100;  // free blocks kept for reuse
     u32 indexHint = 50;       // new blocks between two saves of the index
+    bool readOnly = false;    // nothing is ever written; the storage file stays another's
 
     bool MayEvict() const { return cacheType != CacheType::kAllInMem; }
 
     // Each logs what it uses. ReadCacheAndFlush reads cache_type, block_size, flush_mode with its
     // threshold, and flush_timeout; a refused value is logged and answers RC_INVALID_ARG.
     u32 ReadCacheAndFlush(const char* connStr);
+    // REQUIRES: the flush mode has been read. A refused value: as above.
+    u32 ReadReadOnly(const char* connStr);
     void ReadMemoryReserve(const char* connStr);
     void ReadIndexHint(const char* connStr);
 

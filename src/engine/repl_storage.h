@@ -127,6 +127,11 @@ class CK9eReplStorage final : public IK9eReplStorage {
     void SetState(StorageState state) { m_state.store(state, std::memory_order_relaxed); }
     int StateForLog() const { return static_cast<int>(State()); }
     bool HasFile() const { return m_settings.flushMode != FlushMode::kNoFlush; }
+    bool IsReadOnly() const { return m_settings.readOnly; }
+
+    // For the calls that change something. RC_OK, or RC_NOT_SUPPORTED in a read-only storage, which
+    // is logged: `call` is the name that clients know.
+    u32 RefuseIfReadOnly(const char* call) const;
 
     template <typename Query>
     u32 QueryWhenOpen(std::int64_t* out, Query query);
@@ -249,7 +254,7 @@ class CK9eReplStorage final : public IK9eReplStorage {
     BlockList m_blocks;
     FileOwner m_fileOwner{*this};
     CSolidStorage m_solid{&m_fileOwner};
-    std::unique_ptr<IndexObject> m_index;  // null without a storage file
+    std::unique_ptr<IndexObject> m_index;  // null without a storage file, and when read-only
     TimingSet m_timing;
 
     i64 m_loadedRev = 0;        // while loading: the record placed last

@@ -37,6 +37,9 @@ u32 CK9eReplStorage::OpenLocked(const char* connStr) {
     if (u32 rc = m_settings.ReadCacheAndFlush(connStr); rc != RC_OK) {
         return Break(rc);
     }
+    if (u32 rc = m_settings.ReadReadOnly(connStr); rc != RC_OK) {
+        return Break(rc);
+    }
     m_timeFlush = m_timing.Register("Flush");
     m_timeOnFlushCb = m_timing.Register("OnFlushCb");
     m_timeForcedFlush = m_timing.Register("ForcedFlush");
@@ -49,7 +52,7 @@ u32 CK9eReplStorage::OpenLocked(const char* connStr) {
     m_settings.ReadMemoryReserve(connStr);
     MakePool();
     m_connStr = connStr;
-    if (HasFile()) {
+    if (HasFile() && !IsReadOnly()) {
         if (u32 rc = MakeIndex(connStr); rc != RC_OK) {
             return Break(rc);
         }
@@ -72,7 +75,8 @@ u32 CK9eReplStorage::OpenSolidStorage(const char* connStr) {
                        path.c_str(), connStr);
         return RC_INVALID_ARG;
     }
-    if (u32 rc = m_solid.Open(path, connStr); rc != RC_OK) {
+    const FileUse use = IsReadOnly() ? FileUse::kReadOnly : FileUse::kWrite;
+    if (u32 rc = m_solid.Open(path, connStr, use); rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to init solid storage;conn-str %s", connStr);
         return rc;
     }
@@ -126,6 +130,9 @@ u32 CK9eReplStorage::MakeIndex(const char* connStr) {
 
 void CK9eReplStorage::FlushForTheLastTime() {
     const Guard guard(m_lock);
+    if (IsReadOnly()) {
+        return;
+    }
     // Before the flush: if that fails, its bytes hold nothing that was rolled back, and stay.
     ClearUndoneWrites();
     // Behind a failed flush, too: what was committed before the transaction that failed has only

@@ -16,6 +16,9 @@ bool CK9eReplStorage::FlushMayStillFail() const {
 }
 
 std::uint32_t CK9eReplStorage::BeginTransaction() {
+    if (u32 rc = RefuseIfReadOnly("BeginTransaction"); rc != RC_OK) {
+        return rc;
+    }
     const Guard guard(m_lock);
     if (State() != StorageState::kOpen || FlushMayStillFail()) {
         LOG_ERROR_CODE(RC_WRONG_STATE, kLogStorage, "Failed to begin trans;state %d",
@@ -60,6 +63,9 @@ u32 CK9eReplStorage::BeginOutermost() {
 }
 
 std::uint32_t CK9eReplStorage::Insert(K9eReplRec* rec) {
+    if (u32 rc = RefuseIfReadOnly("Insert"); rc != RC_OK) {
+        return rc;
+    }
     const Guard guard(m_lock);
     if (State() != StorageState::kOpen || FlushMayStillFail()) {
         LOG_ERROR_CODE(RC_WRONG_STATE, kLogStorage, "Failed to insert;state %d", StateForLog());
@@ -69,6 +75,9 @@ std::uint32_t CK9eReplStorage::Insert(K9eReplRec* rec) {
 }
 
 std::uint32_t CK9eReplStorage::InsertP(K9eReplRec* rec) {
+    if (u32 rc = RefuseIfReadOnly("InsertP"); rc != RC_OK) {
+        return rc;
+    }
     const Guard guard(m_lock);
     if (State() != StorageState::kOpen || FlushMayStillFail()) {
         LOG_ERROR_CODE(RC_WRONG_STATE, kLogStorage, "Failed to insert prepared;state %d",
@@ -115,6 +124,9 @@ u32 CK9eReplStorage::PlaceInTransaction(const K9eReplRec& rec, bool implicit) {
 }
 
 std::uint32_t CK9eReplStorage::Commit() {
+    if (u32 rc = RefuseIfReadOnly("Commit"); rc != RC_OK) {
+        return rc;
+    }
     const Guard guard(m_lock);
     if (State() != StorageState::kOpen && State() != StorageState::kFlushFailed) {
         LOG_ERROR_CODE(RC_WRONG_STATE, kLogStorage, "Failed to commit;state %d", StateForLog());
@@ -234,6 +246,9 @@ void CK9eReplStorage::LeaveFlushFailed() {
 }
 
 std::uint32_t CK9eReplStorage::Rollback() {
+    if (u32 rc = RefuseIfReadOnly("Rollback"); rc != RC_OK) {
+        return rc;
+    }
     const Guard guard(m_lock);
     if (State() != StorageState::kOpen && State() != StorageState::kFlushFailed) {
         LOG_ERROR_CODE(RC_WRONG_STATE, kLogStorage, "Failed to rollback;state %d", StateForLog());

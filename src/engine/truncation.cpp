@@ -8,6 +8,9 @@
 namespace k9erepl {
 
 std::uint32_t CK9eReplStorage::Truncate() {
+    if (u32 rc = RefuseIfReadOnly("Truncate"); rc != RC_OK) {
+        return rc;
+    }
     const Guard guard(m_lock);
     if (!MayRemoveNow()) {
         return RC_IN_TRANSACTION;

@@ -29,7 +29,7 @@ static_assert(kReadBufferSize % sizeof(TIndexEntry) == 0, "an entry never spans 
 constexpr platform::FileOpenRequest kReadRequest = {
     .access = platform::FileAccess::kRead,
     .disposition = platform::FileDisposition::kOpenExisting,
-    .sharing = platform::FileSharing::kRead,
+    .sharing = platform::FileSharing::kAll,  // a writer goes on with it meanwhile
     .sequentialScan = true,
 };
 

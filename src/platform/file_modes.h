@@ -14,7 +14,11 @@ enum class FileDisposition {
 };
 
 // What others may do with the file meanwhile. Windows enforces it; POSIX systems do not.
-enum class FileSharing { kRead, kReadWrite };
+enum class FileSharing {
+    kRead,
+    kReadWrite,
+    kAll,  // also rename and delete it
+};
 
 struct FileOpenRequest {
     FileAccess access = FileAccess::kReadWrite;

@@ -10,7 +10,7 @@
 namespace k9erepl {
 
 u32 CSolidStorage::ReadFirstCommitInfo(i64* commitRev, bool* hasItems) {
-    if (!IsOpen() || m_writer == nullptr) {
+    if (!IsOpen()) {
         return RC_NO_WRITER;
     }
     if (FileSize() < kFirstItemOffset) {
@@ -34,7 +34,7 @@ u32 CSolidStorage::ReadFirstCommitInfo(i64* commitRev, bool* hasItems) {
 }
 
 u32 CSolidStorage::CheckRecordAt(i64 rev, i64 offset) {
-    if (!IsOpen() || m_writer == nullptr) {
+    if (!IsOpen()) {
         return RC_NO_WRITER;
     }
     const i64 lastHeadOffset = FileSize() - kRecordHeadSize;

@@ -20,7 +20,7 @@ class CSolidStorage::FileItems {
         : m_storage(storage),
           m_cache(cache),
           m_offset(offset),
-          m_end(storage.m_writer->WritePos()),
+          m_end(storage.m_state.writePos.load(std::memory_order_acquire)),
           m_generation(storage.m_readGeneration) {}
 
     i64 Offset() const { return m_offset; }
@@ -218,7 +218,7 @@ u32 CSolidStorage::EnumFileRecs(const FileEnumRange& range, FileItemVisitor visi
     assert(visitor != nullptr);
     assert(range.startOffset == 0 || range.startOffset >= kFirstCommitOffset);
     *completed = true;
-    if (!IsOpen() || m_writer == nullptr) {
+    if (!IsOpen()) {
         return RC_NO_WRITER;
     }
     const EnumLevel level(m_enumDepth);

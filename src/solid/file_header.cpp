@@ -42,8 +42,13 @@ u32 WriteAtStart(platform::File& file, const TFileHeader& header) {
 // Runs `action` on the file with the writer at rest, and puts the file pointer back afterwards.
 template <typename Action>
 u32 CSolidStorage::WithHeaderPosition(Action action) {
-    if (u32 rc = CompleteAsyncTasks(); rc != RC_OK) {
-        return rc;
+    if (!IsOpen()) {
+        return RC_NO_WRITER;
+    }
+    if (m_writer != nullptr) {
+        if (u32 rc = CompleteAsyncTasks(); rc != RC_OK) {
+            return rc;
+        }
     }
     i64 before = 0;
     if (!m_file.Tell(&before)) {
@@ -65,6 +70,9 @@ u32 CSolidStorage::ReadHeader(TFileHeader* header) {
 
 template <typename Change>
 u32 CSolidStorage::UpdateHeader(Change change) {
+    if (m_writer == nullptr) {
+        return RC_NO_WRITER;
+    }
     return WithHeaderPosition([&] {
         TFileHeader header;
         if (u32 rc = ReadAtStart(m_file, &header); rc != RC_OK) {

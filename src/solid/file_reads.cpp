@@ -71,7 +71,7 @@ u32 CSolidStorage::EnumCache(ReadCacheManager** cache) {
 u32 CSolidStorage::AddNestedCache() {
     try {
         auto cache = std::make_unique<ReadCacheManager>(m_file, m_filePos);
-        if (u32 rc = cache->Init("read_buffers_count=1", m_writer->WritePosRef()); rc != RC_OK) {
+        if (u32 rc = cache->Init("read_buffers_count=1", m_state.writePos); rc != RC_OK) {
             return rc;
         }
         m_nestedCaches.push_back(std::move(cache));

@@ -224,7 +224,7 @@ u32 FileScan::Finish() {
 u32 CSolidStorage::ScanFileFrom(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb,
                                 i64 startOffset, void* ctx) {
     assert(recordCb != nullptr && commitCb != nullptr);
-    if (!IsOpen() || m_writer == nullptr) {
+    if (!IsOpen()) {
         return RC_NO_WRITER;
     }
     const bool fromHint =
@@ -246,9 +246,10 @@ u32 CSolidStorage::ScanFileFrom(K9eReplScanRecordCb recordCb, K9eReplScanCommitC
 }
 
 u32 CSolidStorage::TakeScanEnd(const FileScan::Result& result) {
-    if (u32 rc = m_writer->SetWritePos(result.validCommitOffset + kCommitBlockSize, true,
-                                       result.tailInUse);
-        rc != RC_OK) {
+    const i64 position = result.validCommitOffset + kCommitBlockSize;
+    if (m_writer == nullptr) {
+        m_state.writePos.store(position, std::memory_order_release);
+    } else if (u32 rc = m_writer->SetWritePos(position, true, result.tailInUse); rc != RC_OK) {
         return rc;
     }
     m_scanEnd = result;

@@ -243,7 +243,8 @@ u32 CSolidStorage::CutTo(i64 dataSize, const std::string& path) {
 }
 
 u32 CSolidStorage::OpenSqueezed(const std::string& path, i64 writePos) {
-    if (u32 rc = OpenAndCheckFile(path, m_state.writeThrough, &m_file); rc != RC_OK) {
+    if (u32 rc = OpenAndCheckFile(path, {.writeThrough = m_state.writeThrough}, &m_file);
+        rc != RC_OK) {
         return rc;
     }
     m_filePos = kFileHeaderSize;

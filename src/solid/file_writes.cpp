@@ -57,7 +57,7 @@ u32 CSolidStorage::WriteItems(u8* data, u32 size, TCommitBlock* commitBlock,
 }
 
 u32 CSolidStorage::GetFlushedRev(i64* rev) const {
-    if (m_writer == nullptr) {
+    if (m_writer == nullptr && !IsOpen()) {
         return RC_NO_WRITER;
     }
     *rev = m_state.lastFlushedRev;

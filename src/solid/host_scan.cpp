@@ -44,17 +44,17 @@ u32 CSolidStorage::ScanFile(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb co
 }
 
 u32 CSolidStorage::ScanForHost(const FileScanCallbacks& callbacks) {
-    if (!IsOpen() || m_writer == nullptr) {
+    if (!IsOpen()) {
         return RC_NO_WRITER;
     }
-    if (m_inUse) {
+    if (m_inUse && m_writer != nullptr) {
         if (u32 rc = CompleteAsyncTasks(); rc != RC_OK) {
             return rc;
         }
     }
     HostCallbacks checked{callbacks, m_layoutGeneration, m_layoutGeneration};
     // Before the first scan the write position is the file's size.
-    FileScan scan(m_file, m_filePos, {.fileSize = FileSize(), .dataEnd = m_writer->WritePos()},
+    FileScan scan(m_file, m_filePos, {.fileSize = FileSize(), .dataEnd = m_state.writePos},
                   {&HostCallbacks::OnRecord, &HostCallbacks::OnCommit, &checked});
     const u32 rc = scan.Run(kFirstCommitOffset, false);
     if (m_inUse) {

@@ -77,6 +77,14 @@ u32 ReadWriteThrough(const char* connStr, bool* writeThrough) {
     return RC_OK;
 }
 
+// A reader hinders nobody: a writer may do with the file and its name whatever it does alone.
+platform::FileOpenRequest RequestFor(FileUse use, bool writeThrough) {
+    if (use == FileUse::kReadOnly) {
+        return {.access = platform::FileAccess::kRead, .sharing = platform::FileSharing::kAll};
+    }
+    return {.writeThrough = writeThrough};
+}
+
 }  // namespace
 
 CSolidStorage::CSolidStorage(SolidStorageOwner* owner)
@@ -86,13 +94,13 @@ CSolidStorage::~CSolidStorage() {
     Close();
 }
 
-u32 CSolidStorage::Open(const std::string& path, const char* connStr, WriterLock lock) {
+u32 CSolidStorage::Open(const std::string& path, const char* connStr, FileUse use) {
     if (IsOpen()) {
         return RC_ALREADY;
     }
     u32 rc = RC_OK;
     try {
-        rc = OpenFile(path, connStr, lock);
+        rc = OpenFile(path, connStr, use);
     } catch (const std::bad_alloc&) {
         rc = RC_NO_MEMORY;
     }
@@ -102,15 +110,15 @@ u32 CSolidStorage::Open(const std::string& path, const char* connStr, WriterLock
     return rc;
 }
 
-u32 CSolidStorage::OpenFile(const std::string& path, const char* connStr, WriterLock lock) {
+u32 CSolidStorage::OpenFile(const std::string& path, const char* connStr, FileUse use) {
     if (u32 rc = ReadSettings(connStr); rc != RC_OK) {
         return rc;
     }
     platform::File file;
     const auto open = [&](platform::File* opened) {
-        return OpenAndCheckFile(path, m_state.writeThrough, opened);
+        return OpenAndCheckFile(path, RequestFor(use, m_state.writeThrough), opened);
     };
-    m_fileLock = m_fileLock && lock == WriterLock::kTake;
+    m_fileLock = m_fileLock && use == FileUse::kWrite;
     if (u32 rc = m_fileLock ? OpenForWriting(path, NoLocks::kWarn, open, &file) : open(&file);
         rc != RC_OK) {
         return rc;
@@ -126,10 +134,12 @@ u32 CSolidStorage::OpenFile(const std::string& path, const char* connStr, Writer
     m_state.fileSize = size;
     m_file = std::move(file);
     m_filePos = kFileHeaderSize;
-    if (u32 rc = MakeWriter(connStr); rc != RC_OK) {
+    if (use == FileUse::kReadOnly) {
+        m_state.writePos = size;
+    } else if (u32 rc = MakeWriter(connStr); rc != RC_OK) {
         return rc;
     }
-    return m_readCache.Init(connStr, m_writer->WritePosRef());
+    return m_readCache.Init(connStr, m_state.writePos);
 }
 
 bool CSolidStorage::Close() {
@@ -152,6 +162,7 @@ bool CSolidStorage::Close() {
     if (ended) {
         m_state.path.clear();
         m_state.fileSize = 0;
+        m_state.writePos = 0;
         m_state.clearRev = 0;
         m_state.lastFlushedRev = 0;
         m_state.lastCommitSequence = 0;
@@ -162,7 +173,7 @@ bool CSolidStorage::Close() {
 // The recorded size is the writer's, which grows it in steps; a write may have passed it.
 i64 CSolidStorage::FileSize() const {
     const i64 recorded = m_state.fileSize.load(std::memory_order_acquire);
-    return m_writer == nullptr ? recorded : std::max(recorded, m_writer->WritePos());
+    return std::max(recorded, m_state.writePos.load(std::memory_order_acquire));
 }
 
 u32 CSolidStorage::ReadSettings(const char* connStr) {

@@ -23,9 +23,12 @@ namespace k9erepl {
 struct SqueezeNames;
 class TemporaryFile;
 
-// Whether an open storage file keeps other writers away. A file that is opened to be read for a
-// moment, such as by a load into a storage without a file, does not.
-enum class WriterLock { kTake, kNone };
+// What a storage file is opened for.
+enum class FileUse {
+    kWrite,     // with the writer's lock, which keeps other writers away
+    kNoLock,    // to be read for a moment, as by a load into a storage without a file
+    kReadOnly,  // to be read while another may write it
+};
 
 // What is done about damage in the middle of the file.
 enum class TailCare { kReport, kKeepCopy };
@@ -56,7 +59,9 @@ struct SqueezeRequest {
 
 // The file is committed up to the last commit block that the load scan accepted or that was
 // written since; whatever lies behind it is dead and overwritten by the next write. Two handles
-// are open on it: this object's, for reading and for the header, and the writer's.
+// are open on it: this object's, for reading and for the header, and the writer's. A file that is
+// opened read-only has no writer, and one handle that cannot write: what would write answers
+// RC_NO_WRITER.
 //
 // Results are result codes; RC_NO_WRITER when no file is open. Failures are logged where they are
 // found. One thread at a time.
@@ -74,7 +79,7 @@ class CSolidStorage final : public IK9eReplLLStorage {
     // file. Errors: RC_SYSTEM_ERROR when another writer has it; RC_ALREADY when a file is open;
     // RC_INVALID_ARG, RC_BAD_SIZE for a refused setting or a file that is no storage;
     // RC_SYSTEM_ERROR; RC_NO_MEMORY. The object then stays closed.
-    u32 Open(const std::string& path, const char* connStr, WriterLock lock = WriterLock::kTake);
+    u32 Open(const std::string& path, const char* connStr, FileUse use = FileUse::kWrite);
     // Writes what is queued. False when the writing thread could not be ended: it still uses the
     // memory blocks and the index entries of what was queued, which must stay allocated for ever.
     bool Close();
@@ -201,7 +206,7 @@ class CSolidStorage final : public IK9eReplLLStorage {
 
     u32 LookAtItem(FileItems& items, const FileEnumRange& range, FileItem* item);
 
-    u32 OpenFile(const std::string& path, const char* connStr, WriterLock lock);
+    u32 OpenFile(const std::string& path, const char* connStr, FileUse use);
     u32 ReadSettings(const char* connStr);
     u32 MakeWriter(const char* connStr);
 
@@ -254,7 +259,7 @@ class CSolidStorage final : public IK9eReplLLStorage {
     std::unique_ptr<StorageFileState> m_ownState = std::make_unique<StorageFileState>();
     // --- Set by Open, then constant until Close
     StorageFileState& m_state = *m_ownState;
-    std::unique_ptr<StorageWriter> m_writer;
+    std::unique_ptr<StorageWriter> m_writer;  // null when read-only
 
     // --- Reading
     platform::File m_file;  // also has the writer's lock, unless m_lockHolder is open

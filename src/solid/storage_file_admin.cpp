@@ -242,9 +242,10 @@ u32 DeleteStorage(const char* connStr) {
     return DeleteStorageFile(connStr);
 }
 
-u32 OpenAndCheckFile(const std::string& path, bool writeThrough, File* file) {
+u32 OpenAndCheckFile(const std::string& path, const platform::FileOpenRequest& request,
+                     File* file) {
     File opened;
-    if (!opened.Open(path.c_str(), {.writeThrough = writeThrough})) {
+    if (!opened.Open(path.c_str(), request)) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Failed to create file '%s';sys-err %r",
                        path.c_str(), LastSystemError());
         return RC_SYSTEM_ERROR;

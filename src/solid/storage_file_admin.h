@@ -33,9 +33,11 @@ u32 DeleteStorage(const char* connStr);
 // a missing file.
 u32 DeleteStorageFile(const char* connStr);
 
-// Opens an existing storage file and checks signature and version; *file then stands at offset
-// 1024. Errors: RC_SYSTEM_ERROR, RC_INVALID_ARG for a file that is no storage of this version.
-u32 OpenAndCheckFile(const std::string& path, bool writeThrough, platform::File* file);
+// Opens an existing storage file as `request` says and checks signature and version; *file then
+// stands at offset 1024. Errors: RC_SYSTEM_ERROR, RC_INVALID_ARG for a file that is no storage of
+// this version.
+u32 OpenAndCheckFile(const std::string& path, const platform::FileOpenRequest& request,
+                     platform::File* file);
 
 // Writes the first 1064 bytes, extends the file to *initialSize bytes when that is more (else
 // *initialSize becomes 1064), leaves the file pointer at the first item and flushes to the disk.

@@ -23,6 +23,7 @@ struct StorageFileState {
 
     // Shared between the thread that writes and the clients' threads; each value stands alone.
     std::atomic<i64> fileSize{0};            // length on disk as last known; see ExpandFile
+    std::atomic<i64> writePos{0};            // end of the written data: where the next write lands
     std::atomic<i64> clearRev{0};            // clearRev of the last commit block
     std::atomic<i64> lastFlushedRev{0};      // commitRev of the last commit block
     std::atomic<u32> lastCommitSequence{0};  // sequence of the last commit block

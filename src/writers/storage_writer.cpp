@@ -41,8 +41,9 @@ i64 CutSize(i64 dataSize) {
 
 StorageWriter::StorageWriter(StorageFileState* state)
     : m_state(NotNull(state)),
-      m_fileCurrWritePos(m_state.fileSize.load(std::memory_order_relaxed)),
+      m_fileCurrWritePos(m_state.writePos),
       m_growthStep(m_state.fileSizeDelta) {
+    m_fileCurrWritePos = m_state.fileSize.load(std::memory_order_relaxed);
     if (const u32 rc = OpenForWriting(m_file, m_state.path, m_state.writeThrough); rc != RC_OK) {
         throw K9eStorageException(rc);
     }

@@ -17,8 +17,9 @@
 
 namespace k9erepl {
 
-// Owns a handle on the file, the write position and the start of the open transaction. Results are
-// result codes; RC_NO_WRITER when the file is closed. Failures are logged here.
+// Owns a handle on the file and the start of the open transaction; moves the state's write
+// position. Results are result codes; RC_NO_WRITER when the file is closed. Failures are logged
+// here.
 //
 // Bytes beyond the write position are dead, but they may look alive: a transaction that was rolled
 // back leaves commit blocks behind that fit the chain again. Such a tail is remembered and zeroed
@@ -97,8 +98,6 @@ class StorageWriter {
     static bool CutFile(platform::File& file, i64 dataSize);
 
     i64 WritePos() const { return m_fileCurrWritePos.load(std::memory_order_acquire); }
-    // For the read cache, which reads up to it.
-    const std::atomic<i64>& WritePosRef() const { return m_fileCurrWritePos; }
 
   protected:
     // What writing at once is: the clear revision, preparation, link, write, notification.
@@ -130,9 +129,8 @@ class StorageWriter {
 
     StorageFileState& m_state;
     platform::File m_file;
-    // The file offset at which the next write lands; read by enumerations while an asynchronous
-    // writer advances it.
-    std::atomic<i64> m_fileCurrWritePos;
+    // The state's writePos; read by enumerations while an asynchronous writer advances it.
+    std::atomic<i64>& m_fileCurrWritePos;
 
   private:
     // What may lie beyond the write position. ClearAbandonedTail makes it kClear; otherwise it only

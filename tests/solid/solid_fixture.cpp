@@ -149,7 +149,7 @@ Texts SolidTest::LoggedTexts() const {
 Items SolidTest::ItemsOfFile() {
     m_solid.CompleteAsyncTasks();
     CSolidStorage other;
-    EXPECT_EQ(other.Open(Path(), Conn().c_str(), WriterLock::kNone), RC_OK) << m_log;
+    EXPECT_EQ(other.Open(Path(), Conn().c_str(), FileUse::kNoLock), RC_OK) << m_log;
     m_items.clear();
     EXPECT_EQ(other.ScanFile(&OnRecord, &OnCommit, this), RC_OK) << m_log;
     return m_items;

@@ -65,7 +65,7 @@ TEST_F(WriterLockTest, GoesWithAnOpeningThatFails) {
 TEST_F(WriterLockTest, WhoeverOnlyLooksNeitherTakesItNorNeedsIt) {
     Open();
     CSolidStorage reader;
-    EXPECT_EQ(reader.Open(Path(), Conn().c_str(), WriterLock::kNone), RC_OK);
+    EXPECT_EQ(reader.Open(Path(), Conn().c_str(), FileUse::kNoLock), RC_OK);
     m_solid.Close();
     EXPECT_EQ(TryOpen(), RC_OK);
 }

@@ -37,7 +37,15 @@ DWORD Disposition(FileDisposition disposition) {
 }
 
 DWORD ShareMode(FileSharing sharing) {
-    return sharing == FileSharing::kRead ? FILE_SHARE_READ : FILE_SHARE_READ | FILE_SHARE_WRITE;
+    switch (sharing) {
+        case FileSharing::kRead:
+            return FILE_SHARE_READ;
+        case FileSharing::kAll:
+            return FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+        case FileSharing::kReadWrite:
+            break;
+    }
+    return FILE_SHARE_READ | FILE_SHARE_WRITE;
 }
 
 DWORD Attributes(const FileOpenRequest& request) {
