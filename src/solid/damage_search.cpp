@@ -27,7 +27,7 @@ class Search {
             if (word == kRecordSignature) {
                 step = TakeRecord(at);
             } else if (word == kCommitSignature && Left(at) >= kCommitBlockSize) {
-                step = TakeCommit(at);
+                TakeCommit(at);
             }
             at += step;
         }
@@ -80,11 +80,13 @@ class Search {
         return next == kRecordSignature || next == kCommitSignature;
     }
 
-    std::size_t TakeCommit(std::size_t at) {
+    // Passes over nothing: a damaged byte in front of a record may look like the beginning of a
+    // commit block.
+    void TakeCommit(std::size_t at) {
         const auto block = LoadUnaligned<TCommitBlock>(m_bytes + at);
         const bool followsLast = !m_previous && block.prevSequence == m_last.sequence;
         if (IsBelow(block, m_clearRev, m_commitRev) && !followsLast) {
-            return 1;
+            return;
         }
         if (LinksToPrevious(block)) {
             ++m_found.linkedBlocks;
@@ -104,7 +106,6 @@ class Search {
         m_previous = block;
         m_lowestCommit = m_lowestCommit.value_or(block.commitRev);
         m_found.highestRev = block.commitRev;
-        return kCommitBlockSize;
     }
 
     static bool IsBelow(const TCommitBlock& block, i64 clearRev, i64 commitRev) {
