@@ -11,13 +11,21 @@
  *     a thread that needs the storage for longer holds a duplicate.
  *  5. Functions may be called from several threads on the same handle. Each one takes the
  *     storage's lock for its whole run, K9eReplStorageGetNextRev and K9eReplStorageSetOn...
- *     excepted. The lock is recursive.
+ *     excepted. The lock is recursive. Readers thus wait while another thread's commit writes its
+ *     flush, to the disk with force_flush=yes. A transaction belongs to the storage and not to a
+ *     thread: see K9eReplStorageBeginTransaction before several threads write.
  *  6. Callbacks run with that lock held. A callback may call the library on the same handle and
  *     thread; it must not wait for another thread that needs the same storage.
  *  7. Revisions are signed 64-bit numbers, the first one is 1; sizes are bytes. Text is
  *     NUL-terminated and passed to the operating system as it stands.
  *  8. No exception leaves the library. Every error is logged where it is found, with the code that
- *     is returned, through the host's system library (<k9sys/k9sys.h>). */
+ *     is returned, through the host's system library (<k9sys/k9sys.h>).
+ *  9. An open storage belongs to the process that opened it. In a forked child every function with
+ *     its handle answers RC_WRONG_STATE at once; nothing is logged. K9eReplStorageClose gives the
+ *     child's descriptors and memory back, as far as no thread of the parent was using that memory
+ *     at the fork, and leaves the file, the parent's position in it and its lock alone. The child
+ *     may open storages of its own. A child that is forked inside a callback must not return from
+ *     it: it ends by _exit or executes a program. */
 #ifndef K9EREPL_STORAGE_H
 #define K9EREPL_STORAGE_H
 
@@ -106,6 +114,16 @@ typedef struct K9eReplRec {
 
 /* --- Callbacks ------------------------------------------------------------------------------ */
 
+/* A callback must not throw. If one does all the same, the exception ends at the exported function
+ * that called it: that answers RC_NO_MEMORY for exhausted memory, RC_SYSTEM_ERROR for anything
+ * else, and logs an error; the lock is free, and the storage is broken when a flush or a clear was
+ * under way. On a thread of the library the exception is logged, too; one that OnWriteToFile throws
+ * with async_mode=yes stops the writer: later commits answer its code.
+ *
+ * A callback may close the last handle of its storage. The close is then carried out by the
+ * outermost call that is under way, right before it returns; for an OnFlush by time-out that is a
+ * thread of the library. No handle may be used after that. */
+
 /* Receives one record of an enumeration. `rec` and its data are valid during the call only.
  * Returns 0 to go on; any other value ends the enumeration and becomes its result. */
 typedef uint32_t(K9EREPL_CALL* K9eReplEnumCb)(const K9eReplRec* rec, void* cbContext);
@@ -182,6 +200,14 @@ K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageTruncate(void* handle);
 /* --- Transactions --------------------------------------------------------------------------- */
 
 /* Begins a transaction, or one more nested level of the open one. `handle` not null.
+ *
+ * A transaction belongs to the storage, not to a thread or a handle: there is one at most, and
+ * every thread inserts into it. When two threads each begin, insert and commit, the second Begin
+ * opens a nested level of the first one's transaction. The second thread's Commit then ends that
+ * level only and its RC_OK is no promise: when the first thread rolls back, the records of both are
+ * gone. An enumeration on any thread also delivers the records that are not committed yet. Clients
+ * that write from several threads hold a lock of their own from Begin to the outermost Commit or
+ * Rollback.
  * Errors: RC_WRONG_STATE, also from OnWriteToFile with force_flush=yes (see K9eReplFlushCb), or the
  * code of the storage file, which breaks the storage. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageBeginTransaction(void* handle);
@@ -279,7 +305,8 @@ K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageSetOnFlushCallback(void* handle,
 /* Sets the function that is called when a commit block has been written to the file, with the
  * last revision that it commits; null unsets it. Otherwise as K9eReplStorageSetOnFlushCallback.
  * With the setting async_mode=yes it is called on the writing thread and must call nothing of the
- * library but K9eReplStorageGetNextRev. */
+ * library but K9eReplStorageGetNextRev. (If it closes the last handle there nevertheless, the index
+ * thread carries that out within flush_timeout.) */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageSetOnWriteToFileCallback(void* handle,
                                                                          K9eReplFlushCb cb,
                                                                          void* cbContext);

@@ -17,7 +17,8 @@ class IK9eReplDSVersion {};
 class IRc {
   public:
     virtual ~IRc() = default;
-    // Both return the new count. The Release that reaches 0 destroys the object on its thread.
+    // Both return the new count. The Release that reaches 0 destroys the object on its thread;
+    // inside a callback the outermost call does it when it leaves the object.
     virtual std::uint32_t AddRef() = 0;
     virtual std::uint32_t Release() = 0;
 };
@@ -97,10 +98,10 @@ class IK9eReplLLStorage {
     // queued is written. On a storage that is loaded or truncated it changes nothing. Before that
     // it also places the storage's write position behind the last valid commit block; loading does
     // that again.
-    // RC_ENUM_STOP when a callback moved the file's items: by a load, a truncation, a squeeze or by
-    // clearing everything. RC_INVALID_ARG when a callback is null, RC_NO_WRITER when no file is
-    // open, RC_FILE_CORRUPT when no commit block can be found, RC_SYSTEM_ERROR, RC_NO_MEMORY, the
-    // code of a write that failed, or a callback's result.
+    // RC_WRONG_STATE in a forked child; RC_ENUM_STOP when a callback moved the file's items: by a
+    // load, a truncation, a squeeze or by clearing everything. RC_INVALID_ARG when a callback is
+    // null, RC_NO_WRITER when no file is open, RC_FILE_CORRUPT when no commit block can be found,
+    // RC_SYSTEM_ERROR, RC_NO_MEMORY, the code of a write that failed, or a callback's result.
     virtual std::uint32_t ScanFile(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb,
                                    void* ctx) = 0;
 };

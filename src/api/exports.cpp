@@ -1,20 +1,20 @@
 // The exported functions: each tests its pointers and forwards to the storage object, whose result
-// it returns unchanged. The contract is in <k9erepl/storage.h>.
+// it returns unchanged; exported_call.h stands in between. The contract is in <k9erepl/storage.h>.
 #include <k9erepl/storage_interfaces.h>
 
 #include <new>
 
+#include "api/exported_call.h"
 #include "engine/repl_storage.h"
 #include "solid/storage_file_admin.h"
+#include "support/exception_barrier.h"
 #include "support/log.h"
 
+using k9erepl::CallStorage;
 using k9erepl::CK9eReplStorage;
+using k9erepl::WithoutExceptions;
 
 namespace {
-
-IK9eReplStorage* FromHandle(void* handle) {
-    return static_cast<IK9eReplStorage*>(handle);
-}
 
 // A handle is the address of the object's first interface.
 void* ToHandle(IK9eReplStorage* storage) {
@@ -29,15 +29,17 @@ CK9eReplStorage* NewStorage() {
     }
 }
 
-// Answers RC_NO_MEMORY for an allocation that failed inside `function`, which does `what`.
+// Answers the code of an exception inside `function`, which does `what`.
 template <typename Function>
-uint32_t WithoutBadAlloc(const char* what, const char* connStr, Function function) {
+uint32_t OnFiles(const char* what, const char* connStr, Function function) {
     try {
         return function();
     } catch (const std::bad_alloc&) {
         LOG_ERROR_CODE(RC_NO_MEMORY, k9erepl::kLogStorage,
                        "Out of memory while %s storage file;conn-str %s", what, connStr);
         return RC_NO_MEMORY;
+    } catch (...) {
+        return k9erepl::EndException(what);
     }
 }
 
@@ -55,15 +57,14 @@ uint32_t K9EREPL_CALL K9eReplStorageCreate(const char* connStr, uint32_t flags) 
     if (connStr == nullptr) {
         return RC_INVALID_ARG;
     }
-    return WithoutBadAlloc("creating", connStr,
-                           [=] { return k9erepl::CreateStorageFile(connStr, flags); });
+    return OnFiles("creating", connStr, [=] { return k9erepl::CreateStorageFile(connStr, flags); });
 }
 
 uint32_t K9EREPL_CALL K9eReplStorageDelete(const char* connStr) {
     if (connStr == nullptr) {
         return RC_INVALID_ARG;
     }
-    return WithoutBadAlloc("deleting", connStr, [=] { return k9erepl::DeleteStorage(connStr); });
+    return OnFiles("deleting", connStr, [=] { return k9erepl::DeleteStorage(connStr); });
 }
 
 uint32_t K9EREPL_CALL K9eReplStorageOpen(const char* connStr, void** outHandle) {
@@ -76,7 +77,9 @@ uint32_t K9EREPL_CALL K9eReplStorageOpen(const char* connStr, void** outHandle) 
                        connStr);
         return RC_NO_MEMORY;
     }
-    if (const uint32_t rc = storage->Open(connStr); rc != RC_OK) {
+    if (const uint32_t rc =
+            WithoutExceptions("K9eReplStorageOpen", [=] { return storage->Open(connStr); });
+        rc != RC_OK) {
         LOG_ERROR_CODE(rc, k9erepl::kLogStorage, "Failed to init storage;conn-str %s", connStr);
         storage->Release();
         return rc;
@@ -89,109 +92,136 @@ uint32_t K9EREPL_CALL K9eReplStorageClose(void* handle) {
     if (handle == nullptr) {
         return RC_INVALID_ARG;
     }
-    FromHandle(handle)->Release();
+    k9erepl::StorageOf(handle).Release();
     return RC_OK;
 }
 
 uint32_t K9EREPL_CALL K9eReplStorageDuplicateHandle(void* handle, void** outHandle) {
-    if (handle == nullptr || outHandle == nullptr) {
+    if (outHandle == nullptr) {
         return RC_INVALID_ARG;
     }
-    FromHandle(handle)->AddRef();
-    *outHandle = handle;
-    return RC_OK;
+    return CallStorage("K9eReplStorageDuplicateHandle", handle, [&](CK9eReplStorage& storage) {
+        storage.AddRef();
+        *outHandle = handle;
+        return uint32_t{RC_OK};
+    });
 }
 
 uint32_t K9EREPL_CALL K9eReplStorageLoad(void* handle) {
-    return handle == nullptr ? RC_INVALID_ARG : FromHandle(handle)->Load();
+    return CallStorage("K9eReplStorageLoad", handle,
+                       [](CK9eReplStorage& storage) { return storage.Load(); });
 }
 
 uint32_t K9EREPL_CALL K9eReplStorageTruncate(void* handle) {
-    return handle == nullptr ? RC_INVALID_ARG : FromHandle(handle)->Truncate();
+    return CallStorage("K9eReplStorageTruncate", handle,
+                       [](CK9eReplStorage& storage) { return storage.Truncate(); });
 }
 
 uint32_t K9EREPL_CALL K9eReplStorageBeginTransaction(void* handle) {
-    return handle == nullptr ? RC_INVALID_ARG : FromHandle(handle)->BeginTransaction();
+    return CallStorage("K9eReplStorageBeginTransaction", handle,
+                       [](CK9eReplStorage& storage) { return storage.BeginTransaction(); });
 }
 
 uint32_t K9EREPL_CALL K9eReplStorageCommit(void* handle) {
-    return handle == nullptr ? RC_INVALID_ARG : FromHandle(handle)->Commit();
+    return CallStorage("K9eReplStorageCommit", handle,
+                       [](CK9eReplStorage& storage) { return storage.Commit(); });
 }
 
 uint32_t K9EREPL_CALL K9eReplStorageRollback(void* handle) {
-    return handle == nullptr ? RC_INVALID_ARG : FromHandle(handle)->Rollback();
+    return CallStorage("K9eReplStorageRollback", handle,
+                       [](CK9eReplStorage& storage) { return storage.Rollback(); });
 }
 
 uint32_t K9EREPL_CALL K9eReplStorageInsert(void* handle, K9eReplRec* rec) {
-    return handle == nullptr || rec == nullptr ? RC_INVALID_ARG : FromHandle(handle)->Insert(rec);
+    if (rec == nullptr) {
+        return RC_INVALID_ARG;
+    }
+    return CallStorage("K9eReplStorageInsert", handle,
+                       [&](CK9eReplStorage& storage) { return storage.Insert(rec); });
 }
 
 uint32_t K9EREPL_CALL K9eReplStorageInsertP(void* handle, K9eReplRec* rec) {
-    return handle == nullptr || rec == nullptr ? RC_INVALID_ARG : FromHandle(handle)->InsertP(rec);
+    if (rec == nullptr) {
+        return RC_INVALID_ARG;
+    }
+    return CallStorage("K9eReplStorageInsertP", handle,
+                       [&](CK9eReplStorage& storage) { return storage.InsertP(rec); });
 }
 
 uint32_t K9EREPL_CALL K9eReplStorageEnumRecords(void* handle, int64_t fromRev, int64_t toRev,
                                                 K9eReplEnumCb cb, void* cbContext) {
-    return handle == nullptr ? RC_INVALID_ARG
-                             : FromHandle(handle)->EnumRecords(fromRev, toRev, cb, cbContext);
+    return CallStorage("K9eReplStorageEnumRecords", handle, [&](CK9eReplStorage& storage) {
+        return storage.EnumRecords(fromRev, toRev, cb, cbContext);
+    });
 }
 
 uint32_t K9EREPL_CALL K9eReplStorageSetLifenum(void* handle, uint32_t lifenum) {
-    return handle == nullptr ? RC_INVALID_ARG : FromHandle(handle)->SetLifenum(lifenum);
+    return CallStorage("K9eReplStorageSetLifenum", handle,
+                       [&](CK9eReplStorage& storage) { return storage.SetLifenum(lifenum); });
 }
 
 uint32_t K9EREPL_CALL K9eReplStorageGetLifenum(void* handle, uint32_t* out) {
-    return handle == nullptr || out == nullptr ? RC_INVALID_ARG
-                                               : FromHandle(handle)->GetLifenum(out);
+    if (out == nullptr) {
+        return RC_INVALID_ARG;
+    }
+    return CallStorage("K9eReplStorageGetLifenum", handle,
+                       [&](CK9eReplStorage& storage) { return storage.GetLifenum(out); });
 }
 
 uint32_t K9EREPL_CALL K9eReplStorageGetNextRev(void* handle, int64_t* out) {
-    return handle == nullptr || out == nullptr ? RC_INVALID_ARG
-                                               : FromHandle(handle)->GetNextRev(out);
+    if (out == nullptr) {
+        return RC_INVALID_ARG;
+    }
+    return CallStorage("K9eReplStorageGetNextRev", handle,
+                       [&](CK9eReplStorage& storage) { return storage.GetNextRev(out); });
 }
 
 uint32_t K9EREPL_CALL K9eReplStorageClearOldRev(void* handle, int64_t rev, uint32_t mode) {
-    return handle == nullptr ? RC_INVALID_ARG : FromHandle(handle)->ClearOldRev(rev, mode);
+    return CallStorage("K9eReplStorageClearOldRev", handle,
+                       [&](CK9eReplStorage& storage) { return storage.ClearOldRev(rev, mode); });
 }
 
 uint32_t K9EREPL_CALL K9eReplStorageGetClearOldRev(void* handle, int64_t* out) {
-    return handle == nullptr || out == nullptr ? RC_INVALID_ARG
-                                               : FromHandle(handle)->GetClearOldRev(out);
+    if (out == nullptr) {
+        return RC_INVALID_ARG;
+    }
+    return CallStorage("K9eReplStorageGetClearOldRev", handle,
+                       [&](CK9eReplStorage& storage) { return storage.GetClearOldRev(out); });
 }
 
 uint32_t K9EREPL_CALL K9eReplStorageClearAll(void* handle, uint32_t mode) {
-    if (handle == nullptr) {
-        return RC_INVALID_ARG;
-    }
-    int64_t nextRev = 0;
-    if (const uint32_t rc = FromHandle(handle)->GetNextRev(&nextRev); rc != RC_OK) {
-        return rc;
-    }
-    return FromHandle(handle)->ClearOldRev(nextRev, mode);
+    return CallStorage("K9eReplStorageClearAll", handle, [mode](CK9eReplStorage& storage) {
+        int64_t nextRev = 0;
+        const uint32_t rc = storage.GetNextRev(&nextRev);
+        return rc == RC_OK ? storage.ClearOldRev(nextRev, mode) : rc;
+    });
 }
 
 uint32_t K9EREPL_CALL K9eReplStorageSetOnFlushCallback(void* handle, K9eReplFlushCb cb,
                                                        void* cbContext) {
-    return handle == nullptr ? RC_INVALID_ARG
-                             : FromHandle(handle)->SetOnFlushCallback(cb, cbContext);
+    return CallStorage("K9eReplStorageSetOnFlushCallback", handle, [&](CK9eReplStorage& storage) {
+        return storage.SetOnFlushCallback(cb, cbContext);
+    });
 }
 
 uint32_t K9EREPL_CALL K9eReplStorageSetOnWriteToFileCallback(void* handle, K9eReplFlushCb cb,
                                                              void* cbContext) {
-    return handle == nullptr ? RC_INVALID_ARG
-                             : FromHandle(handle)->SetOnWriteToFileCallback(cb, cbContext);
+    return CallStorage(
+        "K9eReplStorageSetOnWriteToFileCallback", handle,
+        [&](CK9eReplStorage& storage) { return storage.SetOnWriteToFileCallback(cb, cbContext); });
 }
 
 uint32_t K9EREPL_CALL K9eReplStorageGetLLStorage(void* handle, void** out) {
-    if (handle == nullptr || out == nullptr) {
+    if (out == nullptr) {
         return RC_INVALID_ARG;
     }
-    auto& solid = static_cast<CK9eReplStorage*>(FromHandle(handle))->SolidStorage();
-    if (!solid.IsOpen()) {
-        return RC_FILE_NOT_OPEN;
-    }
-    *out = static_cast<IK9eReplLLStorage*>(&solid);
-    return RC_OK;
+    return CallStorage("K9eReplStorageGetLLStorage", handle, [out](CK9eReplStorage& storage) {
+        if (!storage.SolidStorage().IsOpen()) {
+            return uint32_t{RC_FILE_NOT_OPEN};
+        }
+        *out = static_cast<IK9eReplLLStorage*>(&storage.SolidStorage());
+        return uint32_t{RC_OK};
+    });
 }
 
 }  // extern "C"

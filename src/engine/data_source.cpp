@@ -9,10 +9,34 @@ std::uint32_t CK9eReplStorage::AddRef() {
 
 std::uint32_t CK9eReplStorage::Release() {
     const u32 left = m_refCount.fetch_sub(1, std::memory_order_acq_rel) - 1;
-    if (left == 0) {
-        delete this;
+    if (left != 0) {
+        return left;
     }
-    return left;
+    if (!BelongsToThisProcess()) {
+        EndInChild();
+    } else if (m_solid.IsOnWritersThread()) {
+        // In OnWriteToFile. A client may hold the lock and wait for this very thread: whoever frees
+        // the lock next ends the storage, at the latest the idle call.
+        m_lock.EndStorageAtUnlock();
+    } else {
+        // Inside a callback the storage ends when the outermost call leaves it, else right here.
+        const Guard guard(m_lock);
+        m_lock.EndStorageAtUnlock();
+    }
+    return 0;
+}
+
+// The files and threads are the parent's. If a thread of the parent was inside a call when it
+// forked, what it was changing may be half changed, and stays allocated.
+void CK9eReplStorage::EndInChild() {
+    m_solid.LeaveToParent();
+    if (m_index != nullptr) {
+        m_index->LeaveToParent();
+    }
+    if (m_lock.try_lock()) {
+        m_lock.EndStorageAtUnlock();
+        m_lock.unlock();
+    }
 }
 
 std::uint32_t CK9eReplStorage::GetDS(IK9eReplDS** out) {
@@ -30,7 +54,7 @@ bool CK9eReplStorage::IsSame(const void* other) {
 std::uint32_t CK9eReplStorage::EnumFrom(std::uint32_t, std::uint32_t, std::uint32_t,
                                         std::int64_t fromRev, std::uint32_t, K9eReplEnumCb cb,
                                         void* ctx) {
-    return EnumRecords(fromRev, kEndOfRevs, cb, ctx);
+    return AsCall("EnumFrom", [&] { return EnumRecords(fromRev, kEndOfRevs, cb, ctx); });
 }
 
 std::uint32_t CK9eReplStorage::GetFirstRev(std::uint32_t, std::int64_t* out) {
@@ -47,6 +71,9 @@ u32 CK9eReplStorage::QueryWhenOpen(std::int64_t* out, Query query) {
     if (out == nullptr) {
         return RC_INVALID_ARG;
     }
+    if (!BelongsToThisProcess()) {
+        return RC_WRONG_STATE;
+    }
     const Guard guard(m_lock);
     if (State() != StorageState::kOpen) {
         return RC_NOT_OPEN;
@@ -56,15 +83,25 @@ u32 CK9eReplStorage::QueryWhenOpen(std::int64_t* out, Query query) {
 }
 
 std::uint32_t CK9eReplStorage::GetClearRev(std::int64_t* out) {
-    return out == nullptr ? RC_INVALID_ARG : GetClearOldRev(out);
+    if (out == nullptr) {
+        return RC_INVALID_ARG;
+    }
+    return BelongsToThisProcess() ? GetClearOldRev(out) : u32{RC_WRONG_STATE};
 }
 
 std::uint32_t CK9eReplStorage::GetFlag(std::uint32_t, std::uint8_t* out) {
     if (out == nullptr) {
         return RC_INVALID_ARG;
     }
+    if (!BelongsToThisProcess()) {
+        return RC_WRONG_STATE;
+    }
     *out = 0;
     return RC_OK;
+}
+
+std::uint32_t CK9eReplStorage::FlushOnIdle() {
+    return AsCall("FlushOnIdle", [this] { return FlushWhenIdle(); });
 }
 
 }  // namespace k9erepl

@@ -190,7 +190,14 @@ u32 CK9eReplStorage::FailFlushAtTop(u32 rc) {
     return rc;
 }
 
-std::uint32_t CK9eReplStorage::FlushOnIdle() {
+u32 CK9eReplStorage::FlushWhenIdle() {
+    if (m_lock.StorageIsToEnd()) [[unlikely]] {
+        // OnWriteToFile closed the last handle on the writing thread; perhaps nobody else comes by.
+        if (m_lock.try_lock()) {
+            m_lock.unlock();
+        }
+        return RC_OK;
+    }
     if (!HasFile()) {
         return RC_OK;
     }

@@ -20,11 +20,13 @@
 #include "engine/load_plan.h"
 #include "engine/open_settings.h"
 #include "engine/revision.h"
+#include "engine/storage_lock.h"
 #include "index/index_object.h"
 #include "memory/blocks_pool_manager.h"
 #include "platform/int_types.h"
-#include "platform/lock.h"
+#include "platform/process.h"
 #include "solid/solid_storage.h"
+#include "support/exception_barrier.h"
 #include "support/flush_callback.h"
 #include "support/timing_set.h"
 
@@ -63,6 +65,10 @@ class CK9eReplStorage final : public IK9eReplStorage {
     // prepares everything that Load needs. Called once. A refused setting or a failed step leaves
     // the object Broken. Errors: see K9eReplStorageOpen.
     u32 Open(const char* connStr);
+
+    // False in a forked child of the process that opened the storage. Then only Release may be
+    // called, which takes nothing away from the parent.
+    bool BelongsToThisProcess() const { return m_forkGeneration == platform::ForkGeneration(); }
 
     // The storage-file object; open or not.
     CSolidStorage& SolidStorage() { return m_solid; }
@@ -106,12 +112,14 @@ class CK9eReplStorage final : public IK9eReplStorage {
     std::uint32_t SetOnWriteToFileCallback(K9eReplFlushCb cb, void* cbContext) override;
 
   protected:
-    // By the last Release: flushes what is committed when the storage is Open, then tears down.
+    // After the last Release, once no call is under way: flushes what is committed when the storage
+    // is Open, then tears down. In a forked child it only frees memory.
     ~CK9eReplStorage() override;
 
   private:
     friend struct StorageAccess;  // the tests' eyes
-    using Guard = std::lock_guard<platform::RecursiveLock>;
+    friend class StorageLock;     // destroys the storage
+    using Guard = std::lock_guard<StorageLock>;
 
     // What is being done to the storage file, as callbacks find it. They may insert and commit,
     // except where FlushMayStillFail; unless there is no such work, what they commit is flushed
@@ -145,6 +153,15 @@ class CK9eReplStorage final : public IK9eReplStorage {
       private:
         CK9eReplStorage& m_storage;
     };
+
+    // The end (data_source.cpp)
+    void Destroy() { delete this; }
+    void EndInChild();
+    // Does `work` for a host that calls through an interface, past the exported functions.
+    template <typename Work>
+    u32 AsCall(const char* call, Work work) {
+        return BelongsToThisProcess() ? WithoutExceptions(call, work) : u32{RC_WRONG_STATE};
+    }
 
     // Opening and tearing down (storage_life.cpp)
     u32 OpenLocked(const char* connStr);
@@ -186,6 +203,7 @@ class CK9eReplStorage final : public IK9eReplStorage {
     u32 CommitFlush();
     void UndoFlush();
     u32 FailFlushAtTop(u32 rc);
+    u32 FlushWhenIdle();
 
     // Enumeration (enumeration.cpp)
     class RecordWalk;
@@ -230,6 +248,7 @@ class CK9eReplStorage final : public IK9eReplStorage {
     u32 StartIndex();
 
     // --- Constant after Open
+    const u32 m_forkGeneration = platform::ForkGeneration();
     OpenSettings m_settings;
     std::string m_connStr;
     BlockInserter m_inserter;
@@ -242,7 +261,7 @@ class CK9eReplStorage final : public IK9eReplStorage {
 
     // --- Self-synchronised
     std::atomic<u32> m_refCount{1};
-    platform::RecursiveLock m_lock;
+    StorageLock m_lock{*this};
     FlushCallback m_onFlush;
     FlushCallback m_onWriteToFile;
     FlushPolicy m_policy;

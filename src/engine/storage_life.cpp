@@ -12,6 +12,10 @@ namespace k9erepl {
 CK9eReplStorage::CK9eReplStorage() : m_blocks(m_pool) {}
 
 CK9eReplStorage::~CK9eReplStorage() {
+    if (!BelongsToThisProcess()) {
+        m_blocks.EraseAll();
+        return;
+    }
     FlushForTheLastTime();
     Deinit();
 }
@@ -20,6 +24,9 @@ u32 CK9eReplStorage::Open(const char* connStr) {
     const Guard guard(m_lock);
     if (State() == StorageState::kBroken) {
         return RC_WRONG_STATE;
+    }
+    if (!platform::WatchForks()) {
+        return Break(RC_NO_MEMORY);
     }
     try {
         return OpenLocked(connStr);

@@ -86,6 +86,17 @@ void IndexObject::Stop() {
     worker.ReportTimes();
 }
 
+void IndexObject::LeaveToParent() {
+    IndexWorker* const worker = m_worker.exchange(nullptr);
+    if (worker != nullptr) {
+        worker->CloseFile();
+    }
+    if (m_thread == nullptr) {
+        delete worker;
+    }
+    (void)m_thread.release();
+}
+
 u32 IndexObject::RequestSave(const BlockIndex& blockIndex, IndexSaveMode mode) {
     IndexWorker* const worker = m_worker.load();
     return worker != nullptr ? worker->RequestSave(blockIndex, mode) : RequestWithoutWorker(mode);

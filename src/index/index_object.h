@@ -43,6 +43,9 @@ class IndexObject {
     // or, if a save takes that long, one more; then the thread is terminated. Called by the thread
     // itself, it returns at once, and the thread ends when its idle call has returned.
     void Stop();
+    // In a forked child: closes the file in this process. A thread is the parent's, and what it
+    // uses stays allocated. To be destroyed next.
+    void LeaveToParent();
 
     // Saves what is new in `blockIndex` since the last save, as far as it is in the storage file.
     // kSync writes the file before it returns; kAsync leaves that to the thread, whose failure

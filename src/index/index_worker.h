@@ -33,6 +33,9 @@ class IndexWorker {
     // Logs the times of the saves.
     void ReportTimes();
 
+    // Closes the file in a forked child; the thread is the parent's.
+    void CloseFile() { m_file.Close(); }
+
     // The owner's calls while a thread runs.
     // Waits until the thread can be woken, or has ended.
     void WaitUntilUp() const;

@@ -1,7 +1,9 @@
 // What the library knows of the process that loaded it: named marks shared by all copies of the
-// library in the process, the message box of the load guard, module handles.
+// library in the process, forks, the message box of the load guard, module handles.
 #ifndef K9EREPL_PLATFORM_PROCESS_H
 #define K9EREPL_PLATFORM_PROCESS_H
+
+#include <atomic>
 
 #include "platform/int_types.h"
 
@@ -21,6 +23,19 @@ void DeleteProcessAtom(ProcessAtom atom, const char* name);
 
 // Other in a forked child than in its parent.
 u32 OwnProcessId();
+
+// How often the process was forked between its first ancestor that called WatchForks and this one.
+// A fork copies the memory of a process and none of its threads but one: whoever owns a thread or
+// shares a file remembers the generation in which that was made. Always 0 on Windows.
+namespace detail {
+extern std::atomic<u32> g_forkGeneration;
+}
+inline u32 ForkGeneration() {
+    return detail::g_forkGeneration.load(std::memory_order_relaxed);
+}
+// From now on ForkGeneration follows forks; called any number of times. False when the system has
+// no memory for that.
+bool WatchForks();
 
 // Tells the user: a modal box on Windows, one line "caption: text" on standard error on POSIX.
 void ShowMessageBox(const char* text, const char* caption);

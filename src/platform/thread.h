@@ -19,8 +19,8 @@ class Thread {
     Thread& operator=(const Thread&) = delete;
 
     // Creates the thread, suspended; on POSIX it handles none of the host's signals. Its body must
-    // let foreign exceptions pass (no noexcept, no catch-all without a throw): termination on
-    // POSIX unwinds the stack of a waiting thread.
+    // let foreign exceptions pass (no noexcept; a catch-all calls PassThreadEnd first): termination
+    // on POSIX unwinds the stack of a waiting thread.
     // REQUIRES: not created, or the former thread is gone.
     bool Create(ThreadBody body, void* argument);
     bool IsCreated() const { return m_thread != nullptr; }
@@ -43,6 +43,10 @@ class Thread {
   private:
     void* m_thread = nullptr;
 };
+
+// To be called first in a catch-all handler that stops exceptions: throws the exception on when it
+// is what ends the calling thread, ours or the client's (POSIX only), else does nothing.
+void PassThreadEnd();
 
 // The operating system's number of the calling thread, for log lines.
 u32 CurrentThreadId();

@@ -170,6 +170,16 @@ bool CSolidStorage::Close() {
     return ended;
 }
 
+void CSolidStorage::LeaveToParent() {
+    m_file.Close();
+    m_lockHolder.Close();
+    if (m_writer != nullptr && !m_writer->LeaveToParent()) {
+        m_writer.release();
+        m_ownState.release();
+    }
+    m_writer.reset();
+}
+
 // The recorded size is the writer's, which grows it in steps; a write may have passed it.
 i64 CSolidStorage::FileSize() const {
     const i64 recorded = m_state.fileSize.load(std::memory_order_acquire);

@@ -83,6 +83,9 @@ class CSolidStorage final : public IK9eReplLLStorage {
     // Writes what is queued. False when the writing thread could not be ended: it still uses the
     // memory blocks and the index entries of what was queued, which must stay allocated for ever.
     bool Close();
+    // In a forked child: closes this process's descriptors and writes nothing. The writing thread,
+    // if there is one, is the parent's, and what it uses stays allocated. To be destroyed next.
+    void LeaveToParent();
     bool IsOpen() const { return m_file.IsOpen(); }
     const std::string& Path() const { return m_state.path; }
 
@@ -168,6 +171,8 @@ class CSolidStorage final : public IK9eReplLLStorage {
     // Waits until everything queued is written; until some block has no queued write any more.
     u32 CompleteAsyncTasks();
     u32 WaitReleaseBlock();
+    // Whether the caller is the writer's own thread. Needs no lock.
+    bool IsOnWritersThread() const { return m_writer != nullptr && m_writer->IsOnOwnThread(); }
     // After a failed operation: whether something queued may still be written.
     bool MayStillWrite() const { return m_writer != nullptr && m_writer->MayStillWrite(); }
 

@@ -259,6 +259,15 @@ bool AsyncStorageWriter::MayStillWrite() const {
     return m_thread != nullptr && !m_ended.load(std::memory_order_acquire);
 }
 
+bool AsyncStorageWriter::IsOnOwnThread() const {
+    return m_threadId.load(std::memory_order_relaxed) == platform::CurrentThreadId();
+}
+
+bool AsyncStorageWriter::LeaveToParent() {
+    m_file.Close();
+    return m_thread == nullptr;
+}
+
 // Needs no memory, so that what is queued is written whatever happens.
 void AsyncStorageWriter::PushStop() {
     if (StickyError() == RC_OK && m_queue.Push(m_stopElem.get())) {

@@ -62,6 +62,8 @@ class AsyncStorageWriter final : public StorageWriter {
     // state and the memory blocks must then stay where they are.
     bool Shutdown() override;
     bool MayStillWrite() const override;
+    bool IsOnOwnThread() const override;
+    bool LeaveToParent() override;
 
   private:
     using ThreadRecord = std::unique_ptr<platform::Thread, ParserMemoryDeleter>;
@@ -88,7 +90,7 @@ class AsyncStorageWriter final : public StorageWriter {
     u32 SetComplete();
     u32 SetReleased(const char* place);
     u32 BeginTransactionAt(i64 lastFlushedRev);
-    void Notify(i64 commitRev);
+    u32 Notify(i64 commitRev);
     void FreeCommitCopy(const CAsyncQueueElem& elem);
     void Fail(u32 rc);
 
@@ -101,6 +103,7 @@ class AsyncStorageWriter final : public StorageWriter {
     std::atomic<u32> m_stickyError{0};
     std::atomic<u64> m_completed{0};   // the ticket of the last kComplete that was carried out
     std::atomic<bool> m_ended{false};  // the thread touches nothing of the clients' any more
+    std::atomic<u32> m_threadId{0};    // of the writing thread while it runs its body, else 0
 
     // --- The client's
     ThreadRecord m_thread;

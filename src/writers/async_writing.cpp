@@ -1,9 +1,8 @@
 // The writing thread of the asynchronous writer: it takes what is queued, gathers small pieces and
-// writes them in order. Nothing here catches an exception that it does not know: the platform ends
-// a thread from outside with one.
-#include <exception>
-
+// writes them in order. The platform ends a thread from outside with an exception, which passes
+// through all of this.
 #include "platform/system_error.h"
+#include "support/exception_barrier.h"
 #include "support/log.h"
 #include "writers/async_storage_writer.h"
 
@@ -13,7 +12,9 @@ using platform::WaitResult;
 
 u32 AsyncStorageWriter::ThreadBody(void* writer) {
     auto& self = *static_cast<AsyncStorageWriter*>(writer);
+    self.m_threadId.store(platform::CurrentThreadId(), std::memory_order_relaxed);
     const u32 exitCode = self.Run();
+    self.m_threadId.store(0, std::memory_order_relaxed);
     self.m_ended.store(true, std::memory_order_release);
     return exitCode;
 }
@@ -147,10 +148,7 @@ u32 AsyncStorageWriter::WriteDirectly(const CAsyncQueueElem& elem, const char* p
             return setRc;
         }
     }
-    if (commitBlock != nullptr) {
-        Notify(commitBlock->commitRev);
-    }
-    return RC_OK;
+    return commitBlock != nullptr ? Notify(commitBlock->commitRev) : u32{RC_OK};
 }
 
 u32 AsyncStorageWriter::WriteOut(const char* place) {
@@ -186,7 +184,7 @@ u32 AsyncStorageWriter::WriteOutBuffer() {
     if (m_pendingRev != 0) {
         const i64 commitRev = m_pendingRev;
         m_pendingRev = 0;
-        Notify(commitRev);
+        return Notify(commitRev);
     }
     return RC_OK;
 }
@@ -212,12 +210,16 @@ u32 AsyncStorageWriter::SetReleased(const char* place) {
     return RC_SYSTEM_ERROR;
 }
 
-// Foreign code: everything of ours is settled before it.
-void AsyncStorageWriter::Notify(i64 commitRev) {
+// Foreign code: everything of ours is settled before it. One that throws stops the writer: its
+// client has not taken in what was written.
+u32 AsyncStorageWriter::Notify(i64 commitRev) {
     try {
         m_state.onWritten.Call(commitRev);
-    } catch (const std::exception& e) {
-        LOG_ERROR(kLogStorage, "OnWriteToFile threw on the writing thread: %s", e.what());
+        return RC_OK;
+    } catch (...) {
+        return EndException("OnWriteToFile", [](u32 code, const char* call, const char* what) {
+            LOG_ERROR_CODE(code, kLogStorage, "%s threw on the writing thread: %s", call, what);
+        });
     }
 }
 

@@ -77,6 +77,16 @@ class StorageWriter {
     // Whether something that was queued may still be written although an operation failed.
     virtual bool MayStillWrite() const { return false; }
 
+    // Whether the caller is the thread that carries out what was queued.
+    virtual bool IsOnOwnThread() const { return false; }
+    // In a forked child, in which nothing of this may be used any more: closes the file. False when
+    // the parent has a thread that may have been changing this object and the state at the fork:
+    // both must then stay allocated.
+    virtual bool LeaveToParent() {
+        m_file.Close();
+        return true;
+    }
+
     // Makes `position` the write position and forgets the transaction. With `doSeek` the file
     // pointer is moved at once, and nothing changes when that fails; else by the next write.
     // `tailAbandoned` says that bytes behind the position may look like items of the file.

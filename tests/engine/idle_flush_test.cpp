@@ -30,7 +30,7 @@ class IdleFlush : public ::testing::Test {
 // Holds the storage's lock on a thread of its own.
 class LockHolder {
   public:
-    explicit LockHolder(platform::RecursiveLock& lock)
+    explicit LockHolder(StorageLock& lock)
         : m_thread([this, &lock] {
               const std::lock_guard held(lock);
               std::unique_lock guard(m_mutex);

@@ -38,7 +38,7 @@ struct StorageAccess {
     static i64& ClearMark(CK9eReplStorage& s) { return s.m_clearOldRev; }
     static FlushPolicy& Policy(CK9eReplStorage& s) { return s.m_policy; }
     static const OpenSettings& Settings(CK9eReplStorage& s) { return s.m_settings; }
-    static platform::RecursiveLock& Lock(CK9eReplStorage& s) { return s.m_lock; }
+    static StorageLock& Lock(CK9eReplStorage& s) { return s.m_lock; }
     static IndexObject* Index(CK9eReplStorage& s) { return s.m_index.get(); }
     static u32 Flush(CK9eReplStorage& s) { return s.Flush(); }
     static u32 ShrinkCache(CK9eReplStorage& s) {

@@ -346,14 +346,25 @@ TEST_F(AsyncCommit, IsAnnouncedWhenEverythingIsSettled) {
     }
 }
 
-TEST_F(AsyncCommit, WhoseAnnouncementThrowsIsWrittenAllTheSame) {
+TEST_F(AsyncCommit, WhoseAnnouncementThrowsIsWrittenAndStopsTheWriter) {
     m_state.onWritten.Set([](i64, void*) { throw std::runtime_error("not now"); }, nullptr);
     QueueCommit(1, 2000);
-    RunBatch();
-    QueueCommit(2, 3000);
-    RunBatch();
-    EXPECT_EQ(Items(m_path), "C0 C1 C2");
-    EXPECT_EQ(m_log.Count("OnWriteToFile threw on the writing thread: not now"), 2U) << m_log;
+    EXPECT_EQ(StickyErrorOfBatch(), RC_SYSTEM_ERROR);
+    EXPECT_EQ(Items(m_path), "C0 C1");
+    ExpectError("OnWriteToFile threw on the writing thread: not now", RC_SYSTEM_ERROR);
+}
+
+TEST_F(AsyncCommit, WhoseAnnouncementFindsNoMemoryStopsTheWriterSo) {
+    m_state.onWritten.Set([](i64, void*) { throw std::bad_alloc(); }, nullptr);
+    QueueCommit(1, 2000);
+    EXPECT_EQ(StickyErrorOfBatch(), RC_NO_MEMORY);
+}
+
+TEST_F(AsyncCommit, WhoseAnnouncementThrowsAnythingStopsTheWriter) {
+    m_state.onWritten.Set([](i64, void*) { throw 7; }, nullptr);
+    QueueCommit(1, 2000);
+    EXPECT_EQ(StickyErrorOfBatch(), RC_SYSTEM_ERROR);
+    ExpectError("OnWriteToFile threw on the writing thread: not a std::exception", RC_SYSTEM_ERROR);
 }
 
 // --- Arguments -------------------------------------------------------------------------------

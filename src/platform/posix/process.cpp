@@ -1,7 +1,8 @@
-// The process: the message box, module handles.
+// The process: forks, the message box, module handles.
 #include "platform/process.h"
 
 #include <dlfcn.h>
+#include <pthread.h>
 #include <sys/auxv.h>
 #include <unistd.h>
 
@@ -20,6 +21,14 @@ void* ModuleOf(const void* address) {
 
 u32 OwnProcessId() {
     return static_cast<u32>(getpid());
+}
+
+constinit std::atomic<u32> detail::g_forkGeneration{0};
+
+bool WatchForks() {
+    static const bool watched =
+        pthread_atfork(nullptr, nullptr, [] { detail::g_forkGeneration.fetch_add(1); }) == 0;
+    return watched;
 }
 
 void ShowMessageBox(const char* text, const char* caption) {

@@ -1,4 +1,5 @@
 // Threads: started at a gate, joined with a time-out, ended from outside at their next wait.
+#include <cxxabi.h>
 #include <pthread.h>
 #include <sched.h>
 #include <signal.h>
@@ -208,6 +209,19 @@ void ThreadDestroy(void* thread) {
 }
 
 }  // namespace native
+
+// The system ends a thread that was cancelled, or called pthread_exit, by an exception, too.
+void PassThreadEnd() {
+    try {
+        throw;
+    } catch (const native::ThreadTermination&) {
+        throw;
+    } catch (const abi::__forced_unwind&) {
+        throw;
+    } catch (...) {
+        return;
+    }
+}
 
 u32 CurrentThreadId() {
     return static_cast<u32>(syscall(SYS_gettid));

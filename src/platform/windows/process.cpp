@@ -23,6 +23,13 @@ u32 OwnProcessId() {
     return GetCurrentProcessId();
 }
 
+// Windows knows no forks.
+constinit std::atomic<u32> detail::g_forkGeneration{0};
+
+bool WatchForks() {
+    return true;
+}
+
 void ShowMessageBox(const char* text, const char* caption) {
     MessageBoxA(nullptr, text, caption, MB_OK | MB_TASKMODAL | MB_TOPMOST);
 }

@@ -135,6 +135,9 @@ void ThreadDestroy(void* thread) {
 
 }  // namespace native
 
+// Windows ends threads without an exception.
+void PassThreadEnd() {}
+
 u32 CurrentThreadId() {
     return GetCurrentThreadId();
 }
