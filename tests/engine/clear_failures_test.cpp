@@ -155,28 +155,36 @@ std::string NameOf(const ::testing::TestParamInfo<Case>& info) {
            (info.param.repeat == Repeat::kOnce ? "Once" : "ForGood");
 }
 
-// Runs the removal with a fault at its first call of the kind, at the second, and so on.
-class FailureOfARemoval : public ::testing::TestWithParam<Case> {
-  protected:
-    // False when it makes fewer calls than that.
-    static bool RunWithFaultAt(u32 nth) {
-        const Removal& removal = GetParam().removal;
+// Runs the removal with a fault at its first call of the kind, at the second, and so on, until it
+// makes fewer: `arm` plans the fault, `expectFailed` looks at what a failed one leaves. Returns how
+// many faults struck.
+template <typename Arm, typename ExpectFailed>
+u32 RunWithEachFault(const Removal& removal, SystemCall call, Arm arm, ExpectFailed expectFailed) {
+    for (u32 nth = 1; nth < 60; ++nth) {
         PartlyFlushed storage;
-        const u32 before = CallCount(GetParam().call);
-        Fail(GetParam().call, nth, SystemErrorKind::kInputOutput, GetParam().repeat);
+        const u32 before = CallCount(call);
+        arm(nth);
         const LogCapture log;
         const u32 rc = removal.Do(storage);
-        const bool struck = CallCount(GetParam().call) - before >= nth;
-        StopFailing(GetParam().call);
+        const bool struck = CallCount(call) - before >= nth;
+        StopFailing(call);
         if (rc != RC_OK) {
-            ExpectFailed(storage, removal, rc, log);
+            expectFailed(storage, rc, log);
         } else {
             EXPECT_EQ(storage.State(), StorageState::kOpen);
         }
         MoveBackupBackIfToldTo(storage, log);
         ExpectOldOrNew(storage, removal, rc == RC_OK);
-        return struck;
+        if (!struck || ::testing::Test::HasFailure()) {
+            return nth - 1;
+        }
     }
+    ADD_FAILURE() << "it makes many such calls";
+    return 0;
+}
+
+class FailureOfARemoval : public ::testing::TestWithParam<Case> {
+  protected:
     static void ExpectFailed(TestStorage& storage, const Removal& removal, u32 rc,
                              const LogCapture& log) {
         EXPECT_TRUE(rc == RC_SYSTEM_ERROR || rc == RC_SHORT_READ) << rc;
@@ -206,12 +214,15 @@ TEST_P(FailureOfARemoval, LeavesTheOldOrTheNewContent) {
     if (GetParam().call == SystemCall::kFlush && removal.mode == kLogical && removal.rev == 5) {
         SKIP_WHEN_ASYNC("a flush to the disk at each commit");
     }
-    u32 nth = 1;
-    while (RunWithFaultAt(nth) && !HasFailure()) {
-        ++nth;
-        ASSERT_LT(nth, 60U);
-    }
-    EXPECT_GT(nth, 1U) << "it makes such a call";
+    const u32 struck = RunWithEachFault(
+        removal, GetParam().call,
+        [](u32 nth) {
+            Fail(GetParam().call, nth, SystemErrorKind::kInputOutput, GetParam().repeat);
+        },
+        [&](TestStorage& storage, u32 rc, const LogCapture& log) {
+            ExpectFailed(storage, removal, rc, log);
+        });
+    EXPECT_GT(struck, 0U) << "it makes such a call";
 }
 
 // --- Short writes ------------------------------------------------------------------------------
@@ -232,26 +243,16 @@ INSTANTIATE_TEST_SUITE_P(Of, ShortWriteOfARemoval,
 // The disk is full in the middle of a write. (A beginning that was half written
 // over is lost, as the header says of clears of everything.)
 TEST_P(ShortWriteOfARemoval, LeavesTheOldOrTheNewContent) {
-    for (u32 nth = 1;; ++nth) {
-        PartlyFlushed storage;
-        const u32 before = CallCount(SystemCall::kWrite);
-        ShortWrite(nth, 20);
-        const u32 rc = GetParam().Do(storage);
-        const bool struck = CallCount(SystemCall::kWrite) - before >= nth;
-        StopFailing(SystemCall::kWrite);
-        if (rc != RC_OK) {
+    const u32 struck = RunWithEachFault(
+        GetParam(), SystemCall::kWrite, [](u32 nth) { ShortWrite(nth, 20); },
+        [](TestStorage& storage, u32 rc, const LogCapture&) {
             EXPECT_EQ(rc, RC_SYSTEM_ERROR);
             EXPECT_NE(storage.State(), StorageState::kOpen);
-        }
-        if (storage.State() == StorageState::kFlushFailed) {
-            ExpectWayOut(storage);
-        }
-        ExpectOldOrNew(storage, GetParam(), rc == RC_OK);
-        if (!struck || HasFailure()) {
-            EXPECT_GT(nth, 1U);
-            return;
-        }
-    }
+            if (storage.State() == StorageState::kFlushFailed) {
+                ExpectWayOut(storage);
+            }
+        });
+    EXPECT_GT(struck, 0U);
 }
 
 // --- Exhausted memory --------------------------------------------------------------------------
@@ -277,22 +278,12 @@ INSTANTIATE_TEST_SUITE_P(Of, ClearWithoutMemory, ::testing::ValuesIn(kRemovals),
 }  // namespace
 
 TEST_P(ClearWithoutMemory, OfTheBuffersAnswersItsCode) {
-    for (u32 nth = 1;; ++nth) {
-        PartlyFlushed storage;
-        const u32 before = CallCount(SystemCall::kAlloc);
-        FailAlloc(nth);
-        const u32 rc = GetParam().Do(storage);
-        const bool struck = CallCount(SystemCall::kAlloc) - before >= nth;
-        StopFailing(SystemCall::kAlloc);
-        if (rc != RC_OK) {
+    RunWithEachFault(
+        GetParam(), SystemCall::kAlloc, [](u32 nth) { FailAlloc(nth); },
+        [](TestStorage& storage, u32 rc, const LogCapture&) {
             EXPECT_EQ(rc, RC_NO_MEMORY);
             ExpectGivenUp(storage, rc);
-        }
-        ExpectOldOrNew(storage, GetParam(), rc == RC_OK);
-        if (!struck || HasFailure()) {
-            return;
-        }
-    }
+        });
 }
 
 TEST_P(ClearWithoutMemory, OfItsOwnThrowsNothing) {

@@ -38,14 +38,20 @@ class EachCallOfAFlush : public ::testing::TestWithParam<Fault> {
         SKIP_WHEN_ASYNC("a failed write is reported by the flush that made it");
     }
 
-    template <typename Scenario>
-    void Run(Scenario scenario) {
-        u32 nth = 1;
-        while (scenario(nth)) {
-            ++nth;
-            ASSERT_LT(nth, 20U);
+    // The scenario begins with a commit that has failed; `prepare` comes before that.
+    template <typename Scenario, typename Prepare = void (*)(TestStorage&)>
+    void Run(
+        Scenario scenario, Prepare prepare = [](TestStorage&) {}) {
+        for (u32 nth = 1; nth < 20; ++nth) {
+            WithOneRecord storage;
+            prepare(storage);
+            if (!FailCommit(storage, nth)) {
+                EXPECT_GT(nth, 1U) << "a flush makes such a call";
+                return;
+            }
+            scenario(storage);
         }
-        EXPECT_GT(nth, 1U) << "a flush makes such a call";
+        FAIL() << "a flush makes many calls";
     }
 
     struct OnFlush {
@@ -89,6 +95,13 @@ class EachCallOfAFlush : public ::testing::TestWithParam<Fault> {
         }
         EXPECT_EQ(seen, texts);
         EXPECT_EQ(FileItems(storage), items);
+    }
+
+    // With one more, nothing is lost and nothing twice.
+    static void ExpectFiveRecords(TestStorage& storage) {
+        storage.InsertCommitted({"five"});
+        ExpectFile(storage, {"one", "two", "three", "four", "five"},
+                   {"c0", "r1", "c1", "r2", "r3", "r4", "c4", "r5", "c5"});
     }
 
     const ScopedSystemCalls m_systemCalls;
@@ -139,48 +152,30 @@ INSTANTIATE_TEST_SUITE_P(ForGood, EachLastingFault, ::testing::Values(kNoRoom, k
 }  // namespace
 
 TEST_P(EachCallOfAFlush, CommitTriesAgainWhenTheFaultIsGone) {
-    Run([](u32 nth) {
-        WithOneRecord storage;
-        if (!FailCommit(storage, nth)) {
-            return false;
-        }
+    Run([](WithOneRecord& storage) {
         EXPECT_EQ(storage.flushed.Calls(), Revs());
         StopFailing(GetParam().call);
         EXPECT_EQ(storage.Commit(), RC_OK);
         EXPECT_EQ(storage.State(), StorageState::kOpen);
         EXPECT_EQ(storage.flushed.Calls(), Revs({4}));
-        storage.InsertCommitted({"five"});
-        ExpectFile(storage, {"one", "two", "three", "four", "five"},
-                   {"c0", "r1", "c1", "r2", "r3", "r4", "c4", "r5", "c5"});
-        return true;
+        ExpectFiveRecords(storage);
     });
 }
 
 TEST_P(EachLastingFault, MakesEveryFurtherCommitFail) {
-    Run([](u32 nth) {
-        WithOneRecord storage;
-        if (!FailCommit(storage, nth)) {
-            return false;
-        }
+    Run([](WithOneRecord& storage) {
         for (int i = 0; i < 3; ++i) {
             EXPECT_EQ(storage.Commit(), RC_SYSTEM_ERROR);
             EXPECT_EQ(storage.State(), StorageState::kFlushFailed);
         }
         StopFailing(GetParam().call);
         EXPECT_EQ(storage.Commit(), RC_OK);
-        storage.InsertCommitted({"five"});
-        ExpectFile(storage, {"one", "two", "three", "four", "five"},
-                   {"c0", "r1", "c1", "r2", "r3", "r4", "c4", "r5", "c5"});
-        return true;
+        ExpectFiveRecords(storage);
     });
 }
 
 TEST_P(EachCallOfAFlush, RollbackGivesTheTransactionUp) {
-    Run([](u32 nth) {
-        WithOneRecord storage;
-        if (!FailCommit(storage, nth)) {
-            return false;
-        }
+    Run([](WithOneRecord& storage) {
         EXPECT_EQ(storage.Rollback(), RC_OK);
         EXPECT_EQ(storage.State(), StorageState::kOpen);
         EXPECT_EQ(storage.NextRev(), 2);
@@ -188,43 +183,34 @@ TEST_P(EachCallOfAFlush, RollbackGivesTheTransactionUp) {
         storage.InsertCommitted({"other"});
         storage.InsertCommitted({"more"});
         ExpectFile(storage, {"one", "other", "more"}, {"c0", "r1", "c1", "r2", "c2", "r3", "c3"});
-        return true;
     });
 }
 
 TEST_P(EachCallOfAFlush, ClosingThenLeavesWhatWasAcknowledged) {
-    Run([](u32 nth) {
-        WithOneRecord storage;
-        if (!FailCommit(storage, nth)) {
-            return false;
-        }
+    Run([](WithOneRecord& storage) {
         StopFailing(GetParam().call);
         storage.Reopen();
         EXPECT_EQ(storage.Texts(), Strings({"one"}));
         storage.InsertCommitted({"last"});
         storage.Reopen();
         EXPECT_EQ(storage.Texts(), Strings({"one", "last"}));
-        return true;
     });
 }
 
 // The second attempt also clears what the first one left behind.
 TEST_P(EachCallOfARetry, MayFailToo) {
-    Run([](u32 nth) {
-        WithOneRecord storage;
+    const auto failOnce = [](TestStorage& storage) {
         FailFlush(1);
         FailFileSize(1);  // of the clearing at the rollback
         EXPECT_EQ(storage.Insert("gone"), RC_SYSTEM_ERROR);
-        if (!FailCommit(storage, nth)) {
-            return false;
-        }
-        StopFailing(GetParam().call);
-        EXPECT_EQ(storage.Commit(), RC_OK);
-        storage.InsertCommitted({"five"});
-        ExpectFile(storage, {"one", "two", "three", "four", "five"},
-                   {"c0", "r1", "c1", "r2", "r3", "r4", "c4", "r5", "c5"});
-        return true;
-    });
+    };
+    Run(
+        [](WithOneRecord& storage) {
+            StopFailing(GetParam().call);
+            EXPECT_EQ(storage.Commit(), RC_OK);
+            ExpectFiveRecords(storage);
+        },
+        failOnce);
 }
 
 // --- The messages of each step -----------------------------------------------------------------
@@ -259,28 +245,19 @@ struct HalfFlushable : TestStorage {
 
 }  // namespace
 
-TEST(FlushFailure, OfTheRunNamesTheFirstRevisionThatIsNotFlushed) {
+TEST(FlushFailure, OfTheRunOrItsCommitBlockNamesTheFirstRevisionThatIsNotFlushed) {
     SKIP_WHEN_ASYNC("a failed write is reported by the flush that made it");
     const ScopedSystemCalls systemCalls;
-    HalfFlushable storage;
-    const LogCapture log;
-    FailWrite(1);
-    EXPECT_EQ(storage.Flush(), RC_SYSTEM_ERROR);
-    EXPECT_EQ(log.CodeOf("Failed to flush data from rev 1"), RC_SYSTEM_ERROR) << log;
-    storage.ExpectUntouched();
-    storage.ExpectFlushable();
-}
-
-TEST(FlushFailure, OfTheCommitBlockNamesTheFirstRevisionThatIsNotFlushed) {
-    SKIP_WHEN_ASYNC("a failed write is reported by the flush that made it");
-    const ScopedSystemCalls systemCalls;
-    HalfFlushable storage;
-    const LogCapture log;
-    FailWrite(2);
-    EXPECT_EQ(storage.Flush(), RC_SYSTEM_ERROR);
-    EXPECT_EQ(log.CodeOf("Failed to write commit block 1"), RC_SYSTEM_ERROR) << log;
-    storage.ExpectUntouched();
-    storage.ExpectFlushable();
+    for (const auto& [nth, text] : {std::pair(1U, "Failed to flush data from rev 1"),
+                                    {2U, "Failed to write commit block 1"}}) {
+        HalfFlushable storage;
+        const LogCapture log;
+        FailWrite(nth);
+        EXPECT_EQ(storage.Flush(), RC_SYSTEM_ERROR);
+        EXPECT_EQ(log.CodeOf(text), RC_SYSTEM_ERROR) << log;
+        storage.ExpectUntouched();
+        storage.ExpectFlushable();
+    }
 }
 
 TEST(FlushFailure, OfTheFilesCommitLeavesTheFlushedRevision) {
