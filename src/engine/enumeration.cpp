@@ -34,6 +34,7 @@ class CK9eReplStorage::RecordWalk {
     static u32 VisitFromFile(i64 offset, const K9eReplRec* rec, void* ctx);
     bool GoesOnIn(const MemoryBlocks::value_type& entry) const;
     i64 FileOffset(const IndexEntry& entry, u64 distance, i64 rev) const;
+    i64 OffsetReached(i64 toRev) const;
 
     Walk End(u32 rc) {
         m_result = rc;
@@ -162,8 +163,10 @@ CK9eReplStorage::RecordWalk::Walk CK9eReplStorage::RecordWalk::WalkFile(BlockInd
     const i64 nextKey = goesOn ? lowest->first : 0;
     const i64 passTo = goesOn ? nextKey - 1 : m_toRev;
     LOG_INFO(kLogStorage, "Enum from disk %I64d-%I64d", startRev, passTo);
-    const FileEnumRange range{
-        .fromRev = startRev, .toRev = passTo, .startOffset = it->second.fileOffset};
+    const FileEnumRange range{.fromRev = startRev,
+                              .toRev = passTo,
+                              .startOffset = it->second.fileOffset,
+                              .reachesTo = OffsetReached(passTo)};
     bool completed = true;
     const u32 rc = m_storage.m_solid.EnumFileRecs(range, &VisitFromFile, this, &completed);
     if (m_placeLost) {
@@ -177,6 +180,20 @@ CK9eReplStorage::RecordWalk::Walk CK9eReplStorage::RecordWalk::WalkFile(BlockInd
     }
     it = m_blocks.Index().lower_bound(nextKey);
     return Walk::kOn;
+}
+
+// The file offset up to which every record is at or below `toRev`: where the last block begins
+// whose key is not above the revision behind it. 0 when no such block is in the file.
+i64 CK9eReplStorage::RecordWalk::OffsetReached(i64 toRev) const {
+    auto it = m_blocks.Index().upper_bound(NextRevAfter(toRev));
+    while (it != m_blocks.Index().begin()) {
+        --it;
+        const i64 offset = it->second.fileOffset.load(std::memory_order_acquire);
+        if (offset != kUnknownOffset) {
+            return offset;
+        }
+    }
+    return 0;
 }
 
 // Whether the walk reaches this memory block. A range that ends where the block begins ends in the

@@ -67,10 +67,12 @@ u32 CK9eReplStorage::CutClearedAfterLoad(CSolidStorage& file) {
     const auto first = index.begin();
     const auto second = std::next(first);
     ClearSearch search{.minRev = m_oldestRev};
-    const FileEnumRange range{.fromRev = first->first,
-                              .toRev = second == index.end() ? kEndOfRevs : second->first - 1,
-                              .alsoCommits = true,
-                              .startOffset = first->second.fileOffset};
+    const FileEnumRange range{
+        .fromRev = first->first,
+        .toRev = second == index.end() ? kEndOfRevs : second->first - 1,
+        .alsoCommits = true,
+        .startOffset = first->second.fileOffset,
+        .reachesTo = second == index.end() ? 0 : i64{second->second.fileOffset}};
     bool completed = true;
     if (u32 rc = file.EnumFileRecs(range, &ClearSearch::Visit, &search, &completed);
         rc != RC_OK && rc != RC_ENUM_STOP) {

@@ -198,7 +198,8 @@ bool CK9eReplStorage::LoadedAllThatIsKept(CSolidStorage& file, const LoadPlan& p
     if (file.FindRevBefore(plan.first.offset, &revBefore) == RC_OK && revBefore < m_oldestRev) {
         return true;
     }
-    const FileEnumRange range{.fromRev = m_oldestRev, .toRev = plan.first.rev - 1};
+    const FileEnumRange range{
+        .fromRev = m_oldestRev, .toRev = plan.first.rev - 1, .reachesTo = plan.first.offset};
     bool completed = true;
     return file.EnumFileRecs(
                range, [](i64, const K9eReplRec*, void*) -> u32 { return RC_ENUM_STOP; }, nullptr,

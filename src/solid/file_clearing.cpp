@@ -87,6 +87,7 @@ u32 CSolidStorage::TruncateToClearRev(i64 rev, u32 lifenum, i64 clearOldRev) {
     m_state.lastCommitSequence = block.sequence;
     m_state.clearRev = rev;
     m_state.lastFlushedRev = 0;
+    m_lastWrittenRev = 0;
     InvalidateReads();
     LOG_INFO(kLogStorage, "File was truncated;clear rev %I64d", rev);
     return RC_OK;

@@ -1,6 +1,7 @@
 // Enumeration of committed records from the file, through the read cache. Reads what the load scan
 // accepted, what was written since, and what an index led the load past: a fault here is an error
 // of the call.
+#include <algorithm>
 #include <cassert>
 #include <limits>
 
@@ -29,15 +30,21 @@ class CSolidStorage::FileItems {
     // RC_BAD_DATA when a record's revision is not above that of the record before it.
     u32 CheckRises(i64 rev);
 
+    // The record behind the one of `size` bytes at the current offset, commit blocks passed over.
+    // False when the read buffer does not hold it: it is worth a look, but no read.
+    bool PeekNext(u32 size, i64* offset, TRecordHead* head) const;
+
     // *bytes receives the `size` bytes at the current offset, valid until the next call or the
     // next visit. Errors: RC_FILE_CORRUPT when the file does not give them, and those of reading.
     u32 Get(u32 size, const u8** bytes);
 
   private:
-    bool Holds(u32 size) const {
-        return m_generation == m_storage.m_readGeneration && m_offset >= m_buffer.offset &&
-               m_offset + i64{size} <= m_buffer.offset + i64{m_buffer.length};
+    bool Holds(u32 size) const { return HoldsAt(m_offset, size); }
+    bool HoldsAt(i64 offset, u32 size) const {
+        return m_generation == m_storage.m_readGeneration && offset >= m_buffer.offset &&
+               offset + i64{size} <= m_buffer.offset + i64{m_buffer.length};
     }
+    const u8* At(i64 offset) const { return m_buffer.data + (offset - m_buffer.offset); }
     u32 Fetch(u32 size);
     u32 GetLarge(u32 size, const u8** bytes);
     u32 TooShort(u32 size);
@@ -64,8 +71,22 @@ u32 CSolidStorage::FileItems::Get(u32 size, const u8** bytes) {
             return rc;
         }
     }
-    *bytes = m_buffer.data + (m_offset - m_buffer.offset);
+    *bytes = At(m_offset);
     return RC_OK;
+}
+
+bool CSolidStorage::FileItems::PeekNext(u32 size, i64* offset, TRecordHead* head) const {
+    i64 at = m_offset + i64{size};
+    while (at + i64{kRecordHeadSize} <= m_end && HoldsAt(at, kRecordHeadSize)) {
+        const u32 signature = LoadUnaligned<u32>(At(at));
+        if (signature != kCommitSignature) {
+            *offset = at;
+            *head = LoadUnaligned<TRecordHead>(At(at));
+            return signature == kRecordSignature;
+        }
+        at += kCommitBlockSize;
+    }
+    return false;
 }
 
 u32 CSolidStorage::FileItems::Fetch(u32 size) {
@@ -189,16 +210,42 @@ u32 CSolidStorage::LookAtItem(FileItems& items, const FileEnumRange& range, File
              .pastRange = head.rev > range.toRev,
              .visit = head.rev >= range.fromRev,
              .size = head.size};
-    if (item->pastRange) {
-        return RC_OK;
-    }
     if (u32 rc = CheckHead(head, items.Offset(), items.Left()); rc != RC_OK) {
         return rc;
+    }
+    if (item->pastRange) {
+        return CheckRangeEnd(items, range, head);
     }
     if (u32 rc = CheckCommitted(head.rev, m_state.lastFlushedRev); rc != RC_OK) {
         return rc;
     }
     return items.CheckRises(head.rev);
+}
+
+// The load has not seen what lies before the place to which an index led it. A revision there that
+// damage has made larger must not pass for the end of the range and hide the records behind it.
+u32 CSolidStorage::CheckRangeEnd(FileItems& items, const FileEnumRange& range,
+                                 const TRecordHead& head) {
+    const i64 written = std::max(i64{m_state.lastFlushedRev}, m_lastWrittenRev);
+    if (u32 rc = CheckCommitted(head.rev, written); rc != RC_OK) {
+        return rc;
+    }
+    if (items.Offset() < range.reachesTo) {
+        LOG_ERROR_CODE(RC_BAD_DATA, kLogStorage,
+                       "Read rec with rev %I64d, but revs up to %I64d reach to offset %I64d, "
+                       "offset %I64d",
+                       i64{head.rev}, range.toRev, range.reachesTo, items.Offset());
+        return RC_BAD_DATA;
+    }
+    i64 nextOffset = 0;
+    TRecordHead next{};
+    if (items.PeekNext(head.size, &nextOffset, &next) && next.rev <= head.rev) {
+        LOG_ERROR_CODE(RC_BAD_DATA, kLogStorage,
+                       "Read rec with rev %I64d, but rev before it is %I64d, offset %I64d",
+                       i64{next.rev}, i64{head.rev}, nextOffset);
+        return RC_BAD_DATA;
+    }
+    return RC_OK;
 }
 
 u32 CSolidStorage::VisitItem(FileItems& items, const FileItem& item, FileItemVisitor visitor,

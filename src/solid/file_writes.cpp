@@ -23,6 +23,7 @@ u32 CSolidStorage::RollbackWrites() {
         return RC_NO_WRITER;
     }
     const u32 rc = m_writer->Rollback();
+    m_lastWrittenRev = 0;
     InvalidateReads();
     return rc;
 }
@@ -48,6 +49,7 @@ u32 CSolidStorage::WriteItems(u8* data, u32 size, TCommitBlock* commitBlock,
     // Read before the write: its notification may make the client place records over the block,
     // or write more, which must not be taken back here.
     const i64 commitRev = commitBlock != nullptr ? i64{commitBlock->commitRev} : lastFlushed;
+    m_lastWrittenRev = lastRevision;
     const u32 rc =
         m_writer->Write(data, size, commitBlock, memoryBlock, lastRevision, filePosition);
     if (rc == RC_OK && m_state.lastFlushedRev < commitRev) {

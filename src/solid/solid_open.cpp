@@ -157,6 +157,7 @@ bool CSolidStorage::Close() {
     m_lockHolder.Close();
     m_filePos = 0;
     m_inUse = false;
+    m_lastWrittenRev = 0;
     m_scanEnd = {};
     m_tailUnkept = false;
     if (ended) {

@@ -43,6 +43,9 @@ struct FileEnumRange {
     i64 toRev = 0;             // inclusive
     bool alsoCommits = false;  // visit commit blocks too
     i64 startOffset = 0;       // where an item begins; 0 for the file's first commit block
+    // Up to this file offset every record is at or below toRev, as the caller knows from where its
+    // blocks begin: one that is not is damaged. 0: nothing is known.
+    i64 reachesTo = 0;
 };
 
 // What a squeeze keeps of the file, and what else it shall do.
@@ -114,8 +117,9 @@ class CSolidStorage final : public IK9eReplLLStorage {
     // block. Records behind that one have been handed out too: the caller drops those above
     // GetFlushedRev. Faults in the file end the scan with a warning and are no error, unless there
     // is no commit block at all or, from the beginning, none before the first record
-    // (RC_FILE_CORRUPT). Errors also: RC_SYSTEM_ERROR, RC_NO_MEMORY, a callback's result; the
-    // write position then stays where it was.
+    // (RC_FILE_CORRUPT). Errors also: RC_SYSTEM_ERROR, RC_NO_MEMORY, RC_SHORT_READ when the system
+    // gives fewer bytes than the file has, a callback's result; the write position then stays where
+    // it was.
     // REQUIRES: startOffset is 0 or at least 1024.
     u32 ScanFileFrom(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb, i64 startOffset,
                      void* ctx);
@@ -129,7 +133,8 @@ class CSolidStorage final : public IK9eReplLLStorage {
 
     // Hands the committed records of `range` to `visitor`. *completed is false if and only if the
     // visitor stopped it, whose result is then returned. The visitor may use this object; what it
-    // writes is not enumerated.
+    // writes is not enumerated. A record above the range ends it, if that can be believed: else
+    // damage might hide records.
     // REQUIRES: range.startOffset is 0 or at least 1024.
     // Errors: RC_BAD_DATA, RC_FILE_CORRUPT, RC_SYSTEM_ERROR, RC_NO_MEMORY.
     u32 EnumFileRecs(const FileEnumRange& range, FileItemVisitor visitor, void* ctx,
@@ -210,6 +215,7 @@ class CSolidStorage final : public IK9eReplLLStorage {
     struct FileItem;
 
     u32 LookAtItem(FileItems& items, const FileEnumRange& range, FileItem* item);
+    u32 CheckRangeEnd(FileItems& items, const FileEnumRange& range, const TRecordHead& head);
 
     u32 OpenFile(const std::string& path, const char* connStr, FileUse use);
     u32 ReadSettings(const char* connStr);
@@ -281,6 +287,9 @@ class CSolidStorage final : public IK9eReplLLStorage {
     // The write position was placed by a load or a truncation, and what was committed may follow
     // it.
     bool m_inUse = false;
+    // Of what was last handed to the writer, else 0. In the middle of a flush it is above the last
+    // committed revision: the flush's records are in the file, its commit block may not be.
+    i64 m_lastWrittenRev = 0;
     // Changes when the file's items may lie elsewhere than before: a load, a truncation, a squeeze.
     u64 m_layoutGeneration = 0;
 

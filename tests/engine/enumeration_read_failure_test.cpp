@@ -2,6 +2,7 @@
 // code, the message, and the broken storage.
 #include <gtest/gtest.h>
 
+#include "engine/flush_fixture.h"
 #include "engine/load_fixture.h"
 #include "support/fault_injection.h"
 #include "support/file_bytes.h"
@@ -61,11 +62,50 @@ TEST_F(EnumerationOfADamagedFile, FailsAtARecordThatWasNeverCommitted) {
     ExpectFailure(RC_BAD_DATA, "Read uncommitted rec with rev 1000,last committed rev 20", 4);
 }
 
-TEST_F(EnumerationOfADamagedFile, EndsAtARecordAboveTheRange) {
+TEST_F(EnumerationOfADamagedFile, FailsAtARevisionAboveTheRangeThatWasNeverCommitted) {
     Patch(OffsetOf(4) + 8, 1000);
+    ExpectFailure(RC_BAD_DATA, "Read uncommitted rec with rev 1000,last committed rev 20", 4);
+}
+
+TEST_F(EnumerationOfADamagedFile, EndsAtTheRecordBehindTheRangeWhateverIsDamagedBehindIt) {
+    Patch(OffsetOf(8), 0x12345678);
+    EXPECT_EQ(RevsOf(m_storage.Records(2, 6)), RevRange(2, 6));
+    EXPECT_EQ(RevsOf(m_storage.Records(5, 5)), Revs({5}));
+}
+
+// The index leads the load past the damage, which only the enumeration then meets.
+TEST(EnumerationOfWhatTheIndexPassedOver, FailsAtARevisionAboveTheRange) {
+    const auto offsetOf = [](i64 rev) { return 1056 + (rev - 1) * (34 + 32); };
+    TestStorage storage(SmallCache(1));  // blocks of four such records
+    for (u32 n = 1; n <= 20; ++n) {
+        ASSERT_EQ(storage.Insert("ten bytes."), RC_OK);
+    }
+    storage.Reopen();  // which saves the index
+    storage.Close();
+    PatchBytes(storage.Path(), offsetOf(6) + 8, std::vector<u8>{19});
+    LogCapture log;
+    ASSERT_EQ(storage.TryOpenAndLoad(), RC_OK);
+    EXPECT_EQ(log.CountContaining("Index test passed"), 1U) << log;
     SeenRecords seen;
-    EXPECT_EQ(m_storage.Enumerate(&seen, 1, 19), RC_OK);
-    EXPECT_EQ(RevsOf(seen), Revs({1, 2, 3}));
+    EXPECT_EQ(storage.Enumerate(&seen), RC_BAD_DATA);
+    EXPECT_EQ(RevsOf(seen), RevRange(1, 5));
+    EXPECT_EQ(log.CodeOf("Read rec with rev 19, but revs up to 16 reach to offset " +
+                         std::to_string(offsetOf(17)) + ", offset " + std::to_string(offsetOf(6))),
+              RC_BAD_DATA)
+        << log;
+}
+
+// The record behind the range is in the file, but its commit block is being written.
+TEST(EnumerationInAFlush, EndsAtARecordOfTheFlush) {
+    Notified written;
+    TestStorage storage(SmallCache(1, "async_mode=no;"));
+    storage.InsertMany(5);
+    Revs seen;
+    written.Does([&](i64 rev) { seen = RevsOf(storage.Records(2, rev - 1)); });
+    written.SetAsOnWriteToFile(storage);
+    ASSERT_EQ(storage.Insert("six"), RC_OK);
+    EXPECT_EQ(seen, RevRange(2, 5));
+    written.Does({});
 }
 
 TEST_F(EnumerationOfADamagedFile, FailsAtASizeThatRunsPastTheData) {

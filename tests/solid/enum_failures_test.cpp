@@ -79,10 +79,42 @@ TEST_F(EnumFailure, AnUncommittedRecordIsBadData) {
     ExpectFailure(RC_BAD_DATA, "Read uncommitted rec with rev 4,last committed rev 3");
 }
 
-TEST_F(EnumFailure, AnUncommittedRecordAboveTheRangeOnlyEndsIt) {
+// A revision above the range ends it if that can be believed.
+TEST_F(EnumFailure, AnUncommittedRecordAboveTheRangeIsBadData) {
     Damage(8, 10);
-    EXPECT_EQ(EnumerateRevs(1, 9), RC_OK);
+    ExpectFailure(RC_BAD_DATA, "Read uncommitted rec with rev 10,last committed rev 3");
     EXPECT_EQ(m_items.size(), 2U);
+}
+
+TEST_F(EnumFailure, ARecordAboveTheRangeWithWrongSizesIsBadData) {
+    Damage(4, 30);
+    EXPECT_EQ(EnumerateRevs(1, 2), RC_BAD_DATA);
+    EXPECT_EQ(m_log.Texts(), Texts{"Wrong rec size 30, data size 5, offset 1142"});
+}
+
+TEST_F(EnumFailure, ARecordAboveTheRangeBeforeAPlaceThatTheRangeReachesIsBadData) {
+    EXPECT_EQ(Enumerate({.fromRev = 1, .toRev = 2, .reachesTo = 1142}), RC_OK);
+    EXPECT_EQ(Enumerate({.fromRev = 1, .toRev = 2, .reachesTo = 1143}), RC_BAD_DATA);
+    EXPECT_TRUE(m_completed);
+    EXPECT_EQ(m_items.size(), 2U);
+    EXPECT_EQ(
+        m_log.CodeOf("Read rec with rev 3, but revs up to 2 reach to offset 1143, offset 1142"),
+        RC_BAD_DATA)
+        << m_log;
+}
+
+TEST_F(EnumFailure, ARecordAboveTheRangeWithALowerOneBehindItIsBadData) {
+    OpenScanned(TwoTransactions().Record(4, "four").Record(5, "five").Commit(0, 5));
+    Damage(8, 5);
+    EXPECT_EQ(EnumerateRevs(1, 3), RC_BAD_DATA);
+    EXPECT_EQ(m_log.Texts(), Texts{"Read rec with rev 4, but rev before it is 5, offset 1203"});
+    EXPECT_EQ(m_items, (Items{"record 1 at 1056: one", "record 2 at 1083: two"}));
+}
+
+TEST_F(EnumFailure, AnythingElseBehindARecordAboveTheRangeDoesNotMatter) {
+    OpenScanned(TwoTransactions().Record(4, "four").Commit(0, 4));
+    PatchBytes(Path(), 1203, std::vector<u8>{1, 2, 3, 4});
+    EXPECT_EQ(Enumerated(1, 2).size(), 2U);
 }
 
 TEST_F(EnumFailure, AFileThatWasCutIsCorrupt) {
