@@ -186,7 +186,8 @@ K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageDuplicateHandle(void* handle, vo
  * the index thread and makes the storage ready for everything else. Once per handle.
  * Errors: RC_ALREADY when the storage is loaded, also after a flush that failed, RC_WRONG_STATE
  * when it is broken, which both change nothing; RC_FILE_CORRUPT, RC_SYSTEM_ERROR, RC_NO_MEMORY,
- * RC_INVALID_ARG without "file", after which it is not open and Load may be tried again. */
+ * RC_SHORT_READ when the system gives fewer bytes than the file has, RC_INVALID_ARG without "file",
+ * after which it is not open and Load may be tried again. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageLoad(void* handle);
 
 /* Throws the whole content away, in memory and in the file: the next revision is 1 again, life

@@ -76,8 +76,31 @@ FileScan::Step FileScan::Fill(u32 needed) {
     m_bufferOffset = m_offset;
     m_bufferLength = got;
     if (got < needed) {
+        if (i64{got} < toRead) {
+            if (Step step = CheckEnd(m_offset + got); step != Step::kNext) {
+                return step;
+            }
+        }
         LOG_WARNING(kLogStorage, "Couldn't read %P bytes at once", std::size_t{needed});
         return Step::kStop;
+    }
+    return Step::kNext;
+}
+
+// A read ended at `reached`, before the end of the file as it was known. If the file has bytes
+// there all the same, this is no end of the data: the next write would make the rest zero.
+FileScan::Step FileScan::CheckEnd(i64 reached) {
+    i64 size = 0;
+    if (!m_file.GetSize(&size)) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Cannot get file size;sys-err %r",
+                       LastSystemError());
+        return Fail(RC_SYSTEM_ERROR);
+    }
+    if (size > reached) {
+        LOG_ERROR_CODE(RC_SHORT_READ, kLogStorage,
+                       "Reading ended before the end of the file;offset %I64d,file size %I64d",
+                       reached, size);
+        return Fail(RC_SHORT_READ);
     }
     return Step::kNext;
 }
@@ -256,6 +279,7 @@ u32 CSolidStorage::TakeScanEnd(const FileScan::Result& result) {
     m_state.lastCommitSequence = result.lastSequence;
     m_state.clearRev = result.clearRev;
     m_state.lastFlushedRev = result.lastCommitted;
+    m_lastWrittenRev = 0;
     return RC_OK;
 }
 

@@ -59,7 +59,8 @@ class FileScan {
              const FileScanCallbacks& callbacks);
 
     // Scans from `startOffset`; `fromHint` says that it need not be the file's first commit block.
-    // Errors: RC_FILE_CORRUPT, RC_SYSTEM_ERROR, RC_NO_MEMORY, a callback's result.
+    // Errors: RC_FILE_CORRUPT, RC_SYSTEM_ERROR, RC_NO_MEMORY, RC_SHORT_READ when the system gives
+    // fewer bytes than the file has, a callback's result.
     u32 Run(i64 startOffset, bool fromHint);
 
     const Result& GetResult() const { return m_result; }
@@ -70,6 +71,7 @@ class FileScan {
 
     Step Need(u32 size);
     Step Fill(u32 needed);
+    Step CheckEnd(i64 reached);
     Step TakeItem();
     Step TakeRecord();
     Step TakeCommit();

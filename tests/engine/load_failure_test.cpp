@@ -91,6 +91,13 @@ TEST_F(LoadFailure, WhenTheLoadingPassCannotRead) {
     ExpectSecondAttemptSucceeds();
 }
 
+TEST_F(LoadFailure, WhenAReadEndsBeforeTheFileDoes) {
+    Open();
+    ShortRead(3, 3);
+    ExpectFailure(RC_SHORT_READ, "Failed to load solid storage rec");
+    ExpectSecondAttemptSucceeds();
+}
+
 TEST_F(LoadFailure, WhenTheLoadingPassFindsNoMemoryForItsBuffer) {
     Open();
     FailAlloc(1, 10'000'000);

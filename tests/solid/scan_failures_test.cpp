@@ -93,6 +93,33 @@ TEST_F(ScanFailure, AReadThatStaysShortIsFollowedByAnother) {
     EXPECT_EQ(Scanned(), TwoTransactionsItems());
 }
 
+TEST_F(ScanFailure, AReadThatEndsBeforeTheFileDoesIsNoEndOfTheData) {
+    ShortRead(1, 3);
+    EXPECT_EQ(Scan(), RC_SHORT_READ);
+    const std::string text = "Reading ended before the end of the file;offset 1027,file size 1211";
+    EXPECT_EQ(m_log.Texts(), Texts{text});
+    EXPECT_EQ(m_log.CodeOf(text), RC_SHORT_READ);
+    EXPECT_TRUE(m_items.empty());
+    ExpectWorksAgain();
+}
+
+TEST_F(ScanFailure, OfALaterReadThatEndsBeforeTheFileDoes) {
+    m_solid.Close();
+    Open(FileBuilder().NewFile().LargeRecord(1, 9'000'000).LargeRecord(2, 9'000'000).Commit(0, 2));
+    ShortRead(2, 5'000'000);
+    EXPECT_EQ(Scan(), RC_SHORT_READ);
+    EXPECT_EQ(Scanned().size(), 4U);
+}
+
+TEST_F(ScanFailure, OfTheLookAtTheSizeWhenAReadEndedEarly) {
+    ShortRead(1, 3);
+    FailFileSize(1);
+    EXPECT_EQ(Scan(), RC_SYSTEM_ERROR);
+    EXPECT_EQ(m_log.Texts(),
+              Texts{"Cannot get file size;" + SysErr(SystemErrorKind::kInputOutput)});
+    ExpectWorksAgain();
+}
+
 TEST_F(ScanFailure, AFileThatWasCutMeanwhileEndsTheDataThere) {
     ResizeFile(Path(), 1150);
     EXPECT_EQ(Scanned().back(), "commit 0 2");
