@@ -60,6 +60,15 @@ seconds_since() {
     printf '%d.%d' $((ms / 1000)) $((ms % 1000 / 100))
 }
 
+# share_of <end> <pieces>: how many seconds the next of so many pieces of work may take, so that all
+# of them end at <end> (seconds since 1970), "$jobs" at a time. What a piece does not use, or takes
+# too much, is divided among those behind it. Never below one second.
+share_of() {
+    awk -v left="$(($1 - $(date +%s)))" -v pieces="$2" -v jobs="$jobs" 'BEGIN {
+        share = left * jobs / (pieces + jobs - 1)
+        printf "%.1f", (share > 1 ? share : 1) }'
+}
+
 # free_mebibytes <folder>: the room on its file system.
 free_mebibytes() {
     df -Pm "$1" | awk 'NR == 2 { print $4 }'

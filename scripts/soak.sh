@@ -1,24 +1,27 @@
 #!/usr/bin/env bash
-# The long run of the reliability harness: every row for its share of the time, with a seed of its
-# own, then the fuzz targets where clang is there, then the planted bugs. Writes the numbers into
-# the scorecard of docs/reliability.md.
+# The long run of the reliability harness: the fuzz targets where clang is there, every row, with a
+# seed of its own, then the planted bugs. Writes the numbers into the scorecard of
+# docs/reliability.md. What it has to build comes on top of the minutes.
 #
-#   scripts/soak.sh [--minutes N] [--seed N] [--no-scorecard]     (default: 30 minutes, by date)
+#   scripts/soak.sh [--minutes N] [--seed N] [--no-scorecard] [--dry-run]
+#                                                             (default: 30 minutes, by date)
 #
-# Exit status: 0 when nothing failed. A failing case prints its seed and the command that replays
-# it; everything that was printed is in build/soak/.
+# --dry-run prints how the time would be divided. Exit status: 0 when nothing failed. A failing case
+# prints its seed and the command that replays it; everything that was printed is in build/soak/.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 minutes=30
 seed="$(date +%Y%m%d)"
 scorecard=yes
+dry=""
 while [ "$#" -gt 0 ]; do
     case "$1" in
         --minutes) minutes="${2:?--minutes wants a number}"; shift ;;
         --seed) seed="${2:?--seed wants a number}"; shift ;;
         --no-scorecard) scorecard=no ;;
-        -h | --help) sed -n '2,10s/^# \{0,1\}//p' "${BASH_SOURCE[0]}"; exit 0 ;;
+        --dry-run) dry=yes ;;
+        -h | --help) check_options "" --help ;;
         *)
             echo "soak.sh: unknown option '$1'; --help tells" >&2
             exit 2
@@ -39,46 +42,63 @@ build release reliability_run
 run="$root/build/release/bin/reliability_run"
 out="$root/build/soak"
 document="$root/docs/reliability.md"
-rm -rf "$out"
-mkdir -p "$out"
-
-fuzz_targets=()
-if "$root/scripts/fuzz.sh" --build >"$out/fuzz-build.log" 2>&1; then
-    mapfile -t fuzz_targets < <("$root/scripts/fuzz.sh" --list)
-fi
 mapfile -t rows < <("$run" --list | cut -d ' ' -f 1)
+mapfile -t fuzz_targets < <("$root/scripts/fuzz.sh" --list)
 
-# Every row and every fuzz target gets the same share of what the cores have.
-share="$(awk -v m="$minutes" -v j="$jobs" -v n="$((${#rows[@]} + ${#fuzz_targets[@]}))" \
-    'BEGIN { printf "%.3f", m * j / n }')"
-echo "soak.sh: ${#rows[@]} rows and ${#fuzz_targets[@]} fuzz targets, $share minutes each," \
-    "seed $seed"
-
-# one_row <row>: its summary is the last line of its file.
-one_row() {
-    "$run" --row "$1" --minutes "$share" --seed "$seed" >"$out/$1.txt" 2>&1 ||
-        echo "soak.sh: $1 failed; see $out/$1.txt" | tee -a "$out/failed" >&2
-    tail -n 1 "$out/$1.txt"
+# A quarter of the time is the planted bugs'; every row and every fuzz target gets the same share of
+# what the cores have in the rest. Rows keep their time to the second, so they come last.
+bugs_minutes="$(awk -v m="$minutes" 'BEGIN { printf "%.2f", m / 4 }')"
+main_seconds=$((minutes * 60 * 3 / 4))
+plan() {
+    pieces=$((${#rows[@]} + ${#fuzz_targets[@]}))
+    main_end=$(($(date +%s) + main_seconds))
+    echo "soak.sh: ${#fuzz_targets[@]} fuzz targets and ${#rows[@]} rows in $main_seconds s, about" \
+        "$(share_of "$main_end" "$pieces") s each; then planted bugs for $bugs_minutes minutes;" \
+        "seed $seed"
 }
 
-# one_target <fuzz target>
+if [ -n "$dry" ]; then
+    plan
+    exit 0
+fi
+rm -rf "$out"
+mkdir -p "$out"
+if ! "$root/scripts/fuzz.sh" --build >"$out/fuzz-build.log" 2>&1; then
+    echo "soak.sh: goes without the fuzz targets: no build; see $out/fuzz-build.log" >&2
+    fuzz_targets=()
+fi
+plan
+
+# one_row <seconds> <row>: its summary is the last line of its file.
+one_row() {
+    "$run" --row "$2" --minutes "$(awk -v s="$1" 'BEGIN { printf "%.3f", s / 60 }')" \
+        --seed "$seed" >"$out/$2.txt" 2>&1 ||
+        echo "soak.sh: $2 failed; see $out/$2.txt" | tee -a "$out/failed" >&2
+    tail -n 1 "$out/$2.txt"
+}
+
+# one_target <seconds> <fuzz target>
 one_target() {
-    local seconds
-    seconds="$(awk -v m="$share" 'BEGIN { printf "%d", m * 60 + 1 }')"
-    "$root/scripts/fuzz.sh" --seconds "$seconds" "$1" >"$out/fuzz-$1.txt" 2>&1 ||
-        echo "soak.sh: fuzz target $1 failed; see $out/fuzz-$1.txt" | tee -a "$out/failed" >&2
-    echo "fuzz $1: $(grep -ao 'stat::number_of_executed_units: *[0-9]*' "$out/fuzz-$1.txt" |
+    "$root/scripts/fuzz.sh" --seconds "${1%.*}" "$2" >"$out/fuzz-$2.txt" 2>&1 ||
+        echo "soak.sh: fuzz target $2 failed; see $out/fuzz-$2.txt" | tee -a "$out/failed" >&2
+    echo "fuzz $2: $(grep -ao 'stat::number_of_executed_units: *[0-9]*' "$out/fuzz-$2.txt" |
         grep -o '[0-9]*$' || echo 0) runs"
 }
 
-export -f one_row one_target
-export run out share seed root
-printf '%s\n' "${rows[@]}" | xargs -P "$jobs" -I{} bash -c 'one_row "$1"' _ {}
-if [ "${#fuzz_targets[@]}" -gt 0 ]; then
-    printf '%s\n' "${fuzz_targets[@]}" | xargs -P "$jobs" -I{} bash -c 'one_target "$1"' _ {} |
-        tee "$out/fuzz.txt"
-fi
-"$root/scripts/sabotage.sh" | tee "$out/sabotage.txt" | tail -n 1 || touch "$out/failed"
+# one_piece <place> <function> <name>
+one_piece() {
+    "$2" "$(share_of "$main_end" $((pieces - $1 + 1)))" "$3"
+}
+
+export -f one_row one_target one_piece share_of
+export run out seed root jobs pieces main_end
+{
+    [ "${#fuzz_targets[@]}" -eq 0 ] || printf 'one_target %s\n' "${fuzz_targets[@]}"
+    printf 'one_row %s\n' "${rows[@]}"
+} | awk '{ print NR, $0 }' | xargs -P "$jobs" -L 1 bash -c 'one_piece "$@"' _ | tee "$out/all.txt"
+grep '^fuzz ' "$out/all.txt" >"$out/fuzz.txt" || true
+"$root/scripts/sabotage.sh" --minutes "$bugs_minutes" | tee "$out/sabotage.txt" | tail -n 1 ||
+    touch "$out/failed"
 
 # row_line <row>: a line of the scorecard, from "row: N cases, N failed, N this, N that; ...".
 row_line() {
@@ -110,8 +130,9 @@ table() {
             print "| `fuzz " target "` | coverage-guided input, sanitizers on | " $3 " | 0 | |" }' \
             "$out/fuzz.txt"
     done
-    awk '/^planted bugs:/ { print "| `sabotage` | planted durability bugs | " $3 + $5 " | " $5 \
-        " | " $3 " caught |" }' "$out/sabotage.txt"
+    awk '/^planted bugs:/ {
+        print "| `sabotage` | planted durability bugs | " $3 + $5 + $7 + $10 " | " $5 + $7 " | " \
+            $3 " caught, " $10 " not decided in the time |" }' "$out/sabotage.txt"
 }
 
 if [ "$scorecard" = yes ]; then
