@@ -1,13 +1,20 @@
-// Counting and reporting; see the header.
+// Counting, reporting, and a watch over cases that crash or hang; see the header.
 #include "reliability/row_run.h"
 
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <fstream>
-
-#include "reliability/watchdog.h"
+#include <mutex>
+#include <string>
+#include <thread>
 
 namespace k9erepl::reliability {
 
@@ -26,6 +33,69 @@ std::vector<Row>& Table() {
 double SecondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
+
+constexpr std::chrono::seconds kLongest{120};
+constexpr std::array kFatal = {SIGSEGV, SIGABRT, SIGFPE, SIGILL};
+
+// A handler may look at nothing else.
+std::array<char, 400> g_command{};
+
+[[noreturn]] void Tell(const char* what) {
+    (void)std::fprintf(stderr, "\n%s in:\n  %s\n", what, g_command.data());
+    (void)std::fflush(stderr);
+    std::_Exit(3);
+}
+
+extern "C" void OnSignal(int /*number*/) {
+    Tell("CRASHED");
+}
+
+// While it lives a fatal signal, or a case that takes longer than two minutes, prints the command
+// that replays the case, and ends the process. One at a time.
+class Watchdog {
+  public:
+    Watchdog() : m_thread([this] { Watch(); }) {
+        for (const int number : kFatal) {
+            (void)std::signal(number, &OnSignal);
+        }
+    }
+    ~Watchdog() {
+        {
+            const std::lock_guard lock(m_mutex);
+            m_end = true;
+        }
+        m_ended.notify_all();
+        m_thread.join();
+        for (const int number : kFatal) {
+            (void)std::signal(number, SIG_DFL);
+        }
+    }
+    Watchdog(const Watchdog&) = delete;
+    Watchdog& operator=(const Watchdog&) = delete;
+
+    void Running(const std::string& command) {
+        std::strncpy(g_command.data(), command.c_str(), g_command.size() - 1);
+        ++m_case;
+    }
+
+  private:
+    void Watch() {
+        std::unique_lock lock(m_mutex);
+        unsigned before = m_case;
+        while (!m_ended.wait_for(lock, kLongest, [this] { return m_end; })) {
+            if (m_case == before) {
+                Tell("HANGS");
+            }
+            before = m_case;
+        }
+    }
+
+    std::atomic<unsigned> m_case{0};
+    std::mutex m_mutex;
+    std::condition_variable m_ended;
+    bool m_end = false;  // guarded by m_mutex
+    std::thread m_thread;
+};
 
 class Runner final : public GroupRun {
   public:
