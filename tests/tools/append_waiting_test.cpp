@@ -36,11 +36,7 @@ class ToolAppendWaiting : public ToolTest {
     }
 
     // What a second process reads while the first one has the storage open.
-    std::string CatBeside() {
-        return Run({"cat", "--conn",
-                    "file=" + StorageFile() + ";cache_type=AllInMem;flush_mode=NoFlush"})
-            .out;
-    }
+    std::string CatBeside() { return Run({"cat", "--conn", "file=" + StorageFile()}).out; }
     bool WaitUntilReadable(const std::string& text) {
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
         while (std::chrono::steady_clock::now() < deadline) {

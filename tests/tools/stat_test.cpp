@@ -1,4 +1,5 @@
 // What stat tells of a storage.
+#include <filesystem>
 #include <string>
 
 #include "tools/tool_fixture.h"
@@ -31,6 +32,8 @@ TEST_F(ToolStat, TellsRevisionsSizesAndBlocks) {
     }
     const std::string settings = "block_size=138";
     ASSERT_EQ(Run({"append", "--create", "--conn", Conn(settings)}, lines).exitStatus, 0);
+    // The load of a command that may write lists all blocks in the index.
+    ASSERT_EQ(Run({"append", "--conn", Conn(settings)}).exitStatus, 0);
     EXPECT_EQ(Stat("nextRev", settings), "6");
     EXPECT_EQ(Stat("oldestRev", settings), "1");
     EXPECT_EQ(Stat("fileSize", settings), std::to_string(1056 + 5 * 124 + 32));
@@ -50,9 +53,25 @@ TEST_F(ToolStat, JsonIsOneObject) {
 TEST_F(ToolStat, FindsTheIndexFileWhereTheSettingsPutIt) {
     const std::string conn = "file = " + StorageFile() + ", index_file=" + File("side.idx");
     ASSERT_EQ(Run({"append", "--create", "--conn", conn}, "x\n").exitStatus, 0);
+    ASSERT_EQ(Run({"append", "--conn", conn}).exitStatus, 0);  // lists the block in the index
     EXPECT_NE(Run({"stat", "--conn", conn}).out.find("index file size      48\n"),
               std::string::npos);
     EXPECT_FALSE(Exists(StorageFile() + "-idx"));
+}
+
+TEST_F(ToolStat, LooksBesideAWriterAndWritesNothing) {
+    ASSERT_EQ(Append("one\n").exitStatus, 0);
+    std::filesystem::remove(StorageFile() + "-idx");
+    ChildOptions options = PipedOptions({"append", "--conn", Conn(), "--ack"});
+    options.outputPath.clear();
+    ChildProcess writer(options);
+    writer.Write("two\n");
+    char ack[2];
+    ASSERT_EQ(writer.Read(ack, sizeof ack, 60000), 2U);
+    EXPECT_EQ(Stat("nextRev"), "3");
+    EXPECT_EQ(Cat(), "one\ntwo\n");
+    writer.Kill();
+    writer.Wait();
 }
 
 TEST_F(ToolStat, TellsAStorageInMemory) {

@@ -115,7 +115,7 @@ TEST_F(ToolVerify, AgreesWithALoadAboutEveryDamagedByte) {
         WriteBytes(StorageFile(), bytes);
         const int exitStatus = Verify().exitStatus;
         std::filesystem::remove(StorageFile() + "-idx");
-        EXPECT_EQ(Run({"stat", "--conn", Conn()}).exitStatus, 0);
+        EXPECT_EQ(Append("").exitStatus == kDamaged, exitStatus == kDamaged) << at;
         EXPECT_EQ(exitStatus == kDamaged, Exists(StorageFile() + ".damaged-tail")) << at;
         std::filesystem::remove(StorageFile() + ".damaged-tail");
     }
@@ -146,6 +146,15 @@ TEST_F(ToolVerify, RefusesWhatIsNoStorage) {
     WriteText(StorageFile(), std::string(2000, 'x'));
     ExpectFailure("is no storage: it has another signature");
     ASSERT_EQ(Run({"truncate", "--yes", "--conn", Conn()}).exitStatus, 1);
+}
+
+TEST_F(ToolVerify, AFileMayEndWithItsFirstCommitBlock) {
+    ASSERT_EQ(Append("").exitStatus, 0);
+    ResizeFile(StorageFile(), kFirstRun);
+    EXPECT_EQ(Verify().out, Begin("sound", 0, 0, 1) + "end of the data      1056\n");
+    EXPECT_EQ(Cat(), "");
+    ResizeFile(StorageFile(), kFirstRun - 1);
+    ExpectFailure("cannot be loaded: it has no first commit block");
 }
 
 TEST_F(ToolVerify, RefusesWhatCannotBeLoaded) {

@@ -79,6 +79,7 @@ class AppendRun {
           m_transactions(m_storage, m_stored, options.perTrans,
                          std::chrono::milliseconds(options.commitAfterMs)) {
         m_storage.RequireFile("appended to");
+        RefuseDamage(options.acceptDamage);
         m_stored.Watch(m_storage);
         if (options.ack) {
             m_acks.emplace(m_stored.Get());
@@ -105,6 +106,20 @@ class AppendRun {
     }
 
   private:
+    // What is appended takes the place of what lies behind the damage.
+    void RefuseDamage(bool accept) const {
+        const auto damage = m_storage.TakeDamage();
+        if (!damage) {
+            return;
+        }
+        const std::string told = Describe(*damage, m_storage.Path());
+        if (!accept) {
+            throw ToolError(told + "; nothing was appended: --accept-damage allows it",
+                            kExitDamaged);
+        }
+        PrintMessage(fmt::format("k9repl append: note: {}\n", told));
+    }
+
     InputState AppendAll(RecordReader& reader) {
         std::string_view data;
         for (;;) {

@@ -13,6 +13,7 @@ struct AppendOptions {
     bool lengthPrefixed = false;
     bool create = false;
     bool ack = false;
+    bool acceptDamage = false;  // append behind damage in the middle of the file
     std::uint32_t perTrans = 100;
     std::uint32_t commitAfterMs = 1000;
 };

@@ -59,6 +59,9 @@ int RunCat(const CatOptions& options) {
     if (!output.ReaderIsGone()) {
         storage.Check(code, "read");
     }
+    if (const auto damage = storage.TakeDamage()) {
+        throw ToolError(Describe(*damage, storage.Path()) + " and are not printed", kExitDamaged);
+    }
     return kExitSuccess;
 }
 

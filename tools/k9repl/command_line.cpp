@@ -118,6 +118,9 @@ CLI::App* AddAppend(CLI::App& app, AppendOptions& options) {
         ->type_name("MS")
         ->default_str(std::to_string(options.commitAfterMs));
     command->add_flag("--ack", options.ack, "Print each revision on a line once it is stored");
+    command->add_flag(
+        "--accept-damage", options.acceptDamage,
+        "Append to a file that is damaged in the middle, behind its last good record");
     command->add_flag("--create", options.create, "Make the storage when it is not there");
     command->footer(kAppendFooter);
     return command;

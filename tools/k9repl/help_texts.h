@@ -16,8 +16,6 @@ A storage is named and configured by a connection string, items KEY=VALUE separa
   flush_mode=PerTrans;flush_trans_num=N
                             transactions a flush (default 10)
   force_flush=yes           each flush reaches the disk, not only the system (default no)
-  cache_type=AllInMem;flush_mode=NoFlush;file=PATH
-                            only looks: reads the file into memory and writes nothing
 docs/configuration.md has all of them. Put the string in quotes: a shell splits it at ';'. A key or
 word that is unknown, given twice or without effect is refused (status 2).
 
@@ -29,8 +27,9 @@ Examples:
   k9repl clear --conn 'file=/tmp/log.edb' --to 15 --mode squeeze-backup
   k9repl COMMAND --help
 
-Exit status: 0 success, 1 failure, 2 wrong command line, 128+N interrupted by signal N; verify has
-more of its own. A reader that goes away (k9repl cat ... | head) is no failure.
+Exit status: 0 success, 1 failure, 2 wrong command line, 4 the storage file is damaged in the middle
+(append, cat, stat, verify), 128+N interrupted by signal N; verify also has 3. A reader that goes
+away (k9repl cat ... | head) is no failure.
 The cause of a failure is told on standard error. K9SYS_LOG=info prints the library's log there.)";
 
 inline constexpr const char* kAppendHelp = "Appends records from a file or a pipe to a storage";
@@ -50,6 +49,10 @@ It survives a power cut, too, with force_flush=yes or write_through=yes: then it
 With async_mode=yes only write_through=yes does that; force_flush acts once, at the end. When
 nobody reads the lines any more, the records are appended all the same.
 
+Where the file is damaged in the middle, nothing is appended, and the status is 4: the new records
+would take the place of those behind the damage. --accept-damage appends behind the last good
+record. What lies behind the damage is then only in PATH.damaged-tail; see k9repl verify --help.
+
 On SIGINT, SIGTERM or SIGHUP the records read so far are committed and the storage is closed.
 After a failure the records before it are committed, and the message tells the last revision that
 is safely stored: what that means is what it means for --ack.
@@ -64,6 +67,10 @@ Examples:
 inline constexpr const char* kCatHelp = "Prints the records of a storage in the order of revisions";
 
 inline constexpr const char* kCatFooter = R"(
+Nothing is written: a file that may only be read will do, and another process may append meanwhile.
+Where the load of a damaged file ends early, the records before the damage are printed, a line on
+standard error says so, and the status is 4.
+
 Formats:
   lines            the data and a newline
   raw              the data, nothing between records
@@ -74,7 +81,7 @@ Formats:
 Examples:
   k9repl cat --conn 'file=log.edb'
   k9repl cat --conn 'file=log.edb' --from 100 --to 199 --format json
-  k9repl cat --conn 'cache_type=AllInMem;flush_mode=NoFlush;file=log.edb' | sha256sum)";
+  k9repl cat --conn 'file=log.edb' --format raw | sha256sum)";
 
 inline constexpr const char* kStatHelp =
     "Prints revisions, marks, file sizes and the number of blocks";
@@ -83,7 +90,9 @@ inline constexpr const char* kStatFooter = R"(
 "next revision" is the one that the next record gets, "oldest revision" that of the first record
 that is still served. "none" stands for what does not exist. A ".backup" and a ".temporary" that
 a squeeze has left beside the storage are told with their sizes; see k9repl clear --help. So is a
-".damaged-tail", which a load has kept of a damaged file; see k9repl verify --help.
+".damaged-tail", which a load has kept of a damaged file; see k9repl verify --help. Nothing is
+written. The heads of the whole file are read, so damage in the middle is found, too, where an index
+lets a load pass over it: the status is 4 then.
 
 Examples:
   k9repl stat --conn 'file=log.edb'

@@ -103,6 +103,19 @@ std::string LibraryLog::TakeCauseOf(std::uint32_t code) {
     return cause == messages.end() ? std::string() : Readable(cause->text);
 }
 
+std::optional<LibraryMessage> LibraryLog::TakeBeginningWith(std::string_view begin) {
+    const std::lock_guard guard(m_mutex);
+    const auto found = std::find_if(m_messages.begin(), m_messages.end(), [&](const auto& message) {
+        return message.text.starts_with(begin);
+    });
+    if (found == m_messages.end()) {
+        return std::nullopt;
+    }
+    const LibraryMessage message = *found;
+    m_messages.erase(found);
+    return message;
+}
+
 std::optional<LibraryMessage> LibraryLog::TakeFirst() {
     const std::lock_guard guard(m_mutex);
     const std::vector<LibraryMessage> messages = std::exchange(m_messages, {});

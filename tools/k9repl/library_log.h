@@ -37,6 +37,12 @@ class LibraryLog {
     // none. Forgets everything caught so far.
     std::string TakeCauseOf(std::uint32_t code);
 
+    // False when the user steers the log: nothing is known of what the library said.
+    bool IsCatching() const { return m_catching; }
+
+    // Takes the first message caught that begins with `begin` and leaves the others.
+    std::optional<LibraryMessage> TakeBeginningWith(std::string_view begin);
+
     // The first message caught. Forgets everything caught so far.
     std::optional<LibraryMessage> TakeFirst();
 

@@ -1,6 +1,8 @@
 // The stat command: asks the storage and its files, prints one fact a line or one JSON object.
 #include "stat_command.h"
 
+#include <fmt/format.h>
+
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -9,6 +11,7 @@
 
 #include "conn_string.h"
 #include "index_facts.h"
+#include "library_log.h"
 #include "output.h"
 #include "squeeze_files.h"
 #include "storage_facts.h"
@@ -37,6 +40,22 @@ void AddFileBeside(std::vector<Fact>& facts, const std::optional<FileBeside>& fi
     if (file) {
         facts.push_back({pathNames.first, pathNames.second, file->path});
         facts.push_back({sizeNames.first, sizeNames.second, file->size});
+    }
+}
+
+// Unlike a load, it does not take an index's word for what lies before. The line that it throws
+// tells of damage that the load has met, too.
+std::optional<FileDamage> LookAtWholeFile(const StorageHandle& storage) {
+    (void)LibraryLog::Instance().TakeBeginningWith(kDamageMessage);
+    return FileSize(storage.Path()) ? FindDamage(storage.Path()) : std::nullopt;
+}
+
+void AddDamage(std::vector<Fact>& facts, const std::optional<FileDamage>& damage) {
+    if (damage) {
+        facts.push_back({"damage at offset", "damageOffset", damage->offset});
+        facts.push_back({"last good revision", "lastGoodRev", damage->lastRev});
+        facts.push_back({"revisions beyond", "beyond",
+                         fmt::format("{} to {}", damage->beyondFrom, damage->beyondTo)});
     }
 }
 
@@ -90,10 +109,15 @@ std::string AsText(const std::vector<Fact>& facts) {
 
 int RunStat(const StatOptions& options) {
     const StorageHandle storage(options.conn, Access::kRead);
-    const std::vector<Fact> facts = Gather(storage, options.conn);
+    std::vector<Fact> facts = Gather(storage, options.conn);
+    const std::optional<FileDamage> damage = LookAtWholeFile(storage);
+    AddDamage(facts, damage);
     Output output(OnInterrupt::kStop);
     output.Write(options.json ? AsJson(facts) : AsText(facts));
     output.Finish();
+    if (damage) {
+        throw ToolError(Describe(*damage, storage.Path()), kExitDamaged);
+    }
     return kExitSuccess;
 }
 

@@ -1,6 +1,8 @@
 // The walk over a storage file; see the header.
 #include "storage_check.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -26,7 +28,6 @@ using k9erepl::TRecordHead;
 
 constexpr std::uint64_t kWindowSize = std::uint64_t{1024} * 1024;
 constexpr std::uint32_t kRecordSizeMax = 10 * 1024 * 1024;
-constexpr std::uint64_t kLoadableSize = k9erepl::kFirstItemOffset + kSignatureSize;
 
 // The file's bytes, of which it holds a window.
 class FileBytes {
@@ -213,6 +214,24 @@ bool FindBeyond(FileBytes& file, const k9erepl::LastGoodCommit& last, StorageChe
 
 }  // namespace
 
+std::optional<FileDamage> FindDamage(const std::string& path) {
+    const StorageCheck check = CheckStorageFile(path);
+    if (check.state != StorageState::kDamaged) {
+        return std::nullopt;
+    }
+    return FileDamage{.offset = check.stopOffset,
+                      .lastRev = check.lastRev,
+                      .beyondFrom = check.beyondFrom,
+                      .beyondTo = check.beyondTo};
+}
+
+std::string Describe(const FileDamage& damage, const std::string& path) {
+    return fmt::format(
+        "the storage file '{}' is damaged in the middle, at offset {}, behind revision {}; "
+        "revisions {} to {} lie behind the damage",
+        path, damage.offset, damage.lastRev, damage.beyondFrom, damage.beyondTo);
+}
+
 std::uint64_t SqueezedSize(const std::string& path, std::int64_t keptFrom) {
     try {
         FileBytes file(path);
@@ -227,14 +246,16 @@ std::uint64_t SqueezedSize(const std::string& path, std::int64_t keptFrom) {
     }
 }
 
-StorageCheck CheckStorageFile(const std::string& path) {
+namespace {
+
+StorageCheck CheckOnce(const std::string& path) {
     FileBytes file(path);
     RequireStorage(file);
     StorageCheck check;
     check.fileSize = file.Size();
     Walk walk(file, check);
     walk.Run();
-    if (check.commitBlocks == 0 || file.Size() < kLoadableSize) {
+    if (check.commitBlocks == 0) {
         throw ToolError(file.Name() + " cannot be loaded: it has no first commit block");
     }
     check.abandonedBytes = BytesInUse(file, check.dataEnd);
@@ -244,6 +265,14 @@ StorageCheck CheckStorageFile(const std::string& path) {
         check.state = StorageState::kTorn;
     }
     return check;
+}
+
+}  // namespace
+
+// Half of a head that another process is writing looks like damage, but not for long.
+StorageCheck CheckStorageFile(const std::string& path) {
+    const StorageCheck check = CheckOnce(path);
+    return check.state == StorageState::kDamaged ? CheckOnce(path) : check;
 }
 
 }  // namespace k9repl

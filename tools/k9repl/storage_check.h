@@ -1,6 +1,6 @@
 // Reads a storage file from its first byte to its last and judges it by the rules of its format
-// (docs/storage-file.md), without the library: the file is opened for reading only. Used by verify,
-// and by clear before a squeeze.
+// (docs/storage-file.md), without the library: the file is opened for reading only. Used by verify
+// and stat, and by clear before a squeeze.
 #ifndef K9EREPL_K9REPL_STORAGE_CHECK_H
 #define K9EREPL_K9REPL_STORAGE_CHECK_H
 
@@ -30,6 +30,21 @@ struct StorageCheck {
     std::int64_t beyondFrom = 0;
     std::int64_t beyondTo = 0;
 };
+
+// Damage in the middle of a storage file, in figures.
+struct FileDamage {
+    std::uint64_t offset = 0;  // of the first item that breaks a rule
+    std::int64_t lastRev = 0;  // of the last good commit block
+    // Of the revisions found beyond, within 10 MiB.
+    std::int64_t beyondFrom = 0;
+    std::int64_t beyondTo = 0;
+};
+
+// What the whole file shows, parts that an index passes over included. Throws as CheckStorageFile.
+std::optional<FileDamage> FindDamage(const std::string& path);
+
+// "the storage file 'data.edb' is damaged in the middle, at offset 1114, ..."; without a full stop.
+std::string Describe(const FileDamage& damage, const std::string& path);
 
 // The size in bytes that a squeeze leaves of the file when `keptFrom` is the first revision that is
 // kept: reads the heads of the whole file. 0 where there is nothing to squeeze out, or where the

@@ -5,6 +5,7 @@
 
 #include <cassert>
 #include <filesystem>
+#include <regex>
 #include <system_error>
 #include <utility>
 
@@ -39,8 +40,13 @@ void ExplainMissingFile(const std::string& path, std::uint32_t code) {
     throw ToolError(fmt::format("{} ({})", sentence, DescribeResult(code)));
 }
 
-// `conn` with blocks that every record fits into. The first item with a key wins. Fewer of them
-// are kept in memory, unless `conn` says how many.
+// The first item with a key wins.
+std::string ReadOnly(const std::string& conn) {
+    return ConnValue(conn, "flush_mode") == "NoFlush" ? conn : "read_only=yes;" + conn;
+}
+
+// `conn` with blocks that every record fits into. Fewer of them are kept in memory, unless `conn`
+// says how many.
 std::string WithLargeBlocks(const std::string& conn) {
     const std::string fewer = ConnValue(conn, "cache_type").empty() ? "cache_type=Last10;" : "";
     return fmt::format("block_size={};{}{}", kFileRecordSizeMax, fewer, conn);
@@ -69,8 +75,9 @@ void CreateStorage(const std::string& conn) {
     }
 }
 
-StorageHandle::StorageHandle(const std::string& conn, Access access)
-    : m_path(StoragePath(conn)), m_name(NameOf(m_path)) {
+StorageHandle::StorageHandle(const std::string& given, Access access)
+    : m_path(StoragePath(given)), m_name(NameOf(m_path)) {
+    const std::string conn = access == Access::kRead ? ReadOnly(given) : given;
     Open(conn);
     std::uint32_t code = Load();
     if (code == RC_INVALID_ARG && access == Access::kRead) {
@@ -122,6 +129,25 @@ std::int64_t StorageHandle::NextRev() const {
     std::int64_t nextRev = 0;
     Check(K9eReplStorageGetNextRev(m_handle, &nextRev), "ask the next revision of");
     return nextRev;
+}
+
+// The library tells of damage in its log alone. Where that goes elsewhere, the file is looked at.
+std::optional<FileDamage> StorageHandle::TakeDamage() const {
+    if (!LibraryLog::Instance().IsCatching()) {
+        return m_path.empty() || IsMissing(m_path) ? std::nullopt : FindDamage(m_path);
+    }
+    const auto message = LibraryLog::Instance().TakeBeginningWith(kDamageMessage);
+    static const std::regex kFigures(
+        ";offset ([0-9]+),last good rev ([0-9]+),revs beyond "
+        "([0-9]+)-([0-9]+)");
+    std::smatch found;
+    if (!message || !std::regex_search(message->text, found, kFigures)) {
+        return std::nullopt;
+    }
+    return FileDamage{.offset = std::stoull(found[1]),
+                      .lastRev = std::stoll(found[2]),
+                      .beyondFrom = std::stoll(found[3]),
+                      .beyondTo = std::stoll(found[4])};
 }
 
 void StorageHandle::Check(std::uint32_t code, const std::string& action) const {

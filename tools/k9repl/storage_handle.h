@@ -6,7 +6,10 @@
 #include <k9erepl/storage.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
+
+#include "storage_check.h"
 
 namespace k9repl {
 
@@ -14,9 +17,14 @@ namespace k9repl {
 // backup of the missing file waits to be put in its place.
 void CreateStorage(const std::string& conn);
 
+// How the library's message about damage in the middle of a file begins.
+inline constexpr const char* kDamageMessage = "Damage in the middle of file";
+
 enum class Access {
     kWrite,
-    kRead,  // with blocks as large as the file's records need, whatever block_size says
+    // With read_only=yes, and with blocks as large as the file's records need, whatever block_size
+    // says. flush_mode=NoFlush reads without writing by itself, and stays as it is.
+    kRead,
 };
 
 class StorageHandle {
@@ -37,6 +45,9 @@ class StorageHandle {
     // Throws "nothing DONE the storage would be kept" when there is no file that is written.
     void RequireFile(const std::string& done) const;
     std::int64_t NextRev() const;
+
+    // The damage in the middle of the file that the load met, if it did. Throws ToolError.
+    std::optional<FileDamage> TakeDamage() const;
 
     // Throws "cannot ACTION the storage 'data.edb': ..." unless `code` is RC_OK.
     void Check(std::uint32_t code, const std::string& action) const;

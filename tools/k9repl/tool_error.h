@@ -14,6 +14,7 @@ namespace k9repl {
 inline constexpr int kExitSuccess = 0;
 inline constexpr int kExitFailure = 1;
 inline constexpr int kExitUsage = 2;
+inline constexpr int kExitDamaged = 4;  // the storage file is damaged in the middle
 inline constexpr int kExitSignalBase = 128;
 
 // what() is one sentence without the tool's name and without a full stop.

@@ -51,6 +51,10 @@ std::string AsJson(const std::string& path, const StorageCheck& check) {
         json["beyondFrom"] = check.beyondFrom;
         json["beyondTo"] = check.beyondTo;
     }
+    if (const auto tail = FindDamagedTail(path)) {
+        json["damagedTailFile"] = tail->path;
+        json["damagedTailSize"] = tail->size;
+    }
     // A path need not be UTF-8.
     return json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + '\n';
 }
@@ -69,6 +73,9 @@ std::string AsText(const std::string& path, const StorageCheck& check) {
     if (check.state == StorageState::kDamaged) {
         text +=
             FactLine("revisions beyond", fmt::format("{} to {}", check.beyondFrom, check.beyondTo));
+    }
+    if (const auto tail = FindDamagedTail(path)) {
+        text += FactLine("damaged tail", Describe(*tail));
     }
     return text;
 }

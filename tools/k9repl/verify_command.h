@@ -6,9 +6,8 @@
 
 namespace k9repl {
 
-// Exit statuses of its own, besides those of every command.
+// An exit status of its own, besides those of every command.
 inline constexpr int kExitTornEnd = 3;
-inline constexpr int kExitDamaged = 4;
 
 struct VerifyOptions {
     std::string conn;
