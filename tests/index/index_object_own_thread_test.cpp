@@ -10,35 +10,36 @@
 namespace k9erepl::test {
 namespace {
 
-// Says when the thread that has made it has come to its very end.
-class ThreadEnd {
-  public:
-    explicit ThreadEnd(std::atomic<bool>& reached) : m_reached(reached) {}
-    ~ThreadEnd() { m_reached = true; }
-    ThreadEnd(const ThreadEnd&) = delete;
-    ThreadEnd& operator=(const ThreadEnd&) = delete;
-
-  private:
-    std::atomic<bool>& m_reached;
-};
-
-std::atomic<bool> g_threadHasEnded{false};
+// Memory blocks given back since the fixture began.
+std::atomic<u32> g_freed{0};
+// Whether the next idle call has work to do. It outlives every thread of these tests.
+std::atomic<bool> g_hasWork{false};
 
 class IndexThreadItself : public IndexObjectTest {
   protected:
+    IndexThreadItself() {
+        g_freed = 0;
+        platform::TheSystemCalls().freeMemory = [](void* memory) {
+            platform::NativeSystemCalls().freeMemory(memory);
+            ++g_freed;
+        };
+    }
+    // A thread that stopped itself makes its last system call when it frees the image.
+    static void WaitForTheEnd() {
+        ASSERT_TRUE(WaitFor([] { return g_freed != 0; }));
+    }
     // Runs `work` in the first idle call after the start, and waits until it has returned.
     void InTheIdleCall(const std::function<void()>& work) {
-        std::atomic<bool> started{false};
-        std::atomic<bool> done{false};
-        m_storage.onIdle = [&] {
-            if (started && !done) {
+        g_hasWork = false;
+        m_storage.onIdle = [work] {
+            if (g_hasWork) {
                 work();
-                done = true;
+                g_hasWork = false;
             }
         };
         MakeStarted(1);
-        started = true;
-        ASSERT_TRUE(WaitFor([&] { return done.load(); }));
+        g_hasWork = true;
+        ASSERT_TRUE(WaitFor([] { return !g_hasWork; }));
         if (m_index != nullptr) {
             WaitForThread();
             m_index->Stop();
@@ -113,29 +114,25 @@ TEST_F(IndexThreadItself, EndsBehindTheIdleCallWhenThePendingSaveFailed) {
 }
 
 TEST_F(IndexThreadItself, EndsBehindTheIdleCallWhenItStopsItself) {
-    g_threadHasEnded = false;
     InTheIdleCall([this] {
-        thread_local const ThreadEnd end(g_threadHasEnded);
         m_blocks.AddMany(3);
         EXPECT_EQ(SaveAsync(), RC_OK);
         m_index->Stop();
         EXPECT_TRUE(m_index->IsFinished());
         EXPECT_EQ(FileBytes(), IndexFileBytes(m_blocks.All()));
     });
-    ASSERT_TRUE(WaitFor([] { return g_threadHasEnded.load(); }));
+    WaitForTheEnd();
     EXPECT_EQ(m_log.CountContaining(";exit code 0x0"), 1U) << m_log;
     EXPECT_EQ(m_index->Start(), RC_OK) << "with another thread";
 }
 
 TEST_F(IndexThreadItself, MayDestroyTheIndexObject) {
-    g_threadHasEnded = false;
     InTheIdleCall([this] {
-        thread_local const ThreadEnd end(g_threadHasEnded);
         m_blocks.AddMany(3);
         EXPECT_EQ(SaveAsync(), RC_OK);
         m_index.reset();
     });
-    ASSERT_TRUE(WaitFor([] { return g_threadHasEnded.load(); }));
+    WaitForTheEnd();
     EXPECT_EQ(CallCount(SystemCall::kOpen), CallCount(SystemCall::kClose));
     EXPECT_EQ(FileBytes(), IndexFileBytes(m_blocks.All()));
 }
