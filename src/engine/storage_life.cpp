@@ -3,6 +3,7 @@
 
 #include "engine/repl_storage.h"
 #include "solid/file_scan.h"
+#include "solid/storage_names.h"
 #include "support/log.h"
 #include "support/params.h"
 #include "support/storage_exception.h"
@@ -81,6 +82,10 @@ u32 CK9eReplStorage::OpenSolidStorage(const char* connStr) {
         LOG_ERROR_CODE(RC_INVALID_ARG, kLogStorage, "Cannot flush to file %s;conn-str %s",
                        path.c_str(), connStr);
         return RC_INVALID_ARG;
+    }
+    // A storage that is only read leaves its index file alone, whatever that is.
+    if (u32 rc = IsReadOnly() ? u32{RC_OK} : CheckStorageNames(connStr); rc != RC_OK) {
+        return rc;
     }
     const FileUse use = IsReadOnly() ? FileUse::kReadOnly : FileUse::kWrite;
     if (u32 rc = m_solid.Open(path, connStr, use); rc != RC_OK) {

@@ -12,6 +12,7 @@
 #include "platform/file_names.h"
 #include "platform/memory.h"
 #include "platform/system_error.h"
+#include "solid/file_format.h"
 #include "support/log.h"
 #include "support/params.h"
 
@@ -205,10 +206,48 @@ u32 ReadIndexFile(const std::string& path, IndexFileContent* content) {
     return rc;
 }
 
+bool IsStorageFile(const std::string& path) {
+    platform::FileIdentity found;
+    platform::File file;
+    bool isStorage = false;
+    return platform::GetIdentity(path, &found) &&  // mostly there is none to be opened
+           file.Open(path.c_str(), {.access = platform::FileAccess::kRead}) &&
+           IsStorageFile(file, &isStorage) && isStorage;
+}
+
+// The index file's signature begins with the same letters; read as a version, the rest of it is a
+// large number.
+bool IsStorageFile(platform::File& file, bool* isStorage) {
+    constexpr u32 kVersionsMost = 255;
+    struct {
+        char signature[kHeaderSignatureSize];
+        u32 version;
+    } start = {};
+    *isStorage = false;
+    i64 size = 0;
+    u32 got = 0;
+    if (!file.GetSize(&size) || (size > 0 && !file.Read(&start, sizeof start, &got))) {
+        return false;
+    }
+    *isStorage = got == sizeof start &&
+                 std::memcmp(start.signature, kHeaderSignature, kHeaderSignatureSize) == 0 &&
+                 start.version != 0 && start.version <= kVersionsMost;
+    return true;
+}
+
+u32 RefuseStorageFile(const std::string& path) {
+    LOG_ERROR_CODE(RC_INVALID_ARG, kLogIndex,
+                   "Index file is a storage file, nothing was changed;path '%s'", path.c_str());
+    return RC_INVALID_ARG;
+}
+
 u32 DeleteIndexFile(const char* connStr) {
     const std::string path = IndexFileName(connStr);
     if (path.empty()) {
         return RC_OK;
+    }
+    if (IsStorageFile(path)) {
+        return RefuseStorageFile(path);
     }
     if (!platform::RemoveFile(path)) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogIndex, "Cannot delete index file;path '%s'",

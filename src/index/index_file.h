@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "index/index_format.h"
+#include "platform/file.h"
 #include "platform/int_types.h"
 
 namespace k9erepl {
@@ -27,8 +28,19 @@ struct IndexFileContent {
 // RC_NO_MEMORY.
 u32 ReadIndexFile(const std::string& path, IndexFileContent* content);
 
+// Whether the file begins as a storage file does: its signature and a version. Nothing here
+// empties, overwrites or deletes such a file, whatever path leads to it. False when it cannot be
+// read.
+bool IsStorageFile(const std::string& path);
+// The same of an open file, whose pointer stands at its beginning and is moved. False, with
+// LastSystemError(), when it cannot be read. An empty file is not read.
+bool IsStorageFile(platform::File& file, bool* isStorage);
+
+// Logs that the index file at `path` is a storage file; RC_INVALID_ARG.
+u32 RefuseStorageFile(const std::string& path);
+
 // Deletes the index file that `connStr` names. RC_OK also when it names none.
-// Errors: RC_SYSTEM_ERROR, also for a missing file.
+// Errors: RC_SYSTEM_ERROR, also for a missing file; RC_INVALID_ARG for a storage file, which stays.
 u32 DeleteIndexFile(const char* connStr);
 
 }  // namespace k9erepl

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <utility>
 
+#include "index/index_file.h"
 #include "platform/file_names.h"
 #include "platform/system_error.h"
 #include "support/log.h"
@@ -17,7 +18,7 @@ namespace {
 
 constexpr platform::FileOpenRequest kCreateRequest = {
     .access = platform::FileAccess::kReadWrite,
-    .disposition = platform::FileDisposition::kCreateAlways,
+    .disposition = platform::FileDisposition::kOpenAlways,
     .sharing = platform::FileSharing::kRead,
 };
 
@@ -32,12 +33,18 @@ u32 IndexFileWriter::Create(const IndexImage& image) {
                        m_path.c_str(), platform::LastSystemError());
         return RC_SYSTEM_ERROR;
     }
-    if (!m_file.Open(m_path.c_str(), kCreateRequest)) {
+    bool isStorage = false;
+    if (!m_file.Open(m_path.c_str(), kCreateRequest) || !IsStorageFile(m_file, &isStorage)) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogIndex, "Couldn't open file '%s'; sysErr %r",
                        m_path.c_str(), platform::LastSystemError());
+        m_file.Close();
         return RC_SYSTEM_ERROR;
     }
-    if (!WriteAt(0, image.Header(), sizeof(TIndexHeader))) {
+    if (isStorage) {
+        m_file.Close();
+        return RefuseStorageFile(m_path);
+    }
+    if (!m_file.SetEnd(0) || !WriteAt(0, image.Header(), sizeof(TIndexHeader))) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogIndex,
                        "Couldn't write file header;file '%s'; sysErr %r", m_path.c_str(),
                        platform::LastSystemError());

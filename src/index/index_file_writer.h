@@ -19,7 +19,8 @@ class IndexFileWriter {
     const std::string& Path() const { return m_path; }
 
     // Makes the directories on the way, empties or makes the file and writes the image's header.
-    // On failure the file is closed. REQUIRES: the image was Reset.
+    // On failure the file is closed; RC_INVALID_ARG for a storage file, which stays. REQUIRES: the
+    // image was Reset.
     u32 Create(const IndexImage& image);
     // Writes what the image says, entries first, so that a crash in between leaves a file whose
     // length or checksum does not fit its header. Fails when the file is not open.

@@ -13,6 +13,10 @@ namespace k9erepl::platform {
 // Whether `c` separates directories in a path of this operating system.
 bool IsPathSeparator(char c);
 
+// Whether this operating system takes two names in one folder, or two rows of such names, for the
+// same; on Windows upper and lower case do not count.
+bool SameName(const std::string& one, const std::string& other);
+
 // Deletes one file.
 bool RemoveFile(const std::string& path);
 

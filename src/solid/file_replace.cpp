@@ -5,6 +5,7 @@
 
 #include <new>
 
+#include "index/index_file.h"
 #include "platform/file_names.h"
 #include "platform/system_error.h"
 #include "support/log.h"
@@ -67,6 +68,16 @@ bool Move(const std::string& from, const std::string& to) {
 
 bool FlushNames(const std::string& path) {
     return WithoutThrowing([&] { return platform::FlushParentDirectory(path); });
+}
+
+// An older backup's. A storage file that has this name is none.
+void DeleteBackupIndex(const std::string& path) {
+    if (IsStorageFile(path)) {
+        LOG_WARNING(kLogStorage, "Index file of the backup is a storage file, it stays;path '%s'",
+                    path.c_str());
+        return;
+    }
+    platform::RemoveFile(path);
 }
 
 bool LinkBackup(const SqueezeNames& names) {
@@ -137,7 +148,7 @@ u32 RenameTemp(const SqueezeNames& names, bool* renamed) {
 
 u32 BackupAndRename(const SqueezeNames& names, bool* renamed) {
     *renamed = false;
-    platform::RemoveFile(names.backupIndex);
+    DeleteBackupIndex(names.backupIndex);
     const BackupKind kind = MakeBackup(names);
     if (kind == BackupKind::kNone) {
         return RC_SYSTEM_ERROR;

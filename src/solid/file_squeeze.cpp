@@ -97,6 +97,11 @@ u32 CSolidStorage::CopyAndReplace(const SqueezeRequest& request, const SqueezeNa
     if (u32 rc = FlushAndReadStart(request.commitOffset, &header, &kept); rc != RC_OK) {
         return rc;
     }
+    if (request.keepBackup) {
+        if (u32 rc = CheckOldBackup(names.backup); rc != RC_OK) {
+            return rc;
+        }
+    }
     const TCommitBlock first = PredecessorOf(kept, request.clearRev);
     TemporaryFile temporary(names.temporary);
     if (u32 rc = temporary.Create(names.path); rc != RC_OK) {
@@ -131,6 +136,20 @@ u32 CSolidStorage::CopyAndReplace(const SqueezeRequest& request, const SqueezeNa
         m_state.lastCommitSequence = first.sequence;
     }
     return rc;
+}
+
+// An older backup makes room, unless somebody writes to it. One that is still the storage file,
+// under a second name, is our own.
+u32 CSolidStorage::CheckOldBackup(const std::string& backup) {
+    platform::FileIdentity old;
+    platform::FileIdentity own;
+    if (!m_fileLock || !platform::GetIdentity(backup, &old) || !m_file.GetIdentity(&own) ||
+        old == own) {
+        return RC_OK;
+    }
+    platform::File file;
+    return file.Open(backup.c_str(), {}) ? LockForWriting(file, backup, NoLocks::kSilent)
+                                         : u32{RC_OK};
 }
 
 u32 CSolidStorage::FlushAndReadStart(i64 commitOffset, TFileHeader* header,

@@ -247,6 +247,7 @@ class CSolidStorage final : public IK9eReplLLStorage {
     u32 SqueezeFile(const SqueezeRequest& request, const SqueezeNames& names, i64* shift);
     u32 CopyAndReplace(const SqueezeRequest& request, const SqueezeNames& names, i64 oldDataSize,
                        i64* written);
+    u32 CheckOldBackup(const std::string& backup);
     u32 FlushAndReadStart(i64 commitOffset, TFileHeader* header, TCommitBlock* commitBlock);
     u32 CopyToTemp(platform::File& temporary, i64 from, i64* written);
     u32 Replace(i64 backupSize, const SqueezeNames& names, TemporaryFile& temporary, bool* renamed);

@@ -11,6 +11,7 @@
 #include "platform/memory.h"
 #include "platform/system_error.h"
 #include "solid/file_access.h"
+#include "solid/storage_names.h"
 #include "solid/writer_lock.h"
 #include "support/ignore_case.h"
 #include "support/log.h"
@@ -170,6 +171,9 @@ u32 CreateStorageFile(const char* connStr, u32 flags) {
     if (EqualsIgnoringCase(path, ":memory:")) {
         return RC_OK;
     }
+    if (u32 rc = CheckStorageNames(connStr); rc != RC_OK) {
+        return rc;
+    }
     bool lock = true;
     if (u32 rc = ReadFileLock(connStr, &lock); rc != RC_OK) {
         return rc;
@@ -221,6 +225,9 @@ u32 DeleteStorageFile(const char* connStr) {
 }
 
 u32 DeleteStorage(const char* connStr) {
+    if (u32 rc = CheckStorageNames(connStr); rc != RC_OK) {
+        return rc;
+    }
     std::string path;
     GetParam(connStr, "file", path);
     bool lock = true;

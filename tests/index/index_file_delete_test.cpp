@@ -39,6 +39,16 @@ TEST_F(IndexFileDelete, AnswersASystemErrorForAFileThatStays) {
     EXPECT_TRUE(Exists(Path()));
 }
 
+TEST_F(IndexFileDelete, LeavesAStorageFileAlone) {
+    WriteText(Path(), std::string("K9_EREPL\3\0\0\0 and more", 21));
+    EXPECT_EQ(DeleteIndexFile(ConnStr().c_str()), RC_INVALID_ARG);
+    EXPECT_TRUE(Exists(Path()));
+    EXPECT_EQ(
+        m_log.CodeOf("Index file is a storage file, nothing was changed;path '" + Path() + "'"),
+        RC_INVALID_ARG)
+        << m_log;
+}
+
 TEST_F(IndexFileDelete, DoesNothingWhereThereIsNoIndexFile) {
     EXPECT_EQ(DeleteIndexFile("file=:memory:"), RC_OK);
     EXPECT_TRUE(m_log.Messages().empty()) << m_log;

@@ -63,6 +63,42 @@ TEST_F(IndexFileWriterTest, EmptiesAnExistingFile) {
     EXPECT_EQ(ReadBytes(m_path), IndexFileBytes({}));
 }
 
+TEST_F(IndexFileWriterTest, LeavesAStorageFileAlone) {
+    CreateWith(0);
+    m_writer.Close();
+    const std::string storage("K9_EREPL\3\0\0\0 and more", 21);
+    WriteText(m_path, storage);
+    m_image.Reset();
+    EXPECT_EQ(m_writer.Create(m_image), RC_INVALID_ARG);
+    EXPECT_EQ(m_writer.Write(m_image), RC_SYSTEM_ERROR);
+    EXPECT_EQ(ReadText(m_path), storage);
+    EXPECT_EQ(CallCount(SystemCall::kOpen), CallCount(SystemCall::kClose));
+}
+
+TEST_F(IndexFileWriterTest, FailsWhenAnOldFileCannotBeLookedAt) {
+    CreateWith(3);
+    m_writer.Close();
+    const std::vector<u8> old = ReadBytes(m_path);
+    m_image.Reset();
+    for (const SystemCall call : {SystemCall::kFileSize, SystemCall::kRead}) {
+        Fail(call, 1);
+        EXPECT_EQ(m_writer.Create(m_image), RC_SYSTEM_ERROR);
+        EXPECT_EQ(CallCount(SystemCall::kOpen), CallCount(SystemCall::kClose));
+    }
+    EXPECT_EQ(m_log.Texts(K9SYS_LOG_ERROR),
+              std::vector<std::string>(2, "Couldn't open file '" + m_path + "'; sysErr " +
+                                              SysErr(SystemErrorKind::kInputOutput)));
+    EXPECT_EQ(ReadBytes(m_path), old);
+}
+
+TEST_F(IndexFileWriterTest, FailsWhenAnOldFileCannotBeEmptied) {
+    FailSetEnd(1);
+    EXPECT_EQ(m_writer.Create(m_image), RC_SYSTEM_ERROR);
+    EXPECT_TRUE(m_log.Has(K9SYS_LOG_ERROR, "Couldn't write file header;file '" + m_path +
+                                               "'; sysErr " + SysErr(SystemErrorKind::kNoSpace)))
+        << m_log;
+}
+
 TEST_F(IndexFileWriterTest, FailsWhenADirectoryCannotBeMade) {
     Fail(SystemCall::kMakeDirectory, 1, SystemErrorKind::kAccessDenied, Repeat::kFromThenOn);
     EXPECT_EQ(m_writer.Create(m_image), RC_SYSTEM_ERROR);

@@ -28,6 +28,10 @@ bool IsPathSeparator(char c) {
     return c == '/';
 }
 
+bool SameName(const std::string& one, const std::string& other) {
+    return one == other;
+}
+
 std::string FollowLink(const std::string& path) {
     constexpr int kLinksAtMost = 40;  // as many as the system follows when it opens a path
     std::string reached = path;

@@ -6,6 +6,7 @@
 
 #include "platform/system_error.h"
 #include "solid/squeeze_fixture.h"
+#include "support/call_layer.h"
 
 namespace k9erepl::test {
 namespace {
@@ -15,48 +16,51 @@ using platform::LockResult;
 
 // While it lives, `look` is called before and after every call that may let go of a lock or change
 // what a name leads to.
-class Watch {
+class Watch : CallLayer<Watch> {
   public:
-    explicit Watch(std::function<void()> look) : m_saved(platform::TheSystemCalls()) {
-        g_look = std::move(look);
-        g_saved = &m_saved;
-        platform::SystemCalls& calls = platform::TheSystemCalls();
-        calls.closeFile = [](platform::NativeFile file) {
-            return Looked([=] { return g_saved->closeFile(file); });
-        };
-        calls.unlockFile = [](platform::NativeFile file) {
-            return Looked([=] { return g_saved->unlockFile(file); });
-        };
-        calls.linkFile = [](const char* from, const char* to) {
-            return Looked([=] { return g_saved->linkFile(from, to); });
-        };
-        calls.renameFile = [](const char* from, const char* to) {
-            return Looked([=] { return g_saved->renameFile(from, to); });
-        };
+    explicit Watch(std::function<void()> look) : m_look(std::move(look)) {
+        Wrap(CallEntries<&CallTable::closeFile, &CallTable::unlockFile, &CallTable::linkFile,
+                         &CallTable::renameFile>());
     }
-    ~Watch() { platform::TheSystemCalls() = m_saved; }
-    Watch(const Watch&) = delete;
-    Watch& operator=(const Watch&) = delete;
 
   private:
+    friend CallLayer;
     template <typename Call>
-    static bool Looked(Call call) {
-        if (std::exchange(g_looking, true)) {
+    static bool Around(Call call) {
+        if (std::exchange(TheLayer().m_looking, true)) {
             return call();  // one that `look` itself has made
         }
-        g_look();
+        TheLayer().m_look();
         const bool result = call();
         const platform::SystemError error = platform::LastSystemError();
-        g_look();
+        TheLayer().m_look();
         platform::SetLastSystemError(error);
-        g_looking = false;
+        TheLayer().m_looking = false;
         return result;
     }
 
-    static inline std::function<void()> g_look;
-    static inline const platform::SystemCalls* g_saved = nullptr;
-    static inline bool g_looking = false;
-    const platform::SystemCalls m_saved;
+    const std::function<void()> m_look;
+    bool m_looking = false;
+};
+
+// While it lives, the file `from` takes the name `to` whenever somebody is about to ask for a lock.
+class ReplacedBeforeLocking : CallLayer<ReplacedBeforeLocking> {
+  public:
+    ReplacedBeforeLocking(std::string from, std::string to)
+        : m_from(std::move(from)), m_to(std::move(to)) {
+        Take<&CallTable::lockFile, &ReplacedBeforeLocking::Lock>();
+    }
+
+  private:
+    friend CallLayer;
+    bool Lock(platform::NativeFile file) {
+        std::error_code none;
+        std::filesystem::rename(m_from, m_to, none);
+        return Below().lockFile(file);
+    }
+
+    const std::string m_from;
+    const std::string m_to;
 };
 
 class SqueezeLock : public SqueezeTest {
@@ -85,16 +89,10 @@ TEST_F(SqueezeLock, AWriterThatOpenedTheOldFileGetsTheLockOfTheNewOne) {
     m_solid.Close();
     ThreeTransactions().Save(Path());
     TwoTransactions().Save(Temporary());
-    static std::string path;
-    path = Path();
-    const platform::SystemCalls saved = platform::TheSystemCalls();
-    platform::TheSystemCalls().lockFile = [](platform::NativeFile file) {
-        std::error_code none;
-        std::filesystem::rename(path + ".temporary", path, none);
-        return platform::NativeSystemCalls().lockFile(file);
-    };
-    EXPECT_EQ(TryOpen(), RC_OK) << m_log;
-    platform::TheSystemCalls() = saved;
+    {
+        const ReplacedBeforeLocking replaced(Temporary(), Path());
+        EXPECT_EQ(TryOpen(), RC_OK) << m_log;
+    }
     EXPECT_EQ(Scanned(), TwoTransactionsItems());
     EXPECT_EQ(TryAnew(), LockResult::kHeldByAnother);
 }

@@ -1,0 +1,71 @@
+// Comparing what paths lead to; see the header.
+#include "platform/one_file.h"
+
+#include "platform/file_identity.h"
+#include "platform/file_names.h"
+
+namespace k9erepl::platform {
+namespace {
+
+// Where a file would be made: the innermost folder of its path that exists, and the names from
+// there on, each with a separator in front.
+struct Place {
+    FileIdentity folder;  // zeros when nothing of the path exists
+    std::string names;
+};
+
+constexpr char kSeparator = '/';
+
+// Takes the last name off `path`, with the separators around it; empty when none is left.
+std::string TakeLastName(std::string& path) {
+    while (!path.empty() && IsPathSeparator(path.back())) {
+        path.pop_back();
+    }
+    std::string name;
+    while (!path.empty() && !IsPathSeparator(path.back())) {
+        name.insert(name.begin(), path.back());
+        path.pop_back();
+    }
+    return name;
+}
+
+// The folders that are missing hold no links, so that ".." leads back from them.
+Place PlaceOf(const std::string& path) {
+    Place place;
+    std::string folder = FollowLink(path);
+    unsigned skipped = 0;  // names that a ".." behind them takes back
+    for (;;) {
+        const std::string name = TakeLastName(folder);
+        if (name == "..") {
+            ++skipped;
+        } else if (skipped > 0) {
+            --skipped;
+        } else if (!name.empty() && name != ".") {
+            place.names.insert(0, kSeparator + name);
+        }
+        const std::string existing = folder.empty() ? (name.empty() ? "/" : ".") : folder;
+        if (skipped == 0 && GetIdentity(existing, &place.folder)) {
+            return place;
+        }
+        if (folder.empty()) {
+            return place;
+        }
+    }
+}
+
+}  // namespace
+
+bool LeadToOneFile(const std::string& one, const std::string& other) {
+    FileIdentity first;
+    FileIdentity second;
+    const bool oneExists = GetIdentity(one, &first);
+    const bool otherExists = GetIdentity(other, &second);
+    if (oneExists || otherExists) {
+        return oneExists && otherExists && first == second;
+    }
+    const Place firstPlace = PlaceOf(one);
+    const Place secondPlace = PlaceOf(other);
+    return firstPlace.folder == secondPlace.folder && SameName(firstPlace.names, secondPlace.names);
+}
+
+}  // namespace k9erepl::platform

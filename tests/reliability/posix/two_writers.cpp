@@ -1,0 +1,471 @@
+// The row of two writers: threads and processes that want to write one storage at the same time,
+// some of them killed, deletions and replacements beside a living writer, squeezes under the lock,
+// and file systems without locks. There is one writer at any time, whoever is refused changes
+// nothing, and what was acknowledged is there.
+#include <fcntl.h>
+#include <k9erepl/storage.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
+#include <map>
+#include <new>
+#include <system_error>
+#include <thread>
+
+#include "platform/system_error.h"
+#include "reliability/posix/writing_session.h"
+#include "reliability/row.h"
+#include "support/call_layer.h"
+#include "support/file_bytes.h"
+#include "support/log_capture.h"
+#include "support/temp_folder.h"
+
+namespace k9erepl::reliability {
+
+namespace {
+
+using test::LogCapture;
+using Files = std::map<std::string, std::vector<u8>>;
+
+// The board, in memory that forked processes share.
+class SharedBoard {
+  public:
+    SharedBoard()
+        : m_memory(mmap(nullptr, sizeof(WritersBoard), PROT_READ | PROT_WRITE,
+                        MAP_SHARED | MAP_ANONYMOUS, -1, 0)) {
+        if (m_memory == MAP_FAILED) {
+            throw std::system_error(errno, std::generic_category(), "mmap");
+        }
+        m_board = new (m_memory) WritersBoard;
+    }
+    ~SharedBoard() { munmap(m_memory, sizeof(WritersBoard)); }
+    SharedBoard(const SharedBoard&) = delete;
+    SharedBoard& operator=(const SharedBoard&) = delete;
+
+    WritersBoard& operator*() const { return *m_board; }
+    WritersBoard* operator->() const { return m_board; }
+
+  private:
+    void* const m_memory;
+    WritersBoard* m_board = nullptr;
+};
+
+// A storage in a folder of its own, what its writers tell one another, and what is logged.
+struct Scene {
+    explicit Scene(u64 seed) : random(seed) {
+        plan.path = folder.File("shared.edb");
+        plan.seed = seed;
+        plan.async = random.OneIn(3);
+        plan.connString = "file=" + plan.path +
+                          ";block_size=" + random.OneOf<const char*>({"300", "2000"}) +
+                          ";cache_type=" + random.OneOf<const char*>({"Last1", "AllInMem"}) +
+                          ";flush_mode=PerTrans;flush_trans_num=1;flush_timeout=1000000" +
+                          ";force_flush=" + (random.OneIn(4) ? "yes" : "no") +
+                          ";async_mode=" + (plan.async ? "yes" : "no");
+        board->Tell(CreateForWriters(plan));
+    }
+
+    Problem Write(u32 writer, u32 steps) {
+        return WriteForAWhile(plan, *board, writer, steps, random);
+    }
+    // What the folder holds.
+    Files Everything() const {
+        Files files;
+        for (const auto& entry : std::filesystem::directory_iterator(folder.Path())) {
+            files[entry.path().filename()] = test::ReadBytes(entry.path());
+        }
+        return files;
+    }
+    std::string InUse() const {
+        return "Storage file is in use by another writer;file path '" + plan.path + "'";
+    }
+    // The problem that a writer told, or else that the content is not what all have told.
+    Problem End() {
+        return board->hasProblem ? std::string(board->problem) : Write(kWritersMost, 2);
+    }
+
+    model::Random random;
+    const test::TempFolder folder;
+    WritersPlan plan;
+    const SharedBoard board;
+    const LogCapture log;
+};
+
+Problem Expect(const char* what, u32 got, u32 expected) {
+    return got == expected ? ""
+                           : std::string(what) + " answers " + std::to_string(got) + ", not " +
+                                 std::to_string(expected) + "; ";
+}
+
+// A process that does `work` and ends with 0; 1 when there was a problem, which the board has.
+template <typename Work>
+pid_t Start(const Scene& scene, Work work) {
+    const pid_t process = fork();
+    if (process == 0) {
+        const Problem problem = work();
+        scene.board->Tell(problem);
+        _exit(problem.empty() ? 0 : 1);
+    }
+    return process;
+}
+
+bool EndedWell(pid_t process) {
+    int status = -1;
+    waitpid(process, &status, 0);
+    return status == 0;
+}
+
+void Kill(pid_t process) {
+    kill(process, SIGKILL);
+    int status = 0;
+    waitpid(process, &status, 0);
+}
+
+// Whoever is refused is told so by one error, beside those of its callers.
+Problem OnlyRefusals(const Scene& scene) {
+    for (const std::string& text : scene.log.Texts(K9SYS_LOG_ERROR)) {
+        if (text != scene.InUse() && !text.starts_with("Failed to init ")) {
+            return "logs '" + text + "'";
+        }
+    }
+    return "";
+}
+
+Problem Threads(Scene& scene) {
+    std::vector<std::thread> threads;
+    for (u32 writer = 1; writer <= 3; ++writer) {
+        threads.emplace_back([&scene, writer, seed = scene.random.Next()] {
+            model::Random random(seed);
+            for (u32 turn = 0; turn < 3; ++turn) {
+                scene.board->Tell(
+                    WriteForAWhile(scene.plan, *scene.board, writer, 1 + random.Below(4), random));
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    const Problem problem = OnlyRefusals(scene);
+    return problem.empty() ? scene.End() : problem;
+}
+
+pid_t StartWriter(const Scene& scene, u32 writer, u32 turns, u64 seed) {
+    return Start(scene, [&scene, writer, turns, seed] {
+        model::Random random(seed);
+        Problem problem;
+        for (u32 turn = 0; turn < turns && problem.empty(); ++turn) {
+            problem = WriteForAWhile(scene.plan, *scene.board, writer, 1 + random.Below(4), random);
+        }
+        const Problem logged = OnlyRefusals(scene);
+        return problem.empty() ? logged : problem;
+    });
+}
+
+Problem Processes(Scene& scene) {
+    std::array<pid_t, 3> writers{};
+    for (u32 i = 0; i < writers.size(); ++i) {
+        writers.at(i) = StartWriter(scene, i + 1, 3, scene.random.Next());
+    }
+    for (const pid_t writer : writers) {
+        scene.board->Tell(EndedWell(writer) ? "" : "a writing process died");
+    }
+    return scene.End();
+}
+
+// Each is killed at some moment of its writing, or of its waiting for another one.
+Problem KilledProcesses(Scene& scene) {
+    constexpr u32 kEndless = 1'000'000;
+    u32 writer = 0;
+    pid_t living = StartWriter(scene, ++writer, kEndless, scene.random.Next());
+    for (u32 kills = 0; kills < 4; ++kills) {
+        const pid_t victim = living;
+        living = StartWriter(scene, writer + 1, kEndless, scene.random.Next());
+        const u32 until = scene.board->operations + scene.random.Below(8);
+        for (u32 spins = scene.random.Below(2000);
+             (scene.board->operations < until || spins > 0) && !scene.board->hasProblem;
+             spins -= spins > 0 ? 1 : 0) {
+            sched_yield();
+        }
+        scene.board->killed |= u64{1} << writer++;
+        Kill(victim);
+    }
+    scene.board->killed |= u64{1} << writer;
+    Kill(living);
+    return scene.End();
+}
+
+// What any other process, and this one, may ask for while a writer lives.
+Problem Ask(const Scene& scene, bool* changed) {
+    const char* const conn = scene.plan.connString.c_str();
+    void* handle = nullptr;
+    const Files before = scene.Everything();
+    const std::size_t told = scene.log.Count(scene.InUse());
+    Problem problem = Expect("Open", K9eReplStorageOpen(conn, &handle), RC_SYSTEM_ERROR);
+    problem += Expect("Create 1", K9eReplStorageCreate(conn, 1), RC_SYSTEM_ERROR);
+    problem += Expect("Delete", K9eReplStorageDelete(conn), RC_SYSTEM_ERROR);
+    problem += scene.log.Count(scene.InUse()) == told + 3 ? "" : "not told why; ";
+    problem += Expect("Create 0", K9eReplStorageCreate(conn, 0), RC_SYSTEM_ERROR);
+    problem += Expect("Create 2", K9eReplStorageCreate(conn, 2), RC_OK);
+    problem += Expect("Create 3", K9eReplStorageCreate(conn, 3), RC_OK);
+    *changed = scene.Everything() != before;
+    return problem;
+}
+
+// The one change that comes by itself is the writer's index file, once, after its load.
+Problem AskBesideAWriter(const Scene& scene) {
+    bool changed = false;
+    Problem problem = Ask(scene, &changed);
+    if (changed) {
+        problem += Ask(scene, &changed);
+    }
+    return problem + (changed ? "files changed" : "");
+}
+
+// A writer that stands still while others ask, then goes on.
+class Holder {
+  public:
+    explicit Holder(Scene& scene) {
+        scene.board->Tell(scene.Write(1, 3));
+        m_rc = K9eReplStorageOpen(scene.plan.connString.c_str(), &m_handle);
+        m_rc = m_rc == RC_OK ? K9eReplStorageLoad(m_handle) : m_rc;
+    }
+    ~Holder() { Close(); }
+    Holder(const Holder&) = delete;
+    Holder& operator=(const Holder&) = delete;
+
+    Problem Opened() const { return Expect("the first Open", m_rc, RC_OK); }
+    void* Handle() const { return m_handle; }
+    void Close() {
+        if (m_handle != nullptr) {
+            K9eReplStorageClose(m_handle);
+            m_handle = nullptr;
+        }
+    }
+
+  private:
+    void* m_handle = nullptr;
+    u32 m_rc = RC_OK;
+};
+
+Problem BesideALivingWriter(Scene& scene) {
+    Holder holder(scene);
+    Problem problem = holder.Opened();
+    if (problem.empty()) {
+        const bool here = scene.random.OneIn(2);
+        problem = here ? AskBesideAWriter(scene) : "";
+        const bool well =
+            here || EndedWell(Start(scene, [&scene] { return AskBesideAWriter(scene); }));
+        problem += well ? "" : "the other process has a problem; ";
+    }
+    holder.Close();
+    return problem.empty() ? scene.End() : problem + scene.board->problem;
+}
+
+// A process that asks all the time finds no moment at which the file is free.
+Problem SqueezesUnderTheLock(Scene& scene) {
+    Holder holder(scene);
+    Problem problem = holder.Opened();
+    const pid_t other = Start(scene, [&scene]() -> Problem {
+        void* handle = nullptr;
+        while (scene.board->owner == 0) {
+            if (K9eReplStorageOpen(scene.plan.connString.c_str(), &handle) != RC_SYSTEM_ERROR) {
+                return "another process opened the file in the middle of a squeeze";
+            }
+            ++scene.board->refused;
+        }
+        return OnlyRefusals(scene);
+    });
+    const u32 squeezes = 4 + scene.random.Below(8);
+    for (u32 i = 0; i < squeezes && problem.empty(); ++i) {
+        const u32 refused = scene.board->refused;
+        i64 rev = 0;
+        K9eReplStorageGetNextRev(holder.Handle(), &rev);
+        K9eReplRec record{};
+        const u32 mode =
+            scene.random.OneIn(2) ? K9EREPL_CLEAR_SQUEEZE : K9EREPL_CLEAR_SQUEEZE_BACKUP;
+        problem += Expect("Begin", K9eReplStorageBeginTransaction(holder.Handle()), RC_OK);
+        problem += Expect("Insert", K9eReplStorageInsert(holder.Handle(), &record), RC_OK);
+        problem += Expect("Commit", K9eReplStorageCommit(holder.Handle()), RC_OK);
+        problem += Expect("Clear", K9eReplStorageClearOldRev(holder.Handle(), rev, mode), RC_OK);
+        while (scene.board->refused == refused && !scene.board->hasProblem) {
+            sched_yield();
+        }
+    }
+    scene.board->owner = 1;
+    problem += EndedWell(other) ? "" : std::string(scene.board->problem) + "; ";
+    holder.Close();
+    Seen seen;
+    problem += problem.empty() ? Visit(scene.plan.connString, {1, 5, 1}, &seen) : "";
+    return problem.empty() && seen.records.size() != 1 ? "holds " + Describe(seen) : problem;
+}
+
+// The lock goes with a killed process, and stays while a child that it has forked lives on.
+Problem KilledHolder(Scene& scene) {
+    scene.board->Tell(scene.Write(1, 3));
+    const bool forks = scene.random.OneIn(2);
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) {
+        return "no pipe";
+    }
+    const pid_t process = Start(scene, [&]() -> Problem {
+        Holder holder(scene);
+        const pid_t heir = forks ? fork() : 0;
+        if (forks && heir == 0) {
+            pause();
+        }
+        (void)!write(ends[1], &heir, sizeof heir);
+        pause();
+        return "not killed";
+    });
+    pid_t heir = 0;
+    Problem problem = read(ends[0], &heir, sizeof heir) == sizeof heir ? "" : "no word; ";
+    close(ends[0]);
+    close(ends[1]);
+    void* handle = nullptr;
+    const char* const conn = scene.plan.connString.c_str();
+    problem += Expect("Open", K9eReplStorageOpen(conn, &handle), RC_SYSTEM_ERROR);
+    Kill(process);
+    if (forks) {
+        problem +=
+            Expect("Open beside the heir", K9eReplStorageOpen(conn, &handle), RC_SYSTEM_ERROR);
+        kill(heir, SIGKILL);
+        while (kill(heir, 0) == 0) {  // no child of ours
+            u32 rc = K9eReplStorageOpen(conn, &handle);
+            if (rc == RC_OK) {
+                K9eReplStorageClose(handle);
+                break;
+            }
+            sched_yield();
+        }
+    }
+    return problem.empty() ? scene.End() : problem;
+}
+
+// The parent's close frees the lock although a child has the handles; the child's does not.
+Problem ForkedChild(Scene& scene) {
+    Holder holder(scene);
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) {
+        return "no pipe";
+    }
+    const pid_t child = Start(scene, [&]() -> Problem {
+        close(ends[1]);
+        char byte = 0;
+        return read(ends[0], &byte, 1) == 0 ? "" : "no end";
+    });
+    close(ends[0]);
+    void* handle = nullptr;
+    const char* const conn = scene.plan.connString.c_str();
+    Problem problem = holder.Opened();
+    problem += Expect("Open", K9eReplStorageOpen(conn, &handle), RC_SYSTEM_ERROR);
+    holder.Close();
+    problem += scene.End();
+    close(ends[1]);
+    return problem + (EndedWell(child) ? "" : "the child died");
+}
+
+// While it lives no file can be locked, for this reason.
+class LockFault : test::CallLayer<LockFault> {
+  public:
+    explicit LockFault(platform::SystemErrorKind kind) : m_kind(kind) {
+        Take<&test::CallTable::lockFile, &LockFault::Lock>();
+    }
+
+  private:
+    friend CallLayer;
+    bool Lock(platform::NativeFile /*file*/) {
+        platform::SetLastSystemError(platform::SystemErrorOf(m_kind));
+        return false;
+    }
+
+    const platform::SystemErrorKind m_kind;
+};
+
+Problem NoLocks(Scene& scene) {
+    const LockFault fault(platform::SystemErrorKind::kNotSupported);
+    for (u32 turn = 1; turn <= 3; ++turn) {
+        scene.board->Tell(scene.Write(turn, 6));
+        const auto warnings =
+            scene.log.CountContaining("The file system has no locks, nothing keeps a second ");
+        if (warnings != turn) {
+            return std::to_string(warnings) + " warnings of " + std::to_string(turn) + " openings";
+        }
+    }
+    return scene.End();
+}
+
+// Locking fails, at the opening or only for the copy of a squeeze: nothing changes, and work goes
+// on when the system works again.
+Problem FailingLocks(Scene& scene) {
+    scene.board->Tell(scene.Write(1, 4));
+    const char* const conn = scene.plan.connString.c_str();
+    Problem problem;
+    {
+        const LockFault fault(platform::SystemErrorKind::kInputOutput);
+        const Files before = scene.Everything();
+        void* handle = nullptr;
+        problem = Expect("Open", K9eReplStorageOpen(conn, &handle), RC_SYSTEM_ERROR);
+        problem += Expect("Create 1", K9eReplStorageCreate(conn, 1), RC_SYSTEM_ERROR);
+        problem += Expect("Delete", K9eReplStorageDelete(conn), RC_SYSTEM_ERROR);
+        problem += scene.Everything() == before ? "" : "files changed; ";
+        problem += scene.log.CountContaining("Cannot lock storage file '" + scene.plan.path) == 3
+                       ? ""
+                       : "not told why; ";
+    }
+    Holder holder(scene);
+    i64 next = 0;
+    K9eReplStorageGetNextRev(holder.Handle(), &next);
+    if (const i64 rev = next - 1; rev > scene.board->clearBegun) {
+        const LockFault fault(platform::SystemErrorKind::kInputOutput);
+        scene.board->clearBegun = rev;
+        problem +=
+            Expect("Clear", K9eReplStorageClearOldRev(holder.Handle(), rev, K9EREPL_CLEAR_SQUEEZE),
+                   RC_SYSTEM_ERROR);
+    }
+    holder.Close();
+    return problem.empty() ? scene.End() : problem;
+}
+
+struct Kind {
+    const char* name;
+    Problem (*run)(Scene& scene);
+};
+constexpr std::array<Kind, 9> kKinds{{{"threads", &Threads},
+                                      {"processes", &Processes},
+                                      {"killed processes", &KilledProcesses},
+                                      {"beside a living writer", &BesideALivingWriter},
+                                      {"squeezes under the lock", &SqueezesUnderTheLock},
+                                      {"killed holder", &KilledHolder},
+                                      {"forked child", &ForkedChild},
+                                      {"no locks", &NoLocks},
+                                      {"failing locks", &FailingLocks}}};
+
+void RunGroup(GroupRun& run) {
+    for (u64 number = 0; number < kKinds.size(); ++number) {
+        const Kind& kind = kKinds.at(number);
+        run.Case(number, [&]() -> Problem {
+            Scene scene(Mix(run.Seed(), number));
+            Problem problem = scene.board->hasProblem ? scene.board->problem : kind.run(scene);
+            problem = problem.empty() && scene.board->hasProblem ? scene.board->problem : problem;
+            run.Count("refused", scene.board->refused);
+            run.Count("squeezes", scene.board->squeezes);
+            run.Count("transactions and clears", scene.board->operations);
+            return problem.empty() ? "" : std::string(kind.name) + ": " + problem;
+        });
+    }
+}
+
+const RegisteredRow kRow({.name = "two-writers",
+                          .title = "several writers of one file, killed holders, no locks",
+                          .cases = 450,
+                          .runGroup = &RunGroup});
+
+}  // namespace
+
+}  // namespace k9erepl::reliability
