@@ -43,7 +43,7 @@ bool GateFault::Explains(Operation operation, u32 code) const {
     }
     switch (operation) {
         case Operation::kLoad:
-            return code == RC_SYSTEM_ERROR || code == RC_FILE_CORRUPT;
+            return code == RC_SYSTEM_ERROR || code == RC_FILE_CORRUPT || code == RC_SHORT_READ;
         case Operation::kEnumerate:
         case Operation::kClear:
             return code == RC_SYSTEM_ERROR || code == RC_FILE_CORRUPT || code == RC_BAD_DATA;
