@@ -184,7 +184,11 @@ K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageClose(void* handle);
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageDuplicateHandle(void* handle, void** outHandle);
 
 /* Reads the storage file, from where the index file allows, drops what was never committed, starts
- * the index thread and makes the storage ready for everything else. Once per handle.
+ * the index thread and makes the storage ready for everything else. Once per handle, unless the
+ * setting read_only says yes: then a loaded storage may be loaded again and serves what was
+ * committed since, at a cost that follows what is new. A repeated load that cannot open the file
+ * leaves what was loaded; RC_WRONG_STATE says that the file changed whenever it was read, and
+ * RC_ALREADY that an enumeration runs on this thread.
  * Errors: RC_ALREADY when the storage is loaded, also after a flush that failed, RC_WRONG_STATE
  * when it is broken, which both change nothing; RC_FILE_CORRUPT, RC_SYSTEM_ERROR, RC_NO_MEMORY,
  * RC_SHORT_READ when the system gives fewer bytes than the file has, RC_INVALID_ARG without "file",
@@ -242,7 +246,9 @@ K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageInsertP(void* handle, K9eReplRec
  * open transaction included. Records older than the oldest kept revision are passed over. A null
  * `cb` answers RC_INVALID_ARG when a record would be delivered.
  * Returns RC_OK, the callback's non-zero value, RC_WRONG_STATE, or RC_BAD_DATA, RC_FILE_CORRUPT,
- * RC_SYSTEM_ERROR when stored data cannot be read, which breaks the storage. */
+ * RC_SYSTEM_ERROR when stored data cannot be read, which breaks the storage. With read_only=yes
+ * nothing breaks it, and RC_WRONG_STATE also says that the file no longer holds what was loaded:
+ * load it again. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageEnumRecords(void* handle, int64_t fromRev,
                                                             int64_t toRev, K9eReplEnumCb cb,
                                                             void* cbContext);

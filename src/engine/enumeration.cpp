@@ -172,7 +172,8 @@ CK9eReplStorage::RecordWalk::Walk CK9eReplStorage::RecordWalk::WalkFile(BlockInd
     if (m_placeLost) {
         return Walk::kEnd;
     }
-    if (rc != RC_OK && completed) {
+    // A read-only storage can be loaded again.
+    if (rc != RC_OK && completed && !m_storage.IsReadOnly()) {
         m_storage.SetState(StorageState::kBroken);
     }
     if (rc != RC_OK || !goesOn) {
@@ -205,7 +206,24 @@ bool CK9eReplStorage::RecordWalk::GoesOnIn(const MemoryBlocks::value_type& entry
     return m_toRev > firstRev || (m_toRev == firstRev && !isInFile);
 }
 
+namespace {
+
+// Counts one more until the end of a scope.
+class ScopedCount {
+  public:
+    explicit ScopedCount(u32& count) : m_count(count) { ++m_count; }
+    ~ScopedCount() { --m_count; }
+    ScopedCount(const ScopedCount&) = delete;
+    ScopedCount& operator=(const ScopedCount&) = delete;
+
+  private:
+    u32& m_count;
+};
+
+}  // namespace
+
 u32 CK9eReplStorage::EnumWithVisitor(i64 fromRev, i64 toRev, RecordVisitor visitor, void* ctx) {
+    const ScopedCount walk(m_walks);
     return RecordWalk(*this, toRev, visitor, ctx).Run(fromRev);
 }
 

@@ -13,6 +13,9 @@ std::uint32_t CK9eReplStorage::Load() {
     if (State() == StorageState::kBroken) {
         return RC_WRONG_STATE;
     }
+    if (IsReadOnly()) {
+        return LoadLive();
+    }
     // A storage whose flush failed has records in memory that the file has not: reading the file
     // over them would lose those.
     if (State() != StorageState::kClosed) {
@@ -56,7 +59,8 @@ u32 CK9eReplStorage::LoadLocked() {
     const u32 rc = LoadOnce(index, &plan);
     // The index may be what is wrong, not the file. When the system fails, another try would
     // only read more.
-    if (rc == RC_OK || rc == RC_SYSTEM_ERROR || rc == RC_NO_MEMORY || !plan.UsesIndex()) {
+    if (rc == RC_OK || rc == RC_SYSTEM_ERROR || rc == RC_NO_MEMORY || rc == kContentChanged ||
+        !plan.UsesIndex()) {
         return rc;
     }
     LOG_WARNING(kLogStorage, "Load with the index failed; loading without it;code %u", rc);
@@ -125,9 +129,15 @@ u32 CK9eReplStorage::LoadFromOpenFile(const IndexFileContent& index, LoadPlan* p
         }
     }
     if (u32 rc = RunLoadPass(m_solid, plan); rc != RC_OK) {
-        LOG_ERROR_CODE(rc, kLogStorage, "Failed to load solid storage rec");
+        if (rc != kContentChanged) {
+            LOG_ERROR_CODE(rc, kLogStorage, "Failed to load solid storage rec");
+        }
         return rc;
     }
+    return FinishLoadFromOpenFile(lowestRev);
+}
+
+u32 CK9eReplStorage::FinishLoadFromOpenFile(i64 lowestRev) {
     if (u32 rc = m_solid.GetFlushedRev(&m_flushedRev); rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to get flushed rev from solid storage");
         return rc;
@@ -173,18 +183,21 @@ u32 CK9eReplStorage::RunLoadPass(CSolidStorage& file, LoadPlan* plan) {
     return rc;
 }
 
+std::uint32_t CK9eReplStorage::PlaceLoadedRecord(std::uint64_t offset, const K9eReplRec* rec,
+                                                 void* ctx) {
+    return static_cast<CK9eReplStorage*>(ctx)->OnLoadRecord(static_cast<i64>(offset), *rec);
+}
+
+std::uint32_t CK9eReplStorage::TakeLoadedCommit(void* ctx, std::int64_t clearRev,
+                                                std::int64_t commitRev) {
+    return static_cast<CK9eReplStorage*>(ctx)->OnLoadCommit(clearRev, commitRev);
+}
+
 u32 CK9eReplStorage::RunLoadPassFrom(CSolidStorage& file, i64 startOffset) {
     m_inserter.dataCounter = nullptr;
     m_loadedRev = 0;
     m_closedRev = 0;
-    return file.ScanFileFrom(
-        [](std::uint64_t offset, const K9eReplRec* rec, void* ctx) -> std::uint32_t {
-            return static_cast<CK9eReplStorage*>(ctx)->OnLoadRecord(static_cast<i64>(offset), *rec);
-        },
-        [](void* ctx, std::int64_t clearRev, std::int64_t commitRev) -> std::uint32_t {
-            return static_cast<CK9eReplStorage*>(ctx)->OnLoadCommit(clearRev, commitRev);
-        },
-        startOffset, this);
+    return file.ScanFileFrom(&PlaceLoadedRecord, &TakeLoadedCommit, startOffset, this);
 }
 
 // Records before the index's first entry are in the file when a logical clear passed them over.

@@ -240,6 +240,15 @@ class CK9eReplStorage final : public IK9eReplStorage {
     u32 RunLoadPass(CSolidStorage& file, LoadPlan* plan);
     u32 RunLoadPassFrom(CSolidStorage& file, i64 startOffset);
     bool LoadedAllThatIsKept(CSolidStorage& file, const LoadPlan& plan) const;
+    u32 FinishLoadFromOpenFile(i64 lowestRev);
+    // Loading a read-only storage (live_loading.cpp)
+    u32 LoadLive();
+    u32 LoadLiveOnce(bool* loaded);
+    u32 LoadOn();
+    u32 ReadMarks();
+    // The callbacks of the scan that a load runs; `ctx` is the storage.
+    static std::uint32_t PlaceLoadedRecord(std::uint64_t offset, const K9eReplRec* rec, void* ctx);
+    static std::uint32_t TakeLoadedCommit(void* ctx, std::int64_t clearRev, std::int64_t commitRev);
     u32 OnLoadRecord(i64 offset, const K9eReplRec& rec);
     u32 OnLoadCommit(i64 clearRev, i64 commitRev);
     u32 FinishLoad(i64 nextRevOfFile, CSolidStorage* file);
@@ -295,6 +304,7 @@ class CK9eReplStorage final : public IK9eReplStorage {
     FileWork m_fileWork = FileWork::kNone;
     bool m_clearing = false;  // a clear is under way: callbacks start no second one
     u32 m_flushDepth = 0;    // flushes that have not returned; a clear inside OnFlush flushes again
+    u32 m_walks = 0;         // enumerations that run
     u32 m_onFlushDepth = 0;  // calls of OnFlush that have not returned
     // What a failed flush has to take back; kept between flushes for its memory.
     struct FlushedPiece {

@@ -97,6 +97,9 @@ u32 CSolidStorage::FileItems::Fetch(u32 size) {
     if (u32 rc = m_cache.GetBuffer(m_offset, size, &m_buffer); rc != RC_OK) {
         return rc;
     }
+    if (u32 rc = m_storage.CheckEnumerated(); rc != RC_OK) {
+        return rc;
+    }
     return Holds(size) ? RC_OK : TooShort(size);
 }
 
@@ -113,6 +116,9 @@ u32 CSolidStorage::FileItems::GetLarge(u32 size, const u8** bytes) {
         return RC_SYSTEM_ERROR;
     }
     const u32 rc = m_storage.ReadHere(m_large.get(), size);
+    if (u32 checkRc = m_storage.CheckEnumerated(); checkRc != RC_OK) {
+        return checkRc;
+    }
     if (rc == RC_SHORT_READ) {
         return TooShort(size);
     }

@@ -16,6 +16,16 @@ using platform::LastSystemError;
 
 namespace {
 
+// Says why the scan ends. In a live file that is the end of the data, be it half-written.
+#define LOG_SCAN_END(...)                          \
+    do {                                           \
+        if (m_extent.isLive) {                     \
+            LOG_INFO(kLogStorage, __VA_ARGS__);    \
+        } else {                                   \
+            LOG_WARNING(kLogStorage, __VA_ARGS__); \
+        }                                          \
+    } while (false)
+
 bool AnyNonZero(const u8* bytes, u32 size) {
     // Every byte equals its neighbour, so memcmp can go by words: the tail of a pre-sized file is
     // most of what a buffer holds.
@@ -30,13 +40,25 @@ FileScan::FileScan(platform::File& file, i64& filePos, const Extent& extent,
 
 u32 FileScan::Run(i64 startOffset, bool fromHint) {
     assert(startOffset >= kFirstCommitOffset);
+    m_fromHint = fromHint;
+    return RunFrom(startOffset);
+}
+
+u32 FileScan::Resume(const Result& from) {
+    assert(from.validCommitOffset >= kFirstCommitOffset);
+    m_result = from;
+    m_commitFound = true;
+    return RunFrom(from.validCommitOffset + kCommitBlockSize);
+}
+
+u32 FileScan::RunFrom(i64 offset) {
     m_buffer = platform::AllocBuffer(kBufferSize);
     if (m_buffer == nullptr) {
         return RC_NO_MEMORY;
     }
-    m_offset = startOffset;
-    m_bufferOffset = startOffset;
-    m_fromHint = fromHint;
+    m_offset = offset;
+    m_bufferOffset = offset;
+    m_readSize = m_extent.isLive ? kFirstLiveRead : kBufferSize;
     Step step = Step::kNext;
     while (step == Step::kNext) {
         step = TakeItem();
@@ -64,7 +86,9 @@ FileScan::Step FileScan::Fill(u32 needed) {
         }
         m_filePos = m_offset;
     }
-    const i64 toRead = std::clamp<i64>(m_extent.fileSize - m_offset, 0, kBufferSize);
+    const u32 readSize = std::clamp(needed, m_readSize, kBufferSize);
+    m_readSize = std::min(2 * readSize, kBufferSize);
+    const i64 toRead = std::clamp<i64>(m_extent.fileSize - m_offset, 0, readSize);
     u32 got = 0;
     if (!m_file.Read(m_buffer.get(), static_cast<u32>(toRead), &got)) {
         m_filePos = kUnknownOffset;
@@ -75,13 +99,19 @@ FileScan::Step FileScan::Fill(u32 needed) {
     m_filePos += got;
     m_bufferOffset = m_offset;
     m_bufferLength = got;
+    if (m_extent.mark != nullptr) {
+        if (u32 rc = m_extent.mark->Check(m_file, m_filePos); rc != RC_OK) {
+            return Fail(rc);
+        }
+    }
     if (got < needed) {
-        if (i64{got} < toRead) {
+        // A live file may have been cut and sized again.
+        if (i64{got} < toRead && !m_extent.isLive) {
             if (Step step = CheckEnd(m_offset + got); step != Step::kNext) {
                 return step;
             }
         }
-        LOG_WARNING(kLogStorage, "Couldn't read %P bytes at once", std::size_t{needed});
+        LOG_SCAN_END("Couldn't read %P bytes at once", std::size_t{needed});
         return Step::kStop;
     }
     return Step::kNext;
@@ -154,21 +184,19 @@ FileScan::Step FileScan::TakeRecord() {
 
 FileScan::Step FileScan::CheckRecord(const TRecordHead& head) {
     if (u64{head.size} != u64{head.dataSize} + kRecordHeadSize) {
-        LOG_WARNING(kLogStorage, "Found rec with size %u, but data size %u at offset %I64d",
-                    u32{head.size}, u32{head.dataSize}, m_offset);
+        LOG_SCAN_END("Found rec with size %u, but data size %u at offset %I64d", u32{head.size},
+                     u32{head.dataSize}, m_offset);
         return Step::kStop;
     }
     if (head.rev < m_result.lastCommitted) {
-        LOG_WARNING(kLogStorage,
-                    "Found rec with rev (%I64d) less than lastCommitted at offset %I64d",
-                    i64{head.rev}, m_offset);
+        LOG_SCAN_END("Found rec with rev (%I64d) less than lastCommitted at offset %I64d",
+                     i64{head.rev}, m_offset);
         return Step::kStop;
     }
     if (head.rev <= m_result.prevRecRev) {
         // The wording is what hosts know; the fault is a revision that does not rise.
-        LOG_WARNING(kLogStorage,
-                    "Found rec with rev (%I64d) greater than prev (%I64d) at offset %I64d",
-                    i64{head.rev}, m_result.prevRecRev, m_offset);
+        LOG_SCAN_END("Found rec with rev (%I64d) greater than prev (%I64d) at offset %I64d",
+                     i64{head.rev}, m_result.prevRecRev, m_offset);
         return Step::kStop;
     }
     return Step::kNext;
@@ -194,30 +222,34 @@ FileScan::Step FileScan::TakeCommit() {
                                  ? std::max<i64>(block.clearRev, block.commitRev)
                                  : i64{block.commitRev};
     m_result.lastSequence = block.sequence;
+    m_result.lastCommit = block;
+    const i64 itemsBegan = m_result.validCommitOffset + kCommitBlockSize;
+    if (m_offset != kFirstCommitOffset && m_offset != itemsBegan) {
+        m_result.closingOffset = m_offset;
+        m_result.closing = block;
+    }
     m_result.validCommitOffset = m_offset;
     m_commitFound = true;
     m_offset += kCommitBlockSize;
-    return Step::kNext;
+    return m_offset < m_extent.enough ? Step::kNext : Step::kStop;
 }
 
 FileScan::Step FileScan::CheckCommit(const TCommitBlock& block) {
     if (m_commitFound && block.prevSequence != m_result.lastSequence) {
-        LOG_WARNING(kLogStorage, "Commit block consistency sequence is broken at offset %I64d",
-                    m_offset);
+        LOG_SCAN_END("Commit block consistency sequence is broken at offset %I64d", m_offset);
         return Step::kStop;
     }
     if (m_commitFound && block.clearRev < m_result.clearRev) {
-        LOG_WARNING(kLogStorage,
-                    "Found commit block at offset %I64d with clearRev (%I64d) less than expected",
-                    m_offset, i64{block.clearRev});
+        LOG_SCAN_END("Found commit block at offset %I64d with clearRev (%I64d) less than expected",
+                     m_offset, i64{block.clearRev});
         return Step::kStop;
     }
     // The file's first commit block has no record before it, but that of a hint has.
     if ((m_commitFound || m_fromHint) && block.commitRev < m_result.prevRecRev) {
-        LOG_WARNING(kLogStorage,
-                    "Found commit block at offset %I64d with commitRev (%I64d) less than recRev "
-                    "(%I64d)",
-                    m_offset, i64{block.commitRev}, m_result.prevRecRev);
+        LOG_SCAN_END(
+            "Found commit block at offset %I64d with commitRev (%I64d) less than recRev "
+            "(%I64d)",
+            m_offset, i64{block.commitRev}, m_result.prevRecRev);
         return Step::kStop;
     }
     return Step::kNext;
@@ -252,9 +284,11 @@ u32 CSolidStorage::ScanFileFrom(K9eReplScanRecordCb recordCb, K9eReplScanCommitC
     }
     const bool fromHint =
         startOffset != 0 && startOffset != kFirstCommitOffset && startOffset != kFirstItemOffset;
-    FileScan scan(m_file, m_filePos,
-                  {.fileSize = FileSize(), .dataEnd = std::numeric_limits<i64>::max()},
-                  {recordCb, commitCb, ctx});
+    if (IsReadOnly()) {
+        const i64 start = fromHint ? startOffset : kFirstCommitOffset;
+        return LoadLive({recordCb, commitCb, ctx}, {.offset = start, .fromHint = fromHint});
+    }
+    FileScan scan(m_file, m_filePos, {.fileSize = FileSize()}, {recordCb, commitCb, ctx});
     const u32 scanRc = scan.Run(fromHint ? startOffset : kFirstCommitOffset, fromHint);
     InvalidateReads();
     if (scanRc != RC_OK) {
@@ -270,8 +304,8 @@ u32 CSolidStorage::ScanFileFrom(K9eReplScanRecordCb recordCb, K9eReplScanCommitC
 
 u32 CSolidStorage::TakeScanEnd(const FileScan::Result& result) {
     const i64 position = result.validCommitOffset + kCommitBlockSize;
-    if (m_writer == nullptr) {
-        m_state.writePos.store(position, std::memory_order_release);
+    if (IsReadOnly()) {
+        MarkContent(result);
     } else if (u32 rc = m_writer->SetWritePos(position, true, result.tailInUse); rc != RC_OK) {
         return rc;
     }

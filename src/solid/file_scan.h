@@ -5,9 +5,12 @@
 
 #include <k9erepl/storage_interfaces.h>
 
+#include <limits>
+
 #include "platform/file.h"
 #include "platform/int_types.h"
 #include "platform/memory.h"
+#include "solid/content_mark.h"
 #include "solid/file_format.h"
 
 namespace k9erepl {
@@ -33,6 +36,8 @@ class FileScan {
   public:
     // An item larger than this cannot be read back: insertion refuses it.
     static constexpr u32 kBufferSize = 10 * 1024 * 1024;
+    // The first read of a live file, which may have little that is new; each further one doubles.
+    static constexpr u32 kFirstLiveRead = 64 * 1024;
 
     // Where the scan ended. Valid after Run returned RC_OK.
     struct Result {
@@ -43,15 +48,24 @@ class FileScan {
         i64 committedBefore = 0;    // the same
         i64 prevRecRev = 0;         // of the last accepted record
         u32 lastSequence = 0;
-        bool tailInUse = false;  // behind that block not every byte is known to be zero
-        i64 stopOffset = 0;      // of the first item that was not accepted
-        bool stopInUse = false;  // four bytes lie there, and not all are zero
+        TCommitBlock lastCommit{};  // the last accepted commit block
+        i64 closingOffset = 0;      // of the one that closes the last record; 0: there is no record
+        TCommitBlock closing{};     // that block
+        bool tailInUse = false;     // behind that block not every byte is known to be zero
+        i64 stopOffset = 0;         // of the first item that was not accepted
+        bool stopInUse = false;     // four bytes lie there, and not all are zero
     };
 
-    // What is read: up to fileSize; what is taken as items: what begins before dataEnd.
+    // What is read: up to fileSize; what is taken as items: what begins before dataEnd. The scan
+    // ends behind the first commit block that ends at or behind `enough`.
     struct Extent {
         i64 fileSize;
-        i64 dataEnd;
+        i64 dataEnd = std::numeric_limits<i64>::max();
+        i64 enough = std::numeric_limits<i64>::max();
+        // Another process writes the file: what ends the scan is no reason for a warning.
+        bool isLive = false;
+        // Looked at after each read, unless null; kContentChanged ends the scan.
+        const ContentMark* mark = nullptr;
     };
 
     // `filePos` is where the file's pointer stands, kept true by the scan.
@@ -62,6 +76,8 @@ class FileScan {
     // Errors: RC_FILE_CORRUPT, RC_SYSTEM_ERROR, RC_NO_MEMORY, RC_SHORT_READ when the system gives
     // fewer bytes than the file has, a callback's result.
     u32 Run(i64 startOffset, bool fromHint);
+    // Scans on from behind the last commit block of an earlier scan. Errors: as Run.
+    u32 Resume(const Result& from);
 
     const Result& GetResult() const { return m_result; }
 
@@ -69,6 +85,7 @@ class FileScan {
     // What an item came to.
     enum class Step { kNext, kStop, kFail };
 
+    u32 RunFrom(i64 offset);
     Step Need(u32 size);
     Step Fill(u32 needed);
     Step CheckEnd(i64 reached);
@@ -89,8 +106,9 @@ class FileScan {
     const FileScanCallbacks m_callbacks;
 
     platform::MemoryBuffer m_buffer;
-    i64 m_bufferOffset = 0;  // file offset of the buffer's first byte
-    u32 m_bufferLength = 0;  // valid bytes; m_offset never lies outside them
+    i64 m_bufferOffset = 0;        // file offset of the buffer's first byte
+    u32 m_bufferLength = 0;        // valid bytes; m_offset never lies outside them
+    u32 m_readSize = kBufferSize;  // of the next read, unless an item needs more
 
     i64 m_offset = 0;  // file offset of the item being looked at
     bool m_fromHint = false;

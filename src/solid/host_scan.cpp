@@ -53,6 +53,9 @@ u32 CSolidStorage::ScanForHost(const FileScanCallbacks& callbacks) {
         }
     }
     HostCallbacks checked{callbacks, m_layoutGeneration, m_layoutGeneration};
+    if (IsReadOnly()) {
+        return ScanLiveForHost({&HostCallbacks::OnRecord, &HostCallbacks::OnCommit, &checked});
+    }
     // Before the first scan the write position is the file's size.
     FileScan scan(m_file, m_filePos, {.fileSize = FileSize(), .dataEnd = m_state.writePos},
                   {&HostCallbacks::OnRecord, &HostCallbacks::OnCommit, &checked});

@@ -77,12 +77,9 @@ u32 ReadWriteThrough(const char* connStr, bool* writeThrough) {
     return RC_OK;
 }
 
-// A reader hinders nobody: a writer may do with the file and its name whatever it does alone.
 platform::FileOpenRequest RequestFor(FileUse use, bool writeThrough) {
-    if (use == FileUse::kReadOnly) {
-        return {.access = platform::FileAccess::kRead, .sharing = platform::FileSharing::kAll};
-    }
-    return {.writeThrough = writeThrough};
+    return use == FileUse::kReadOnly ? kReadOnlyRequest
+                                     : platform::FileOpenRequest{.writeThrough = writeThrough};
 }
 
 }  // namespace
@@ -158,6 +155,7 @@ bool CSolidStorage::Close() {
     m_filePos = 0;
     m_inUse = false;
     m_lastWrittenRev = 0;
+    m_content = {};
     m_scanEnd = {};
     m_tailUnkept = false;
     if (ended) {

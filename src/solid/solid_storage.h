@@ -12,6 +12,7 @@
 #include "memory/read_cache_manager.h"
 #include "platform/file.h"
 #include "platform/int_types.h"
+#include "solid/content_mark.h"
 #include "solid/file_format.h"
 #include "solid/file_scan.h"
 #include "solid/solid_storage_owner.h"
@@ -124,6 +125,21 @@ class CSolidStorage final : public IK9eReplLLStorage {
     u32 ScanFileFrom(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb, i64 startOffset,
                      void* ctx);
 
+    // --- Reading a file that another process writes (live_file.cpp). REQUIRES: opened read-only.
+
+    // To be called before a load: opens the file anew that the path leads to now. *goesOn receives
+    // whether it holds what was loaded, perhaps with more behind it; it is false before the first
+    // load. Errors: as Open; what was loaded, and the handle on it, then stays.
+    // REQUIRES: no enumeration runs.
+    u32 Refresh(bool* goesOn);
+    // The load scan from where the last one ended. Arguments and errors: as ScanFileFrom;
+    // kContentChanged also when the writer started the file over meanwhile or took something back.
+    // REQUIRES: Refresh has said that the file goes on.
+    u32 ScanOn(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb, void* ctx);
+    // RC_OK when everything that was read since the load began is the content that was loaded, or
+    // the file is not read-only. Errors: as ContentMark::Check.
+    u32 CheckContent();
+
     // To be called when a load has succeeded. Where its scan ended at bytes that are not zero,
     // looks behind them for commit blocks that link to each other: damage in the middle of the
     // data, not its end (docs/storage-file.md). Logs that as an error and, with kKeepCopy, keeps a
@@ -227,6 +243,23 @@ class CSolidStorage final : public IK9eReplLLStorage {
     template <typename Action>
     u32 WithHeaderPosition(Action action);
 
+    bool IsReadOnly() const { return IsOpen() && m_writer == nullptr; }
+    // Where a scan of a live file begins: at `offset`, or behind what an earlier scan accepted.
+    struct LiveStart {
+        i64 offset = kFirstCommitOffset;
+        bool fromHint = false;
+        const FileScan::Result* resume = nullptr;
+    };
+    u32 LoadLive(const FileScanCallbacks& callbacks, const LiveStart& start);
+    u32 ScanLive(const FileScanCallbacks& callbacks, const LiveStart& start, i64 enough,
+                 FileScan::Result* result);
+    u32 LookAhead(const LiveStart& start, i64 enough, FileScan::Result* found);
+    u32 HandOut(const FileScanCallbacks& callbacks, const LiveStart& start,
+                const FileScan::Result& ahead, FileScan::Result* result);
+    u32 ScanLiveForHost(const FileScanCallbacks& callbacks);
+    void MarkContent(const FileScan::Result& loaded);
+    u32 CheckEnumerated();
+
     u32 ScanForHost(const FileScanCallbacks& callbacks);
     // The scan's end becomes the write position and the last commit block.
     u32 TakeScanEnd(const FileScan::Result& result);
@@ -294,6 +327,7 @@ class CSolidStorage final : public IK9eReplLLStorage {
     // Changes when the file's items may lie elsewhere than before: a load, a truncation, a squeeze.
     u64 m_layoutGeneration = 0;
 
+    ContentMark m_content;       // when read-only: of what is loaded, or being loaded
     FileScan::Result m_scanEnd;  // of the scan that placed the write position
     bool m_tailUnkept = false;   // a damaged tail is in the file only
 };

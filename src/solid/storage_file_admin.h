@@ -33,6 +33,10 @@ u32 DeleteStorage(const char* connStr);
 // a missing file.
 u32 DeleteStorageFile(const char* connStr);
 
+// A reader hinders nobody: a writer may do with the file and its name whatever it does alone.
+inline constexpr platform::FileOpenRequest kReadOnlyRequest = {
+    .access = platform::FileAccess::kRead, .sharing = platform::FileSharing::kAll};
+
 // Opens an existing storage file as `request` says and checks signature and version; *file then
 // stands at offset 1024. Errors: RC_SYSTEM_ERROR, RC_INVALID_ARG for a file that is no storage of
 // this version.

@@ -1,0 +1,37 @@
+// Two commit blocks by which a reader knows the content of a storage file again while another
+// process writes it. A writer starts a file over by writing its first commit block anew, and takes
+// back what it failed to flush by zeroing it, the closing commit block included: as long as both
+// blocks are unchanged, so is everything between them. Used by the storage file when it is
+// read-only: what was read before a successful check is the content that was loaded.
+#ifndef K9EREPL_SOLID_CONTENT_MARK_H
+#define K9EREPL_SOLID_CONTENT_MARK_H
+
+#include <k9erepl/storage.h>
+
+#include "platform/file.h"
+#include "platform/int_types.h"
+#include "solid/file_format.h"
+
+namespace k9erepl {
+
+// The code for a file whose content is not the one that was loaded: it is to be loaded again.
+inline constexpr u32 kContentChanged = RC_WRONG_STATE;
+
+struct ContentMark {
+    TCommitBlock first{};  // the commit block at 1024
+    i64 lastOffset = 0;    // of `last`; 0: there is no other commit block to look at
+    TCommitBlock last{};
+
+    // Reads the commit block at 1024 into `first`, and looks at no other block from now on.
+    // Errors: kContentChanged when there is none; RC_SYSTEM_ERROR.
+    u32 Take(platform::File& file, i64& filePos);
+
+    // RC_OK when both blocks are in the file as they are here. Errors: kContentChanged,
+    // RC_SYSTEM_ERROR. `filePos` is where the file's pointer stands, kept true. Logs failures of
+    // the system only.
+    u32 Check(platform::File& file, i64& filePos) const;
+};
+
+}  // namespace k9erepl
+
+#endif  // K9EREPL_SOLID_CONTENT_MARK_H
