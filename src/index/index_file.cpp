@@ -216,9 +216,9 @@ bool IsStorageFile(const std::string& path) {
 }
 
 // The index file's signature begins with the same letters; read as a version, the rest of it is a
-// large number.
+// large number, and stays one when a part of it is damaged.
 bool IsStorageFile(platform::File& file, bool* isStorage) {
-    constexpr u32 kVersionsMost = 255;
+    constexpr u32 kVersionsMost = 31;
     struct {
         char signature[kHeaderSignatureSize];
         u32 version;
@@ -229,7 +229,7 @@ bool IsStorageFile(platform::File& file, bool* isStorage) {
     if (!file.GetSize(&size) || (size > 0 && !file.Read(&start, sizeof start, &got))) {
         return false;
     }
-    *isStorage = got == sizeof start &&
+    *isStorage = size >= kFirstItemOffset && got == sizeof start &&
                  std::memcmp(start.signature, kHeaderSignature, kHeaderSignatureSize) == 0 &&
                  start.version != 0 && start.version <= kVersionsMost;
     return true;

@@ -28,7 +28,8 @@ struct IndexFileContent {
 // RC_NO_MEMORY.
 u32 ReadIndexFile(const std::string& path, IndexFileContent* content);
 
-// Whether the file begins as a storage file does: its signature and a version. Nothing here
+// Whether the file begins as a storage file does, with its signature and a version, and is as long
+// as one at least. Nothing here
 // empties, overwrites or deletes such a file, whatever path leads to it. False when it cannot be
 // read.
 bool IsStorageFile(const std::string& path);

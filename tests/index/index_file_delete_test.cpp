@@ -40,7 +40,7 @@ TEST_F(IndexFileDelete, AnswersASystemErrorForAFileThatStays) {
 }
 
 TEST_F(IndexFileDelete, LeavesAStorageFileAlone) {
-    WriteText(Path(), std::string("K9_EREPL\3\0\0\0 and more", 21));
+    WriteText(Path(), "K9_EREPL\3" + std::string(1055, '\0'));
     EXPECT_EQ(DeleteIndexFile(ConnStr().c_str()), RC_INVALID_ARG);
     EXPECT_TRUE(Exists(Path()));
     EXPECT_EQ(

@@ -66,7 +66,7 @@ TEST_F(IndexFileWriterTest, EmptiesAnExistingFile) {
 TEST_F(IndexFileWriterTest, LeavesAStorageFileAlone) {
     CreateWith(0);
     m_writer.Close();
-    const std::string storage("K9_EREPL\3\0\0\0 and more", 21);
+    const std::string storage = "K9_EREPL\3" + std::string(1055, '\0');
     WriteText(m_path, storage);
     m_image.Reset();
     EXPECT_EQ(m_writer.Create(m_image), RC_INVALID_ARG);

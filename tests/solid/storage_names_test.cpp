@@ -79,19 +79,21 @@ TEST_F(StorageNames, AnIndexFileNamedAsUsualIsAccepted) {
 }
 
 // What an index file or a storage file may become in a crash, or be by chance, is no storage.
-TEST_F(StorageNames, OnlyASignatureWithAVersionMakesAStorage) {
+TEST_F(StorageNames, OnlyASignatureWithAVersionAndRoomForItemsMakesAStorage) {
     const std::string index = m_folder.File("data.edb-idx");
-    for (const std::string& text :
-         {std::string("K9_EREPL"), std::string("K9_EREPL_IDX\3\0\0\0", 16),
-          std::string("K9_EREPL_ID"), std::string("K9_EREPL\0\0\0\0", 12),
-          std::string("K9_EREPL\3\0\0", 11), std::string()}) {
+    const auto check = [&](std::string text, std::size_t size) {
+        text.resize(size);
         WriteText(index, text);
-        EXPECT_EQ(Check("data.edb-idx"), RC_OK) << text;
+        return Check("data.edb-idx");
+    };
+    for (const char* magic :
+         {"K9_EREPL_IDX\3", "K9_EREPL", "K9_EREPL_", "K9_EREPL\x20", "K9_ERE"}) {
+        EXPECT_EQ(check(magic, 1064), RC_OK) << magic;
     }
-    for (const std::string& text :
-         {std::string("K9_EREPL\3\0\0\0", 12), std::string("K9_EREPL\xFF\0\0\0", 12)}) {
-        WriteText(index, text);
-        EXPECT_EQ(Check("data.edb-idx"), RC_INVALID_ARG) << text;
+    for (const char* magic : {"K9_EREPL\3", "K9_EREPL\1", "K9_EREPL\x1F"}) {
+        EXPECT_EQ(check(magic, 1056), RC_INVALID_ARG) << magic;
+        EXPECT_EQ(check(magic, 1055), RC_OK) << magic;
+        EXPECT_EQ(check(magic, 0), RC_OK) << magic;
     }
 }
 
