@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "engine/flush_fixture.h"
+#include "support/fault_injection.h"
 #include "support/log_capture.h"
 
 namespace k9erepl::test {
@@ -154,10 +155,13 @@ TEST_F(CloseInCallback, OfAHandleTakenInTheLastFlushEndsNothing) {
 // --- On threads of the library -----------------------------------------------------------------
 
 TEST_F(CloseInCallback, OnTheIndexThreadIsCarriedOutByIt) {
+    const ScopedSystemCalls systemCalls;
+    SetTickCount(1000);
     TestStorage storage(kByTime);
     m_notified.Does([&](i64) { Close(storage); });
     m_notified.SetAsOnFlush(storage);
     storage.InsertCommitted({"one"});
+    AdvanceTickCount(20);
     WaitUntilGone();
     ExpectClosedWith(storage, {"one"});
 }

@@ -8,11 +8,13 @@
 #include <thread>
 
 #include "engine/flush_fixture.h"
+#include "support/fault_injection.h"
 #include "support/log_capture.h"
 
 namespace k9erepl::test {
 namespace {
 
+// Flushed by the index thread alone, once the clock of the test has advanced by 20 milliseconds.
 constexpr std::string_view kByTime = "flush_mode=PerTrans;flush_trans_num=-1;flush_timeout=20;";
 
 // Another thread can take the lock.
@@ -144,9 +146,12 @@ TEST_F(ThrowingCallbacks, LetATruncationBringTheStorageBack) {
 // --- On threads of the library -----------------------------------------------------------------
 
 TEST_F(ThrowingCallbacks, OnTheIndexThreadBreakTheStorageOnly) {
+    const ScopedSystemCalls systemCalls;
+    SetTickCount(1000);
     TestStorage storage(kByTime);
     InOnFlush(storage, [] { throw std::runtime_error("client"); });
     storage.InsertCommitted({"one"});
+    AdvanceTickCount(20);
     WaitUntilLogged();
     EXPECT_EQ(storage.State(), StorageState::kBroken);
     EXPECT_EQ(storage.Insert("two"), RC_WRONG_STATE);
@@ -157,10 +162,13 @@ TEST_F(ThrowingCallbacks, OnTheIndexThreadBreakTheStorageOnly) {
 
 TEST_F(ThrowingCallbacks, OnWriteToFileOnTheIndexThreadBreaksTheStorageOnly) {
     SKIP_WHEN_ASYNC("OnWriteToFile is called by the flush");
+    const ScopedSystemCalls systemCalls;
+    SetTickCount(1000);
     TestStorage storage(kByTime);
     Notified written([](i64) { throw 7; });
     written.SetAsOnWriteToFile(storage);
     storage.InsertCommitted({"one"});
+    AdvanceTickCount(20);
     WaitUntilLogged();
     EXPECT_EQ(storage.State(), StorageState::kBroken);
     EXPECT_EQ(storage.Insert("two"), RC_WRONG_STATE);

@@ -96,6 +96,32 @@ TEST_F(Termination, ReleasesTheLocksOfTheWaitingThread) {
     lock.unlock();
 }
 
+TEST_F(Termination, PassesAHandlerOfAllExceptionsThatLetsItOn) {
+    TestThread thread([&] {
+        try {
+            m_reached = true;
+            m_event.Wait(kWaitForever);
+        } catch (...) {
+            platform::PassThreadEnd();
+            m_passed = true;
+        }
+    });
+    ASSERT_TRUE(thread->Resume() && Eventually([&] { return m_reached.load(); }));
+    EXPECT_TRUE(thread->Terminate(kExitCode));
+    EXPECT_FALSE(m_passed);
+}
+
+TEST_F(Termination, LeavesOtherExceptionsToTheHandler) {
+    int caught = 0;
+    try {
+        throw 7;
+    } catch (...) {
+        platform::PassThreadEnd();
+        ++caught;
+    }
+    EXPECT_EQ(caught, 1);
+}
+
 TEST_F(Termination, LeavesTheEventUsable) {
     std::atomic<bool> otherPassed{false};
     TestThread ended([&] { m_event.Wait(kWaitForever); });

@@ -1,5 +1,4 @@
 // Threads: started at a gate, joined with a time-out, ended from outside at their next wait.
-#include <cxxabi.h>
 #include <pthread.h>
 #include <sched.h>
 #include <signal.h>
@@ -210,13 +209,14 @@ void ThreadDestroy(void* thread) {
 
 }  // namespace native
 
-// The system ends a thread that was cancelled, or called pthread_exit, by an exception, too.
 void PassThreadEnd() {
+    if (std::current_exception() == nullptr) {
+        // No exception of C++: the thread was cancelled, or its host called pthread_exit.
+        throw;
+    }
     try {
         throw;
     } catch (const native::ThreadTermination&) {
-        throw;
-    } catch (const abi::__forced_unwind&) {
         throw;
     } catch (...) {
         return;
