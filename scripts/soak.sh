@@ -52,9 +52,10 @@ main_seconds=$((minutes * 60 * 3 / 4))
 plan() {
     pieces=$((${#rows[@]} + ${#fuzz_targets[@]}))
     main_end=$(($(date +%s) + main_seconds))
-    echo "soak.sh: ${#fuzz_targets[@]} fuzz targets and ${#rows[@]} rows in $main_seconds s, about" \
-        "$(share_of "$main_end" "$pieces") s each; then planted bugs for $bugs_minutes minutes;" \
-        "seed $seed"
+    printf '%s' "soak.sh: ${#fuzz_targets[@]} fuzz targets and ${#rows[@]} rows" \
+        " in $main_seconds s, about $(share_of "$main_end" "$pieces") s each;" \
+        " then planted bugs for $bugs_minutes minutes; seed $seed"
+    printf '\n'
 }
 
 if [ -n "$dry" ]; then
