@@ -152,6 +152,8 @@ K9EREPL_API void K9EREPL_CALL K9eReplStorageCleanup(void);
  *        0x1  replace an existing file, and delete its index file
  *        0x2  leave an existing file exactly as it is, whatever it holds
  * A file that is open for writing anywhere is not replaced: RC_SYSTEM_ERROR, nothing is changed.
+ * After a failure half-way (the disk is full) a new file is deleted again; one that was to be
+ * replaced stays, and is no storage any more.
  * Errors: RC_INVALID_ARG without "file", or for an index file that is a storage file or has a name
  * that its storage needs; RC_PATH_TOO_LONG, RC_NO_MEMORY, RC_SYSTEM_ERROR. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageCreate(const char* connStr, uint32_t flags);

@@ -4,6 +4,7 @@
 #include "engine/index_test.h"
 #include "engine/repl_storage.h"
 #include "support/log.h"
+#include "support/memory_path.h"
 #include "support/params.h"
 
 namespace k9erepl {
@@ -83,7 +84,7 @@ u32 CK9eReplStorage::LoadWithoutOpenFile(const IndexFileContent& index, LoadPlan
                        "Failed to get file parameter value to load data;conn-str %s", connStr);
         return RC_INVALID_ARG;
     }
-    if (path == ":memory:") {
+    if (IsMemoryPath(path)) {
         if (u32 rc = Truncate(); rc != RC_OK) {
             LOG_ERROR_CODE(rc, kLogStorage, "Failed to truncate storage;conn-str %s", connStr);
             return rc;

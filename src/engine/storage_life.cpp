@@ -5,6 +5,7 @@
 #include "solid/file_scan.h"
 #include "solid/storage_names.h"
 #include "support/log.h"
+#include "support/memory_path.h"
 #include "support/params.h"
 #include "support/storage_exception.h"
 
@@ -78,7 +79,7 @@ u32 CK9eReplStorage::OpenSolidStorage(const char* connStr) {
                        "Failed to get file parameter value;conn-str %s", connStr);
         return RC_INVALID_ARG;
     }
-    if (path == ":memory:") {
+    if (IsMemoryPath(path)) {
         LOG_ERROR_CODE(RC_INVALID_ARG, kLogStorage, "Cannot flush to file %s;conn-str %s",
                        path.c_str(), connStr);
         return RC_INVALID_ARG;

@@ -14,6 +14,7 @@
 #include "platform/system_error.h"
 #include "solid/file_format.h"
 #include "support/log.h"
+#include "support/memory_path.h"
 #include "support/params.h"
 
 namespace k9erepl {
@@ -22,7 +23,6 @@ namespace {
 
 constexpr const char* kExtension = "edb-idx";
 constexpr const char* kExtensionSuffix = "-idx";
-constexpr const char* kInMemory = ":memory:";
 constexpr u32 kReadBufferSize = 1024 * 1024;
 
 static_assert(kReadBufferSize % sizeof(TIndexEntry) == 0, "an entry never spans two reads");
@@ -180,16 +180,17 @@ u32 IndexFileReader::TakeEntries(u32 count, std::vector<TIndexEntry>* entries) {
 
 std::string IndexFileName(const char* connStr) {
     assert(connStr != nullptr);
-    std::string path;
-    GetParam(connStr, "index_file", path);
-    if (!path.empty()) {
-        return path;
-    }
-    GetParam(connStr, "file", path);
-    if (path.empty() || path == kInMemory) {
+    std::string storagePath;
+    GetParam(connStr, "file", storagePath);
+    if (IsMemoryPath(storagePath)) {
         return std::string();
     }
-    return DeriveName(path);
+    std::string path;
+    GetParam(connStr, "index_file", path);
+    if (!path.empty() || storagePath.empty()) {
+        return path;
+    }
+    return DeriveName(storagePath);
 }
 
 u32 ReadIndexFile(const std::string& path, IndexFileContent* content) {
@@ -250,6 +251,10 @@ u32 DeleteIndexFile(const char* connStr) {
         return RefuseStorageFile(path);
     }
     if (!platform::RemoveFile(path)) {
+        if (platform::LastSystemErrorIs(platform::SystemErrorKind::kNotFound)) {
+            LOG_INFO(kLogIndex, "No index file to delete;path '%s'", path.c_str());
+            return RC_OK;
+        }
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogIndex, "Cannot delete index file;path '%s'",
                        path.c_str());
         return RC_SYSTEM_ERROR;

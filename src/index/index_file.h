@@ -14,7 +14,7 @@ namespace k9erepl {
 
 // The path of the index file: the setting index_file, else derived from the setting file
 // ("data.edb" gives "data.edb-idx", "data" and "data." give "data.edb-idx"). Empty when there is
-// none: file is ":memory:" or absent.
+// none: file is ":memory:" in any case of letters, or neither setting is there.
 std::string IndexFileName(const char* connStr);
 
 struct IndexFileContent {
@@ -40,8 +40,8 @@ bool IsStorageFile(platform::File& file, bool* isStorage);
 // Logs that the index file at `path` is a storage file; RC_INVALID_ARG.
 u32 RefuseStorageFile(const std::string& path);
 
-// Deletes the index file that `connStr` names. RC_OK also when it names none.
-// Errors: RC_SYSTEM_ERROR, also for a missing file; RC_INVALID_ARG for a storage file, which stays.
+// Deletes the index file that `connStr` names. RC_OK also when it names none or there is none.
+// Errors: RC_SYSTEM_ERROR; RC_INVALID_ARG for a storage file, which stays.
 u32 DeleteIndexFile(const char* connStr);
 
 }  // namespace k9erepl

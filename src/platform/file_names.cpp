@@ -32,7 +32,7 @@ bool Rename(const std::string& from, const std::string& to) {
 
 bool MakeDirectory(const std::string& path) {
     if (RepeatInterrupted([&] { return TheSystemCalls().makeDirectory(path.c_str()); })) {
-        return FlushParentDirectory(path);
+        return FlushParentDirectory(path) || LastSystemErrorIs(SystemErrorKind::kAccessDenied);
     }
     return LastSystemErrorIs(SystemErrorKind::kAlreadyExists);
 }
@@ -74,7 +74,7 @@ bool MoveAcrossVolumes(const std::string& from, const std::string& to) {
         SetLastSystemError(cause);
         return false;
     }
-    if (!FlushParentDirectory(to)) {
+    if (!FlushParentDirectory(to) && !LastSystemErrorIs(SystemErrorKind::kAccessDenied)) {
         return false;
     }
     RemoveFile(from);  // the move is done; a source that cannot be deleted is only left over

@@ -22,6 +22,7 @@ bool RemoveFile(const std::string& path);
 
 // Gives `from` the name `to`, replacing a file that stands there. Across volumes it copies to a
 // new file beside `to`, flushes that, renames it and deletes `from`; `to` is whole at any time.
+// Flushes the directory then, if the process may read it.
 bool MoveFileReplacing(const std::string& from, const std::string& to);
 
 // Gives the file `existing` one more name; `name` must be free. kNotSupported where the system or
@@ -29,7 +30,8 @@ bool MoveFileReplacing(const std::string& from, const std::string& to);
 bool LinkFile(const std::string& existing, const std::string& name);
 
 // Makes every missing directory on the way to the file `path`, the outermost first. Existing ones
-// are no error; true also when `path` has no directory part.
+// are no error; true also when `path` has no directory part. Flushes the directory of each new one,
+// if the process may read that.
 bool MakeParentDirectories(const std::string& path);
 
 // The identity of the file or folder that `path` leads to, links followed.

@@ -13,6 +13,7 @@
 #include "solid/file_access.h"
 #include "solid/file_replace.h"
 #include "solid/solid_storage.h"
+#include "support/durable_names.h"
 #include "support/log.h"
 
 namespace k9erepl {
@@ -108,7 +109,7 @@ u32 CopyUnder(const std::string& name, const std::string& storagePath, Tail& tai
         return RC_SYSTEM_ERROR;
     }
     temporary.Release();
-    if (!platform::FlushParentDirectory(name)) {
+    if (!FlushNamesBeside(name)) {
         return RC_SYSTEM_ERROR;
     }
     LOG_WARNING(kLogStorage, "Damaged tail is kept in file '%s';size %I64d", name.c_str(),

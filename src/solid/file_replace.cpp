@@ -8,6 +8,7 @@
 #include "index/index_file.h"
 #include "platform/file_names.h"
 #include "platform/system_error.h"
+#include "support/durable_names.h"
 #include "support/log.h"
 
 namespace k9erepl {
@@ -67,7 +68,7 @@ bool Move(const std::string& from, const std::string& to) {
 }
 
 bool FlushNames(const std::string& path) {
-    return WithoutThrowing([&] { return platform::FlushParentDirectory(path); });
+    return WithoutThrowing([&] { return FlushNamesBeside(path); });
 }
 
 // An older backup's. A storage file that has this name is none.

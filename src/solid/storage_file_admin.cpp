@@ -13,8 +13,9 @@
 #include "solid/file_access.h"
 #include "solid/storage_names.h"
 #include "solid/writer_lock.h"
-#include "support/ignore_case.h"
+#include "support/durable_names.h"
 #include "support/log.h"
+#include "support/memory_path.h"
 #include "support/params.h"
 
 namespace k9erepl {
@@ -62,29 +63,37 @@ u32 CannotCreate(const std::string& path) {
 }
 
 // Empties the file or makes it, and deletes its index file; a file that another writer has stays.
-u32 OpenToReplace(const char* connStr, const std::string& path, bool lock, File* file) {
+u32 OpenToReplace(const char* connStr, const std::string& path, bool lock, File* file,
+                  bool* existed) {
     bool opened = false;
     const auto open = [&](File* found) {
-        opened = OpenAs(path, FileDisposition::kOpenAlways, found);
+        opened = OpenUnlessThere(path, kCreateKeepExisting, found, existed);
+        if (!opened && platform::LastSystemErrorIs(platform::SystemErrorKind::kAlreadyExists)) {
+            // It appeared meanwhile.
+            *existed = opened = OpenAs(path, FileDisposition::kOpenExisting, found);
+        }
         return opened ? u32{RC_OK} : u32{RC_SYSTEM_ERROR};
     };
     const u32 rc = lock ? OpenForWriting(path, NoLocks::kSilent, open, file) : open(file);
     if (rc != RC_OK && opened) {
         return rc;
     }
-    const bool emptied = opened && file->SetEnd(0);
+    const bool emptied = opened && (!*existed || file->SetEnd(0));
     const platform::SystemError error = LastSystemError();
     DeleteIndexFile(connStr);
     platform::SetLastSystemError(error);
     return emptied ? u32{RC_OK} : CannotCreate(path);
 }
 
-// As OpenUnlessThere; with kCreateReplace the file is there and empty.
+bool Replaces(u32 flags) {
+    return (flags & (kCreateReplace | kCreateKeepExisting)) == kCreateReplace;
+}
+
+// Opens the file as the flags say and locks it; one that is to be replaced is empty then.
 u32 OpenToCreate(const char* connStr, const std::string& path, u32 flags, bool lock, File* file,
                  bool* existed) {
-    if ((flags & (kCreateReplace | kCreateKeepExisting)) == kCreateReplace) {
-        *existed = false;
-        return OpenToReplace(connStr, path, lock, file);
+    if (Replaces(flags)) {
+        return OpenToReplace(connStr, path, lock, file, existed);
     }
     if (!OpenUnlessThere(path, flags, file, existed)) {
         return CannotCreate(path);
@@ -105,6 +114,60 @@ u32 WriteFirstBytes(File& file, const TFileHeader& header, const TCommitBlock& f
     u32 put = 0;
     if (!file.Write(bytes.get(), kNewFileSize, &put)) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Cannot write file header to file;sys-err %r",
+                       LastSystemError());
+        return RC_SYSTEM_ERROR;
+    }
+    return RC_OK;
+}
+
+// A new file that is deleted again unless its creation comes to its end.
+class UnfinishedFile {
+  public:
+    // `path` is where the file lies, links followed.
+    UnfinishedFile(File& file, const std::string& path) : m_file(file), m_path(path) {}
+    ~UnfinishedFile() {
+        if (!m_finished) {
+            Remove();
+        }
+    }
+    UnfinishedFile(const UnfinishedFile&) = delete;
+    UnfinishedFile& operator=(const UnfinishedFile&) = delete;
+
+    void Finish() { m_finished = true; }
+
+  private:
+    void Remove() {
+        if (!platform::kOpenFilesCanBeRenamed) {
+            m_file.Close();
+        }
+        if (!platform::RemoveFile(m_path)) {
+            LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
+                           "Cannot delete file that was not completed;file path '%s',sys-err %r",
+                           m_path.c_str(), LastSystemError());
+        }
+    }
+
+    File& m_file;
+    const std::string& m_path;
+    bool m_finished = false;
+};
+
+// Makes the empty file a storage, on the disk under its name.
+u32 FillNewFile(const char* connStr, const std::string& path, const std::string& target,
+                File& file) {
+    bool given = false;
+    i64 initialSize = GetMebibytesParam(connStr, "file_initial_size", &given);
+    if (given) {
+        LOG_INFO(kLogStorage, "Use %s %I64d", "file_initial_size", initialSize);
+    }
+    const TCommitBlock firstCommit = NewCommitBlock(platform::TimeStampCounter(), 0);
+    if (u32 rc = InitNewFile(file, NewFileHeader(), firstCommit, &initialSize); rc != RC_OK) {
+        return rc;
+    }
+    // Without a durable name the durable bytes would be lost in a crash.
+    if (!FlushNamesBeside(target)) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
+                       "Cannot flush directory of file '%s';sys-err %r", path.c_str(),
                        LastSystemError());
         return RC_SYSTEM_ERROR;
     }
@@ -168,7 +231,7 @@ u32 CreateStorageFile(const char* connStr, u32 flags) {
     if (u32 rc = GetPath(connStr, &path); rc != RC_OK) {
         return rc;
     }
-    if (EqualsIgnoringCase(path, ":memory:")) {
+    if (IsMemoryPath(path)) {
         return RC_OK;
     }
     if (u32 rc = CheckStorageNames(connStr); rc != RC_OK) {
@@ -180,30 +243,21 @@ u32 CreateStorageFile(const char* connStr, u32 flags) {
     }
     // A path that cannot be made shows up when the file is opened.
     platform::MakeParentDirectories(path);
+    const std::string target = platform::FollowLink(path);
     File file;
     bool existed = false;
-    if (u32 rc = OpenToCreate(connStr, path, flags, lock, &file, &existed);
-        rc != RC_OK || existed) {
+    if (u32 rc = OpenToCreate(connStr, path, flags, lock, &file, &existed); rc != RC_OK) {
         return rc;
     }
-    bool given = false;
-    i64 initialSize = GetMebibytesParam(connStr, "file_initial_size", &given);
-    if (given) {
-        LOG_INFO(kLogStorage, "Use %s %I64d", "file_initial_size", initialSize);
+    if (existed) {
+        return Replaces(flags) ? FillNewFile(connStr, path, target, file) : u32{RC_OK};
     }
-    const TCommitBlock firstCommit = NewCommitBlock(platform::TimeStampCounter(), 0);
-    if (u32 rc = InitNewFile(file, NewFileHeader(), firstCommit, &initialSize); rc != RC_OK) {
-        return rc;
+    UnfinishedFile unfinished(file, target);
+    const u32 rc = FillNewFile(connStr, path, target, file);
+    if (rc == RC_OK) {
+        unfinished.Finish();
     }
-    file.Close();
-    // Without a durable name the durable bytes would be lost in a crash.
-    if (!platform::FlushParentDirectory(platform::FollowLink(path))) {
-        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
-                       "Cannot flush directory of file '%s';sys-err %r", path.c_str(),
-                       LastSystemError());
-        return RC_SYSTEM_ERROR;
-    }
-    return RC_OK;
+    return rc;
 }
 
 u32 DeleteStorageFile(const char* connStr) {
@@ -211,7 +265,7 @@ u32 DeleteStorageFile(const char* connStr) {
     if (u32 rc = GetPath(connStr, &path); rc != RC_OK) {
         return rc;
     }
-    if (EqualsIgnoringCase(path, ":memory:")) {
+    if (IsMemoryPath(path)) {
         return RC_OK;
     }
     if (!platform::RemoveFile(path)) {
@@ -220,7 +274,7 @@ u32 DeleteStorageFile(const char* connStr) {
         return RC_SYSTEM_ERROR;
     }
     // The file is gone for this process in any case; a crash may bring its name back.
-    platform::FlushParentDirectory(path);
+    FlushNamesBeside(path);
     return RC_OK;
 }
 
@@ -234,7 +288,7 @@ u32 DeleteStorage(const char* connStr) {
     if (u32 rc = ReadFileLock(connStr, &lock); rc != RC_OK) {
         return rc;
     }
-    lock = lock && !EqualsIgnoringCase(path, ":memory:");
+    lock = lock && !IsMemoryPath(path);
     File file;
     // A file that cannot be opened for writing has no lock that we could ask for.
     if (lock && OpenAs(path, FileDisposition::kOpenExisting, &file)) {
@@ -260,6 +314,13 @@ u32 OpenAndCheckFile(const std::string& path, const platform::FileOpenRequest& r
     TFileHeader header;
     u32 got = 0;
     if (ReadWhole(opened, &header, kFileHeaderSize, &got) != RC_OK) {
+        i64 size = 0;
+        if (got == 0 && LastSystemError() == 0 && opened.GetSize(&size) && size == 0) {
+            LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
+                           "Storage file is empty, its creation was not completed;file path %s",
+                           path.c_str());
+            return RC_SYSTEM_ERROR;
+        }
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
                        "Failed to read file header;file path %s,sys-err %r", path.c_str(),
                        LastSystemError());

@@ -22,7 +22,8 @@ inline constexpr u32 kMaxPathSize = 260;
 // (any case of letters) there is nothing to do.
 // Errors: RC_INVALID_ARG without "file" or for a refused file_lock, RC_PATH_TOO_LONG, RC_NO_MEMORY,
 // RC_SYSTEM_ERROR, also while a writer has a file that is to be replaced, which then stays. A file
-// that could not be initialised stays behind. All functions here may throw std::bad_alloc.
+// that this call has made and could not complete is deleted again; one that was there before stays,
+// and is empty or begun when it was to be replaced. All functions here may throw std::bad_alloc.
 u32 CreateStorageFile(const char* connStr, u32 flags);
 
 // Deletes the storage that `connStr` names: its index file, then DeleteStorageFile. Errors: as

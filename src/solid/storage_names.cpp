@@ -9,7 +9,6 @@
 #include "index/index_file.h"
 #include "platform/one_file.h"
 #include "solid/file_replace.h"
-#include "support/ignore_case.h"
 #include "support/log.h"
 #include "support/params.h"
 
@@ -19,7 +18,7 @@ u32 CheckStorageNames(const char* connStr) {
     std::string path;
     GetParam(connStr, "file", path);
     const std::string index = IndexFileName(connStr);
-    if (path.empty() || index.empty() || EqualsIgnoringCase(path, ":memory:")) {
+    if (path.empty() || index.empty()) {
         return RC_OK;
     }
     const SqueezeNames squeeze(path);

@@ -75,12 +75,20 @@ TEST_F(NoFlushLoad, OfMemoryStartsEmpty) {
 }
 
 TEST_F(NoFlushLoad, OfMemoryTouchesNoFile) {
-    Open("file=:memory:;");
-    const u32 opened = CallCount(SystemCall::kOpen);
-    ASSERT_EQ(Load(), RC_OK);
-    ASSERT_EQ(Insert("one"), RC_OK);
-    EXPECT_EQ(CallCount(SystemCall::kOpen), opened);
-    EXPECT_EQ(CallCount(SystemCall::kCreateThread), 0U);
+    for (const std::string& more : {std::string(), "index_file=" + Path() + ";"}) {
+        for (const std::string name : {":memory:", ":MEMORY:", ":Memory:"}) {
+            Open("file=" + name + ";" + more);
+            const u32 opened = CallCount(SystemCall::kOpen);
+            ASSERT_EQ(Load(), RC_OK);
+            ASSERT_EQ(Insert("one"), RC_OK);
+            EXPECT_EQ(CallCount(SystemCall::kOpen), opened);
+            EXPECT_EQ(CallCount(SystemCall::kCreateThread), 0U);
+            EXPECT_EQ(K9eReplStorageClose(m_handle), RC_OK);
+            EXPECT_EQ(K9eReplStorageDelete(m_connStr.c_str()), RC_OK);
+            EXPECT_EQ(CallCount(SystemCall::kRemove), 0U);
+        }
+    }
+    m_handle = nullptr;
 }
 
 TEST_F(NoFlushLoad, AfterATruncationIsRefused) {

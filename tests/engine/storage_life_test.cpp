@@ -69,6 +69,13 @@ TEST(Opening, FileInMemoryInPerTransModeIsRefused) {
                        "Failed to init storage;conn-str file=:memory:"}));
 }
 
+TEST(Opening, FileInMemoryIsRefusedInAnyCaseOfLetters) {
+    TestStorage storage("file=:Memory:", Start::kNothing);
+    EXPECT_EQ(ErrorsOfOpening(storage, RC_INVALID_ARG),
+              Strings({"Cannot flush to file :Memory:;conn-str file=:Memory:",
+                       "Failed to init storage;conn-str file=:Memory:"}));
+}
+
 TEST(Opening, ARefusedSettingEndsItAtOnce) {
     TestStorage storage("file=x;block_size=1;flush_timeout=0", Start::kNothing);
     EXPECT_EQ(ErrorsOfOpening(storage, RC_INVALID_ARG),

@@ -24,11 +24,11 @@ TEST_F(IndexFileDelete, RemovesTheFileAndSaysSo) {
     EXPECT_TRUE(m_log.Has(K9SYS_LOG_INFO, "Deleted index file '" + Path() + "'")) << m_log;
 }
 
-TEST_F(IndexFileDelete, AnswersASystemErrorForAMissingFile) {
-    EXPECT_EQ(DeleteIndexFile(ConnStr().c_str()), RC_SYSTEM_ERROR);
-    const std::string text = "Cannot delete index file;path '" + Path() + "'";
-    EXPECT_TRUE(m_log.Has(K9SYS_LOG_ERROR, text)) << m_log;
-    EXPECT_EQ(m_log.CodeOf(text), RC_SYSTEM_ERROR);
+TEST_F(IndexFileDelete, OfAMissingFileIsDoneAndSaysSo) {
+    EXPECT_EQ(DeleteIndexFile(ConnStr().c_str()), RC_OK);
+    EXPECT_EQ(m_log.Messages().size(), 1U) << m_log;
+    EXPECT_TRUE(m_log.Has(K9SYS_LOG_INFO, "No index file to delete;path '" + Path() + "'"))
+        << m_log;
 }
 
 TEST_F(IndexFileDelete, AnswersASystemErrorForAFileThatStays) {
@@ -37,6 +37,9 @@ TEST_F(IndexFileDelete, AnswersASystemErrorForAFileThatStays) {
     FailRemove(1);
     EXPECT_EQ(DeleteIndexFile(ConnStr().c_str()), RC_SYSTEM_ERROR);
     EXPECT_TRUE(Exists(Path()));
+    const std::string text = "Cannot delete index file;path '" + Path() + "'";
+    EXPECT_TRUE(m_log.Has(K9SYS_LOG_ERROR, text)) << m_log;
+    EXPECT_EQ(m_log.CodeOf(text), RC_SYSTEM_ERROR);
 }
 
 TEST_F(IndexFileDelete, LeavesAStorageFileAlone) {
@@ -50,7 +53,12 @@ TEST_F(IndexFileDelete, LeavesAStorageFileAlone) {
 }
 
 TEST_F(IndexFileDelete, DoesNothingWhereThereIsNoIndexFile) {
-    EXPECT_EQ(DeleteIndexFile("file=:memory:"), RC_OK);
+    for (const std::string file : {"file=:memory:", "file=:MEMORY:", "file=:Memory:"}) {
+        WriteBytes(Path(), IndexFileBytes({}));
+        EXPECT_EQ(DeleteIndexFile(file.c_str()), RC_OK);
+        EXPECT_EQ(DeleteIndexFile((file + ";index_file=" + Path()).c_str()), RC_OK);
+        EXPECT_TRUE(Exists(Path()));
+    }
     EXPECT_TRUE(m_log.Messages().empty()) << m_log;
 }
 

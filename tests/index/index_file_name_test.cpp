@@ -42,8 +42,14 @@ TEST(IndexFileName, IsEmptyForAStorageInMemory) {
     EXPECT_EQ(IndexFileName("cache_type=AllInMem;flush_mode=NoFlush;file=:memory:"), "");
 }
 
-TEST(IndexFileName, IsIndexFileForAStorageInMemoryThatNamesOne) {
-    EXPECT_EQ(IndexFileName("file=:memory:;index_file=a.idx"), "a.idx");
+TEST(IndexFileName, IsEmptyForAStorageInMemoryThatNamesOneOrSpellsItOtherwise) {
+    EXPECT_EQ(IndexFileName("file=:memory:;index_file=a.idx"), "");
+    EXPECT_EQ(IndexFileName("file=:MEMORY:"), "");
+    EXPECT_EQ(IndexFileName("file=:Memory:;index_file=a.idx"), "");
+}
+
+TEST(IndexFileName, IsIndexFileWithoutFile) {
+    EXPECT_EQ(IndexFileName("index_file=a.idx"), "a.idx");
 }
 
 TEST(IndexFileName, IsEmptyWithoutFile) {

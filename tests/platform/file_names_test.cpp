@@ -87,6 +87,13 @@ TEST_F(FileNames, EachNewDirectoryIsFlushedInItsParent) {
     EXPECT_EQ(CallCount(SystemCall::kFlushDirectory), 2U);
 }
 
+TEST_F(FileNames, ParentsThatMayNotBeReadAreNotFlushed) {
+    const ScopedSystemCalls systemCalls;
+    Fail(SystemCall::kFlushDirectory, 1, SystemErrorKind::kAccessDenied, Repeat::kFromThenOn);
+    EXPECT_TRUE(MakeParentDirectories(PathOf("d/e/file")));
+    EXPECT_TRUE(std::filesystem::is_directory(PathOf("d/e")));
+}
+
 TEST_F(FileNames, TheParentDirectoryIsFlushed) {
     EXPECT_TRUE(FlushParentDirectory(PathOf("file")));
     EXPECT_TRUE(FlushParentDirectory("file"));

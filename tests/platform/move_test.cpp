@@ -119,6 +119,12 @@ TEST_F(MoveAcrossVolumes, AFailedDirectoryFlushKeepsTheSource) {
     EXPECT_EQ(ReadText(PathOf("to")), "new");
 }
 
+TEST_F(MoveAcrossVolumes, ADirectoryThatMayNotBeReadIsNotFlushed) {
+    Fail(SystemCall::kFlushDirectory, 1, SystemErrorKind::kAccessDenied);
+    EXPECT_TRUE(Move());
+    ExpectMoved("new");
+}
+
 // One failing step of the copy.
 struct Step {
     const char* name;

@@ -10,13 +10,13 @@ using platform::FileDisposition;
 
 class CreateFailure : public SolidTest {
   protected:
-    // A creation that must fail with RC_SYSTEM_ERROR and this one error message.
+    // A creation that must fail with RC_SYSTEM_ERROR and this one error message, and leave no file.
     void ExpectFailure(const std::string& message, const std::string& settings = "") {
         EXPECT_EQ(CreateStorageFile(Conn(settings).c_str(), 0), RC_SYSTEM_ERROR);
         EXPECT_EQ(m_log.Texts(K9SYS_LOG_ERROR), Texts{message});
         EXPECT_EQ(m_log.CodeOf(message), RC_SYSTEM_ERROR);
         EXPECT_EQ(OpenDescriptors(), m_descriptors);
-        EXPECT_TRUE(Exists(Path()));
+        EXPECT_FALSE(Exists(Path()));
     }
 
     const std::size_t m_descriptors = OpenDescriptors();
@@ -31,6 +31,7 @@ TEST_F(CreateFailure, MemoryForTheFirstBytes) {
     FailAlloc(1, kNewFileSize);
     EXPECT_EQ(CreateStorageFile(Conn().c_str(), 0), RC_NO_MEMORY);
     EXPECT_EQ(OpenDescriptors(), m_descriptors);
+    EXPECT_FALSE(Exists(Path()));
 }
 
 TEST_F(CreateFailure, WriteOfTheFirstBytes) {
@@ -41,14 +42,12 @@ TEST_F(CreateFailure, WriteOfTheFirstBytes) {
 TEST_F(CreateFailure, ShortWriteOfTheFirstBytes) {
     ShortWrite(1, 1063);
     ExpectFailure("Cannot write file header to file;" + SysErr(SystemErrorKind::kNoSpace));
-    EXPECT_EQ(FileSize(Path()), 1063);
 }
 
 TEST_F(CreateFailure, ExtensionToTheInitialSize) {
     FailSetEnd(1);
     ExpectFailure("Cannot set initial file size (1048576);" + SysErr(SystemErrorKind::kNoSpace),
                   "file_initial_size=1");
-    EXPECT_EQ(FileSize(Path()), 1064);
 }
 
 TEST_F(CreateFailure, SeekToTheFirstItem) {
@@ -67,13 +66,55 @@ TEST_F(CreateFailure, FlushOfTheDirectory) {
                   SysErr(SystemErrorKind::kInputOutput));
 }
 
-TEST_F(CreateFailure, AFileLeftBehindIsNoStorage) {
+TEST_F(CreateFailure, LeavesNoFileWithAnyFlags) {
+    for (const u32 flags : {0U, 1U, 2U, 3U}) {
+        FailWrite(1);
+        EXPECT_EQ(CreateStorageFile(Conn().c_str(), flags), RC_SYSTEM_ERROR);
+        EXPECT_FALSE(Exists(Path())) << flags;
+        EXPECT_EQ(OpenDescriptors(), m_descriptors);
+    }
+    EXPECT_EQ(CreateStorageFile(Conn().c_str(), 0), RC_OK);
+    Open();
+}
+
+TEST_F(CreateFailure, KeepsAFileThatWasThereBefore) {
+    WriteText(Path(), "was there before");
     FailWrite(1);
-    ASSERT_EQ(CreateStorageFile(Conn().c_str(), 0), RC_SYSTEM_ERROR);
+    EXPECT_EQ(CreateStorageFile(Conn().c_str(), 1), RC_SYSTEM_ERROR);
     EXPECT_EQ(FileSize(Path()), 0);
     EXPECT_EQ(TryOpen(), RC_SYSTEM_ERROR);
     EXPECT_EQ(CreateStorageFile(Conn().c_str(), 1), RC_OK);
     Open();
+}
+
+TEST_F(CreateFailure, OfAFileThatCannotBeDeletedAgainIsLogged) {
+    FailWrite(1);
+    FailRemove(1);
+    EXPECT_EQ(CreateStorageFile(Conn().c_str(), 0), RC_SYSTEM_ERROR);
+    EXPECT_TRUE(Exists(Path()));
+    EXPECT_EQ(m_log.CodeOf("Cannot delete file that was not completed;file path '" + Path() + "'," +
+                           SysErr(SystemErrorKind::kAccessDenied)),
+              RC_SYSTEM_ERROR)
+        << m_log;
+    EXPECT_EQ(TryOpen(), RC_SYSTEM_ERROR);
+    EXPECT_EQ(
+        m_log.CodeOf("Storage file is empty, its creation was not completed;file path " + Path()),
+        RC_SYSTEM_ERROR)
+        << m_log;
+}
+
+// A folder that may be written but not read cannot be flushed, and can be used all the same.
+TEST_F(CreateFailure, AFolderThatMayNotBeReadIsNone) {
+    Fail(SystemCall::kFlushDirectory, 1, SystemErrorKind::kAccessDenied, Repeat::kFromThenOn);
+    const std::string warning =
+        "Directory may not be read and cannot be flushed, a crash may undo what was done to its "
+        "names;file path '" +
+        Path() + "'," + SysErr(SystemErrorKind::kAccessDenied);
+    EXPECT_EQ(CreateStorageFile(Conn().c_str(), 0), RC_OK);
+    EXPECT_EQ(m_log.Texts(K9SYS_LOG_WARNING), Texts{warning});
+    EXPECT_EQ(DeleteStorageFile(Conn().c_str()), RC_OK);
+    EXPECT_EQ(m_log.Count(warning), 2U) << m_log;
+    EXPECT_TRUE(m_log.Texts(K9SYS_LOG_ERROR).empty()) << m_log;
 }
 
 TEST_F(CreateFailure, AnInterruptedOrSplitWriteIsNone) {
