@@ -26,9 +26,11 @@ class StorageLock {
     }
     // Takes the lock if no other thread holds it; never waits.
     bool try_lock() {
-        const bool taken = m_lock.try_lock();
-        m_depth += taken ? 1U : 0U;
-        return taken;
+        if (!m_lock.try_lock()) {
+            return false;
+        }
+        ++m_depth;
+        return true;
     }
     // When this is the outermost level and the storage is to end, destroys the storage and with it
     // this object.

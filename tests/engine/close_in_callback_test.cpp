@@ -6,7 +6,6 @@
 #include <thread>
 
 #include "engine/flush_fixture.h"
-#include "support/fault_injection.h"
 #include "support/log_capture.h"
 
 namespace k9erepl::test {
@@ -30,8 +29,9 @@ class CloseInCallback : public ::testing::Test {
         ASSERT_EQ(storage.TryOpenAndLoad(), RC_OK);
         EXPECT_EQ(storage.Texts(), texts);
     }
+    // The times of the index saves are the last thing that the index thread has to do with files.
     void WaitUntilGone() const {
-        while (m_log.CountContaining("Thread finished") == 0 || !IsGone()) {
+        while (m_log.CountContaining("Idx-Save: ") == 0 || !IsGone()) {
             std::this_thread::yield();
         }
     }
@@ -155,13 +155,10 @@ TEST_F(CloseInCallback, OfAHandleTakenInTheLastFlushEndsNothing) {
 // --- On threads of the library -----------------------------------------------------------------
 
 TEST_F(CloseInCallback, OnTheIndexThreadIsCarriedOutByIt) {
-    const ScopedSystemCalls systemCalls;
-    SetTickCount(1000);
     TestStorage storage(kByTime);
     m_notified.Does([&](i64) { Close(storage); });
     m_notified.SetAsOnFlush(storage);
     storage.InsertCommitted({"one"});
-    AdvanceTickCount(20);
     WaitUntilGone();
     ExpectClosedWith(storage, {"one"});
 }
