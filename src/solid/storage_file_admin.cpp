@@ -189,6 +189,17 @@ u32 CheckHeader(const TFileHeader& header, const std::string& path) {
     return RC_OK;
 }
 
+u32 LockToDelete(const std::string& path, File* file) {
+    bool opened = false;
+    const auto open = [&](File* found) {
+        opened = OpenAs(path, FileDisposition::kOpenExisting, found);
+        return opened ? u32{RC_OK} : u32{RC_SYSTEM_ERROR};
+    };
+    const u32 rc = OpenForWriting(path, NoLocks::kSilent, open, file);
+    // A file that cannot be opened for writing has no lock that we could ask for.
+    return opened ? rc : u32{RC_OK};
+}
+
 }  // namespace
 
 i64 GetMebibytesParam(const char* connStr, const char* key, bool* given) {
@@ -288,11 +299,9 @@ u32 DeleteStorage(const char* connStr) {
     if (u32 rc = ReadFileLock(connStr, &lock); rc != RC_OK) {
         return rc;
     }
-    lock = lock && !IsMemoryPath(path);
     File file;
-    // A file that cannot be opened for writing has no lock that we could ask for.
-    if (lock && OpenAs(path, FileDisposition::kOpenExisting, &file)) {
-        if (u32 rc = LockForWriting(file, path, NoLocks::kSilent); rc != RC_OK) {
+    if (lock && !IsMemoryPath(path)) {
+        if (u32 rc = LockToDelete(path, &file); rc != RC_OK) {
             return rc;
         }
     }

@@ -6,6 +6,7 @@
 
 #include "platform/system_error.h"
 #include "solid/squeeze_fixture.h"
+#include "solid/storage_file_admin.h"
 #include "support/call_layer.h"
 
 namespace k9erepl::test {
@@ -95,6 +96,24 @@ TEST_F(SqueezeLock, AWriterThatOpenedTheOldFileGetsTheLockOfTheNewOne) {
     }
     EXPECT_EQ(Scanned(), TwoTransactionsItems());
     EXPECT_EQ(TryAnew(), LockResult::kHeldByAnother);
+}
+
+// The writer squeezes between the other side's opening and its asking for the lock.
+TEST_F(SqueezeLock, WhoeverOpenedTheOldFileNeitherDeletesNorEmptiesTheNewOne) {
+    for (const bool deletes : {true, false}) {
+        m_solid.Close();
+        ThreeTransactions().Save(Path());
+        TwoTransactions().Save(Temporary());
+        File writer;
+        ASSERT_TRUE(writer.Open(Temporary().c_str(), {}));
+        ASSERT_EQ(writer.TryLock(), LockResult::kTaken);
+        const ReplacedBeforeLocking replaced(Temporary(), Path());
+        const std::string conn = Conn();
+        EXPECT_EQ(
+            deletes ? DeleteStorage(conn.c_str()) : CreateStorageFile(conn.c_str(), kCreateReplace),
+            RC_SYSTEM_ERROR);
+        EXPECT_EQ(ReadBytes(Path()), TwoTransactions().Bytes());
+    }
 }
 
 }  // namespace
