@@ -191,6 +191,8 @@ K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageDuplicateHandle(void* handle, vo
  * committed since, at a cost that follows what is new. A repeated load that cannot open the file
  * leaves what was loaded; RC_WRONG_STATE says that the file changed whenever it was read, and
  * RC_ALREADY that an enumeration runs on this thread.
+ * With the setting check=yes it reads the whole file, and a file that is damaged in the middle is
+ * RC_FILE_CORRUPT, with nothing changed.
  * Errors: RC_ALREADY when the storage is loaded, also after a flush that failed, RC_WRONG_STATE
  * when it is broken, which both change nothing; RC_FILE_CORRUPT, RC_SYSTEM_ERROR, RC_NO_MEMORY,
  * RC_SHORT_READ when the system gives fewer bytes than the file has, RC_INVALID_ARG without "file",

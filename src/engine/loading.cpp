@@ -103,6 +103,9 @@ u32 CK9eReplStorage::LoadWithoutOpenFile(const IndexFileContent& index, LoadPlan
                        "Failed to enum temporary solid storage rec to load;conn-str %s", connStr);
         return rc;
     }
+    if (u32 rc = CheckAllOf(temporary, plan); rc != RC_OK) {
+        return rc;
+    }
     if (u32 rc = temporary.GetFlushedRev(&m_flushedRev); rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to get flushed rev from temporary solid storage");
         return rc;
@@ -133,6 +136,9 @@ u32 CK9eReplStorage::LoadFromOpenFile(const IndexFileContent& index, LoadPlan* p
         if (rc != kContentChanged) {
             LOG_ERROR_CODE(rc, kLogStorage, "Failed to load solid storage rec");
         }
+        return rc;
+    }
+    if (u32 rc = CheckAllOf(m_solid, plan); rc != RC_OK) {
         return rc;
     }
     return FinishLoadFromOpenFile(lowestRev);
@@ -180,6 +186,18 @@ u32 CK9eReplStorage::RunLoadPass(CSolidStorage& file, LoadPlan* plan) {
         m_blocks.EraseAll();
         m_oldestRev = 0;
         rc = RunLoadPassFrom(file, 0);
+    }
+    return rc;
+}
+
+// With the setting check: nothing may be written behind damage that the index passed over.
+u32 CK9eReplStorage::CheckAllOf(CSolidStorage& file, LoadPlan* plan) {
+    if (!m_settings.checkWhole) {
+        return RC_OK;
+    }
+    const u32 rc = file.CheckWhole(plan->startOffset);
+    if (rc == RC_FILE_CORRUPT) {
+        *plan = LoadPlan{};  // not the fault of the index: without it the load would cut the file
     }
     return rc;
 }

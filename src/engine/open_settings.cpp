@@ -153,6 +153,22 @@ u32 OpenSettings::ReadReadOnly(const char* connStr) {
     return RC_OK;
 }
 
+// Logs nothing when the key is absent, so existing logs do not change.
+u32 OpenSettings::ReadCheck(const char* connStr) {
+    std::string value;
+    GetParam(connStr, "check", value);
+    if (value.empty()) {
+        return RC_OK;
+    }
+    checkWhole = value.starts_with("yes");
+    if (!checkWhole && !value.starts_with("no")) {
+        LOG_ERROR_CODE(RC_INVALID_ARG, kLogStorage, "Unknown check value (%s)", value.c_str());
+        return RC_INVALID_ARG;
+    }
+    LOG_INFO(kLogStorage, "Use check %s", checkWhole ? "yes" : "no");
+    return RC_OK;
+}
+
 void OpenSettings::ReadMemoryReserve(const char* connStr) {
     if (cacheType == CacheType::kLastN) {
         memoryReserve = cacheBlocks;

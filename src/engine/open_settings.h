@@ -23,6 +23,7 @@ struct OpenSettings {
     u32 memoryReserve = 100;  // free blocks kept for reuse
     u32 indexHint = 50;       // new blocks between two saves of the index
     bool readOnly = false;    // nothing is ever written; the storage file stays another's
+    bool checkWhole = false;  // a load reads the whole file, whatever the index lets it pass over
 
     bool MayEvict() const { return cacheType != CacheType::kAllInMem; }
 
@@ -31,6 +32,7 @@ struct OpenSettings {
     u32 ReadCacheAndFlush(const char* connStr);
     // REQUIRES: the flush mode has been read. A refused value: as above.
     u32 ReadReadOnly(const char* connStr);
+    u32 ReadCheck(const char* connStr);
     void ReadMemoryReserve(const char* connStr);
     void ReadIndexHint(const char* connStr);
 

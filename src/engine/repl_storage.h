@@ -238,6 +238,7 @@ class CK9eReplStorage final : public IK9eReplStorage {
     u32 LoadFromOpenFile(const IndexFileContent& index, LoadPlan* plan);
     LoadPlan PlanLoad(CSolidStorage& file, const IndexFileContent& index);
     u32 RunLoadPass(CSolidStorage& file, LoadPlan* plan);
+    u32 CheckAllOf(CSolidStorage& file, LoadPlan* plan);
     u32 RunLoadPassFrom(CSolidStorage& file, i64 startOffset);
     bool LoadedAllThatIsKept(CSolidStorage& file, const LoadPlan& plan) const;
     u32 FinishLoadFromOpenFile(i64 lowestRev);

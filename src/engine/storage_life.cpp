@@ -49,6 +49,9 @@ u32 CK9eReplStorage::OpenLocked(const char* connStr) {
     if (u32 rc = m_settings.ReadReadOnly(connStr); rc != RC_OK) {
         return Break(rc);
     }
+    if (u32 rc = m_settings.ReadCheck(connStr); rc != RC_OK) {
+        return Break(rc);
+    }
     m_timeFlush = m_timing.Register("Flush");
     m_timeOnFlushCb = m_timing.Register("OnFlushCb");
     m_timeForcedFlush = m_timing.Register("ForcedFlush");

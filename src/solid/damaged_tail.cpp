@@ -164,35 +164,40 @@ u32 KeepDamagedTail(File& source, const std::string& storagePath, i64 from) {
 }
 
 void CSolidStorage::KeepTailIfDamaged(TailCare care) {
-    if (m_scanEnd.stopInUse && LooksDamaged() && care == TailCare::kKeepCopy) {
+    bool damaged = false;
+    if (LookForDamage(m_scanEnd, &damaged) == RC_OK && damaged && care == TailCare::kKeepCopy) {
         m_tailUnkept = !KeepTail();
     }
 }
 
 // Logs what it finds. What cannot be looked at counts as sound: the load goes on as it would.
-bool CSolidStorage::LooksDamaged() {
-    const i64 left = FileSize() - m_scanEnd.stopOffset;
+u32 CSolidStorage::LookForDamage(const FileScan::Result& end, bool* damaged) {
+    *damaged = false;
+    if (!end.stopInUse) {
+        return RC_OK;
+    }
+    const i64 left = FileSize() - end.stopOffset;
     const auto size = static_cast<u32>(std::clamp<i64>(left, 0, kDamageSearchSize));
     const platform::MemoryBuffer bytes = platform::AllocBuffer(size);
-    const u32 rc =
-        bytes == nullptr ? u32{RC_NO_MEMORY} : ReadAt(m_scanEnd.stopOffset, bytes.get(), size);
+    const u32 rc = bytes == nullptr ? u32{RC_NO_MEMORY} : ReadAt(end.stopOffset, bytes.get(), size);
     if (rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Cannot look for damage in file '%s';offset %I64d",
-                       m_state.path.c_str(), m_scanEnd.stopOffset);
-        return false;
+                       m_state.path.c_str(), end.stopOffset);
+        return rc;
     }
-    const LastGoodCommit last{.clearRev = m_scanEnd.clearRevBefore,
-                              .commitRev = m_scanEnd.committedBefore,
-                              .sequence = m_scanEnd.lastSequence};
+    const LastGoodCommit last{.clearRev = end.clearRevBefore,
+                              .commitRev = end.committedBefore,
+                              .sequence = end.lastSequence};
     const BeyondDamage beyond = SearchBeyondDamage(bytes.get(), size, last);
     if (beyond.IsDamage()) {
         LOG_ERROR_CODE(RC_FILE_CORRUPT, kLogStorage,
                        "Damage in the middle of file '%s';offset %I64d,last good rev %I64d,revs "
                        "beyond %I64d-%I64d",
-                       m_state.path.c_str(), m_scanEnd.stopOffset, m_scanEnd.lastCommitted,
-                       beyond.lowestRev, beyond.highestRev);
+                       m_state.path.c_str(), end.stopOffset, end.lastCommitted, beyond.lowestRev,
+                       beyond.highestRev);
     }
-    return beyond.IsDamage();
+    *damaged = beyond.IsDamage();
+    return RC_OK;
 }
 
 bool CSolidStorage::KeepTail() {

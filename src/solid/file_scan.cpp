@@ -282,8 +282,7 @@ u32 CSolidStorage::ScanFileFrom(K9eReplScanRecordCb recordCb, K9eReplScanCommitC
     if (!IsOpen()) {
         return RC_NO_WRITER;
     }
-    const bool fromHint =
-        startOffset != 0 && startOffset != kFirstCommitOffset && startOffset != kFirstItemOffset;
+    const bool fromHint = IsScanHint(startOffset);
     if (IsReadOnly()) {
         const i64 start = fromHint ? startOffset : kFirstCommitOffset;
         return LoadLive({recordCb, commitCb, ctx}, {.offset = start, .fromHint = fromHint});

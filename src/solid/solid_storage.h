@@ -147,6 +147,13 @@ class CSolidStorage final : public IK9eReplLLStorage {
     // logged, and tried once more before the first write, which is what destroys those bytes.
     void KeepTailIfDamaged(TailCare care);
 
+    // To be called behind a load scan from `loadedFrom`. Reads the heads and the chain of commit
+    // blocks of the whole file, also what lies in front of that offset, and looks behind their end
+    // for damage; changes nothing (whole_check.cpp). RC_FILE_CORRUPT, logged, for damage in the
+    // middle; RC_BAD_DATA when the load's offset, a claim of the index, was no place to begin.
+    // Errors also: RC_SYSTEM_ERROR, RC_NO_MEMORY, RC_SHORT_READ.
+    u32 CheckWhole(i64 loadedFrom);
+
     // Hands the committed records of `range` to `visitor`. *completed is false if and only if the
     // visitor stopped it, whose result is then returned. The visitor may use this object; what it
     // writes is not enumerated. A record above the range ends it, if that can be believed: else
@@ -263,7 +270,14 @@ class CSolidStorage final : public IK9eReplLLStorage {
     u32 ScanForHost(const FileScanCallbacks& callbacks);
     // The scan's end becomes the write position and the last commit block.
     u32 TakeScanEnd(const FileScan::Result& result);
-    bool LooksDamaged();
+    // Whether a scan from there need not begin with the file's first commit block.
+    static bool IsScanHint(i64 startOffset) {
+        return startOffset != 0 && startOffset != kFirstCommitOffset &&
+               startOffset != kFirstItemOffset;
+    }
+    // Whether what lies behind the end of a scan goes on, which is logged as an error.
+    u32 LookForDamage(const FileScan::Result& end, bool* damaged);
+    u32 ScanWhole(FileScan::Result* whole);
     bool KeepTail();
     // To be called before the bytes behind the write position change.
     void KeepTailBeforeWriting() {
