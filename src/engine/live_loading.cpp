@@ -58,7 +58,7 @@ u32 CK9eReplStorage::LoadLiveOnce(bool* loaded) {
         rc = LoadLocked();
     }
     if (rc == RC_OK) {
-        rc = ReadMarks();
+        rc = m_solid.ReadMarks(&m_lifenum, &m_clearOldRev);
     }
     // Whatever went wrong: in a file that changed meanwhile it need not be a fault of the file.
     const u32 checkRc = m_solid.CheckContent();
@@ -83,13 +83,6 @@ u32 CK9eReplStorage::LoadOn() {
         return rc;
     }
     return FinishLoadFromOpenFile(lowestRev);
-}
-
-u32 CK9eReplStorage::ReadMarks() {
-    if (u32 rc = m_solid.GetLifenum(&m_lifenum); rc != RC_OK) {
-        return rc;
-    }
-    return m_solid.GetClearOldRev(&m_clearOldRev);
 }
 
 }  // namespace k9erepl

@@ -246,7 +246,6 @@ class CK9eReplStorage final : public IK9eReplStorage {
     u32 LoadLive();
     u32 LoadLiveOnce(bool* loaded);
     u32 LoadOn();
-    u32 ReadMarks();
     // The callbacks of the scan that a load runs; `ctx` is the storage.
     static std::uint32_t PlaceLoadedRecord(std::uint64_t offset, const K9eReplRec* rec, void* ctx);
     static std::uint32_t TakeLoadedCommit(void* ctx, std::int64_t clearRev, std::int64_t commitRev);

@@ -19,6 +19,8 @@ namespace {
 // How far the first look goes ahead: the second one finds the bytes in the system's cache.
 constexpr i64 kLookAheadSize = 32 * 1024 * 1024;
 
+constexpr u32 kHeaderReadingsMost = 100;
+
 u32 IgnoreRecord(std::uint64_t /*offset*/, const K9eReplRec* /*rec*/, void* /*ctx*/) {
     return RC_OK;
 }
@@ -167,6 +169,25 @@ void CSolidStorage::MarkContent(const FileScan::Result& loaded) {
     const i64 end =
         loaded.closingOffset == 0 ? kFirstItemOffset : loaded.closingOffset + kCommitBlockSize;
     m_state.writePos.store(end, std::memory_order_release);
+}
+
+// The writer may be changing them: two readings that agree are what it wrote.
+u32 CSolidStorage::ReadMarks(u32* lifenum, i64* clearOldRev) {
+    TFileHeader header;
+    if (u32 rc = ReadHeader(&header); rc != RC_OK) {
+        return rc;
+    }
+    for (u32 attempt = 0; attempt < kHeaderReadingsMost; ++attempt) {
+        *lifenum = header.lifenum;
+        *clearOldRev = header.clearOldRev;
+        if (u32 rc = ReadHeader(&header); rc != RC_OK) {
+            return rc;
+        }
+        if (*lifenum == header.lifenum && *clearOldRev == header.clearOldRev) {
+            return RC_OK;
+        }
+    }
+    return kContentChanged;
 }
 
 u32 CSolidStorage::CheckContent() {

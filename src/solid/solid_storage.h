@@ -136,6 +136,9 @@ class CSolidStorage final : public IK9eReplLLStorage {
     // kContentChanged also when the writer started the file over meanwhile or took something back.
     // REQUIRES: Refresh has said that the file goes on.
     u32 ScanOn(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb, void* ctx);
+    // The fields of the header that belong to the client, as one moment had them.
+    // Errors: RC_SYSTEM_ERROR; kContentChanged when they never stand still.
+    u32 ReadMarks(u32* lifenum, i64* clearOldRev);
     // RC_OK when everything that was read since the load began is the content that was loaded, or
     // the file is not read-only. Errors: as ContentMark::Check.
     u32 CheckContent();

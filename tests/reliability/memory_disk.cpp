@@ -106,6 +106,9 @@ bool MemoryDisk::Pass(const Attempt& attempt, u32* sizeMax) {
         return true;
     }
     const Permit permit = m_gate(attempt);
+    for (const Change& change : permit.others) {
+        m_image.Apply(change);
+    }
     if (sizeMax != nullptr) {
         *sizeMax = std::min(*sizeMax, permit.sizeMax);
     }

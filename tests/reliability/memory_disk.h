@@ -31,10 +31,12 @@ struct Attempt {
     i64 at = 0;        // the file pointer; the size for an end to set
     u32 size = 0;      // of a transfer
 };
-// What becomes of it. At most `sizeMax` bytes are transferred.
+// What becomes of it. At most `sizeMax` bytes are transferred. `others` are changes that another
+// process makes before the call; they are not recorded.
 struct Permit {
     std::optional<test::SystemErrorKind> error;
     u32 sizeMax = 0xFFFFFFFF;
+    Changes others = {};
 };
 // Called for every call, one at a time, in whatever thread; must not use the disk.
 using Gate = std::function<Permit(const Attempt& attempt)>;

@@ -19,23 +19,6 @@ i64 OldestRev(void* handle) {
     return StorageAccess::OldestRev(*static_cast<CK9eReplStorage*>(storage));
 }
 
-Problem Read(const model::StorageClient& client, Seen* seen) {
-    *seen = Seen();
-    const u32 rc =
-        client.Enumerate(model::kLowestRev, model::kHighestRev, [&](const K9eReplRec& record) {
-            const auto* data = reinterpret_cast<const char*>(record.data);
-            seen->records.emplace_hint(
-                seen->records.end(), i64{record.rev},
-                model::Record{record.userWord, std::string(data, record.dataSize)});
-            return u32{RC_OK};
-        });
-    seen->nextRev = client.NextRev();
-    seen->oldestRev = OldestRev(client.Handle());
-    K9eReplStorageGetLifenum(client.Handle(), &seen->lifenum);
-    K9eReplStorageGetClearOldRev(client.Handle(), &seen->mark);
-    return rc == RC_OK ? "" : "enumeration answers " + std::to_string(rc);
-}
-
 Problem Append(model::StorageClient& client, const Appending& appending, Seen* seen) {
     void* const handle = client.Handle();
     u32 rc = K9eReplStorageBeginTransaction(handle);
@@ -96,6 +79,23 @@ std::string Describe(const Seen& seen) {
     return text + ", next " + std::to_string(seen.nextRev) + ", oldest " +
            std::to_string(seen.oldestRev) + ", life number " + std::to_string(seen.lifenum) +
            ", mark " + std::to_string(seen.mark);
+}
+
+Problem Read(const model::StorageClient& client, Seen* seen) {
+    *seen = Seen();
+    const u32 rc =
+        client.Enumerate(model::kLowestRev, model::kHighestRev, [&](const K9eReplRec& record) {
+            const auto* data = reinterpret_cast<const char*>(record.data);
+            seen->records.emplace_hint(
+                seen->records.end(), i64{record.rev},
+                model::Record{record.userWord, std::string(data, record.dataSize)});
+            return u32{RC_OK};
+        });
+    seen->nextRev = client.NextRev();
+    seen->oldestRev = OldestRev(client.Handle());
+    K9eReplStorageGetLifenum(client.Handle(), &seen->lifenum);
+    K9eReplStorageGetClearOldRev(client.Handle(), &seen->mark);
+    return rc == RC_OK ? "" : "enumeration answers " + std::to_string(rc);
 }
 
 Problem Visit(const std::string& connString, const Appending& appending, Seen* seen, Seen* after) {

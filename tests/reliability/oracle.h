@@ -6,6 +6,7 @@
 #include <functional>
 #include <string>
 
+#include "model/storage_client.h"
 #include "reliability/history.h"
 #include "reliability/memory_disk.h"
 
@@ -26,6 +27,9 @@ std::string Describe(const Seen& seen);
 // What is wrong; empty when nothing is.
 using Problem = std::string;
 using Judge = std::function<Problem(const Seen& seen)>;
+
+// What a loaded storage shows.
+Problem Read(const model::StorageClient& client, Seen* seen);
 
 // Opens, loads, reads, appends `records` records in one transaction, closes. *seen receives what
 // was read; when the records are appended *after, unless null, receives it with them.
