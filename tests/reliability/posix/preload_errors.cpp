@@ -4,6 +4,7 @@
 // too: what was acknowledged is there, and it goes on.
 #include <k9erepl/storage.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 
@@ -122,7 +123,8 @@ class Comparison {
                std::to_string(inMemory.failed) + " answers " + std::to_string(inMemory.code);
     }
 
-    // The operation that failed, and the closing behind it, may have left the next state.
+    // The operation that failed, and the closing behind it, may have left the next state, or none
+    // of it: OnWriteToFile tells of a commit whose flush to the disk then fails.
     Problem Judge(const ScriptResult& undisturbed, const ProcessEnd& end) {
         if (end.begun == 0) {
             return "";  // a creation that failed is made again
@@ -130,7 +132,10 @@ class Comparison {
         History history;
         history.settings = undisturbed.settings;
         history.states = undisturbed.states;
-        const StateRange range{end.acknowledged, end.begun};
+        const std::size_t lowest = end.code == RC_OK
+                                       ? end.acknowledged
+                                       : std::min<std::size_t>(end.acknowledged, end.failed - 1);
+        const StateRange range{lowest, end.begun};
         return Examine(m_disk, end.left, history, m_random.Next(),
                        [&](const Seen& seen) { return JudgeByStates(history, range, seen); });
     }
