@@ -39,7 +39,9 @@ u32 Compare(platform::File& file, i64& filePos, i64 offset, const TCommitBlock& 
 
 u32 ContentMark::Take(platform::File& file, i64& filePos) {
     lastOffset = 0;
-    return ReadBlock(file, filePos, kFirstCommitOffset, &first);
+    const u32 rc = ReadBlock(file, filePos, kFirstCommitOffset, &first);
+    taken = rc == RC_OK;
+    return rc;
 }
 
 u32 ContentMark::Check(platform::File& file, i64& filePos) const {

@@ -21,9 +21,10 @@ struct ContentMark {
     TCommitBlock first{};  // the commit block at 1024
     i64 lastOffset = 0;    // of `last`; 0: there is no other commit block to look at
     TCommitBlock last{};
+    bool taken = false;  // `first` was read; a file that ends before it has no content to compare
 
     // Reads the commit block at 1024 into `first`, and looks at no other block from now on.
-    // Errors: kContentChanged when there is none; RC_SYSTEM_ERROR.
+    // Errors: kContentChanged when the file ends before it; RC_SYSTEM_ERROR.
     u32 Take(platform::File& file, i64& filePos);
 
     // RC_OK when both blocks are in the file as they are here. Errors: kContentChanged,

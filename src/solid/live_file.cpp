@@ -191,7 +191,7 @@ u32 CSolidStorage::ReadMarks(u32* lifenum, i64* clearOldRev) {
 }
 
 u32 CSolidStorage::CheckContent() {
-    return IsReadOnly() ? m_content.Check(m_file, m_filePos) : u32{RC_OK};
+    return IsReadOnly() && m_content.taken ? m_content.Check(m_file, m_filePos) : u32{RC_OK};
 }
 
 // To be called between reading a piece of the file and handing it out.

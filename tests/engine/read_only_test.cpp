@@ -154,6 +154,14 @@ TEST_F(ReadOnly, KeepsNoCopyOfADamagedTail) {
     EXPECT_EQ(ReadBytes(m_writer.Path()), bytes);
 }
 
+TEST_F(ReadOnly, AFileThatEndsBeforeItsFirstCommitBlockIsCorrupt) {
+    m_writer.Close();
+    ResizeFile(m_writer.Path(), 1030);
+    m_reader.Use("file=" + m_writer.Path() + ";read_only=yes;");
+    EXPECT_EQ(m_reader.TryOpenAndLoad(), RC_FILE_CORRUPT);
+    EXPECT_EQ(m_log.CountContaining("Begin of file corrupted"), 1U) << m_log;
+}
+
 TEST_F(ReadOnly, HandlesCanBeDuplicated) {
     LoadReader();
     void* second = nullptr;
