@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "engine/clear_fixture.h"
+#include "support/fault_injection.h"
 
 namespace k9erepl::test {
 namespace {
@@ -14,12 +15,14 @@ namespace {
 // A storage that only the index thread flushes. Its OnFlush runs an action once, on that thread.
 class OnFlushOfTheIndexThread : public ::testing::Test {
   protected:
-    // Commits `count` records and waits until the flush has run `action`.
+    // Commits `count` records while no time goes by, which would let a commit flush, and waits
+    // until the flush has run `action`.
     void WhenFlushed(u32 count, std::function<void()> action) {
         m_action = std::move(action);
         for (u32 n = 0; n < count; ++n) {
             ASSERT_EQ(m_storage.Insert(ClearableStorage::TextOf(1)), RC_OK);
         }
+        AdvanceTickCount(1);
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
         while (!m_done && std::chrono::steady_clock::now() < deadline) {
             std::this_thread::yield();
@@ -28,6 +31,8 @@ class OnFlushOfTheIndexThread : public ::testing::Test {
         EXPECT_NE(m_thread, std::this_thread::get_id());
     }
 
+    ScopedSystemCalls m_systemCalls;
+    bool m_clockStands = (SetTickCount(1000), true);  // before the storage asks for the time
     std::function<void()> m_action;
     std::thread::id m_thread;
     std::atomic<bool> m_done{false};
