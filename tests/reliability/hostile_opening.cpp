@@ -194,7 +194,7 @@ class GoingOn {
 
     // Where an index leads past damage the next opening may begin at another place and find the
     // damage: what is appended stays, or the whole file is read and ends at the damage, or reading
-    // tells it.
+    // tells it, or the load ends there and keeps what lies behind.
     Problem RunBesideDamage(const MemoryDisk& disk) {
         Seen second;
         Seen expected;
@@ -205,12 +205,19 @@ class GoingOn {
         const i64 appended = expected.nextRev - 1;
         const std::string bytes = FilesOf(disk.Image()).storage;
         return last.seen.records.contains(appended) || last.readResult == RC_BAD_DATA ||
-                       last.seen == ShownBy(bytes, ScanSlowly(bytes), m_settings)
+                       last.seen == ShownBy(bytes, ScanSlowly(bytes), m_settings) ||
+                       KeepsTail(disk, bytes)
                    ? ""
                    : Differ("opened after appending beside damage", last, expected);
     }
 
   private:
+    // Whether the copy of what lies behind damage is there, up to the end of the file.
+    static bool KeepsTail(const MemoryDisk& disk, const std::string& bytes) {
+        const FileBytes* tail = disk.Image().Find(StoragePath() + ".damaged-tail");
+        return tail != nullptr && bytes.ends_with(tail->Whole());
+    }
+
     const model::Settings m_settings;
     const std::string m_connString;
     Appending m_appending;
