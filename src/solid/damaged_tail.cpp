@@ -180,6 +180,9 @@ u32 CSolidStorage::LookForDamage(const FileScan::Result& end, bool* damaged) {
     const auto size = static_cast<u32>(std::clamp<i64>(left, 0, kDamageSearchSize));
     const platform::MemoryBuffer bytes = platform::AllocBuffer(size);
     const u32 rc = bytes == nullptr ? u32{RC_NO_MEMORY} : ReadAt(end.stopOffset, bytes.get(), size);
+    if (rc == RC_SHORT_READ && IsReadOnly()) {
+        return RC_OK;  // the writer has cut the file meanwhile
+    }
     if (rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Cannot look for damage in file '%s';offset %I64d",
                        m_state.path.c_str(), end.stopOffset);
@@ -189,6 +192,9 @@ u32 CSolidStorage::LookForDamage(const FileScan::Result& end, bool* damaged) {
                               .commitRev = end.committedBefore,
                               .sequence = end.lastSequence};
     const BeyondDamage beyond = SearchBeyondDamage(bytes.get(), size, last);
+    if (beyond.IsDamage() && IsReadOnly() && GoesOnBehind(end)) {
+        return RC_OK;
+    }
     if (beyond.IsDamage()) {
         LOG_ERROR_CODE(RC_FILE_CORRUPT, kLogStorage,
                        "Damage in the middle of file '%s';offset %I64d,last good rev %I64d,revs "

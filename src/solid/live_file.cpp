@@ -130,6 +130,12 @@ u32 CSolidStorage::LookAhead(const LiveStart& start, i64 enough, FileScan::Resul
     return rc;
 }
 
+bool CSolidStorage::GoesOnBehind(const FileScan::Result& end) {
+    FileScan::Result ahead;
+    const i64 oneMore = EndOf(end) + 1;
+    return LookAhead({.resume = &end}, oneMore, &ahead) == RC_OK && EndOf(ahead) >= oneMore;
+}
+
 // Nothing is handed out of a read before the file is known to be unchanged behind it.
 u32 CSolidStorage::HandOut(const FileScanCallbacks& callbacks, const LiveStart& start,
                            const FileScan::Result& ahead, FileScan::Result* result) {

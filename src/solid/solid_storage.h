@@ -264,6 +264,8 @@ class CSolidStorage final : public IK9eReplLLStorage {
     u32 ScanLive(const FileScanCallbacks& callbacks, const LiveStart& start, i64 enough,
                  FileScan::Result* result);
     u32 LookAhead(const LiveStart& start, i64 enough, FileScan::Result* found);
+    // Whether the writer has committed more behind the end of a scan meanwhile.
+    bool GoesOnBehind(const FileScan::Result& end);
     u32 HandOut(const FileScanCallbacks& callbacks, const LiveStart& start,
                 const FileScan::Result& ahead, FileScan::Result* result);
     u32 ScanLiveForHost(const FileScanCallbacks& callbacks);

@@ -26,8 +26,13 @@ u32 CSolidStorage::CheckWhole(i64 loadedFrom) {
     if (u32 rc = LookForDamage(whole, &damaged); rc != RC_OK) {
         return rc;
     }
-    if (!damaged && whole.validCommitOffset >= m_scanEnd.validCommitOffset) {
+    // A squeeze may have cut off the commit block of its clear: what closes the records is there.
+    const i64 wanted = IsReadOnly() ? m_scanEnd.closingOffset : m_scanEnd.validCommitOffset;
+    if (!damaged && whole.validCommitOffset >= wanted) {
         return RC_OK;
+    }
+    if (CheckContent() == kContentChanged) {
+        return kContentChanged;
     }
     LOG_ERROR_CODE(RC_FILE_CORRUPT, kLogStorage,
                    "Storage file is damaged in the middle, nothing was changed; load it without "
@@ -42,7 +47,12 @@ u32 CSolidStorage::ScanWhole(FileScan::Result* whole) {
         [](std::uint64_t, const K9eReplRec*, void*) -> std::uint32_t { return RC_OK; },
         [](void*, std::int64_t, std::int64_t) -> std::uint32_t { return RC_OK; }, nullptr};
     if (IsReadOnly()) {
-        return ScanLive(ignore, {}, m_scanEnd.validCommitOffset + kCommitBlockSize, whole);
+        const u32 rc = ScanLive(ignore, {}, m_scanEnd.validCommitOffset + kCommitBlockSize, whole);
+        if (whole->validCommitOffset == m_scanEnd.validCommitOffset) {
+            whole->stopOffset = m_scanEnd.stopOffset;
+            whole->stopInUse = m_scanEnd.stopInUse;
+        }
+        return rc;
     }
     FileScan scan(m_file, m_filePos, {.fileSize = FileSize()}, ignore);
     const u32 rc = scan.Run(kFirstCommitOffset, false);

@@ -89,7 +89,8 @@ class ReaderBesideWriter {
     Problem Run() {
         m_disk.Mount(ImageMaker(m_history.base, m_history.changes).At({m_begin, 0}));
         m_disk.SetGate([this](const Attempt& attempt) { return Let(attempt); });
-        const std::string connString = "read_only=yes;" + m_history.ConnString();
+        const std::string check = m_random.OneIn(4) ? "check=yes;" : "";
+        const std::string connString = "read_only=yes;" + check + m_history.ConnString();
         if (const u32 rc = m_client.Open(connString); rc != RC_OK) {
             return "opening answers " + std::to_string(rc);
         }
