@@ -165,8 +165,23 @@ u32 KeepDamagedTail(File& source, const std::string& storagePath, i64 from) {
 
 void CSolidStorage::KeepTailIfDamaged(TailCare care) {
     bool damaged = false;
-    if (LookForDamage(m_scanEnd, &damaged) == RC_OK && damaged && care == TailCare::kKeepCopy) {
-        m_tailUnkept = !KeepTail();
+    const bool looked = LookForDamage(m_scanEnd, &damaged) == RC_OK;
+    if (care == TailCare::kKeepCopy) {
+        m_tailUnlooked = !looked;
+        m_tailUnkept = damaged && !KeepTail();
+    }
+}
+
+// The last chance: what is not kept now is zeroed by the write that follows.
+void CSolidStorage::KeepTailAfterAll() {
+    bool damaged = m_tailUnkept;
+    if (m_tailUnlooked) {
+        LookForDamage(m_scanEnd, &damaged);
+    }
+    m_tailUnlooked = false;
+    m_tailUnkept = false;
+    if (damaged) {
+        KeepTail();
     }
 }
 

@@ -157,6 +157,7 @@ bool CSolidStorage::Close() {
     m_lastWrittenRev = 0;
     m_content = {};
     m_scanEnd = {};
+    m_tailUnlooked = false;
     m_tailUnkept = false;
     if (ended) {
         m_state.path.clear();

@@ -286,11 +286,11 @@ class CSolidStorage final : public IK9eReplLLStorage {
     bool KeepTail();
     // To be called before the bytes behind the write position change.
     void KeepTailBeforeWriting() {
-        if (m_tailUnkept) [[unlikely]] {
-            m_tailUnkept = false;
-            KeepTail();
+        if (m_tailUnlooked || m_tailUnkept) [[unlikely]] {
+            KeepTailAfterAll();
         }
     }
+    void KeepTailAfterAll();
 
     u32 VisitItem(FileItems& items, const FileItem& item, FileItemVisitor visitor, void* ctx,
                   bool* completed);
@@ -346,9 +346,10 @@ class CSolidStorage final : public IK9eReplLLStorage {
     // Changes when the file's items may lie elsewhere than before: a load, a truncation, a squeeze.
     u64 m_layoutGeneration = 0;
 
-    ContentMark m_content;       // when read-only: of what is loaded, or being loaded
-    FileScan::Result m_scanEnd;  // of the scan that placed the write position
-    bool m_tailUnkept = false;   // a damaged tail is in the file only
+    ContentMark m_content;        // when read-only: of what is loaded, or being loaded
+    FileScan::Result m_scanEnd;   // of the scan that placed the write position
+    bool m_tailUnlooked = false;  // there may be a damaged tail: looking for it failed
+    bool m_tailUnkept = false;    // a damaged tail is in the file only
 };
 
 }  // namespace k9erepl

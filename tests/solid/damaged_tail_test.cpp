@@ -321,6 +321,19 @@ TEST_F(DamagedTail, OfTheFileBeforeIsForgotten) {
     EXPECT_FALSE(Exists(Copy()));
 }
 
+TEST_F(DamagedTail, ThatCouldNotBeLookedForIsLookedForBeforeTheFirstWrite) {
+    OpenDamaged();
+    const std::vector<u8> tail = TailOfFile();
+    ASSERT_EQ(ScanFrom(0), RC_OK);
+    FailRead(1);
+    m_solid.KeepTailIfDamaged(TailCare::kKeepCopy);
+    EXPECT_FALSE(Exists(Copy()));
+    EXPECT_EQ(WriteTransaction(2, "new"), RunAt(2));
+    EXPECT_EQ(ReadBytes(Copy()), tail);
+    EXPECT_EQ(WriteTransaction(3, "newer"), RunAt(2) + 27 + 32);
+    EXPECT_EQ(m_log.CountContaining("Damage in the middle of file"), 1U) << m_log;
+}
+
 TEST_F(DamagedTail, ThatCannotBeLookedForIsNoFailure) {
     OpenDamaged();
     ASSERT_EQ(ScanFrom(0), RC_OK);
@@ -329,7 +342,10 @@ TEST_F(DamagedTail, ThatCannotBeLookedForIsNoFailure) {
     const std::string text =
         "Cannot look for damage in file '" + Path() + "';offset " + std::to_string(RunAt(2));
     EXPECT_EQ(m_log.CodeOf(text), RC_NO_MEMORY) << m_log;
+    FailAlloc(1);
     EXPECT_EQ(WriteTransaction(2, "new"), RunAt(2));
+    EXPECT_EQ(m_log.Count(text), 2U) << m_log;
+    EXPECT_FALSE(Exists(Copy()));
 }
 
 }  // namespace
