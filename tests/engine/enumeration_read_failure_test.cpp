@@ -99,11 +99,13 @@ TEST(EnumerationOfWhatTheIndexPassedOver, FailsAtARevisionAboveTheRange) {
 TEST(EnumerationInAFlush, EndsAtARecordOfTheFlush) {
     Notified written;
     TestStorage storage(SmallCache(1, "async_mode=no;"));
-    storage.InsertMany(5);
+    for (u32 n = 1; n <= 5; ++n) {
+        ASSERT_EQ(storage.Insert(OneBlock("")), RC_OK);
+    }
     Revs seen;
     written.Does([&](i64 rev) { seen = RevsOf(storage.Records(2, rev - 1)); });
     written.SetAsOnWriteToFile(storage);
-    ASSERT_EQ(storage.Insert("six"), RC_OK);
+    ASSERT_EQ(storage.Insert(OneBlock("six")), RC_OK);
     EXPECT_EQ(seen, RevRange(2, 5));
     written.Does({});
 }
