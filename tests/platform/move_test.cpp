@@ -8,6 +8,10 @@
 namespace k9erepl::test {
 namespace {
 
+using platform::File;
+using platform::FileAccess;
+using platform::FileSharing;
+using platform::MakeParentDirectories;
 using platform::MoveFileReplacing;
 
 class MoveFile : public FilesFixture {
@@ -31,6 +35,28 @@ TEST_F(MoveFile, ReplacesTheFileThatStandsThere) {
     WriteText(PathOf("to"), "old and longer");
     EXPECT_TRUE(Move());
     ExpectMoved("new");
+}
+
+TEST_F(MoveFile, ReplacesAFileThatAReaderHasOpen) {
+    WriteText(PathOf("to"), "old");
+    File reader;
+    ASSERT_TRUE(reader.Open(PathOf("to").c_str(),
+                            {.access = FileAccess::kRead, .sharing = FileSharing::kAll}));
+    EXPECT_TRUE(Move());
+    ExpectMoved("new");
+    char bytes[4] = {};
+    u32 got = 0;
+    EXPECT_TRUE(reader.Read(bytes, sizeof bytes, &got));
+    EXPECT_EQ(std::string(bytes, got), "old");
+    reader.Close();
+    EXPECT_FALSE(Exists(PathOf("to.replaced-0")));
+}
+
+TEST_F(MoveFile, ReplacesNoFolder) {
+    ASSERT_TRUE(MakeParentDirectories(PathOf("to") + "/file"));
+    EXPECT_FALSE(Move());
+    EXPECT_TRUE(Exists(PathOf("from")));
+    EXPECT_FALSE(Exists(PathOf("to.replaced-0")));
 }
 
 TEST_F(MoveFile, FailsWithoutAFile) {
