@@ -171,9 +171,11 @@ TEST_F(ToolVerify, NamesAMissingFile) {
     const std::string cause = std::generic_category().message(ENOENT);
     EXPECT_EQ(run.err, "k9repl verify: cannot read the storage file '" + StorageFile() +
                            "': " + cause + " (system error 2)\n");
-    EXPECT_EQ(Run({"verify", "--conn", "file=:memory:"}).err,
-              "k9repl verify: there is no storage file to verify: the connection string names "
-              "none\n");
+    for (const char* conn : {"file=:memory:", "file=:Memory:"}) {
+        EXPECT_EQ(Run({"verify", "--conn", conn}).err,
+                  "k9repl verify: there is no storage file to verify: the connection string names "
+                  "none\n");
+    }
 }
 
 TEST_F(ToolVerify, StatNamesADamagedTail) {

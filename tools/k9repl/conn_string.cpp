@@ -6,13 +6,14 @@
 #include <algorithm>
 #include <limits>
 
+#include "support/memory_path.h"
+
 namespace k9repl {
 
 namespace {
 
 constexpr std::string_view kSeparators = ";,";
 constexpr std::string_view kBlanks = " \t";
-constexpr std::string_view kMemoryOnly = ":memory:";
 constexpr std::uint32_t kBlockSizeDefault = 1048672;
 constexpr std::uint32_t kRecordHeadSize = 24;
 
@@ -92,7 +93,7 @@ std::string IndexPath(std::string_view conn) {
         return given;
     }
     const std::string path = StoragePath(conn);
-    if (path.empty() || path == kMemoryOnly) {
+    if (path.empty() || k9erepl::IsMemoryPath(path)) {
         return {};
     }
     const std::size_t separator = path.find_last_of("/\\");

@@ -11,6 +11,7 @@
 #include "squeeze_files.h"
 #include "storage_check.h"
 #include "storage_facts.h"
+#include "support/memory_path.h"
 #include "tool_error.h"
 
 namespace k9repl {
@@ -84,7 +85,7 @@ std::string AsText(const std::string& path, const StorageCheck& check) {
 
 int RunVerify(const VerifyOptions& options) {
     const std::string path = StoragePath(options.conn);
-    if (path.empty() || path == ":memory:") {
+    if (path.empty() || k9erepl::IsMemoryPath(path)) {
         throw ToolError("there is no storage file to verify: the connection string names none");
     }
     if (const std::string lost = MissingButBackedUp(path); !lost.empty()) {
