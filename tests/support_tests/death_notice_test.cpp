@@ -16,9 +16,10 @@ namespace {
 
 class DeathNoticeTest : public testing::Test {
   protected:
-    // Runs that test of the dying program.
+    // Runs that test of the dying program, which has no part in this program's shards.
     ChildEnd Run(const std::string& test) {
         ChildProcess child({.arguments = {DYING_PROGRAM, "--gtest_filter=" + test},
+                            .environment = {"GTEST_TOTAL_SHARDS", "GTEST_SHARD_INDEX"},
                             .outputPath = m_folder.File("output"),
                             .errorPath = m_folder.File("errors")});
         return child.Wait();
