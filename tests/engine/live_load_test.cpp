@@ -178,7 +178,7 @@ TEST_F(LiveLoad, AFileThatIsStartedOverMeanwhileEndsTheEnumeration) {
     OpenReader();
     Revs seen;
     const u32 rc = EnumerateWith(m_reader, 1, 5, [&](const K9eReplRec& rec) {
-        seen.push_back(rec.rev);
+        seen.push_back(i64{rec.rev});
         if (rec.rev == 1) {
             EXPECT_EQ(m_writer.Truncate(), RC_OK);
             Write(11, 15);

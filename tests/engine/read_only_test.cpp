@@ -179,7 +179,7 @@ TEST_F(ReadOnly, ScansForHosts) {
     ASSERT_EQ(K9eReplStorageGetLLStorage(m_reader.Handle(), &solid), RC_OK);
     Revs revs;
     const auto onRecord = [](std::uint64_t, const K9eReplRec* rec, void* ctx) -> std::uint32_t {
-        static_cast<Revs*>(ctx)->push_back(rec->rev);
+        static_cast<Revs*>(ctx)->push_back(i64{rec->rev});
         return RC_OK;
     };
     const auto onCommit = [](void*, std::int64_t, std::int64_t) -> std::uint32_t { return RC_OK; };

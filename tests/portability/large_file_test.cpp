@@ -60,7 +60,7 @@ bool IsAsWritten(const K9eReplRec& rec) {
 
 u32 K9EREPL_CALL TakeRev(const K9eReplRec* rec, void* revs) {
     EXPECT_TRUE(IsAsWritten(*rec)) << rec->rev;
-    static_cast<std::vector<i64>*>(revs)->push_back(rec->rev);
+    static_cast<std::vector<i64>*>(revs)->push_back(i64{rec->rev});
     return RC_OK;
 }
 
