@@ -79,6 +79,7 @@ TEST_F(ReadOnly, ReadsTheMarksOfTheHeader) {
 }
 
 TEST_F(ReadOnly, ChangesNothingAndStartsNoThread) {
+    m_writer.Close();
     const std::vector<u8> before = ReadBytes(m_writer.Path());
     const std::vector<u8> indexBefore = ReadBytes(IndexPath(m_writer));
     const OnlyReading onlyReading;
@@ -86,7 +87,7 @@ TEST_F(ReadOnly, ChangesNothingAndStartsNoThread) {
     EXPECT_EQ(m_reader.Texts(), Blocks(5));
     EXPECT_EQ(m_reader.DataSource().FlushOnIdle(), RC_OK);
     m_reader.Close();
-    EXPECT_EQ(OnlyReading::Refused(), 0U) << m_log;
+    EXPECT_EQ(onlyReading.Refused(), 0U) << m_log;
     EXPECT_EQ(ReadBytes(m_writer.Path()), before);
     EXPECT_EQ(ReadBytes(IndexPath(m_writer)), indexBefore);
 }

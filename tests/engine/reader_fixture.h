@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "engine/storage_fixture.h"
-#include "platform/system_calls.h"
+#include "support/call_layer.h"
 
 namespace k9erepl::test {
 
@@ -16,18 +16,25 @@ namespace k9erepl::test {
 std::string ReaderSettings(const TestStorage& writer, std::string_view settings = "");
 
 // While it lives, files open for reading only, and whatever would change a file, a name or a folder
-// is refused and counted. It must begin after what may write and end before it.
-class OnlyReading {
+// is refused and counted. No other storage is open meanwhile.
+class OnlyReading : CallLayer<OnlyReading> {
   public:
     OnlyReading();
-    ~OnlyReading();
-    OnlyReading(const OnlyReading&) = delete;
-    OnlyReading& operator=(const OnlyReading&) = delete;
 
-    static u32 Refused();
+    u32 Refused() const { return m_refused; }
 
   private:
-    const platform::SystemCalls m_saved;
+    friend CallLayer<OnlyReading>;
+    bool Refuse();
+    platform::NativeFile Open(const char* path, const platform::FileOpenRequest& request);
+    i64 Write(platform::NativeFile, const void*, u32) { return Refuse() ? 0 : -1; }
+    bool SetEnd(platform::NativeFile, i64) { return Refuse(); }
+    bool ChangeFile(platform::NativeFile) { return Refuse(); }
+    bool ChangeNames(const char*, const char*) { return Refuse(); }
+    bool ChangeName(const char*) { return Refuse(); }
+    void* CreateThread(platform::ThreadBody, void*) { return Refuse() ? this : nullptr; }
+
+    u32 m_refused = 0;
 };
 
 }  // namespace k9erepl::test
