@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <optional>
 
 #include "engine/load_fixture.h"
 #include "platform/file_names.h"
@@ -299,7 +300,7 @@ TEST(LoadOfALargeFile, ReadsOnlyItsTailThroughAnIndex) {
 }
 
 TEST(LoadOfALargeFile, HoldsNoMoreThanItsCacheWithoutAnIndex) {
-    BlockMeter meter(1000);
+    std::optional<BlockMeter> meter(1000);
     TestStorage storage(
         "block_size=1000;cache_type=Last3;memory_reserve=1;"
         "flush_mode=PerTrans;flush_trans_num=1;read_buffers_count=1");
@@ -307,11 +308,12 @@ TEST(LoadOfALargeFile, HoldsNoMoreThanItsCacheWithoutAnIndex) {
         storage.InsertCommitted({std::string(900, 'a'), std::string(900, 'b')});
     }
     storage.Close();
-    ASSERT_EQ(meter.Live(), 0U);
+    ASSERT_EQ(meter->Live(), 0U);
     ASSERT_TRUE(platform::RemoveFile(IndexPath(storage)));
-    BlockMeter reload(1000);
+    meter.reset();  // one of a kind at a time
+    meter.emplace(1000);
     ASSERT_EQ(storage.TryOpenAndLoad(), RC_OK);
-    EXPECT_LE(reload.MostLive(), 3U + 2U + 1U);
+    EXPECT_LE(meter->MostLive(), 3U + 2U + 1U);
     EXPECT_EQ(EntriesInMemory(storage).size(), 1000U);
     EXPECT_EQ(storage.Records().size(), 1000U);
     storage.Close();  // ends its thread, which uses the calls that the meter puts back
