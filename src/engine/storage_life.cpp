@@ -180,6 +180,10 @@ void CK9eReplStorage::FlushAllThatIsCommitted() {
 
 void CK9eReplStorage::Deinit() {
     LOG_INFO(kLogStorage, "Deinit e-repl storage;conn-str %s", m_connStr.c_str());
+    // Another writer may open the file as soon as it is closed, and then owns the index file.
+    if (m_index != nullptr) {
+        m_index->EndWriting();
+    }
     if (!m_solid.Close()) {
         m_blocks.Abandon();
     }

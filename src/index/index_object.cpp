@@ -86,6 +86,20 @@ void IndexObject::Stop() {
     worker.ReportTimes();
 }
 
+void IndexObject::EndWriting() {
+    if (m_thread == nullptr) {
+        return;
+    }
+    IndexWorker& worker = *m_worker.load();
+    if (!worker.RunsOnThisThread()) {
+        WaitForSave(worker);
+        if (worker.IsBusy()) {
+            return;  // it hangs; Stop deals with that
+        }
+    }
+    worker.EndWriting();
+}
+
 void IndexObject::LeaveToParent() {
     IndexWorker* const worker = m_worker.exchange(nullptr);
     if (worker != nullptr) {

@@ -43,6 +43,10 @@ class IndexObject {
     // or, if a save takes that long, one more; then the thread is terminated. Called by the thread
     // itself, it returns at once, and the thread ends when its idle call has returned.
     void Stop();
+    // Waits for the save in progress, at most 20 seconds, and closes the file, to which nothing is
+    // written from now on; the thread goes on until Stop. For the time before the storage file is
+    // given free: whoever opens that next makes the index file anew.
+    void EndWriting();
     // In a forked child: closes the file in this process. A thread is the parent's, and what it
     // uses stays allocated. To be destroyed next.
     void LeaveToParent();

@@ -133,6 +133,12 @@ u32 IndexWorker::Empty() {
     return rc == RC_OK ? m_file.FlushToDisk() : rc;
 }
 
+void IndexWorker::EndWriting() {
+    TakeTurn();
+    const IndexTurnHolder holder(m_turn);
+    m_file.Close();
+}
+
 u32 IndexWorker::ThreadBody(void* worker) {
     auto* const self = static_cast<IndexWorker*>(worker);
     const u32 exitCode = self->Run();

@@ -50,6 +50,7 @@ class IndexWorker {
     u32 RequestSave(const BlockIndex& blockIndex, IndexSaveMode mode);
     void StartOver();
     u32 Empty();
+    void EndWriting();
     bool IsBusy() const { return m_turn.IsBusy(); }
     bool IsFinished() const { return m_finished.load(std::memory_order_acquire); }
 

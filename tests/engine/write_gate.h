@@ -36,6 +36,8 @@ class WriteGate : CallLayer<WriteGate> {
     // Writes wait until the gate is open.
     void Shut() { m_gate.Shut(); }
     void Open() { m_gate.Open(); }
+    void WaitUntilHeld() { m_gate.WaitUntilHeld(); }
+    bool IsHeld() { return m_gate.IsHeld(); }
     // Writes fail for lack of room.
     void Refuse(bool refused) { m_refused = refused; }
 

@@ -97,12 +97,14 @@ Problem Ask(const Scene& scene, bool* changed) {
     return problem;
 }
 
-// The one change that comes by itself is the writer's index file, once, after its load.
+// The changes that come by themselves are those of the writer's index file after its load, which
+// its index thread saves once, in two steps.
 Problem AskBesideAWriter(const Scene& scene) {
-    bool changed = false;
-    Problem problem = Ask(scene, &changed);
-    if (changed) {
-        problem += Ask(scene, &changed);
+    constexpr u32 kStepsOfASave = 2;
+    bool changed = true;
+    Problem problem;
+    for (u32 turn = 0; turn <= kStepsOfASave && changed && problem.empty(); ++turn) {
+        problem = Ask(scene, &changed);
     }
     return problem + (changed ? "files changed" : "");
 }
