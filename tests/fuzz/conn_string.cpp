@@ -22,7 +22,8 @@ constexpr std::array kKeys = {
     "force_flush",   "commit_barrier",  "write_through",      "cache_type",
     "block_size",    "memory_reserve",  "read_buffers_count", "flush_mode",
     "flush_timeout", "flush_trans_num", "flush_data_size",    "index_hint",
-    "aux_affinity",  "async_mode",      "async_buffer_size",
+    "aux_affinity",  "async_mode",      "async_buffer_size",  "file_lock",
+    "read_only",     "check",
 };
 constexpr i32 kMostBlocks = 1 << 20;
 constexpr i32 kLargestBlock = 1 << 24;
