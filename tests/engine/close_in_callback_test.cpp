@@ -2,10 +2,12 @@
 // out, whatever thread that is on; every call in between works as before.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <stdexcept>
 #include <thread>
 
 #include "engine/flush_fixture.h"
+#include "support/call_layer.h"
 #include "support/log_capture.h"
 
 namespace k9erepl::test {
@@ -13,6 +15,29 @@ namespace {
 
 constexpr std::string_view kByTime = "flush_mode=PerTrans;flush_trans_num=-1;flush_timeout=20;";
 constexpr std::string_view kOnDisk = "block_size=138;cache_type=Last1;";
+
+// Counts the blocks of memory that are in use.
+class CountedMemory : CallLayer<CountedMemory> {
+  public:
+    CountedMemory() {
+        Take<&CallTable::allocMemory, &CountedMemory::Alloc>();
+        Take<&CallTable::freeMemory, &CountedMemory::Free>();
+    }
+    u32 Blocks() const { return m_blocks; }
+
+  private:
+    friend CallLayer;
+    void* Alloc(std::size_t size) {
+        ++m_blocks;
+        return Below().allocMemory(size);
+    }
+    void Free(void* memory) {
+        Below().freeMemory(memory);
+        --m_blocks;
+    }
+
+    std::atomic<u32> m_blocks{0};
+};
 
 class CloseInCallback : public ::testing::Test {
   protected:
@@ -29,13 +54,14 @@ class CloseInCallback : public ::testing::Test {
         ASSERT_EQ(storage.TryOpenAndLoad(), RC_OK);
         EXPECT_EQ(storage.Texts(), texts);
     }
-    // The times of the index saves are the last thing that the index thread has to do with files.
+    // The index thread logs the times of its saves; then its last system call frees their memory.
     void WaitUntilGone() const {
-        while (m_log.CountContaining("Idx-Save: ") == 0 || !IsGone()) {
+        while (m_log.CountContaining("Idx-Save: ") == 0 || m_memory.Blocks() != 0) {
             std::this_thread::yield();
         }
     }
 
+    CountedMemory m_memory;
     LogCapture m_log;
     Notified m_notified;
 };
