@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Checks the rules of the house that no compiler checks.
+# Checks the rules of this repository that no compiler checks.
 #
 #   scripts/check.sh            everything, clang-tidy over every source included (minutes)
 #   scripts/check.sh --quick    everything but clang-tidy (seconds)
@@ -73,10 +73,11 @@ check_system_headers() {
     report "a switch by operating system outside its folder" <"$scratch/switches"
 }
 
-# A room includes itself and the rooms below it; format headers know nothing and are open to all.
+# A module includes itself and the modules below it; format headers know nothing and are open to
+# all.
 check_directions() {
     awk '
-        function rank(room) { return (room in ranks) ? ranks[room] : -1 }
+        function rank(module) { return (module in ranks) ? ranks[module] : -1 }
         BEGIN {
             count = split("platform support memory writers index solid engine api", order, " ")
             for (i = 1; i <= count; ++i) ranks[order[i]] = i
@@ -89,7 +90,7 @@ check_directions() {
             if (rank(other) < 0 || rank(own) < 0) next
             if (rank(other) >= rank(own)) print FILENAME ":" FNR
         }' $(list 'src/*.h' 'src/*.cpp') >"$scratch/directions"
-    report "includes a room that is not below its own" <"$scratch/directions"
+    report "includes a module that is not below its own" <"$scratch/directions"
 }
 
 check_heads() {

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Shows the whole road on this machine: sets up what is missing, builds the tool, appends a
+# Shows the main job on this machine: sets up what is missing, builds the tool, appends a
 # real stream of at least 100 MB to a storage, closes it, reopens it through its index, reads
 # everything back and compares the bytes by their SHA-256.
 #

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Plants durability bugs into the library, one at a time, and holds that the reliability rows catch
-# each of them: a row that lets a planted bug pass would let a real one pass.
+# Plants durability bugs into the library, one at a time, and holds that the reliability families
+# catch each of them: a family that lets a planted bug pass would let a real one pass.
 #
 #   scripts/sabotage.sh [--minutes N] [NAME...]
 #                                 (default: every bug of tests/reliability/planted_bugs.txt)
@@ -29,25 +29,25 @@ bugs="$root/tests/reliability/planted_bugs.txt"
 cases="${K9EREPL_SABOTAGE_CASES:-3000}"
 
 # plant <name> <work folder>: the file named by the bug, with its lines exchanged, as mutated.cpp;
-# file, rows and cases as three lines of the file "about".
+# file, families and cases as three lines of the file "about".
 plant() {
     perl - "$bugs" "$1" "$root" "$2" "$cases" <<'PERL'
 use strict;
 use warnings;
 my ($bugs, $name, $root, $work, $cases) = @ARGV;
 open my $in, '<', $bugs or die "$bugs: $!\n";
-my ($here, $file, $rows, @old, @new) = (0);
+my ($here, $file, $families, @old, @new) = (0);
 while (<$in>) {
     chomp;
     if (/^== (\S+)/) { $here = $1 eq $name; next; }
     next unless $here;
     if (/^file (\S+)/) { $file = $1; }
-    elsif (/^rows (.+)/) { $rows = $1; }
+    elsif (/^families (.+)/) { $families = $1; }
     elsif (/^cases (\d+)/) { $cases = $1; }
     elsif (/^- ?(.*)/) { push @old, $1; }
     elsif (/^\+ ?(.*)/) { push @new, $1; }
 }
-die "no planted bug '$name'\n" unless defined $file && defined $rows && @old;
+die "no planted bug '$name'\n" unless defined $file && defined $families && @old;
 open my $source, '<', "$root/$file" or die "$file: $!\n";
 my $text = do { local $/; <$source> };
 my $pattern = join '\s+', map { join '\s+', map { quotemeta } split ' ' } @old;
@@ -58,7 +58,7 @@ $text =~ s/$pattern/$new/;
 open my $out, '>', "$work/mutated.cpp" or die "$work: $!\n";
 print $out "#line 1 \"$root/$file\"\n", $text;
 open my $about, '>', "$work/about" or die "$work: $!\n";
-print $about "$file\n$rows\n$cases\n";
+print $about "$file\n$families\n$cases\n";
 PERL
 }
 
@@ -105,51 +105,52 @@ seconds_for() {
     share_of "$end" $((pieces - $2 + 1))
 }
 
-# check_row <place> <row>: the library itself passes it; otherwise being caught would mean nothing.
-# No more cases than a test run has: some are slow.
-check_row() {
+# check_family <place> <family>: the library itself passes it; otherwise being caught would mean
+# nothing. No more cases than a test run has: some are slow.
+check_family() {
     local seconds count status=0
     seconds="$(seconds_for checks "$1" 300)"
     count="$("$tree/bin/reliability_run" --list | sed -n "s/^$2 .*(\([0-9]*\) cases)\$/\1/p")"
     [ "$count" -lt "$cases" ] || count="$cases"
-    timeout "$seconds" "$tree/bin/reliability_run" --row "$2" --count "$count" \
-        >"$folder/row-$2" 2>&1 || status=$?
+    timeout "$seconds" "$tree/bin/reliability_run" --family "$2" --count "$count" \
+        >"$folder/family-$2" 2>&1 || status=$?
     # Out of time is no failure where there is a limit.
     if [ "$status" -ne 0 ] && { [ -z "$minutes" ] || [ "$status" -ne 124 ]; }; then
-        tail -n 5 "$folder/row-$2" >&2
-        echo "sabotage.sh: the library itself does not pass the row '$2'" >&2
+        tail -n 5 "$folder/family-$2" >&2
+        echo "sabotage.sh: the library itself does not pass the family '$2'" >&2
         return 1
     fi
 }
 
 # try <place> <name>: one line that says what became of the bug; leaves a file "missed" or
-# "undecided". Its rows share its time.
+# "undecided". Its families share its time.
 try() {
-    local work="$folder/$2" rows row count seconds end status undecided=""
-    rows="$(sed -n 2p "$work/about")"
+    local work="$folder/$2" families family count seconds end status undecided=""
+    families="$(sed -n 2p "$work/about")"
     count="$(sed -n 3p "$work/about")"
     local -i left
-    left="$(wc -w <<<"$rows")"
+    left="$(wc -w <<<"$families")"
     seconds="$(seconds_for tries "$1" $((120 * left)))"
     end=$(($(date +%s) + ${seconds%.*}))
-    for row in $rows; do
+    for family in $families; do
         status=0
         timeout "$(jobs=1 share_of "$end" "$left")" \
-            "$work/program" --row "$row" --count "$count" >"$work/$row.txt" 2>&1 || status=$?
+            "$work/program" --family "$family" --count "$count" \
+                >"$work/$family.txt" 2>&1 || status=$?
         left=$((left - 1))
         if [ "$status" -eq 124 ]; then
             undecided=yes
         elif [ "$status" -ne 0 ]; then
-            echo "caught       $2 by $row"
+            echo "caught       $2 by $family"
             rm "$work/program"
             return 0
         fi
     done
     if [ -n "$undecided" ]; then
-        echo "NOT DECIDED  $2, in $rows"
+        echo "NOT DECIDED  $2, in $families"
         touch "$work/undecided"
     else
-        echo "MISSED       $2, in $rows"
+        echo "MISSED       $2, in $families"
         touch "$work/missed"
     fi
 }
@@ -177,15 +178,15 @@ folder="$(mktemp -d "$(memory_folder)/k9erepl-sabotage.XXXXXX")"
 trap 'rm -rf "$folder"' EXIT
 names=("$@")
 [ "$#" -gt 0 ] || mapfile -t names < <(sed -n 's/^== //p' "$bugs")
-export -f plant object_of make_program prepare seconds_for share_of check_row try
+export -f plant object_of make_program prepare seconds_for share_of check_family try
 export root tree bugs cases folder minutes jobs
 printf '%s\n' "${names[@]}" | each prepare
 
 count_of() { find "$folder" -name "$1" | wc -l; }
 
-sed -n 's/^rows //p' "$bugs" | tr ' ' '\n' | sort -u >"$folder/rows"
-begin checks "$(wc -l <"$folder/rows")" 0.25
-each check_row checks <"$folder/rows" || exit 2
+sed -n 's/^families //p' "$bugs" | tr ' ' '\n' | sort -u >"$folder/families"
+begin checks "$(wc -l <"$folder/families")" 0.25
+each check_family checks <"$folder/families" || exit 2
 
 # Last come those that are known to need many cases: they get what time the others leave.
 for name in "${names[@]}"; do

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The long run of the reliability harness: the fuzz targets where clang is there, every row, with a
-# seed of its own, then the planted bugs. Writes the numbers into the scorecard of
+# The long run of the reliability harness: the fuzz targets where clang is there, every family, with
+# a seed of its own, then the planted bugs. Writes the numbers into the scorecard of
 # docs/reliability.md. What it has to build comes on top of the minutes.
 #
 #   scripts/soak.sh [--minutes N] [--seed N] [--no-scorecard] [--dry-run]
@@ -42,17 +42,17 @@ build release reliability_run
 run="$root/build/release/bin/reliability_run"
 out="$root/build/soak"
 document="$root/docs/reliability.md"
-mapfile -t rows < <("$run" --list | cut -d ' ' -f 1)
+mapfile -t families < <("$run" --list | cut -d ' ' -f 1)
 mapfile -t fuzz_targets < <("$root/scripts/fuzz.sh" --list)
 
-# A quarter of the time is the planted bugs'; every row and every fuzz target gets the same share of
-# what the cores have in the rest. Rows keep their time to the second, so they come last.
+# A quarter of the time is the planted bugs'; every family and every fuzz target gets the same share
+# of what the cores have in the rest. Families keep their time to the second, so they come last.
 bugs_minutes="$(awk -v m="$minutes" 'BEGIN { printf "%.2f", m / 4 }')"
 main_seconds=$((minutes * 60 * 3 / 4))
 plan() {
-    pieces=$((${#rows[@]} + ${#fuzz_targets[@]}))
+    pieces=$((${#families[@]} + ${#fuzz_targets[@]}))
     main_end=$(($(date +%s) + main_seconds))
-    printf '%s' "soak.sh: ${#fuzz_targets[@]} fuzz targets and ${#rows[@]} rows" \
+    printf '%s' "soak.sh: ${#fuzz_targets[@]} fuzz targets and ${#families[@]} families" \
         " in $main_seconds s, about $(share_of "$main_end" "$pieces") s each;" \
         " then planted bugs for $bugs_minutes minutes; seed $seed"
     printf '\n'
@@ -70,9 +70,9 @@ if ! "$root/scripts/fuzz.sh" --build >"$out/fuzz-build.log" 2>&1; then
 fi
 plan
 
-# one_row <seconds> <row>: its summary is the last line of its file.
-one_row() {
-    "$run" --row "$2" --minutes "$(awk -v s="$1" 'BEGIN { printf "%.3f", s / 60 }')" \
+# one_family <seconds> <family>: its summary is the last line of its file.
+one_family() {
+    "$run" --family "$2" --minutes "$(awk -v s="$1" 'BEGIN { printf "%.3f", s / 60 }')" \
         --seed "$seed" >"$out/$2.txt" 2>&1 ||
         echo "soak.sh: $2 failed; see $out/$2.txt" | tee -a "$out/failed" >&2
     tail -n 1 "$out/$2.txt"
@@ -91,40 +91,41 @@ one_piece() {
     "$2" "$(share_of "$main_end" $((pieces - $1 + 1)))" "$3"
 }
 
-export -f one_row one_target one_piece share_of
+export -f one_family one_target one_piece share_of
 export run out seed root jobs pieces main_end
 {
     [ "${#fuzz_targets[@]}" -eq 0 ] || printf 'one_target %s\n' "${fuzz_targets[@]}"
-    printf 'one_row %s\n' "${rows[@]}"
+    printf 'one_family %s\n' "${families[@]}"
 } | awk '{ print NR, $0 }' | xargs -P "$jobs" -L 1 bash -c 'one_piece "$@"' _ | tee "$out/all.txt"
 grep '^fuzz ' "$out/all.txt" >"$out/fuzz.txt" || true
 "$root/scripts/sabotage.sh" --minutes "$bugs_minutes" | tee "$out/sabotage.txt" | tail -n 1 ||
     touch "$out/failed"
 
-# row_line <row>: a line of the scorecard, from "row: N cases, N failed, N this, N that; ...".
-row_line() {
+# family_line <family>: a line of the scorecard, from "family: N cases, N failed, N this, N that;
+# ...".
+family_line() {
     local title summary
-    title="$("$run" --list | awk -v row="$1" '$1 == row { $1 = ""; print }' |
+    title="$("$run" --list | awk -v family="$1" '$1 == family { $1 = ""; print }' |
         sed -e 's/ ([0-9]* cases)$//' -e 's/^ *//')"
     summary="$(tail -n 1 "$out/$1.txt")"
-    awk -v title="$title" -v row="$1" -v s="$summary" 'BEGIN {
+    awk -v title="$title" -v family="$1" -v s="$summary" 'BEGIN {
         sub(/^[^:]*: /, "", s); sub(/;[^;]*$/, "", s)
         cases = s; sub(/ cases.*/, "", cases)
         failed = s; sub(/.* cases, /, "", failed); sub(/ failed.*/, "", failed)
         rest = s; if (!sub(/.* failed, /, "", rest)) rest = ""
         if (length(rest) > 500) rest = "by class and place: see below"
-        printf "| `%s` | %s | %s | %s | %s |\n", row, title, cases, failed, rest }'
+        printf "| `%s` | %s | %s | %s | %s |\n", family, title, cases, failed, rest }'
 }
 
 table() {
     echo "Run of $(date +%Y-%m-%d), $minutes minutes on $jobs cores, seed $seed,"
     echo "commit $(git -C "$root" rev-parse --short HEAD)."
     echo
-    echo "| Row | What happens | Cases | Failed | Also counted |"
+    echo "| Family | What happens | Cases | Failed | Also counted |"
     echo "|---|---|---:|---:|---|"
-    local row target
-    for row in "${rows[@]}"; do
-        row_line "$row"
+    local family target
+    for family in "${families[@]}"; do
+        family_line "$family"
     done
     for target in "${fuzz_targets[@]}"; do
         awk -v target="$target" '$1 == "fuzz" && $2 == target ":" {

@@ -3,7 +3,7 @@
 #
 #   scripts/test.sh [release|debug|asan|tsan|linux-x86] [ctest option...]     (default: release)
 #
-# K9EREPL_TEST_ROOMS="solid engine" builds and runs the tests of these folders of tests/ alone.
+# K9EREPL_TEST_MODULES="solid engine" builds and runs the tests of these folders of tests/ alone.
 # Exit status: 0 when every test passed.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
@@ -29,9 +29,9 @@ started="$(date +%s%N)"
 # would need Google Benchmark for another target.
 bench=ON
 case "$preset" in asan | tsan | linux-x86) bench=OFF ;; esac
-rooms="${K9EREPL_TEST_ROOMS:-}"
+modules="${K9EREPL_TEST_MODULES:-}"
 configure "$preset" "${with_tests[@]}" "-DK9EREPL_BUILD_BENCH=$bench" \
-    "-DK9EREPL_TEST_ROOMS=${rooms// /;}"
+    "-DK9EREPL_TEST_MODULES=${modules// /;}"
 build "$preset"
 echo "test.sh: built '$preset' in $(seconds_since "$started") s"
 

@@ -1,4 +1,4 @@
-// The clocks of the house: the tick count for time-outs and recency, the performance counter for
+// The clocks: the tick count for time-outs and recency, the performance counter for
 // timing reports, the processor's time-stamp counter for the stamps of commit blocks.
 #ifndef K9EREPL_PLATFORM_CLOCK_H
 #define K9EREPL_PLATFORM_CLOCK_H

@@ -1,4 +1,4 @@
-// The fixed-width integers of the house, under their short names. Included by nearly every room.
+// The fixed-width integers under their short names. Included by nearly every module.
 #ifndef K9EREPL_PLATFORM_INT_TYPES_H
 #define K9EREPL_PLATFORM_INT_TYPES_H
 

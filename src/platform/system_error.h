@@ -1,5 +1,5 @@
 // The operating system's error code of the calling thread: errno on POSIX, GetLastError on
-// Windows. Rooms above log it ("%r"); the few kinds that decide something have names here.
+// Windows. The modules above log it ("%r"); the few kinds that decide something have names here.
 #ifndef K9EREPL_PLATFORM_SYSTEM_ERROR_H
 #define K9EREPL_PLATFORM_SYSTEM_ERROR_H
 

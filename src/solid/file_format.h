@@ -1,6 +1,6 @@
 // The storage file's structures, byte for byte (docs/storage-file.md draws them): the header, the
 // record head and the commit block. The same record bytes lie in memory blocks. Knows nothing of
-// the rest; every room may include it.
+// the rest; every module may include it.
 #ifndef K9EREPL_SOLID_FILE_FORMAT_H
 #define K9EREPL_SOLID_FILE_FORMAT_H
 

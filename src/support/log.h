@@ -1,5 +1,5 @@
 // Logging through the host's system library, with one switch for each call site: a disabled
-// message costs a load and a test, its arguments are not evaluated. Used by every room above.
+// message costs a load and a test, its arguments are not evaluated. Used by every module above.
 //
 //   LOG_INFO(kLogStorage, "Add block %P,rev %I64d", ordinal, firstRev);
 //   LOG_ERROR_CODE(rc, kLogStorage, "Failed to begin trans;state %d", state);

@@ -1,5 +1,5 @@
 // Objects in the system library's parser memory: the start records of the index thread and of the
-// writing thread. Used by the rooms that create threads.
+// writing thread. Used by the modules that create threads.
 #ifndef K9EREPL_SUPPORT_PARSER_MEMORY_H
 #define K9EREPL_SUPPORT_PARSER_MEMORY_H
 

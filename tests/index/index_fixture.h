@@ -1,4 +1,4 @@
-// What the tests of the index room share: the bytes that an index file should have, a block index
+// What the tests of the index module share: the bytes that an index file should have, a block index
 // that grows as the engine's does, a storage of which only the idle call does something.
 #ifndef K9EREPL_TESTS_INDEX_INDEX_FIXTURE_H
 #define K9EREPL_TESTS_INDEX_INDEX_FIXTURE_H

@@ -1,5 +1,5 @@
 // A client of the library: one handle, and what the library tells it. No call of the library makes
-// it allocate memory. Used by the runner and by the rows of tests/reliability.
+// it allocate memory. Used by the runner and by the families of tests/reliability.
 #ifndef K9EREPL_TESTS_MODEL_STORAGE_CLIENT_H
 #define K9EREPL_TESTS_MODEL_STORAGE_CLIENT_H
 

@@ -1,5 +1,5 @@
 // Several threads that use one storage as hard as they can, and a book of what they committed. Used
-// by the test of threads, which is meant for ThreadSanitizer, and by the row of threads in
+// by the test of threads, which is meant for ThreadSanitizer, and by the family of threads in
 // tests/reliability.
 #ifndef K9EREPL_TESTS_MODEL_WORKOUT_H
 #define K9EREPL_TESTS_MODEL_WORKOUT_H

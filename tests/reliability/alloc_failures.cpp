@@ -1,11 +1,11 @@
-// The row of exhausted memory: each allocation of a run fails, of objects and of blocks and
+// The family of exhausted memory: each allocation of a run fails, of objects and of blocks and
 // buffers, in whatever thread, once or from then on until an operation has answered.
 #include <k9erepl/storage.h>
 
 #include <atomic>
 
+#include "reliability/family.h"
 #include "reliability/fault_trial.h"
-#include "reliability/row.h"
 #include "reliability/steady_calls.h"
 #include "support/call_layer.h"
 #include "support/new_fault.h"
@@ -126,10 +126,10 @@ void RunGroup(GroupRun& run) {
     }
 }
 
-const RegisteredRow kRow({.name = "alloc-failures",
-                          .title = "allocation failure at every n",
-                          .cases = 3000,
-                          .runGroup = &RunGroup});
+const RegisteredFamily kFamily({.name = "alloc-failures",
+                                .title = "allocation failure at every n",
+                                .cases = 3000,
+                                .runGroup = &RunGroup});
 
 }  // namespace
 

@@ -1,13 +1,13 @@
-// The row of single bits: every bit of a small storage file is turned over, one at a time, and what
-// the library makes of it is put into a class: detected, harmless, or undetectable, since data has
-// no checksum. The counts by field are published.
+// The family of single bits: every bit of a small storage file is turned over, one at a time, and
+// what the library makes of it is put into a class: detected, harmless, or undetectable, since data
+// has no checksum. The counts by field are published.
 #include <algorithm>
 
 #include "model/choices.h"
 #include "model/storage_client.h"
+#include "reliability/family.h"
 #include "reliability/file_fields.h"
 #include "reliability/hostile_opening.h"
-#include "reliability/row.h"
 #include "reliability/steady_calls.h"
 
 namespace k9erepl::reliability {
@@ -198,10 +198,10 @@ void RunGroup(GroupRun& run) {
     }
 }
 
-const RegisteredRow kRow({.name = "bit-flips",
-                          .title = "every single-bit flip of a 64 KiB storage",
-                          .cases = kFileSize * 8,
-                          .runGroup = &RunGroup});
+const RegisteredFamily kFamily({.name = "bit-flips",
+                                .title = "every single-bit flip of a 64 KiB storage",
+                                .cases = kFileSize * 8,
+                                .runGroup = &RunGroup});
 
 }  // namespace
 

@@ -1,10 +1,10 @@
-// The row of repeated crashes: a process that is killed in the middle of a run, the next one in the
-// middle of its opening or of what it appends first, and the one after that again.
+// The family of repeated crashes: a process that is killed in the middle of a run, the next one in
+// the middle of its opening or of what it appends first, and the one after that again.
 #include <optional>
 
 #include "reliability/crash_points.h"
+#include "reliability/family.h"
 #include "reliability/oracle.h"
-#include "reliability/row.h"
 #include "reliability/steady_calls.h"
 #include "reliability/workload.h"
 
@@ -108,10 +108,10 @@ void RunGroup(GroupRun& run) {
     }
 }
 
-const RegisteredRow kRow({.name = "crash-in-recovery",
-                          .title = "crash inside recovery, twice nested",
-                          .cases = 5000,
-                          .runGroup = &RunGroup});
+const RegisteredFamily kFamily({.name = "crash-in-recovery",
+                                .title = "crash inside recovery, twice nested",
+                                .cases = 5000,
+                                .runGroup = &RunGroup});
 
 }  // namespace
 

@@ -1,14 +1,14 @@
-// The row of power cuts: pages that were written and not flushed are lost one by one, or come out
-// as they were a while before. What a forced flush acknowledged must be there; with the
+// The family of power cuts: pages that were written and not flushed are lost one by one, or come
+// out as they were a while before. What a forced flush acknowledged must be there; with the
 // asynchronous writer, what OnWriteToFile told of a write that goes through, or else what was
 // closed. What was in flight may look complete and not be, unless the commit barrier keeps its
 // commit block back: such images are counted.
 #include <algorithm>
 #include <unordered_set>
 
+#include "reliability/family.h"
 #include "reliability/oracle.h"
 #include "reliability/power_cut.h"
-#include "reliability/row.h"
 #include "reliability/steady_calls.h"
 #include "reliability/workload.h"
 
@@ -58,7 +58,7 @@ class PowerCuts {
         const StateRange range = m_history.AfterPowerCut(done);
         model::Random random(m_run.Seed() + m_number);
         const DiskImage image = cut.Leave(fate, random);
-        static std::unordered_set<u64> seen;  // images are distinct in the whole row
+        static std::unordered_set<u64> seen;  // images are distinct in the whole family
         if (!seen.insert(Mix(image.Hash(), Mix(range.low, range.high))).second) {
             return;
         }
@@ -114,10 +114,10 @@ void RunGroup(GroupRun& run) {
     PowerCuts(run, disk, history, plan).All();
 }
 
-const RegisteredRow kRow({.name = "crash-pages",
-                          .title = "crash images: pages dropped or reordered",
-                          .cases = 20000,
-                          .runGroup = &RunGroup});
+const RegisteredFamily kFamily({.name = "crash-pages",
+                                .title = "crash images: pages dropped or reordered",
+                                .cases = 20000,
+                                .runGroup = &RunGroup});
 
 }  // namespace
 

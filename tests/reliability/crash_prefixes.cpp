@@ -1,10 +1,10 @@
-// The row of killed processes: a storage as any part of a run leaves it, every call before the
+// The family of killed processes: a storage as any part of a run leaves it, every call before the
 // moment done, every call behind it not, and a write between them perhaps done in part.
 #include <unordered_set>
 
 #include "reliability/crash_points.h"
+#include "reliability/family.h"
 #include "reliability/oracle.h"
-#include "reliability/row.h"
 #include "reliability/steady_calls.h"
 #include "reliability/workload.h"
 
@@ -16,7 +16,7 @@ constexpr std::size_t kPointsOfAGroup = 1500;
 
 // Half of the groups have the asynchronous writer.
 void RunGroup(GroupRun& run) {
-    static std::unordered_set<u64> seen;  // images are distinct in the whole row
+    static std::unordered_set<u64> seen;  // images are distinct in the whole family
     const SteadyCalls steady;
     MemoryDisk disk;
     const WorkloadPlan plan{.operations = 40,
@@ -44,10 +44,10 @@ void RunGroup(GroupRun& run) {
     }
 }
 
-const RegisteredRow kRow({.name = "crash-prefixes",
-                          .title = "crash images: prefixes and cuts",
-                          .cases = 100000,
-                          .runGroup = &RunGroup});
+const RegisteredFamily kFamily({.name = "crash-prefixes",
+                                .title = "crash images: prefixes and cuts",
+                                .cases = 100000,
+                                .runGroup = &RunGroup});
 
 }  // namespace
 

@@ -1,11 +1,11 @@
-// The row of the full disk: its space runs out at every 512 bytes of a run, and comes back after
+// The family of the full disk: its space runs out at every 512 bytes of a run, and comes back after
 // the first failure.
 #include <k9erepl/storage.h>
 
 #include <algorithm>
 
+#include "reliability/family.h"
 #include "reliability/fault_trial.h"
-#include "reliability/row.h"
 #include "reliability/steady_calls.h"
 
 namespace k9erepl::reliability {
@@ -86,10 +86,10 @@ void RunGroup(GroupRun& run) {
     }
 }
 
-const RegisteredRow kRow({.name = "disk-full",
-                          .title = "the disk is full at every 512 bytes, then space returns",
-                          .cases = 300,
-                          .runGroup = &RunGroup});
+const RegisteredFamily kFamily({.name = "disk-full",
+                                .title = "the disk is full at every 512 bytes, then space returns",
+                                .cases = 300,
+                                .runGroup = &RunGroup});
 
 }  // namespace
 

@@ -1,8 +1,8 @@
 // A client that goes on when calls fail: random operations on a storage in a MemoryDisk, under a
 // fault, with a model beside it. Each answer that differs from the undisturbed one must be a code
 // that the operation documents, logged, and leave the storage in a documented state; once the fault
-// is gone the storage goes on from there or, opened again, holds what was acknowledged. The rows
-// of failing calls are made of it; each brings a Fault.
+// is gone the storage goes on from there or, opened again, holds what was acknowledged. The
+// families of failing calls are made of it; each brings a Fault.
 #ifndef K9EREPL_TESTS_RELIABILITY_FAULT_TRIAL_H
 #define K9EREPL_TESTS_RELIABILITY_FAULT_TRIAL_H
 

@@ -1,4 +1,5 @@
-// Trials must see what the library does wrong, and the disk and the gate must do what a row says.
+// Trials must see what the library does wrong, and the disk and the gate must do what a family
+// says.
 #include "reliability/fault_trial.h"
 
 #include <gtest/gtest.h>

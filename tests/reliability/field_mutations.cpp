@@ -1,11 +1,11 @@
-// The row of changed fields: storage and index files in which single fields, items or stretches of
-// bytes are not what they were, opened under every kind of settings.
+// The family of changed fields: storage and index files in which single fields, items or stretches
+// of bytes are not what they were, opened under every kind of settings.
 #include <algorithm>
 
 #include "model/numbers.h"
+#include "reliability/family.h"
 #include "reliability/file_fields.h"
 #include "reliability/hostile_opening.h"
-#include "reliability/row.h"
 #include "reliability/steady_calls.h"
 #include "reliability/workload.h"
 
@@ -220,7 +220,7 @@ std::string MutateItems(std::string& bytes, const SlowScan& scan, Random& random
                                           : ChangeBothRevs(bytes, item, random);
 }
 
-// --- The row
+// --- The family
 
 constexpr u32 kCasesOfAGroup = 200;
 constexpr std::size_t kZerosMost = 300;  // of those that a file is sized ahead with
@@ -309,10 +309,10 @@ void RunGroup(GroupRun& run) {
     }
 }
 
-const RegisteredRow kRow({.name = "field-mutations",
-                          .title = "field mutations of storage and index files",
-                          .cases = 50000,
-                          .runGroup = &RunGroup});
+const RegisteredFamily kFamily({.name = "field-mutations",
+                                .title = "field mutations of storage and index files",
+                                .cases = 50000,
+                                .runGroup = &RunGroup});
 
 }  // namespace
 

@@ -1,5 +1,5 @@
 // Which field each byte of a storage or index file belongs to, as docs/storage-file.md and
-// docs/index-file.md name them. Rows change files field by field, and count by field.
+// docs/index-file.md name them. Families change files field by field, and count by field.
 #ifndef K9EREPL_TESTS_RELIABILITY_FILE_FIELDS_H
 #define K9EREPL_TESTS_RELIABILITY_FILE_FIELDS_H
 

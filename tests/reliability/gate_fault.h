@@ -1,5 +1,5 @@
 // A fault at the gate of a MemoryDisk: one call on a file or a name, or all from one on, end in
-// another way than they should. The rows of failing calls and short transfers use it.
+// another way than they should. The families of failing calls and short transfers use it.
 #ifndef K9EREPL_TESTS_RELIABILITY_GATE_FAULT_H
 #define K9EREPL_TESTS_RELIABILITY_GATE_FAULT_H
 

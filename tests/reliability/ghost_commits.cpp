@@ -1,15 +1,15 @@
-// The row of ghost commits: flushes to the disk and writes fail now and then, clients commit again
-// or roll back and go on, and a crash comes at any moment of that: the process is killed or, where
-// the commit barrier keeps the ghosts out of that, too, the power goes. Records have one size, so
-// that an abandoned commit block stands exactly where the next one would be looked for.
+// The family of ghost commits: flushes to the disk and writes fail now and then, clients commit
+// again or roll back and go on, and a crash comes at any moment of that: the process is killed or,
+// where the commit barrier keeps the ghosts out of that, too, the power goes. Records have one
+// size, so that an abandoned commit block stands exactly where the next one would be looked for.
 #include <k9erepl/storage.h>
 
 #include <utility>
 
 #include "reliability/crash_points.h"
+#include "reliability/family.h"
 #include "reliability/fault_trial.h"
 #include "reliability/power_cut.h"
-#include "reliability/row.h"
 #include "reliability/steady_calls.h"
 #include "solid/file_format.h"
 
@@ -181,10 +181,10 @@ void RunGroup(GroupRun& run) {
     }
 }
 
-const RegisteredRow kRow({.name = "ghost-commits",
-                          .title = "ghost commits, and commits retried after a failed flush",
-                          .cases = 800,
-                          .runGroup = &RunGroup});
+const RegisteredFamily kFamily({.name = "ghost-commits",
+                                .title = "ghost commits, and commits retried after a failed flush",
+                                .cases = 800,
+                                .runGroup = &RunGroup});
 
 }  // namespace
 

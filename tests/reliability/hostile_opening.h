@@ -8,9 +8,9 @@
 #include <string>
 
 #include "model/settings.h"
+#include "reliability/family.h"
 #include "reliability/memory_disk.h"
 #include "reliability/oracle.h"
-#include "reliability/row.h"
 #include "reliability/slow_reader.h"
 
 namespace k9erepl::reliability {
@@ -57,8 +57,8 @@ struct HostileCase {
 // Opens, compares, appends, opens again. `seed` chooses what is appended.
 // REQUIRES: a SteadyCalls lives.
 Problem ExamineHostile(MemoryDisk& disk, const HostileCase& hostile, u64 seed, Fate* fate);
-// The same as the case of a row: keeps its files, counts its fate; a problem begins with `change`,
-// what was done to the files.
+// The same as the case of a family: keeps its files, counts its fate; a problem begins with
+// `change`, what was done to the files.
 Problem ExamineHostile(GroupRun& run, MemoryDisk& disk, const HostileCase& hostile, u64 seed,
                        const std::string& change);
 

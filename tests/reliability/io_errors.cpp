@@ -1,9 +1,9 @@
-// The row of failing calls: each call of a run fails, once or from then on, with each of the errors
-// that disks and systems give. An interrupted call and a short transfer must not be noticed.
+// The family of failing calls: each call of a run fails, once or from then on, with each of the
+// errors that disks and systems give. An interrupted call and a short transfer must not be noticed.
 #include <array>
 
+#include "reliability/family.h"
 #include "reliability/gate_fault.h"
-#include "reliability/row.h"
 #include "reliability/steady_calls.h"
 
 namespace k9erepl::reliability {
@@ -95,10 +95,10 @@ void RunGroup(GroupRun& run) {
     }
 }
 
-const RegisteredRow kRow({.name = "io-errors",
-                          .title = "I/O error at every call, once and for ever",
-                          .cases = 5000,
-                          .runGroup = &RunGroup});
+const RegisteredFamily kFamily({.name = "io-errors",
+                                .title = "I/O error at every call, once and for ever",
+                                .cases = 5000,
+                                .runGroup = &RunGroup});
 
 }  // namespace
 

@@ -1,5 +1,5 @@
 // Storage files that reach beyond 2, 4 and 8 GiB, with holes for the data of their records. Used by
-// the row of sizes.
+// the family of sizes.
 #ifndef K9EREPL_TESTS_RELIABILITY_LARGE_IMAGE_H
 #define K9EREPL_TESTS_RELIABILITY_LARGE_IMAGE_H
 

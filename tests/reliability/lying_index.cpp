@@ -1,11 +1,11 @@
-// The row of index files that lie: entries that lead elsewhere, indexes of other storages, older
+// The family of index files that lie: entries that lead elsewhere, indexes of other storages, older
 // and newer ones, all with a checksum that fits. An index may change speed only: what is opened
 // with it shows what is opened without it.
 #include <algorithm>
 
 #include "model/numbers.h"
+#include "reliability/family.h"
 #include "reliability/hostile_opening.h"
-#include "reliability/row.h"
 #include "reliability/steady_calls.h"
 #include "reliability/workload.h"
 
@@ -187,7 +187,7 @@ void RunGroup(GroupRun& run) {
     }
 }
 
-const RegisteredRow kRow(
+const RegisteredFamily kFamily(
     {.name = "lying-index", .title = "an index that lies", .cases = 2000, .runGroup = &RunGroup});
 
 }  // namespace

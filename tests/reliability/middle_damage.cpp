@@ -1,11 +1,11 @@
-// The row that tells damage in the middle of a storage file from a torn end: what a crash leaves,
-// also that of a run whose commit block survived, must not be reported; damage with commits behind
-// it must be, and everything behind it kept beside the file.
+// The family that tells damage in the middle of a storage file from a torn end: what a crash
+// leaves, also that of a run whose commit block survived, must not be reported; damage with commits
+// behind it must be, and everything behind it kept beside the file.
 #include <algorithm>
 
 #include "reliability/crash_points.h"
+#include "reliability/family.h"
 #include "reliability/hostile_opening.h"
-#include "reliability/row.h"
 #include "reliability/steady_calls.h"
 #include "reliability/workload.h"
 
@@ -195,10 +195,10 @@ void RunGroup(GroupRun& run) {
     }
 }
 
-const RegisteredRow kRow({.name = "middle-damage",
-                          .title = "damage in the middle told from a torn end",
-                          .cases = 2000,
-                          .runGroup = &RunGroup});
+const RegisteredFamily kFamily({.name = "middle-damage",
+                                .title = "damage in the middle told from a torn end",
+                                .cases = 2000,
+                                .runGroup = &RunGroup});
 
 }  // namespace
 

@@ -1,5 +1,5 @@
-// The row of readers beside a writer. What a writer once did to the disk happens again, a piece at
-// a time, between the calls of a reader and in the middle of its reads: every load must give a
+// The family of readers beside a writer. What a writer once did to the disk happens again, a piece
+// at a time, between the calls of a reader and in the middle of its reads: every load must give a
 // content that the storage had in the meantime, and every enumeration what was loaded, or end with
 // an error.
 #include <algorithm>
@@ -7,8 +7,8 @@
 
 #include "model/choices.h"
 #include "reliability/crash_points.h"
+#include "reliability/family.h"
 #include "reliability/oracle.h"
-#include "reliability/row.h"
 #include "reliability/steady_calls.h"
 #include "reliability/workload.h"
 
@@ -205,10 +205,10 @@ void RunGroup(GroupRun& run) {
     }
 }
 
-const RegisteredRow kRow({.name = "read-only",
-                          .title = "a reader beside a writer, with changes inside its reads",
-                          .cases = 2000,
-                          .runGroup = &RunGroup});
+const RegisteredFamily kFamily({.name = "read-only",
+                                .title = "a reader beside a writer, with changes inside its reads",
+                                .cases = 2000,
+                                .runGroup = &RunGroup});
 
 }  // namespace
 

@@ -1,4 +1,4 @@
-// The program that runs the rows: some cases of each in every test run, many more by hand.
+// The program that runs the families: some cases of each in every test run, many more by hand.
 // CONTRIBUTING.md says when to use it.
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -9,7 +9,7 @@
 #include <string_view>
 
 #include "model/seed_run.h"
-#include "reliability/row_run.h"
+#include "reliability/family_run.h"
 
 namespace {
 
@@ -18,22 +18,22 @@ using k9erepl::u64;
 
 constexpr const char* kHelp =
     "Runs storages into faults and crashes, thousands of times, and compares what is left with a\n"
-    "plain model in memory. Each row is one kind of trouble.\n";
+    "plain model in memory. Each family is one kind of trouble.\n";
 
 constexpr const char* kFooter = R"(
 Examples:
-  reliability_run --list                                the rows
-  reliability_run --row crash-prefixes                  one row, as in every test run
-  reliability_run --row crash-prefixes --minutes 30 --seed 7
-  reliability_run --row crash-prefixes --seed 7 --only 12.345    one case again
-  reliability_run --json numbers.json                   all rows
+  reliability_run --list                                the families
+  reliability_run --family crash-prefixes                  one family, as in every test run
+  reliability_run --family crash-prefixes --minutes 30 --seed 7
+  reliability_run --family crash-prefixes --seed 7 --only 12.345    one case again
+  reliability_run --json numbers.json                   all families
 
 A failing case prints the command that replays it. Exit status: 0 no case failed, 1 one did, 2
 wrong command line, 3 the process crashed or hung.)";
 
 struct Options {
-    std::vector<std::string> rows;
-    RowRequest request;
+    std::vector<std::string> families;
+    FamilyRequest request;
     u64 count = 0;
     u64 divisor = 1;
     std::string only;
@@ -44,22 +44,23 @@ struct Options {
 
 void Declare(CLI::App& app, Options& options) {
     app.footer(kFooter);
-    app.add_option("--row", options.rows, "run this row; again for more; all without it");
+    app.add_option("--family", options.families, "run this family; again for more; all without it");
     app.add_option("--seed", options.request.seed, "everything follows from it")
         ->capture_default_str();
-    app.add_option("--count", options.count, "cases of each row; the row's own number without it");
-    app.add_option("--divide", options.divisor, "run only this part of the row's own number")
+    app.add_option("--count", options.count,
+                   "cases of each family; the family's own number without it");
+    app.add_option("--divide", options.divisor, "run only this part of the family's own number")
         ->check(CLI::Range(1, 1000000))
         ->capture_default_str();
     app.add_option("--only", options.only, "run one group, or one case of it, as 12 or 12.345");
     app.add_option("--minutes", options.request.minutesMax,
-                   "run each row that long, however many cases that are");
+                   "run each family that long, however many cases that are");
     app.add_option("--shard", options.shard, "as 0/2 and 1/2: take every second group")
         ->capture_default_str();
     app.add_option("--json", options.json, "write the numbers to this file");
     app.add_option("--keep", options.request.keepFolder,
                    "an existing folder for the files of a failing case");
-    app.add_flag("--list", options.list, "print the rows and what each is about");
+    app.add_flag("--list", options.list, "print the families and what each is about");
 }
 
 // "a<separator>b" or "a"; *hasSecond tells which.
@@ -80,7 +81,7 @@ bool ParseNumbers(const std::string& text, char separator, u64* first, u64* seco
 }
 
 bool Complete(Options& options) {
-    RowRequest& request = options.request;
+    FamilyRequest& request = options.request;
     bool hasSecond = false;
     if (!ParseNumbers(options.shard, '/', &request.shard, &request.shards, &hasSecond) ||
         !hasSecond || request.shard >= request.shards) {
@@ -100,38 +101,38 @@ bool Complete(Options& options) {
     return true;
 }
 
-// The rows that are asked for; nothing when one of them is unknown.
-std::vector<Row> RowsOf(const Options& options) {
-    std::vector<Row> rows;
-    for (const Row& row : AllRows()) {
-        const auto& names = options.rows;
-        if (names.empty() || std::find(names.begin(), names.end(), row.name) != names.end()) {
-            rows.push_back(row);
+// The families that are asked for; nothing when one of them is unknown.
+std::vector<Family> FamiliesOf(const Options& options) {
+    std::vector<Family> families;
+    for (const Family& family : AllFamilies()) {
+        const auto& names = options.families;
+        if (names.empty() || std::find(names.begin(), names.end(), family.name) != names.end()) {
+            families.push_back(family);
         }
     }
-    if (!options.rows.empty() && rows.size() < options.rows.size()) {
-        (void)std::fprintf(stderr, "no such row; --list shows them\n");
-        rows.clear();
+    if (!options.families.empty() && families.size() < options.families.size()) {
+        (void)std::fprintf(stderr, "no such family; --list shows them\n");
+        families.clear();
     }
-    return rows;
+    return families;
 }
 
-u64 CasesOf(const Row& row, const Options& options) {
+u64 CasesOf(const Family& family, const Options& options) {
     if (options.request.minutesMax > 0) {
         return options.count;
     }
-    const u64 cases = options.count > 0 ? options.count : row.cases / options.divisor;
+    const u64 cases = options.count > 0 ? options.count : family.cases / options.divisor;
     return std::max<u64>(cases, 1);
 }
 
-int RunRows(const Options& options) {
-    const std::vector<Row> rows = RowsOf(options);
+int RunFamilies(const Options& options) {
+    const std::vector<Family> families = FamiliesOf(options);
     std::string json;
     u64 failed = 0;
-    for (const Row& row : rows) {
-        RowRequest request = options.request;
-        request.cases = CasesOf(row, options);
-        const RowResult result = RunRow(row, request);
+    for (const Family& family : families) {
+        FamilyRequest request = options.request;
+        request.cases = CasesOf(family, options);
+        const FamilyResult result = RunFamily(family, request);
         failed += result.failed;
         json += (json.empty() ? "[" : ",\n ") + Json(result);
         (void)std::printf("%s\n", Summary(result).c_str());
@@ -140,7 +141,7 @@ int RunRows(const Options& options) {
     if (!options.json.empty()) {
         std::ofstream(options.json) << json << "]\n";
     }
-    return rows.empty() ? 2 : failed == 0 ? 0 : 1;
+    return families.empty() ? 2 : failed == 0 ? 0 : 1;
 }
 
 int Main(int argc, char** argv) {
@@ -156,14 +157,14 @@ int Main(int argc, char** argv) {
         return 2;
     }
     if (options.list) {
-        for (const Row& row : AllRows()) {
-            (void)std::printf("%-20s %s (%s cases)\n", row.name.c_str(), row.title.c_str(),
-                              std::to_string(row.cases).c_str());
+        for (const Family& family : AllFamilies()) {
+            (void)std::printf("%-20s %s (%s cases)\n", family.name.c_str(), family.title.c_str(),
+                              std::to_string(family.cases).c_str());
         }
         return 0;
     }
     k9erepl::model::KeepQuiet();
-    return RunRows(options);
+    return RunFamilies(options);
 }
 
 }  // namespace

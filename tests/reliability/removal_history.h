@@ -1,5 +1,5 @@
 // A storage with random content, one removal of some of it, and a transaction behind that, as a
-// History that begins just before the removal. The row of removals crashes in it.
+// History that begins just before the removal. The family of removals crashes in it.
 #ifndef K9EREPL_TESTS_RELIABILITY_REMOVAL_HISTORY_H
 #define K9EREPL_TESTS_RELIABILITY_REMOVAL_HISTORY_H
 

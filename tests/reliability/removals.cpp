@@ -1,4 +1,4 @@
-// The row of removals: a crash before, inside and after every call of every clear, squeeze and
+// The family of removals: a crash before, inside and after every call of every clear, squeeze and
 // truncation. The path leads to the old content until the new one is written, and to that from then
 // on; a backup, as soon as it has its name, holds the old content; the removal can be repeated once
 // the unfinished copy is gone, and is refused while it is there.
@@ -8,8 +8,8 @@
 
 #include "model/storage_client.h"
 #include "reliability/crash_points.h"
+#include "reliability/family.h"
 #include "reliability/removal_history.h"
-#include "reliability/row.h"
 #include "reliability/steady_calls.h"
 
 namespace k9erepl::reliability {
@@ -239,10 +239,11 @@ void RunGroup(GroupRun& run) {
     Crashes(run, disk, PlanOf(run.Number())).All();
 }
 
-const RegisteredRow kRow({.name = "removals",
-                          .title = "squeeze, truncation, clear: before, inside, after every call",
-                          .cases = 13000,
-                          .runGroup = &RunGroup});
+const RegisteredFamily kFamily(
+    {.name = "removals",
+     .title = "squeeze, truncation, clear: before, inside, after every call",
+     .cases = 13000,
+     .runGroup = &RunGroup});
 
 }  // namespace
 

@@ -1,6 +1,6 @@
 // A script of operations on one storage, as a function of its seed alone, run on the library with
-// a model beside it. A process that is to be killed runs it on real files; the row that judges what
-// it left runs it, too, to know every state that the storage had.
+// a model beside it. A process that is to be killed runs it on real files; the family that judges
+// what it left runs it, too, to know every state that the storage had.
 #ifndef K9EREPL_TESTS_RELIABILITY_SCRIPT_RUN_H
 #define K9EREPL_TESTS_RELIABILITY_SCRIPT_RUN_H
 

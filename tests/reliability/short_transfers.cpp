@@ -1,4 +1,4 @@
-// The row of short transfers: reads and writes that deliver less than asked, or are interrupted,
+// The family of short transfers: reads and writes that deliver less than asked, or are interrupted,
 // one of them or all. What the run leaves must be the bytes of the undisturbed one. A transfer of
 // nothing is an error of its own: a system that takes nothing has no room, and a file that gives
 // nothing has ended.
@@ -7,8 +7,8 @@
 #include <algorithm>
 #include <array>
 
+#include "reliability/family.h"
 #include "reliability/gate_fault.h"
-#include "reliability/row.h"
 #include "reliability/steady_calls.h"
 
 namespace k9erepl::reliability {
@@ -113,10 +113,10 @@ void RunGroup(GroupRun& run) {
     }
 }
 
-const RegisteredRow kRow({.name = "short-transfers",
-                          .title = "short transfers and interrupted calls",
-                          .cases = 1200,
-                          .runGroup = &RunGroup});
+const RegisteredFamily kFamily({.name = "short-transfers",
+                                .title = "short transfers and interrupted calls",
+                                .cases = 1200,
+                                .runGroup = &RunGroup});
 
 }  // namespace
 

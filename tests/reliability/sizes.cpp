@@ -1,6 +1,6 @@
-// The row of sizes: storages whose next record lies at the 2, 4 and 8 GiB borders, with one of its
-// parts just below, at or just behind the border, and goes through the life of a storage there; and
-// records of every size up to what is refused.
+// The family of sizes: storages whose next record lies at the 2, 4 and 8 GiB borders, with one of
+// its parts just below, at or just behind the border, and goes through the life of a storage there;
+// and records of every size up to what is refused.
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -8,9 +8,9 @@
 #include "engine/storage_fixture.h"
 #include "model/choices.h"
 #include "model/storage_client.h"
+#include "reliability/family.h"
 #include "reliability/large_image.h"
 #include "reliability/oracle.h"
-#include "reliability/row.h"
 #include "reliability/steady_calls.h"
 #include "solid/file_format.h"
 
@@ -446,10 +446,10 @@ void RunGroup(GroupRun& run) {
     run.Case(number + 1, [&] { return RefuseNegativeSettings(disk); });
 }
 
-const RegisteredRow kRow({.name = "sizes",
-                          .title = "2, 4 and 8 GiB borders, records of every size",
-                          .cases = 40,
-                          .runGroup = &RunGroup});
+const RegisteredFamily kFamily({.name = "sizes",
+                                .title = "2, 4 and 8 GiB borders, records of every size",
+                                .cases = 40,
+                                .runGroup = &RunGroup});
 
 }  // namespace
 

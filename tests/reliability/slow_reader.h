@@ -1,6 +1,6 @@
 // A second reader of storage and index files, written from docs/storage-file.md and
-// docs/index-file.md alone: rule by rule, byte by byte, without any cleverness. Rows compare what
-// the library makes of damaged files with what this reader makes of them.
+// docs/index-file.md alone: rule by rule, byte by byte, without any cleverness. Families compare
+// what the library makes of damaged files with what this reader makes of them.
 #ifndef K9EREPL_TESTS_RELIABILITY_SLOW_READER_H
 #define K9EREPL_TESTS_RELIABILITY_SLOW_READER_H
 

@@ -1,7 +1,7 @@
-// The row that compares the writers: the same operations leave the same data in the file, byte for
-// byte, and the same backup.
+// The family that compares the writers: the same operations leave the same data in the file, byte
+// for byte, and the same backup.
+#include "reliability/family.h"
 #include "reliability/oracle.h"
-#include "reliability/row.h"
 #include "reliability/slow_reader.h"
 #include "reliability/steady_calls.h"
 #include "reliability/workload.h"
@@ -63,10 +63,10 @@ void RunGroup(GroupRun& run) {
     }
 }
 
-const RegisteredRow kRow({.name = "sync-against-async",
-                          .title = "synchronous against asynchronous writer: the same bytes",
-                          .cases = 500,
-                          .runGroup = &RunGroup});
+const RegisteredFamily kFamily({.name = "sync-against-async",
+                                .title = "synchronous against asynchronous writer: the same bytes",
+                                .cases = 500,
+                                .runGroup = &RunGroup});
 
 }  // namespace
 

@@ -1,4 +1,4 @@
-// The row of threads: clients, a reader, one that clears, one that flushes as an idle host does,
+// The family of threads: clients, a reader, one that clears, one that flushes as an idle host does,
 // and the library's own threads on one storage, in an order that differs from seed to seed. What
 // was committed is there at the end, and after reopenings. Under ThreadSanitizer it finds races,
 // too.
@@ -9,7 +9,7 @@
 
 #include "model/numbers.h"
 #include "model/workout.h"
-#include "reliability/row.h"
+#include "reliability/family.h"
 #include "support/call_layer.h"
 #include "support/temp_folder.h"
 
@@ -104,10 +104,10 @@ void RunGroup(GroupRun& run) {
     }
 }
 
-const RegisteredRow kRow({.name = "threads",
-                          .title = "threads with seeded yields",
-                          .cases = 500,
-                          .runGroup = &RunGroup});
+const RegisteredFamily kFamily({.name = "threads",
+                                .title = "threads with seeded yields",
+                                .cases = 500,
+                                .runGroup = &RunGroup});
 
 }  // namespace
 

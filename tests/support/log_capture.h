@@ -1,4 +1,5 @@
-// Collects what the library logs, so that a test compares exact texts. Used by every room's tests.
+// Collects what the library logs, so that a test compares exact texts. Used by every module's
+// tests.
 //
 //   LogCapture log;
 //   ...

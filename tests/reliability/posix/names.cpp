@@ -1,4 +1,4 @@
-// The row of names: the index file, the backup, the temporary file and the backup's index of a
+// The family of names: the index file, the backup, the temporary file and the backup's index of a
 // storage have names that lead to the storage itself, to another storage, or to one another, by
 // every kind of link and path. No storage is emptied, overwritten or deleted that way.
 #include <k9erepl/storage.h>
@@ -12,8 +12,8 @@
 #include "model/choices.h"
 #include "model/numbers.h"
 #include "model/storage_client.h"
+#include "reliability/family.h"
 #include "reliability/oracle.h"
-#include "reliability/row.h"
 #include "support/file_bytes.h"
 #include "support/log_capture.h"
 #include "support/temp_folder.h"
@@ -330,10 +330,10 @@ void RunGroup(GroupRun& run) {
     }
 }
 
-const RegisteredRow kRow({.name = "names",
-                          .title = "names that lead to one file, by every kind of link",
-                          .cases = 1200,
-                          .runGroup = &RunGroup});
+const RegisteredFamily kFamily({.name = "names",
+                                .title = "names that lead to one file, by every kind of link",
+                                .cases = 1200,
+                                .runGroup = &RunGroup});
 
 }  // namespace
 

@@ -1,18 +1,18 @@
-// The row that holds failing calls of the system against failing calls of the disk in memory: the
-// same script, through the shared library on real files and in this process on the disk in memory,
-// meets the same error at the same call, and must answer the same. What the process left is judged,
-// too: what was acknowledged is there, and it goes on.
+// The family that holds failing calls of the system against failing calls of the disk in memory:
+// the same script, through the shared library on real files and in this process on the disk in
+// memory, meets the same error at the same call, and must answer the same. What the process left is
+// judged, too: what was acknowledged is there, and it goes on.
 #include <k9erepl/storage.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 
+#include "reliability/family.h"
 #include "reliability/gate_fault.h"
 #include "reliability/history.h"
 #include "reliability/oracle.h"
 #include "reliability/posix/script_process.h"
-#include "reliability/row.h"
 #include "reliability/steady_calls.h"
 
 namespace k9erepl::reliability {
@@ -154,10 +154,11 @@ void RunGroup(GroupRun& run) {
     }
 }
 
-const RegisteredRow kRow({.name = "preload-errors",
-                          .title = "failing calls of the system, as those of the disk in memory",
-                          .cases = 200,
-                          .runGroup = &RunGroup});
+const RegisteredFamily kFamily(
+    {.name = "preload-errors",
+     .title = "failing calls of the system, as those of the disk in memory",
+     .cases = 200,
+     .runGroup = &RunGroup});
 
 }  // namespace
 

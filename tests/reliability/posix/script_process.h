@@ -1,5 +1,5 @@
 // Runs the script client in a process of its own, with the fault library in front, in a folder of
-// its own. The rows of killed processes and of failing calls use it.
+// its own. The families of killed processes and of failing calls use it.
 #ifndef K9EREPL_TESTS_RELIABILITY_POSIX_SCRIPT_PROCESS_H
 #define K9EREPL_TESTS_RELIABILITY_POSIX_SCRIPT_PROCESS_H
 

@@ -1,11 +1,11 @@
-// The row of killed processes: SIGKILL before, inside and after calls of a process that appends,
+// The family of killed processes: SIGKILL before, inside and after calls of a process that appends,
 // clears, squeezes, saves its index and opens again, and at random moments; on real files, through
 // the shared library.
+#include "reliability/family.h"
 #include "reliability/history.h"
 #include "reliability/memory_disk.h"
 #include "reliability/oracle.h"
 #include "reliability/posix/script_process.h"
-#include "reliability/row.h"
 #include "reliability/steady_calls.h"
 
 namespace k9erepl::reliability {
@@ -67,10 +67,10 @@ void RunGroup(GroupRun& run) {
     }
 }
 
-const RegisteredRow kRow({.name = "sigkill",
-                          .title = "SIGKILL at calls and at random moments",
-                          .cases = 200,
-                          .runGroup = &RunGroup});
+const RegisteredFamily kFamily({.name = "sigkill",
+                                .title = "SIGKILL at calls and at random moments",
+                                .cases = 200,
+                                .runGroup = &RunGroup});
 
 }  // namespace
 

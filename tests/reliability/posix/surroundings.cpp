@@ -1,5 +1,5 @@
-// The row of what a storage meets around itself: permissions, links, what is no file, and a process
-// that writes while another one reads.
+// The family of what a storage meets around itself: permissions, links, what is no file, and a
+// process that writes while another one reads.
 #include <fcntl.h>
 #include <k9erepl/storage.h>
 #include <sys/stat.h>
@@ -10,8 +10,8 @@
 #include <cstdio>
 
 #include "model/storage_client.h"
+#include "reliability/family.h"
 #include "reliability/oracle.h"
-#include "reliability/row.h"
 #include "support/file_bytes.h"
 #include "support/temp_folder.h"
 
@@ -217,10 +217,10 @@ void RunGroup(GroupRun& run) {
     }
 }
 
-const RegisteredRow kRow({.name = "surroundings",
-                          .title = "permissions, links, what is no file, two processes",
-                          .cases = 108,
-                          .runGroup = &RunGroup});
+const RegisteredFamily kFamily({.name = "surroundings",
+                                .title = "permissions, links, what is no file, two processes",
+                                .cases = 108,
+                                .runGroup = &RunGroup});
 
 }  // namespace
 

@@ -1,4 +1,4 @@
-// The row of two writers: threads and processes that want to write one storage at the same time,
+// The family of two writers: threads and processes that want to write one storage at the same time,
 // some of them killed, deletions and replacements beside a living writer, squeezes under the lock,
 // and file systems without locks. There is one writer at any time, whoever is refused changes
 // nothing, and what was acknowledged is there.
@@ -9,8 +9,8 @@
 #include <thread>
 
 #include "platform/system_error.h"
+#include "reliability/family.h"
 #include "reliability/posix/writers_scene.h"
-#include "reliability/row.h"
 #include "support/call_layer.h"
 
 namespace k9erepl::reliability {
@@ -343,10 +343,10 @@ void RunGroup(GroupRun& run) {
     }
 }
 
-const RegisteredRow kRow({.name = "two-writers",
-                          .title = "several writers of one file, killed holders, no locks",
-                          .cases = 450,
-                          .runGroup = &RunGroup});
+const RegisteredFamily kFamily({.name = "two-writers",
+                                .title = "several writers of one file, killed holders, no locks",
+                                .cases = 450,
+                                .runGroup = &RunGroup});
 
 }  // namespace
 

@@ -1,5 +1,5 @@
-// Where the row of two writers plays: a storage in a folder of its own, the board that its writers
-// share, and the processes that write.
+// Where the family of two writers plays: a storage in a folder of its own, the board that its
+// writers share, and the processes that write.
 #ifndef K9EREPL_TESTS_RELIABILITY_POSIX_WRITERS_SCENE_H
 #define K9EREPL_TESTS_RELIABILITY_POSIX_WRITERS_SCENE_H
 

@@ -1,5 +1,5 @@
 // One writer's time with a storage that others want to write, too: it opens, compares everything
-// with what all writers have told so far, appends and clears, and closes. The row of two writers
+// with what all writers have told so far, appends and clears, and closes. The family of two writers
 // runs it in threads and in processes, some of which are killed.
 #ifndef K9EREPL_TESTS_RELIABILITY_POSIX_WRITING_SESSION_H
 #define K9EREPL_TESTS_RELIABILITY_POSIX_WRITING_SESSION_H

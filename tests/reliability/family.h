@@ -1,12 +1,12 @@
-// Rows: kinds of trouble, each with many cases. A row is a source file that ends with
+// Families: kinds of trouble, each with many cases. A family is a source file that ends with
 //
-//     const RegisteredRow kRow({.name = "crash-prefixes", .title = "...", .cases = 100000,
+//     const RegisteredFamily kFamily({.name = "crash-prefixes", .title = "...", .cases = 100000,
 //                               .runGroup = &RunGroup});
 //
 // and stands in CMakeLists.txt. Cases come in groups, because what leads to a case is often worth
 // many: one recorded run of a storage gives hundreds of crash images.
-#ifndef K9EREPL_TESTS_RELIABILITY_ROW_H
-#define K9EREPL_TESTS_RELIABILITY_ROW_H
+#ifndef K9EREPL_TESTS_RELIABILITY_FAMILY_H
+#define K9EREPL_TESTS_RELIABILITY_FAMILY_H
 
 #include <functional>
 #include <string>
@@ -17,12 +17,12 @@
 
 namespace k9erepl::reliability {
 
-// One group, as the row's function sees it. Everything that is random must follow from Seed() and
-// the numbers of the cases.
+// One group, as the family's function sees it. Everything that is random must follow from Seed()
+// and the numbers of the cases.
 class GroupRun {
   public:
     virtual ~GroupRun() = default;
-    // The groups of a row have different ones.
+    // The groups of a family have different ones.
     virtual u64 Seed() const = 0;
     virtual u64 Number() const = 0;
 
@@ -30,7 +30,7 @@ class GroupRun {
     virtual bool Wants(u64 number) const = 0;
     // Runs it, if it is wanted. `check` returns what is wrong, nothing if nothing is.
     virtual void Case(u64 number, const std::function<std::string()>& check) = 0;
-    // Whether the row has cases enough; a group may end then.
+    // Whether the family has cases enough; a group may end then.
     virtual bool Enough() const = 0;
     // A number for the summary, such as "undetectable".
     virtual void Count(const std::string& what, u64 by = 1) = 0;
@@ -39,21 +39,21 @@ class GroupRun {
     virtual void Keep(const DiskImage& image, const Changes& changes, std::size_t done) = 0;
 };
 
-struct Row {
+struct Family {
     std::string name;
     std::string title;
     u64 cases = 0;  // of an ordinary test run
     void (*runGroup)(GroupRun& run) = nullptr;
 };
 
-class RegisteredRow {
+class RegisteredFamily {
   public:
-    explicit RegisteredRow(const Row& row);
+    explicit RegisteredFamily(const Family& family);
 };
 
 // In the order of their names.
-std::vector<Row> AllRows();
+std::vector<Family> AllFamilies();
 
 }  // namespace k9erepl::reliability
 
-#endif  // K9EREPL_TESTS_RELIABILITY_ROW_H
+#endif  // K9EREPL_TESTS_RELIABILITY_FAMILY_H

@@ -1,5 +1,5 @@
 // Counting, reporting, and a watch over cases that crash or hang; see the header.
-#include "reliability/row_run.h"
+#include "reliability/family_run.h"
 
 #include <algorithm>
 #include <array>
@@ -25,9 +25,9 @@ constexpr u64 kEmptyGroupsMax = 1000;
 
 using Clock = std::chrono::steady_clock;
 
-std::vector<Row>& Table() {
-    static std::vector<Row> rows;
-    return rows;
+std::vector<Family>& Table() {
+    static std::vector<Family> families;
+    return families;
 }
 
 double SecondsSince(Clock::time_point start) {
@@ -99,14 +99,14 @@ class Watchdog {
 
 class Runner final : public GroupRun {
   public:
-    Runner(const Row& row, const RowRequest& request)
-        : m_row(row), m_request(request), m_casesMax(CasesMax(request)) {
-        m_result.name = row.name;
-        m_result.title = row.title;
+    Runner(const Family& family, const FamilyRequest& request)
+        : m_family(family), m_request(request), m_casesMax(CasesMax(request)) {
+        m_result.name = family.name;
+        m_result.title = family.title;
         m_result.seed = request.seed;
     }
 
-    RowResult Run() {
+    FamilyResult Run() {
         if (m_request.onlyGroup) {
             RunGroup(*m_request.onlyGroup);
         } else {
@@ -150,7 +150,7 @@ class Runner final : public GroupRun {
     }
 
   private:
-    static u64 CasesMax(const RowRequest& request) {
+    static u64 CasesMax(const FamilyRequest& request) {
         return request.onlyGroup ? 0 : (request.cases + request.shards - 1) / request.shards;
     }
 
@@ -168,7 +168,7 @@ class Runner final : public GroupRun {
         m_group = group;
         m_watchdog.Running(Command({}));
         ++m_result.groups;
-        m_row.runGroup(*this);
+        m_family.runGroup(*this);
     }
 
     bool TimeIsUp() const {
@@ -176,15 +176,16 @@ class Runner final : public GroupRun {
     }
 
     std::string Command(std::optional<u64> number) const {
-        return "reliability_run --row " + m_row.name + " --seed " + std::to_string(m_request.seed) +
-               " --only " + std::to_string(m_group) + (number ? "." + std::to_string(*number) : "");
+        return "reliability_run --family " + m_family.name + " --seed " +
+               std::to_string(m_request.seed) + " --only " + std::to_string(m_group) +
+               (number ? "." + std::to_string(*number) : "");
     }
 
     void Fail(u64 number, const std::string& problem) {
         if (++m_result.failed > kFailuresPrintedMax) {
             return;
         }
-        (void)std::printf("FAILED %s, seed %s: %s\n  replay: %s\n", m_row.name.c_str(),
+        (void)std::printf("FAILED %s, seed %s: %s\n  replay: %s\n", m_family.name.c_str(),
                           std::to_string(m_request.seed).c_str(), problem.c_str(),
                           Command(number).c_str());
         (void)std::fflush(stdout);
@@ -197,15 +198,15 @@ class Runner final : public GroupRun {
         }
     }
 
-    const Row& m_row;
-    const RowRequest& m_request;
+    const Family& m_family;
+    const FamilyRequest& m_request;
     const u64 m_casesMax;
     const Clock::time_point m_start = Clock::now();
     Watchdog m_watchdog;
     u64 m_group = 0;
     DiskImage m_image;
     Changes m_changes;
-    RowResult m_result;
+    FamilyResult m_result;
 };
 
 std::string Quoted(const std::string& text) {
@@ -218,21 +219,22 @@ std::string Quoted(const std::string& text) {
 
 }  // namespace
 
-RegisteredRow::RegisteredRow(const Row& row) {
-    Table().push_back(row);
+RegisteredFamily::RegisteredFamily(const Family& family) {
+    Table().push_back(family);
 }
 
-std::vector<Row> AllRows() {
-    std::vector<Row> rows = Table();
-    std::sort(rows.begin(), rows.end(), [](const Row& a, const Row& b) { return a.name < b.name; });
-    return rows;
+std::vector<Family> AllFamilies() {
+    std::vector<Family> families = Table();
+    std::sort(families.begin(), families.end(),
+              [](const Family& a, const Family& b) { return a.name < b.name; });
+    return families;
 }
 
-RowResult RunRow(const Row& row, const RowRequest& request) {
-    return Runner(row, request).Run();
+FamilyResult RunFamily(const Family& family, const FamilyRequest& request) {
+    return Runner(family, request).Run();
 }
 
-std::string Summary(const RowResult& result) {
+std::string Summary(const FamilyResult& result) {
     char seconds[32];
     (void)std::snprintf(seconds, sizeof seconds, "%.1f", result.seconds);
     std::string text = result.name + ": " + std::to_string(result.cases) + " cases, " +
@@ -244,8 +246,9 @@ std::string Summary(const RowResult& result) {
            std::to_string(result.seed) + ", " + seconds + " s";
 }
 
-std::string Json(const RowResult& result) {
-    std::string text = "{\"row\": " + Quoted(result.name) + ", \"title\": " + Quoted(result.title) +
+std::string Json(const FamilyResult& result) {
+    std::string text = "{\"family\": " + Quoted(result.name) +
+                       ", \"title\": " + Quoted(result.title) +
                        ", \"seed\": " + std::to_string(result.seed) +
                        ", \"cases\": " + std::to_string(result.cases) +
                        ", \"failed\": " + std::to_string(result.failed) +

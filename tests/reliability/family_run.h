@@ -1,16 +1,16 @@
-// Runs the groups of a row until there are cases enough, and counts.
-#ifndef K9EREPL_TESTS_RELIABILITY_ROW_RUN_H
-#define K9EREPL_TESTS_RELIABILITY_ROW_RUN_H
+// Runs the groups of a family until there are cases enough, and counts.
+#ifndef K9EREPL_TESTS_RELIABILITY_FAMILY_RUN_H
+#define K9EREPL_TESTS_RELIABILITY_FAMILY_RUN_H
 
 #include <map>
 #include <optional>
 #include <string>
 
-#include "reliability/row.h"
+#include "reliability/family.h"
 
 namespace k9erepl::reliability {
 
-struct RowRequest {
+struct FamilyRequest {
     u64 seed = 1;
     u64 cases = 0;  // of all shards; 0: as many as the time allows
     std::optional<u64> onlyGroup;
@@ -21,7 +21,7 @@ struct RowRequest {
     std::string keepFolder;  // for the files of a failing case
 };
 
-struct RowResult {
+struct FamilyResult {
     std::string name;
     std::string title;
     u64 seed = 0;
@@ -34,11 +34,11 @@ struct RowResult {
 
 // Failures are printed as they come, with the command that replays them. A crash or a hang of the
 // process ends it, with that command.
-RowResult RunRow(const Row& row, const RowRequest& request);
+FamilyResult RunFamily(const Family& family, const FamilyRequest& request);
 
-std::string Summary(const RowResult& result);  // one line
-std::string Json(const RowResult& result);
+std::string Summary(const FamilyResult& result);  // one line
+std::string Json(const FamilyResult& result);
 
 }  // namespace k9erepl::reliability
 
-#endif  // K9EREPL_TESTS_RELIABILITY_ROW_RUN_H
+#endif  // K9EREPL_TESTS_RELIABILITY_FAMILY_RUN_H
