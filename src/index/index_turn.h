@@ -23,15 +23,17 @@ class IndexTurn {
   public:
     // The thread's way to the flag, also when it is the requester.
     void Take() {
+        platform::PollingWait wait;
         while (!TryTake()) {
-            platform::YieldThread();
+            wait.Next();
         }
     }
     // The requester's way: waits also until the thread has carried out the pending command.
     void TakeWhenIdle() {
+        platform::PollingWait wait;
         do {
             while (IsBusy()) {
-                platform::YieldThread();
+                wait.Next();
             }
         } while (!TryTake());
     }

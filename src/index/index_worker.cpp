@@ -54,8 +54,9 @@ void IndexWorker::ReportTimes() {
 
 void IndexWorker::WaitUntilUp() const {
     // No std::atomic::wait: a thread that was ended from outside may hold what that shares.
+    platform::PollingWait wait;
     while (!m_up.load(std::memory_order_acquire) && !IsFinished()) {
-        platform::YieldThread();
+        wait.Next();
     }
 }
 

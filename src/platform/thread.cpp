@@ -66,4 +66,13 @@ void Thread::Detach() {
     }
 }
 
+void PollingWait::Next() {
+    if (m_yields < kYields) {
+        ++m_yields;
+        YieldThread();
+        return;
+    }
+    SleepMs(1);
+}
+
 }  // namespace k9erepl::platform

@@ -55,6 +55,19 @@ void YieldThread();
 // Suspends the calling thread for at least `ms` milliseconds.
 void SleepMs(u32 ms);
 
+// Waits between two looks at what another thread is about to do: shortly at first, by giving the
+// processor away; when that takes long, a millisecond each, which leaves a busy processor to the
+// thread that is waited for.
+class PollingWait {
+  public:
+    void Next();
+
+  private:
+    static constexpr u32 kYields = 1000;  // about a millisecond on a processor that is free
+
+    u32 m_yields = 0;
+};
+
 }  // namespace k9erepl::platform
 
 #endif  // K9EREPL_PLATFORM_THREAD_H
