@@ -46,14 +46,27 @@ without_passed() {
 
 # The tests' files lie where the system keeps temporary ones (TMPDIR). A sanitizer build looks for
 # faults in the code, not in the disk: there, memory saves the time of many flushes to disk.
+log="$(mktemp)"
+trap 'rm -f "$log"' EXIT
 case "$preset" in
     asan | tsan | linux-x86)
         TMPDIR="$(mktemp -d "$(memory_folder)/k9erepl-tests.XXXXXX")"
         chmod 755 "$TMPDIR"  # some tests let another user in
         export TMPDIR
-        trap 'rm -rf "$TMPDIR"' EXIT
+        trap 'rm -rf "$log" "$TMPDIR"' EXIT
         ;;
 esac
 
+# slowest: the ten tests of the log that took longest, one a line.
+slowest() {
+    sed -nE 's/^ *[0-9]+\/[0-9]+ Test +#[0-9]+: ([^ ]+) .* ([0-9.]+) sec.*/\2 s  \1/p' "$log" |
+        sort -rn | head -n 10
+}
+
 cd "$root"
-ctest --preset "$preset" --parallel "$jobs" --no-tests=error "$@" </dev/null | without_passed
+status=0
+ctest --preset "$preset" --parallel "$jobs" --no-tests=error "$@" </dev/null |
+    tee "$log" | without_passed || status=$?
+echo "test.sh: the ten slowest:"
+slowest
+exit "$status"
