@@ -1,6 +1,6 @@
-// The model-based test as part of every test run: 200 seeds of 2,000 operations, under Wine 40, in
-// groups that may run side by side. A failure prints the seed, a shortened script and how to replay
-// it.
+// The model-based test as part of every test run: 200 seeds of 2,000 operations, under Wine 40,
+// under a sanitizer 20, in groups that may run side by side. A failure prints the seed, a shortened
+// script and how to replay it.
 #include <gtest/gtest.h>
 
 #include <iostream>
