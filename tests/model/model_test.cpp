@@ -16,16 +16,25 @@ constexpr u64 kSeedsPerGroup = K9EREPL_MODEL_GROUP_SEEDS;
 constexpr std::size_t kOperations = 2000;
 
 // Nothing here is about the disk, which would take most of the time.
-class ModelGroup : public ::testing::TestWithParam<u64>, test::CallLayer<ModelGroup> {
-  protected:
-    ModelGroup() {
-        platform::TheSystemCalls().flushFile = [](platform::NativeFile) { return true; };
-        platform::TheSystemCalls().flushDirectory = [](const char*) { return true; };
-        KeepQuiet();
+class NoFlushes : test::CallLayer<NoFlushes> {
+  public:
+    NoFlushes() {
+        Take<&test::CallTable::flushFile, &NoFlushes::FlushFile>();
+        Take<&test::CallTable::flushDirectory, &NoFlushes::FlushDirectory>();
     }
 
   private:
-    friend test::CallLayer<ModelGroup>;
+    friend test::CallLayer<NoFlushes>;
+    bool FlushFile(platform::NativeFile /*file*/) { return true; }
+    bool FlushDirectory(const char* /*path*/) { return true; }
+};
+
+class ModelGroup : public ::testing::TestWithParam<u64> {
+  protected:
+    ModelGroup() { KeepQuiet(); }
+
+  private:
+    const NoFlushes m_noFlushes;
 };
 
 TEST_P(ModelGroup, AgreesWithTheLibrary) {
