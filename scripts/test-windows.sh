@@ -95,7 +95,8 @@ summary() {
 
 for preset in "${presets[@]}"; do
     started="$(date +%s%N)"
-    configure "$preset" "${with_tests[@]}"
+    # As it ships, too: the native tests run against objects that keep their asserts.
+    configure "$preset" "${with_tests[@]}" -DK9EREPL_CHECKED_TESTS=OFF
     build "$preset"
     echo "test-windows.sh: built '$preset' in $(seconds_since "$started") s"
     rm -rf "$root/build/$preset/test-results"

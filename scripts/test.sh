@@ -29,8 +29,12 @@ started="$(date +%s%N)"
 # would need Google Benchmark for another target.
 bench=ON
 case "$preset" in asan | tsan | linux-x86) bench=OFF ;; esac
+# 32-bit Linux runs what ships; release runs it with its asserts.
+checked=ON
+[ "$preset" != linux-x86 ] || checked=OFF
 modules="${K9EREPL_TEST_MODULES:-}"
 configure "$preset" "${with_tests[@]}" "-DK9EREPL_BUILD_BENCH=$bench" \
+    "-DK9EREPL_CHECKED_TESTS=$checked" \
     "-DK9EREPL_TEST_MODULES=${modules// /;}"
 build "$preset"
 echo "test.sh: built '$preset' in $(seconds_since "$started") s"
