@@ -20,7 +20,7 @@ struct ClearSearch {
     bool FoundKept() const { return newFirstRecOffset != kUnknownOffset; }
 
     // A FileItemVisitor; `ctx` is a ClearSearch. Stops with RC_ENUM_STOP at commitOffset.
-    static u32 Visit(i64 offset, const K9eReplRec* rec, void* ctx);
+    [[nodiscard]] static u32 Visit(i64 offset, const K9eReplRec* rec, void* ctx);
 };
 
 }  // namespace k9erepl

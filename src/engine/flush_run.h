@@ -20,7 +20,7 @@ struct FlushRun {
 
 // The records of `block` that are not in the file yet and not above `limit`.
 // Errors: RC_BAD_DATA for a block that does not hold whole records.
-u32 FindFlushRun(const K9eReplBlock& block, i64 flushedRev, i64 limit, FlushRun* run);
+[[nodiscard]] u32 FindFlushRun(const K9eReplBlock& block, i64 flushedRev, i64 limit, FlushRun* run);
 
 }  // namespace k9erepl
 

@@ -16,7 +16,7 @@ inline constexpr std::size_t kIndexTestSamples = 3000;
 
 // RC_OK when a record with the entry's revision lies at each sampled offset, else the result of
 // the first check that failed.
-u32 TestIndex(CSolidStorage& file, std::span<const TIndexEntry> entries);
+[[nodiscard]] u32 TestIndex(CSolidStorage& file, std::span<const TIndexEntry> entries);
 
 }  // namespace k9erepl
 

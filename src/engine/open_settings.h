@@ -26,23 +26,24 @@ struct OpenSettings {
     bool checkWhole = false;  // a load reads the whole file, whatever the index lets it pass over
 
     bool MayEvict() const { return cacheType != CacheType::kAllInMem; }
+    bool HasFile() const { return flushMode != FlushMode::kNoFlush; }
 
     // Each logs what it uses. ReadCacheAndFlush reads cache_type, block_size, flush_mode with its
     // threshold, and flush_timeout; a refused value is logged and answers RC_INVALID_ARG.
-    u32 ReadCacheAndFlush(const char* connStr);
+    [[nodiscard]] u32 ReadCacheAndFlush(const char* connStr);
     // REQUIRES: the flush mode has been read. A refused value: as above.
-    u32 ReadReadOnly(const char* connStr);
-    u32 ReadCheck(const char* connStr);
+    [[nodiscard]] u32 ReadReadOnly(const char* connStr);
+    [[nodiscard]] u32 ReadCheck(const char* connStr);
     void ReadMemoryReserve(const char* connStr);
     void ReadIndexHint(const char* connStr);
 
   private:
-    u32 ReadCacheType(const char* connStr);
-    u32 ReadBlockSize(const char* connStr);
-    u32 ReadFlushMode(const char* connStr);
+    [[nodiscard]] u32 ReadCacheType(const char* connStr);
+    [[nodiscard]] u32 ReadBlockSize(const char* connStr);
+    [[nodiscard]] u32 ReadFlushMode(const char* connStr);
     void ReadFlushTransNum(const char* connStr);
     void ReadFlushDataSize(const char* connStr);
-    u32 ReadFlushTimeout(const char* connStr);
+    [[nodiscard]] u32 ReadFlushTimeout(const char* connStr);
 };
 
 }  // namespace k9erepl

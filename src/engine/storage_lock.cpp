@@ -3,17 +3,17 @@
 
 #include <cassert>
 
-#include "engine/repl_storage.h"
-
 namespace k9erepl {
 
 void StorageLock::unlock() {
     assert(m_depth > 0);
     const bool end = --m_depth == 0 && StorageIsToEnd() && TakeEnd();
-    CK9eReplStorage& storage = m_storage;
+    // Once the lock is free, another thread may end the storage, and with it this object.
+    const auto destroy = m_destroy;
+    void* const ctx = m_ctx;
     m_lock.unlock();
     if (end) [[unlikely]] {
-        storage.Destroy();
+        destroy(ctx);
     }
 }
 

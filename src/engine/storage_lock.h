@@ -10,13 +10,12 @@
 
 namespace k9erepl {
 
-class CK9eReplStorage;
-
 // Fits std::lock_guard. A guard must be the first object of its function: its end may be the end
 // of the storage.
 class StorageLock {
   public:
-    explicit StorageLock(CK9eReplStorage& storage) : m_storage(storage) {}
+    // `destroy` ends the storage `ctx`, and with it this object.
+    StorageLock(void (*destroy)(void* ctx), void* ctx) : m_destroy(destroy), m_ctx(ctx) {}
     StorageLock(const StorageLock&) = delete;
     StorageLock& operator=(const StorageLock&) = delete;
 
@@ -33,11 +32,17 @@ class StorageLock {
         return true;
     }
     // When this is the outermost level and the storage is to end, destroys the storage and with it
-    // this object.
+    // this object. REQUIRES: the caller holds the lock.
     void unlock();
 
     // The unlock that next frees the lock destroys the storage. Once; needs no lock.
     void EndStorageAtUnlock();
+    // Frees the lock at once if nobody holds it, so that a storage that is to end does.
+    void EndStorageIfFree() {
+        if (try_lock()) {
+            unlock();
+        }
+    }
     bool StorageIsToEnd() const { return m_life.load(std::memory_order_acquire) == Life::kToEnd; }
 
   private:
@@ -52,7 +57,8 @@ class StorageLock {
         return m_life.compare_exchange_strong(toEnd, Life::kEnding, std::memory_order_acq_rel);
     }
 
-    CK9eReplStorage& m_storage;
+    void (*const m_destroy)(void* ctx);
+    void* const m_ctx;
     platform::RecursiveLock m_lock;
     u32 m_depth = 0;  // levels of the thread that holds the lock; guarded by m_lock
     std::atomic<Life> m_life{Life::kLives};

@@ -173,7 +173,7 @@ TEST_F(AsyncFlush, ThatFailsIsTakenOutOfTheFileAndMayBeRepeated) {
     for (const char* text : {"two", "three", "four"}) {
         ASSERT_EQ(storage.Insert(BlockFull(text)), RC_OK);
     }
-    BlockIndex& index = StorageAccess::Blocks(storage.Object()).Index();
+    BlockIndex& index = StorageAccess::Entries(StorageAccess::Blocks(storage.Object()));
     auto missing = index.extract(4);
     WhileTheGateOpens([&] { EXPECT_EQ(storage.Commit(), RC_BAD_DATA); });
     EXPECT_EQ(storage.State(), StorageState::kFlushFailed);

@@ -366,7 +366,7 @@ TEST(SearchOfAClear, ThatKnowsNoOffsetBreaksTheStorage) {
     ClearableStorage storage(KeepInMemory());
     storage.Put(5);
     ASSERT_EQ(storage.WaitForWriter(), RC_OK);
-    StorageAccess::Blocks(storage.Object()).Index().at(3).fileOffset = kUnknownOffset;
+    *StorageAccess::Blocks(storage.Object()).FileOffsetOf(3) = kUnknownOffset;
     const LogCapture log;
     EXPECT_EQ(storage.Clear(3, kLogical), RC_BAD_DATA);
     EXPECT_EQ(log.CodeOf("Enum from disk failed"), RC_BAD_DATA) << log;

@@ -201,7 +201,7 @@ TEST(ClearOldRev, RefusesANullHandle) {
 TEST(ClearInMemory, GivesWholeBlocksBack) {
     ClearableStorage storage(AllKeepings().back());
     storage.Put(7);
-    const BlockList& blocks = StorageAccess::Blocks(storage.Object());
+    const BlockStore& blocks = StorageAccess::Blocks(storage.Object());
     const LogCapture log;
     storage.ClearTo(4, kSqueezeBackup);
     EXPECT_EQ(blocks.Blocks().size(), 3U);

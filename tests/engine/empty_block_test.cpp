@@ -15,7 +15,7 @@ class EmptyBlock : public ::testing::Test {
   protected:
     explicit EmptyBlock(u32 last = 2) : m_storage(SmallCache(last)) {}
 
-    BlockList& Blocks() { return StorageAccess::Blocks(m_storage.Object()); }
+    BlockStore& Blocks() { return StorageAccess::Blocks(m_storage.Object()); }
     bool HasEmptyBlock() {
         const auto& blocks = Blocks().Blocks();
         return std::any_of(blocks.begin(), blocks.end(),

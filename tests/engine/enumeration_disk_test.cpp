@@ -121,7 +121,7 @@ TEST(EnumerationFromDisk, EndsWhenTheIndexHasLostBlocksThatAreInMemory) {
     TestStorage storage(std::string(kEachCommit) + "cache_type=AllInMem");
     storage.InsertMany(20);
     ASSERT_EQ(storage.WaitForWriter(), RC_OK);
-    BlockIndex& index = StorageAccess::Blocks(storage.Object()).Index();
+    BlockIndex& index = StorageAccess::Entries(StorageAccess::Blocks(storage.Object()));
     ASSERT_EQ(index.size(), 4U);
     index.begin()->second.block = nullptr;
     std::next(index.begin(), 2)->second.block = nullptr;

@@ -58,7 +58,7 @@ TEST_F(EnumerationOfADamagedFile, FailsAtAWrongSignature) {
 // Behind the last block's key the pass of the file has no upper bound of its own.
 TEST_F(EnumerationOfADamagedFile, FailsAtARecordThatWasNeverCommitted) {
     Patch(OffsetOf(4) + 8, 1000);
-    StorageAccess::Blocks(m_storage.Object()).Shrink(0, 20);
+    ASSERT_EQ(StorageAccess::Blocks(m_storage.Object()).Shrink(0, 20), RC_OK);
     ExpectFailure(RC_BAD_DATA, "Read uncommitted rec with rev 1000,last committed rev 20", 4);
 }
 

@@ -17,7 +17,7 @@ class Enumeration : public ::testing::Test {
     Enumeration() { m_storage.InsertMany(6); }
 
     CK9eReplStorage& Object() { return m_storage.Object(); }
-    std::map<i64, K9eReplBlock*>& Blocks() { return StorageAccess::Blocks(Object()).Blocks(); }
+    MemoryBlocks& Blocks() { return StorageAccess::InMemory(StorageAccess::Blocks(Object())); }
     u32 Enumerate() {
         m_seen.clear();
         return m_storage.Enumerate(&m_seen);
@@ -184,7 +184,7 @@ TEST_F(Enumeration, FailsInNoFlushModeWhenABlockHasLeftMemory) {
     TestStorage storage(std::string(kNoFile) + "file=:memory:;block_size=138", Start::kOpened);
     ASSERT_EQ(storage.TryLoad(), RC_OK);
     storage.InsertMany(6);
-    StorageAccess::Blocks(storage.Object()).Shrink(1, kEndOfRevs);
+    ASSERT_EQ(StorageAccess::Blocks(storage.Object()).Shrink(1, kEndOfRevs), RC_OK);
     EXPECT_EQ(storage.Enumerate(&m_seen), RC_BAD_DATA);
     EXPECT_EQ(m_log.CodeOf("Failed to enum no block in mem in NoFlush mode;block rev 1"),
               RC_BAD_DATA)
@@ -197,7 +197,7 @@ TEST_F(Enumeration, FailsAtABlockThatIsNeitherInMemoryNorInTheFile) {
         "flush_mode=PerTrans;flush_trans_num=99;flush_timeout=3600000;"
         "block_size=138;cache_type=Last1");
     storage.InsertMany(6);
-    StorageAccess::Blocks(storage.Object()).Shrink(1, kEndOfRevs);
+    ASSERT_EQ(StorageAccess::Blocks(storage.Object()).Shrink(1, kEndOfRevs), RC_OK);
     EXPECT_EQ(storage.Enumerate(&m_seen), RC_BAD_DATA);
     EXPECT_EQ(m_log.CodeOf("Failed to enum,invalid file offset;block rev 1"), RC_BAD_DATA) << m_log;
     EXPECT_EQ(storage.State(), StorageState::kBroken);

@@ -291,7 +291,7 @@ TEST(FlushFailure, WithAFailedRollbackKeepsTheFirstCode) {
 
 TEST(FlushFailure, OfABlockThatTheIndexDoesNotList) {
     HalfFlushable storage;
-    auto& index = StorageAccess::Blocks(storage.Object()).Index();
+    auto& index = StorageAccess::Entries(StorageAccess::Blocks(storage.Object()));
     auto entry = index.extract(1);
     const LogCapture log;
     EXPECT_EQ(storage.Flush(), RC_BAD_DATA);

@@ -8,7 +8,6 @@
 #include <memory>
 #include <string>
 
-#include "engine/block_inserter.h"
 #include "engine/storage_fixture.h"
 #include "support/log_capture.h"
 
@@ -21,19 +20,17 @@ constexpr u64 kRecordSize = 24 + 2;  // of the records below
 class OneBlock {
   public:
     OneBlock(std::initializer_list<i64> revs) {
-        m_pool.SetBlockSize(1024 + kBlockOverhead);
-        m_inserter.blocks = &m_list;
-        m_inserter.capacity = 1024;
+        m_store.SetUp(1024, 0);
         for (const i64 rev : revs) {
             Record record("ab", 0, rev);
-            EXPECT_EQ(m_inserter.Place(*record.Get(), -1), RC_OK);
+            EXPECT_EQ(m_store.Place(*record.Get(), -1), RC_OK);
         }
     }
-    ~OneBlock() { m_list.EraseAll(); }
+    ~OneBlock() { m_store.Reset(); }
     OneBlock(const OneBlock&) = delete;
     OneBlock& operator=(const OneBlock&) = delete;
 
-    K9eReplBlock& Get() { return m_list.Newest(); }
+    K9eReplBlock& Get() { return m_store.Newest(); }
     FlushRun Find(i64 flushedRev, i64 limit) {
         FlushRun run;
         EXPECT_EQ(FindFlushRun(Get(), flushedRev, limit, &run), RC_OK);
@@ -41,9 +38,7 @@ class OneBlock {
     }
 
   private:
-    CBlocksPoolManager m_pool;
-    BlockList m_list{m_pool};
-    BlockInserter m_inserter;
+    BlockStore m_store;
 };
 
 }  // namespace

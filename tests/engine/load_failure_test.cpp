@@ -30,7 +30,7 @@ class LoadFailure : public ::testing::Test {
         ASSERT_EQ(m_storage.TryOpen(), RC_OK) << m_log;
         m_log.Clear();
     }
-    BlockList& Blocks() { return StorageAccess::Blocks(m_storage.Object()); }
+    BlockStore& Blocks() { return StorageAccess::Blocks(m_storage.Object()); }
     void ExpectClosedAndEmpty() {
         EXPECT_EQ(m_storage.State(), StorageState::kClosed);
         EXPECT_TRUE(Blocks().Blocks().empty());

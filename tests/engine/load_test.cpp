@@ -30,7 +30,7 @@ class Load : public ::testing::Test {
         EXPECT_EQ(m_storage.Records(), expected);
         EXPECT_EQ(m_storage.NextRev(), rev + 1);
     }
-    BlockList& Blocks() { return StorageAccess::Blocks(m_storage.Object()); }
+    BlockStore& Blocks() { return StorageAccess::Blocks(m_storage.Object()); }
 
     TestStorage m_storage{SmallCache(100), Start::kNothing};
     FileBuilder m_file;

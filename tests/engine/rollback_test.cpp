@@ -117,7 +117,7 @@ TEST(Rollback, WithABlockMissingAnswersBadDataAndKeepsTheState) {
     storage.InsertCommitted({"one"});
     ASSERT_EQ(storage.Begin(), RC_OK);
     ASSERT_EQ(storage.Insert(BlockFull("two")), RC_OK);
-    auto& blocks = StorageAccess::Blocks(storage.Object()).Blocks();
+    auto& blocks = StorageAccess::InMemory(StorageAccess::Blocks(storage.Object()));
     K9eReplBlock* const lost = blocks.at(2);
     blocks.at(2) = nullptr;
     StorageAccess::SetState(storage.Object(), StorageState::kFlushFailed);

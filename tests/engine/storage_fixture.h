@@ -20,34 +20,40 @@
 #include <vector>
 
 #include "engine/repl_storage.h"
+#include "engine/revision.h"
 #include "support/temp_folder.h"
 #include "support/writer_mode.h"
 
 namespace k9erepl {
 
-// The storage object's inside, where nothing else shows what a test must see or break.
+// The inside of the storage object and of its parts, where nothing else shows what a test must see
+// or break.
 struct StorageAccess {
-    static StorageState State(CK9eReplStorage& s) { return s.State(); }
-    static void SetState(CK9eReplStorage& s, StorageState state) { s.SetState(state); }
-    static BlockList& Blocks(CK9eReplStorage& s) { return s.m_blocks; }
-    static i64 FlushedRev(CK9eReplStorage& s) { return s.m_flushedRev; }
-    static i64& OldestRev(CK9eReplStorage& s) { return s.m_oldestRev; }
-    static bool BeginMoved(CK9eReplStorage& s) { return s.m_beginMoved; }
-    static u32& TransDepth(CK9eReplStorage& s) { return s.m_transDepth; }
-    static bool& RolledBack(CK9eReplStorage& s) { return s.m_rolledBack; }
-    static i64& ClearMark(CK9eReplStorage& s) { return s.m_clearOldRev; }
-    static FlushPolicy& Policy(CK9eReplStorage& s) { return s.m_policy; }
+    static StorageState State(CK9eReplStorage& s) { return s.m_status.State(); }
+    static void SetState(CK9eReplStorage& s, StorageState state) { s.m_status.Set(state); }
+    static BlockStore& Blocks(CK9eReplStorage& s) { return s.m_blocks; }
+    static i64 FlushedRev(CK9eReplStorage& s) { return s.m_blocks.FlushedRev(); }
+    static i64& OldestRev(CK9eReplStorage& s) { return s.m_blocks.m_oldestRev; }
+    static bool BeginMoved(CK9eReplStorage& s) { return s.m_blocks.BeginMoved(); }
+    static u32& TransDepth(CK9eReplStorage& s) { return s.m_transaction.m_depth; }
+    static bool& RolledBack(CK9eReplStorage& s) { return s.m_transaction.m_rolledBack; }
+    static i64& ClearMark(CK9eReplStorage& s) { return s.m_marks.m_clearOldRev; }
+    static FlushPolicy& Policy(CK9eReplStorage& s) { return s.m_flusher.m_policy; }
     static const OpenSettings& Settings(CK9eReplStorage& s) { return s.m_settings; }
     static StorageLock& Lock(CK9eReplStorage& s) { return s.m_lock; }
-    static IndexObject* Index(CK9eReplStorage& s) { return s.m_index.get(); }
-    static u32 Flush(CK9eReplStorage& s) { return s.Flush(); }
+    static IndexObject* Index(CK9eReplStorage& s) { return s.m_index.m_object.get(); }
+    static u32 Flush(CK9eReplStorage& s) {
+        return s.m_flusher.Flush(s.m_transaction.LastCommittedRev());
+    }
     static u32 ShrinkCache(CK9eReplStorage& s) {
-        return s.m_settings.MayEvict() ? s.ShrinkCache() : u32{RC_OK};
+        return s.m_settings.MayEvict() ? s.m_flusher.ShrinkCache() : u32{RC_OK};
     }
     static u32 Enumerate(CK9eReplStorage& s, i64 fromRev, i64 toRev, RecordVisitor visitor,
                          void* ctx) {
         return s.EnumWithVisitor(fromRev, toRev, visitor, ctx);
     }
+    static MemoryBlocks& InMemory(BlockStore& blocks) { return blocks.m_blocks; }
+    static BlockIndex& Entries(BlockStore& blocks) { return blocks.m_index; }
 };
 
 namespace test {

@@ -1,5 +1,5 @@
 // The two maps of blocks; see the header.
-#include "engine/block_list.h"
+#include "engine/block_store.h"
 
 #include <k9erepl/storage.h>
 #include <k9sys/k9sys.h>
@@ -33,15 +33,101 @@ bool EndsBelow(const MemoryBlocks::value_type& entry, i64 rev) {
     return block->used == 0 ? firstRev < rev : block->lastRev < rev;
 }
 
+u32 RefuseSize(u64 need, u64 limit) {
+    LOG_ERROR_CODE(RC_INVALID_ARG, kLogStorage,
+                   "Rec size with header %I64d exceeds free block size %I64d",
+                   static_cast<i64>(need), static_cast<i64>(limit));
+    return RC_INVALID_ARG;
+}
+
+void Append(K9eReplBlock& block, const K9eReplRec& rec, u64 need) {
+    u8* to = block.Data() + block.used;
+    const u32 prefix[2] = {kRecordSignature, static_cast<u32>(need)};
+    std::memcpy(to, prefix, kRecordPrefixSize);
+    std::memcpy(to + kRecordPrefixSize, &rec, static_cast<std::size_t>(need - kRecordPrefixSize));
+    block.used += need;
+    block.lastRev = rec.rev;
+}
+
 }  // namespace
 
-BlockIndex::iterator BlockList::FindHolding(i64 rev) {
+void BlockStore::SetUp(u32 blockSize, u32 freeBlocks, u64 maxRecordSize) {
+    assert(blockSize > 0 && m_index.empty());
+    m_pool.SetBlockSize(blockSize + kBlockOverhead);
+    m_pool.SetMaxBlocks(freeBlocks);
+    m_capacity = blockSize;
+    m_maxRecordSize = maxRecordSize;
+}
+
+void BlockStore::Clear() {
+    EraseAll();
+    m_oldestRev = 0;
+    m_flushedRev = 0;
+}
+
+void BlockStore::Reset() {
+    Clear();
+    SetNextRev(1);
+    m_beginMoved = false;
+}
+
+BlockIndex::const_iterator BlockStore::FindHolding(i64 rev) const {
     assert(!m_index.empty());
-    auto it = m_index.upper_bound(rev);
+    const auto it = m_index.upper_bound(rev);
     return it == m_index.begin() ? it : std::prev(it);
 }
 
-u32 BlockList::AddBlock(i64 firstRev) {
+std::atomic<i64>* BlockStore::FileOffsetOf(i64 key) {
+    const auto entry = m_index.find(key);
+    return entry == m_index.end() ? nullptr : &entry->second.fileOffset;
+}
+
+void BlockStore::SetOldestRev(i64 rev) {
+    m_oldestRev = rev;
+    Touch();
+}
+
+u32 BlockStore::FindRoom(i64 rev, u64 need, K9eReplBlock** room) {
+    if (!m_blocks.empty()) {
+        *room = &Newest();
+        assert((*room)->used <= m_capacity);
+        if (m_capacity - (*room)->used >= need) {
+            return RC_OK;
+        }
+    }
+    if (u32 rc = AddBlock(rev); rc != RC_OK) {
+        LOG_ERROR_CODE(rc, kLogStorage, "Failed to alloc next data block");
+        return rc;
+    }
+    *room = &Newest();
+    return m_capacity >= need ? RC_OK : RefuseSize(need, m_capacity);
+}
+
+u32 BlockStore::Place(const K9eReplRec& rec, i64 fileOffset) {
+    assert(m_capacity > 0);
+    const u64 need = u64{rec.dataSize} + kRecordHeadSize;
+    if (need > m_maxRecordSize) {
+        return RefuseSize(need, m_maxRecordSize);
+    }
+    K9eReplBlock* block = nullptr;
+    if (u32 rc = FindRoom(rec.rev, need, &block); rc != RC_OK) {
+        return rc;
+    }
+    IndexEntry& entry = m_index.rbegin()->second;
+    assert(entry.block == block);
+    if (block->used == 0) {
+        // A record that did not fit may have left the block behind, under its own revision.
+        entry.firstRev = rec.rev;
+    }
+    Append(*block, rec, need);
+    if (fileOffset != kUnknownOffset && entry.fileOffset == kUnknownOffset) {
+        entry.fileOffset = fileOffset;
+    }
+    return RC_OK;
+}
+
+u32 BlockStore::AddBlock(i64 firstRev) {
+    assert(m_index.empty() || m_index.rbegin()->first < firstRev);
     void* memory = m_pool.AllocBlock();
     if (memory == nullptr) {
         return RC_NO_MEMORY;
@@ -67,7 +153,12 @@ u32 BlockList::AddBlock(i64 firstRev) {
     return RC_OK;
 }
 
-void BlockList::DetachFromIndex(i64 key) {
+void BlockStore::AddBlockInFile(i64 firstRev, i64 fileOffset) {
+    assert(m_blocks.empty() && (m_index.empty() || m_index.rbegin()->first < firstRev));
+    m_index.try_emplace(m_index.end(), firstRev, firstRev, fileOffset, nullptr);
+}
+
+void BlockStore::DetachFromIndex(i64 key) {
     const auto entry = m_index.find(key);
     if (entry == m_index.end()) {
         return;
@@ -79,7 +170,7 @@ void BlockList::DetachFromIndex(i64 key) {
     }
 }
 
-u32 BlockList::EraseBlocksAfter(i64 rev) {
+u32 BlockStore::EraseBlocksAfter(i64 rev) {
     const auto first = m_blocks.upper_bound(rev);
     if (first == m_blocks.end()) {
         return RC_OK;
@@ -100,19 +191,19 @@ u32 BlockList::EraseBlocksAfter(i64 rev) {
     return RC_OK;
 }
 
-void BlockList::EraseIndexAfter(i64 rev) {
+void BlockStore::EraseIndexAfter(i64 rev) {
     Touch();
     m_index.erase(m_index.upper_bound(rev), m_index.end());
 }
 
-u32 BlockList::EraseAll() {
+void BlockStore::EraseAll() {
     Touch();
-    const u32 rc = EraseBlocksAfter(0);
+    // A map without its block was logged, and there is nothing left to do about it.
+    (void)EraseBlocksAfter(0);
     m_index.clear();
-    return rc;
 }
 
-void BlockList::Abandon() {
+void BlockStore::Abandon() {
     Touch();
     struct Abandoned {
         MemoryBlocks blocks;
@@ -125,7 +216,7 @@ void BlockList::Abandon() {
     m_index.clear();
 }
 
-u32 BlockList::Shrink(std::size_t keep, i64 flushedRev) {
+u32 BlockStore::Shrink(std::size_t keep, i64 flushedRev) {
     if (m_blocks.size() <= keep) {
         return RC_OK;
     }
@@ -157,7 +248,7 @@ u32 BlockList::Shrink(std::size_t keep, i64 flushedRev) {
     return rc;
 }
 
-void BlockList::DropBelow(i64 rev) {
+void BlockStore::DropBelow(i64 rev) {
     Touch();
     while (!m_blocks.empty() && EndsBelow(*m_blocks.begin(), rev)) {
         const auto oldest = m_blocks.begin();
@@ -173,7 +264,7 @@ void BlockList::DropBelow(i64 rev) {
     }
 }
 
-u32 BlockList::CutAfter(i64 rev) {
+u32 BlockStore::CutAfter(i64 rev) {
     // With nothing committed nothing is kept, whatever the first key is.
     if (u32 rc = EraseBlocksAfter(rev); rc != RC_OK) {
         return rc;
@@ -199,7 +290,22 @@ u32 BlockList::CutAfter(i64 rev) {
     return RC_OK;
 }
 
-void BlockList::DropFirst() {
+u32 BlockStore::CutBackTo(i64 rev, u64 used) {
+    EraseIndexAfter(rev);
+    if (u32 rc = EraseBlocksAfter(rev); rc != RC_OK) {
+        return rc;
+    }
+    if (!m_blocks.empty()) {
+        K9eReplBlock& newest = Newest();
+        assert(used <= newest.used);
+        newest.used = used;
+        newest.lastRev = rev;
+        newest.flushedEnd = std::min(newest.flushedEnd, newest.used);
+    }
+    return RC_OK;
+}
+
+void BlockStore::DropFirst() {
     assert(!m_index.empty());
     Touch();
     const auto entry = m_index.begin();
@@ -210,7 +316,29 @@ void BlockList::DropFirst() {
     m_index.erase(entry);
 }
 
-void BlockList::RekeyFirst(i64 key, i64 firstRev, i64 fileOffset, u64 cutBytes) {
+void BlockStore::DropBefore(i64 key, i64 firstRev) {
+    assert(m_index.contains(key));
+    while (m_index.begin()->first < key ||
+           (m_index.size() > 1 && std::next(m_index.begin())->first <= firstRev)) {
+        DropFirst();
+    }
+}
+
+void BlockStore::MoveOffsets(i64 shift) {
+    for (auto& [firstRev, entry] : m_index) {
+        if (entry.fileOffset != kUnknownOffset) {
+            entry.fileOffset += shift;
+        }
+    }
+}
+
+void BlockStore::ForgetEverything() {
+    EraseAll();
+    m_oldestRev = NextRev() - 1;
+    m_beginMoved = false;
+}
+
+void BlockStore::RekeyFirst(i64 key, i64 firstRev, i64 fileOffset, u64 cutBytes) {
     assert(!m_index.empty());
     Touch();
     const i64 oldKey = m_index.begin()->first;

@@ -1,0 +1,305 @@
+// The ways of removing records; see the header.
+#include "engine/clearer.h"
+
+#include <algorithm>
+#include <cassert>
+#include <iterator>
+#include <new>
+
+#include "engine/revision.h"
+#include "support/log.h"
+
+namespace k9erepl {
+
+u32 Clearer::Refuse(bool inTransaction) const {
+    if (u32 rc = m_status.RefuseUnless(m_status.IsOpen(), "Failed to clear old rev"); rc != RC_OK) {
+        return rc;
+    }
+    if (inTransaction) {
+        LOG_ERROR_CODE(RC_IN_TRANSACTION, kLogStorage, "Coundn't clear old rev in trans");
+        return RC_IN_TRANSACTION;
+    }
+    return RC_OK;
+}
+
+u32 Clearer::ClearOldRev(i64 rev, ClearMode mode) {
+    if (u32 rc = Refuse(!MayRemoveNow()); rc != RC_OK) {
+        return rc;
+    }
+    if (mode == ClearMode::kMark) {
+        return m_marks.SetClearOldRev(rev);
+    }
+    i64 clearRev = rev;
+    if (m_blocks.BeginMoved() && Squeezes(mode)) {
+        // Even when nothing new goes: what was cleared logically leaves the file now.
+        clearRev = std::max(rev, m_blocks.OldestRev());
+    } else if (rev <= m_blocks.OldestRev()) {
+        return RC_OK;
+    }
+    if (m_blocks.Index().empty()) {
+        return RC_OK;
+    }
+    const auto clearing = m_status.BeginClear();
+    try {
+        return ClearBelow(clearRev, mode);
+    } catch (const std::bad_alloc&) {
+        LOG_ERROR_CODE(RC_NO_MEMORY, kLogStorage, "Out of memory while clear old revs;rev %I64d",
+                       clearRev);
+        return m_status.Break(RC_NO_MEMORY);
+    } catch (...) {
+        m_status.Set(StorageState::kBroken);
+        throw;
+    }
+}
+
+u32 Clearer::ClearBelow(i64 rev, ClearMode mode) {
+    if (!m_settings.HasFile()) {
+        ClearInMemory(rev);
+        return RC_OK;
+    }
+    if (rev < m_blocks.NextRev()) {
+        if (u32 rc = FlushBefore(rev); rc != RC_OK) {
+            return rc;
+        }
+    }
+    if (u32 rc = ClearInFile(rev, mode); rc != RC_OK) {
+        return m_status.Break(rc);
+    }
+    m_index.SaveAfterClear(Squeezes(mode));
+    return RC_OK;
+}
+
+// The kept part is searched in the file, so everything must be there, except what callbacks of the
+// flush commit behind a record that is kept. Callbacks may also leave the storage in a state in
+// which nothing can be cleared.
+u32 Clearer::FlushBefore(i64 rev) {
+    i64 nextRev = 0;
+    do {
+        nextRev = m_blocks.NextRev();
+        if (u32 rc = m_flusher.FlushNow(m_transaction.LastCommittedRev()); rc != RC_OK) {
+            LOG_ERROR_CODE(rc, kLogStorage,
+                           "Cannot flush data before clear old revs;clear rev %I64d", rev);
+            m_status.EnterFlushFailed();
+            return rc;
+        }
+        if (u32 rc = Refuse(m_transaction.IsOpen()); rc != RC_OK) {
+            return rc;
+        }
+    } while (m_blocks.FlushedRev() < rev && m_blocks.NextRev() != nextRev);
+    return RC_OK;
+}
+
+// Only whole blocks go: records below `rev` in the block that holds it are just not served.
+void Clearer::ClearInMemory(i64 rev) {
+    if (rev >= m_blocks.NextRev()) {
+        m_blocks.ForgetEverything();
+        return;
+    }
+    const i64 holdingKey = m_blocks.FindHolding(rev)->first;
+    while (m_blocks.Index().begin()->first < holdingKey) {
+        m_blocks.DropFirst();
+    }
+    m_blocks.SetOldestRev(rev);
+}
+
+u32 Clearer::ClearInFile(i64 rev, ClearMode mode) {
+    const auto writing = m_status.WorkOnFile(FileWork::kWriting);
+    if (rev >= m_blocks.NextRev()) {
+        return ClearWholeFile(rev);
+    }
+    const i64 holdingKey = m_blocks.FindHolding(rev)->first;
+    ClearSearch search{.minRev = rev};
+    if (u32 rc = FindFirstKept(holdingKey, mode, &search); rc != RC_OK) {
+        return rc;
+    }
+    if (!search.FoundKept()) {
+        // Revisions may be used up without a record.
+        return ClearWholeFile(rev);
+    }
+    i64 shift = 0;
+    if (u32 rc = Squeezes(mode) ? SqueezeFile(search, mode, &shift) : RaiseClearRev(search);
+        rc != RC_OK) {
+        return rc;
+    }
+    ForgetBelow(holdingKey, search, shift);
+    m_blocks.SetBeginMoved(!Squeezes(mode));
+    m_blocks.SetOldestRev(rev);
+    return RC_OK;
+}
+
+u32 Clearer::ClearWholeFile(i64 rev) {
+    m_index.RestartIfFinished();
+    u32 rc = m_index.Empty();
+    if (rc == RC_OK) {
+        rc = m_file.TruncateToClearRev(m_blocks.NextRev() - 1, m_marks.Lifenum(),
+                                       m_marks.ClearOldRev());
+    }
+    if (rc != RC_OK) {
+        LOG_ERROR_CODE(rc, kLogStorage,
+                       "Failed to truncate solid storage while clear old revs;clear rev %I64d",
+                       rev);
+        return rc;
+    }
+    m_blocks.ForgetEverything();
+    return RC_OK;
+}
+
+// Finds nothing when no record at or above search->minRev is in the file.
+u32 Clearer::FindFirstKept(i64 holdingKey, ClearMode mode, ClearSearch* search) {
+    // An empty block has no bytes in the file; what is kept then begins in a later one.
+    auto holding = m_blocks.FindHolding(holdingKey);
+    while (holding != m_blocks.Index().end() && holding->second.IsEmptyBlock()) {
+        ++holding;
+    }
+    if (holding == m_blocks.Index().end()) {
+        return RC_OK;
+    }
+    if (u32 rc = Squeezes(mode) ? m_file.CompleteAsyncTasks() : WaitForBlockWrites(holding->first);
+        rc != RC_OK) {
+        return rc;
+    }
+    if (u32 rc = SearchFrom(*holding, search); rc != RC_OK) {
+        return rc;
+    }
+    if (!search->FoundKept() && !Squeezes(mode)) {
+        // The kept records may be queued behind the blocks that were waited for.
+        if (u32 rc = m_file.CompleteAsyncTasks(); rc != RC_OK) {
+            return rc;
+        }
+        *search = ClearSearch{.minRev = search->minRev};
+        return SearchFrom(*holding, search);
+    }
+    return RC_OK;
+}
+
+// The block that will be cut and the one behind it must not be cut or read while they are being
+// written; blocks before them were queued earlier.
+u32 Clearer::WaitForBlockWrites(i64 key) {
+    auto block = m_blocks.Blocks().find(key);
+    if (block == m_blocks.Blocks().end()) {
+        LOG_INFO(kLogStorage, "Cannot find memblock with rev %I64d", key);
+        return RC_OK;
+    }
+    for (int blocks = 0; blocks < 2 && block != m_blocks.Blocks().end(); ++blocks, ++block) {
+        while (block->second->pendingWrites.load(std::memory_order_acquire) != 0) {
+            if (u32 rc = m_file.WaitReleaseBlock(); rc != RC_OK) {
+                return rc;
+            }
+        }
+    }
+    return RC_OK;
+}
+
+u32 Clearer::SearchFrom(const BlockIndex::value_type& holding, ClearSearch* search) {
+    u32 rc = RC_BAD_DATA;
+    if (holding.second.fileOffset != kUnknownOffset) {
+        const FileEnumRange range{.fromRev = holding.first,
+                                  .toRev = kEndOfRevs,
+                                  .alsoCommits = true,
+                                  .startOffset = holding.second.fileOffset};
+        bool completed = true;
+        rc = m_file.EnumFileRecs(range, &ClearSearch::Visit, search, &completed);
+    }
+    if (rc != RC_OK && rc != RC_ENUM_STOP) {
+        LOG_ERROR_CODE(rc, kLogStorage, "Enum from disk failed");
+        return rc;
+    }
+    LOG_INFO(kLogStorage,
+             "Squeeze enum; minRev: %I64d, newFirstRecOffset: %I64d, commitOffset: %I64d, recSz: "
+             "%u",
+             search->minRev, search->newFirstRecOffset, search->commitOffset, search->recSz);
+    return RC_OK;
+}
+
+u32 Clearer::SqueezeFile(const ClearSearch& search, ClearMode mode, i64* shift) {
+    assert(search.FoundKept() && Squeezes(mode));
+    u32 rc = RC_BAD_DATA;
+    if (search.commitOffset != kUnknownOffset) {
+        const SqueezeRequest request{.clearRev = search.minRev,
+                                     .copyFrom = search.newFirstRecOffset,
+                                     .commitOffset = search.commitOffset,
+                                     .keepBackup = mode == ClearMode::kSqueezeBackup,
+                                     .beforeReplace =
+                                         [](void* ctx) {
+                                             auto& index = *static_cast<IndexKeeper*>(ctx);
+                                             index.RestartIfFinished();
+                                             return index.Empty();
+                                         },
+                                     .ctx = &m_index};
+        rc = m_file.Squeeze(request, shift);
+    }
+    if (rc != RC_OK) {
+        LOG_ERROR_CODE(rc, kLogStorage, "Failed to squeeze solid storage;rev %I64d", search.minRev);
+    }
+    return rc;
+}
+
+// An index file without the cleared records comes next: it must not be there before the commit
+// block that clears them, nor without it.
+u32 Clearer::RaiseClearRev(const ClearSearch& search) {
+    assert(search.FoundKept());
+    u32 rc = m_file.SetClearRev(search.minRev);
+    if (rc == RC_OK) {
+        rc = m_file.CompleteAsyncTasks();
+    }
+    if (rc != RC_OK) {
+        LOG_ERROR_CODE(rc, kLogStorage, "Failed to set clear rev to solid storage;rev %I64d",
+                       search.minRev);
+    }
+    return rc;
+}
+
+// The first block that stays is the one with the first kept record: the block that holds the clear
+// revision or, when that one ends below it, the next. `shift` is what a squeeze moved all offsets
+// by.
+void Clearer::ForgetBelow(i64 holdingKey, const ClearSearch& search, i64 shift) {
+    const BlockIndex& index = m_blocks.Index();
+    m_blocks.DropBefore(holdingKey, search.newFirstRev);
+    if (shift != 0) {
+        m_blocks.MoveOffsets(shift);
+    }
+    const auto first = index.begin();
+    const auto second = std::next(first);
+    const u64 cutBytes = first->first == holdingKey ? search.recSz : 0;
+    // A callback may have begun a transaction, to be rolled back to a place in this block.
+    m_transaction.BlockWasCut(second == index.end() ? kEndOfRevs : second->first, cutBytes);
+    m_blocks.RekeyFirst(std::max(search.minRev, holdingKey), search.newFirstRev,
+                        search.newFirstRecOffset + shift, cutBytes);
+}
+
+u32 Clearer::Truncate() {
+    if (!MayRemoveNow()) {
+        return RC_IN_TRANSACTION;
+    }
+    if (m_settings.HasFile()) {
+        if (u32 rc = TruncateFile(); rc != RC_OK) {
+            LOG_ERROR_CODE(rc, kLogStorage, "Failed to truncate solid storage");
+            return m_status.Break(rc);
+        }
+    }
+    StartOver();
+    m_status.Set(StorageState::kOpen);
+    return RC_OK;
+}
+
+u32 Clearer::TruncateFile() {
+    const auto writing = m_status.WorkOnFile(FileWork::kWriting);
+    try {
+        // The index object stays: its file has no entries, as the empty block index.
+        const u32 rc = m_index.Empty();
+        return rc == RC_OK ? m_file.TruncateToClearRev(0, 0, 0) : rc;
+    } catch (const std::bad_alloc&) {
+        return RC_NO_MEMORY;
+    }
+}
+
+void Clearer::StartOver() {
+    m_flusher.Reset();
+    m_blocks.Reset();
+    m_status.Set(StorageState::kClosed);
+    m_transaction.Reset();
+    m_index.Reset();
+    m_marks.Reset();
+}
+
+}  // namespace k9erepl

@@ -1,0 +1,38 @@
+// The changes of a storage's condition; see the header.
+#include "engine/storage_status.h"
+
+#include <cassert>
+
+#include "support/log.h"
+
+namespace k9erepl {
+
+u32 StorageStatus::Refuse(const char* event) const {
+    LOG_ERROR_CODE(RC_WRONG_STATE, kLogStorage, "%s;state %d", event, StateForLog());
+    return RC_WRONG_STATE;
+}
+
+u32 StorageStatus::Break(u32 rc) {
+    assert(rc != RC_OK);
+    Set(StorageState::kBroken);
+    return rc;
+}
+
+void StorageStatus::EnterFlushFailed() {
+    if (State() != StorageState::kBroken) {
+        Set(StorageState::kFlushFailed);
+    }
+}
+
+void StorageStatus::LeaveFlushFailed() {
+    if (State() == StorageState::kFlushFailed) {
+        Set(StorageState::kOpen);
+    }
+}
+
+ScopedValue<bool> StorageStatus::BeginClear() {
+    assert(MayRemove());
+    return {m_clearing, true};
+}
+
+}  // namespace k9erepl
