@@ -20,6 +20,7 @@ namespace {
 
 // Only part of the head is zeroed by name, but every mark of a block's former life must go.
 K9eReplBlock* PrepareBlock(void* memory, std::size_t ordinal) {
+    assert(memory != nullptr);
     auto* block = new (memory) K9eReplBlock;
     std::memset(memory, 0, kZeroedHeadSize);
     K9SysSNPrintf(block->name, sizeof(block->name), "eRepl#%u", static_cast<u32>(ordinal));
@@ -41,6 +42,7 @@ u32 RefuseSize(u64 need, u64 limit) {
 }
 
 void Append(K9eReplBlock& block, const K9eReplRec& rec, u64 need) {
+    assert(need >= kRecordHeadSize);
     u8* to = block.Data() + block.used;
     const u32 prefix[2] = {kRecordSignature, static_cast<u32>(need)};
     std::memcpy(to, prefix, kRecordPrefixSize);
@@ -188,6 +190,7 @@ u32 BlockStore::EraseBlocksAfter(i64 rev) {
         it->second = nullptr;
     }
     m_blocks.erase(first, m_blocks.end());
+    assert(m_blocks.empty() || m_blocks.rbegin()->first <= rev);
     return RC_OK;
 }
 
@@ -242,6 +245,7 @@ u32 BlockStore::Shrink(std::size_t keep, i64 flushedRev) {
     }
     m_blocks.erase(m_blocks.begin(), it);
     Touch();
+    assert(m_blocks.size() >= keep);
     if (rc == RC_OK) {
         LOG_INFO(kLogStorage, "Shrank to %P blocks", m_blocks.size());
     }
@@ -257,6 +261,7 @@ void BlockStore::DropBelow(i64 rev) {
         m_pool.ReleaseBlock(oldest->second);
         m_blocks.erase(oldest);
     }
+    assert(m_blocks.empty() || !m_index.empty());
     // A block that is only in the file ends where the next one begins.
     while (m_index.size() > 1 && std::next(m_index.begin())->first <= rev) {
         assert(m_index.begin()->second.block == nullptr);
@@ -291,6 +296,7 @@ u32 BlockStore::CutAfter(i64 rev) {
 }
 
 u32 BlockStore::CutBackTo(i64 rev, u64 used) {
+    assert(rev >= 0 && rev < NextRev());
     EraseIndexAfter(rev);
     if (u32 rc = EraseBlocksAfter(rev); rc != RC_OK) {
         return rc;
@@ -343,6 +349,8 @@ void BlockStore::RekeyFirst(i64 key, i64 firstRev, i64 fileOffset, u64 cutBytes)
     Touch();
     const i64 oldKey = m_index.begin()->first;
     auto entry = m_index.extract(m_index.begin());
+    assert(key <= firstRev && fileOffset >= kFirstItemOffset);
+    assert(m_index.empty() || key < m_index.begin()->first);
     entry.key() = key;
     entry.mapped().firstRev = firstRev;
     entry.mapped().fileOffset = fileOffset;

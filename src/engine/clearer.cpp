@@ -53,6 +53,7 @@ u32 Clearer::ClearOldRev(i64 rev, ClearMode mode) {
 }
 
 u32 Clearer::ClearBelow(i64 rev, ClearMode mode) {
+    assert(!m_status.MayRemove() && !m_blocks.Index().empty());
     if (!m_settings.HasFile()) {
         ClearInMemory(rev);
         return RC_OK;
@@ -91,6 +92,7 @@ u32 Clearer::FlushBefore(i64 rev) {
 
 // Only whole blocks go: records below `rev` in the block that holds it are just not served.
 void Clearer::ClearInMemory(i64 rev) {
+    assert(!m_settings.HasFile());
     if (rev >= m_blocks.NextRev()) {
         m_blocks.ForgetEverything();
         return;
@@ -103,6 +105,7 @@ void Clearer::ClearInMemory(i64 rev) {
 }
 
 u32 Clearer::ClearInFile(i64 rev, ClearMode mode) {
+    assert(m_settings.HasFile() && !m_transaction.IsOpen());
     const auto writing = m_status.WorkOnFile(FileWork::kWriting);
     if (rev >= m_blocks.NextRev()) {
         return ClearWholeFile(rev);
@@ -128,6 +131,7 @@ u32 Clearer::ClearInFile(i64 rev, ClearMode mode) {
 }
 
 u32 Clearer::ClearWholeFile(i64 rev) {
+    assert(m_status.FileIsBeingWritten());
     m_index.RestartIfFinished();
     u32 rc = m_index.Empty();
     if (rc == RC_OK) {
@@ -146,6 +150,7 @@ u32 Clearer::ClearWholeFile(i64 rev) {
 
 // Finds nothing when no record at or above search->minRev is in the file.
 u32 Clearer::FindFirstKept(i64 holdingKey, ClearMode mode, ClearSearch* search) {
+    assert(!search->FoundKept());
     // An empty block has no bytes in the file; what is kept then begins in a later one.
     auto holding = m_blocks.FindHolding(holdingKey);
     while (holding != m_blocks.Index().end() && holding->second.IsEmptyBlock()) {
@@ -175,6 +180,7 @@ u32 Clearer::FindFirstKept(i64 holdingKey, ClearMode mode, ClearSearch* search) 
 // The block that will be cut and the one behind it must not be cut or read while they are being
 // written; blocks before them were queued earlier.
 u32 Clearer::WaitForBlockWrites(i64 key) {
+    assert(m_status.FileIsBeingWritten());
     auto block = m_blocks.Blocks().find(key);
     if (block == m_blocks.Blocks().end()) {
         LOG_INFO(kLogStorage, "Cannot find memblock with rev %I64d", key);
@@ -191,6 +197,7 @@ u32 Clearer::WaitForBlockWrites(i64 key) {
 }
 
 u32 Clearer::SearchFrom(const BlockIndex::value_type& holding, ClearSearch* search) {
+    assert(!search->FoundKept() && !holding.second.IsEmptyBlock());
     u32 rc = RC_BAD_DATA;
     if (holding.second.fileOffset != kUnknownOffset) {
         const FileEnumRange range{.fromRev = holding.first,
@@ -253,6 +260,7 @@ u32 Clearer::RaiseClearRev(const ClearSearch& search) {
 // revision or, when that one ends below it, the next. `shift` is what a squeeze moved all offsets
 // by.
 void Clearer::ForgetBelow(i64 holdingKey, const ClearSearch& search, i64 shift) {
+    assert(search.FoundKept() && search.newFirstRev >= search.minRev);
     const BlockIndex& index = m_blocks.Index();
     m_blocks.DropBefore(holdingKey, search.newFirstRev);
     if (shift != 0) {
@@ -283,6 +291,7 @@ u32 Clearer::Truncate() {
 }
 
 u32 Clearer::TruncateFile() {
+    assert(m_settings.HasFile() && !m_settings.readOnly);
     const auto writing = m_status.WorkOnFile(FileWork::kWriting);
     try {
         // The index object stays: its file has no entries, as the empty block index.
@@ -300,6 +309,7 @@ void Clearer::StartOver() {
     m_transaction.Reset();
     m_index.Reset();
     m_marks.Reset();
+    assert(m_blocks.Index().empty() && !m_transaction.IsOpen());
 }
 
 }  // namespace k9erepl

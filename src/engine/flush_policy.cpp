@@ -1,6 +1,8 @@
 // The flush modes' thresholds; see the header.
 #include "engine/flush_policy.h"
 
+#include <cassert>
+
 namespace k9erepl {
 
 bool FlushPolicy::FlushNeeded(const OpenSettings& settings) const {
@@ -35,6 +37,7 @@ void FlushPolicy::CountCommit(FlushMode mode, u64 dataSize) {
 }
 
 void FlushPolicy::Flushed(const Counted& covered) {
+    assert(covered.transactions <= m_transSinceFlush && covered.dataSize <= m_dataSinceFlush);
     m_transSinceFlush -= covered.transactions;
     m_dataSinceFlush -= covered.dataSize;
 }

@@ -3,6 +3,8 @@
 
 #include <k9erepl/storage.h>
 
+#include <cassert>
+
 #include "engine/block_records.h"
 #include "support/log.h"
 
@@ -46,6 +48,7 @@ u32 FindFlushRun(const K9eReplBlock& block, i64 flushedRev, i64 limit, FlushRun*
     if (block.lastRev > limit) {
         return FindPartialRun(block, flushedRev, limit, run);
     }
+    assert(block.lastRev > flushedRev);
     run->begin = block.flushedEnd;
     run->end = block.used;
     run->lastRev = block.lastRev;

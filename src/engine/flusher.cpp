@@ -14,6 +14,7 @@
 namespace k9erepl {
 
 void Flusher::RegisterTimes() {
+    assert(m_timeWriteData2 == 0);
     m_timeFlush = m_timing.Register("Flush");
     m_timeOnFlushCb = m_timing.Register("OnFlushCb");
     m_timeForcedFlush = m_timing.Register("ForcedFlush");
@@ -56,6 +57,7 @@ u32 Flusher::FlushNow(i64 limit) {
 }
 
 u32 Flusher::FlushOnIdle(i64 limit) {
+    assert(m_settings.HasFile() && m_status.FileIsIdle());
     m_timing.Start(m_timeFlushOnIdle);
     if (u32 rc = Flush(limit); rc != RC_OK) {
         return FailAtTop(rc);
@@ -72,6 +74,7 @@ u32 Flusher::FailAtTop(u32 rc) {
 }
 
 u32 Flusher::FlushTimed(i64 limit) {
+    assert(m_status.FileIsBeingWritten());
     NestedTiming timing(m_timing, m_timeFlush, m_flushDepth);
     m_shrinkPending = false;
     if (m_settings.HasFile()) {
@@ -90,7 +93,7 @@ u32 Flusher::FlushToFile(i64 limit) {
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to begin trans in solid storage");
         return rc;
     }
-    i64 lastWritten = 0;
+    i64 lastWritten = 0;  // stays 0 when there was nothing to write
     m_pieces.clear();
     u32 rc = WriteRuns(limit, &lastWritten);
     if (rc == RC_OK && lastWritten > 0) {
@@ -116,6 +119,7 @@ u32 Flusher::FlushToFile(i64 limit) {
 // Writes the runs up to `limit` and, unless the last run carried it, the commit block. *lastWritten
 // stays 0 when there was nothing to write.
 u32 Flusher::WriteRuns(i64 limit, i64* lastWritten) {
+    assert(*lastWritten == 0);
     const i64 flushedRev = m_blocks.FlushedRev();
     const MemoryBlocks& blocks = m_blocks.Blocks();
     auto it = blocks.upper_bound(flushedRev);
@@ -181,6 +185,7 @@ u32 Flusher::WriteRun(i64 firstRev, K9eReplBlock& block, const FlushRun& run) {
 }
 
 u32 Flusher::RememberPiece(K9eReplBlock& block, std::atomic<i64>& fileOffset) {
+    assert(block.flushedEnd < block.used);
     const bool fillsIn = fileOffset == kUnknownOffset;
     try {
         m_pieces.push_back({&block, block.flushedEnd, fillsIn ? &fileOffset : nullptr});
@@ -193,6 +198,7 @@ u32 Flusher::RememberPiece(K9eReplBlock& block, std::atomic<i64>& fileOffset) {
 }
 
 u32 Flusher::WriteCommitBlock(i64 lastRev) {
+    assert(lastRev > m_blocks.FlushedRev());
     TCommitBlock block = NewCommitBlock(platform::TimeStampCounter(), lastRev);
     m_timing.Start(m_timeWriteData2);
     if (u32 rc = m_file.WriteItems(reinterpret_cast<u8*>(&block), kCommitBlockSize, &block, nullptr,
@@ -207,6 +213,7 @@ u32 Flusher::WriteCommitBlock(i64 lastRev) {
 }
 
 u32 Flusher::CommitToFile() {
+    assert(!m_pieces.empty());
     m_timing.Start(m_timeForcedFlush);
     if (u32 rc = m_file.Commit(); rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to commit in solid storage");
@@ -219,6 +226,7 @@ u32 Flusher::CommitToFile() {
 // Undo the marks, or a retry would skip records that never reached the file. The writer goes first:
 // once it is back, nothing fills offsets in any more.
 void Flusher::Undo() {
+    assert(m_status.FileIsBeingWritten());
     if (u32 rc = m_file.RollbackWrites(); rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Cannot rollback trans");
         if (m_file.MayStillWrite()) {
@@ -251,6 +259,7 @@ void Flusher::NotifyInMemory(i64 lastRev) {
 // Without a file a callback that commits is called again inside its own call: only the outermost
 // call is timed.
 void Flusher::NotifyFlushed(i64 lastRev) {
+    assert(!m_status.FileIsBeingWritten() && lastRev < m_blocks.NextRev());
     if (!m_onFlush.IsSet()) {
         return;
     }
@@ -267,6 +276,7 @@ void Flusher::ShrinkCacheIfPending() {
 }
 
 u32 Flusher::ShrinkCache() {
+    assert(m_settings.MayEvict());
     const u32 rc = m_blocks.Shrink(m_settings.cacheBlocks, m_blocks.FlushedRev());
     if (rc == RC_OK) {
         m_shrinkPending = false;

@@ -10,7 +10,7 @@
 namespace k9erepl {
 
 u32 IndexKeeper::Make(const char* connStr, IK9eReplDS& idle) {
-    assert(m_object == nullptr);
+    assert(m_object == nullptr && m_settings.HasFile() && !m_settings.readOnly);
     u32 rc = RC_NO_MEMORY;
     try {
         m_object = std::make_unique<IndexObject>(connStr, idle, m_settings.blockSize,

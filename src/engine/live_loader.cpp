@@ -1,6 +1,7 @@
 // The attempts of a load beside the writer; see the header.
 #include "engine/live_loader.h"
 
+#include <cassert>
 #include <new>
 
 #include "support/log.h"
@@ -15,6 +16,7 @@ constexpr u32 kAttemptsMost = 100;
 }  // namespace
 
 u32 LiveLoader::Load() {
+    assert(m_status.State() != StorageState::kBroken);
     bool loaded = m_status.IsOpen();
     u32 rc = kContentChanged;
     for (u32 attempt = 0; attempt < kAttemptsMost && rc == kContentChanged; ++attempt) {

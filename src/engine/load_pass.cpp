@@ -8,6 +8,7 @@
 namespace k9erepl {
 
 u32 LoadPass::ScanFrom(CSolidStorage& file, i64 startOffset) {
+    assert(startOffset == 0 || startOffset >= kFirstItemOffset);
     m_loadedRev = 0;
     m_closedRev = 0;
     return file.ScanFileFrom(&PlaceRecord, &TakeCommit, startOffset, this);
@@ -55,6 +56,7 @@ u32 LoadPass::OnCommit(i64 clearRev, i64 commitRev) {
 }
 
 u32 LoadPass::CutUncommitted() {
+    assert(m_closedRev <= m_loadedRev);
     if (m_blocks.Blocks().empty() || m_loadedRev == m_closedRev) {
         return RC_OK;
     }

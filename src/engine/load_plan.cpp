@@ -2,6 +2,7 @@
 #include "engine/load_plan.h"
 
 #include <algorithm>
+#include <cassert>
 
 #include "solid/file_format.h"
 
@@ -18,6 +19,7 @@ IndexChoice ChooseIndexUse(const IndexFileContent& index, const OpenSettings& se
     const u64 cacheBytes = u64{settings.cacheBlocks} * settings.blockSize;
     const u64 fromEnd = std::min<u64>(cacheBytes / index.blockSize + 1, count);
     const std::size_t start = count - static_cast<std::size_t>(fromEnd);
+    assert(start < count);
     return {.startEntry = start, .testCount = start + 1};
 }
 
@@ -28,6 +30,7 @@ bool IndexFitsFile(const IndexFileContent& index, i64 fileSize) {
 }
 
 LoadPlan MakeLoadPlan(const IndexFileContent& index, const IndexChoice& choice) {
+    assert(choice.testCount > 0 && choice.startEntry < index.entries.size());
     LoadPlan plan;
     const auto start = index.entries.begin() + static_cast<std::ptrdiff_t>(choice.startEntry);
     plan.startOffset = start->offset;

@@ -56,6 +56,7 @@ u32 Loader::LoadAnew() {
 }
 
 u32 Loader::LoadOn() {
+    assert(m_settings.readOnly && m_file.IsOpen());
     i64 lowestRev = 0;
     bool hasItems = false;
     if (u32 rc = m_file.ReadFirstCommitInfo(&lowestRev, &hasItems); rc != RC_OK) {
@@ -68,11 +69,13 @@ u32 Loader::LoadOn() {
 }
 
 u32 Loader::LoadOnce(const IndexFileContent& index) {
+    assert(m_blocks.Index().empty());
     m_plan = LoadPlan{};
     return m_file.IsOpen() ? LoadFromOpenFile(index) : LoadWithoutOpenFile(index);
 }
 
 u32 Loader::LoadWithoutOpenFile(const IndexFileContent& index) {
+    assert(!m_file.IsOpen());
     const char* connStr = m_connStr.c_str();
     std::string path;
     GetParam(connStr, "file", path);
@@ -114,6 +117,7 @@ u32 Loader::LoadWithoutOpenFile(const IndexFileContent& index) {
 }
 
 u32 Loader::LoadFromOpenFile(const IndexFileContent& index) {
+    assert(m_file.IsOpen());
     Plan(m_file, index);
     i64 lowestRev = 0;
     bool hasItems = false;
@@ -155,6 +159,7 @@ u32 Loader::FinishFromOpenFile(i64 lowestRev) {
 }
 
 void Loader::Plan(CSolidStorage& file, const IndexFileContent& index) {
+    assert(!m_plan.UsesIndex());
     if (index.entries.empty()) {
         return;
     }
@@ -204,6 +209,7 @@ u32 Loader::CheckAllOf(CSolidStorage& file) {
 // They are all gone for the storage only if the clear revision reaches up to that entry, or lies in
 // a gap before it. The item right before the entry mostly tells; else they are all read.
 bool Loader::LoadedAllThatIsKept(CSolidStorage& file) const {
+    assert(m_plan.UsesIndex());
     if (m_plan.first.offset == kFirstItemOffset || m_plan.first.rev <= m_blocks.OldestRev()) {
         return true;
     }
@@ -222,6 +228,7 @@ bool Loader::LoadedAllThatIsKept(CSolidStorage& file) const {
 }
 
 u32 Loader::Finish(i64 nextRevOfFile, CSolidStorage* file) {
+    assert(file != nullptr || m_blocks.Index().empty());
     if (u32 rc = m_pass.CutUncommitted(); rc != RC_OK) {
         return rc;
     }
@@ -252,6 +259,7 @@ u32 Loader::Finish(i64 nextRevOfFile, CSolidStorage* file) {
 // The first block may hold records below the clear revision: it shall begin with the first record
 // that is still served.
 u32 Loader::CutCleared(CSolidStorage& file) {
+    assert(m_status.IsOpen());
     m_blocks.DropBelow(m_blocks.OldestRev());
     const BlockIndex& index = m_blocks.Index();
     if (index.empty() || index.begin()->first >= m_blocks.OldestRev()) {

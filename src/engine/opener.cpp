@@ -46,6 +46,7 @@ u32 Opener::ReadSettings(const char* connStr) {
 }
 
 u32 Opener::OpenFile(const char* connStr) {
+    assert(m_settings.HasFile());
     std::string path;
     GetParam(connStr, "file", path);
     if (path.empty()) {
@@ -71,6 +72,7 @@ u32 Opener::OpenFile(const char* connStr) {
 }
 
 u32 Opener::OpenInMemory(const char* connStr) {
+    assert(!m_settings.HasFile());
     if (u32 rc = m_clearer.Truncate(); rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to truncate storage;conn-str %s", connStr);
         return rc;

@@ -43,6 +43,7 @@ void RecordWalk::WalkFrom(i64 startRev) {
 }
 
 RecordWalk::Walk RecordWalk::WalkMemory(i64 firstRev, const IndexEntry& entry, i64 startRev) {
+    assert(entry.block != nullptr);
     const K9eReplBlock& block = *entry.block;
     // A visitor may append to this very block: its used size is read anew each time.
     for (u64 offset = 0; offset < block.used;) {
@@ -92,6 +93,7 @@ u32 RecordWalk::VisitFromFile(i64 offset, const K9eReplRec* rec, void* ctx) {
 }
 
 RecordWalk::Walk RecordWalk::CheckOnDisk(i64 firstRev, const IndexEntry& entry) {
+    assert(entry.block == nullptr);
     if (!m_source.settings.HasFile()) {
         LOG_ERROR_CODE(RC_BAD_DATA, kLogStorage,
                        "Failed to enum no block in mem in NoFlush mode;block rev %I64d", firstRev);

@@ -249,6 +249,7 @@ std::uint32_t CK9eReplStorage::Release() {
 // The files and threads are the parent's. If a thread of the parent was inside a call when it
 // forked, what it was changing may be half changed, and stays allocated.
 void CK9eReplStorage::EndInChild() {
+    assert(!BelongsToThisProcess());
     m_file.LeaveToParent();
     m_index.LeaveToParent();
     m_lock.EndStorageAtUnlock();
@@ -256,6 +257,7 @@ void CK9eReplStorage::EndInChild() {
 }
 
 CK9eReplStorage::~CK9eReplStorage() {
+    assert(m_walks == 0 || !BelongsToThisProcess());
     if (!BelongsToThisProcess()) {
         m_blocks.Reset();
         return;

@@ -94,7 +94,7 @@ u32 Transaction::InsertAt(K9eReplRec* rec, i64 rev) {
 
 // The revision is used up before the record is placed, and stays so when that fails.
 u32 Transaction::Place(K9eReplRec* rec, i64 rev) {
-    assert(IsOpen());
+    assert(IsOpen() && rev >= m_blocks.NextRev() && rev <= kMaxRev);
     rec->rev = rev;
     m_blocks.SetNextRev(rev + 1);
     if (u32 rc = m_blocks.Place(*rec, kUnknownOffset); rc != RC_OK) {
@@ -131,6 +131,7 @@ u32 Transaction::Commit() {
 }
 
 u32 Transaction::CommitOutermost() {
+    assert(!IsOpen() && !m_rolledBack);
     if (m_settings.HasFile()) {
         m_flusher.CountCommit(m_dataSize);
         if (u32 rc = FlushIfNeeded(); rc != RC_OK) {
@@ -155,6 +156,7 @@ u32 Transaction::CommitOutermost() {
 // When the flush fails, the client may commit again or roll back. What callbacks of the flush
 // inserted meanwhile lies behind the transaction's records and becomes part of it.
 u32 Transaction::FlushIfNeeded() {
+    assert(!IsOpen() && m_settings.HasFile());
     if (!m_flusher.FlushNeeded()) {
         return RC_OK;
     }
@@ -191,6 +193,7 @@ u32 Transaction::Rollback() {
         return RC_OK;
     }
     m_rolledBack = true;
+    assert(m_start.rev > 0 && m_start.rev <= m_blocks.NextRev());
     if (u32 rc = m_blocks.CutBackTo(m_start.rev - 1, m_start.used); rc != RC_OK) {
         return rc;
     }

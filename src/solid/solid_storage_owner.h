@@ -1,5 +1,5 @@
 // The storage object around a storage file, as the file needs it when a host calls it directly. The
-// engine's storage object implements it (engine/host_calls.cpp).
+// engine's storage object implements it (engine/repl_storage.cpp).
 #ifndef K9EREPL_SOLID_SOLID_STORAGE_OWNER_H
 #define K9EREPL_SOLID_SOLID_STORAGE_OWNER_H
 

@@ -1,5 +1,5 @@
 // A client's notification function with its context, set by one thread and called by another.
-// The storage object keeps OnFlush in one, the storage file OnWriteToFile.
+// The flusher keeps OnFlush in one, the storage file OnWriteToFile.
 #ifndef K9EREPL_SUPPORT_FLUSH_CALLBACK_H
 #define K9EREPL_SUPPORT_FLUSH_CALLBACK_H
 

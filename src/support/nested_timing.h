@@ -1,5 +1,5 @@
 // Times the outermost of runs that may be nested in one another: a flush whose callback clears, and
-// with it flushes again. Used by the storage object around flushes and around OnFlush.
+// with it flushes again. Used by the flusher around flushes and around OnFlush.
 #ifndef K9EREPL_SUPPORT_NESTED_TIMING_H
 #define K9EREPL_SUPPORT_NESTED_TIMING_H
 

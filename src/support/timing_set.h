@@ -1,5 +1,5 @@
 // Named stopwatches that one owner starts and stops around its work and reports in one log line.
-// The storage object, the index object and the index test own one each. One thread at a time.
+// The flusher, the index object and the index test own one each. One thread at a time.
 #ifndef K9EREPL_SUPPORT_TIMING_SET_H
 #define K9EREPL_SUPPORT_TIMING_SET_H
 

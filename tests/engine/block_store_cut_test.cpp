@@ -19,9 +19,10 @@ class BlockStoreCut : public ::testing::Test {
     BlockStoreCut() { m_store.SetUp(kMinBlockSize, 0); }
     ~BlockStoreCut() override { m_store.Reset(); }
 
-    // Records `first` to `last`, the first of them at `offset` in the file.
+    // Records `first` to `last`, the first of them at `offset` in the file, or none of them there.
     void Place(i64 first, i64 last, i64 offset = 5000) {
-        for (i64 rev = first; rev <= last; ++rev, offset += kRecordSize) {
+        const i64 step = offset == kUnknownOffset ? 0 : kRecordSize;
+        for (i64 rev = first; rev <= last; ++rev, offset += step) {
             Record record(std::string(45, static_cast<char>('a' + rev)), 0, rev);
             ASSERT_EQ(m_store.Place(*record.Get(), offset), RC_OK);
         }
@@ -235,6 +236,62 @@ TEST_F(BlockStoreCut, IsNoticedByAWalkWhateverIsCut) {
     EXPECT_TRUE(changes([this] { m_store.DropFirst(); }));
     EXPECT_TRUE(changes([this] { EXPECT_EQ(m_store.Shrink(0, kEndOfRevs), RC_OK); }));
     EXPECT_TRUE(changes([this] { m_store.Reset(); }));
+}
+
+TEST_F(BlockStoreCut, CutBackToEndsTheNewestBlockWhereItEnded) {
+    Place(1, 3);
+    m_store.SetNextRev(8);
+    Place(4, 7);
+    StorageAccess::InMemory(m_store).at(3)->flushedEnd = 2 * kRecordSize;
+    ASSERT_EQ(m_store.CutBackTo(3, kRecordSize), RC_OK);
+    EXPECT_EQ(IndexKeys(), Revs({1, 3}));
+    EXPECT_EQ(MemoryKeys(), Revs({1, 3}));
+    EXPECT_EQ(RecordsOf(3), Revs({3}));
+    EXPECT_EQ(m_store.Newest().lastRev, 3);
+    EXPECT_EQ(m_store.Newest().flushedEnd, kRecordSize);
+}
+
+TEST_F(BlockStoreCut, DropBeforeKeepsTheBlockThatHoldsTheFirstKeptRecord) {
+    Place(1, 8);
+    m_store.DropBefore(3, 4);
+    EXPECT_EQ(IndexKeys(), Revs({3, 5, 7}));
+    m_store.DropBefore(3, 5);
+    EXPECT_EQ(IndexKeys(), Revs({5, 7})) << "the block under the key ends below it";
+}
+
+TEST_F(BlockStoreCut, MoveOffsetsLeavesUnknownOnesAlone) {
+    Place(1, 2);
+    Place(3, 4, kUnknownOffset);
+    m_store.MoveOffsets(-1000);
+    EXPECT_EQ(m_store.Index().at(1).fileOffset, 4000);
+    EXPECT_EQ(m_store.Index().at(3).fileOffset, kUnknownOffset);
+}
+
+TEST_F(BlockStoreCut, ABlockInTheFileComesBeforeThoseInMemory) {
+    m_store.AddBlockInFile(1, 1056);
+    Place(3, 4);
+    EXPECT_EQ(IndexKeys(), Revs({1, 3}));
+    EXPECT_EQ(MemoryKeys(), Revs({3}));
+    EXPECT_EQ(*m_store.FileOffsetOf(1), 1056);
+    EXPECT_EQ(m_store.FileOffsetOf(2), nullptr);
+}
+
+TEST_F(BlockStoreCut, WhatIsForgottenIsAMatterOfTheRevisionsThatStay) {
+    Place(1, 8);
+    m_store.SetNextRev(9);
+    m_store.SetFlushedRev(8);
+    m_store.SetBeginMoved(true);
+    m_store.ForgetEverything();
+    EXPECT_EQ(m_store.OldestRev(), 8);
+    EXPECT_EQ(m_store.FlushedRev(), 8);
+    EXPECT_FALSE(m_store.BeginMoved());
+    m_store.Clear();
+    EXPECT_EQ(m_store.OldestRev(), 0);
+    EXPECT_EQ(m_store.FlushedRev(), 0);
+    EXPECT_EQ(m_store.NextRev(), 9);
+    m_store.Reset();
+    EXPECT_EQ(m_store.NextRev(), 1);
+    EXPECT_TRUE(IndexKeys().empty());
 }
 
 }  // namespace

@@ -364,4 +364,14 @@ TEST(RevisionMark, IsHandedOutUnderEachName) {
     EXPECT_EQ(rev, 77);
 }
 
+TEST(Commit, CountsTheBytesOfPlacedRecordsOnly) {
+    TestStorage storage(
+        "block_size=138;flush_mode=PerData;flush_data_size=999;flush_timeout=99999999");
+    ASSERT_EQ(storage.Begin(), RC_OK);
+    ASSERT_EQ(storage.Insert("0123456789"), RC_OK);
+    ASSERT_EQ(storage.Insert(std::string(115, 'x')), RC_INVALID_ARG);
+    ASSERT_EQ(storage.Commit(), RC_OK);
+    EXPECT_EQ(StorageAccess::Policy(storage.Object()).Now().dataSize, 34U);
+}
+
 }  // namespace k9erepl::test
