@@ -1,4 +1,4 @@
-// Finds, reads and deletes the index file. Nothing in the file is believed until it is checked.
+// Reads and deletes the index file. Nothing in the file is believed until it is checked.
 #include "index/index_file.h"
 
 #include <k9erepl/storage.h>
@@ -14,15 +14,11 @@
 #include "platform/system_error.h"
 #include "solid/file_format.h"
 #include "support/log.h"
-#include "support/memory_path.h"
-#include "support/params.h"
 
 namespace k9erepl {
 
 namespace {
 
-constexpr const char* kExtension = "edb-idx";
-constexpr const char* kExtensionSuffix = "-idx";
 constexpr u32 kReadBufferSize = 1024 * 1024;
 
 static_assert(kReadBufferSize % sizeof(TIndexEntry) == 0, "an entry never spans two reads");
@@ -33,18 +29,6 @@ constexpr platform::FileOpenRequest kReadRequest = {
     .sharing = platform::FileSharing::kAll,  // a writer goes on with it meanwhile
     .sequentialScan = true,
 };
-
-std::string DeriveName(const std::string& storagePath) {
-    const std::size_t dot = storagePath.rfind('.');
-    const std::size_t separator = storagePath.find_last_of("/\\");
-    const bool hasDot =
-        dot != std::string::npos && (separator == std::string::npos || dot > separator);
-    if (!hasDot) {
-        return storagePath + "." + kExtension;
-    }
-    const bool hasExtension = dot + 1 < storagePath.size();
-    return hasExtension ? storagePath + kExtensionSuffix : storagePath + kExtension;
-}
 
 // One reading of one index file.
 class IndexFileReader {
@@ -177,21 +161,6 @@ u32 IndexFileReader::TakeEntries(u32 count, std::vector<TIndexEntry>* entries) {
 }
 
 }  // namespace
-
-std::string IndexFileName(const char* connStr) {
-    assert(connStr != nullptr);
-    std::string storagePath;
-    GetParam(connStr, "file", storagePath);
-    if (IsMemoryPath(storagePath)) {
-        return std::string();
-    }
-    std::string path;
-    GetParam(connStr, "index_file", path);
-    if (!path.empty() || storagePath.empty()) {
-        return path;
-    }
-    return DeriveName(storagePath);
-}
 
 u32 ReadIndexFile(const std::string& path, IndexFileContent* content) {
     assert(content != nullptr);

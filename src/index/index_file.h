@@ -1,21 +1,17 @@
-// The index file by its name: where it lies, reading it, deleting it. Loading reads it, creating
-// and deleting a storage file delete it. index_object.h writes it.
+// The index file by its name: reading it, deleting it. Loading reads it, creating and deleting a
+// storage file delete it. index_object.h writes it.
 #ifndef K9EREPL_INDEX_INDEX_FILE_H
 #define K9EREPL_INDEX_INDEX_FILE_H
 
 #include <string>
 #include <vector>
 
+#include "index/index_file_name.h"
 #include "index/index_format.h"
 #include "platform/file.h"
 #include "platform/int_types.h"
 
 namespace k9erepl {
-
-// The path of the index file: the setting index_file, else derived from the setting file
-// ("data.edb" gives "data.edb-idx", "data" and "data." give "data.edb-idx"). Empty when there is
-// none: file is ":memory:" in any case of letters, or neither setting is there.
-std::string IndexFileName(const char* connStr);
 
 struct IndexFileContent {
     std::vector<TIndexEntry> entries;  // strictly ascending by revision and by offset

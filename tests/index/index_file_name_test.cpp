@@ -1,7 +1,7 @@
 // Where the index file lies for a connection string.
 #include <gtest/gtest.h>
 
-#include "index/index_file.h"
+#include "index/index_file_name.h"
 
 namespace k9erepl::test {
 namespace {

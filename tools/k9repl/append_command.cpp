@@ -1,6 +1,4 @@
 // The append command: reads, appends, closes, and tells what is stored.
-#include "append_command.h"
-
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -9,14 +7,12 @@
 #include <optional>
 
 #include "append_transactions.h"
+#include "commands.h"
 #include "conn_string.h"
-#include "input_file.h"
-#include "message.h"
 #include "output.h"
-#include "progress_line.h"
 #include "record_reader.h"
 #include "storage_handle.h"
-#include "stored_revision.h"
+#include "streams.h"
 #include "tool_error.h"
 
 namespace k9repl {

@@ -1,4 +1,4 @@
-// Transactions of append.
+// Transactions of append, and the callbacks that tell what is stored.
 #include "append_transactions.h"
 
 #include <fmt/format.h>
@@ -17,6 +17,22 @@ namespace {
 constexpr int kFlushingCommitsMax = 1000;
 
 }  // namespace
+
+void StoredRevision::Watch(StorageHandle& storage) {
+    m_flushed = m_written = storage.NextRev() - 1;
+    storage.Check(K9eReplStorageSetOnFlushCallback(storage.Get(), &OnRevision, &m_flushed),
+                  "watch the flushes of");
+    storage.Check(K9eReplStorageSetOnWriteToFileCallback(storage.Get(), &OnRevision, &m_written),
+                  "watch the writes of");
+}
+
+std::int64_t StoredRevision::Get() const {
+    return std::min(m_flushed.load(), m_written.load());
+}
+
+void K9EREPL_CALL StoredRevision::OnRevision(std::int64_t lastRev, void* context) {
+    static_cast<std::atomic<std::int64_t>*>(context)->store(lastRev);
+}
 
 AppendTransactions::AppendTransactions(StorageHandle& storage, const StoredRevision& stored,
                                        std::uint32_t recordsPerTransaction,

@@ -1,20 +1,44 @@
-// Puts records into a storage, a fixed number a transaction, fewer when they come slowly. Used by
-// the append command alone.
+// Puts records into a storage, a fixed number a transaction, fewer when they come slowly, and
+// watches how far they are stored. Used by the append command alone.
 #ifndef K9EREPL_K9REPL_APPEND_TRANSACTIONS_H
 #define K9EREPL_K9REPL_APPEND_TRANSACTIONS_H
 
 #include <k9erepl/storage.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <string_view>
 #include <vector>
 
-#include "input_file.h"
 #include "storage_handle.h"
-#include "stored_revision.h"
+#include "streams.h"
 
 namespace k9repl {
+
+// The last revision that is safely stored, as the library's two callbacks report it. The append
+// command promises nothing above it. Must outlive the handle that it watches: closing a storage
+// flushes once more.
+class StoredRevision {
+  public:
+    StoredRevision() = default;
+    StoredRevision(const StoredRevision&) = delete;
+    StoredRevision& operator=(const StoredRevision&) = delete;
+
+    // Called before the first transaction. What the storage was loaded with is stored.
+    void Watch(StorageHandle& storage);
+
+    // Both written and flushed; 0 when nothing is stored.
+    std::int64_t Get() const;
+    // Flushed; the asynchronous writer may not have written it yet.
+    std::int64_t Flushed() const { return m_flushed.load(); }
+
+  private:
+    static void K9EREPL_CALL OnRevision(std::int64_t lastRev, void* context);
+
+    std::atomic<std::int64_t> m_flushed{0};
+    std::atomic<std::int64_t> m_written{0};
+};
 
 // What was committed in this run.
 struct AppendTotals {

@@ -1,10 +1,14 @@
-// The cat command: enumerates and prints.
-#include "cat_command.h"
-
+// The cat command: enumerates and prints records in one of its formats.
 #include <fmt/format.h>
+#include <k9erepl/storage.h>
 
+#include <cstdint>
 #include <exception>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <string_view>
 
+#include "commands.h"
 #include "interrupts.h"
 #include "output.h"
 #include "storage_handle.h"
@@ -13,6 +17,121 @@
 namespace k9repl {
 
 namespace {
+
+unsigned ByteAt(std::string_view bytes, std::size_t i) {
+    return i < bytes.size() ? static_cast<unsigned char>(bytes[i]) : 0U;
+}
+
+bool IsContinuation(unsigned byte) {
+    return (byte & 0xC0U) == 0x80U;
+}
+
+// The size in bytes of the character at the start of `bytes`, 0 when there is no valid one.
+std::size_t Utf8CharacterSize(std::string_view bytes) {
+    const unsigned first = ByteAt(bytes, 0);
+    const unsigned second = ByteAt(bytes, 1);
+    if (first < 0x80) {
+        return 1;
+    }
+    if (first < 0xC2 || first > 0xF4 || !IsContinuation(second)) {
+        return 0;
+    }
+    if (first < 0xE0) {
+        return 2;
+    }
+    const bool overlong = (first == 0xE0 && second < 0xA0) || (first == 0xF0 && second < 0x90);
+    const bool surrogate = first == 0xED && second > 0x9F;
+    const bool tooHigh = first == 0xF4 && second > 0x8F;
+    if (overlong || surrogate || tooHigh || !IsContinuation(ByteAt(bytes, 2))) {
+        return 0;
+    }
+    if (first < 0xF0) {
+        return 3;
+    }
+    return IsContinuation(ByteAt(bytes, 3)) ? 4 : 0;
+}
+
+// Strictly: no overlong forms, no surrogates, nothing above U+10FFFF.
+bool IsUtf8(std::string_view bytes) {
+    while (!bytes.empty()) {
+        const std::size_t size = Utf8CharacterSize(bytes);
+        if (size == 0) {
+            return false;
+        }
+        bytes.remove_prefix(size);
+    }
+    return true;
+}
+
+// With the alphabet of "+" and "/", padded with "=".
+std::string ToBase64(std::string_view bytes) {
+    constexpr std::string_view kAlphabet =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string text;
+    text.reserve((bytes.size() + 2) / 3 * 4);
+    for (std::size_t i = 0; i < bytes.size(); i += 3) {
+        const std::uint32_t three =
+            ByteAt(bytes, i) << 16U | ByteAt(bytes, i + 1) << 8U | ByteAt(bytes, i + 2);
+        text += kAlphabet[three >> 18U];
+        text += kAlphabet[three >> 12U & 63U];
+        text += i + 1 < bytes.size() ? kAlphabet[three >> 6U & 63U] : '=';
+        text += i + 2 < bytes.size() ? kAlphabet[three & 63U] : '=';
+    }
+    return text;
+}
+
+std::string_view DataOf(const K9eReplRec& record) {
+    return {reinterpret_cast<const char*>(record.data), record.dataSize};
+}
+
+std::string LengthOf(const K9eReplRec& record) {
+    std::string length;
+    for (unsigned shift = 0; shift < 32; shift += 8) {
+        length += static_cast<char>(record.dataSize >> shift & 0xFFU);
+    }
+    return length;
+}
+
+std::string JsonOf(const K9eReplRec& record) {
+    const std::string_view data = DataOf(record);
+    nlohmann::ordered_json json;
+    json["rev"] = std::int64_t{record.rev};
+    json["userWord"] = std::uint32_t{record.userWord};
+    json["size"] = std::uint32_t{record.dataSize};
+    if (IsUtf8(data)) {
+        json["data"] = data;
+    } else {
+        json["base64"] = ToBase64(data);
+    }
+    return json.dump() + '\n';
+}
+
+// Writes records in one of the formats.
+class RecordPrinter {
+  public:
+    RecordPrinter(Output& output, RecordFormat format) : m_output(output), m_format(format) {}
+
+    // False when the output has failed.
+    bool Print(const K9eReplRec& record);
+
+  private:
+    Output& m_output;
+    const RecordFormat m_format;
+};
+
+bool RecordPrinter::Print(const K9eReplRec& record) {
+    switch (m_format) {
+        case RecordFormat::kRaw:
+            return m_output.Write(DataOf(record));
+        case RecordFormat::kLines:
+            return m_output.Write(DataOf(record)) && m_output.Write("\n");
+        case RecordFormat::kJson:
+            return m_output.Write(JsonOf(record));
+        case RecordFormat::kLengthPrefixed:
+            return m_output.Write(LengthOf(record)) && m_output.Write(DataOf(record));
+    }
+    return false;
+}
 
 struct PrintingContext {
     RecordPrinter& printer;

@@ -1,18 +1,24 @@
-// The clear command: looks, clears, looks again, and tells the difference.
-#include "clear_command.h"
-
+// The clear command: looks, clears, looks again, and tells the difference. A squeeze shows how far
+// it is, by the sizes in the library's information messages.
 #include <fmt/format.h>
+#include <k9erepl/storage.h>
 
 #include <algorithm>
+#include <charconv>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
 
-#include "confirmation.h"
-#include "file_identity.h"
-#include "index_facts.h"
-#include "removal_report.h"
-#include "squeeze_files.h"
-#include "squeeze_progress.h"
+#include "commands.h"
+#include "files_beside.h"
+#include "interrupts.h"
+#include "library_log.h"
+#include "output.h"
+#include "removal.h"
 #include "storage_facts.h"
 #include "storage_handle.h"
+#include "system.h"
 #include "tool_error.h"
 
 namespace k9repl {
@@ -41,6 +47,73 @@ void AskFirst(const ClearOptions& options) {
     }
     RequireTerminal("clears");
     RequireConfirmation(question);
+}
+
+constexpr std::string_view kCopying = "Copying data to temporary file; from offset ";
+constexpr std::string_view kSizeToWrite = "size to write ";
+constexpr std::string_view kWritten = "Written ";
+
+std::optional<std::uint64_t> LeadingNumber(std::string_view text) {
+    std::uint64_t number = 0;
+    const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
+    return result.ec == std::errc() ? std::optional(number) : std::nullopt;
+}
+
+std::string InterruptRemark() {
+    const int signal = InterruptSignal();
+    return signal == 0 ? std::string()
+                       : std::string("; ") + InterruptName(signal) +
+                             ": finishing the squeeze, once more ends it here";
+}
+
+// How far a squeeze has copied, as a line on the terminal: listens, while it lives, to what the
+// library logs of its copying. Silent without a terminal and where the user steers the log. One at
+// a time.
+class SqueezeProgress {
+  public:
+    SqueezeProgress();
+    ~SqueezeProgress();
+    SqueezeProgress(const SqueezeProgress&) = delete;
+    SqueezeProgress& operator=(const SqueezeProgress&) = delete;
+
+  private:
+    void OnInformation(std::string_view text) noexcept;
+    void Show(std::uint64_t copied);
+
+    ProgressLine m_line;
+    std::uint64_t m_total = 0;  // bytes that are to be copied
+};
+
+SqueezeProgress::SqueezeProgress() {
+    if (m_line.IsVisible()) {
+        LibraryLog::Instance().Listen([this](std::string_view text) { OnInformation(text); });
+    }
+}
+
+SqueezeProgress::~SqueezeProgress() {
+    if (m_line.IsVisible()) {
+        LibraryLog::Instance().Listen({});
+    }
+}
+
+void SqueezeProgress::OnInformation(std::string_view text) noexcept {
+    if (text.starts_with(kCopying)) {
+        const std::size_t at = text.find(kSizeToWrite);
+        if (at != std::string_view::npos) {
+            m_total = LeadingNumber(text.substr(at + kSizeToWrite.size())).value_or(0);
+            Show(0);
+        }
+    } else if (text.starts_with(kWritten) && m_total != 0) {
+        if (const auto copied = LeadingNumber(text.substr(kWritten.size()))) {
+            Show(*copied);
+        }
+    }
+}
+
+// The copy counts only once it is on the disk, which may take as long as the copying.
+void SqueezeProgress::Show(std::uint64_t copied) {
+    const std::string waiting = copied == m_total ? ", waiting for the disk" : "";
+    m_line.ShowCopied(copied, m_total, waiting + InterruptRemark());
 }
 
 // One run of the command, from the loaded storage to its close.

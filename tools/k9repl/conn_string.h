@@ -1,35 +1,30 @@
-// The few settings of a connection string that the tool itself needs, read by the library's rules
-// (docs/configuration.md): first item with the key wins, blanks around keys do not count.
+// Connection strings: whether one says what its author meant, and the few settings that the tool
+// itself needs, read by the library's own functions. The command line checks every --conn.
 #ifndef K9EREPL_K9REPL_CONN_STRING_H
 #define K9EREPL_K9REPL_CONN_STRING_H
 
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace k9repl {
 
-// One item of a connection string; it lives as long as the string.
-struct ConnItem {
-    std::string_view key;    // without blanks around it
-    std::string_view value;  // without blanks in front of it; empty without "="
-};
-
-// The items in their order; empty ones (";;") are left out.
-std::vector<ConnItem> ConnItems(std::string_view conn);
+// Empty when every item of `conn` is a known key with a value of its kind, given once, and with an
+// effect; else a sentence that names the item and the nearest known one. Ranges of numbers are the
+// library's to judge.
+std::string WhatIsWrongWith(std::string_view conn);
 
 // The value of `key`, or an empty text when it is absent.
-std::string ConnValue(std::string_view conn, std::string_view key);
+std::string ConnValue(const std::string& conn, const char* key);
 
 // The storage file's path, as it stands.
-std::string StoragePath(std::string_view conn);
+std::string StoragePath(const std::string& conn);
 
 // The index file's path: index_file, else derived from file; empty when there is none.
-std::string IndexPath(std::string_view conn);
+std::string IndexPath(const std::string& conn);
 
 // "block_size=200", with ", the default" behind it where `conn` has none.
-std::string BlockSizeInWords(std::string_view conn);
+std::string BlockSizeInWords(const std::string& conn);
 
 // The size in bytes that every record of a storage file fits into, its head of 24 bytes included.
 inline constexpr std::uint32_t kFileRecordSizeMax = 10485760;
@@ -40,7 +35,7 @@ struct RecordLimit {
     std::uint32_t dataSizeMax;
     std::string reason;
 };
-RecordLimit RecordLimitOf(std::string_view conn);
+RecordLimit RecordLimitOf(const std::string& conn);
 
 }  // namespace k9repl
 

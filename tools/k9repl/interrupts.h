@@ -1,9 +1,11 @@
 // SIGINT, SIGTERM and SIGHUP as a request to finish cleanly. A second signal of the same kind ends
 // the process at once. On Windows Ctrl-C and Ctrl-Break are SIGINT, the end of the console window
-// or of the session SIGHUP, and the machine's shutdown SIGTERM. Used by the input, which waits, and
-// by cat, which asks between records.
+// or of the session SIGHUP, and the machine's shutdown SIGTERM. Used by the
+// streams, which wait, and by commands, which ask between two steps.
 #ifndef K9EREPL_K9REPL_INTERRUPTS_H
 #define K9EREPL_K9REPL_INTERRUPTS_H
+
+#include <cstdint>
 
 namespace k9repl {
 
@@ -16,6 +18,11 @@ int InterruptSignal();
 
 // "SIGTERM"; "a signal" for one that is not caught.
 const char* InterruptName(int signal);
+
+// How a wait of posix/ or windows/ learns of an interrupt: a descriptor that becomes readable, on
+// Windows the handle of an event that is set, with the first caught signal. It stays so.
+// REQUIRES: CatchInterrupts was called.
+std::intptr_t InterruptWaitObject();
 
 }  // namespace k9repl
 

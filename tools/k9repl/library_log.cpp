@@ -10,7 +10,7 @@
 #include <system_error>
 #include <utility>
 
-#include "message.h"
+#include "output.h"
 
 namespace k9repl {
 

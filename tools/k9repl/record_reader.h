@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "conn_string.h"
-#include "input_file.h"
+#include "streams.h"
 
 namespace k9repl {
 

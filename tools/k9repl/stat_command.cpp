@@ -1,19 +1,21 @@
 // The stat command: asks the storage and its files, prints one fact a line or one JSON object.
-#include "stat_command.h"
-
 #include <fmt/format.h>
 
+#include <cstdint>
+#include <cstring>
+#include <fstream>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "commands.h"
 #include "conn_string.h"
-#include "index_facts.h"
+#include "files_beside.h"
+#include "index/index_format.h"
 #include "library_log.h"
 #include "output.h"
-#include "squeeze_files.h"
 #include "storage_facts.h"
 #include "storage_handle.h"
 #include "tool_error.h"
@@ -57,6 +59,19 @@ void AddDamage(std::vector<Fact>& facts, const std::optional<FileDamage>& damage
         facts.push_back({"revisions beyond", "beyond",
                          fmt::format("{} to {}", damage->beyondFrom, damage->beyondTo)});
     }
+}
+
+// The number of blocks that the index file lists, when its header is one. The file is only an aid;
+// what cannot be read is simply not known.
+std::optional<std::uint32_t> IndexedBlocks(const std::string& path) {
+    k9erepl::TIndexHeader header = {};
+    std::ifstream file(path, std::ios::binary);
+    if (!file.read(reinterpret_cast<char*>(&header), sizeof header) ||
+        std::memcmp(header.magic, k9erepl::kIndexMagic, k9erepl::kIndexMagicSize) != 0 ||
+        header.version != k9erepl::kIndexVersion) {
+        return std::nullopt;
+    }
+    return header.count;
 }
 
 std::vector<Fact> Gather(const StorageHandle& storage, const std::string& conn) {

@@ -5,7 +5,7 @@
 
 #include <limits>
 
-#include "index_facts.h"
+#include "files_beside.h"
 
 namespace k9repl {
 

@@ -10,9 +10,8 @@
 #include <utility>
 
 #include "conn_string.h"
+#include "files_beside.h"
 #include "library_log.h"
-#include "result_names.h"
-#include "squeeze_files.h"
 #include "tool_error.h"
 
 namespace k9repl {

@@ -14,6 +14,7 @@ namespace k9repl {
 inline constexpr int kExitSuccess = 0;
 inline constexpr int kExitFailure = 1;
 inline constexpr int kExitUsage = 2;
+inline constexpr int kExitTornEnd = 3;  // verify alone: the storage file ends torn
 inline constexpr int kExitDamaged = 4;  // the storage file is damaged in the middle
 inline constexpr int kExitSignalBase = 128;
 
@@ -42,6 +43,10 @@ ToolError SystemError(const std::string& action, std::error_code cause);
 // "interrupted by SIGTERM", with the exit status that tells the signal.
 // REQUIRES: a signal was caught.
 ToolError InterruptError(const std::string& addition = {});
+
+// "code 4, RC_SYSTEM_ERROR: a call to the operating system failed"; for a number that is no result
+// code of the library, "code 99".
+std::string DescribeResult(std::uint32_t code);
 
 }  // namespace k9repl
 

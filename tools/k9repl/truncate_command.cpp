@@ -1,12 +1,10 @@
 // The truncate command: asks, truncates, and tells what is gone.
-#include "truncate_command.h"
-
 #include <fmt/format.h>
 
-#include "confirmation.h"
+#include "commands.h"
 #include "conn_string.h"
-#include "index_facts.h"
-#include "removal_report.h"
+#include "files_beside.h"
+#include "removal.h"
 #include "storage_facts.h"
 #include "storage_handle.h"
 #include "tool_error.h"

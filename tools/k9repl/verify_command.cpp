@@ -1,14 +1,13 @@
 // The verify command: checks the storage file and words what was found.
-#include "verify_command.h"
-
 #include <fmt/format.h>
 
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "commands.h"
 #include "conn_string.h"
+#include "files_beside.h"
 #include "output.h"
-#include "squeeze_files.h"
 #include "storage_check.h"
 #include "storage_facts.h"
 #include "support/memory_path.h"

@@ -9,8 +9,7 @@
 #include <cassert>
 #include <cerrno>
 
-#include "interrupt_descriptor.h"
-#include "posix/last_error.h"
+#include "system.h"
 #include "tool_error.h"
 
 namespace k9repl {
@@ -67,7 +66,7 @@ const char* InterruptName(int signal) {
     }
 }
 
-int InterruptDescriptor() {
+std::intptr_t InterruptWaitObject() {
     assert(g_wakePipe[0] >= 0);
     return g_wakePipe[0];
 }

@@ -5,8 +5,9 @@
 #include <atomic>
 #include <cassert>
 
+#include "platform/windows/win32.h"
+#include "system.h"
 #include "tool_error.h"
-#include "windows/interrupt_event.h"
 
 namespace k9repl {
 
@@ -79,9 +80,9 @@ const char* InterruptName(int signal) {
     }
 }
 
-HANDLE InterruptEvent() {
+std::intptr_t InterruptWaitObject() {
     assert(g_wake != nullptr);
-    return g_wake;
+    return reinterpret_cast<std::intptr_t>(g_wake);
 }
 
 }  // namespace k9repl

@@ -1,7 +1,6 @@
-// The volume's serial number and the file's number on it.
-#include "file_identity.h"
-
-#include "windows/win32.h"
+// Files by their volume's serial number and their number on it.
+#include "system.h"
+#include "platform/windows/win32.h"
 
 namespace k9repl {
 
@@ -22,6 +21,15 @@ FileIdentity IdentityOf(const std::string& path) {
     }
     const std::uint64_t high = facts.nFileIndexHigh;
     return {facts.dwVolumeSerialNumber, high << 32 | facts.nFileIndexLow};
+}
+
+// Links to files are rare here and need a privilege: the library takes a path as it stands.
+std::string FollowLink(const std::string& path) {
+    return path;
+}
+
+std::error_code LastError() {
+    return {static_cast<int>(GetLastError()), std::system_category()};
 }
 
 }  // namespace k9repl

@@ -1,14 +1,13 @@
 // Looks for the files and words what they mean.
-#include "squeeze_files.h"
+#include "files_beside.h"
 
 #include <fmt/format.h>
 
 #include <filesystem>
 #include <system_error>
 
-#include "index_facts.h"
-#include "links.h"
 #include "storage_check.h"
+#include "system.h"
 #include "tool_error.h"
 
 namespace k9repl {
@@ -28,6 +27,12 @@ std::optional<FileBeside> Find(const std::string& storagePath, const char* endin
 }
 
 }  // namespace
+
+std::optional<std::uint64_t> FileSize(const std::string& path) {
+    std::error_code error;
+    const std::uint64_t size = std::filesystem::file_size(path, error);
+    return error ? std::nullopt : std::optional(size);
+}
 
 std::optional<FileBeside> FindTemporary(const std::string& storagePath) {
     return Find(storagePath, ".temporary");

@@ -1,14 +1,16 @@
-// Prints the question and reads one line.
-#include "confirmation.h"
+// Prints the question and reads one line; words and prints the ends of clear and truncate.
+#include "removal.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <cctype>
 
-#include "input_file.h"
-#include "message.h"
-#include "terminal.h"
+#include "files_beside.h"
+#include "interrupts.h"
+#include "output.h"
+#include "storage_facts.h"
+#include "streams.h"
 #include "tool_error.h"
 
 namespace k9repl {
@@ -54,6 +56,30 @@ void RequireConfirmation(const std::string& question) {
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     if (answer != "y" && answer != "yes") {
         throw ToolError("not confirmed; nothing was changed");
+    }
+}
+
+void PrintReport(const std::string& report, const std::string& done) {
+    try {
+        Output output(OnInterrupt::kFinish);
+        output.Write(report);
+        output.Finish();
+    } catch (const ToolError& error) {
+        throw ToolError(std::string(error.what()) + "; " + done);
+    }
+}
+
+std::string BackupLine(const std::string& storagePath, bool made) {
+    const auto backup = FindBackup(storagePath);
+    if (!backup) {
+        return FactLine("backup file", "none");
+    }
+    return FactLine("backup file", Describe(*backup) + (made ? "" : ", of an earlier squeeze"));
+}
+
+void ThrowIfInterrupted(const std::string& addition) {
+    if (InterruptSignal() != 0) {
+        throw InterruptError(addition);
     }
 }
 

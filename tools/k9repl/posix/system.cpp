@@ -1,10 +1,19 @@
-// Follows a chain of links, step by step.
-#include "links.h"
+// Files by device and inode; links followed step by step.
+#include "system.h"
 
+#include <sys/stat.h>
+#include <cerrno>
 #include <filesystem>
-#include <system_error>
 
 namespace k9repl {
+
+FileIdentity IdentityOf(const std::string& path) {
+    struct stat status = {};
+    if (stat(path.c_str(), &status) != 0) {
+        return {};
+    }
+    return {status.st_dev, status.st_ino};
+}
 
 std::string FollowLink(const std::string& path) {
     namespace fs = std::filesystem;
@@ -19,6 +28,10 @@ std::string FollowLink(const std::string& path) {
         reached = reached.parent_path() / target;
     }
     return path;
+}
+
+std::error_code LastError() {
+    return {errno, std::generic_category()};
 }
 
 }  // namespace k9repl

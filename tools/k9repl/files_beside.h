@@ -1,15 +1,19 @@
-// The files that the library makes beside a storage file. Of a squeeze: ".temporary", the copy
-// while it is not yet complete, and ".backup", the file as it was before. Of a load:
+// Files by their path: their size, and those that the library makes beside a storage file. Of a
+// squeeze: ".temporary", the copy while it is not yet complete, and ".backup", the file as it was
+// before. Of a load:
 // ".damaged-tail", what lay behind a damage. Where one was left behind, these sentences say what it
 // is and what to do. Used wherever a storage is opened, by stat and by clear.
-#ifndef K9EREPL_K9REPL_SQUEEZE_FILES_H
-#define K9EREPL_K9REPL_SQUEEZE_FILES_H
+#ifndef K9EREPL_K9REPL_FILES_BESIDE_H
+#define K9EREPL_K9REPL_FILES_BESIDE_H
 
 #include <cstdint>
 #include <optional>
 #include <string>
 
 namespace k9repl {
+
+// The size in bytes of the file at `path`, when there is one.
+std::optional<std::uint64_t> FileSize(const std::string& path);
 
 struct FileBeside {
     std::string path;
@@ -40,4 +44,4 @@ std::string NoRoomForCopy(const std::string& storagePath, std::int64_t keptFrom)
 
 }  // namespace k9repl
 
-#endif  // K9EREPL_K9REPL_SQUEEZE_FILES_H
+#endif  // K9EREPL_K9REPL_FILES_BESIDE_H

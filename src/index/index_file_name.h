@@ -1,0 +1,17 @@
+// Where the index file of a storage lies. The index and the storage file ask here, and the
+// command-line tool compiles the source by itself: it needs no other part of the library.
+#ifndef K9EREPL_INDEX_INDEX_FILE_NAME_H
+#define K9EREPL_INDEX_INDEX_FILE_NAME_H
+
+#include <string>
+
+namespace k9erepl {
+
+// The path of the index file: the setting index_file, else derived from the setting file
+// ("data.edb" gives "data.edb-idx", "data" and "data." give "data.edb-idx"). Empty when there is
+// none: file is ":memory:" in any case of letters, or neither setting is there.
+std::string IndexFileName(const char* connStr);
+
+}  // namespace k9erepl
+
+#endif  // K9EREPL_INDEX_INDEX_FILE_NAME_H

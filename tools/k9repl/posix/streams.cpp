@@ -1,0 +1,128 @@
+// Streams over descriptors. A wait watches the interrupts' descriptor, too.
+#include "streams.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cassert>
+#include <cerrno>
+#include <climits>
+
+#include "interrupts.h"
+#include "system.h"
+#include "tool_error.h"
+
+namespace k9repl {
+
+namespace {
+
+int InterruptDescriptor() {
+    return static_cast<int>(InterruptWaitObject());
+}
+
+// Waits until a piece can be written; an interrupt comes first.
+std::error_code WaitForRoom() {
+    for (;;) {
+        pollfd waits[] = {{STDOUT_FILENO, POLLOUT, 0}, {InterruptDescriptor(), POLLIN, 0}};
+        const int ready = poll(waits, 2, -1);
+        if (ready < 0 && errno != EINTR) {
+            return LastError();
+        }
+        if (InterruptSignal() != 0) {
+            return std::make_error_code(std::errc::interrupted);
+        }
+        if (ready > 0) {
+            return {};
+        }
+    }
+}
+
+}  // namespace
+
+InputFile::InputFile(const std::string& path)
+    : m_name(path == "-" ? std::string("standard input") : "'" + path + "'"),
+      m_isStandardInput(path == "-") {
+    m_stream = m_isStandardInput ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (m_stream < 0) {
+        throw SystemError("open the input " + m_name, LastError());
+    }
+}
+
+InputFile::~InputFile() {
+    if (!m_isStandardInput) {
+        close(static_cast<int>(m_stream));
+    }
+}
+
+InputState InputFile::Read(char* buffer, std::size_t size, std::size_t* got, Deadline deadline) {
+    assert(size > 0);
+    const int descriptor = static_cast<int>(m_stream);
+    for (;;) {
+        pollfd waits[] = {{descriptor, POLLIN, 0}, {InterruptDescriptor(), POLLIN, 0}};
+        const int ready = poll(waits, 2, MillisecondsUntil(deadline));
+        if (ready < 0 && errno != EINTR) {
+            throw SystemError("wait for the input " + m_name, LastError());
+        }
+        if (InterruptSignal() != 0) {
+            return InputState::kInterrupted;
+        }
+        if (ready == 0 && deadline <= Deadline::clock::now()) {
+            return InputState::kTimedOut;
+        }
+        if (ready <= 0) {
+            continue;
+        }
+        const ssize_t count = read(descriptor, buffer, size);
+        if (count >= 0) {
+            *got = static_cast<std::size_t>(count);
+            return count == 0 ? InputState::kEnd : InputState::kData;
+        }
+        if (errno != EINTR && errno != EAGAIN) {
+            throw SystemError("read the input " + m_name, LastError());
+        }
+    }
+}
+
+// Writes pieces that never block once poll has said that there is room.
+std::error_code WriteToStandardOutput(std::string_view bytes, OnInterrupt onInterrupt) {
+    while (!bytes.empty()) {
+        if (onInterrupt == OnInterrupt::kStop) {
+            if (const std::error_code error = WaitForRoom()) {
+                return error;
+            }
+        }
+        const std::size_t piece = std::min<std::size_t>(bytes.size(), PIPE_BUF);
+        const ssize_t written = write(STDOUT_FILENO, bytes.data(), piece);
+        if (written < 0 && errno != EINTR && errno != EAGAIN) {
+            return LastError();
+        }
+        bytes.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(written, 0)));
+    }
+    return {};
+}
+
+// A closed stream gets the empty device, in the direction that the stream is not used in.
+void PrepareStandardStreams() {
+    for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
+        if (fcntl(stream, F_GETFD) < 0) {
+            // The lowest free descriptor, which is this one.
+            open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+        }
+    }
+}
+
+bool StandardErrorIsTerminal() {
+    return isatty(STDERR_FILENO) == 1;
+}
+
+bool StandardInputIsTerminal() {
+    return isatty(STDIN_FILENO) == 1;
+}
+
+bool StandardErrorErasesLines() {
+    return StandardErrorIsTerminal();
+}
+
+}  // namespace k9repl
