@@ -3,14 +3,14 @@
 
 #include <k9erepl/storage.h>
 
-#include <cassert>
+#include <memory>
 #include <new>
 
 #include "index/index_file.h"
 #include "index/index_worker.h"
 #include "platform/clock.h"
 #include "platform/system_error.h"
-#include "platform/wait_result.h"
+#include "platform/thread.h"
 #include "support/log.h"
 #include "support/params.h"
 #include "support/storage_exception.h"
@@ -22,8 +22,6 @@ namespace {
 constexpr u32 kStopWaitMs = 20000;     // for a save in progress and the thread's end together
 constexpr u32 kLastJoinWaitMs = 1000;  // for the thread's end, when the save used it all up
 constexpr u32 kPollMs = 1;
-constexpr u32 kTerminatedExitCode = 20;
-constexpr u32 kNeverRanExitCode = 1;
 
 u32 ReadAffinity(const char* connStr) {
     i32 mask = 0;
@@ -64,7 +62,7 @@ u32 IndexObject::Start() {
 }
 
 void IndexObject::Stop() {
-    if (m_thread == nullptr) {
+    if (!m_thread.IsThere()) {
         return;
     }
     IndexWorker& worker = *m_worker.load();
@@ -76,18 +74,20 @@ void IndexObject::Stop() {
     if (!worker.IsFinished()) {
         worker.SendStop();
     }
-    if (!EndThread(joinMs)) {
+    const u32 rc = m_thread.End(joinMs, [](u32 code) {
+        LOG_ERROR_CODE(code, kLogIndex, "K9ThreadWait() failed; terminating thread");
+    });
+    if (rc != RC_OK) {
         GiveUpThread();
         return;
     }
-    m_thread.reset();
     LOG_INFO(kLogIndex, "Thread closed");
     worker.CleanUp();
     worker.ReportTimes();
 }
 
 void IndexObject::EndWriting() {
-    if (m_thread == nullptr) {
+    if (!m_thread.IsThere()) {
         return;
     }
     IndexWorker& worker = *m_worker.load();
@@ -105,10 +105,10 @@ void IndexObject::LeaveToParent() {
     if (worker != nullptr) {
         worker->CloseFile();
     }
-    if (m_thread == nullptr) {
+    if (!m_thread.IsThere()) {
         delete worker;
     }
-    (void)m_thread.release();
+    m_thread.LeaveToParent();
 }
 
 u32 IndexObject::RequestSave(const BlockIndex& blockIndex, IndexSaveMode mode) {
@@ -161,7 +161,7 @@ bool IndexObject::MakeWorker() {
 
 u32 IndexObject::RunThread(IndexWorker& worker) {
     LOG_INFO(kLogIndex, "Starting thread");
-    const u32 rc = LaunchThread(worker);
+    const u32 rc = m_thread.Start(&IndexWorker::ThreadBody, &worker, m_affinity);
     if (rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogIndex, "Couldn't begin thread: K9ThreadCreate failed; sysErr %r",
                        platform::LastSystemError());
@@ -177,24 +177,11 @@ u32 IndexObject::RunThread(IndexWorker& worker) {
     return RC_OK;
 }
 
-u32 IndexObject::LaunchThread(IndexWorker& worker) {
-    m_thread.reset(NewInParserMemory<platform::Thread>());
-    if (m_thread == nullptr) {
-        return RC_NO_MEMORY;
-    }
-    const bool launched = m_thread->Create(&IndexWorker::ThreadBody, &worker) &&
-                          (m_affinity == 0 || m_thread->SetAffinity(m_affinity)) &&
-                          m_thread->Resume();
-    return launched ? RC_OK : RC_SYSTEM_ERROR;
-}
-
-// The thread, if there is one, has not run.
 void IndexObject::AbandonLaunch(IndexWorker& worker) {
-    if (m_thread != nullptr && m_thread->IsCreated() && !m_thread->Terminate(kNeverRanExitCode)) {
+    if (!m_thread.CallOff()) {
         GiveUpThread();
         return;
     }
-    m_thread.reset();
     worker.CleanUp();
 }
 
@@ -222,29 +209,16 @@ u32 IndexObject::WaitForSave(const IndexWorker& worker) {
     }
 }
 
-// False when the thread still runs.
-bool IndexObject::EndThread(u32 joinMs) {
-    const platform::WaitResult result = m_thread->Join(joinMs);
-    if (result == platform::WaitResult::kSignalled) {
-        return true;
-    }
-    const u32 rc = result == platform::WaitResult::kTimedOut ? RC_TIMEOUT : RC_SYSTEM_ERROR;
-    LOG_ERROR_CODE(rc, kLogIndex, "K9ThreadWait() failed; terminating thread");
-    return m_thread->Terminate(kTerminatedExitCode);
-}
-
 // It is in the idle call and cannot be joined. The worker goes with it.
 void IndexObject::LeaveThreadToItself(IndexWorker& worker) {
     worker.LeaveToTheThread();
-    m_thread->Detach();
-    m_thread.reset();
+    m_thread.LetGo();
     m_worker = nullptr;
 }
 
 void IndexObject::GiveUpThread() {
     LOG_ERROR_CODE(RC_TIMEOUT, kLogIndex, "Cannot terminate thread; its memory stays allocated");
-    m_thread->Detach();
-    m_thread.reset();
+    m_thread.LetGo();
     m_worker = nullptr;
 }
 

@@ -6,14 +6,12 @@
 #include <k9erepl/storage_interfaces.h>
 
 #include <atomic>
-#include <memory>
 #include <string>
 
 #include "index/block_index.h"
 #include "index/index_save_mode.h"
 #include "platform/int_types.h"
-#include "platform/thread.h"
-#include "support/parser_memory.h"
+#include "support/worker_thread.h"
 
 namespace k9erepl {
 
@@ -71,15 +69,11 @@ class IndexObject {
     bool IsFinished() const;
 
   private:
-    using ThreadRecord = std::unique_ptr<platform::Thread, ParserMemoryDeleter>;
-
     bool MakeWorker();
     u32 RunThread(IndexWorker& worker);
-    u32 LaunchThread(IndexWorker& worker);
     void AbandonLaunch(IndexWorker& worker);
     u32 RequestWithoutWorker(IndexSaveMode mode) const;
     static u32 WaitForSave(const IndexWorker& worker);
-    bool EndThread(u32 joinMs);
     void LeaveThreadToItself(IndexWorker& worker);
     void GiveUpThread();
 
@@ -89,7 +83,7 @@ class IndexObject {
     const u32 m_waitMs;
     u32 m_affinity = 0;  // 0: as the system likes
 
-    ThreadRecord m_thread;  // from Start to Stop
+    WorkerThread m_thread;  // from Start to Stop
     // Null after a thread was given up together with its worker. Workers are not freed while this
     // object lives, so that flags can be tested without a lock.
     std::atomic<IndexWorker*> m_worker{nullptr};

@@ -19,8 +19,6 @@ namespace {
 
 constexpr u32 kWaitMs = 60000;
 constexpr u32 kMostFreeCommitCopies = 16384;
-constexpr u32 kNeverRanExitCode = 1;
-constexpr u32 kTerminatedExitCode = 20;
 
 }  // namespace
 
@@ -69,19 +67,11 @@ AsyncStorageWriter::~AsyncStorageWriter() {
 }
 
 u32 AsyncStorageWriter::StartThread(u32 affinity) {
-    m_thread.reset(NewInParserMemory<platform::Thread>());
-    if (m_thread == nullptr) {
-        return RC_NO_MEMORY;
+    const u32 rc = m_thread.Start(&ThreadBody, this, affinity);
+    if (rc != RC_OK && !m_thread.CallOff()) {
+        m_thread.LetGo();  // it has never run and has nothing of ours
     }
-    if (m_thread->Create(&ThreadBody, this) && (affinity == 0 || m_thread->SetAffinity(affinity)) &&
-        m_thread->Resume()) {
-        return RC_OK;
-    }
-    if (m_thread->IsCreated() && !m_thread->Terminate(kNeverRanExitCode)) {
-        m_thread->Detach();  // it has never run and has nothing of ours
-    }
-    m_thread.reset();
-    return RC_SYSTEM_ERROR;
+    return rc;
 }
 
 u32 AsyncStorageWriter::PushToAsyncQueue(const CAsyncQueueElem& work) {
@@ -256,7 +246,7 @@ u32 AsyncStorageWriter::ClearUndone() {
 }
 
 bool AsyncStorageWriter::MayStillWrite() const {
-    return m_thread != nullptr && !m_ended.load(std::memory_order_acquire);
+    return m_thread.MayStillRun() && !m_ended.load(std::memory_order_acquire);
 }
 
 bool AsyncStorageWriter::IsOnOwnThread() const {
@@ -265,7 +255,7 @@ bool AsyncStorageWriter::IsOnOwnThread() const {
 
 bool AsyncStorageWriter::LeaveToParent() {
     m_file.Close();
-    return m_thread == nullptr;
+    return !m_thread.MayStillRun();
 }
 
 // Needs no memory, so that what is queued is written whatever happens.
@@ -282,21 +272,19 @@ void AsyncStorageWriter::PushStop() {
 }
 
 bool AsyncStorageWriter::Shutdown() {
-    if (m_thread == nullptr) {
-        return true;
+    if (!m_thread.IsThere()) {
+        return !m_thread.MayStillRun();
     }
     PushStop();
-    if (const WaitResult result = m_thread->Join(kWaitMs); result != WaitResult::kSignalled) {
-        const u32 rc = result == WaitResult::kTimedOut ? RC_TIMEOUT : RC_SYSTEM_ERROR;
-        LOG_ERROR_CODE(rc, kLogStorage, "K9ThreadWait() failed; terminating thread");
-        if (!m_thread->Terminate(kTerminatedExitCode)) {
-            LOG_ERROR_CODE(rc, kLogStorage,
-                           "Cannot terminate writing thread; its memory stays allocated");
-            m_thread->Detach();
-            return false;
-        }
+    const u32 rc = m_thread.End(kWaitMs, [](u32 code) {
+        LOG_ERROR_CODE(code, kLogStorage, "K9ThreadWait() failed; terminating thread");
+    });
+    if (rc != RC_OK) {
+        LOG_ERROR_CODE(rc, kLogStorage,
+                       "Cannot terminate writing thread; its memory stays allocated");
+        m_thread.LetGo();
+        return false;
     }
-    m_thread.reset();
     if (m_file.IsOpen()) {
         FlushNow();
     }

@@ -8,8 +8,7 @@
 
 #include "memory/blocks_pool_manager.h"
 #include "platform/event.h"
-#include "platform/thread.h"
-#include "support/parser_memory.h"
+#include "support/worker_thread.h"
 #include "writers/async_buffer.h"
 #include "writers/async_queue.h"
 #include "writers/storage_writer.h"
@@ -66,8 +65,6 @@ class AsyncStorageWriter final : public StorageWriter {
     bool LeaveToParent() override;
 
   private:
-    using ThreadRecord = std::unique_ptr<platform::Thread, ParserMemoryDeleter>;
-
     // --- The client's side
     u32 StartThread(u32 affinity);
     u32 PushToAsyncQueue(const CAsyncQueueElem& work);
@@ -106,7 +103,7 @@ class AsyncStorageWriter final : public StorageWriter {
     std::atomic<u32> m_threadId{0};    // of the writing thread while it runs its body, else 0
 
     // --- The client's
-    ThreadRecord m_thread;
+    WorkerThread m_thread;
     std::unique_ptr<CAsyncQueueElem> m_stopElem;  // null once it is queued
     u64 m_lastTicket = 0;
 

@@ -1,0 +1,77 @@
+// A thread that works for one object of the library until that is closed: the index thread and the
+// asynchronous writer's. Its owner starts it, ends it, and lets it go when it cannot be ended. Lies
+// here and not in platform because its start record lies in the host's parser memory.
+#ifndef K9EREPL_SUPPORT_WORKER_THREAD_H
+#define K9EREPL_SUPPORT_WORKER_THREAD_H
+
+#include <k9erepl/storage.h>
+
+#include <cassert>
+#include <memory>
+
+#include "platform/int_types.h"
+#include "platform/thread.h"
+#include "support/parser_memory.h"
+
+namespace k9erepl {
+
+// Nothing here logs: the owner tells failures under its own module's name, and finds the cause of a
+// false or of an RC_SYSTEM_ERROR in LastSystemError(). Used under the owner's lock, or by one
+// thread at a time.
+class WorkerThread {
+  public:
+    // Makes the thread, binds it to the processors of `affinity` (bit by bit; 0: as the system
+    // likes) and lets it run `body(argument)`, which lets foreign exceptions pass as Thread::Create
+    // asks. After RC_NO_MEMORY or RC_SYSTEM_ERROR the owner calls CallOff next.
+    // REQUIRES: !IsThere().
+    u32 Start(platform::ThreadBody body, void* argument, u32 affinity);
+
+    // Takes back a start that failed. False when there is a thread, which has not run and never
+    // will, but cannot be ended: LetGo is next. REQUIRES: Start failed.
+    bool CallOff();
+
+    // Whether a thread was started and has neither been ended nor let go.
+    bool IsThere() const { return m_record != nullptr; }
+    // The same, but also true for a thread that was let go.
+    bool MayStillRun() const { return IsThere() || m_letGo; }
+
+    // Waits for the thread's end. After `timeoutMs` milliseconds, or when waiting fails, calls
+    // `tellOverdue(code)` with RC_TIMEOUT or RC_SYSTEM_ERROR and terminates the thread. RC_OK: the
+    // thread is gone. Otherwise that code, and the thread still runs: whatever it uses must stay
+    // allocated, and LetGo is next. REQUIRES: IsThere(); not called by the thread itself.
+    template <typename TellOverdue>
+    u32 End(u32 timeoutMs, TellOverdue tellOverdue);
+
+    // Gives up a thread that cannot be ended or joined. It may run on, for ever.
+    void LetGo();
+
+    // In a forked child, where the thread is the parent's: forgets it and keeps its record.
+    void LeaveToParent() { (void)m_record.release(); }
+
+  private:
+    static u32 CodeOf(platform::WaitResult failedWait);
+    bool Terminate();
+
+    // Null while there is no thread.
+    std::unique_ptr<platform::Thread, ParserMemoryDeleter> m_record;
+    bool m_letGo = false;
+};
+
+template <typename TellOverdue>
+u32 WorkerThread::End(u32 timeoutMs, TellOverdue tellOverdue) {
+    assert(IsThere());
+    const platform::WaitResult result = m_record->Join(timeoutMs);
+    if (result != platform::WaitResult::kSignalled) {
+        const u32 rc = CodeOf(result);
+        tellOverdue(rc);
+        if (!Terminate()) {
+            return rc;
+        }
+    }
+    m_record.reset();
+    return RC_OK;
+}
+
+}  // namespace k9erepl
+
+#endif  // K9EREPL_SUPPORT_WORKER_THREAD_H
