@@ -10,6 +10,7 @@
 #include "memory/repl_block.h"
 #include "support/log.h"
 #include "support/params.h"
+#include "support/yes_no.h"
 
 namespace k9erepl {
 
@@ -134,38 +135,28 @@ u32 OpenSettings::ReadFlushTimeout(const char* connStr) {
 
 // Logs nothing when the key is absent, so existing logs do not change.
 u32 OpenSettings::ReadReadOnly(const char* connStr) {
-    std::string value;
-    GetParam(connStr, "read_only", value);
-    if (value.empty()) {
-        return RC_OK;
+    YesNo setting;
+    if (const u32 rc = ReadYesNo(connStr, "read_only", &setting); rc != RC_OK) {
+        return rc;
     }
-    readOnly = value.starts_with("yes");
-    if (!readOnly && !value.starts_with("no")) {
-        LOG_ERROR_CODE(RC_INVALID_ARG, kLogStorage, "Unknown read_only value (%s)", value.c_str());
-        return RC_INVALID_ARG;
-    }
+    readOnly = setting.yes;
     if (readOnly && flushMode == FlushMode::kNoFlush) {
         LOG_ERROR_CODE(RC_INVALID_ARG, kLogStorage,
                        "read_only cannot be used with flush_mode NoFlush");
         return RC_INVALID_ARG;
     }
-    LOG_INFO(kLogStorage, "Use read_only %s", readOnly ? "yes" : "no");
+    LogYesNo("read_only", setting);
     return RC_OK;
 }
 
 // Logs nothing when the key is absent, so existing logs do not change.
 u32 OpenSettings::ReadCheck(const char* connStr) {
-    std::string value;
-    GetParam(connStr, "check", value);
-    if (value.empty()) {
-        return RC_OK;
+    YesNo setting;
+    if (const u32 rc = ReadYesNo(connStr, "check", &setting); rc != RC_OK) {
+        return rc;
     }
-    checkWhole = value.starts_with("yes");
-    if (!checkWhole && !value.starts_with("no")) {
-        LOG_ERROR_CODE(RC_INVALID_ARG, kLogStorage, "Unknown check value (%s)", value.c_str());
-        return RC_INVALID_ARG;
-    }
-    LOG_INFO(kLogStorage, "Use check %s", checkWhole ? "yes" : "no");
+    LogYesNo("check", setting);
+    checkWhole = setting.yes;
     return RC_OK;
 }
 

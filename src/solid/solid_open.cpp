@@ -8,8 +8,8 @@
 #include "solid/storage_file_admin.h"
 #include "solid/writer_lock.h"
 #include "support/log.h"
-#include "support/params.h"
 #include "support/storage_exception.h"
+#include "support/yes_no.h"
 #include "writers/writer_factory.h"
 
 namespace k9erepl {
@@ -18,61 +18,21 @@ using platform::LastSystemError;
 
 namespace {
 
-// Reads a setting whose value begins with "yes" or "no". False when it is anything else.
-bool GetYesNo(const char* connStr, const char* key, bool* given, bool* yes, std::string* value) {
-    GetParam(connStr, key, *value);
-    *given = !value->empty();
-    *yes = value->starts_with("yes");
-    return !*given || *yes || value->starts_with("no");
-}
+enum class WhenAbsent {
+    kTellDefault,
+    kSayNothing,  // whoever does not use the setting sees the log as it was before there was one
+};
 
-const char* YesNo(bool yes) {
-    return yes ? "yes" : "no";
-}
-
-u32 ReadForceFlush(const char* connStr, bool* forceFlush) {
-    bool given = false;
-    std::string value;
-    if (!GetYesNo(connStr, "force_flush", &given, forceFlush, &value)) {
-        LOG_ERROR_CODE(RC_INVALID_ARG, kLogStorage, "Unknown force_flush value (%s)",
-                       value.c_str());
-        return RC_INVALID_ARG;
+u32 ReadSwitch(const char* connStr, const char* key, WhenAbsent whenAbsent, bool* on) {
+    YesNo setting;
+    const u32 rc = ReadYesNo(connStr, key, &setting);
+    *on = setting.yes;
+    if (rc != RC_OK) {
+        return rc;
     }
-    if (given) {
-        LOG_INFO(kLogStorage, "Use force_flush %s", YesNo(*forceFlush));
-    } else {
-        LOG_INFO(kLogStorage, "Use default force_flush 'no'");
-    }
-    return RC_OK;
-}
-
-// Absent, it is not even mentioned: whoever does not use it sees the log as it was without it.
-u32 ReadCommitBarrier(const char* connStr, bool* commitBarrier) {
-    bool given = false;
-    std::string value;
-    if (!GetYesNo(connStr, "commit_barrier", &given, commitBarrier, &value)) {
-        LOG_ERROR_CODE(RC_INVALID_ARG, kLogStorage, "Unknown commit_barrier value (%s)",
-                       value.c_str());
-        return RC_INVALID_ARG;
-    }
-    if (given) {
-        LOG_INFO(kLogStorage, "Use commit_barrier %s", YesNo(*commitBarrier));
-    }
-    return RC_OK;
-}
-
-u32 ReadWriteThrough(const char* connStr, bool* writeThrough) {
-    bool given = false;
-    std::string value;
-    if (!GetYesNo(connStr, "write_through", &given, writeThrough, &value)) {
-        LOG_ERROR_CODE(RC_INVALID_ARG, kLogStorage, "Unknown write_through value (%s)",
-                       value.c_str());
-        return RC_INVALID_ARG;
-    }
-    if (given) {
-        LOG_INFO(kLogStorage, "Use write_through %s", YesNo(*writeThrough));
-    } else {
-        LOG_INFO(kLogStorage, "Use default write_through 'no'");
+    LogYesNo(key, setting);
+    if (!setting.given && whenAbsent == WhenAbsent::kTellDefault) {
+        LOG_INFO(kLogStorage, "Use default %s 'no'", key);
     }
     return RC_OK;
 }
@@ -187,13 +147,18 @@ i64 CSolidStorage::FileSize() const {
 }
 
 u32 CSolidStorage::ReadSettings(const char* connStr) {
-    if (u32 rc = ReadForceFlush(connStr, &m_state.forceFlush); rc != RC_OK) {
+    if (u32 rc = ReadSwitch(connStr, "force_flush", WhenAbsent::kTellDefault, &m_state.forceFlush);
+        rc != RC_OK) {
         return rc;
     }
-    if (u32 rc = ReadCommitBarrier(connStr, &m_state.commitBarrier); rc != RC_OK) {
+    if (u32 rc =
+            ReadSwitch(connStr, "commit_barrier", WhenAbsent::kSayNothing, &m_state.commitBarrier);
+        rc != RC_OK) {
         return rc;
     }
-    if (u32 rc = ReadWriteThrough(connStr, &m_state.writeThrough); rc != RC_OK) {
+    if (u32 rc =
+            ReadSwitch(connStr, "write_through", WhenAbsent::kTellDefault, &m_state.writeThrough);
+        rc != RC_OK) {
         return rc;
     }
     if (u32 rc = ReadFileLock(connStr, &m_fileLock); rc != RC_OK) {

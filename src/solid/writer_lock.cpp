@@ -9,7 +9,7 @@
 #include "platform/file_names.h"
 #include "platform/system_error.h"
 #include "support/log.h"
-#include "support/params.h"
+#include "support/yes_no.h"
 
 namespace k9erepl {
 
@@ -43,18 +43,13 @@ u32 IsNameOf(const File& file, const std::string& path, bool* same) {
 }  // namespace
 
 u32 ReadFileLock(const char* connStr, bool* wanted) {
-    std::string value;
-    GetParam(connStr, "file_lock", value);
-    *wanted = value.empty() || value.starts_with("yes");
-    if (value.empty()) {
-        return RC_OK;
+    YesNo setting;
+    const u32 rc = ReadYesNo(connStr, "file_lock", &setting);
+    *wanted = !setting.given || setting.yes;
+    if (rc == RC_OK) {
+        LogYesNo("file_lock", setting);
     }
-    if (!*wanted && !value.starts_with("no")) {
-        LOG_ERROR_CODE(RC_INVALID_ARG, kLogStorage, "Unknown file_lock value (%s)", value.c_str());
-        return RC_INVALID_ARG;
-    }
-    LOG_INFO(kLogStorage, "Use file_lock %s", *wanted ? "yes" : "no");
-    return RC_OK;
+    return rc;
 }
 
 u32 LockForWriting(File& file, const std::string& path, NoLocks noLocks) {
