@@ -31,7 +31,7 @@ static uint32_t K9EREPL_CALL Print(const K9eReplRec* rec, void* context) {
 int main(int argc, char** argv) {
     const char* settings = argc > 1 ? argv[1] : "file=first.edb";
     void* storage = NULL;
-    Check(K9eReplStorageCreate(settings, 0x2)); /* keep what is there */
+    Check(K9eReplStorageCreate(settings, K9EREPL_CREATE_KEEP_EXISTING));
     Check(K9eReplStorageOpen(settings, &storage));
     Check(K9eReplStorageLoad(storage));
     Check(K9eReplStorageBeginTransaction(storage));

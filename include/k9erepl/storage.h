@@ -146,12 +146,16 @@ K9EREPL_API void K9EREPL_CALL K9eReplStorageCleanup(void);
 
 /* --- Storage files -------------------------------------------------------------------------- */
 
+/* What K9eReplStorageCreate does with a file that exists; K9EREPL_CREATE_KEEP_EXISTING wins over
+ * K9EREPL_CREATE_REPLACE. */
+#define K9EREPL_CREATE_NEW 0u           /* refuses it: the file must not exist yet */
+#define K9EREPL_CREATE_REPLACE 1u       /* empties it, and deletes its index file */
+#define K9EREPL_CREATE_KEEP_EXISTING 2u /* leaves it exactly as it is, whatever it holds */
+
 /* Makes the storage file that `connStr` (not null) names with "file", with the missing directories
  * of its path, sized to "file_initial_size" MiB. ":memory:" in any case of letters does nothing.
- * flags: 0    the file must not exist yet
- *        0x1  replace an existing file, and delete its index file
- *        0x2  leave an existing file exactly as it is, whatever it holds
- * A file that is open for writing anywhere is not replaced: RC_SYSTEM_ERROR, nothing is changed.
+ * `flags` is one of K9EREPL_CREATE_... above. A file that is open for writing anywhere is not
+ * replaced: RC_SYSTEM_ERROR, nothing is changed.
  * After a failure half-way (the disk is full) a new file is deleted again; one that was to be
  * replaced stays, and is no storage any more.
  * Errors: RC_INVALID_ARG without "file", or for an index file that is a storage file or has a name

@@ -140,7 +140,9 @@ TEST_F(Exhausted, CreateAnswersNoMemoryAndLogsIt) {
         (void)std::remove(path.c_str());
         log.Clear();
     };
-    const auto create = [&] { return K9eReplStorageCreate(connStr.c_str(), 1); };
+    const auto create = [&] {
+        return K9eReplStorageCreate(connStr.c_str(), K9EREPL_CREATE_REPLACE);
+    };
     ForEachNew(prepare, create, [&](u32 rc) {
         ExpectNoMemory(rc);
         EXPECT_TRUE(log.HasError("Out of memory while creating storage file;conn-str file=", rc));
@@ -154,7 +156,7 @@ TEST_F(Exhausted, CreateAnswersNoMemoryAndLogsIt) {
 TEST_F(Exhausted, DeleteAnswersNoMemoryAndLogsIt) {
     FixedLog log;
     const auto prepare = [&] {
-        EXPECT_EQ(K9eReplStorageCreate(connStr.c_str(), 2), RC_OK);
+        EXPECT_EQ(K9eReplStorageCreate(connStr.c_str(), K9EREPL_CREATE_KEEP_EXISTING), RC_OK);
         log.Clear();
     };
     ForEachNew(

@@ -44,7 +44,7 @@ TEST_F(IndexNames, ThatAreTheStorageItselfAreRefused) {
     EXPECT_EQ(TryOpen(conn), RC_INVALID_ARG);
     EXPECT_EQ(m_log.Texts(K9SYS_LOG_ERROR),
               Strings({error, "Failed to init storage;conn-str " + conn}));
-    EXPECT_EQ(K9eReplStorageCreate(conn.c_str(), 1), RC_INVALID_ARG);
+    EXPECT_EQ(K9eReplStorageCreate(conn.c_str(), K9EREPL_CREATE_REPLACE), RC_INVALID_ARG);
     EXPECT_EQ(K9eReplStorageDelete(conn.c_str()), RC_INVALID_ARG);
     EXPECT_EQ(m_log.Count(error), 3U);
     EXPECT_EQ(ReadBytes(m_storage.Path()), m_bytes);
@@ -55,7 +55,7 @@ TEST_F(IndexNames, ThatAreAnotherStorageAreRefused) {
     WriteBytes(other, m_bytes);
     const std::string conn = With(other);
     EXPECT_EQ(TryOpen(conn), RC_INVALID_ARG);
-    EXPECT_EQ(K9eReplStorageCreate(conn.c_str(), 1), RC_INVALID_ARG);
+    EXPECT_EQ(K9eReplStorageCreate(conn.c_str(), K9EREPL_CREATE_REPLACE), RC_INVALID_ARG);
     EXPECT_EQ(K9eReplStorageDelete(conn.c_str()), RC_INVALID_ARG);
     EXPECT_EQ(ReadBytes(other), m_bytes);
     EXPECT_EQ(ReadBytes(m_storage.Path()), m_bytes);

@@ -59,7 +59,7 @@ int main(int argc, char** argv) {
     }
     const u64 seed = std::strtoull(argv[2], nullptr, 10);
     void* storage = nullptr;
-    Check(K9eReplStorageCreate(argv[1], 0x2), "Create");
+    Check(K9eReplStorageCreate(argv[1], K9EREPL_CREATE_KEEP_EXISTING), "Create");
     Check(K9eReplStorageOpen(argv[1], &storage), "Open");
     const bool whenFlushed = std::strcmp(argv[3], "OnFlush") == 0;
     Check(whenFlushed ? K9eReplStorageSetOnFlushCallback(storage, &Acknowledge, nullptr)

@@ -123,7 +123,7 @@ void OpenStorages(const std::string& text) {
     K9eReplStorageCreate((path + text).c_str(), 0);
     OpenAndInsert(path + text);
     OpenAndInsert(path + text);
-    K9eReplStorageCreate(text.c_str(), 0x1);
+    K9eReplStorageCreate(text.c_str(), K9EREPL_CREATE_REPLACE);
     OpenAndInsert(text);
     K9eReplStorageDelete(text.c_str());
     K9eReplStorageDelete((path + text).c_str());

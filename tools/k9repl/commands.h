@@ -3,6 +3,8 @@
 #ifndef K9EREPL_K9REPL_COMMANDS_H
 #define K9EREPL_K9REPL_COMMANDS_H
 
+#include <k9erepl/storage.h>
+
 #include <cstdint>
 #include <limits>
 #include <string>
@@ -58,12 +60,16 @@ struct VerifyOptions {
 
 int RunVerify(const VerifyOptions& options);
 
-// k9repl clear: takes old revisions out of a storage, or marks them. The values are the library's.
+// k9repl clear: takes old revisions out of a storage, or marks them.
 enum class ClearMode : std::uint32_t {
-    kLogical = 0,        // the file keeps the records, and they are not served any more
-    kSqueeze = 1,        // a copy without them takes the file's place
-    kSqueezeBackup = 2,  // the same, and the old file stays as ".backup"
-    kMark = 4,           // only the revision is noted
+    // The file keeps the records, and they are not served any more.
+    kLogical = K9EREPL_CLEAR_LOGICAL,
+    // A copy without them takes the file's place.
+    kSqueeze = K9EREPL_CLEAR_SQUEEZE,
+    // The same, and the old file stays as ".backup".
+    kSqueezeBackup = K9EREPL_CLEAR_SQUEEZE_BACKUP,
+    // Only the revision is noted.
+    kMark = K9EREPL_CLEAR_MARK,
 };
 
 struct ClearOptions {

@@ -64,12 +64,12 @@ ToolError LoadError(const std::string& conn, const std::string& name, std::uint3
 }  // namespace
 
 void CreateStorage(const std::string& conn) {
-    constexpr std::uint32_t kKeepExisting = 0x2;
     const std::string path = StoragePath(conn);
     if (const std::string sentence = MissingButBackedUp(path); !sentence.empty()) {
         throw ToolError(sentence + "; to begin an empty storage, move the backup away first");
     }
-    if (const std::uint32_t code = K9eReplStorageCreate(conn.c_str(), kKeepExisting)) {
+    if (const std::uint32_t code =
+            K9eReplStorageCreate(conn.c_str(), K9EREPL_CREATE_KEEP_EXISTING)) {
         throw LibraryError("create " + NameOf(path), code);
     }
 }

@@ -294,14 +294,16 @@ Problem NamesThatDiffer(Place& place) {
         fs::create_symlink("../index", place.File(name));
     }
     const std::string conn = place.Conn(storage, place.File(name));
-    Problem problem = Expect("Create", K9eReplStorageCreate(conn.c_str(), 1), RC_OK);
+    Problem problem =
+        Expect("Create", K9eReplStorageCreate(conn.c_str(), K9EREPL_CREATE_REPLACE), RC_OK);
     Seen before;
     Seen seen;
     problem += Visit(conn, {1 + place.Dice().Below(30), 50, 7}, &before, &seen);
     problem += Visit(conn, {}, &before);
     problem += before == seen ? "" : "holds " + Describe(before) + ", not " + Describe(seen);
     problem += fs::exists(place.File(name)) ? "" : "no index file; ";
-    problem += Expect("Create", K9eReplStorageCreate(conn.c_str(), 2), RC_OK);
+    problem +=
+        Expect("Create", K9eReplStorageCreate(conn.c_str(), K9EREPL_CREATE_KEEP_EXISTING), RC_OK);
     problem += Expect("Delete", K9eReplStorageDelete(conn.c_str()), RC_OK);
     problem += fs::exists(storage) ? "the storage is there; " : "";
     return problem.empty() ? "" : std::string(name) + ": " + problem;

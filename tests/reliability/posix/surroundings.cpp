@@ -147,7 +147,8 @@ Problem DanglingLink(const Place& place) {
 
 Problem NoFile(const Place& place, const std::string& name) {
     return Expect("Open", place.TryOpen(name), RC_SYSTEM_ERROR) +
-           Expect("Create", K9eReplStorageCreate(place.ConnString(name).c_str(), 1),
+           Expect("Create",
+                  K9eReplStorageCreate(place.ConnString(name).c_str(), K9EREPL_CREATE_REPLACE),
                   RC_SYSTEM_ERROR);
 }
 
