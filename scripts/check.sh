@@ -105,16 +105,6 @@ check_heads() {
     report "the include guard is not named after the file" <"$scratch/guards"
 }
 
-# Texts stand on their own: no pointer to a paper that is not in the repository, no leftovers. The
-# brackets keep this file from finding itself.
-check_wording() {
-    local words='\bs[p]ec(s|ification|ifications)?\b|\bP[a]rts? [0-9]|\bd[e]cisions? [0-9]'
-    words="$words|d[e]cisions\\.md|h[o]use\\.md|\\b(T[O]DO|F[I]XME|X[X]X|H[A]CK)\\b"
-    list . | grep -vE '^LICENSE$|\.(edb|bin|gz|png)$' |
-        xargs -r grep -HniE "$words" | cut -d : -f 1,2 >"$scratch/words"
-    report "points at what is not in the repository, or is a leftover" <"$scratch/words"
-}
-
 # The C headers of include/ are left out: they must be C, and the checks are for C++.
 check_tidy() {
     local headers="^$root/(src|k9sys|tools|tests|bench|examples)/.*\\.h\$"
@@ -142,7 +132,6 @@ check_sizes
 check_system_headers
 check_directions
 check_heads
-check_wording
 if [ "$mode" != --quick ]; then
     check_tidy || findings=$((findings + 1))
 fi
