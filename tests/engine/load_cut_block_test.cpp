@@ -31,6 +31,14 @@ class LoadOfACutBlock : public ::testing::Test {
     // Uses one revision up; the block that was to take the record stays without one.
     void Refuse() { EXPECT_EQ(m_storage.Insert(std::string(100001, 'x')), RC_INVALID_ARG); }
 
+    // The revisions from 1 to 100 without these.
+    static Revs AllBut(i64 first, i64 last) {
+        Revs content = RevRange(1, first - 1);
+        const Revs behind = RevRange(last + 1, 100);
+        content.insert(content.end(), behind.begin(), behind.end());
+        return content;
+    }
+
     // The first reopening finds the index of the clear, or none.
     void ExpectToReadLittle(const Revs& content) {
         ASSERT_NO_FATAL_FAILURE(Reopen(content));
@@ -114,10 +122,7 @@ TEST_F(LoadOfACutBlock, BehindARefusedRecordReadsLittle) {
         Refuse();
         Put(52, 100);
     });
-    Revs content = RevRange(1, 50);
-    const Revs behind = RevRange(52, 100);
-    content.insert(content.end(), behind.begin(), behind.end());
-    ExpectToReadLittle(content);
+    ExpectToReadLittle(AllBut(51, 51));
 }
 
 TEST_F(LoadOfACutBlock, WhoseFirstRecordWasRolledBackReadsLittle) {
@@ -127,10 +132,7 @@ TEST_F(LoadOfACutBlock, WhoseFirstRecordWasRolledBackReadsLittle) {
     Put(52, 53);
     ASSERT_EQ(m_storage.Rollback(), RC_OK);
     Put(60, 100);
-    Revs content = RevRange(1, 50);
-    const Revs behind = RevRange(60, 100);
-    content.insert(content.end(), behind.begin(), behind.end());
-    ExpectToReadLittle(content);
+    ExpectToReadLittle(AllBut(51, 59));
 }
 
 }  // namespace

@@ -200,6 +200,18 @@ void IndexObjectTest::MakeStarted(u32 waitMs, const std::string& settings) {
     ASSERT_EQ(m_index->Start(), RC_OK);
 }
 
+void IndexObjectTest::MakeUnending() {
+    {
+        const LeaksAllowed leaksAllowed;
+        Make();
+    }
+    Fail(SystemCall::kResumeThread, 1);
+    platform::TheSystemCalls().terminateThread = [](void* thread, u32 exitCode) {
+        platform::NativeSystemCalls().terminateThread(thread, exitCode);
+        return false;
+    };
+}
+
 void IndexObjectTest::WaitForThread() {
     ASSERT_TRUE(WaitFor([this] { return !m_index->IsBusy(); }));
 }

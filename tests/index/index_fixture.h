@@ -136,6 +136,8 @@ class IndexObjectTest : public ::testing::Test {
     void Make(u32 waitMs = kNoIdle, const std::string& settings = "");
     // Make and a Start that must succeed.
     void MakeStarted(u32 waitMs = kNoIdle, const std::string& settings = "");
+    // Make, for a thread that can neither be resumed nor ended, and stays for ever.
+    void MakeUnending();
     u32 SaveSync() { return m_index->RequestSave(m_blocks.Index(), IndexSaveMode::kSync); }
     u32 SaveAsync() { return m_index->RequestSave(m_blocks.Index(), IndexSaveMode::kAsync); }
     // Waits until the thread has saved, or has ended.

@@ -149,15 +149,7 @@ TEST_F(IndexObjectStart, EndsTheThreadThatCannotBeResumed) {
 }
 
 TEST_F(IndexObjectStart, LeavesAThreadThatCanNeitherBeResumedNorEnded) {
-    {
-        const LeaksAllowed leaksAllowed;
-        Make();
-    }
-    Fail(SystemCall::kResumeThread, 1);
-    platform::TheSystemCalls().terminateThread = [](void* thread, u32 exitCode) {
-        platform::NativeSystemCalls().terminateThread(thread, exitCode);
-        return false;
-    };
+    MakeUnending();
     EXPECT_EQ(m_index->Start(), RC_SYSTEM_ERROR);
     EXPECT_TRUE(m_log.Has("Cannot terminate thread; its memory stays allocated")) << m_log;
     EXPECT_TRUE(m_index->IsFinished());

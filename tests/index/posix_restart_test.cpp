@@ -10,15 +10,7 @@ namespace k9erepl::test {
 using IndexObjectRestart = IndexObjectTest;
 
 TEST_F(IndexObjectRestart, NeedsNoEndOfAThreadThatCannotBeEnded) {
-    {
-        const LeaksAllowed leaksAllowed;
-        Make();
-    }
-    Fail(SystemCall::kResumeThread, 1);
-    platform::TheSystemCalls().terminateThread = [](void* thread, u32 exitCode) {
-        platform::NativeSystemCalls().terminateThread(thread, exitCode);
-        return false;
-    };
+    MakeUnending();
     ASSERT_EQ(m_index->Start(), RC_SYSTEM_ERROR);
     EXPECT_EQ(m_index->Start(), RC_OK);
 }

@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "k9sys/sink_fixture.h"
+#include "support/run_threads.h"
 
 namespace k9erepl::test {
 
@@ -13,27 +14,13 @@ namespace {
 constexpr int kThreads = 8;
 constexpr int kRounds = 500;
 
-class LogThreads : public SinkFixture {
-  protected:
-    // Runs `body(number)` on eight threads and waits for all of them.
-    template <typename Body>
-    static void RunThreads(Body body) {
-        std::vector<std::thread> threads;
-        threads.reserve(kThreads);
-        for (int number = 0; number < kThreads; ++number) {
-            threads.emplace_back(body, number);
-        }
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
-    }
-};
+using LogThreads = SinkFixture;
 
 }  // namespace
 
 TEST_F(LogThreads, EveryMessageArrivesWholeAndOnce) {
     K9SysSetLogLevel(nullptr, K9SYS_LOG_INFO);
-    RunThreads([](int number) {
+    RunThreads(kThreads, [](int number) {
         for (int round = 0; round < kRounds; ++round) {
             K9LogInfoEx("a", "thread %d round %d", number, round);
         }
@@ -52,7 +39,7 @@ TEST_F(LogThreads, AFreshModuleGetsOneFlagFromAllThreads) {
     for (int round = 0; round < kRounds / 10; ++round) {
         const std::string module = "fresh " + std::to_string(round);
         std::vector<K9LogFlag*> flags(kThreads);
-        RunThreads([&](int number) {
+        RunThreads(kThreads, [&](int number) {
             flags[static_cast<std::size_t>(number)] = trcheckEx_K9LogInfoEx_(module.c_str(), "x");
         });
         EXPECT_EQ(std::set<K9LogFlag*>(flags.begin(), flags.end()).size(), 1U);
@@ -65,7 +52,7 @@ TEST_F(LogThreads, LevelsAndSinksChangeWhileOthersLog) {
     const auto sink = [](K9SysLogLevel, const char*, const char*, std::uint32_t, void* context) {
         static_cast<std::atomic<int>*>(context)->fetch_add(1);
     };
-    RunThreads([&](int number) {
+    RunThreads(kThreads, [&](int number) {
         for (int round = 0; round < kRounds; ++round) {
             if (number == 0) {
                 K9SysSetLogSink(sink, &arrived);

@@ -95,12 +95,7 @@ class RepeatedCrash {
 void RunGroup(GroupRun& run) {
     const SteadyCalls steady;
     MemoryDisk disk;
-    const WorkloadPlan plan{.operations = 40,
-                            .async = run.Number() % 2 == 1,
-                            .forceFlush = run.Number() % 5 == 0,
-                            .moreSettings = ""};
-    const History history = MakeHistory(disk, plan, run.Seed());
-    run.Case(0, [&] { return history.problem; });
+    const History history = MakeHistory(disk, run);
     const std::vector<CrashPoint> points = CrashPointsOf(history.changes, kPoints, run.Seed());
     for (u64 number = 1; number <= kCasesOfAGroup; ++number) {
         run.Case(number,

@@ -19,12 +19,7 @@ void RunGroup(GroupRun& run) {
     static std::unordered_set<u64> seen;  // images are distinct in the whole family
     const SteadyCalls steady;
     MemoryDisk disk;
-    const WorkloadPlan plan{.operations = 40,
-                            .async = run.Number() % 2 == 1,
-                            .forceFlush = run.Number() % 5 == 0,
-                            .moreSettings = ""};
-    const History history = MakeHistory(disk, plan, run.Seed());
-    run.Case(0, [&] { return history.problem; });
+    const History history = MakeHistory(disk, run);
     ImageMaker maker(history.base, history.changes);
     u64 number = 0;
     for (const CrashPoint& point : CrashPointsOf(history.changes, kPointsOfAGroup, run.Seed())) {

@@ -187,4 +187,14 @@ History MakeHistory(MemoryDisk& disk, const WorkloadPlan& plan, u64 seed) {
     return Workload(disk, plan, seed).Run();
 }
 
+History MakeHistory(MemoryDisk& disk, GroupRun& run) {
+    const WorkloadPlan plan{.operations = 40,
+                            .async = run.Number() % 2 == 1,
+                            .forceFlush = run.Number() % 5 == 0,
+                            .moreSettings = ""};
+    History history = MakeHistory(disk, plan, run.Seed());
+    run.Case(0, [&] { return history.problem; });
+    return history;
+}
+
 }  // namespace k9erepl::reliability

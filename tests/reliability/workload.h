@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include "reliability/family.h"
 #include "reliability/history.h"
 #include "reliability/memory_disk.h"
 
@@ -25,6 +26,10 @@ struct WorkloadPlan {
 
 // REQUIRES: a SteadyCalls lives; nothing is open on `disk`, which is used and left closed.
 History MakeHistory(MemoryDisk& disk, const WorkloadPlan& plan, u64 seed);
+
+// The history of a group of short runs, half of them with the asynchronous writer, a fifth with
+// forced flushes. Its own problem is the group's case 0. REQUIRES: as above.
+History MakeHistory(MemoryDisk& disk, GroupRun& run);
 
 }  // namespace k9erepl::reliability
 

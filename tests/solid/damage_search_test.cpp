@@ -22,6 +22,21 @@ FileBuilder Junk() {
     return FileBuilder().Fill(101, 0xEE);
 }
 
+// Not of the builder's own chain.
+TCommitBlock Block(u32 prevSequence, u32 sequence, i64 commitRev, i64 clearRev = 3) {
+    TCommitBlock block = NewCommitBlock(sequence, commitRev);
+    block.prevSequence = prevSequence;
+    block.clearRev = clearRev;
+    return block;
+}
+
+void ExpectFound(const FileBuilder& file, u32 linkedBlocks, i64 lowestRev, i64 highestRev) {
+    const BeyondDamage found = SearchIn(file);
+    EXPECT_EQ(found.linkedBlocks, linkedBlocks);
+    EXPECT_EQ(found.lowestRev, lowestRev);
+    EXPECT_EQ(found.highestRev, highestRev);
+}
+
 TEST(DamageSearch, FindsNothingInNothing) {
     EXPECT_FALSE(SearchBeyondDamage(nullptr, 0, kLast).IsDamage());
     EXPECT_FALSE(SearchIn(Junk().Zeros(1000)).IsDamage());
@@ -32,18 +47,14 @@ TEST(DamageSearch, OneCommitBlockMayBeThatOfATornWrite) {
 }
 
 TEST(DamageSearch, TwoCommitBlocksThatAreLinkedAreDamage) {
-    const BeyondDamage found =
-        SearchIn(Junk().Record(12, "x").Commit(3, 12).Fill(7, 0xEE).Record(15, "").Commit(3, 15));
-    EXPECT_TRUE(found.IsDamage());
-    EXPECT_EQ(found.linkedBlocks, 1U);
-    EXPECT_EQ(found.lowestRev, 12);
-    EXPECT_EQ(found.highestRev, 15);
+    FileBuilder file = Junk().Record(12, "x").Commit(3, 12).Fill(7, 0xEE);
+    file.Record(15, "").Commit(3, 15);
+    EXPECT_TRUE(SearchIn(file).IsDamage());
+    ExpectFound(file, 1, 12, 15);
 }
 
 TEST(DamageSearch, TellsRevisionsByCommitBlocksWhereNoRecordIsSound) {
-    const BeyondDamage found = SearchIn(Junk().Commit(3, 12).Fill(7, 0xEE).Commit(4, 15));
-    EXPECT_EQ(found.lowestRev, 12);
-    EXPECT_EQ(found.highestRev, 15);
+    ExpectFound(Junk().Commit(3, 12).Fill(7, 0xEE).Commit(4, 15), 1, 12, 15);
 }
 
 TEST(DamageSearch, CommitBlocksMayFollowEachOther) {
@@ -51,10 +62,7 @@ TEST(DamageSearch, CommitBlocksMayFollowEachOther) {
 }
 
 TEST(DamageSearch, TwoCommitBlocksThatAreNotLinkedAreNone) {
-    TCommitBlock stranger = NewCommitBlock(77, 20);
-    stranger.prevSequence = 76;
-    stranger.clearRev = 3;
-    EXPECT_FALSE(SearchIn(Junk().Commit(3, 12).RawCommit(stranger)).IsDamage());
+    EXPECT_FALSE(SearchIn(Junk().Commit(3, 12).RawCommit(Block(76, 77, 20))).IsDamage());
 }
 
 TEST(DamageSearch, RevisionsNeverFall) {
@@ -65,49 +73,27 @@ TEST(DamageSearch, RevisionsNeverFall) {
 }
 
 TEST(DamageSearch, ABlockThatNothingLinksToRaisesNoBound) {
-    TCommitBlock damaged = NewCommitBlock(70, 1LL << 50);
-    damaged.prevSequence = 69;
-    damaged.clearRev = 1LL << 40;
+    const TCommitBlock damaged = Block(69, 70, 1LL << 50, 1LL << 40);
     FileBuilder file = Junk().RawCommit(damaged).Record(12, "x").Commit(3, 12);
     EXPECT_FALSE(SearchIn(file).IsDamage());
-    const BeyondDamage found = SearchIn(file.Record(15, "y").Commit(3, 15));
-    EXPECT_EQ(found.linkedBlocks, 1U);
-    EXPECT_EQ(found.lowestRev, 12);
-    EXPECT_EQ(found.highestRev, 15);
+    ExpectFound(file.Record(15, "y").Commit(3, 15), 1, 12, 15);
 }
 
 TEST(DamageSearch, ADamagedBlockAtTheStopHidesNothingBehindTheOneThatLinksToIt) {
-    TCommitBlock damaged = NewCommitBlock(70, 1LL << 50);
-    damaged.clearRev = 3;
-    TCommitBlock next = NewCommitBlock(71, 12);
-    next.prevSequence = 70;
-    next.clearRev = 3;
-    TCommitBlock afterNext = NewCommitBlock(72, 15);
-    afterNext.prevSequence = 71;
-    afterNext.clearRev = 3;
-    FileBuilder file = FileBuilder().RawCommit(damaged).Record(12, "x").RawCommit(next);
-    const BeyondDamage found = SearchIn(file.Record(15, "y").RawCommit(afterNext));
-    EXPECT_EQ(found.linkedBlocks, 2U);
-    EXPECT_EQ(found.lowestRev, 12);
-    EXPECT_EQ(found.highestRev, 15);
+    FileBuilder file = FileBuilder().RawCommit(Block(0, 70, 1LL << 50)).Record(12, "x");
+    file.RawCommit(Block(70, 71, 12)).Record(15, "y").RawCommit(Block(71, 72, 15));
+    ExpectFound(file, 2, 12, 15);
 }
 
 TEST(DamageSearch, TwoBlocksThatAreLinkedRaiseTheBound) {
-    TCommitBlock older = NewCommitBlock(71, 11);
-    older.prevSequence = 70;
-    older.clearRev = 3;
-    TCommitBlock oldest = NewCommitBlock(72, 11);
-    oldest.prevSequence = 71;
-    oldest.clearRev = 3;
     FileBuilder file = Junk().Commit(3, 12).Commit(3, 13);
-    EXPECT_EQ(SearchIn(file.RawCommit(older).RawCommit(oldest)).linkedBlocks, 1U);
+    file.RawCommit(Block(70, 71, 11)).RawCommit(Block(71, 72, 11));
+    EXPECT_EQ(SearchIn(file).linkedBlocks, 1U);
 }
 
 TEST(DamageSearch, RevisionsMayFallBehindALastBlockThatIsItselfDamaged) {
-    TCommitBlock next = NewCommitBlock(6, 9);
-    next.prevSequence = kLast.sequence;
-    TCommitBlock afterNext = NewCommitBlock(7, 9);
-    afterNext.prevSequence = 6;
+    const TCommitBlock next = Block(kLast.sequence, 6, 9, 0);
+    const TCommitBlock afterNext = Block(6, 7, 9, 0);
     EXPECT_FALSE(SearchIn(FileBuilder().RawCommit(next)).IsDamage());
     EXPECT_TRUE(SearchIn(FileBuilder().RawCommit(next).RawCommit(afterNext)).IsDamage());
     EXPECT_FALSE(SearchIn(FileBuilder().RawCommit(afterNext).RawCommit(next)).IsDamage());

@@ -8,6 +8,7 @@
 
 #include "support/log.h"
 #include "support/log_capture.h"
+#include "support/run_threads.h"
 
 namespace k9erepl::test {
 
@@ -17,24 +18,12 @@ constexpr const char* kSharedModule = "log site threads test";
 constexpr int kThreads = 8;
 constexpr int kRounds = 200;
 
-template <typename Body>
-void RunThreads(Body body) {
-    std::vector<std::thread> threads;
-    threads.reserve(kThreads);
-    for (int number = 0; number < kThreads; ++number) {
-        threads.emplace_back(body, number);
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-}
-
 }  // namespace
 
 TEST(LogSiteThreads, AFreshSiteLogsEveryMessageOnce) {
     const LogCapture log({kSharedModule});
     std::atomic<int> waiting{kThreads};
-    RunThreads([&](int) {
+    RunThreads(kThreads, [&](int) {
         --waiting;
         while (waiting != 0) {
             std::this_thread::yield();
@@ -50,7 +39,7 @@ TEST(LogSiteThreads, AFreshSiteLogsEveryMessageOnce) {
 
 TEST(LogSiteThreads, ALevelMayChangeWhileASiteIsUsed) {
     const LogCapture log({kSharedModule});
-    RunThreads([](int number) {
+    RunThreads(kThreads, [](int number) {
         for (int round = 0; round < kRounds; ++round) {
             if (number == 0) {
                 K9SysSetLogLevel(kSharedModule, round % 2 == 0 ? K9SYS_LOG_OFF : K9SYS_LOG_INFO);

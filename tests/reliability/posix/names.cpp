@@ -12,8 +12,8 @@
 #include "model/choices.h"
 #include "model/numbers.h"
 #include "model/storage_client.h"
-#include "reliability/family.h"
 #include "reliability/oracle.h"
+#include "reliability/posix/kinds.h"
 #include "support/file_bytes.h"
 #include "support/log_capture.h"
 #include "support/temp_folder.h"
@@ -71,6 +71,12 @@ class Place {
             conn, {2 + m_random.Below(20), m_random.Below(60), static_cast<u32>(m_random.Next())},
             &before, seen);
     }
+    // Two of them, "a.edb" and "b.edb".
+    Problem MakeBoth(Seen* first, Seen* second) {
+        Problem problem = Make("a.edb", first);
+        problem += Make("b.edb", second);
+        return problem;
+    }
     // The storage holds this, whatever index file there is.
     Problem Holds(const std::string& name, const Seen& expected) const {
         Seen seen;
@@ -79,6 +85,17 @@ class Place {
         return !problem.empty() || seen.records == expected.records
                    ? problem
                    : name + " holds " + Describe(seen) + ", not " + Describe(expected);
+    }
+
+    // Gives "a.edb" or "b.edb" the name `link`, too, by a link of either kind. Returns which.
+    std::string LinkToOne(const std::string& link) {
+        const std::string target = m_random.OneIn(2) ? "a.edb" : "b.edb";
+        if (m_random.OneIn(2)) {
+            fs::create_symlink(target, File(link));
+        } else {
+            fs::create_hard_link(File(target), File(link));
+        }
+        return target;
     }
 
     // A path that leads to `target`, a name in the folder. Makes the links that it needs.
@@ -223,20 +240,14 @@ Problem IndexHasANameOfASqueeze(Place& place) {
 Problem IndexBecomesAStorage(Place& place) {
     Seen first;
     Seen second;
-    Problem problem = place.Make("a.edb", &first);
-    problem += place.Make("b.edb", &second);
+    Problem problem = place.MakeBoth(&first, &second);
     if (!problem.empty()) {
         return problem;
     }
     const std::string index = place.File("later");
     model::StorageClient client;
     problem = Expect("Open", client.Open(place.Conn(place.File("a.edb"), index)), RC_OK);
-    const std::string target = place.Dice().OneIn(2) ? "a.edb" : "b.edb";
-    if (place.Dice().OneIn(2)) {
-        fs::create_symlink(target, index);
-    } else {
-        fs::create_hard_link(place.File(target), index);
-    }
+    place.LinkToOne("later");
     const Files before = place.Everything();
     problem += Expect("Load", K9eReplStorageLoad(client.Handle()), RC_INVALID_ARG);
     problem += Expect("Load", K9eReplStorageLoad(client.Handle()), RC_INVALID_ARG);
@@ -249,19 +260,13 @@ Problem IndexBecomesAStorage(Place& place) {
 Problem SqueezeBesideLinks(Place& place) {
     Seen first;
     Seen second;
-    Problem problem = place.Make("a.edb", &first);
-    problem += place.Make("b.edb", &second);
+    Problem problem = place.MakeBoth(&first, &second);
     if (!problem.empty()) {
         return problem;
     }
     const std::string suffix =
         place.Dice().OneOf<const char*>({".temporary", ".backup", ".backup-idx"});
-    const std::string target = place.Dice().OneIn(2) ? "a.edb" : "b.edb";
-    if (place.Dice().OneIn(2)) {
-        fs::create_symlink(target, place.File("a.edb" + suffix));
-    } else {
-        fs::create_hard_link(place.File(target), place.File("a.edb" + suffix));
-    }
+    const std::string target = place.LinkToOne("a.edb" + suffix);
     const bool backup = place.Dice().OneIn(2);
     const i64 rev = 2 + static_cast<i64>(place.Dice().Below(static_cast<u32>(first.nextRev - 2)));
     const u32 mode = backup ? K9EREPL_CLEAR_SQUEEZE_BACKUP : K9EREPL_CLEAR_SQUEEZE;
@@ -309,27 +314,20 @@ Problem NamesThatDiffer(Place& place) {
     return problem.empty() ? "" : std::string(name) + ": " + problem;
 }
 
-struct Kind {
-    const char* name;
-    Problem (*run)(Place& place);
-};
-constexpr std::array<Kind, 6> kKinds{{{"index is the storage", &IndexIsTheStorage},
-                                      {"index is another storage", &IndexIsAnotherStorage},
-                                      {"index has a squeeze's name", &IndexHasANameOfASqueeze},
-                                      {"index becomes a storage", &IndexBecomesAStorage},
-                                      {"squeeze beside links", &SqueezeBesideLinks},
-                                      {"names that differ", &NamesThatDiffer}}};
+constexpr std::array<Kind<Place>, 6> kKinds{
+    {{"index is the storage", &IndexIsTheStorage},
+     {"index is another storage", &IndexIsAnotherStorage},
+     {"index has a squeeze's name", &IndexHasANameOfASqueeze},
+     {"index becomes a storage", &IndexBecomesAStorage},
+     {"squeeze beside links", &SqueezeBesideLinks},
+     {"names that differ", &NamesThatDiffer}}};
 
 void RunGroup(GroupRun& run) {
-    for (u64 number = 0; number < kKinds.size(); ++number) {
-        const Kind& kind = kKinds.at(number);
-        run.Case(number, [&]() -> Problem {
-            Place place(Mix(run.Seed(), number));
-            const Problem problem = kind.run(place);
-            run.Count(kind.name);
-            return problem.empty() ? "" : std::string(kind.name) + ": " + problem;
-        });
-    }
+    RunKinds(run, kKinds, [&run](const auto& kind, u64 number) {
+        Place place(Mix(run.Seed(), number));
+        run.Count(kind.name);
+        return kind.run(place);
+    });
 }
 
 const RegisteredFamily kFamily({.name = "names",

@@ -10,8 +10,8 @@
 #include <cstdio>
 
 #include "model/storage_client.h"
-#include "reliability/family.h"
 #include "reliability/oracle.h"
+#include "reliability/posix/kinds.h"
 #include "support/file_bytes.h"
 #include "support/temp_folder.h"
 
@@ -194,28 +194,20 @@ Problem ReadBesideAWriter(const Place& place) {
     return problem.empty() ? place.Holds("a.edb", 1, kRecords + 6) : problem;
 }
 
-struct Kind {
-    const char* name;
-    Problem (*run)(const Place& place);
-};
-constexpr std::array<Kind, 9> kKinds{{{"read-only file", &ReadOnlyFile},
-                                      {"file without permissions", &ClosedFile},
-                                      {"read-only folder", &ReadOnlyFolder},
-                                      {"link", &Link},
-                                      {"dangling link", &DanglingLink},
-                                      {"FIFO", &Fifo},
-                                      {"device", &Device},
-                                      {"directory", &Directory},
-                                      {"reader beside a writer", &ReadBesideAWriter}}};
+constexpr std::array<Kind<const Place>, 9> kKinds{{{"read-only file", &ReadOnlyFile},
+                                                   {"file without permissions", &ClosedFile},
+                                                   {"read-only folder", &ReadOnlyFolder},
+                                                   {"link", &Link},
+                                                   {"dangling link", &DanglingLink},
+                                                   {"FIFO", &Fifo},
+                                                   {"device", &Device},
+                                                   {"directory", &Directory},
+                                                   {"reader beside a writer", &ReadBesideAWriter}}};
 
 void RunGroup(GroupRun& run) {
-    for (u64 number = 0; number < kKinds.size(); ++number) {
-        const Kind& kind = kKinds.at(number);
-        run.Case(number, [&] {
-            const Problem problem = kind.run(Place(run.Number() % 2 == 1));
-            return problem.empty() ? "" : std::string(kind.name) + ": " + problem;
-        });
-    }
+    RunKinds(run, kKinds, [&run](const auto& kind, u64 /*number*/) {
+        return kind.run(Place(run.Number() % 2 == 1));
+    });
 }
 
 const RegisteredFamily kFamily({.name = "surroundings",

@@ -10,6 +10,7 @@
 
 #include "platform/system_error.h"
 #include "reliability/family.h"
+#include "reliability/posix/kinds.h"
 #include "reliability/posix/writers_scene.h"
 #include "support/call_layer.h"
 
@@ -87,11 +88,13 @@ Problem Ask(const Scene& scene, bool* changed) {
     const Files before = scene.Everything();
     const std::size_t told = scene.log.Count(scene.InUse());
     Problem problem = Expect("Open", K9eReplStorageOpen(conn, &handle), RC_SYSTEM_ERROR);
-    problem += Expect("Create 1", K9eReplStorageCreate(conn, 1), RC_SYSTEM_ERROR);
+    problem += Expect("Create to replace", K9eReplStorageCreate(conn, K9EREPL_CREATE_REPLACE),
+                      RC_SYSTEM_ERROR);
     problem += Expect("Delete", K9eReplStorageDelete(conn), RC_SYSTEM_ERROR);
     problem += scene.log.Count(scene.InUse()) == told + 3 ? "" : "not told why; ";
-    problem += Expect("Create 0", K9eReplStorageCreate(conn, 0), RC_SYSTEM_ERROR);
-    problem += Expect("Create 2", K9eReplStorageCreate(conn, 2), RC_OK);
+    problem += Expect("Create", K9eReplStorageCreate(conn, K9EREPL_CREATE_NEW), RC_SYSTEM_ERROR);
+    problem +=
+        Expect("Create to keep", K9eReplStorageCreate(conn, K9EREPL_CREATE_KEEP_EXISTING), RC_OK);
     problem += Expect("Create 3", K9eReplStorageCreate(conn, 3), RC_OK);
     *changed = scene.Everything() != before;
     return problem;
@@ -293,7 +296,8 @@ Problem FailingLocks(Scene& scene) {
         const Files before = scene.Everything();
         void* handle = nullptr;
         problem = Expect("Open", K9eReplStorageOpen(conn, &handle), RC_SYSTEM_ERROR);
-        problem += Expect("Create 1", K9eReplStorageCreate(conn, 1), RC_SYSTEM_ERROR);
+        problem += Expect("Create to replace", K9eReplStorageCreate(conn, K9EREPL_CREATE_REPLACE),
+                          RC_SYSTEM_ERROR);
         problem += Expect("Delete", K9eReplStorageDelete(conn), RC_SYSTEM_ERROR);
         problem += scene.Everything() == before ? "" : "files changed; ";
         problem += scene.log.CountContaining("Cannot lock storage file '" + scene.plan.path) == 3
@@ -314,33 +318,26 @@ Problem FailingLocks(Scene& scene) {
     return problem.empty() ? scene.End() : problem;
 }
 
-struct Kind {
-    const char* name;
-    Problem (*run)(Scene& scene);
-};
-constexpr std::array<Kind, 9> kKinds{{{"threads", &Threads},
-                                      {"processes", &Processes},
-                                      {"killed processes", &KilledProcesses},
-                                      {"beside a living writer", &BesideALivingWriter},
-                                      {"squeezes under the lock", &SqueezesUnderTheLock},
-                                      {"killed holder", &KilledHolder},
-                                      {"forked child", &ForkedChild},
-                                      {"no locks", &NoLocks},
-                                      {"failing locks", &FailingLocks}}};
+constexpr std::array<Kind<Scene>, 9> kKinds{{{"threads", &Threads},
+                                             {"processes", &Processes},
+                                             {"killed processes", &KilledProcesses},
+                                             {"beside a living writer", &BesideALivingWriter},
+                                             {"squeezes under the lock", &SqueezesUnderTheLock},
+                                             {"killed holder", &KilledHolder},
+                                             {"forked child", &ForkedChild},
+                                             {"no locks", &NoLocks},
+                                             {"failing locks", &FailingLocks}}};
 
 void RunGroup(GroupRun& run) {
-    for (u64 number = 0; number < kKinds.size(); ++number) {
-        const Kind& kind = kKinds.at(number);
-        run.Case(number, [&]() -> Problem {
-            Scene scene(Mix(run.Seed(), number));
-            Problem problem = scene.board->hasProblem ? scene.board->problem : kind.run(scene);
-            problem = problem.empty() && scene.board->hasProblem ? scene.board->problem : problem;
-            run.Count("refused", scene.board->refused);
-            run.Count("squeezes", scene.board->squeezes);
-            run.Count("transactions and clears", scene.board->operations);
-            return problem.empty() ? "" : std::string(kind.name) + ": " + problem;
-        });
-    }
+    RunKinds(run, kKinds, [&run](const auto& kind, u64 number) {
+        Scene scene(Mix(run.Seed(), number));
+        Problem problem = scene.board->hasProblem ? scene.board->problem : kind.run(scene);
+        problem = problem.empty() && scene.board->hasProblem ? scene.board->problem : problem;
+        run.Count("refused", scene.board->refused);
+        run.Count("squeezes", scene.board->squeezes);
+        run.Count("transactions and clears", scene.board->operations);
+        return problem;
+    });
 }
 
 const RegisteredFamily kFamily({.name = "two-writers",
