@@ -6,6 +6,7 @@
 
 #include "api/exported_call.h"
 #include "engine/repl_storage.h"
+#include "index/index_file.h"
 #include "solid/storage_file_admin.h"
 #include "support/exception_barrier.h"
 #include "support/log.h"
@@ -43,6 +44,12 @@ uint32_t OnFiles(const char* what, const char* connStr, Function function) {
     }
 }
 
+// The index file of a storage that is replaced or deleted goes with it. One that stays is logged,
+// and no reason to keep the storage: nothing believes it unless it fits the file.
+void RemoveIndexFile(const char* connStr) {
+    (void)k9erepl::DeleteIndexFile(connStr);
+}
+
 }  // namespace
 
 extern "C" {
@@ -57,14 +64,16 @@ uint32_t K9EREPL_CALL K9eReplStorageCreate(const char* connStr, uint32_t flags) 
     if (connStr == nullptr) {
         return RC_INVALID_ARG;
     }
-    return OnFiles("creating", connStr, [=] { return k9erepl::CreateStorageFile(connStr, flags); });
+    return OnFiles("creating", connStr,
+                   [=] { return k9erepl::CreateStorageFile(connStr, flags, &RemoveIndexFile); });
 }
 
 uint32_t K9EREPL_CALL K9eReplStorageDelete(const char* connStr) {
     if (connStr == nullptr) {
         return RC_INVALID_ARG;
     }
-    return OnFiles("deleting", connStr, [=] { return k9erepl::DeleteStorage(connStr); });
+    return OnFiles("deleting", connStr,
+                   [=] { return k9erepl::DeleteStorage(connStr, &RemoveIndexFile); });
 }
 
 uint32_t K9EREPL_CALL K9eReplStorageOpen(const char* connStr, void** outHandle) {

@@ -3,9 +3,9 @@
 
 #include <k9erepl/storage.h>
 
+#include <cassert>
 #include <cstring>
 
-#include "index/index_file.h"
 #include "platform/clock.h"
 #include "platform/file_names.h"
 #include "platform/memory.h"
@@ -62,9 +62,10 @@ u32 CannotCreate(const std::string& path) {
     return RC_SYSTEM_ERROR;
 }
 
-// Empties the file or makes it, and deletes its index file; a file that another writer has stays.
-u32 OpenToReplace(const char* connStr, const std::string& path, bool lock, File* file,
-                  bool* existed) {
+// Empties the file or makes it, and has its index file deleted; a file that another writer has
+// stays.
+u32 OpenToReplace(const char* connStr, IndexRemover removeIndex, const std::string& path, bool lock,
+                  File* file, bool* existed) {
     bool opened = false;
     const auto open = [&](File* found) {
         opened = OpenUnlessThere(path, kCreateKeepExisting, found, existed);
@@ -80,7 +81,7 @@ u32 OpenToReplace(const char* connStr, const std::string& path, bool lock, File*
     }
     const bool emptied = opened && (!*existed || file->SetEnd(0));
     const platform::SystemError error = LastSystemError();
-    DeleteIndexFile(connStr);
+    removeIndex(connStr);
     platform::SetLastSystemError(error);
     return emptied ? u32{RC_OK} : CannotCreate(path);
 }
@@ -90,10 +91,10 @@ bool Replaces(u32 flags) {
 }
 
 // Opens the file as the flags say and locks it; one that is to be replaced is empty then.
-u32 OpenToCreate(const char* connStr, const std::string& path, u32 flags, bool lock, File* file,
-                 bool* existed) {
+u32 OpenToCreate(const char* connStr, IndexRemover removeIndex, const std::string& path, u32 flags,
+                 bool lock, File* file, bool* existed) {
     if (Replaces(flags)) {
-        return OpenToReplace(connStr, path, lock, file, existed);
+        return OpenToReplace(connStr, removeIndex, path, lock, file, existed);
     }
     if (!OpenUnlessThere(path, flags, file, existed)) {
         return CannotCreate(path);
@@ -237,7 +238,8 @@ u32 InitNewFile(File& file, const TFileHeader& header, const TCommitBlock& first
     return RC_OK;
 }
 
-u32 CreateStorageFile(const char* connStr, u32 flags) {
+u32 CreateStorageFile(const char* connStr, u32 flags, IndexRemover removeIndex) {
+    assert(removeIndex != nullptr);
     std::string path;
     if (u32 rc = GetPath(connStr, &path); rc != RC_OK) {
         return rc;
@@ -257,7 +259,8 @@ u32 CreateStorageFile(const char* connStr, u32 flags) {
     const std::string target = platform::FollowLink(path);
     File file;
     bool existed = false;
-    if (u32 rc = OpenToCreate(connStr, path, flags, lock, &file, &existed); rc != RC_OK) {
+    if (u32 rc = OpenToCreate(connStr, removeIndex, path, flags, lock, &file, &existed);
+        rc != RC_OK) {
         return rc;
     }
     if (existed) {
@@ -289,7 +292,8 @@ u32 DeleteStorageFile(const char* connStr) {
     return RC_OK;
 }
 
-u32 DeleteStorage(const char* connStr) {
+u32 DeleteStorage(const char* connStr, IndexRemover removeIndex) {
+    assert(removeIndex != nullptr);
     if (u32 rc = CheckStorageNames(connStr); rc != RC_OK) {
         return rc;
     }
@@ -305,7 +309,7 @@ u32 DeleteStorage(const char* connStr) {
             return rc;
         }
     }
-    DeleteIndexFile(connStr);
+    removeIndex(connStr);
     if (!platform::kOpenFilesCanBeRenamed) {
         file.Close();
     }

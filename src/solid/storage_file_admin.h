@@ -18,18 +18,22 @@ inline constexpr u32 kCreateKeepExisting = 0x2;  // leave an existing file as it
 // The "file" value has fewer characters than this.
 inline constexpr u32 kMaxPathSize = 260;
 
+// Deletes the index file of the storage that `connStr` names. The caller's duty: the functions
+// below call it while no other writer can have the storage file, and go on whatever comes of it.
+using IndexRemover = void (*)(const char* connStr);
+
 // Makes the file that `connStr` names, with the missing directories of its path. For ":memory:"
 // (any case of letters) there is nothing to do.
 // Errors: RC_INVALID_ARG without "file" or for a refused file_lock, RC_PATH_TOO_LONG, RC_NO_MEMORY,
 // RC_SYSTEM_ERROR, also while a writer has a file that is to be replaced, which then stays. A file
 // that this call has made and could not complete is deleted again; one that was there before stays,
 // and is empty or begun when it was to be replaced. All functions here may throw std::bad_alloc.
-u32 CreateStorageFile(const char* connStr, u32 flags);
+u32 CreateStorageFile(const char* connStr, u32 flags, IndexRemover removeIndex);
 
 // Deletes the storage that `connStr` names: its index file, then DeleteStorageFile. Errors: as
 // there; RC_INVALID_ARG for a refused file_lock, RC_SYSTEM_ERROR, with nothing deleted, while a
 // writer has the file.
-u32 DeleteStorage(const char* connStr);
+u32 DeleteStorage(const char* connStr, IndexRemover removeIndex);
 // Deletes the file that `connStr` names, whoever has it open. Errors: as above; RC_SYSTEM_ERROR for
 // a missing file.
 u32 DeleteStorageFile(const char* connStr);

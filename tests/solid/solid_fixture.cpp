@@ -6,8 +6,10 @@
 #include <cstring>
 #include <utility>
 
+#include "index/index_file.h"
 #include "platform/clock.h"
 #include "platform/system_error.h"
+#include "solid/storage_file_admin.h"
 
 namespace k9erepl::test {
 
@@ -24,6 +26,10 @@ bool IsPattern(const K9eReplRec& rec) {
     return true;
 }
 
+void RemoveIndexFile(const char* connStr) {
+    (void)DeleteIndexFile(connStr);
+}
+
 }  // namespace
 
 std::string RecordText(i64 offset, const K9eReplRec& rec) {
@@ -37,6 +43,14 @@ std::string RecordText(i64 offset, const K9eReplRec& rec) {
 
 std::string CommitText(i64 clearRev, i64 commitRev) {
     return "commit " + std::to_string(clearRev) + " " + std::to_string(commitRev);
+}
+
+u32 CreateStorageFile(const char* connStr, u32 flags) {
+    return k9erepl::CreateStorageFile(connStr, flags, &RemoveIndexFile);
+}
+
+u32 DeleteStorage(const char* connStr) {
+    return k9erepl::DeleteStorage(connStr, &RemoveIndexFile);
 }
 
 std::string SysErr(SystemErrorKind kind) {

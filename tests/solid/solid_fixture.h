@@ -35,6 +35,11 @@ std::string CommitText(i64 clearRev, i64 commitRev);
 // "sys-err <n>" as messages name the error that the fault injection gave; of no error "sys-err 0".
 std::string SysErr(SystemErrorKind kind);
 
+// The functions of solid/storage_file_admin.h, as their caller uses them: with the library's own
+// deletion of the index file.
+u32 CreateStorageFile(const char* connStr, u32 flags);
+u32 DeleteStorage(const char* connStr);
+
 // How many file descriptors, on Windows handles of files, this process has; in posix/ and windows/.
 std::size_t OpenDescriptors();
 
