@@ -44,7 +44,7 @@ std::string Summary(const AppendTotals& totals, double seconds) {
 // The lines of --ack: each revision of this run, once it is stored.
 class Acknowledgements {
   public:
-    // What the storage was loaded with is not acknowledged.
+    // Revisions that the storage was loaded with are not acknowledged.
     explicit Acknowledgements(std::int64_t loadedRev) : m_lastRev(loadedRev) {}
 
     bool IsBehind(const AppendTotals& totals) const { return m_lastRev < totals.lastRev; }
@@ -102,7 +102,7 @@ class AppendRun {
     }
 
   private:
-    // What is appended takes the place of what lies behind the damage.
+    // Records that are appended take the place of the data behind the damage.
     void RefuseDamage(bool accept) const {
         const auto damage = m_storage.TakeDamage();
         if (!damage) {

@@ -25,12 +25,13 @@ class StoredRevision {
     StoredRevision(const StoredRevision&) = delete;
     StoredRevision& operator=(const StoredRevision&) = delete;
 
-    // Called before the first transaction. What the storage was loaded with is stored.
+    // Called before the first transaction. Everything that the storage was loaded with counts as
+    // stored.
     void Watch(StorageHandle& storage);
 
-    // Both written and flushed; 0 when nothing is stored.
+    // The last revision that is both written and flushed; 0 when nothing is stored.
     std::int64_t Get() const;
-    // Flushed; the asynchronous writer may not have written it yet.
+    // The last flushed revision; the asynchronous writer may not have written it yet.
     std::int64_t Flushed() const { return m_flushed.load(); }
 
   private:
@@ -40,7 +41,7 @@ class StoredRevision {
     std::atomic<std::int64_t> m_written{0};
 };
 
-// What was committed in this run.
+// Totals of what this run has committed.
 struct AppendTotals {
     std::uint64_t records = 0;
     std::uint64_t bytes = 0;  // of data
@@ -58,8 +59,8 @@ class AppendTransactions {
     // that could not be committed is then rolled back, one that is only part full stays open.
     void Add(std::string_view data);
 
-    // When CommitWhenDue has something to do: `commitAfter` behind the first record that is not
-    // flushed; kNoDeadline when all are.
+    // The time at which CommitWhenDue has something to do: `commitAfter` behind the first record
+    // that is not flushed; kNoDeadline when all are flushed.
     Deadline Due() const { return m_due; }
 
     // At that time commits what is open and makes the library flush, as far as commits can. Throws

@@ -51,7 +51,7 @@ std::size_t Utf8CharacterSize(std::string_view bytes) {
     return IsContinuation(ByteAt(bytes, 3)) ? 4 : 0;
 }
 
-// Strictly: no overlong forms, no surrogates, nothing above U+10FFFF.
+// Strict: refuses overlong forms, surrogates, and everything above U+10FFFF.
 bool IsUtf8(std::string_view bytes) {
     while (!bytes.empty()) {
         const std::size_t size = Utf8CharacterSize(bytes);
@@ -63,7 +63,7 @@ bool IsUtf8(std::string_view bytes) {
     return true;
 }
 
-// With the alphabet of "+" and "/", padded with "=".
+// Uses the alphabet with "+" and "/", and pads with "=".
 std::string ToBase64(std::string_view bytes) {
     constexpr std::string_view kAlphabet =
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";

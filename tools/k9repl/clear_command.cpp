@@ -33,7 +33,7 @@ bool IsAboveNext(const ClearOptions& options, const StorageFacts& facts) {
     return options.mode != ClearMode::kMark && facts.oldestRev && options.to > facts.nextRev;
 }
 
-// Asks while the storage is closed: who takes a day to answer keeps no other process from it.
+// Asks while the storage is closed, so that other processes can use it while the user thinks.
 void AskFirst(const ClearOptions& options) {
     std::string question;
     {
@@ -66,7 +66,7 @@ std::string InterruptRemark() {
                              ": finishing the squeeze, once more ends it here";
 }
 
-// How far a squeeze has copied, as a line on the terminal: listens, while it lives, to what the
+// Shows on the terminal how far a squeeze has copied: while it lives it listens to what the
 // library logs of its copying. Silent without a terminal and where the user steers the log. One at
 // a time.
 class SqueezeProgress {
@@ -110,7 +110,7 @@ void SqueezeProgress::OnInformation(std::string_view text) noexcept {
     }
 }
 
-// The copy counts only once it is on the disk, which may take as long as the copying.
+// The copy counts only once it is on the disk, and that may take as long as the copying.
 void SqueezeProgress::Show(std::uint64_t copied) {
     const std::string waiting = copied == m_total ? ", waiting for the disk" : "";
     m_line.ShowCopied(copied, m_total, waiting + InterruptRemark());
@@ -144,7 +144,7 @@ class ClearRun {
   private:
     bool MaySqueeze() const { return Squeezes(m_options.mode) && m_options.to < m_before.nextRev; }
 
-    // A slip in the revision must not cost everything.
+    // A typing error in the revision must not cost everything.
     void RefuseAboveNext() const {
         if (!m_options.all && IsAboveNext(m_options, m_before)) {
             throw ToolError(fmt::format("{} is above the next revision, {}, and would take "
@@ -170,8 +170,8 @@ class ClearRun {
         }
     }
 
-    // Where no record is below the revision, the library is asked for one that clears nothing: it
-    // still squeezes what was cleared logically before, and never copies a file for nothing.
+    // When no record is below the revision, ask the library for a revision that clears nothing: it
+    // still squeezes out what was cleared logically before, but never copies a file for nothing.
     std::int64_t EffectiveRev() const {
         const bool removesNothing = m_before.oldestRev && m_options.to <= *m_before.oldestRev;
         return removesNothing && m_options.mode != ClearMode::kMark ? 0 : m_options.to;
@@ -192,7 +192,7 @@ class ClearRun {
         }
     }
 
-    // Behind a failed clear.
+    // Told behind the message of a failed clear.
     std::string WhereTheDataIs(const std::string& obstacle) const {
         if (const std::string backedUp = MissingButBackedUp(m_storage.Path()); !backedUp.empty()) {
             return "; " + backedUp;
@@ -203,7 +203,7 @@ class ClearRun {
         return "; " + Reopened();
     }
 
-    // What is seen is worth more than what is promised.
+    // Opens the storage again, because a look at it is worth more than a promise.
     std::string Reopened() const {
         try {
             const StorageHandle storage(m_options.conn, Access::kRead);
@@ -232,7 +232,7 @@ class ClearRun {
         return fmt::format("nothing{}: {}", squeezed ? " new, but squeezed" : "", why);
     }
 
-    // The storage file is another one then.
+    // A squeeze puts another file into the storage file's place.
     bool WasSqueezed() const { return IdentityOf(m_storage.Path()) != m_fileBefore; }
     bool MadeBackup() const { return m_options.mode == ClearMode::kSqueezeBackup && WasSqueezed(); }
 

@@ -30,16 +30,17 @@ std::optional<FileBeside> FindDamagedTail(const std::string& storagePath);
 // "'data.edb.backup' (1064 bytes)".
 std::string Describe(const FileBeside& file);
 
-// That the data is in the backup; empty unless the storage file is missing while a backup is there.
+// A sentence that the data is in the backup. Empty unless the storage file is missing while a
+// backup is there.
 std::string MissingButBackedUp(const std::string& storagePath);
 
-// That a temporary file is in the way of a squeeze; empty when there is none.
+// A sentence that a temporary file is in the way of a squeeze; empty when there is none.
 // REQUIRES: the file at `storagePath` was opened as a storage.
 std::string TemporaryInTheWay(const std::string& storagePath);
 
-// That the file system has no room for the copy of the revisions from `keptFrom` on; empty when it
-// has, or when that is not known. A backup needs none: it is the old file under a second name, or
-// moved.
+// A sentence that the file system has no room for the copy of the revisions from `keptFrom` on.
+// Empty when it has, or when that is not known. A backup needs no room: it is the old file under a
+// second name, or moved.
 std::string NoRoomForCopy(const std::string& storagePath, std::int64_t keptFrom);
 
 }  // namespace k9repl

@@ -19,8 +19,8 @@ int InterruptSignal();
 // "SIGTERM"; "a signal" for one that is not caught.
 const char* InterruptName(int signal);
 
-// How a wait of posix/ or windows/ learns of an interrupt: a descriptor that becomes readable, on
-// Windows the handle of an event that is set, with the first caught signal. It stays so.
+// Tells a wait of posix/ or windows/ about an interrupt: a descriptor that becomes readable with
+// the first caught signal, on Windows the handle of an event that is set then. It stays so.
 // REQUIRES: CatchInterrupts was called.
 std::intptr_t InterruptWaitObject();
 

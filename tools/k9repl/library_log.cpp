@@ -39,7 +39,7 @@ std::string WithSystemErrorInWords(std::string text) {
     return text;
 }
 
-// What stands behind the mark of the connection string is the user's own input, repeated.
+// Cuts the connection string off: it only repeats the user's own input.
 std::string Readable(const std::string& text) {
     return WithSystemErrorInWords(text.substr(0, text.find(";conn-str ")));
 }
@@ -86,7 +86,7 @@ void LibraryLog::Listen(Listener listener) {
     if (!m_catching) {
         return;
     }
-    // Without memory for the level there is nothing to hear, and nothing else is lost.
+    // If there is no memory for the level, the listener hears nothing; nothing else is lost.
     K9SysSetLogLevel(kStorageModule, listener ? K9SYS_LOG_INFO : K9SYS_LOG_ERROR);
     const std::lock_guard guard(m_mutex);
     m_listener = std::move(listener);

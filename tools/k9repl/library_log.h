@@ -1,5 +1,5 @@
-// What the library logged about a failure. The library tells causes in its log, not in its codes;
-// the tool catches the error messages so that its own sentence can name the cause.
+// Keeps what the library logs about a failure. The library tells causes in its log, not in its
+// codes; the tool catches the error messages so that its own sentence can name the cause.
 //
 // When the user steers the log (K9SYS_LOG or K9SYS_LOG_FILE is set), messages go where the user
 // wants them and nothing is caught.

@@ -1,5 +1,5 @@
-// What the tool prints: results on standard output; failures, notes and the progress line on
-// standard error. Used by every command.
+// Prints for every command: results on standard output; failures, notes and the progress line on
+// standard error.
 #ifndef K9EREPL_K9REPL_OUTPUT_H
 #define K9EREPL_K9REPL_OUTPUT_H
 
@@ -25,7 +25,7 @@ class Output {
     bool Write(std::string_view text);
 
     // Writes what is held. Throws ToolError when this or an earlier write failed or was
-    // interrupted. Without it nothing is promised.
+    // interrupted. Text may be lost when it is not called.
     void Finish();
 
     // True once a write has found that nobody reads any more. What follows is dropped.
@@ -53,7 +53,7 @@ class ProgressLine {
     ProgressLine(const ProgressLine&) = delete;
     ProgressLine& operator=(const ProgressLine&) = delete;
 
-    // Whether anybody sees it.
+    // True when standard error is a terminal, so that somebody may see the line.
     bool IsVisible() const { return m_enabled; }
 
     // Shows the totals so far, at most five times a second.

@@ -24,7 +24,7 @@ class InputBuffer {
   public:
     explicit InputBuffer(InputFile& file) : m_file(file) {}
 
-    // What was read and not consumed; valid until the next Fill.
+    // The bytes that were read and not consumed; valid until the next Fill.
     std::string_view Unread() const { return {m_bytes.data() + m_begin, m_end - m_begin}; }
     // REQUIRES: size <= Unread().size(). The bytes stay valid until the next Fill.
     void Consume(std::size_t size);

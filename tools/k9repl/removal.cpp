@@ -17,7 +17,7 @@ namespace k9repl {
 
 namespace {
 
-// Without its newline; what the input held when it ended counts as a line.
+// Returns the line without its newline. Bytes in front of the end of the input count as a line.
 std::string ReadAnswer() {
     constexpr std::size_t kAnswerMax = 1000;
     InputFile input("-");

@@ -1,5 +1,5 @@
-// What clear and truncate share, which take records away for good: the question on the terminal
-// before, the report behind, and how an interrupt is told.
+// Shared by clear and truncate, which take records away for good: the question on the terminal
+// before, the report afterwards, and the message about an interrupt.
 #ifndef K9EREPL_K9REPL_REMOVAL_H
 #define K9EREPL_K9REPL_REMOVAL_H
 

@@ -1,5 +1,5 @@
-// What a storage tells of itself, read by stat, and before and after by the commands that take
-// records away.
+// The facts that a storage tells of itself: read by stat, and before and after their work by the
+// commands that take records away.
 #ifndef K9EREPL_K9REPL_STORAGE_FACTS_H
 #define K9EREPL_K9REPL_STORAGE_FACTS_H
 

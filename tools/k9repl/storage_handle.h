@@ -17,13 +17,13 @@ namespace k9repl {
 // backup of the missing file waits to be put in its place.
 void CreateStorage(const std::string& conn);
 
-// How the library's message about damage in the middle of a file begins.
+// The beginning of the library's message about damage in the middle of a file.
 inline constexpr const char* kDamageMessage = "Damage in the middle of file";
 
 enum class Access {
     kWrite,
-    // With read_only=yes, and with blocks as large as the file's records need, whatever block_size
-    // says. flush_mode=NoFlush reads without writing by itself, and stays as it is.
+    // Adds read_only=yes, and makes the blocks as large as the file's records need, whatever
+    // block_size says. A storage with flush_mode=NoFlush writes nothing anyway and is left alone.
     kRead,
 };
 

@@ -1,5 +1,5 @@
-// The streams that the tool reads and writes as the system has them: the input of append, standard
-// output, and whether somebody watches and can answer. posix/ and windows/ have one source each.
+// The tool's streams: the input of append, standard output, and whether they lead to a terminal,
+// where somebody watches and can answer. posix/ and windows/ have one source each.
 #ifndef K9EREPL_K9REPL_STREAMS_H
 #define K9EREPL_K9REPL_STREAMS_H
 
@@ -81,7 +81,7 @@ void PrepareStandardStreams();
 bool StandardErrorIsTerminal();
 bool StandardInputIsTerminal();
 
-// Whether standard error is a terminal that obeys "\r\033[K", go back and erase the line.
+// True when standard error is a terminal that obeys "\r\033[K": go back and erase the line.
 bool StandardErrorErasesLines();
 
 }  // namespace k9repl

@@ -1,5 +1,5 @@
-// What the tool asks the operating system about files, besides what the standard library knows; and
-// how the system's errors are told. posix/ and windows/ have one source each.
+// Questions about files to the operating system that the standard library does not answer, and the
+// system's last error. posix/ and windows/ have one source each.
 #ifndef K9EREPL_K9REPL_SYSTEM_H
 #define K9EREPL_K9REPL_SYSTEM_H
 

@@ -33,7 +33,7 @@ class ToolError : public std::runtime_error {
 // the code, and missing when it logged nothing.
 ToolError LibraryError(const std::string& action, std::uint32_t code);
 
-// The same for a failure whose code was not returned: its code and cause are what the library
+// The same for a failure whose code was not returned: takes code and cause from what the library
 // logged.
 ToolError LoggedError(const std::string& action);
 

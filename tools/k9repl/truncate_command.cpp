@@ -13,7 +13,7 @@ namespace k9repl {
 
 namespace {
 
-// Asks before the storage is opened: who takes a day to answer keeps no other process from it.
+// Asks before the storage is opened, so that other processes can use it while the user thinks.
 void AskFirst(const std::string& path) {
     RequireTerminal("truncates");
     // A storage that is not there needs no question: opening it fails.

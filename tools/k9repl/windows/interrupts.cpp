@@ -44,8 +44,8 @@ BOOL WINAPI OnConsoleEvent(DWORD event) {
     g_signal.store(signal);
     SetEvent(g_wake);
     if (signal != kSigInt) {
-        // With the return of these events' handler the system ends the process. Until then there
-        // are some seconds for the main thread, whose own end ends this wait.
+        // The system ends the process when the handler of these events returns. Until then the main
+        // thread has some seconds; when it ends, so does this wait.
         Sleep(INFINITE);
     }
     return TRUE;
@@ -56,7 +56,7 @@ BOOL WINAPI OnConsoleEvent(DWORD event) {
 void CatchInterrupts() {
     constexpr BOOL kManualReset = TRUE;
     g_wake = CreateEventA(nullptr, kManualReset, FALSE, nullptr);
-    // Whoever started the tool may have had Ctrl-C ignored; here it is a request to finish.
+    // The parent process may have had Ctrl-C ignored; here it is a request to finish.
     if (g_wake == nullptr || SetConsoleCtrlHandler(nullptr, FALSE) == FALSE ||
         SetConsoleCtrlHandler(&OnConsoleEvent, TRUE) == FALSE) {
         throw SystemError("watch for Ctrl-C", LastError());

@@ -130,7 +130,7 @@ CallEnd AwaitCall(DWORD milliseconds) {
     }
 }
 
-// Whether a read from `stream` does not wait: it is a file on a disk, or a pipe that holds bytes.
+// True when a read from `stream` does not wait: it is a file on a disk, or a pipe that holds bytes.
 bool ReadsAtOnce(HANDLE stream) {
     DWORD waiting = 0;
     return GetFileType(stream) == FILE_TYPE_DISK ||
