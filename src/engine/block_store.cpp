@@ -28,7 +28,7 @@ K9eReplBlock* PrepareBlock(void* memory, std::size_t ordinal) {
     return block;
 }
 
-// Whether no record at or above `rev` lies in the block or before it.
+// True when no record at or above `rev` lies in the block or before it.
 bool EndsBelow(const MemoryBlocks::value_type& entry, i64 rev) {
     const auto& [firstRev, block] = entry;
     return block->used == 0 ? firstRev < rev : block->lastRev < rev;
@@ -121,6 +121,7 @@ u32 BlockStore::Place(const K9eReplRec& rec, i64 fileOffset) {
         // A record that did not fit may have left the block behind, under its own revision.
         entry.firstRev = rec.rev;
     }
+    assert(block->used == 0 || block->lastRev < rec.rev);
     Append(*block, rec, need);
     if (fileOffset != kUnknownOffset && entry.fileOffset == kUnknownOffset) {
         entry.fileOffset = fileOffset;
@@ -215,7 +216,7 @@ void BlockStore::Abandon() {
     // Nobody holds it: that is its purpose.
     [[maybe_unused]] const auto* const abandoned =
         new Abandoned{std::move(m_blocks), std::move(m_index)};
-    m_blocks.clear();
+    m_blocks.clear();  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks)
     m_index.clear();
 }
 

@@ -17,14 +17,14 @@ class FlushPolicy {
   public:
     FlushPolicy() { RecordFlushTime(); }
 
-    // Whether the counter of the mode is above 0 and has reached its threshold, or the time-out
+    // True when the counter of the mode is above 0 and has reached its threshold, or the time-out
     // has passed since the last flush.
     bool FlushNeeded(const OpenSettings& settings) const;
 
     // A transaction with `dataSize` bytes of records was committed.
     void CountCommit(FlushMode mode, u64 dataSize);
 
-    // What a flush that begins now will have covered when it succeeds.
+    // The commits that a flush which begins now covers when it succeeds.
     struct Counted {
         u32 transactions = 0;
         u64 dataSize = 0;

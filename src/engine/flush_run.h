@@ -1,4 +1,4 @@
-// What a flush takes from one memory block: decided here, written by flushing.
+// The bytes that a flush takes from one memory block: decided here, written by the flusher.
 #ifndef K9EREPL_ENGINE_FLUSH_RUN_H
 #define K9EREPL_ENGINE_FLUSH_RUN_H
 

@@ -230,7 +230,7 @@ void Flusher::Undo() {
     if (u32 rc = m_file.RollbackWrites(); rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Cannot rollback trans");
         if (m_file.MayStillWrite()) {
-            // What is queued points into blocks and index entries: none of them may move any more.
+            // The queue points into blocks and index entries: none of them may move any more.
             m_status.Set(StorageState::kBroken);
         }
     }

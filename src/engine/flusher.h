@@ -85,7 +85,7 @@ class Flusher {
   private:
     friend struct StorageAccess;  // the tests' eyes
 
-    // What a failed flush has to take back.
+    // One change that a failed flush has to take back.
     struct Piece {
         K9eReplBlock* block;
         u64 flushedEndBefore;

@@ -44,7 +44,8 @@ class IndexKeeper {
     void Reset() { m_savedCount = 0; }
 
     // Asks for a save when enough blocks are new since the last one. A save that cannot be made
-    // now is no failure: the index is only an aid. REQUIRES: no file offset may be taken back.
+    // now is no failure: the index is only an aid. Not in the middle of a flush, whose failure
+    // would take file offsets back.
     void SaveIfGrown();
     // Saves all of the block index after a clear; after a squeeze the file is written on return.
     // No failure either.

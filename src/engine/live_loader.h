@@ -25,7 +25,8 @@ class LiveLoader {
     LiveLoader& operator=(const LiveLoader&) = delete;
 
     // See K9eReplStorageLoad. When the file cannot be opened anew, an earlier load stays; after any
-    // other failure nothing does. REQUIRES: the storage is not Broken; no walk is under way.
+    // other failure nothing does. No walk may be under way.
+    // REQUIRES: the storage is not Broken.
     [[nodiscard]] u32 Load();
 
   private:

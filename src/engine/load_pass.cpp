@@ -1,4 +1,4 @@
-// What a scan hands out, placed and cut; see the header.
+// Placing and cutting the items that a scan hands out; see the header.
 #include "engine/load_pass.h"
 
 #include <cassert>
@@ -48,7 +48,7 @@ u32 LoadPass::OnCommit(i64 clearRev, i64 commitRev) {
         m_blocks.DropBelow(clearRev);
         m_blocks.SetOldestRev(clearRev);
     }
-    // What is committed may leave memory at once: a file without an index may be larger than it.
+    // Let committed blocks leave memory at once: a file without an index may be larger than it.
     if (m_settings.MayEvict()) {
         return m_blocks.Shrink(m_settings.cacheBlocks, commitRev);
     }

@@ -22,7 +22,8 @@ class LoadPass {
 
     // Places what lies in the file from `startOffset` on, 0 for all of it.
     [[nodiscard]] u32 ScanFrom(CSolidStorage& file, i64 startOffset);
-    // Places what lies behind the end of an earlier load's scan. REQUIRES: as ScanOn of the file.
+    // Places what lies behind the end of an earlier load's scan. REQUIRES: as ScanOn of the file;
+    // this is the pass's first scan.
     [[nodiscard]] u32 ScanOn(CSolidStorage& file);
     // Forgets the records behind the last commit block. Cut by position, not by the revision that
     // the block names: a damaged one can name a revision that a later, uncommitted record also

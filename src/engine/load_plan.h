@@ -1,5 +1,5 @@
 // How much of the storage file a load reads, decided from the index file: pure choices, tested
-// without files. Loading carries them out.
+// without files. The loader carries them out.
 #ifndef K9EREPL_ENGINE_LOAD_PLAN_H
 #define K9EREPL_ENGINE_LOAD_PLAN_H
 
@@ -22,11 +22,11 @@ struct IndexChoice {
 // there are tested. With AllInMem it starts at the first entry.
 IndexChoice ChooseIndexUse(const IndexFileContent& index, const OpenSettings& settings);
 
-// Whether the index can belong to a storage file of `fileSize` bytes at all. Its size field and
+// True when the index can belong to a storage file of `fileSize` bytes at all. Its size field and
 // offsets are claims.
 bool IndexFitsFile(const IndexFileContent& index, i64 fileSize);
 
-// What a load does. Without an index: everything, from the file's first record.
+// The way of a load. Without an index it reads everything, from the file's first record.
 struct LoadPlan {
     i64 startOffset = 0;                  // 0: the file's first record
     std::vector<TIndexEntry> keptOnDisk;  // blocks before startOffset, which stay in the file

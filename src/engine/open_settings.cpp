@@ -3,6 +3,7 @@
 
 #include <k9erepl/storage.h>
 
+#include <cassert>
 #include <limits>
 #include <string>
 #include <string_view>
@@ -14,7 +15,7 @@
 
 namespace k9erepl {
 
-u32 OpenSettings::ReadCacheAndFlush(const char* connStr) {
+u32 OpenSettings::ReadMain(const char* connStr) {
     if (u32 rc = ReadCacheType(connStr); rc != RC_OK) {
         return rc;
     }
@@ -24,7 +25,13 @@ u32 OpenSettings::ReadCacheAndFlush(const char* connStr) {
     if (u32 rc = ReadFlushMode(connStr); rc != RC_OK) {
         return rc;
     }
-    return ReadFlushTimeout(connStr);
+    if (u32 rc = ReadFlushTimeout(connStr); rc != RC_OK) {
+        return rc;
+    }
+    if (u32 rc = ReadReadOnly(connStr); rc != RC_OK) {
+        return rc;
+    }
+    return ReadCheck(connStr);
 }
 
 u32 OpenSettings::ReadCacheType(const char* connStr) {
@@ -135,6 +142,7 @@ u32 OpenSettings::ReadFlushTimeout(const char* connStr) {
 
 // Logs nothing when the key is absent, so existing logs do not change.
 u32 OpenSettings::ReadReadOnly(const char* connStr) {
+    assert(!readOnly);
     YesNo setting;
     if (const u32 rc = ReadYesNo(connStr, "read_only", &setting); rc != RC_OK) {
         return rc;

@@ -28,12 +28,10 @@ struct OpenSettings {
     bool MayEvict() const { return cacheType != CacheType::kAllInMem; }
     bool HasFile() const { return flushMode != FlushMode::kNoFlush; }
 
-    // Each logs what it uses. ReadCacheAndFlush reads cache_type, block_size, flush_mode with its
-    // threshold, and flush_timeout; a refused value is logged and answers RC_INVALID_ARG.
-    [[nodiscard]] u32 ReadCacheAndFlush(const char* connStr);
-    // REQUIRES: the flush mode has been read. A refused value: as above.
-    [[nodiscard]] u32 ReadReadOnly(const char* connStr);
-    [[nodiscard]] u32 ReadCheck(const char* connStr);
+    // Each logs what it uses. The first reads cache_type, block_size, flush_mode with its
+    // threshold, flush_timeout, read_only and check; a refused value is logged and answers
+    // RC_INVALID_ARG.
+    [[nodiscard]] u32 ReadMain(const char* connStr);
     void ReadMemoryReserve(const char* connStr);
     void ReadIndexHint(const char* connStr);
 
@@ -44,6 +42,8 @@ struct OpenSettings {
     void ReadFlushTransNum(const char* connStr);
     void ReadFlushDataSize(const char* connStr);
     [[nodiscard]] u32 ReadFlushTimeout(const char* connStr);
+    [[nodiscard]] u32 ReadReadOnly(const char* connStr);
+    [[nodiscard]] u32 ReadCheck(const char* connStr);
 };
 
 }  // namespace k9erepl

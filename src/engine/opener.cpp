@@ -13,7 +13,7 @@ namespace k9erepl {
 
 u32 Opener::Open(const char* connStr, IK9eReplDS& storage, std::string* accepted) {
     assert(accepted->empty());
-    if (u32 rc = ReadSettings(connStr); rc != RC_OK) {
+    if (u32 rc = m_settings.ReadMain(connStr); rc != RC_OK) {
         return rc;
     }
     m_flusher.RegisterTimes();
@@ -33,16 +33,6 @@ u32 Opener::Open(const char* connStr, IK9eReplDS& storage, std::string* accepted
     }
     LOG_INFO(kLogStorage, "e-repl storage was opened;conn-str %s", connStr);
     return RC_OK;
-}
-
-u32 Opener::ReadSettings(const char* connStr) {
-    if (u32 rc = m_settings.ReadCacheAndFlush(connStr); rc != RC_OK) {
-        return rc;
-    }
-    if (u32 rc = m_settings.ReadReadOnly(connStr); rc != RC_OK) {
-        return rc;
-    }
-    return m_settings.ReadCheck(connStr);
 }
 
 u32 Opener::OpenFile(const char* connStr) {

@@ -41,7 +41,6 @@ class Opener {
     [[nodiscard]] u32 Open(const char* connStr, IK9eReplDS& storage, std::string* accepted);
 
   private:
-    [[nodiscard]] u32 ReadSettings(const char* connStr);
     [[nodiscard]] u32 OpenFile(const char* connStr);
     [[nodiscard]] u32 OpenInMemory(const char* connStr);
 

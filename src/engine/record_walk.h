@@ -33,7 +33,7 @@ struct ClientVisitor {
 // for the whole walk.
 class RecordWalk {
   public:
-    // What a walk looks at. Stored data that cannot be trusted breaks the storage.
+    // The parts that a walk reads. Stored data that cannot be trusted breaks the storage.
     struct Source {
         const OpenSettings& settings;
         StorageStatus& status;

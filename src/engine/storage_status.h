@@ -20,7 +20,7 @@ enum class StorageState : u32 {
     kFlushFailed = 4,  // a flush failed: Commit tries again, Rollback gives up
 };
 
-// What is being done to the storage file, as callbacks find it. They may insert and commit, except
+// The work on the storage file that callbacks find under way. They may insert and commit, except
 // in the middle of a flush that may still fail; unless there is no such work, what they commit is
 // flushed later.
 enum class FileWork {

@@ -28,7 +28,7 @@ using Messages = std::vector<LoggedMessage>;
 struct Reading {
     explicit Reading(const std::string& connStr) {
         LogCapture log;
-        rc = settings.ReadCacheAndFlush(connStr.c_str());
+        rc = settings.ReadMain(connStr.c_str());
         if (rc == RC_OK) {
             settings.ReadMemoryReserve(connStr.c_str());
             settings.ReadIndexHint(connStr.c_str());
