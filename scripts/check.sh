@@ -73,20 +73,20 @@ check_system_headers() {
     report "a switch by operating system outside its folder" <"$scratch/switches"
 }
 
-# A module includes itself and the modules below it; format headers know nothing and are open to
-# all.
+# A module includes itself and the modules below it.
 check_directions() {
     awk '
         function rank(module) { return (module in ranks) ? ranks[module] : -1 }
         BEGIN {
-            count = split("platform support memory writers index solid engine api", order, " ")
+            count = split("format platform support memory writers index solid engine api",
+                order, " ")
             for (i = 1; i <= count; ++i) ranks[order[i]] = i
         }
         /^#include "/ {
             split(FILENAME, path, "/"); own = path[2]
             split($2, included, "\""); target = included[2]
             split(target, parts, "/"); other = parts[1]
-            if (target ~ /_format\.h$/ || other == own) next
+            if (other == own) next
             if (rank(other) < 0 || rank(own) < 0) next
             if (rank(other) >= rank(own)) print FILENAME ":" FNR
         }' $(list 'src/*.h' 'src/*.cpp') >"$scratch/directions"

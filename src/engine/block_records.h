@@ -6,9 +6,9 @@
 
 #include <cassert>
 
+#include "format/storage_file_format.h"
 #include "memory/repl_block.h"
 #include "platform/int_types.h"
-#include "solid/file_format.h"
 
 namespace k9erepl {
 

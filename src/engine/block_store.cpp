@@ -11,7 +11,7 @@
 #include <new>
 
 #include "engine/block_records.h"
-#include "solid/file_format.h"
+#include "format/storage_file_format.h"
 #include "support/log.h"
 
 namespace k9erepl {

@@ -4,7 +4,7 @@
 
 #include <span>
 
-#include "index/index_format.h"
+#include "format/index_file_format.h"
 #include "platform/int_types.h"
 #include "solid/solid_storage.h"
 

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <cassert>
 
-#include "solid/file_format.h"
+#include "format/storage_file_format.h"
 
 namespace k9erepl {
 

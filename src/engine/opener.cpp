@@ -3,7 +3,7 @@
 
 #include <cassert>
 
-#include "solid/file_scan.h"
+#include "format/storage_file_format.h"
 #include "solid/storage_names.h"
 #include "support/log.h"
 #include "support/memory_path.h"
@@ -23,7 +23,7 @@ u32 Opener::Open(const char* connStr, IK9eReplDS& storage, std::string* accepted
     }
     m_settings.ReadMemoryReserve(connStr);
     m_blocks.SetUp(m_settings.blockSize, m_settings.memoryReserve,
-                   hasFile ? u64{FileScan::kBufferSize} : BlockStore::kAnyRecordSize);
+                   hasFile ? u64{kFileRecordSizeMax} : BlockStore::kAnyRecordSize);
     *accepted = connStr;
     if (hasFile && !m_settings.readOnly) {
         if (u32 rc = m_index.Make(connStr, storage); rc != RC_OK) {

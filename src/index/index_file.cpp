@@ -8,11 +8,11 @@
 #include <cstring>
 #include <new>
 
+#include "format/storage_file_format.h"
 #include "platform/file.h"
 #include "platform/file_names.h"
 #include "platform/memory.h"
 #include "platform/system_error.h"
-#include "solid/file_format.h"
 #include "support/log.h"
 
 namespace k9erepl {

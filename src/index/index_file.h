@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "format/index_file_format.h"
 #include "index/index_file_name.h"
-#include "index/index_format.h"
 #include "platform/file.h"
 #include "platform/int_types.h"
 

@@ -3,8 +3,8 @@
 #ifndef K9EREPL_INDEX_INDEX_IMAGE_H
 #define K9EREPL_INDEX_INDEX_IMAGE_H
 
+#include "format/index_file_format.h"
 #include "index/block_index.h"
-#include "index/index_format.h"
 #include "platform/int_types.h"
 #include "platform/memory.h"
 

@@ -8,9 +8,9 @@
 
 #include <k9erepl/storage.h>
 
+#include "format/storage_file_format.h"
 #include "platform/file.h"
 #include "platform/int_types.h"
-#include "solid/file_format.h"
 
 namespace k9erepl {
 

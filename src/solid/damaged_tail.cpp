@@ -6,10 +6,10 @@
 #include <cstring>
 #include <new>
 
+#include "format/damage_search.h"
 #include "platform/file_names.h"
 #include "platform/memory.h"
 #include "platform/system_error.h"
-#include "solid/damage_search.h"
 #include "solid/file_access.h"
 #include "solid/file_replace.h"
 #include "solid/solid_storage.h"

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cassert>
 
+#include "format/stream_rules.h"
 #include "platform/memory.h"
 #include "solid/solid_storage.h"
 #include "support/log.h"
@@ -45,8 +46,7 @@ u32 CSolidStorage::CheckRecordAt(i64 rev, i64 offset) {
     if (u32 rc = ReadAt(offset, &head, kRecordHeadSize); rc != RC_OK) {
         return rc;
     }
-    const bool holds = head.signature == kRecordSignature &&
-                       u64{head.size} == u64{head.dataSize} + kRecordHeadSize &&
+    const bool holds = head.signature == kRecordSignature && SizesAgree(head) &&
                        i64{head.size} <= FileSize() - offset && head.rev == rev;
     return holds ? RC_OK : RC_NOT_FOUND;
 }
@@ -70,7 +70,7 @@ i64 HighestRevOfEnd(const u8* bytes, u32 size) {
             continue;
         }
         const auto head = LoadUnaligned<TRecordHead>(begin);
-        if (head.size == left && u64{head.size} == u64{head.dataSize} + kRecordHeadSize) {
+        if (head.size == left && SizesAgree(head)) {
             highest = std::max<i64>(highest, head.rev);
         }
     }

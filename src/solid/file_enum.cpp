@@ -5,6 +5,7 @@
 #include <cassert>
 #include <limits>
 
+#include "format/stream_rules.h"
 #include "platform/system_error.h"
 #include "solid/solid_storage.h"
 #include "support/log.h"
@@ -139,7 +140,7 @@ u32 CSolidStorage::FileItems::TooShort(u32 size) {
 
 // An index may have led the load past damage that no scan has seen.
 u32 CSolidStorage::FileItems::CheckRises(i64 rev) {
-    if (rev <= m_prevRev) {
+    if (!Rises(rev, m_prevRev)) {
         LOG_ERROR_CODE(RC_BAD_DATA, kLogStorage,
                        "Read rec with rev %I64d, but rev before it is %I64d, offset %I64d", rev,
                        m_prevRev, m_offset);
@@ -165,7 +166,7 @@ class EnumLevel {
 
 // RC_BAD_DATA for a head that no writer of ours produces or whose record runs past the data.
 u32 CheckHead(const TRecordHead& head, i64 offset, i64 left) {
-    if (u64{head.size} != u64{head.dataSize} + kRecordHeadSize || i64{head.size} > left) {
+    if (!SizesAgree(head) || i64{head.size} > left) {
         LOG_ERROR_CODE(RC_BAD_DATA, kLogStorage, "Wrong rec size %u, data size %u, offset %I64d",
                        u32{head.size}, u32{head.dataSize}, offset);
         return RC_BAD_DATA;
@@ -245,7 +246,7 @@ u32 CSolidStorage::CheckRangeEnd(FileItems& items, const FileEnumRange& range,
     }
     i64 nextOffset = 0;
     TRecordHead next{};
-    if (items.PeekNext(head.size, &nextOffset, &next) && next.rev <= head.rev) {
+    if (items.PeekNext(head.size, &nextOffset, &next) && !Rises(next.rev, head.rev)) {
         LOG_ERROR_CODE(RC_BAD_DATA, kLogStorage,
                        "Read rec with rev %I64d, but rev before it is %I64d, offset %I64d",
                        i64{next.rev}, i64{head.rev}, nextOffset);

@@ -1,4 +1,4 @@
-// The load scan; see file_scan.h for its rules.
+// The load scan; see file_scan.h.
 #include "solid/file_scan.h"
 
 #include <algorithm>
@@ -40,14 +40,14 @@ FileScan::FileScan(platform::File& file, i64& filePos, const Extent& extent,
 
 u32 FileScan::Run(i64 startOffset, bool fromHint) {
     assert(startOffset >= kFirstCommitOffset);
-    m_fromHint = fromHint;
+    m_result.fromHint = fromHint;
     return RunFrom(startOffset);
 }
 
 u32 FileScan::Resume(const Result& from) {
     assert(from.validCommitOffset >= kFirstCommitOffset);
     m_result = from;
-    m_commitFound = true;
+    m_result.commitFound = true;
     return RunFrom(from.validCommitOffset + kCommitBlockSize);
 }
 
@@ -155,7 +155,7 @@ FileScan::Step FileScan::TakeItem() {
 }
 
 FileScan::Step FileScan::TakeRecord() {
-    if (!m_commitFound && !m_fromHint) {
+    if (!MayTakeRecord(m_result)) {
         LOG_ERROR_CODE(RC_FILE_CORRUPT, kLogStorage,
                        "Found rec, but commit expected at offset %I64d", m_offset);
         return Fail(RC_FILE_CORRUPT);
@@ -169,7 +169,7 @@ FileScan::Step FileScan::TakeRecord() {
         return step;
     }
     const auto head = LoadUnaligned<TRecordHead>(Here());
-    if (Step step = CheckRecord(head); step != Step::kNext) {
+    if (Step step = TestRecord(head); step != Step::kNext) {
         return step;
     }
     const auto* rec = reinterpret_cast<const K9eReplRec*>(Here() + kRecordPrefixSize);
@@ -177,29 +177,30 @@ FileScan::Step FileScan::TakeRecord() {
         rc != RC_OK) {
         return Fail(rc);
     }
-    m_result.prevRecRev = head.rev;
+    AcceptRecord(head, &m_result);
     m_offset += head.size;
     return Step::kNext;
 }
 
-FileScan::Step FileScan::CheckRecord(const TRecordHead& head) {
-    if (u64{head.size} != u64{head.dataSize} + kRecordHeadSize) {
-        LOG_SCAN_END("Found rec with size %u, but data size %u at offset %I64d", u32{head.size},
-                     u32{head.dataSize}, m_offset);
-        return Step::kStop;
+FileScan::Step FileScan::TestRecord(const TRecordHead& head) {
+    switch (CheckRecord(m_result, head)) {
+        case RecordFault::kNone:
+            return Step::kNext;
+        case RecordFault::kSizesDiffer:
+            LOG_SCAN_END("Found rec with size %u, but data size %u at offset %I64d", u32{head.size},
+                         u32{head.dataSize}, m_offset);
+            break;
+        case RecordFault::kBelowCommitted:
+            LOG_SCAN_END("Found rec with rev (%I64d) less than lastCommitted at offset %I64d",
+                         i64{head.rev}, m_offset);
+            break;
+        case RecordFault::kDoesNotRise:
+            // The wording is what hosts know; the fault is a revision that does not rise.
+            LOG_SCAN_END("Found rec with rev (%I64d) greater than prev (%I64d) at offset %I64d",
+                         i64{head.rev}, m_result.prevRecRev, m_offset);
+            break;
     }
-    if (head.rev < m_result.lastCommitted) {
-        LOG_SCAN_END("Found rec with rev (%I64d) less than lastCommitted at offset %I64d",
-                     i64{head.rev}, m_offset);
-        return Step::kStop;
-    }
-    if (head.rev <= m_result.prevRecRev) {
-        // The wording is what hosts know; the fault is a revision that does not rise.
-        LOG_SCAN_END("Found rec with rev (%I64d) greater than prev (%I64d) at offset %I64d",
-                     i64{head.rev}, m_result.prevRecRev, m_offset);
-        return Step::kStop;
-    }
-    return Step::kNext;
+    return Step::kStop;
 }
 
 FileScan::Step FileScan::TakeCommit() {
@@ -207,21 +208,14 @@ FileScan::Step FileScan::TakeCommit() {
         return step;
     }
     const auto block = LoadUnaligned<TCommitBlock>(Here());
-    if (Step step = CheckCommit(block); step != Step::kNext) {
+    if (Step step = TestCommit(block); step != Step::kNext) {
         return step;
     }
     if (u32 rc = m_callbacks.commit(m_callbacks.ctx, block.clearRev, block.commitRev);
         rc != RC_OK) {
         return Fail(rc);
     }
-    m_result.clearRevBefore = m_commitFound ? m_result.clearRev : i64{block.clearRev};
-    m_result.committedBefore = m_commitFound ? m_result.lastCommitted : i64{block.commitRev};
-    m_result.clearRev = block.clearRev;
-    // Of the file's first only: what an index leads to counts as it does without the index.
-    m_result.lastCommitted = m_offset == kFirstCommitOffset
-                                 ? std::max<i64>(block.clearRev, block.commitRev)
-                                 : i64{block.commitRev};
-    m_result.lastSequence = block.sequence;
+    AcceptCommit(block, m_offset, &m_result);
     m_result.lastCommit = block;
     const i64 itemsBegan = m_result.validCommitOffset + kCommitBlockSize;
     if (m_offset != kFirstCommitOffset && m_offset != itemsBegan) {
@@ -229,36 +223,36 @@ FileScan::Step FileScan::TakeCommit() {
         m_result.closing = block;
     }
     m_result.validCommitOffset = m_offset;
-    m_commitFound = true;
     m_offset += kCommitBlockSize;
     return m_offset < m_extent.enough ? Step::kNext : Step::kStop;
 }
 
-FileScan::Step FileScan::CheckCommit(const TCommitBlock& block) {
-    if (m_commitFound && block.prevSequence != m_result.lastSequence) {
-        LOG_SCAN_END("Commit block consistency sequence is broken at offset %I64d", m_offset);
-        return Step::kStop;
+FileScan::Step FileScan::TestCommit(const TCommitBlock& block) {
+    switch (CheckCommit(m_result, block)) {
+        case CommitFault::kNone:
+            return Step::kNext;
+        case CommitFault::kWrongLink:
+            LOG_SCAN_END("Commit block consistency sequence is broken at offset %I64d", m_offset);
+            break;
+        case CommitFault::kClearRevFalls:
+            LOG_SCAN_END(
+                "Found commit block at offset %I64d with clearRev (%I64d) less than expected",
+                m_offset, i64{block.clearRev});
+            break;
+        case CommitFault::kBelowRecord:
+            LOG_SCAN_END(
+                "Found commit block at offset %I64d with commitRev (%I64d) less than recRev "
+                "(%I64d)",
+                m_offset, i64{block.commitRev}, m_result.prevRecRev);
+            break;
     }
-    if (m_commitFound && block.clearRev < m_result.clearRev) {
-        LOG_SCAN_END("Found commit block at offset %I64d with clearRev (%I64d) less than expected",
-                     m_offset, i64{block.clearRev});
-        return Step::kStop;
-    }
-    // The file's first commit block has no record before it, but that of a hint has.
-    if ((m_commitFound || m_fromHint) && block.commitRev < m_result.prevRecRev) {
-        LOG_SCAN_END(
-            "Found commit block at offset %I64d with commitRev (%I64d) less than recRev "
-            "(%I64d)",
-            m_offset, i64{block.commitRev}, m_result.prevRecRev);
-        return Step::kStop;
-    }
-    return Step::kNext;
+    return Step::kStop;
 }
 
 u32 FileScan::Finish() {
-    if (!m_commitFound) {
+    if (!m_result.commitFound) {
         LOG_ERROR_CODE(RC_FILE_CORRUPT, kLogStorage, "First commit block is not found");
-        if (m_fromHint) {
+        if (m_result.fromHint) {
             LOG_WARNING(kLogStorage, "Try to delete index file");
         }
         return RC_FILE_CORRUPT;

@@ -7,11 +7,12 @@
 
 #include <limits>
 
+#include "format/storage_file_format.h"
+#include "format/stream_rules.h"
 #include "platform/file.h"
 #include "platform/int_types.h"
 #include "platform/memory.h"
 #include "solid/content_mark.h"
-#include "solid/file_format.h"
 
 namespace k9erepl {
 
@@ -22,33 +23,19 @@ struct FileScanCallbacks {
     void* ctx;
 };
 
-// The rules, in file order:
-//  1. Without a hint, the first item is a commit block.
-//  2. A record's rev is not below the commitRev of the last commit block before it; the first
-//     commit block counts with the larger of its clearRev and commitRev.
-//  3. A record's rev is greater than that of the record before it.
-//  4. A commit block's prevSequence is the sequence of the commit block before it.
-//  5. Its clearRev is not below that of the commit block before it.
-//  6. Its commitRev is not below the rev of the last record before it.
-// The first item that breaks one, or is neither record nor commit block, or does not fit the file
-// or the buffer, ends the scan: what the last accepted commit block closes is the valid data.
+// Takes items by the rules of format/stream_rules.h. The first that breaks one, or is neither
+// record nor commit block, or does not fit the file or the buffer, ends the scan: what the last
+// accepted commit block closes is the valid data.
 class FileScan {
   public:
-    // An item larger than this cannot be read back: insertion refuses it.
-    static constexpr u32 kBufferSize = 10 * 1024 * 1024;
+    static constexpr u32 kBufferSize = kFileRecordSizeMax;
     // The first read of a live file, which may have little that is new; each further one doubles.
     static constexpr u32 kFirstLiveRead = 64 * 1024;
 
     // Where the scan ended. Valid after Run returned RC_OK.
-    struct Result {
+    struct Result : StreamEnd {
         i64 validCommitOffset = 0;  // of the last accepted commit block
-        i64 clearRev = 0;           // of that block
-        i64 lastCommitted = 0;      // its commitRev; if it is the first, the larger of both
-        i64 clearRevBefore = 0;     // of the commit block before it, if there is one
-        i64 committedBefore = 0;    // the same
-        i64 prevRecRev = 0;         // of the last accepted record
-        u32 lastSequence = 0;
-        TCommitBlock lastCommit{};  // the last accepted commit block
+        TCommitBlock lastCommit{};  // that block
         i64 closingOffset = 0;      // of the one that closes the last record; 0: there is no record
         TCommitBlock closing{};     // that block
         bool tailInUse = false;     // behind that block not every byte is known to be zero
@@ -92,8 +79,8 @@ class FileScan {
     Step TakeItem();
     Step TakeRecord();
     Step TakeCommit();
-    Step CheckRecord(const TRecordHead& head);
-    Step CheckCommit(const TCommitBlock& block);
+    Step TestRecord(const TRecordHead& head);
+    Step TestCommit(const TCommitBlock& block);
     Step Fail(u32 rc);
     u32 Finish();
 
@@ -110,9 +97,7 @@ class FileScan {
     u32 m_bufferLength = 0;        // valid bytes; m_offset never lies outside them
     u32 m_readSize = kBufferSize;  // of the next read, unless an item needs more
 
-    i64 m_offset = 0;  // file offset of the item being looked at
-    bool m_fromHint = false;
-    bool m_commitFound = false;
+    i64 m_offset = 0;       // file offset of the item being looked at
     u32 m_failure = RC_OK;  // the code to return after kFail
     Result m_result;
 };

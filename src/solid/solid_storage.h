@@ -9,11 +9,11 @@
 #include <string>
 #include <vector>
 
+#include "format/storage_file_format.h"
 #include "memory/read_cache_manager.h"
 #include "platform/file.h"
 #include "platform/int_types.h"
 #include "solid/content_mark.h"
-#include "solid/file_format.h"
 #include "solid/file_scan.h"
 #include "solid/solid_storage_owner.h"
 #include "writers/storage_file_state.h"

@@ -5,9 +5,9 @@
 
 #include <string>
 
+#include "format/storage_file_format.h"
 #include "platform/file.h"
 #include "platform/int_types.h"
-#include "solid/file_format.h"
 
 namespace k9erepl {
 

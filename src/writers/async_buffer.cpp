@@ -5,7 +5,7 @@
 #include <cstring>
 #include <new>
 
-#include "solid/file_format.h"
+#include "format/storage_file_format.h"
 
 namespace k9erepl {
 

@@ -9,10 +9,10 @@
 #include <optional>
 #include <string>
 
+#include "format/storage_file_format.h"
 #include "memory/repl_block.h"
 #include "platform/file.h"
 #include "platform/int_types.h"
-#include "solid/file_format.h"
 #include "writers/storage_file_state.h"
 
 namespace k9erepl {

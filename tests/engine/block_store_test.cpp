@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "engine/storage_fixture.h"
-#include "solid/file_format.h"
+#include "format/storage_file_format.h"
 #include "support/log_capture.h"
 
 namespace k9erepl::test {

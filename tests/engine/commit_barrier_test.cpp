@@ -6,7 +6,7 @@
 #include <set>
 
 #include "engine/flush_fixture.h"
-#include "solid/file_format.h"
+#include "format/storage_file_format.h"
 #include "support/fault_injection.h"
 #include "support/file_bytes.h"
 

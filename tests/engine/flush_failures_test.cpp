@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "engine/flush_fixture.h"
-#include "solid/file_format.h"
+#include "format/storage_file_format.h"
 #include "support/fault_injection.h"
 #include "support/fixed_log.h"
 #include "support/log_capture.h"

@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "solid/file_format.h"
+#include "format/storage_file_format.h"
 #include "support/file_bytes.h"
 
 namespace k9erepl::test {

@@ -6,8 +6,8 @@
 #include <cstring>
 #include <map>
 
-#include "index/index_format.h"
-#include "solid/file_format.h"
+#include "format/index_file_format.h"
+#include "format/storage_file_format.h"
 
 namespace k9erepl::portable {
 namespace {

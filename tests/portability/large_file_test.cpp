@@ -7,11 +7,11 @@
 #include <string>
 #include <vector>
 
-#include "index/index_format.h"
+#include "format/index_file_format.h"
+#include "format/storage_file_format.h"
 #include "platform/file.h"
 #include "portability/portable_client.h"
 #include "portability/sparse_file.h"
-#include "solid/file_format.h"
 #include "support/file_bytes.h"
 #include "support/log_capture.h"
 #include "support/temp_folder.h"

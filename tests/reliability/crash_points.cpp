@@ -7,8 +7,8 @@
 #include <set>
 #include <tuple>
 
+#include "format/storage_file_format.h"
 #include "model/numbers.h"
-#include "solid/file_format.h"
 
 namespace k9erepl::reliability {
 

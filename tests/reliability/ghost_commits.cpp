@@ -6,12 +6,12 @@
 
 #include <utility>
 
+#include "format/storage_file_format.h"
 #include "reliability/crash_points.h"
 #include "reliability/family.h"
 #include "reliability/fault_trial.h"
 #include "reliability/power_cut.h"
 #include "reliability/steady_calls.h"
-#include "solid/file_format.h"
 
 namespace k9erepl::reliability {
 

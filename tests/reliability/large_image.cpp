@@ -4,8 +4,8 @@
 #include <cassert>
 #include <cstring>
 
-#include "index/index_format.h"
-#include "solid/file_format.h"
+#include "format/index_file_format.h"
+#include "format/storage_file_format.h"
 
 namespace k9erepl::reliability {
 

@@ -6,13 +6,13 @@
 #include <atomic>
 
 #include "engine/storage_fixture.h"
+#include "format/storage_file_format.h"
 #include "model/choices.h"
 #include "model/storage_client.h"
 #include "reliability/family.h"
 #include "reliability/large_image.h"
 #include "reliability/oracle.h"
 #include "reliability/steady_calls.h"
-#include "solid/file_format.h"
 
 namespace k9erepl::reliability {
 

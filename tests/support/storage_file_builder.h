@@ -11,8 +11,8 @@
 #include <string_view>
 #include <vector>
 
+#include "format/storage_file_format.h"
 #include "platform/int_types.h"
-#include "solid/file_format.h"
 
 namespace k9erepl::test {
 

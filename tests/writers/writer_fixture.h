@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "format/storage_file_format.h"
 #include "platform/int_types.h"
-#include "solid/file_format.h"
 #include "support/fault_injection.h"
 #include "support/file_bytes.h"
 #include "support/log_capture.h"

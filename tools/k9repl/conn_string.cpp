@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "engine/open_settings.h"
+#include "format/storage_file_format.h"
 #include "index/index_file_name.h"
-#include "solid/file_format.h"
 #include "support/params.h"
 
 namespace k9repl {

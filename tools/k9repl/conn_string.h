@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "format/storage_file_format.h"
+
 namespace k9repl {
 
 // Empty when every item of `conn` is a known key with a value of its kind, given once, and with an
@@ -26,8 +28,7 @@ std::string IndexPath(const std::string& conn);
 // "block_size=200", with ", the default" behind it where `conn` has none.
 std::string BlockSizeInWords(const std::string& conn);
 
-// The size in bytes that every record of a storage file fits into, its head of 24 bytes included.
-inline constexpr std::uint32_t kFileRecordSizeMax = 10485760;
+using k9erepl::kFileRecordSizeMax;
 
 // The most bytes of data that a record of this storage can have, and why, in words that end a
 // sentence: which setting allows no more, and what to do.

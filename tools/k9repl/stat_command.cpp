@@ -13,7 +13,7 @@
 #include "commands.h"
 #include "conn_string.h"
 #include "files_beside.h"
-#include "index/index_format.h"
+#include "format/index_file_format.h"
 #include "library_log.h"
 #include "output.h"
 #include "storage_facts.h"

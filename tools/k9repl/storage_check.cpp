@@ -10,24 +10,26 @@
 #include <fstream>
 #include <vector>
 
-#include "solid/damage_search.h"
-#include "solid/file_format.h"
+#include "format/damage_search.h"
+#include "format/storage_file_format.h"
+#include "format/stream_rules.h"
 #include "tool_error.h"
 
 namespace k9repl {
 
 namespace {
 
+using k9erepl::CommitFault;
 using k9erepl::kCommitBlockSize;
 using k9erepl::kRecordHeadSize;
 using k9erepl::kSignatureSize;
 using k9erepl::LoadUnaligned;
+using k9erepl::RecordFault;
 using k9erepl::TCommitBlock;
 using k9erepl::TFileHeader;
 using k9erepl::TRecordHead;
 
 constexpr std::uint64_t kWindowSize = std::uint64_t{1024} * 1024;
-constexpr std::uint32_t kRecordSizeMax = 10 * 1024 * 1024;
 
 // The file's bytes, of which it holds a window.
 class FileBytes {
@@ -107,8 +109,9 @@ class Walk {
     }
 
     k9erepl::LastGoodCommit LastGood() const {
-        return {
-            .clearRev = m_clearRevBefore, .commitRev = m_lastRevBefore, .sequence = m_lastSequence};
+        return {.clearRev = m_end.clearRevBefore,
+                .commitRev = m_end.committedBefore,
+                .sequence = m_end.lastSequence};
     }
 
     // Of the first record from `keptFrom` on; 0 when there is none.
@@ -121,7 +124,7 @@ class Walk {
         }
         switch (LoadUnaligned<std::uint32_t>(m_file.At(m_at, kSignatureSize))) {
             case k9erepl::kRecordSignature:
-                return m_check.commitBlocks > 0 && TakeRecord();
+                return MayTakeRecord(m_end) && TakeRecord();
             case k9erepl::kCommitSignature:
                 return TakeCommit();
             default:
@@ -134,15 +137,14 @@ class Walk {
             return false;
         }
         const auto head = LoadUnaligned<TRecordHead>(m_file.At(m_at, kRecordHeadSize));
-        if (std::uint64_t{head.size} != std::uint64_t{head.dataSize} + kRecordHeadSize ||
-            head.size > kRecordSizeMax || head.size > m_file.Left(m_at) ||
-            head.rev < m_check.lastRev || head.rev <= m_lastRecordRev) {
+        if (CheckRecord(m_end, head) != RecordFault::kNone ||
+            head.size > k9erepl::kFileRecordSizeMax || head.size > m_file.Left(m_at)) {
             return false;
         }
         if (m_keptOffset == 0 && head.rev >= m_keptFrom) {
             m_keptOffset = m_at;
         }
-        m_lastRecordRev = head.rev;
+        AcceptRecord(head, &m_end);
         ++m_records;
         m_at += head.size;
         return true;
@@ -153,17 +155,12 @@ class Walk {
             return false;
         }
         const auto block = LoadUnaligned<TCommitBlock>(m_file.At(m_at, kCommitBlockSize));
-        const bool first = m_check.commitBlocks == 0;
-        if (!first && (block.prevSequence != m_lastSequence || block.clearRev < m_check.clearRev ||
-                       block.commitRev < m_lastRecordRev)) {
+        if (CheckCommit(m_end, block) != CommitFault::kNone) {
             return false;
         }
-        m_lastSequence = block.sequence;
-        m_clearRevBefore = first ? std::int64_t{block.clearRev} : m_check.clearRev;
-        m_lastRevBefore = first ? std::int64_t{block.commitRev} : m_check.lastRev;
-        m_check.clearRev = block.clearRev;
-        m_check.lastRev = first ? std::max<std::int64_t>(block.clearRev, block.commitRev)
-                                : std::int64_t{block.commitRev};
+        AcceptCommit(block, static_cast<std::int64_t>(m_at), &m_end);
+        m_check.clearRev = m_end.clearRev;
+        m_check.lastRev = m_end.lastCommitted;
         ++m_check.commitBlocks;
         m_check.records = m_records;
         m_at += kCommitBlockSize;
@@ -177,10 +174,7 @@ class Walk {
     std::uint64_t m_keptOffset = 0;
     std::uint64_t m_at = k9erepl::kFirstCommitOffset;
     std::uint64_t m_records = 0;
-    std::int64_t m_lastRecordRev = 0;
-    std::uint32_t m_lastSequence = 0;
-    std::int64_t m_clearRevBefore = 0;  // of the commit block before the last accepted one
-    std::int64_t m_lastRevBefore = 0;
+    k9erepl::StreamEnd m_end;  // of the items taken
 };
 
 std::uint64_t BytesInUse(FileBytes& file, std::uint64_t from) {

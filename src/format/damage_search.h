@@ -1,12 +1,12 @@
 // Looks into the bytes behind the place where the walk over a storage file ended, and tells damage
 // in the middle of the data from a torn end: pure, on bytes alone. The load's end uses it
 // (damaged_tail.cpp), and so does the tool's verify.
-#ifndef K9EREPL_SOLID_DAMAGE_SEARCH_H
-#define K9EREPL_SOLID_DAMAGE_SEARCH_H
+#ifndef K9EREPL_FORMAT_DAMAGE_SEARCH_H
+#define K9EREPL_FORMAT_DAMAGE_SEARCH_H
 
 #include <cstddef>
 
-#include "platform/int_types.h"
+#include "format/int_types.h"
 
 namespace k9erepl {
 
@@ -43,4 +43,4 @@ BeyondDamage SearchBeyondDamage(const u8* bytes, std::size_t size, const LastGoo
 
 }  // namespace k9erepl
 
-#endif  // K9EREPL_SOLID_DAMAGE_SEARCH_H
+#endif  // K9EREPL_FORMAT_DAMAGE_SEARCH_H

@@ -1,5 +1,5 @@
 // What counts as data that goes on behind a damage.
-#include "solid/damage_search.h"
+#include "format/damage_search.h"
 
 #include <gtest/gtest.h>
 

@@ -1,11 +1,12 @@
 // The search for what goes on behind a damage; see the header.
-#include "solid/damage_search.h"
+#include "format/damage_search.h"
 
 #include <algorithm>
 #include <cstring>
 #include <optional>
 
-#include "solid/file_format.h"
+#include "format/storage_file_format.h"
+#include "format/stream_rules.h"
 
 namespace k9erepl {
 
@@ -61,8 +62,7 @@ class Search {
     // passed over.
     std::size_t TakeRecord(std::size_t at) {
         const auto head = LoadUnaligned<TRecordHead>(m_bytes + at);
-        const bool isItem = u64{head.size} == u64{head.dataSize} + kRecordHeadSize &&
-                            head.rev > std::max(m_commitRev, m_recRev) &&
+        const bool isItem = SizesAgree(head) && Rises(head.rev, std::max(m_commitRev, m_recRev)) &&
                             ItemFollows(at, head.size);
         if (!isItem) {
             return 1;

@@ -1,14 +1,14 @@
 // The storage file's structures, byte for byte (docs/storage-file.md draws them): the header, the
 // record head and the commit block. The same record bytes lie in memory blocks. Knows nothing of
 // the rest; every module may include it.
-#ifndef K9EREPL_SOLID_FILE_FORMAT_H
-#define K9EREPL_SOLID_FILE_FORMAT_H
+#ifndef K9EREPL_FORMAT_STORAGE_FILE_FORMAT_H
+#define K9EREPL_FORMAT_STORAGE_FILE_FORMAT_H
 
 #include <cstddef>
 #include <cstring>
 #include <type_traits>
 
-#include "platform/int_types.h"
+#include "format/int_types.h"
 
 namespace k9erepl {
 
@@ -57,6 +57,9 @@ inline constexpr u32 kRecordHeadSize = 24;
 inline constexpr u32 kRecordPrefixSize = 8;       // signature and size, before the client's record
 inline constexpr u32 kClientRecordHeadSize = 16;  // rev, userWord, dataSize
 inline constexpr u32 kSignatureSize = 4;
+// The largest record of a storage file, its head included: the load scan reads an item into a
+// buffer of this size, so insertion refuses what is larger.
+inline constexpr u32 kFileRecordSizeMax = 10 * 1024 * 1024;
 // "Not known yet", of a file offset.
 inline constexpr i64 kUnknownOffset = -1;
 inline constexpr i64 kFirstCommitOffset = 1024;
@@ -109,4 +112,4 @@ inline TCommitBlock NewCommitBlock(u64 stamp, i64 commitRev) {
 
 }  // namespace k9erepl
 
-#endif  // K9EREPL_SOLID_FILE_FORMAT_H
+#endif  // K9EREPL_FORMAT_STORAGE_FILE_FORMAT_H

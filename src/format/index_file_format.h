@@ -1,10 +1,10 @@
 // The index file's structures, byte for byte (docs/index-file.md draws them).
-#ifndef K9EREPL_INDEX_INDEX_FORMAT_H
-#define K9EREPL_INDEX_INDEX_FORMAT_H
+#ifndef K9EREPL_FORMAT_INDEX_FILE_FORMAT_H
+#define K9EREPL_FORMAT_INDEX_FILE_FORMAT_H
 
 #include <cstddef>
 
-#include "platform/int_types.h"
+#include "format/int_types.h"
 
 namespace k9erepl {
 
@@ -43,4 +43,4 @@ inline u32 IndexEntryChecksum(i64 rev, i64 offset) {
 
 }  // namespace k9erepl
 
-#endif  // K9EREPL_INDEX_INDEX_FORMAT_H
+#endif  // K9EREPL_FORMAT_INDEX_FILE_FORMAT_H
