@@ -45,8 +45,7 @@ void MarkEmpty(ReadBuffer& buffer) {
 
 }  // namespace
 
-ReadCacheManager::ReadCacheManager(platform::File& file, i64& filePosition)
-    : m_file(file), m_filePosition(filePosition) {}
+ReadCacheManager::ReadCacheManager(platform::TrackedFile& file) : m_file(file) {}
 
 ReadCacheManager::~ReadCacheManager() = default;
 
@@ -159,7 +158,6 @@ u32 ReadCacheManager::Fill(std::size_t index, i64 offset, u32 length, ReadBuffer
     if (!m_file.Read(entry.memory.get(), length, &got)) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Failed to read block;sys-err %r,offset %I64d",
                        platform::LastSystemError(), offset);
-        m_filePosition = kUnknownPosition;
         if (got != 0) {
             // The bytes that came have overwritten what the entry says it holds.
             MarkEmpty(entry);
@@ -167,7 +165,6 @@ u32 ReadCacheManager::Fill(std::size_t index, i64 offset, u32 length, ReadBuffer
         }
         return RC_SYSTEM_ERROR;
     }
-    m_filePosition += got;
     entry.offset = offset;
     entry.length = got;
     entry.lastUse = platform::TickCountMs();
@@ -177,16 +174,12 @@ u32 ReadCacheManager::Fill(std::size_t index, i64 offset, u32 length, ReadBuffer
 }
 
 u32 ReadCacheManager::SeekTo(i64 offset) {
-    if (m_filePosition == offset) {
-        return RC_OK;
-    }
     if (!m_file.Seek(offset)) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
                        "Cannot seek to start enum recs;offset %I64d, sys-err %r", offset,
                        platform::LastSystemError());
         return RC_SYSTEM_ERROR;
     }
-    m_filePosition = offset;
     return RC_OK;
 }
 

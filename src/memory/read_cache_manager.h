@@ -8,9 +8,9 @@
 #include <limits>
 #include <vector>
 
-#include "platform/file.h"
 #include "platform/int_types.h"
 #include "platform/memory.h"
+#include "platform/tracked_file.h"
 
 namespace k9erepl {
 
@@ -30,12 +30,9 @@ struct ReadBuffer {
 class ReadCacheManager {
   public:
     static constexpr u32 kBufferSize = 2 * 1024 * 1024;
-    // The tracked position while nobody knows where the file pointer stands; no offset equals it.
-    static constexpr i64 kUnknownPosition = -1;
 
-    // Reads through `file`, whose pointer stands at `filePosition`; both are the storage file's,
-    // shared with it, and outlive this object.
-    ReadCacheManager(platform::File& file, i64& filePosition);
+    // Reads through `file`, which is the storage file's, shared with it, and outlives this object.
+    explicit ReadCacheManager(platform::TrackedFile& file);
     virtual ~ReadCacheManager();
     ReadCacheManager(const ReadCacheManager&) = delete;
     ReadCacheManager& operator=(const ReadCacheManager&) = delete;
@@ -73,8 +70,7 @@ class ReadCacheManager {
     u32 SeekTo(i64 offset);
     void Reorder(std::size_t index);
 
-    platform::File& m_file;
-    i64& m_filePosition;
+    platform::TrackedFile& m_file;
     const std::atomic<i64>* m_dataEnd = nullptr;
     std::vector<Entry> m_entries;  // ascending by offset, empty ones last
 };

@@ -7,18 +7,20 @@
 
 namespace k9erepl {
 
+using platform::TrackedFile;
+
 namespace {
 
-// kContentChanged when the file ends before it.
-u32 ReadBlock(platform::File& file, i64& filePos, i64 offset, TCommitBlock* block) {
-    filePos = kUnknownOffset;
+// kContentChanged when the file ends before it. Always asks the system where the pointer goes.
+u32 ReadBlock(TrackedFile& file, i64 offset, TCommitBlock* block) {
+    file.Forget();
     if (u32 rc = SeekTo(file, offset); rc != RC_OK) {
         return rc;
     }
     u32 got = 0;
     const u32 rc = ReadWhole(file, block, kCommitBlockSize, &got);
-    if (rc == RC_OK) {
-        filePos = offset + kCommitBlockSize;
+    if (rc != RC_OK) {
+        file.Forget();
     }
     if (rc == RC_SYSTEM_ERROR) {
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to read block;sys-err %r,offset %I64d",
@@ -27,9 +29,9 @@ u32 ReadBlock(platform::File& file, i64& filePos, i64 offset, TCommitBlock* bloc
     return rc == RC_SHORT_READ ? kContentChanged : rc;
 }
 
-u32 Compare(platform::File& file, i64& filePos, i64 offset, const TCommitBlock& expected) {
+u32 Compare(TrackedFile& file, i64 offset, const TCommitBlock& expected) {
     TCommitBlock found{};
-    if (u32 rc = ReadBlock(file, filePos, offset, &found); rc != RC_OK) {
+    if (u32 rc = ReadBlock(file, offset, &found); rc != RC_OK) {
         return rc;
     }
     return std::memcmp(&found, &expected, kCommitBlockSize) == 0 ? u32{RC_OK} : kContentChanged;
@@ -37,20 +39,20 @@ u32 Compare(platform::File& file, i64& filePos, i64 offset, const TCommitBlock& 
 
 }  // namespace
 
-u32 ContentMark::Take(platform::File& file, i64& filePos) {
+u32 ContentMark::Take(TrackedFile& file) {
     lastOffset = 0;
-    const u32 rc = ReadBlock(file, filePos, kFirstCommitOffset, &first);
+    const u32 rc = ReadBlock(file, kFirstCommitOffset, &first);
     taken = rc == RC_OK;
     return rc;
 }
 
-u32 ContentMark::Check(platform::File& file, i64& filePos) const {
+u32 ContentMark::Check(TrackedFile& file) const {
     if (lastOffset != 0) {
-        if (u32 rc = Compare(file, filePos, lastOffset, last); rc != RC_OK) {
+        if (u32 rc = Compare(file, lastOffset, last); rc != RC_OK) {
             return rc;
         }
     }
-    return Compare(file, filePos, kFirstCommitOffset, first);
+    return Compare(file, kFirstCommitOffset, first);
 }
 
 }  // namespace k9erepl

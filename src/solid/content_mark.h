@@ -9,8 +9,8 @@
 #include <k9erepl/storage.h>
 
 #include "format/storage_file_format.h"
-#include "platform/file.h"
 #include "platform/int_types.h"
+#include "platform/tracked_file.h"
 
 namespace k9erepl {
 
@@ -25,12 +25,11 @@ struct ContentMark {
 
     // Reads the commit block at 1024 into `first`, and looks at no other block from now on.
     // Errors: kContentChanged when the file ends before it; RC_SYSTEM_ERROR.
-    u32 Take(platform::File& file, i64& filePos);
+    [[nodiscard]] u32 Take(platform::TrackedFile& file);
 
     // RC_OK when both blocks are in the file as they are here. Errors: kContentChanged,
-    // RC_SYSTEM_ERROR. `filePos` is where the file's pointer stands, kept true. Logs failures of
-    // the system only.
-    u32 Check(platform::File& file, i64& filePos) const;
+    // RC_SYSTEM_ERROR. Logs failures of the system only.
+    [[nodiscard]] u32 Check(platform::TrackedFile& file) const;
 };
 
 }  // namespace k9erepl

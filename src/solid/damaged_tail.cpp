@@ -224,12 +224,13 @@ u32 CSolidStorage::LookForDamage(const FileScan::Result& end, bool* damaged) {
 bool CSolidStorage::KeepTail() {
     u32 rc = RC_NO_MEMORY;
     try {
-        rc = KeepDamagedTail(m_file, m_state.path, m_scanEnd.validCommitOffset + kCommitBlockSize);
+        rc = KeepDamagedTail(m_file.Raw(), m_state.path,
+                             m_scanEnd.validCommitOffset + kCommitBlockSize);
     } catch (const std::bad_alloc&) {
         LOG_ERROR_CODE(rc, kLogStorage, "Cannot keep damaged tail of file '%s', out of memory",
                        m_state.path.c_str());
     }
-    m_filePos = kUnknownOffset;
+    m_file.Forget();
     return rc == RC_OK;
 }
 

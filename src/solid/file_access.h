@@ -4,15 +4,15 @@
 
 #include <k9erepl/storage.h>
 
-#include "platform/file.h"
 #include "platform/int_types.h"
 #include "platform/system_error.h"
 #include "support/log.h"
 
 namespace k9erepl {
 
-// RC_OK, or RC_SYSTEM_ERROR after logging it.
-inline u32 SeekTo(platform::File& file, i64 offset) {
+// RC_OK, or RC_SYSTEM_ERROR after logging it. `AnyFile` is a File or a TrackedFile.
+template <typename AnyFile>
+[[nodiscard]] u32 SeekTo(AnyFile& file, i64 offset) {
     if (file.Seek(offset)) {
         return RC_OK;
     }
@@ -23,7 +23,8 @@ inline u32 SeekTo(platform::File& file, i64 offset) {
 
 // Reads `size` bytes at the file pointer; *got receives how many came. RC_SHORT_READ when the file
 // ends before, RC_SYSTEM_ERROR; the caller logs.
-inline u32 ReadWhole(platform::File& file, void* buffer, u32 size, u32* got) {
+template <typename AnyFile>
+[[nodiscard]] u32 ReadWhole(AnyFile& file, void* buffer, u32 size, u32* got) {
     if (!file.Read(buffer, size, got)) {
         return RC_SYSTEM_ERROR;
     }

@@ -7,6 +7,7 @@
 
 #include "format/stream_rules.h"
 #include "platform/system_error.h"
+#include "solid/file_access.h"
 #include "solid/solid_storage.h"
 #include "support/log.h"
 
@@ -110,13 +111,14 @@ u32 CSolidStorage::FileItems::GetLarge(u32 size, const u8** bytes) {
     if (m_large == nullptr) {
         return RC_NO_MEMORY;
     }
-    if (!m_storage.SeekForReading(m_offset)) {
+    if (!m_storage.m_file.Seek(m_offset)) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
                        "Cannot seek to start enum recs;offset %I64d, sys-err %r", m_offset,
                        LastSystemError());
         return RC_SYSTEM_ERROR;
     }
-    const u32 rc = m_storage.ReadHere(m_large.get(), size);
+    u32 got = 0;
+    const u32 rc = ReadWhole(m_storage.m_file, m_large.get(), size, &got);
     if (u32 checkRc = m_storage.CheckEnumerated(); checkRc != RC_OK) {
         return checkRc;
     }

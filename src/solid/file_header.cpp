@@ -51,21 +51,21 @@ u32 CSolidStorage::WithHeaderPosition(Action action) {
         }
     }
     i64 before = 0;
-    if (!m_file.Tell(&before)) {
+    if (!m_file.Raw().Tell(&before)) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Cannot get file offset;sys-err %r",
                        LastSystemError());
         return RC_SYSTEM_ERROR;
     }
     const u32 rc = action();
-    const u32 seekRc = SeekTo(m_file, before);
+    const u32 seekRc = SeekTo(m_file.Raw(), before);
     if (seekRc != RC_OK) {
-        m_filePos = kUnknownOffset;
+        m_file.Forget();
     }
     return rc != RC_OK ? rc : seekRc;
 }
 
 u32 CSolidStorage::ReadHeader(TFileHeader* header) {
-    return WithHeaderPosition([&] { return ReadAtStart(m_file, header); });
+    return WithHeaderPosition([&] { return ReadAtStart(m_file.Raw(), header); });
 }
 
 template <typename Change>
@@ -75,11 +75,11 @@ u32 CSolidStorage::UpdateHeader(Change change) {
     }
     return WithHeaderPosition([&] {
         TFileHeader header;
-        if (u32 rc = ReadAtStart(m_file, &header); rc != RC_OK) {
+        if (u32 rc = ReadAtStart(m_file.Raw(), &header); rc != RC_OK) {
             return rc;
         }
         change(header);
-        return WriteAtStart(m_file, header);
+        return WriteAtStart(m_file.Raw(), header);
     });
 }
 

@@ -10,32 +10,12 @@
 
 namespace k9erepl {
 
-bool CSolidStorage::SeekForReading(i64 offset) {
-    if (m_filePos == offset) {
-        return true;
+u32 CSolidStorage::ReadAt(i64 offset, void* buffer, u32 size) {
+    if (u32 rc = SeekTo(m_file, offset); rc != RC_OK) {
+        return rc;
     }
-    if (!m_file.Seek(offset)) {
-        return false;
-    }
-    m_filePos = offset;
-    return true;
-}
-
-u32 CSolidStorage::ReadHere(void* buffer, u32 size) {
     u32 got = 0;
     const u32 rc = ReadWhole(m_file, buffer, size, &got);
-    m_filePos = rc == RC_SYSTEM_ERROR ? kUnknownOffset : m_filePos + got;
-    return rc;
-}
-
-u32 CSolidStorage::ReadAt(i64 offset, void* buffer, u32 size) {
-    if (m_filePos != offset) {
-        if (u32 rc = SeekTo(m_file, offset); rc != RC_OK) {
-            return rc;
-        }
-        m_filePos = offset;
-    }
-    const u32 rc = ReadHere(buffer, size);
     if (rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to read block;sys-err %r,offset %I64d",
                        platform::LastSystemError(), offset);
@@ -70,7 +50,7 @@ u32 CSolidStorage::EnumCache(ReadCacheManager** cache) {
 
 u32 CSolidStorage::AddNestedCache() {
     try {
-        auto cache = std::make_unique<ReadCacheManager>(m_file, m_filePos);
+        auto cache = std::make_unique<ReadCacheManager>(m_file);
         if (u32 rc = cache->Init("read_buffers_count=1", m_state.writePos); rc != RC_OK) {
             return rc;
         }

@@ -34,9 +34,9 @@ bool AnyNonZero(const u8* bytes, u32 size) {
 
 }  // namespace
 
-FileScan::FileScan(platform::File& file, i64& filePos, const Extent& extent,
+FileScan::FileScan(platform::TrackedFile& file, const Extent& extent,
                    const FileScanCallbacks& callbacks)
-    : m_file(file), m_filePos(filePos), m_extent(extent), m_callbacks(callbacks) {}
+    : m_file(file), m_extent(extent), m_callbacks(callbacks) {}
 
 u32 FileScan::Run(i64 startOffset, bool fromHint) {
     assert(startOffset >= kFirstCommitOffset);
@@ -77,30 +77,25 @@ FileScan::Step FileScan::Need(u32 size) {
 }
 
 FileScan::Step FileScan::Fill(u32 needed) {
-    if (m_filePos != m_offset) {
-        if (!m_file.Seek(m_offset)) {
-            LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
-                           "Cannot seek to start enum recs;offset %I64d, sys-err %r", m_offset,
-                           LastSystemError());
-            return Fail(RC_SYSTEM_ERROR);
-        }
-        m_filePos = m_offset;
+    if (!m_file.Seek(m_offset)) {
+        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
+                       "Cannot seek to start enum recs;offset %I64d, sys-err %r", m_offset,
+                       LastSystemError());
+        return Fail(RC_SYSTEM_ERROR);
     }
     const u32 readSize = std::clamp(needed, m_readSize, kBufferSize);
     m_readSize = std::min(2 * readSize, kBufferSize);
     const i64 toRead = std::clamp<i64>(m_extent.fileSize - m_offset, 0, readSize);
     u32 got = 0;
     if (!m_file.Read(m_buffer.get(), static_cast<u32>(toRead), &got)) {
-        m_filePos = kUnknownOffset;
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Failed to read block;sys-err %r,offset %I64d",
                        LastSystemError(), m_offset);
         return Fail(RC_SYSTEM_ERROR);
     }
-    m_filePos += got;
     m_bufferOffset = m_offset;
     m_bufferLength = got;
     if (m_extent.mark != nullptr) {
-        if (u32 rc = m_extent.mark->Check(m_file, m_filePos); rc != RC_OK) {
+        if (u32 rc = m_extent.mark->Check(m_file); rc != RC_OK) {
             return Fail(rc);
         }
     }
@@ -121,7 +116,7 @@ FileScan::Step FileScan::Fill(u32 needed) {
 // there all the same, this is no end of the data: the next write would make the rest zero.
 FileScan::Step FileScan::CheckEnd(i64 reached) {
     i64 size = 0;
-    if (!m_file.GetSize(&size)) {
+    if (!m_file.Raw().GetSize(&size)) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Cannot get file size;sys-err %r",
                        LastSystemError());
         return Fail(RC_SYSTEM_ERROR);
@@ -281,7 +276,7 @@ u32 CSolidStorage::ScanFileFrom(K9eReplScanRecordCb recordCb, K9eReplScanCommitC
         const i64 start = fromHint ? startOffset : kFirstCommitOffset;
         return LoadLive({recordCb, commitCb, ctx}, {.offset = start, .fromHint = fromHint});
     }
-    FileScan scan(m_file, m_filePos, {.fileSize = FileSize()}, {recordCb, commitCb, ctx});
+    FileScan scan(m_file, {.fileSize = FileSize()}, {recordCb, commitCb, ctx});
     const u32 scanRc = scan.Run(fromHint ? startOffset : kFirstCommitOffset, fromHint);
     InvalidateReads();
     if (scanRc != RC_OK) {

@@ -9,9 +9,9 @@
 
 #include "format/storage_file_format.h"
 #include "format/stream_rules.h"
-#include "platform/file.h"
 #include "platform/int_types.h"
 #include "platform/memory.h"
+#include "platform/tracked_file.h"
 #include "solid/content_mark.h"
 
 namespace k9erepl {
@@ -55,9 +55,7 @@ class FileScan {
         const ContentMark* mark = nullptr;
     };
 
-    // `filePos` is where the file's pointer stands, kept true by the scan.
-    FileScan(platform::File& file, i64& filePos, const Extent& extent,
-             const FileScanCallbacks& callbacks);
+    FileScan(platform::TrackedFile& file, const Extent& extent, const FileScanCallbacks& callbacks);
 
     // Scans from `startOffset`; `fromHint` says that it need not be the file's first commit block.
     // Errors: RC_FILE_CORRUPT, RC_SYSTEM_ERROR, RC_NO_MEMORY, RC_SHORT_READ when the system gives
@@ -87,8 +85,7 @@ class FileScan {
     const u8* Here() const { return m_buffer.get() + (m_offset - m_bufferOffset); }
     u32 Left() const { return static_cast<u32>(m_bufferOffset + m_bufferLength - m_offset); }
 
-    platform::File& m_file;
-    i64& m_filePos;
+    platform::TrackedFile& m_file;
     const Extent m_extent;
     const FileScanCallbacks m_callbacks;
 

@@ -7,6 +7,7 @@
 #include "platform/clock.h"
 #include "platform/file_names.h"
 #include "platform/system_error.h"
+#include "solid/file_access.h"
 #include "solid/file_replace.h"
 #include "solid/solid_storage.h"
 #include "solid/storage_file_admin.h"
@@ -143,7 +144,7 @@ u32 CSolidStorage::CopyAndReplace(const SqueezeRequest& request, const SqueezeNa
 u32 CSolidStorage::CheckOldBackup(const std::string& backup) {
     platform::FileIdentity old;
     platform::FileIdentity own;
-    if (!m_fileLock || !platform::GetIdentity(backup, &old) || !m_file.GetIdentity(&own) ||
+    if (!m_fileLock || !platform::GetIdentity(backup, &old) || !m_file.Raw().GetIdentity(&own) ||
         old == own) {
         return RC_OK;
     }
@@ -157,19 +158,20 @@ u32 CSolidStorage::FlushAndReadStart(i64 commitOffset, TFileHeader* header,
     if (u32 rc = CompleteAsyncTasks(); rc != RC_OK) {
         return rc;
     }
-    if (u32 rc = FlushToDisk(m_file); rc != RC_OK) {
+    if (u32 rc = FlushToDisk(m_file.Raw()); rc != RC_OK) {
         return rc;
     }
     if (u32 rc = ReadHeader(header); rc != RC_OK) {
         return rc;
     }
-    if (!SeekForReading(commitOffset)) {
+    if (!m_file.Seek(commitOffset)) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
                        "Cannot seek to read commit block;offset %I64d, sys-err %r", commitOffset,
                        LastSystemError());
         return RC_SYSTEM_ERROR;
     }
-    if (ReadHere(commitBlock, kCommitBlockSize) != RC_OK) {
+    u32 got = 0;
+    if (ReadWhole(m_file, commitBlock, kCommitBlockSize, &got) != RC_OK) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Failed to read block;sys-err %r,offset %I64d",
                        LastSystemError(), commitOffset);
         return RC_SYSTEM_ERROR;
@@ -195,13 +197,14 @@ u32 CSolidStorage::CopyToTemp(platform::File& temporary, i64 from, i64* written)
     while (*written < size) {
         const i64 offset = from + *written;
         const u32 piece = static_cast<u32>(std::min(size - *written, i64{kCopyPieceSize}));
-        if (!SeekForReading(offset)) {
+        if (!m_file.Seek(offset)) {
             LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
                            "Cannot seek to read file;offset %I64d, sys-err %r", offset,
                            LastSystemError());
             return RC_SYSTEM_ERROR;
         }
-        if (ReadHere(buffer.get(), piece) != RC_OK) {
+        u32 got = 0;
+        if (ReadWhole(m_file, buffer.get(), piece, &got) != RC_OK) {
             LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
                            "Failed to read block;sys-err %r,offset %I64d", LastSystemError(),
                            offset);
@@ -232,7 +235,7 @@ u32 CSolidStorage::CopyToTemp(platform::File& temporary, i64 from, i64* written)
 u32 CSolidStorage::Replace(i64 backupSize, const SqueezeNames& names, TemporaryFile& temporary,
                            bool* renamed) {
     ++m_layoutGeneration;
-    platform::File oldLock = std::move(m_file.IsLocked() ? m_file : m_lockHolder);
+    platform::File oldLock = m_file.IsLocked() ? m_file.Release() : std::move(m_lockHolder);
     platform::File newLock = temporary.TakeFile();
     m_file.Close();
     u32 rc = backupSize == kNoBackup ? u32{RC_OK} : CutTo(backupSize, names.path);
@@ -262,18 +265,19 @@ u32 CSolidStorage::CutTo(i64 dataSize, const std::string& path) {
 }
 
 u32 CSolidStorage::OpenSqueezed(const std::string& path, i64 writePos) {
-    if (u32 rc = OpenAndCheckFile(path, {.writeThrough = m_state.writeThrough}, &m_file);
+    platform::File opened;
+    if (u32 rc = OpenAndCheckFile(path, {.writeThrough = m_state.writeThrough}, &opened);
         rc != RC_OK) {
         return rc;
     }
-    m_filePos = kFileHeaderSize;
+    m_file = platform::TrackedFile(std::move(opened), kFileHeaderSize);
     if (m_fileLock && !m_lockHolder.IsOpen()) {
-        if (u32 rc = LockForWriting(m_file, path, NoLocks::kSilent); rc != RC_OK) {
+        if (u32 rc = LockForWriting(m_file.Raw(), path, NoLocks::kSilent); rc != RC_OK) {
             return rc;
         }
     }
     i64 size = 0;
-    if (!m_file.GetSize(&size)) {
+    if (!m_file.Raw().GetSize(&size)) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
                        "Cannot get file size;sys-err %r,file path '%s'", LastSystemError(),
                        path.c_str());

@@ -57,7 +57,7 @@ u32 CSolidStorage::ScanForHost(const FileScanCallbacks& callbacks) {
         return ScanLiveForHost({&HostCallbacks::OnRecord, &HostCallbacks::OnCommit, &checked});
     }
     // Before the first scan the write position is the file's size.
-    FileScan scan(m_file, m_filePos, {.fileSize = FileSize(), .dataEnd = m_state.writePos},
+    FileScan scan(m_file, {.fileSize = FileSize(), .dataEnd = m_state.writePos},
                   {&HostCallbacks::OnRecord, &HostCallbacks::OnCommit, &checked});
     const u32 rc = scan.Run(kFirstCommitOffset, false);
     if (m_inUse) {

@@ -37,29 +37,28 @@ i64 EndOf(const FileScan::Result& result) {
 
 u32 CSolidStorage::Refresh(bool* goesOn) {
     assert(m_writer == nullptr && m_enumDepth == 0);
-    platform::File file;
-    if (u32 rc = OpenAndCheckFile(m_state.path, kReadOnlyRequest, &file); rc != RC_OK) {
+    platform::File opened;
+    if (u32 rc = OpenAndCheckFile(m_state.path, kReadOnlyRequest, &opened); rc != RC_OK) {
         return rc;
     }
     i64 size = 0;
-    if (!file.GetSize(&size)) {
+    if (!opened.GetSize(&size)) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
                        "Cannot get file size;sys-err %r,file path '%s'",
                        platform::LastSystemError(), m_state.path.c_str());
         return RC_SYSTEM_ERROR;
     }
-    i64 filePos = kFileHeaderSize;
+    platform::TrackedFile file(std::move(opened), kFileHeaderSize);
     const ContentMark loaded{m_content.first, m_scanEnd.validCommitOffset, m_scanEnd.lastCommit};
-    *goesOn = m_inUse && loaded.Check(file, filePos) == RC_OK;
+    *goesOn = m_inUse && loaded.Check(file) == RC_OK;
     m_file = std::move(file);
-    m_filePos = filePos;
     m_state.fileSize = size;
     InvalidateReads();
     if (!*goesOn) {
         ++m_layoutGeneration;
         m_inUse = false;
-        // A file without it cannot be loaded, which the load says.
-        m_content.Take(m_file, m_filePos);
+        // Dropped: a file without that block cannot be loaded, which the load says.
+        (void)m_content.Take(m_file);
     }
     return RC_OK;
 }
@@ -115,14 +114,14 @@ u32 CSolidStorage::ScanLive(const FileScanCallbacks& callbacks, const LiveStart&
 
 u32 CSolidStorage::LookAhead(const LiveStart& start, i64 enough, FileScan::Result* found) {
     i64 size = 0;
-    if (!m_file.GetSize(&size)) {
+    if (!m_file.Raw().GetSize(&size)) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
                        "Cannot get file size;sys-err %r,file path '%s'",
                        platform::LastSystemError(), m_state.path.c_str());
         return RC_SYSTEM_ERROR;
     }
     m_state.fileSize = size;
-    FileScan scan(m_file, m_filePos, {.fileSize = size, .enough = enough, .isLive = true},
+    FileScan scan(m_file, {.fileSize = size, .enough = enough, .isLive = true},
                   {IgnoreRecord, IgnoreCommit, nullptr});
     const u32 rc = start.resume != nullptr ? scan.Resume(*start.resume)
                                            : scan.Run(start.offset, start.fromHint);
@@ -141,8 +140,8 @@ u32 CSolidStorage::HandOut(const FileScanCallbacks& callbacks, const LiveStart& 
                            const FileScan::Result& ahead, FileScan::Result* result) {
     const i64 end = EndOf(ahead);
     const ContentMark mark{m_content.first, ahead.validCommitOffset, ahead.lastCommit};
-    FileScan scan(m_file, m_filePos,
-                  {.fileSize = end, .enough = end, .isLive = true, .mark = &mark}, callbacks);
+    FileScan scan(m_file, {.fileSize = end, .enough = end, .isLive = true, .mark = &mark},
+                  callbacks);
     const u32 rc = start.resume != nullptr ? scan.Resume(*start.resume)
                                            : scan.Run(start.offset, start.fromHint);
     if (rc != RC_OK) {
@@ -157,7 +156,7 @@ u32 CSolidStorage::ScanLiveForHost(const FileScanCallbacks& callbacks) {
     i64 enough = m_scanEnd.validCommitOffset + kCommitBlockSize;
     if (!m_inUse) {
         enough = std::numeric_limits<i64>::max();
-        m_content.Take(m_file, m_filePos);
+        (void)m_content.Take(m_file);  // dropped: what it could not read, the scan cannot either
     }
     FileScan::Result unused;
     const u32 rc = ScanLive(callbacks, {}, enough, &unused);
@@ -197,7 +196,7 @@ u32 CSolidStorage::ReadMarks(u32* lifenum, i64* clearOldRev) {
 }
 
 u32 CSolidStorage::CheckContent() {
-    return IsReadOnly() && m_content.taken ? m_content.Check(m_file, m_filePos) : u32{RC_OK};
+    return IsReadOnly() && m_content.taken ? m_content.Check(m_file) : u32{RC_OK};
 }
 
 // To be called between reading a piece of the file and handing it out.

@@ -44,8 +44,7 @@ platform::FileOpenRequest RequestFor(FileUse use, bool writeThrough) {
 
 }  // namespace
 
-CSolidStorage::CSolidStorage(SolidStorageOwner* owner)
-    : m_readCache(m_file, m_filePos), m_owner(owner) {}
+CSolidStorage::CSolidStorage(SolidStorageOwner* owner) : m_readCache(m_file), m_owner(owner) {}
 
 CSolidStorage::~CSolidStorage() {
     Close();
@@ -89,8 +88,7 @@ u32 CSolidStorage::OpenFile(const std::string& path, const char* connStr, FileUs
     }
     m_state.path = path;
     m_state.fileSize = size;
-    m_file = std::move(file);
-    m_filePos = kFileHeaderSize;
+    m_file = platform::TrackedFile(std::move(file), kFileHeaderSize);
     if (use == FileUse::kReadOnly) {
         m_state.writePos = size;
     } else if (u32 rc = MakeWriter(connStr); rc != RC_OK) {
@@ -112,7 +110,6 @@ bool CSolidStorage::Close() {
     InvalidateReads();
     m_file.Close();
     m_lockHolder.Close();
-    m_filePos = 0;
     m_inUse = false;
     m_lastWrittenRev = 0;
     m_content = {};

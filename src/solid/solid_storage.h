@@ -13,6 +13,7 @@
 #include "memory/read_cache_manager.h"
 #include "platform/file.h"
 #include "platform/int_types.h"
+#include "platform/tracked_file.h"
 #include "solid/content_mark.h"
 #include "solid/file_scan.h"
 #include "solid/solid_storage_owner.h"
@@ -306,10 +307,7 @@ class CSolidStorage final : public IK9eReplLLStorage {
     u32 CutTo(i64 dataSize, const std::string& path);
     u32 OpenSqueezed(const std::string& path, i64 writePos);
 
-    // Moves the file pointer unless it stands there already.
-    bool SeekForReading(i64 offset);
-    // RC_SHORT_READ, RC_SYSTEM_ERROR. ReadAt logs what it returns, ReadHere does not.
-    u32 ReadHere(void* buffer, u32 size);
+    // RC_SHORT_READ, RC_SYSTEM_ERROR, logged.
     u32 ReadAt(i64 offset, void* buffer, u32 size);
     // To be called when bytes of the file may have changed.
     void InvalidateReads();
@@ -326,11 +324,10 @@ class CSolidStorage final : public IK9eReplLLStorage {
     std::unique_ptr<StorageWriter> m_writer;  // null when read-only
 
     // --- Reading
-    platform::File m_file;  // also has the writer's lock, unless m_lockHolder is open
+    platform::TrackedFile m_file;  // also has the writer's lock, unless m_lockHolder is open
     // After a squeeze: the handle that made the new file, and locked it before it got its name.
     platform::File m_lockHolder;
     bool m_fileLock = true;  // other writers are kept away, where the file system has locks
-    i64 m_filePos = 0;       // where m_file's pointer stands, kUnknownOffset when that is not known
     ReadCacheManager m_readCache;
     std::vector<std::unique_ptr<ReadCacheManager>> m_nestedCaches;  // of levels 2, 3, ...
     u32 m_enumDepth = 0;                                            // enumerations that run

@@ -54,7 +54,7 @@ u32 CSolidStorage::ScanWhole(FileScan::Result* whole) {
         }
         return rc;
     }
-    FileScan scan(m_file, m_filePos, {.fileSize = FileSize()}, ignore);
+    FileScan scan(m_file, {.fileSize = FileSize()}, ignore);
     const u32 rc = scan.Run(kFirstCommitOffset, false);
     *whole = scan.GetResult();
     return rc;

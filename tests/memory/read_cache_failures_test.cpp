@@ -34,7 +34,7 @@ TEST_F(ReadCacheFailures, AFailedSeekIsReportedAndLeavesTheTrackedPosition) {
     EXPECT_EQ(m_log.CodeOf("Cannot seek to start enum recs;offset 5000, sys-err " + ErrorText()),
               RC_SYSTEM_ERROR)
         << m_log;
-    EXPECT_EQ(m_position, 0);
+    EXPECT_EQ(m_file.Position(), 0);
     EXPECT_EQ(Request(reader, 5000, 4), 1U);
 }
 
@@ -46,7 +46,7 @@ TEST_F(ReadCacheFailures, AFailedReadIsReportedAndTheNextRequestSeeksAgain) {
     EXPECT_EQ(m_log.CodeOf("Failed to read block;sys-err " + ErrorText() + ",offset 5000"),
               RC_SYSTEM_ERROR)
         << m_log;
-    EXPECT_EQ(m_position, ReadCacheManager::kUnknownPosition);
+    EXPECT_EQ(m_file.Position(), platform::TrackedFile::kUnknownPosition);
     EXPECT_EQ(Request(reader, 5000, 4), 1U);
     EXPECT_EQ(Seeks(), 2U);
 }
@@ -93,7 +93,7 @@ TEST_F(ReadCacheFailures, AFileThatEndsEarlyGivesAShorterLength) {
     EXPECT_EQ(reader.offset, 5000);
     EXPECT_EQ(reader.length, 3000U);
     EXPECT_TRUE(Has(reader, 5000, 3000));
-    EXPECT_EQ(m_position, 8000);
+    EXPECT_EQ(m_file.Position(), 8000);
 }
 
 TEST_F(ReadCacheFailures, AFileWithoutTheBytesGivesLengthZero) {

@@ -8,10 +8,11 @@
 
 #include <atomic>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "memory/read_cache_manager.h"
-#include "platform/file.h"
+#include "platform/tracked_file.h"
 #include "support/fault_injection.h"
 #include "support/file_bytes.h"
 #include "support/log_capture.h"
@@ -32,7 +33,9 @@ class ReadCacheTest : public ::testing::Test {
         WriteBytes(m_path, bytes);
         platform::FileOpenRequest request;
         request.access = platform::FileAccess::kRead;
-        EXPECT_TRUE(m_file.Open(m_path.c_str(), request));
+        platform::File file;
+        EXPECT_TRUE(file.Open(m_path.c_str(), request));
+        m_file = platform::TrackedFile(std::move(file), 0);
     }
 
     // The file's byte at `offset`; neighbours differ, and so do pages and buffers.
@@ -78,10 +81,9 @@ class ReadCacheTest : public ::testing::Test {
     LogCapture m_log;
     TempFolder m_folder;
     const std::string m_path = m_folder.File("storage");
-    platform::File m_file;
-    i64 m_position = 0;  // tracked, as the storage file does
+    platform::TrackedFile m_file;
     std::atomic<i64> m_dataEnd{kFileBytes};
-    ReadCacheManager m_cache{m_file, m_position};
+    ReadCacheManager m_cache{m_file};
 };
 
 }  // namespace k9erepl::test

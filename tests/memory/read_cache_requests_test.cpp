@@ -21,7 +21,7 @@ TEST_F(ReadCacheRequests, AMissReadsTwoMebibytesFromTheRequestedOffset) {
     EXPECT_EQ(reader.offset, 1056);
     EXPECT_EQ(reader.length, kBuffer);
     EXPECT_TRUE(Has(reader, 1056, ReadCacheManager::kBufferSize));
-    EXPECT_EQ(m_position, 1056 + kBuffer);
+    EXPECT_EQ(m_file.Position(), 1056 + kBuffer);
 }
 
 TEST_F(ReadCacheRequests, ARequestInsideOneBufferCostsNoSystemCall) {
@@ -138,7 +138,7 @@ TEST_F(ReadCacheRequests, SeeksOnlyWhenTheFilePointerStandsElsewhere) {
     EXPECT_EQ(Seeks(), 0U);
     EXPECT_EQ(Request(reader, 3 * kBuffer, 4), 1U);
     EXPECT_EQ(Seeks(), 1U);
-    EXPECT_EQ(m_position, 4 * kBuffer);
+    EXPECT_EQ(m_file.Position(), 4 * kBuffer);
 }
 
 TEST_F(ReadCacheRequests, SeeksAgainWhenTheStorageFileMovedThePointer) {
@@ -146,7 +146,6 @@ TEST_F(ReadCacheRequests, SeeksAgainWhenTheStorageFileMovedThePointer) {
     ReadBuffer reader;
     EXPECT_EQ(Request(reader, 0, 4), 1U);
     ASSERT_TRUE(m_file.Seek(17));
-    m_position = 17;
     EXPECT_EQ(Request(reader, kBuffer, 4), 1U);
 }
 
