@@ -37,8 +37,8 @@ struct StreamEnd {
     i64 prevRecRev = 0;        // of the last accepted record
 };
 
-enum class RecordFault { kNone, kSizesDiffer, kBelowCommitted, kDoesNotRise };
-enum class CommitFault { kNone, kWrongLink, kClearRevFalls, kBelowRecord };
+enum class [[nodiscard]] RecordFault{kNone, kSizesDiffer, kBelowCommitted, kDoesNotRise};
+enum class [[nodiscard]] CommitFault{kNone, kWrongLink, kClearRevFalls, kBelowRecord};
 
 // Each record says its size twice.
 inline bool SizesAgree(const TRecordHead& head) {

@@ -1,6 +1,7 @@
 // The mark of a content; see the header.
 #include "solid/content_mark.h"
 
+#include <cassert>
 #include <cstring>
 
 #include "solid/file_access.h"
@@ -12,7 +13,8 @@ using platform::TrackedFile;
 namespace {
 
 // kContentChanged when the file ends before it. Always asks the system where the pointer goes.
-u32 ReadBlock(TrackedFile& file, i64 offset, TCommitBlock* block) {
+[[nodiscard]] u32 ReadBlock(TrackedFile& file, i64 offset, TCommitBlock* block) {
+    assert(offset >= kFirstCommitOffset);
     file.Forget();
     if (u32 rc = SeekTo(file, offset); rc != RC_OK) {
         return rc;
@@ -29,7 +31,7 @@ u32 ReadBlock(TrackedFile& file, i64 offset, TCommitBlock* block) {
     return rc == RC_SHORT_READ ? kContentChanged : rc;
 }
 
-u32 Compare(TrackedFile& file, i64 offset, const TCommitBlock& expected) {
+[[nodiscard]] u32 Compare(TrackedFile& file, i64 offset, const TCommitBlock& expected) {
     TCommitBlock found{};
     if (u32 rc = ReadBlock(file, offset, &found); rc != RC_OK) {
         return rc;
@@ -40,6 +42,7 @@ u32 Compare(TrackedFile& file, i64 offset, const TCommitBlock& expected) {
 }  // namespace
 
 u32 ContentMark::Take(TrackedFile& file) {
+    assert(file.IsOpen());
     lastOffset = 0;
     const u32 rc = ReadBlock(file, kFirstCommitOffset, &first);
     taken = rc == RC_OK;

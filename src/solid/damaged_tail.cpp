@@ -1,237 +1,95 @@
-// Damage in the middle of the storage file: noticing it at the end of a load, and keeping what lies
-// behind it; see damaged_tail.h and CSolidStorage::KeepTailIfDamaged.
+// Noticing damage in the middle of the storage file; see the header.
 #include "solid/damaged_tail.h"
 
 #include <algorithm>
-#include <cstring>
+#include <cassert>
 #include <new>
 
 #include "format/damage_search.h"
-#include "platform/file_names.h"
 #include "platform/memory.h"
-#include "platform/system_error.h"
-#include "solid/file_access.h"
-#include "solid/file_replace.h"
-#include "solid/solid_storage.h"
-#include "support/durable_names.h"
+#include "solid/tail_copy.h"
 #include "support/log.h"
 
 namespace k9erepl {
 
-using platform::File;
-using platform::LastSystemError;
-
-namespace {
-
-constexpr u32 kPieceSize = 1024 * 1024;
-
-// The bytes to be kept, and two buffers to read them with.
-struct Tail {
-    File& source;
-    i64 from;
-    i64 size;
-    platform::MemoryBuffer piece = platform::AllocBuffer(kPieceSize);
-    platform::MemoryBuffer other = platform::AllocBuffer(kPieceSize);
-
-    // Hands each piece to `action`, which says whether to go on.
-    template <typename Action>
-    u32 ForEachPiece(Action action) {
-        if (u32 rc = SeekTo(source, from); rc != RC_OK) {
-            return rc;
-        }
-        for (i64 done = 0; done < size;) {
-            const auto length = static_cast<u32>(std::min(size - done, i64{kPieceSize}));
-            u32 got = 0;
-            if (u32 rc = ReadWhole(source, piece.get(), length, &got); rc != RC_OK) {
-                return rc;
-            }
-            if (!action(length)) {
-                return RC_OK;
-            }
-            done += length;
-        }
-        return RC_OK;
-    }
-};
-
-enum class Occupied { kFree, kSameBytes, kOtherBytes };
-
-// What cannot be read is none of ours, and stays.
-u32 LookAt(const std::string& name, Tail& tail, Occupied* occupied) {
-    File file;
-    i64 size = 0;
-    *occupied = Occupied::kOtherBytes;
-    if (!file.Open(name.c_str(), {.access = platform::FileAccess::kRead})) {
-        if (platform::LastSystemErrorIs(platform::SystemErrorKind::kNotFound)) {
-            *occupied = Occupied::kFree;
-        }
-        return RC_OK;
-    }
-    if (!file.GetSize(&size) || size != tail.size) {
-        return RC_OK;
-    }
-    bool same = true;
-    const u32 rc = tail.ForEachPiece([&](u32 length) {
-        u32 got = 0;
-        same = ReadWhole(file, tail.other.get(), length, &got) == RC_OK &&
-               std::memcmp(tail.piece.get(), tail.other.get(), length) == 0;
-        return same;
-    });
-    *occupied = same ? Occupied::kSameBytes : Occupied::kOtherBytes;
-    return rc;
-}
-
-u32 CopyTo(File& copy, Tail& tail) {
-    bool written = true;
-    const u32 rc = tail.ForEachPiece([&](u32 length) {
-        u32 put = 0;
-        written = copy.Write(tail.piece.get(), length, &put);
-        return written;
-    });
-    if (rc != RC_OK) {
-        return rc;
-    }
-    return written && copy.FlushToDisk() ? RC_OK : RC_SYSTEM_ERROR;
-}
-
-u32 CopyUnder(const std::string& name, const std::string& storagePath, Tail& tail) {
-    const std::string temporaryName = storagePath + ".damaged-tail.temporary";
-    platform::RemoveFile(temporaryName);  // of a process that ended half-way
-    TemporaryFile temporary(temporaryName);
-    if (u32 rc = temporary.Create(storagePath); rc != RC_OK) {
-        return rc;
-    }
-    if (u32 rc = CopyTo(temporary.Get(), tail); rc != RC_OK) {
-        return rc;
-    }
-    temporary.Close();
-    if (!platform::MoveFileReplacing(temporaryName, name)) {
-        return RC_SYSTEM_ERROR;
-    }
-    temporary.Release();
-    if (!FlushNamesBeside(name)) {
-        return RC_SYSTEM_ERROR;
-    }
-    LOG_WARNING(kLogStorage, "Damaged tail is kept in file '%s';size %I64d", name.c_str(),
-                tail.size);
-    return RC_OK;
-}
-
-u32 KeepUnderFreeName(const std::string& storagePath, Tail& tail) {
-    if (tail.piece == nullptr || tail.other == nullptr) {
-        return RC_NO_MEMORY;
-    }
-    for (u32 number = 0; number < kDamagedTailsMost; ++number) {
-        const std::string name = DamagedTailName(storagePath, number);
-        Occupied occupied = Occupied::kFree;
-        if (u32 rc = LookAt(name, tail, &occupied); rc != RC_OK) {
-            return rc;
-        }
-        if (occupied == Occupied::kSameBytes) {
-            LOG_INFO(kLogStorage, "Damaged tail was kept before in file '%s'", name.c_str());
-            return RC_OK;
-        }
-        if (occupied == Occupied::kFree) {
-            return CopyUnder(name, storagePath, tail);
-        }
-    }
-    platform::SetLastSystemError(
-        platform::SystemErrorOf(platform::SystemErrorKind::kAlreadyExists));
-    return RC_SYSTEM_ERROR;
-}
-
-}  // namespace
-
-std::string DamagedTailName(const std::string& path, u32 number) {
-    const std::string name = path + ".damaged-tail";
-    return number == 0 ? name : name + "." + std::to_string(number);
-}
-
-u32 KeepDamagedTail(File& source, const std::string& storagePath, i64 from) {
-    const std::string path = platform::FollowLink(storagePath);
-    Tail tail{.source = source, .from = from, .size = 0};
-    i64 fileSize = 0;
-    u32 rc = RC_SYSTEM_ERROR;
-    if (source.GetSize(&fileSize)) {
-        tail.size = fileSize - from;
-        rc = KeepUnderFreeName(path, tail);
-    }
-    if (rc != RC_OK) {
-        LOG_ERROR_CODE(rc, kLogStorage, "Cannot keep damaged tail of file '%s';sys-err %r",
-                       path.c_str(), LastSystemError());
-    }
-    return rc;
-}
-
-void CSolidStorage::KeepTailIfDamaged(TailCare care) {
+void DamagedTail::KeepIfDamaged(TailCare care) {
     bool damaged = false;
-    const bool looked = LookForDamage(m_scanEnd, &damaged) == RC_OK;
+    const bool looked = LookBehind(m_load.End(), &damaged) == RC_OK;
     if (care == TailCare::kKeepCopy) {
-        m_tailUnlooked = !looked;
-        m_tailUnkept = damaged && !KeepTail();
+        m_unlooked = !looked;
+        m_unkept = damaged && !Keep();
     }
 }
 
 // The last chance: what is not kept now is zeroed by the write that follows.
-void CSolidStorage::KeepTailAfterAll() {
-    bool damaged = m_tailUnkept;
-    if (m_tailUnlooked) {
-        LookForDamage(m_scanEnd, &damaged);
+void DamagedTail::KeepAfterAll() {
+    assert(m_unlooked || m_unkept);
+    bool damaged = m_unkept;
+    if (m_unlooked) {
+        // Dropped: it is logged, and a tail that cannot be looked at counts as sound.
+        (void)LookBehind(m_load.End(), &damaged);
     }
-    m_tailUnlooked = false;
-    m_tailUnkept = false;
+    m_unlooked = false;
+    m_unkept = false;
     if (damaged) {
-        KeepTail();
+        (void)Keep();  // dropped: it is logged, and the write goes on
     }
 }
 
-// Logs what it finds. What cannot be looked at counts as sound: the load goes on as it would.
-u32 CSolidStorage::LookForDamage(const FileScan::Result& end, bool* damaged) {
+u32 DamagedTail::LookBehind(const FileScan::Result& end, bool* damaged) {
+    assert(damaged != nullptr);
     *damaged = false;
     if (!end.stopInUse) {
         return RC_OK;
     }
-    const i64 left = FileSize() - end.stopOffset;
+    const i64 left = m_file.FileSize() - end.stopOffset;
     const auto size = static_cast<u32>(std::clamp<i64>(left, 0, kDamageSearchSize));
     const platform::MemoryBuffer bytes = platform::AllocBuffer(size);
-    const u32 rc = bytes == nullptr ? u32{RC_NO_MEMORY} : ReadAt(end.stopOffset, bytes.get(), size);
-    if (rc == RC_SHORT_READ && IsReadOnly()) {
+    const u32 rc =
+        bytes == nullptr ? u32{RC_NO_MEMORY} : m_file.ReadAt(end.stopOffset, bytes.get(), size);
+    if (rc == RC_SHORT_READ && m_file.IsReadOnly()) {
         return RC_OK;  // the writer has cut the file meanwhile
     }
     if (rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Cannot look for damage in file '%s';offset %I64d",
-                       m_state.path.c_str(), end.stopOffset);
+                       m_file.Path().c_str(), end.stopOffset);
         return rc;
     }
     const LastGoodCommit last{.clearRev = end.clearRevBefore,
                               .commitRev = end.committedBefore,
                               .sequence = end.lastSequence};
     const BeyondDamage beyond = SearchBeyondDamage(bytes.get(), size, last);
-    if (beyond.IsDamage() && IsReadOnly() && GoesOnBehind(end)) {
+    if (beyond.IsDamage() && m_file.IsReadOnly() && m_live.GoesOnBehind(end)) {
         return RC_OK;
     }
     if (beyond.IsDamage()) {
         LOG_ERROR_CODE(RC_FILE_CORRUPT, kLogStorage,
                        "Damage in the middle of file '%s';offset %I64d,last good rev %I64d,revs "
                        "beyond %I64d-%I64d",
-                       m_state.path.c_str(), end.stopOffset, end.lastCommitted, beyond.lowestRev,
+                       m_file.Path().c_str(), end.stopOffset, end.lastCommitted, beyond.lowestRev,
                        beyond.highestRev);
     }
     *damaged = beyond.IsDamage();
     return RC_OK;
 }
 
-bool CSolidStorage::KeepTail() {
+bool DamagedTail::Keep() {
+    assert(m_load.End().commitFound);
     u32 rc = RC_NO_MEMORY;
     try {
-        rc = KeepDamagedTail(m_file.Raw(), m_state.path,
-                             m_scanEnd.validCommitOffset + kCommitBlockSize);
+        rc = KeepDamagedTail(m_file.Reader().Raw(), m_file.Path(),
+                             m_load.End().validCommitOffset + kCommitBlockSize);
     } catch (const std::bad_alloc&) {
         LOG_ERROR_CODE(rc, kLogStorage, "Cannot keep damaged tail of file '%s', out of memory",
-                       m_state.path.c_str());
+                       m_file.Path().c_str());
     }
-    m_file.Forget();
+    m_file.Reader().Forget();
     return rc == RC_OK;
+}
+
+void DamagedTail::Reset() {
+    m_unlooked = false;
+    m_unkept = false;
 }
 
 }  // namespace k9erepl

@@ -1,28 +1,51 @@
-// Keeping what lies behind a damage in the middle of a storage file, before the next write makes it
-// zero. The storage file calls it at the end of a load, and once more before the first write when
-// that failed.
+// Damage in the middle of the storage file: noticing it at the end of a load, and keeping what lies
+// behind it before the next write makes that zero. The loads, the check of the whole file and
+// everything that writes use it.
 #ifndef K9EREPL_SOLID_DAMAGED_TAIL_H
 #define K9EREPL_SOLID_DAMAGED_TAIL_H
 
-#include <string>
-
-#include "platform/file.h"
 #include "platform/int_types.h"
+#include "solid/file_scan.h"
+#include "solid/live_file.h"
+#include "solid/load_scan.h"
+#include "solid/storage_file.h"
 
 namespace k9erepl {
 
-// So many different tails are kept of one storage.
-inline constexpr u32 kDamagedTailsMost = 100;
+// What is done about damage in the middle of the file.
+enum class TailCare { kReport, kKeepCopy };
 
-// The name of the `number`-th tail of the storage file `path`, from 0: "<path>.damaged-tail",
-// "<path>.damaged-tail.1", ...
-std::string DamagedTailName(const std::string& path, u32 number);
+class DamagedTail {
+  public:
+    DamagedTail(StorageFile& file, LiveFile& live, const LoadScan& load)
+        : m_file(file), m_live(live), m_load(load) {}
 
-// Copies the bytes of `source` from `from` to its end into a file of the first of these names that
-// is free, whole and on the disk or not at all; where one of them has these bytes already, nothing
-// is done. `storagePath` is followed if it is a symbolic link. Moves the pointer of `source`.
-// Errors, logged: RC_SYSTEM_ERROR, RC_SHORT_READ, RC_NO_MEMORY. May throw std::bad_alloc.
-u32 KeepDamagedTail(platform::File& source, const std::string& storagePath, i64 from);
+    // To be called when a load has succeeded; as CSolidStorage::KeepTailIfDamaged.
+    void KeepIfDamaged(TailCare care);
+    // To be called before the bytes behind the write position change.
+    void KeepBeforeWriting() {
+        if (m_unlooked || m_unkept) [[unlikely]] {
+            KeepAfterAll();
+        }
+    }
+
+    // Whether what lies behind the end of a scan goes on, which is logged as an error.
+    // Errors: those of reading; *damaged is then false, and the load goes on as it would.
+    [[nodiscard]] u32 LookBehind(const FileScan::Result& end, bool* damaged);
+
+    // To be called when the file is closed.
+    void Reset();
+
+  private:
+    bool Keep();
+    void KeepAfterAll();
+
+    StorageFile& m_file;
+    LiveFile& m_live;
+    const LoadScan& m_load;
+    bool m_unlooked = false;  // there may be a damaged tail: looking for it failed
+    bool m_unkept = false;    // a damaged tail is in the file only
+};
 
 }  // namespace k9erepl
 

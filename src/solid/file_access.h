@@ -4,6 +4,9 @@
 
 #include <k9erepl/storage.h>
 
+#include <string>
+
+#include "platform/file.h"
 #include "platform/int_types.h"
 #include "platform/system_error.h"
 #include "support/log.h"
@@ -34,6 +37,16 @@ template <typename AnyFile>
         return RC_SHORT_READ;
     }
     return RC_OK;
+}
+
+// The length of the file at `path` in bytes. RC_OK, or RC_SYSTEM_ERROR after logging it.
+[[nodiscard]] inline u32 GetSizeOf(const platform::File& file, const std::string& path, i64* size) {
+    if (file.GetSize(size)) {
+        return RC_OK;
+    }
+    LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Cannot get file size;sys-err %r,file path '%s'",
+                   platform::LastSystemError(), path.c_str());
+    return RC_SYSTEM_ERROR;
 }
 
 }  // namespace k9erepl

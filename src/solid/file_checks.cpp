@@ -1,28 +1,29 @@
-// Small looks at the storage file around a load: its first commit block, whether a record lies
-// where the index file says, and which revision lies before that.
+// Small looks at the storage file; see the header.
+#include "solid/file_checks.h"
+
 #include <algorithm>
 #include <cassert>
 
 #include "format/stream_rules.h"
 #include "platform/memory.h"
-#include "solid/solid_storage.h"
 #include "support/log.h"
 
 namespace k9erepl {
 
-u32 CSolidStorage::ReadFirstCommitInfo(i64* commitRev, bool* hasItems) {
-    if (!IsOpen()) {
+u32 ReadFirstCommitInfo(StorageFile& file, i64* commitRev, bool* hasItems) {
+    assert(commitRev != nullptr && hasItems != nullptr);
+    if (!file.IsOpen()) {
         return RC_NO_WRITER;
     }
-    if (FileSize() < kFirstItemOffset) {
+    if (file.FileSize() < kFirstItemOffset) {
         LOG_ERROR_CODE(RC_NOT_FOUND, kLogStorage, "File too short");
         return RC_NOT_FOUND;
     }
     TCommitBlock block;
     u32 signature = 0;
-    const bool mayHaveItems = FileSize() >= kFirstItemOffset + i64{kSignatureSize};
-    if (ReadAt(kFirstCommitOffset, &block, kCommitBlockSize) != RC_OK ||
-        (mayHaveItems && ReadAt(kFirstItemOffset, &signature, kSignatureSize) != RC_OK)) {
+    const bool mayHaveItems = file.FileSize() >= kFirstItemOffset + i64{kSignatureSize};
+    if (file.ReadAt(kFirstCommitOffset, &block, kCommitBlockSize) != RC_OK ||
+        (mayHaveItems && file.ReadAt(kFirstItemOffset, &signature, kSignatureSize) != RC_OK)) {
         return RC_SYSTEM_ERROR;
     }
     if (block.signature != kCommitSignature) {
@@ -34,20 +35,20 @@ u32 CSolidStorage::ReadFirstCommitInfo(i64* commitRev, bool* hasItems) {
     return RC_OK;
 }
 
-u32 CSolidStorage::CheckRecordAt(i64 rev, i64 offset) {
-    if (!IsOpen()) {
+u32 CheckRecordAt(StorageFile& file, i64 rev, i64 offset) {
+    if (!file.IsOpen()) {
         return RC_NO_WRITER;
     }
-    const i64 lastHeadOffset = FileSize() - kRecordHeadSize;
+    const i64 lastHeadOffset = file.FileSize() - kRecordHeadSize;
     if (offset < 0 || offset > lastHeadOffset) {
         return RC_NOT_FOUND;
     }
     TRecordHead head;
-    if (u32 rc = ReadAt(offset, &head, kRecordHeadSize); rc != RC_OK) {
+    if (u32 rc = file.ReadAt(offset, &head, kRecordHeadSize); rc != RC_OK) {
         return rc;
     }
     const bool holds = head.signature == kRecordSignature && SizesAgree(head) &&
-                       i64{head.size} <= FileSize() - offset && head.rev == rev;
+                       i64{head.size} <= file.FileSize() - offset && head.rev == rev;
     return holds ? RC_OK : RC_NOT_FOUND;
 }
 
@@ -57,6 +58,7 @@ constexpr u32 kLookBackSize = 64 * 1024;
 
 // Data may look like a head: the highest revision of all that fit is the safe one. 0: none fits.
 i64 HighestRevOfEnd(const u8* bytes, u32 size) {
+    assert(bytes != nullptr);
     i64 highest = 0;
     if (size >= kCommitBlockSize) {
         const auto block = LoadUnaligned<TCommitBlock>(bytes + size - kCommitBlockSize);
@@ -79,15 +81,15 @@ i64 HighestRevOfEnd(const u8* bytes, u32 size) {
 
 }  // namespace
 
-u32 CSolidStorage::FindRevBefore(i64 offset, i64* rev) {
-    assert(offset >= kFirstItemOffset);
+u32 FindRevBefore(StorageFile& file, i64 offset, i64* rev) {
+    assert(offset >= kFirstItemOffset && rev != nullptr);
     const platform::MemoryBuffer buffer = platform::AllocBuffer(kLookBackSize);
     if (buffer == nullptr) {
         return RC_NO_MEMORY;
     }
     const i64 from = std::max(offset - kLookBackSize, kFirstCommitOffset);
     const auto size = static_cast<u32>(offset - from);
-    if (u32 rc = ReadAt(from, buffer.get(), size); rc != RC_OK) {
+    if (u32 rc = file.ReadAt(from, buffer.get(), size); rc != RC_OK) {
         return rc;
     }
     const i64 highest = HighestRevOfEnd(buffer.get(), size);

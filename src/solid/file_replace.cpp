@@ -3,6 +3,7 @@
 
 #include <k9erepl/storage.h>
 
+#include <cassert>
 #include <new>
 
 #include "index/index_file.h"
@@ -35,6 +36,7 @@ TemporaryFile::~TemporaryFile() {
 }
 
 u32 TemporaryFile::Create(const std::string& model) {
+    assert(!m_created && !m_file.IsOpen());
     LOG_INFO(kLogStorage, "Creating temp file '%s'", m_path.c_str());
     m_created = m_file.Open(m_path.c_str(), {.access = platform::FileAccess::kWrite,
                                              .disposition = platform::FileDisposition::kCreateNew,
@@ -107,7 +109,7 @@ BackupKind MakeBackup(const SqueezeNames& names) {
     return kind;
 }
 
-u32 FlushDirectoryOf(const std::string& path) {
+[[nodiscard]] u32 FlushDirectoryOf(const std::string& path) {
     if (!FlushNames(path)) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
                        "Cannot flush directory of file '%s';sys-err %r", path.c_str(),
@@ -120,6 +122,7 @@ u32 FlushDirectoryOf(const std::string& path) {
 // A backup that is only another name of the storage file would go on changing with it, and a
 // storage file that has only the backup's name would be missed, and perhaps made anew, empty.
 void UndoBackup(const SqueezeNames& names, BackupKind kind) {
+    assert(kind != BackupKind::kNone);
     if (kind == BackupKind::kMoved) {
         if (!Move(names.backup, names.path)) {
             LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
@@ -137,6 +140,7 @@ void UndoBackup(const SqueezeNames& names, BackupKind kind) {
 }  // namespace
 
 u32 RenameTemp(const SqueezeNames& names, bool* renamed) {
+    assert(renamed != nullptr && names.temporary != names.path);
     *renamed = Move(names.temporary, names.path);
     if (!*renamed) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
@@ -148,6 +152,7 @@ u32 RenameTemp(const SqueezeNames& names, bool* renamed) {
 }
 
 u32 BackupAndRename(const SqueezeNames& names, bool* renamed) {
+    assert(renamed != nullptr && names.backup != names.path);
     *renamed = false;
     DeleteBackupIndex(names.backupIndex);
     const BackupKind kind = MakeBackup(names);

@@ -3,6 +3,7 @@
 #ifndef K9EREPL_SOLID_FILE_REPLACE_H
 #define K9EREPL_SOLID_FILE_REPLACE_H
 
+#include <cassert>
 #include <string>
 #include <utility>
 
@@ -33,13 +34,19 @@ class TemporaryFile {
 
     // Makes the file, which must not exist, with the owner and the permissions of `model`.
     // RC_SYSTEM_ERROR; a file that stands there stays.
-    u32 Create(const std::string& model);
+    [[nodiscard]] u32 Create(const std::string& model);
     platform::File& Get() { return m_file; }
     void Close() { m_file.Close(); }
     // The open file, to be kept beyond the end of this object.
-    platform::File TakeFile() { return std::move(m_file); }
+    platform::File TakeFile() {
+        assert(m_file.IsOpen());
+        return std::move(m_file);
+    }
     // It has another name now.
-    void Release() { m_created = false; }
+    void Release() {
+        assert(m_created);
+        m_created = false;
+    }
 
   private:
     const std::string& m_path;
@@ -51,8 +58,8 @@ class TemporaryFile {
 // under the backup's name, in place of an older backup, whose index file is deleted.
 // Errors: RC_SYSTEM_ERROR. *renamed tells whether the storage's name leads to the new file; if it
 // does not, it leads to the old one, and no backup was made.
-u32 BackupAndRename(const SqueezeNames& names, bool* renamed);
-u32 RenameTemp(const SqueezeNames& names, bool* renamed);
+[[nodiscard]] u32 BackupAndRename(const SqueezeNames& names, bool* renamed);
+[[nodiscard]] u32 RenameTemp(const SqueezeNames& names, bool* renamed);
 
 }  // namespace k9erepl
 

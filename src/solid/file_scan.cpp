@@ -7,7 +7,6 @@
 #include <limits>
 
 #include "platform/system_error.h"
-#include "solid/solid_storage.h"
 #include "support/log.h"
 
 namespace k9erepl {
@@ -67,6 +66,7 @@ u32 FileScan::RunFrom(i64 offset) {
 }
 
 FileScan::Step FileScan::Fail(u32 rc) {
+    assert(rc != RC_OK);
     m_failure = rc;
     return Step::kFail;
 }
@@ -77,6 +77,7 @@ FileScan::Step FileScan::Need(u32 size) {
 }
 
 FileScan::Step FileScan::Fill(u32 needed) {
+    assert(needed > Left());
     if (!m_file.Seek(m_offset)) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
                        "Cannot seek to start enum recs;offset %I64d, sys-err %r", m_offset,
@@ -115,6 +116,7 @@ FileScan::Step FileScan::Fill(u32 needed) {
 // A read ended at `reached`, before the end of the file as it was known. If the file has bytes
 // there all the same, this is no end of the data: the next write would make the rest zero.
 FileScan::Step FileScan::CheckEnd(i64 reached) {
+    assert(reached >= m_offset && !m_extent.isLive);
     i64 size = 0;
     if (!m_file.Raw().GetSize(&size)) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Cannot get file size;sys-err %r",
@@ -252,6 +254,7 @@ u32 FileScan::Finish() {
         }
         return RC_FILE_CORRUPT;
     }
+    assert(m_result.validCommitOffset >= kFirstCommitOffset);
     LOG_INFO(
         kLogStorage, "Min rev: %I64d, max rev: %I64d, valid commit offset %I64d, prevRecRev %I64d",
         m_result.clearRev, m_result.lastCommitted, m_result.validCommitOffset, m_result.prevRecRev);
@@ -262,46 +265,6 @@ u32 FileScan::Finish() {
                          AnyNonZero(Here(), Left()) || looked < m_extent.fileSize;
     m_result.stopOffset = m_offset;
     m_result.stopInUse = Left() >= kSignatureSize && AnyNonZero(Here(), kSignatureSize);
-    return RC_OK;
-}
-
-u32 CSolidStorage::ScanFileFrom(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb,
-                                i64 startOffset, void* ctx) {
-    assert(recordCb != nullptr && commitCb != nullptr);
-    if (!IsOpen()) {
-        return RC_NO_WRITER;
-    }
-    const bool fromHint = IsScanHint(startOffset);
-    if (IsReadOnly()) {
-        const i64 start = fromHint ? startOffset : kFirstCommitOffset;
-        return LoadLive({recordCb, commitCb, ctx}, {.offset = start, .fromHint = fromHint});
-    }
-    FileScan scan(m_file, {.fileSize = FileSize()}, {recordCb, commitCb, ctx});
-    const u32 scanRc = scan.Run(fromHint ? startOffset : kFirstCommitOffset, fromHint);
-    InvalidateReads();
-    if (scanRc != RC_OK) {
-        return scanRc;
-    }
-    if (u32 rc = TakeScanEnd(scan.GetResult()); rc != RC_OK) {
-        return rc;
-    }
-    m_inUse = true;
-    ++m_layoutGeneration;
-    return RC_OK;
-}
-
-u32 CSolidStorage::TakeScanEnd(const FileScan::Result& result) {
-    const i64 position = result.validCommitOffset + kCommitBlockSize;
-    if (IsReadOnly()) {
-        MarkContent(result);
-    } else if (u32 rc = m_writer->SetWritePos(position, true, result.tailInUse); rc != RC_OK) {
-        return rc;
-    }
-    m_scanEnd = result;
-    m_state.lastCommitSequence = result.lastSequence;
-    m_state.clearRev = result.clearRev;
-    m_state.lastFlushedRev = result.lastCommitted;
-    m_lastWrittenRev = 0;
     return RC_OK;
 }
 

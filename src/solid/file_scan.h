@@ -1,10 +1,12 @@
 // The walk of the load scan: reads a storage file in large pieces, applies the rules of the format
-// to each item in file order and hands out what it accepts. CSolidStorage::ScanFileFrom runs it.
+// to each item in file order and hands out what it accepts. The load scan, the scan for hosts
+// and the check of the whole file run it.
 #ifndef K9EREPL_SOLID_FILE_SCAN_H
 #define K9EREPL_SOLID_FILE_SCAN_H
 
 #include <k9erepl/storage_interfaces.h>
 
+#include <cassert>
 #include <limits>
 
 #include "format/storage_file_format.h"
@@ -60,17 +62,17 @@ class FileScan {
     // Scans from `startOffset`; `fromHint` says that it need not be the file's first commit block.
     // Errors: RC_FILE_CORRUPT, RC_SYSTEM_ERROR, RC_NO_MEMORY, RC_SHORT_READ when the system gives
     // fewer bytes than the file has, a callback's result.
-    u32 Run(i64 startOffset, bool fromHint);
+    [[nodiscard]] u32 Run(i64 startOffset, bool fromHint);
     // Scans on from behind the last commit block of an earlier scan. Errors: as Run.
-    u32 Resume(const Result& from);
+    [[nodiscard]] u32 Resume(const Result& from);
 
     const Result& GetResult() const { return m_result; }
 
   private:
     // What an item came to.
-    enum class Step { kNext, kStop, kFail };
+    enum class [[nodiscard]] Step{kNext, kStop, kFail};
 
-    u32 RunFrom(i64 offset);
+    [[nodiscard]] u32 RunFrom(i64 offset);
     Step Need(u32 size);
     Step Fill(u32 needed);
     Step CheckEnd(i64 reached);
@@ -80,9 +82,12 @@ class FileScan {
     Step TestRecord(const TRecordHead& head);
     Step TestCommit(const TCommitBlock& block);
     Step Fail(u32 rc);
-    u32 Finish();
+    [[nodiscard]] u32 Finish();
 
-    const u8* Here() const { return m_buffer.get() + (m_offset - m_bufferOffset); }
+    const u8* Here() const {
+        assert(m_offset >= m_bufferOffset && m_offset <= m_bufferOffset + m_bufferLength);
+        return m_buffer.get() + (m_offset - m_bufferOffset);
+    }
     u32 Left() const { return static_cast<u32>(m_bufferOffset + m_bufferLength - m_offset); }
 
     platform::TrackedFile& m_file;

@@ -1,7 +1,7 @@
-// The scan of the storage file for hosts: IK9eReplLLStorage::ScanFile, which
-// K9eReplStorageGetLLStorage hands out. It may come at any time and from any thread.
-#include "solid/solid_storage.h"
-#include "support/log.h"
+// The scan for hosts; see the header.
+#include "solid/host_scan.h"
+
+#include <cassert>
 
 namespace k9erepl {
 
@@ -28,43 +28,31 @@ struct HostCallbacks {
 
 }  // namespace
 
-u32 CSolidStorage::ScanFile(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb, void* ctx) {
-    if (recordCb == nullptr || commitCb == nullptr) {
-        return RC_INVALID_ARG;
-    }
-    struct Call {
-        CSolidStorage& file;
-        const FileScanCallbacks callbacks;
-    } call{*this, {recordCb, commitCb, ctx}};
-    const auto run = [](void* context) -> u32 {
-        auto& args = *static_cast<Call*>(context);
-        return args.file.ScanForHost(args.callbacks);
-    };
-    return m_owner == nullptr ? run(&call) : m_owner->RunAsCall(run, &call);
-}
-
-u32 CSolidStorage::ScanForHost(const FileScanCallbacks& callbacks) {
-    if (!IsOpen()) {
+u32 HostScan::Run(const FileScanCallbacks& callbacks) {
+    assert(callbacks.record != nullptr && callbacks.commit != nullptr);
+    if (!m_file.IsOpen()) {
         return RC_NO_WRITER;
     }
-    if (m_inUse && m_writer != nullptr) {
-        if (u32 rc = CompleteAsyncTasks(); rc != RC_OK) {
+    if (m_file.InUse() && m_file.HasWriter()) {
+        if (u32 rc = m_file.CompleteAsyncTasks(); rc != RC_OK) {
             return rc;
         }
     }
-    HostCallbacks checked{callbacks, m_layoutGeneration, m_layoutGeneration};
-    if (IsReadOnly()) {
-        return ScanLiveForHost({&HostCallbacks::OnRecord, &HostCallbacks::OnCommit, &checked});
+    const u64& generation = m_file.LayoutGeneration();
+    HostCallbacks checked{callbacks, generation, generation};
+    const FileScanCallbacks checking{&HostCallbacks::OnRecord, &HostCallbacks::OnCommit, &checked};
+    if (m_file.IsReadOnly()) {
+        return m_live.ScanForHost(checking, m_load.End());
     }
     // Before the first scan the write position is the file's size.
-    FileScan scan(m_file, {.fileSize = FileSize(), .dataEnd = m_state.writePos},
-                  {&HostCallbacks::OnRecord, &HostCallbacks::OnCommit, &checked});
+    FileScan scan(m_file.Reader(),
+                  {.fileSize = m_file.FileSize(), .dataEnd = m_file.State().writePos}, checking);
     const u32 rc = scan.Run(kFirstCommitOffset, false);
-    if (m_inUse) {
+    if (m_file.InUse()) {
         return rc;
     }
-    InvalidateReads();
-    return rc == RC_OK ? TakeScanEnd(scan.GetResult()) : rc;
+    m_file.InvalidateReads();
+    return rc == RC_OK ? m_load.TakeEnd(scan.GetResult()) : rc;
 }
 
 }  // namespace k9erepl

@@ -1,14 +1,13 @@
-// Reading a storage file that another process writes: loading it, loading on, and noticing that its
-// content is not the one that was loaded. See content_mark.h for what tells.
-//
-// A read beside a write may see any mix of old and new pages. What the writer puts in front of a
-// commit block is in the file before the block, so a load takes two looks: the first finds a commit
-// block, the second, which begins afterwards, reads what lies in front of it and hands it out.
+// Reading a storage file beside its writer; see the header, and content_mark.h for what tells one
+// content from another.
+#include "solid/live_file.h"
+
 #include <algorithm>
 #include <cassert>
+#include <limits>
+#include <utility>
 
-#include "platform/system_error.h"
-#include "solid/solid_storage.h"
+#include "solid/file_access.h"
 #include "solid/storage_file_admin.h"
 #include "support/log.h"
 
@@ -35,55 +34,33 @@ i64 EndOf(const FileScan::Result& result) {
 
 }  // namespace
 
-u32 CSolidStorage::Refresh(bool* goesOn) {
-    assert(m_writer == nullptr && m_enumDepth == 0);
+u32 LiveFile::Refresh(const FileScan::Result& loaded, bool* goesOn) {
+    assert(m_file.IsReadOnly() && goesOn != nullptr);
     platform::File opened;
-    if (u32 rc = OpenAndCheckFile(m_state.path, kReadOnlyRequest, &opened); rc != RC_OK) {
+    if (u32 rc = OpenAndCheckFile(m_file.Path(), kReadOnlyRequest, &opened); rc != RC_OK) {
         return rc;
     }
     i64 size = 0;
-    if (!opened.GetSize(&size)) {
-        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
-                       "Cannot get file size;sys-err %r,file path '%s'",
-                       platform::LastSystemError(), m_state.path.c_str());
-        return RC_SYSTEM_ERROR;
+    if (u32 rc = GetSizeOf(opened, m_file.Path(), &size); rc != RC_OK) {
+        return rc;
     }
-    platform::TrackedFile file(std::move(opened), kFileHeaderSize);
-    const ContentMark loaded{m_content.first, m_scanEnd.validCommitOffset, m_scanEnd.lastCommit};
-    *goesOn = m_inUse && loaded.Check(file) == RC_OK;
-    m_file = std::move(file);
-    m_state.fileSize = size;
-    InvalidateReads();
+    platform::TrackedFile reader(std::move(opened), kFileHeaderSize);
+    const ContentMark mark{m_content.first, loaded.validCommitOffset, loaded.lastCommit};
+    *goesOn = m_file.InUse() && mark.Check(reader) == RC_OK;
+    m_file.TakeReader(std::move(reader), size);
     if (!*goesOn) {
-        ++m_layoutGeneration;
-        m_inUse = false;
+        m_file.ItemsMoved();
+        m_file.SetInUse(false);
         // Dropped: a file without that block cannot be loaded, which the load says.
-        (void)m_content.Take(m_file);
+        (void)m_content.Take(m_file.Reader());
     }
     return RC_OK;
 }
 
-u32 CSolidStorage::ScanOn(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb, void* ctx) {
-    assert(m_inUse);
-    const FileScan::Result from = m_scanEnd;
-    return LoadLive({recordCb, commitCb, ctx}, {.resume = &from});
-}
-
-u32 CSolidStorage::LoadLive(const FileScanCallbacks& callbacks, const LiveStart& start) {
-    FileScan::Result result;
-    const u32 rc = ScanLive(callbacks, start, std::numeric_limits<i64>::max(), &result);
-    InvalidateReads();
-    if (rc != RC_OK) {
-        return rc;
-    }
-    m_inUse = true;
-    return TakeScanEnd(result);
-}
-
-// Hands out what is committed, up to a commit block that ends at or behind `enough`.
-u32 CSolidStorage::ScanLive(const FileScanCallbacks& callbacks, const LiveStart& start, i64 enough,
-                            FileScan::Result* result) {
-    LiveStart from = start;
+u32 LiveFile::Scan(const FileScanCallbacks& callbacks, const Start& start, i64 enough,
+                   FileScan::Result* result) {
+    assert(m_file.IsReadOnly());
+    Start from = start;
     if (start.resume != nullptr) {
         *result = *start.resume;
         from.offset = EndOf(*result);
@@ -112,16 +89,12 @@ u32 CSolidStorage::ScanLive(const FileScanCallbacks& callbacks, const LiveStart&
     return RC_OK;
 }
 
-u32 CSolidStorage::LookAhead(const LiveStart& start, i64 enough, FileScan::Result* found) {
+u32 LiveFile::LookAhead(const Start& start, i64 enough, FileScan::Result* found) {
     i64 size = 0;
-    if (!m_file.Raw().GetSize(&size)) {
-        LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
-                       "Cannot get file size;sys-err %r,file path '%s'",
-                       platform::LastSystemError(), m_state.path.c_str());
-        return RC_SYSTEM_ERROR;
+    if (u32 rc = m_file.UpdateFileSize(&size); rc != RC_OK) {
+        return rc;
     }
-    m_state.fileSize = size;
-    FileScan scan(m_file, {.fileSize = size, .enough = enough, .isLive = true},
+    FileScan scan(m_file.Reader(), {.fileSize = size, .enough = enough, .isLive = true},
                   {IgnoreRecord, IgnoreCommit, nullptr});
     const u32 rc = start.resume != nullptr ? scan.Resume(*start.resume)
                                            : scan.Run(start.offset, start.fromHint);
@@ -129,18 +102,20 @@ u32 CSolidStorage::LookAhead(const LiveStart& start, i64 enough, FileScan::Resul
     return rc;
 }
 
-bool CSolidStorage::GoesOnBehind(const FileScan::Result& end) {
+bool LiveFile::GoesOnBehind(const FileScan::Result& end) {
+    assert(m_file.IsReadOnly());
     FileScan::Result ahead;
     const i64 oneMore = EndOf(end) + 1;
     return LookAhead({.resume = &end}, oneMore, &ahead) == RC_OK && EndOf(ahead) >= oneMore;
 }
 
 // Nothing is handed out of a read before the file is known to be unchanged behind it.
-u32 CSolidStorage::HandOut(const FileScanCallbacks& callbacks, const LiveStart& start,
-                           const FileScan::Result& ahead, FileScan::Result* result) {
+u32 LiveFile::HandOut(const FileScanCallbacks& callbacks, const Start& start,
+                      const FileScan::Result& ahead, FileScan::Result* result) {
     const i64 end = EndOf(ahead);
+    assert(end > start.offset);
     const ContentMark mark{m_content.first, ahead.validCommitOffset, ahead.lastCommit};
-    FileScan scan(m_file, {.fileSize = end, .enough = end, .isLive = true, .mark = &mark},
+    FileScan scan(m_file.Reader(), {.fileSize = end, .enough = end, .isLive = true, .mark = &mark},
                   callbacks);
     const u32 rc = start.resume != nullptr ? scan.Resume(*start.resume)
                                            : scan.Run(start.offset, start.fromHint);
@@ -151,41 +126,43 @@ u32 CSolidStorage::HandOut(const FileScanCallbacks& callbacks, const LiveStart& 
     return EndOf(*result) == end ? u32{RC_OK} : kContentChanged;
 }
 
-// What is loaded, or before the first load what is committed now.
-u32 CSolidStorage::ScanLiveForHost(const FileScanCallbacks& callbacks) {
-    i64 enough = m_scanEnd.validCommitOffset + kCommitBlockSize;
-    if (!m_inUse) {
+u32 LiveFile::ScanForHost(const FileScanCallbacks& callbacks, const FileScan::Result& loaded) {
+    i64 enough = EndOf(loaded);
+    if (!m_file.InUse()) {
         enough = std::numeric_limits<i64>::max();
-        (void)m_content.Take(m_file);  // dropped: what it could not read, the scan cannot either
+        // Dropped: what it could not read, the scan cannot read either.
+        (void)m_content.Take(m_file.Reader());
     }
     FileScan::Result unused;
-    const u32 rc = ScanLive(callbacks, {}, enough, &unused);
+    const u32 rc = Scan(callbacks, {}, enough, &unused);
     if (rc == kContentChanged) {
-        CheckEnumerated();  // says so, unless it is a callback's result
+        (void)CheckEnumerated();  // dropped: logs the change, unless it is a callback's result
     }
     return rc;
 }
 
 // Commit blocks behind the one that closes the last record only raise the clear revision. They may
 // be cut off when the file becomes the backup of a squeeze, and are not needed for reading.
-void CSolidStorage::MarkContent(const FileScan::Result& loaded) {
+void LiveFile::MarkContent(const FileScan::Result& loaded) {
+    assert(loaded.commitFound);
     m_content.lastOffset = loaded.closingOffset;
     m_content.last = loaded.closing;
     const i64 end =
         loaded.closingOffset == 0 ? kFirstItemOffset : loaded.closingOffset + kCommitBlockSize;
-    m_state.writePos.store(end, std::memory_order_release);
+    m_file.State().writePos.store(end, std::memory_order_release);
 }
 
 // The writer may be changing them: two readings that agree are what it wrote.
-u32 CSolidStorage::ReadMarks(u32* lifenum, i64* clearOldRev) {
+u32 LiveFile::ReadMarks(u32* lifenum, i64* clearOldRev) {
+    assert(lifenum != nullptr && clearOldRev != nullptr);
     TFileHeader header;
-    if (u32 rc = ReadHeader(&header); rc != RC_OK) {
+    if (u32 rc = m_file.ReadHeader(&header); rc != RC_OK) {
         return rc;
     }
     for (u32 attempt = 0; attempt < kHeaderReadingsMost; ++attempt) {
         *lifenum = header.lifenum;
         *clearOldRev = header.clearOldRev;
-        if (u32 rc = ReadHeader(&header); rc != RC_OK) {
+        if (u32 rc = m_file.ReadHeader(&header); rc != RC_OK) {
             return rc;
         }
         if (*lifenum == header.lifenum && *clearOldRev == header.clearOldRev) {
@@ -195,20 +172,19 @@ u32 CSolidStorage::ReadMarks(u32* lifenum, i64* clearOldRev) {
     return kContentChanged;
 }
 
-u32 CSolidStorage::CheckContent() {
-    return IsReadOnly() && m_content.taken ? m_content.Check(m_file) : u32{RC_OK};
+u32 LiveFile::CheckContent() {
+    return m_file.IsReadOnly() && m_content.taken ? m_content.Check(m_file.Reader()) : u32{RC_OK};
 }
 
-// To be called between reading a piece of the file and handing it out.
-u32 CSolidStorage::CheckEnumerated() {
+u32 LiveFile::CheckEnumerated() {
     const u32 rc = CheckContent();
     if (rc != RC_OK) {
-        InvalidateReads();
+        m_file.InvalidateReads();
     }
     if (rc == kContentChanged) {
         LOG_ERROR_CODE(rc, kLogStorage,
                        "Storage file is not the one that was loaded; load it again;file '%s'",
-                       m_state.path.c_str());
+                       m_file.Path().c_str());
     }
     return rc;
 }

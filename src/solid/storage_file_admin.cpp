@@ -26,7 +26,7 @@ using platform::LastSystemError;
 
 namespace {
 
-u32 GetPath(const char* connStr, std::string* path) {
+[[nodiscard]] u32 GetPath(const char* connStr, std::string* path) {
     GetParam(connStr, "file", *path);
     u32 rc = RC_OK;
     if (path->empty()) {
@@ -56,7 +56,7 @@ bool OpenUnlessThere(const std::string& path, u32 flags, File* file, bool* exist
     return OpenAs(path, FileDisposition::kCreateNew, file);
 }
 
-u32 CannotCreate(const std::string& path) {
+[[nodiscard]] u32 CannotCreate(const std::string& path) {
     LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Failed to create file '%s';sys-err %r",
                    path.c_str(), LastSystemError());
     return RC_SYSTEM_ERROR;
@@ -64,8 +64,8 @@ u32 CannotCreate(const std::string& path) {
 
 // Empties the file or makes it, and has its index file deleted; a file that another writer has
 // stays.
-u32 OpenToReplace(const char* connStr, IndexRemover removeIndex, const std::string& path, bool lock,
-                  File* file, bool* existed) {
+[[nodiscard]] u32 OpenToReplace(const char* connStr, IndexRemover removeIndex,
+                                const std::string& path, bool lock, File* file, bool* existed) {
     bool opened = false;
     const auto open = [&](File* found) {
         opened = OpenUnlessThere(path, kCreateKeepExisting, found, existed);
@@ -91,8 +91,10 @@ bool Replaces(u32 flags) {
 }
 
 // Opens the file as the flags say and locks it; one that is to be replaced is empty then.
-u32 OpenToCreate(const char* connStr, IndexRemover removeIndex, const std::string& path, u32 flags,
-                 bool lock, File* file, bool* existed) {
+[[nodiscard]] u32 OpenToCreate(const char* connStr, IndexRemover removeIndex,
+                               const std::string& path, u32 flags, bool lock, File* file,
+                               bool* existed) {
+    assert(!file->IsOpen());
     if (Replaces(flags)) {
         return OpenToReplace(connStr, removeIndex, path, lock, file, existed);
     }
@@ -102,7 +104,9 @@ u32 OpenToCreate(const char* connStr, IndexRemover removeIndex, const std::strin
     return *existed || !lock ? u32{RC_OK} : LockForWriting(*file, path, NoLocks::kSilent);
 }
 
-u32 WriteFirstBytes(File& file, const TFileHeader& header, const TCommitBlock& firstCommit) {
+[[nodiscard]] u32 WriteFirstBytes(File& file, const TFileHeader& header,
+                                  const TCommitBlock& firstCommit) {
+    assert(firstCommit.signature == kCommitSignature);
     const platform::MemoryBuffer bytes = platform::AllocBuffer(kNewFileSize);
     if (bytes == nullptr) {
         LOG_ERROR_CODE(RC_NO_MEMORY, kLogStorage, "Out of memory while writing first %P bytes",
@@ -125,7 +129,9 @@ u32 WriteFirstBytes(File& file, const TFileHeader& header, const TCommitBlock& f
 class UnfinishedFile {
   public:
     // `path` is where the file lies, links followed.
-    UnfinishedFile(File& file, const std::string& path) : m_file(file), m_path(path) {}
+    UnfinishedFile(File& file, const std::string& path) : m_file(file), m_path(path) {
+        assert(file.IsOpen());
+    }
     ~UnfinishedFile() {
         if (!m_finished) {
             Remove();
@@ -154,8 +160,9 @@ class UnfinishedFile {
 };
 
 // Makes the empty file a storage, on the disk under its name.
-u32 FillNewFile(const char* connStr, const std::string& path, const std::string& target,
-                File& file) {
+[[nodiscard]] u32 FillNewFile(const char* connStr, const std::string& path,
+                              const std::string& target, File& file) {
+    assert(file.IsOpen() && !path.empty());
     bool given = false;
     i64 initialSize = GetMebibytesParam(connStr, "file_initial_size", &given);
     if (given) {
@@ -175,7 +182,7 @@ u32 FillNewFile(const char* connStr, const std::string& path, const std::string&
     return RC_OK;
 }
 
-u32 CheckHeader(const TFileHeader& header, const std::string& path) {
+[[nodiscard]] u32 CheckHeader(const TFileHeader& header, const std::string& path) {
     if (std::memcmp(header.signature, kHeaderSignature, kHeaderSignatureSize) != 0) {
         LOG_ERROR_CODE(RC_INVALID_ARG, kLogStorage, "Wrong file signature, file path %s",
                        path.c_str());
@@ -190,7 +197,7 @@ u32 CheckHeader(const TFileHeader& header, const std::string& path) {
     return RC_OK;
 }
 
-u32 LockToDelete(const std::string& path, File* file) {
+[[nodiscard]] u32 LockToDelete(const std::string& path, File* file) {
     bool opened = false;
     const auto open = [&](File* found) {
         opened = OpenAs(path, FileDisposition::kOpenExisting, found);
@@ -204,6 +211,7 @@ u32 LockToDelete(const std::string& path, File* file) {
 }  // namespace
 
 i64 GetMebibytesParam(const char* connStr, const char* key, bool* given) {
+    assert(given != nullptr);
     i32 mebibytes = 0;
     *given = GetParamInt(connStr, key, &mebibytes);
     return i64{mebibytes} * 1024 * 1024;
@@ -211,6 +219,7 @@ i64 GetMebibytesParam(const char* connStr, const char* key, bool* given) {
 
 u32 InitNewFile(File& file, const TFileHeader& header, const TCommitBlock& firstCommit,
                 i64* initialSize) {
+    assert(file.IsOpen() && initialSize != nullptr);
     if (u32 rc = SeekTo(file, 0); rc != RC_OK) {
         return rc;
     }
@@ -318,6 +327,7 @@ u32 DeleteStorage(const char* connStr, IndexRemover removeIndex) {
 
 u32 OpenAndCheckFile(const std::string& path, const platform::FileOpenRequest& request,
                      File* file) {
+    assert(file != nullptr);
     File opened;
     if (!opened.Open(path.c_str(), request)) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Failed to create file '%s';sys-err %r",

@@ -4,6 +4,7 @@
 #include <k9erepl/storage.h>
 
 #include <array>
+#include <cassert>
 #include <string>
 
 #include "index/index_file.h"
@@ -15,6 +16,7 @@
 namespace k9erepl {
 
 u32 CheckStorageNames(const char* connStr) {
+    assert(connStr != nullptr);
     std::string path;
     GetParam(connStr, "file", path);
     const std::string index = IndexFileName(connStr);

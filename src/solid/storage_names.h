@@ -12,7 +12,7 @@ namespace k9erepl {
 // file is emptied, overwritten and deleted without a question. RC_OK where there is no file, or no
 // index file.
 // Errors, logged with both paths: RC_INVALID_ARG. May throw std::bad_alloc.
-u32 CheckStorageNames(const char* connStr);
+[[nodiscard]] u32 CheckStorageNames(const char* connStr);
 
 }  // namespace k9erepl
 

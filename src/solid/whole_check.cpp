@@ -1,60 +1,67 @@
-// The check of the whole storage file that a load makes with the setting check: it finds the damage
-// that an index lets the load pass over, before anything is written behind it.
-#include "solid/solid_storage.h"
+// Checking the whole storage file; see the header.
+#include "solid/whole_check.h"
+
+#include <cassert>
+
 #include "support/log.h"
 
 namespace k9erepl {
 
 // An index may have led the load past damage, or to bytes in some record's data that look like
 // items: then the two scans end at different commit blocks.
-u32 CSolidStorage::CheckWhole(i64 loadedFrom) {
-    LOG_INFO(kLogStorage, "Checking the whole storage file;file path '%s'", m_state.path.c_str());
-    FileScan::Result whole = m_scanEnd;
-    if (IsScanHint(loadedFrom)) {
+u32 WholeCheck::Run(i64 loadedFrom) {
+    assert(loadedFrom == 0 || loadedFrom >= kFirstCommitOffset);
+    assert(m_load.End().commitFound);
+    const FileScan::Result& loaded = m_load.End();
+    LOG_INFO(kLogStorage, "Checking the whole storage file;file path '%s'", m_file.Path().c_str());
+    FileScan::Result whole = loaded;
+    if (LoadScan::IsHint(loadedFrom)) {
         if (u32 rc = ScanWhole(&whole); rc != RC_OK) {
             return rc;
         }
     }
     // Beside a writer it is the file that has gone on.
-    if (whole.validCommitOffset > m_scanEnd.validCommitOffset && !IsReadOnly()) {
+    if (whole.validCommitOffset > loaded.validCommitOffset && !m_file.IsReadOnly()) {
         LOG_WARNING(kLogStorage,
                     "Index led the load to another end than that of the file;offset %I64d",
-                    m_scanEnd.validCommitOffset);
+                    loaded.validCommitOffset);
         return RC_BAD_DATA;
     }
     bool damaged = false;
-    if (u32 rc = LookForDamage(whole, &damaged); rc != RC_OK) {
+    if (u32 rc = m_tail.LookBehind(whole, &damaged); rc != RC_OK) {
         return rc;
     }
     // A squeeze may have cut off the commit block of its clear: what closes the records is there.
-    const i64 wanted = IsReadOnly() ? m_scanEnd.closingOffset : m_scanEnd.validCommitOffset;
+    const i64 wanted = m_file.IsReadOnly() ? loaded.closingOffset : loaded.validCommitOffset;
     if (!damaged && whole.validCommitOffset >= wanted) {
         return RC_OK;
     }
-    if (CheckContent() == kContentChanged) {
+    if (m_live.CheckContent() == kContentChanged) {
         return kContentChanged;
     }
     LOG_ERROR_CODE(RC_FILE_CORRUPT, kLogStorage,
                    "Storage file is damaged in the middle, nothing was changed; load it without "
                    "check=yes to go on with what can be read;file path '%s',offset %I64d,last good "
                    "rev %I64d",
-                   m_state.path.c_str(), whole.stopOffset, whole.lastCommitted);
+                   m_file.Path().c_str(), whole.stopOffset, whole.lastCommitted);
     return RC_FILE_CORRUPT;
 }
 
-u32 CSolidStorage::ScanWhole(FileScan::Result* whole) {
+u32 WholeCheck::ScanWhole(FileScan::Result* whole) {
+    assert(whole != nullptr);
     const FileScanCallbacks ignore{
         [](std::uint64_t, const K9eReplRec*, void*) -> std::uint32_t { return RC_OK; },
         [](void*, std::int64_t, std::int64_t) -> std::uint32_t { return RC_OK; }, nullptr};
-    if (IsReadOnly()) {
-        const u32 rc = ScanLive(ignore, {}, m_scanEnd.validCommitOffset + kCommitBlockSize, whole);
-        if (whole->validCommitOffset == m_scanEnd.validCommitOffset) {
-            whole->stopOffset = m_scanEnd.stopOffset;
-            whole->stopInUse = m_scanEnd.stopInUse;
+    if (m_file.IsReadOnly()) {
+        const u32 rc =
+            m_live.Scan(ignore, {}, m_load.End().validCommitOffset + kCommitBlockSize, whole);
+        if (whole->validCommitOffset == m_load.End().validCommitOffset) {
+            whole->stopOffset = m_load.End().stopOffset;
+            whole->stopInUse = m_load.End().stopInUse;
         }
         return rc;
     }
-    FileScan scan(m_file, {.fileSize = FileSize()}, ignore);
+    FileScan scan(m_file.Reader(), {.fileSize = m_file.FileSize()}, ignore);
     const u32 rc = scan.Run(kFirstCommitOffset, false);
     *whole = scan.GetResult();
     return rc;

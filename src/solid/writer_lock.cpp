@@ -3,6 +3,7 @@
 
 #include <k9erepl/storage.h>
 
+#include <cassert>
 #include <utility>
 
 #include "platform/file_identity.h"
@@ -18,14 +19,15 @@ using platform::LockResult;
 
 namespace {
 
-u32 CannotLock(const std::string& path) {
+[[nodiscard]] u32 CannotLock(const std::string& path) {
     LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Cannot lock storage file '%s';sys-err %r",
                    path.c_str(), platform::LastSystemError());
     return RC_SYSTEM_ERROR;
 }
 
 // Whether `path` still leads to `file`. A path that leads nowhere does not: opening it again tells.
-u32 IsNameOf(const File& file, const std::string& path, bool* same) {
+[[nodiscard]] u32 IsNameOf(const File& file, const std::string& path, bool* same) {
+    assert(file.IsLocked());
     platform::FileIdentity locked;
     platform::FileIdentity named;
     if (!file.GetIdentity(&locked)) {
@@ -43,6 +45,7 @@ u32 IsNameOf(const File& file, const std::string& path, bool* same) {
 }  // namespace
 
 u32 ReadFileLock(const char* connStr, bool* wanted) {
+    assert(wanted != nullptr);
     YesNo setting;
     const u32 rc = ReadYesNo(connStr, "file_lock", &setting);
     *wanted = !setting.given || setting.yes;
@@ -53,6 +56,7 @@ u32 ReadFileLock(const char* connStr, bool* wanted) {
 }
 
 u32 LockForWriting(File& file, const std::string& path, NoLocks noLocks) {
+    assert(file.IsOpen() && !path.empty());
     switch (file.TryLock()) {
         case LockResult::kTaken:
             break;
@@ -75,6 +79,7 @@ u32 LockForWriting(File& file, const std::string& path, NoLocks noLocks) {
 }
 
 u32 OpenForWriting(const std::string& path, NoLocks noLocks, const FileOpener& open, File* file) {
+    assert(open != nullptr && file != nullptr && !file->IsOpen());
     constexpr int kAttempts = 100;  // each but the first follows a squeeze of another writer
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         File opened;

@@ -1,6 +1,6 @@
 // Damage in the middle of the storage file at the end of a load: what is said, and the copy that is
 // kept of what lies behind it.
-#include "solid/damaged_tail.h"
+#include "solid/tail_copy.h"
 
 #include <filesystem>
 

@@ -147,7 +147,7 @@ Items SolidTest::ScannedFrom(i64 startOffset) {
 }
 
 std::vector<u8> SolidTest::WrittenBytes() {
-    m_solid.CompleteAsyncTasks();
+    (void)m_solid.CompleteAsyncTasks();  // dropped: a failed writer has written what it could
     return ReadBytes(Path());
 }
 
@@ -161,7 +161,7 @@ Texts SolidTest::LoggedTexts() const {
 }
 
 Items SolidTest::ItemsOfFile() {
-    m_solid.CompleteAsyncTasks();
+    (void)m_solid.CompleteAsyncTasks();  // dropped: a failed writer has written what it could
     CSolidStorage other;
     EXPECT_EQ(other.Open(Path(), Conn().c_str(), FileUse::kNoLock), RC_OK) << m_log;
     m_items.clear();

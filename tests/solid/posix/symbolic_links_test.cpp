@@ -2,9 +2,9 @@
 // damaged one lies.
 #include <filesystem>
 
-#include "solid/damaged_tail.h"
 #include "solid/solid_fixture.h"
 #include "solid/storage_file_admin.h"
+#include "solid/tail_copy.h"
 
 namespace k9erepl::test {
 namespace {

@@ -1,0 +1,66 @@
+// Read buffers by level; see the header.
+#include "solid/enum_buffers.h"
+
+#include <cassert>
+#include <new>
+#include <utility>
+
+namespace k9erepl {
+
+u32 EnumBuffers::Init(const char* connStr) {
+    assert(m_nested.empty());
+    return m_first.Init(connStr, m_file.State().writePos);
+}
+
+void EnumBuffers::Reset() {
+    m_first.Reset();
+    m_nested.clear();
+}
+
+u32 EnumBuffers::OfLevel(u32 level, ReadCacheManager** cache) {
+    assert(level > 0 && cache != nullptr);
+    if (level == 1) {
+        *cache = &m_first;
+        return RC_OK;
+    }
+    const std::size_t index = level - 2;
+    assert(index <= m_nested.size());
+    if (index == m_nested.size()) {
+        if (u32 rc = AddNested(); rc != RC_OK) {
+            return rc;
+        }
+    }
+    *cache = m_nested[index].get();
+    return RC_OK;
+}
+
+u32 EnumBuffers::AddNested() {
+    try {
+        auto cache = std::make_unique<ReadCacheManager>(m_file.Reader());
+        if (u32 rc = cache->Init("read_buffers_count=1", m_file.State().writePos); rc != RC_OK) {
+            return rc;
+        }
+        m_nested.push_back(std::move(cache));
+        return RC_OK;
+    } catch (const std::bad_alloc&) {
+        return RC_NO_MEMORY;
+    }
+}
+
+u32 EnumBuffers::GetBuffer(ReadCacheManager& cache, i64 offset, u32 size, ReadBuffer* current) {
+    assert(size <= ReadCacheManager::kBufferSize);
+    if (m_generation != m_file.ReadGeneration()) {
+        Invalidate();
+    }
+    return cache.GetBuffer(offset, size, current);
+}
+
+void EnumBuffers::Invalidate() {
+    m_first.Invalidate();
+    for (const auto& cache : m_nested) {
+        cache->Invalidate();
+    }
+    m_generation = m_file.ReadGeneration();
+}
+
+}  // namespace k9erepl

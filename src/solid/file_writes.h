@@ -1,0 +1,37 @@
+// The way of records and commit blocks to the writer: the file's transactions, and the one entry
+// through which items are written. The storage's flushes use it, and the clear of the file.
+#ifndef K9EREPL_SOLID_FILE_WRITES_H
+#define K9EREPL_SOLID_FILE_WRITES_H
+
+#include <atomic>
+
+#include "format/storage_file_format.h"
+#include "memory/repl_block.h"
+#include "platform/int_types.h"
+#include "solid/damaged_tail.h"
+#include "solid/storage_file.h"
+
+namespace k9erepl {
+
+// As the functions of CSolidStorage with these names.
+class FileWrites {
+  public:
+    FileWrites(StorageFile& file, DamagedTail& tail) : m_file(file), m_tail(tail) {}
+
+    [[nodiscard]] u32 BeginTransaction();
+    [[nodiscard]] u32 Commit();
+    [[nodiscard]] u32 Rollback();
+    [[nodiscard]] u32 ClearUndone();
+
+    [[nodiscard]] u32 WriteItems(u8* data, u32 size, TCommitBlock* commitBlock,
+                                 K9eReplBlock* memoryBlock, i64 lastRevision,
+                                 std::atomic<i64>* filePosition);
+
+  private:
+    StorageFile& m_file;
+    DamagedTail& m_tail;
+};
+
+}  // namespace k9erepl
+
+#endif  // K9EREPL_SOLID_FILE_WRITES_H

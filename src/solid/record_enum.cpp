@@ -1,0 +1,150 @@
+// Enumeration of committed records from the file; see the header.
+#include "solid/record_enum.h"
+
+#include <algorithm>
+#include <cassert>
+
+#include "format/stream_rules.h"
+#include "support/log.h"
+#include "support/scoped_value.h"
+
+namespace k9erepl {
+
+namespace {
+
+// RC_BAD_DATA for a head that no writer of ours produces or whose record runs past the data.
+[[nodiscard]] u32 CheckHead(const TRecordHead& head, i64 offset, i64 left) {
+    if (!SizesAgree(head) || i64{head.size} > left) {
+        LOG_ERROR_CODE(RC_BAD_DATA, kLogStorage, "Wrong rec size %u, data size %u, offset %I64d",
+                       u32{head.size}, u32{head.dataSize}, offset);
+        return RC_BAD_DATA;
+    }
+    return RC_OK;
+}
+
+[[nodiscard]] u32 CheckCommitted(i64 rev, i64 lastCommitted) {
+    if (rev > lastCommitted) {
+        LOG_ERROR_CODE(RC_BAD_DATA, kLogStorage,
+                       "Read uncommitted rec with rev %I64d,last committed rev %I64d", rev,
+                       lastCommitted);
+        return RC_BAD_DATA;
+    }
+    return RC_OK;
+}
+
+}  // namespace
+
+// What the enumeration does with one item.
+struct RecordEnum::Item {
+    bool isRecord = false;
+    bool pastRange = false;  // a record above the range: the enumeration is done
+    bool visit = false;
+    u32 size = 0;
+};
+
+u32 RecordEnum::LookAtItem(FileItems& items, const FileEnumRange& range, Item* item) const {
+    const u8* bytes = nullptr;
+    if (u32 rc = items.Get(kSignatureSize, &bytes); rc != RC_OK) {
+        return rc;
+    }
+    const u32 signature = LoadUnaligned<u32>(bytes);
+    if (signature == kCommitSignature) {
+        *item = {.visit = range.alsoCommits, .size = kCommitBlockSize};
+        return items.Get(kCommitBlockSize, &bytes);
+    }
+    if (signature != kRecordSignature) {
+        LOG_ERROR_CODE(RC_BAD_DATA, kLogStorage, "Wrong signature (0x%8.8X) found, offset %I64d",
+                       signature, items.Offset());
+        return RC_BAD_DATA;
+    }
+    if (u32 rc = items.Get(kRecordHeadSize, &bytes); rc != RC_OK) {
+        return rc;
+    }
+    const auto head = LoadUnaligned<TRecordHead>(bytes);
+    *item = {.isRecord = true,
+             .pastRange = head.rev > range.toRev,
+             .visit = head.rev >= range.fromRev,
+             .size = head.size};
+    if (u32 rc = CheckHead(head, items.Offset(), items.Left()); rc != RC_OK) {
+        return rc;
+    }
+    if (item->pastRange) {
+        return CheckRangeEnd(items, range, head);
+    }
+    if (u32 rc = CheckCommitted(head.rev, m_file.State().lastFlushedRev); rc != RC_OK) {
+        return rc;
+    }
+    return items.CheckRises(head.rev);
+}
+
+// The load has not seen what lies before the place to which an index led it. A revision there that
+// damage has made larger must not pass for the end of the range and hide the records behind it.
+u32 RecordEnum::CheckRangeEnd(FileItems& items, const FileEnumRange& range,
+                              const TRecordHead& head) const {
+    assert(head.rev > range.toRev);
+    const i64 written = std::max(i64{m_file.State().lastFlushedRev}, m_file.LastWrittenRev());
+    if (u32 rc = CheckCommitted(head.rev, written); rc != RC_OK) {
+        return rc;
+    }
+    if (items.Offset() < range.reachesTo) {
+        LOG_ERROR_CODE(RC_BAD_DATA, kLogStorage,
+                       "Read rec with rev %I64d, but revs up to %I64d reach to offset %I64d, "
+                       "offset %I64d",
+                       i64{head.rev}, range.toRev, range.reachesTo, items.Offset());
+        return RC_BAD_DATA;
+    }
+    i64 nextOffset = 0;
+    TRecordHead next{};
+    if (items.PeekNext(head.size, &nextOffset, &next) && !Rises(next.rev, head.rev)) {
+        LOG_ERROR_CODE(RC_BAD_DATA, kLogStorage,
+                       "Read rec with rev %I64d, but rev before it is %I64d, offset %I64d",
+                       i64{next.rev}, i64{head.rev}, nextOffset);
+        return RC_BAD_DATA;
+    }
+    return RC_OK;
+}
+
+u32 RecordEnum::VisitItem(FileItems& items, const Item& item, FileItemVisitor visitor, void* ctx,
+                          bool* completed) {
+    const u8* bytes = nullptr;
+    if (u32 rc = items.Get(item.size, &bytes); rc != RC_OK) {
+        return rc;
+    }
+    const auto* rec = reinterpret_cast<const K9eReplRec*>(bytes + kRecordPrefixSize);
+    const u32 rc = visitor(items.Offset(), item.isRecord ? rec : nullptr, ctx);
+    *completed = rc == RC_OK;
+    return rc;
+}
+
+u32 RecordEnum::Run(const FileEnumRange& range, FileItemVisitor visitor, void* ctx,
+                    bool* completed) {
+    assert(visitor != nullptr && completed != nullptr);
+    assert(range.startOffset == 0 || range.startOffset >= kFirstCommitOffset);
+    *completed = true;
+    if (!m_file.IsOpen()) {
+        return RC_NO_WRITER;
+    }
+    const ScopedValue level(m_depth, m_depth + 1);
+    ReadCacheManager* cache = nullptr;
+    if (u32 rc = m_buffers.OfLevel(m_depth, &cache); rc != RC_OK) {
+        return rc;
+    }
+    FileItems items(m_file, m_live, m_buffers, *cache,
+                    range.startOffset == 0 ? kFirstCommitOffset : range.startOffset);
+    while (items.Left() > 0) {
+        Item item;
+        if (u32 rc = LookAtItem(items, range, &item); rc != RC_OK || item.pastRange) {
+            return rc;
+        }
+        if (item.visit) {
+            if (u32 rc = VisitItem(items, item, visitor, ctx, completed); rc != RC_OK) {
+                return rc;
+            }
+        }
+        items.Advance(item.size);
+    }
+    LOG_INFO(kLogStorage, "Exit Enum");
+    return RC_OK;
+}
+
+}  // namespace k9erepl

@@ -1,0 +1,71 @@
+// Enumeration of committed records from the storage file, through read buffers. Reads what the load
+// scan accepted, what was written since, and what an index led the load past: a fault here is an
+// error of the call. The storage's walks over a range and its searches at a clear use it.
+#ifndef K9EREPL_SOLID_RECORD_ENUM_H
+#define K9EREPL_SOLID_RECORD_ENUM_H
+
+#include <k9erepl/storage.h>
+
+#include <cassert>
+
+#include "format/storage_file_format.h"
+#include "platform/int_types.h"
+#include "solid/enum_buffers.h"
+#include "solid/file_items.h"
+#include "solid/live_file.h"
+#include "solid/storage_file.h"
+
+namespace k9erepl {
+
+// Receives one item of an enumeration: its file offset, and the record, or null for a commit
+// block. The record is valid during the call. Non-zero stops the enumeration.
+using FileItemVisitor = u32 (*)(i64 offset, const K9eReplRec* rec, void* ctx);
+
+// What an enumeration of the file covers.
+struct FileEnumRange {
+    i64 fromRev = 0;           // inclusive
+    i64 toRev = 0;             // inclusive
+    bool alsoCommits = false;  // visit commit blocks too
+    i64 startOffset = 0;       // where an item begins; 0 for the file's first commit block
+    // Up to this file offset every record is at or below toRev, as the caller knows from where its
+    // blocks begin: one that is not is damaged. 0: nothing is known.
+    i64 reachesTo = 0;
+};
+
+class RecordEnum {
+  public:
+    RecordEnum(StorageFile& file, LiveFile& live) : m_file(file), m_live(live) {}
+
+    // To be called when the file is open. Errors and exceptions: as EnumBuffers::Init.
+    [[nodiscard]] u32 Init(const char* connStr) { return m_buffers.Init(connStr); }
+    // To be called when the file is closed. REQUIRES: no enumeration runs.
+    void Reset() {
+        assert(!IsRunning());
+        m_buffers.Reset();
+    }
+
+    // Whether a visitor is being called.
+    bool IsRunning() const { return m_depth != 0; }
+
+    // As CSolidStorage::EnumFileRecs.
+    [[nodiscard]] u32 Run(const FileEnumRange& range, FileItemVisitor visitor, void* ctx,
+                          bool* completed);
+
+  private:
+    struct Item;
+
+    [[nodiscard]] u32 LookAtItem(FileItems& items, const FileEnumRange& range, Item* item) const;
+    [[nodiscard]] u32 CheckRangeEnd(FileItems& items, const FileEnumRange& range,
+                                    const TRecordHead& head) const;
+    [[nodiscard]] static u32 VisitItem(FileItems& items, const Item& item, FileItemVisitor visitor,
+                                       void* ctx, bool* completed);
+
+    StorageFile& m_file;
+    LiveFile& m_live;
+    EnumBuffers m_buffers{m_file};
+    u32 m_depth = 0;  // enumerations that run, each but the first in a visitor of the one before
+};
+
+}  // namespace k9erepl
+
+#endif  // K9EREPL_SOLID_RECORD_ENUM_H

@@ -1,0 +1,34 @@
+// The check of the whole storage file that a load makes with the setting check: it finds the damage
+// that an index lets the load pass over, before anything is written behind it.
+#ifndef K9EREPL_SOLID_WHOLE_CHECK_H
+#define K9EREPL_SOLID_WHOLE_CHECK_H
+
+#include "platform/int_types.h"
+#include "solid/damaged_tail.h"
+#include "solid/file_scan.h"
+#include "solid/live_file.h"
+#include "solid/load_scan.h"
+#include "solid/storage_file.h"
+
+namespace k9erepl {
+
+class WholeCheck {
+  public:
+    WholeCheck(StorageFile& file, LiveFile& live, const LoadScan& load, DamagedTail& tail)
+        : m_file(file), m_live(live), m_load(load), m_tail(tail) {}
+
+    // As CSolidStorage::CheckWhole.
+    [[nodiscard]] u32 Run(i64 loadedFrom);
+
+  private:
+    [[nodiscard]] u32 ScanWhole(FileScan::Result* whole);
+
+    StorageFile& m_file;
+    LiveFile& m_live;
+    const LoadScan& m_load;
+    DamagedTail& m_tail;
+};
+
+}  // namespace k9erepl
+
+#endif  // K9EREPL_SOLID_WHOLE_CHECK_H
