@@ -40,9 +40,9 @@ class FileScan {
         TCommitBlock lastCommit{};  // that block
         i64 closingOffset = 0;      // of the one that closes the last record; 0: there is no record
         TCommitBlock closing{};     // that block
-        bool tailInUse = false;     // behind that block not every byte is known to be zero
-        i64 stopOffset = 0;         // of the first item that was not accepted
-        bool stopInUse = false;     // four bytes lie there, and not all are zero
+        bool tailInUse = false;  // behind the last accepted one, not every byte is known to be zero
+        i64 stopOffset = 0;      // of the first item that was not accepted
+        bool stopInUse = false;  // four bytes lie there, and not all are zero
     };
 
     // What is read: up to fileSize; what is taken as items: what begins before dataEnd. The scan
