@@ -64,7 +64,7 @@ esac
 # slowest: the ten tests of the log that took longest, one a line.
 slowest() {
     sed -nE 's/^ *[0-9]+\/[0-9]+ Test +#[0-9]+: ([^ ]+) .* ([0-9.]+) sec.*/\2 s  \1/p' "$log" |
-        sort -rn | head -n 10
+        sort -rn | sed -n 1,10p
 }
 
 cd "$root"
