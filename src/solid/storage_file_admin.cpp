@@ -47,7 +47,7 @@ bool OpenAs(const std::string& path, FileDisposition disposition, File* file) {
 // Opens or creates the file as the flags say; *existed tells that there is nothing to initialise.
 bool OpenUnlessThere(const std::string& path, u32 flags, File* file, bool* existed) {
     *existed = false;
-    if ((flags & kCreateKeepExisting) != 0) {
+    if ((flags & K9EREPL_CREATE_KEEP_EXISTING) != 0) {
         *existed = OpenAs(path, FileDisposition::kOpenExisting, file);
         // Never emptied: a file that exists but could not be opened for the moment is an error.
         return *existed || (platform::LastSystemErrorIs(platform::SystemErrorKind::kNotFound) &&
@@ -68,7 +68,7 @@ bool OpenUnlessThere(const std::string& path, u32 flags, File* file, bool* exist
                                 const std::string& path, bool lock, File* file, bool* existed) {
     bool opened = false;
     const auto open = [&](File* found) {
-        opened = OpenUnlessThere(path, kCreateKeepExisting, found, existed);
+        opened = OpenUnlessThere(path, K9EREPL_CREATE_KEEP_EXISTING, found, existed);
         if (!opened && platform::LastSystemErrorIs(platform::SystemErrorKind::kAlreadyExists)) {
             // It appeared meanwhile.
             *existed = opened = OpenAs(path, FileDisposition::kOpenExisting, found);
@@ -87,7 +87,8 @@ bool OpenUnlessThere(const std::string& path, u32 flags, File* file, bool* exist
 }
 
 bool Replaces(u32 flags) {
-    return (flags & (kCreateReplace | kCreateKeepExisting)) == kCreateReplace;
+    return (flags & (K9EREPL_CREATE_REPLACE | K9EREPL_CREATE_KEEP_EXISTING)) ==
+           K9EREPL_CREATE_REPLACE;
 }
 
 // Opens the file as the flags say and locks it; one that is to be replaced is empty then.

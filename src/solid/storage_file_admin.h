@@ -3,6 +3,8 @@
 #ifndef K9EREPL_SOLID_STORAGE_FILE_ADMIN_H
 #define K9EREPL_SOLID_STORAGE_FILE_ADMIN_H
 
+#include <k9erepl/storage.h>
+
 #include <string>
 
 #include "format/storage_file_format.h"
@@ -11,10 +13,6 @@
 
 namespace k9erepl {
 
-// Flags of CreateStorageFile; 0x2 wins over 0x1, and without either the file must not exist.
-inline constexpr u32 kCreateReplace = 0x1;       // empty an existing file, delete its index file
-inline constexpr u32 kCreateKeepExisting = 0x2;  // leave an existing file as it is
-
 // The "file" value has fewer characters than this.
 inline constexpr u32 kMaxPathSize = 260;
 
@@ -22,8 +20,8 @@ inline constexpr u32 kMaxPathSize = 260;
 // below call it while no other writer can have the storage file, and go on whatever comes of it.
 using IndexRemover = void (*)(const char* connStr);
 
-// Makes the file that `connStr` names, with the missing directories of its path. For ":memory:"
-// (any case of letters) there is nothing to do.
+// Makes the file that `connStr` names, with the missing directories of its path; `flags` are
+// K9EREPL_CREATE_... For ":memory:" (any case of letters) there is nothing to do.
 // Errors: RC_INVALID_ARG without "file" or for a refused file_lock, RC_PATH_TOO_LONG, RC_NO_MEMORY,
 // RC_SYSTEM_ERROR, also while a writer has a file that is to be replaced, which then stays. A file
 // that this call has made and could not complete is deleted again; one that was there before stays,

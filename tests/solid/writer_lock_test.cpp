@@ -102,7 +102,7 @@ TEST_F(WriterLockTest, WithoutLocksWorkGoesOnAfterOneWarning) {
     EXPECT_EQ(m_log.Texts(K9SYS_LOG_WARNING), Texts{NoLocksWarning()});
     EXPECT_EQ(OpenSecond(), RC_OK);
     m_log.Clear();
-    EXPECT_EQ(CreateStorageFile(Conn().c_str(), kCreateReplace), RC_OK);
+    EXPECT_EQ(CreateStorageFile(Conn().c_str(), K9EREPL_CREATE_REPLACE), RC_OK);
     EXPECT_EQ(DeleteStorage(Conn().c_str()),
               platform::kOpenFilesCanBeRenamed ? RC_OK : RC_SYSTEM_ERROR);
     EXPECT_TRUE(m_log.Texts(K9SYS_LOG_WARNING).empty()) << m_log;
@@ -131,14 +131,14 @@ TEST_F(WriterLockTest, APathThatNeverLeadsToTheOpenedFileIsAnError) {
 TEST_F(WriterLockTest, AReplacingCreateBesideAWriterTouchesNothing) {
     WriteText(Index(), "its index");
     Open();
-    ExpectRefused([&] { return CreateStorageFile(Conn().c_str(), kCreateReplace); });
+    ExpectRefused([&] { return CreateStorageFile(Conn().c_str(), K9EREPL_CREATE_REPLACE); });
     EXPECT_EQ(ReadText(Index()), "its index");
-    EXPECT_EQ(CreateStorageFile(Conn().c_str(), kCreateKeepExisting), RC_OK);
+    EXPECT_EQ(CreateStorageFile(Conn().c_str(), K9EREPL_CREATE_KEEP_EXISTING), RC_OK);
     EXPECT_EQ(ReadBytes(Path()), m_bytes);
 }
 
 TEST_F(WriterLockTest, AReplacingCreateGivesItBack) {
-    EXPECT_EQ(CreateStorageFile(Conn().c_str(), kCreateReplace), RC_OK);
+    EXPECT_EQ(CreateStorageFile(Conn().c_str(), K9EREPL_CREATE_REPLACE), RC_OK);
     EXPECT_EQ(FileSize(Path()), 1064);
     Open();
     EXPECT_EQ(Scanned(), Items{"commit 0 0"});
@@ -146,7 +146,7 @@ TEST_F(WriterLockTest, AReplacingCreateGivesItBack) {
 
 TEST_F(WriterLockTest, AReplacingCreateThatCannotEmptyTheFileIsAnError) {
     FailSetEnd(1);
-    EXPECT_EQ(CreateStorageFile(Conn().c_str(), kCreateReplace), RC_SYSTEM_ERROR);
+    EXPECT_EQ(CreateStorageFile(Conn().c_str(), K9EREPL_CREATE_REPLACE), RC_SYSTEM_ERROR);
     EXPECT_EQ(m_log.Texts(K9SYS_LOG_ERROR).back(),
               "Failed to create file '" + Path() + "';" + SysErr(SystemErrorKind::kNoSpace));
     EXPECT_EQ(ReadBytes(Path()), m_bytes);

@@ -130,9 +130,9 @@ TEST_F(SqueezeLock, WhoeverOpenedTheOldFileNeitherDeletesNorEmptiesTheNewOne) {
         ASSERT_EQ(writer.TryLock(), LockResult::kTaken);
         m_replaced.Begin(Temporary(), Path());
         const std::string conn = Conn();
-        EXPECT_EQ(
-            deletes ? DeleteStorage(conn.c_str()) : CreateStorageFile(conn.c_str(), kCreateReplace),
-            RC_SYSTEM_ERROR);
+        EXPECT_EQ(deletes ? DeleteStorage(conn.c_str())
+                          : CreateStorageFile(conn.c_str(), K9EREPL_CREATE_REPLACE),
+                  RC_SYSTEM_ERROR);
         m_replaced.End();
         EXPECT_EQ(ReadBytes(Path()), TwoTransactions().Bytes());
     }
