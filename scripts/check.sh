@@ -73,24 +73,39 @@ check_system_headers() {
     report "a switch by operating system outside its folder" <"$scratch/switches"
 }
 
-# A module includes itself and the modules below it.
+# A module includes itself and the modules below it, in one order for all.
 check_directions() {
     awk '
-        function rank(module) { return (module in ranks) ? ranks[module] : -1 }
         BEGIN {
-            count = split("format platform support memory writers index solid engine api",
-                order, " ")
-            for (i = 1; i <= count; ++i) ranks[order[i]] = i
+            order = "format platform support memory writers index solid engine api"
+            count = split(order, modules, " ")
+            for (i = 1; i <= count; ++i) ranks[modules[i]] = i
         }
         /^#include "/ {
             split(FILENAME, path, "/"); own = path[2]
-            split($2, included, "\""); target = included[2]
-            split(target, parts, "/"); other = parts[1]
-            if (other == own) next
-            if (rank(other) < 0 || rank(own) < 0) next
-            if (rank(other) >= rank(own)) print FILENAME ":" FNR
+            split($2, included, "\""); split(included[2], parts, "/"); other = parts[1]
+            known = (own in ranks) && (other in ranks)
+            if (!known || (other != own && ranks[other] > ranks[own])) print FILENAME ":" FNR
         }' $(list 'src/*.h' 'src/*.cpp') >"$scratch/directions"
     report "includes a module that is not below its own" <"$scratch/directions"
+}
+
+# A class is found in one source, or in two where a client's and a thread's side differ; the twins
+# of posix/ and windows/ count as one. Functions that a header defines do not count.
+check_classes() {
+    awk '
+        FNR == 1 { place = FILENAME; sub(/\/(posix|windows)\//, "/", place) }
+        /^[A-Za-z_].*::~?[A-Za-z0-9_]+\(/ {
+            sub(/\(.*/, "")
+            words = split($0, word, /[ *&]+/)
+            parts = split(word[words], part, "::")
+            if (parts < 2 || part[parts - 1] !~ /^[A-Z]/) next
+            class = part[parts - 1]
+            if ((class, place) in seen) next
+            seen[class, place] = 1
+            if (++places[class] == 3) print FILENAME ":" FNR ": " class
+        }' $(list 'src/*.cpp') >"$scratch/classes"
+    report "is a class whose functions lie in more than two sources" <"$scratch/classes"
 }
 
 check_heads() {
@@ -131,6 +146,7 @@ check_format
 check_sizes
 check_system_headers
 check_directions
+check_classes
 check_heads
 if [ "$mode" != --quick ]; then
     check_tidy || findings=$((findings + 1))
