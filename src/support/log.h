@@ -4,7 +4,8 @@
 //   LOG_INFO(kLogStorage, "Add block %P,rev %I64d", ordinal, firstRev);
 //   LOG_ERROR_CODE(rc, kLogStorage, "Failed to begin trans;state %d", state);
 //
-// Arguments are checked against the directives when the statement is compiled (log_format.h).
+// Message texts are interface: hosts look for them. Arguments are checked against the directives
+// when the statement is compiled (log_format.h).
 #ifndef K9EREPL_SUPPORT_LOG_H
 #define K9EREPL_SUPPORT_LOG_H
 
