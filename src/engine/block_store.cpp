@@ -18,7 +18,8 @@ namespace k9erepl {
 
 namespace {
 
-// Only part of the head is zeroed by name, but every mark of a block's former life must go.
+// A block from the pool may have been used before, so every field of its head must be set anew; the
+// memset ends before flushedEnd.
 K9eReplBlock* PrepareBlock(void* memory, std::size_t ordinal) {
     assert(memory != nullptr);
     auto* block = new (memory) K9eReplBlock;
@@ -187,7 +188,7 @@ u32 BlockStore::EraseBlocksAfter(i64 rev) {
         }
         DetachFromIndex(it->first);
         m_pool.ReleaseBlock(it->second);
-        // Given back: a second attempt must not give it back again.
+        // The pool has it back: a second attempt must not return it again.
         it->second = nullptr;
     }
     m_blocks.erase(first, m_blocks.end());
@@ -202,7 +203,7 @@ void BlockStore::EraseIndexAfter(i64 rev) {
 
 void BlockStore::EraseAll() {
     Touch();
-    // A map without its block was logged, and there is nothing left to do about it.
+    // Dropped: a key without its block was logged, and nothing more can be done about it.
     (void)EraseBlocksAfter(0);
     m_index.clear();
 }
@@ -213,7 +214,7 @@ void BlockStore::Abandon() {
         MemoryBlocks blocks;
         BlockIndex index;
     };
-    // Nobody holds it: that is its purpose.
+    // Never freed, on purpose: another thread may still use it.
     [[maybe_unused]] const auto* const abandoned =
         new Abandoned{std::move(m_blocks), std::move(m_index)};
     m_blocks.clear();  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks)
@@ -257,7 +258,7 @@ void BlockStore::DropBelow(i64 rev) {
     Touch();
     while (!m_blocks.empty() && EndsBelow(*m_blocks.begin(), rev)) {
         const auto oldest = m_blocks.begin();
-        // The blocks that are only in the file are older still.
+        // Blocks that are only in the file are older than any in memory.
         m_index.erase(m_index.begin(), m_index.upper_bound(oldest->first));
         m_pool.ReleaseBlock(oldest->second);
         m_blocks.erase(oldest);
@@ -271,7 +272,7 @@ void BlockStore::DropBelow(i64 rev) {
 }
 
 u32 BlockStore::CutAfter(i64 rev) {
-    // With nothing committed nothing is kept, whatever the first key is.
+    // When nothing was committed, `rev` is 0, which is below every key: then nothing is kept.
     if (u32 rc = EraseBlocksAfter(rev); rc != RC_OK) {
         return rc;
     }

@@ -1,6 +1,7 @@
-// The memory of a storage: its blocks, those held in memory and those that are only in the file,
-// and how far the revisions in them go. Transactions and loads place records here, flushes take
-// them, walks read them, clears cut them. The storage object owns one.
+// The memory of a storage: its blocks, whether they are held in memory or lie only in the file, and
+// the revisions up to which they go. Transactions and loads place records here, flushes take them,
+// walks read them, clears cut them. The storage object owns one. docs/architecture.md describes the
+// two maps ("Blocks and the two maps").
 #ifndef K9EREPL_ENGINE_BLOCK_STORE_H
 #define K9EREPL_ENGINE_BLOCK_STORE_H
 
@@ -18,139 +19,188 @@
 
 namespace k9erepl {
 
-// The lowest revision that the block may hold to block.
+// Blocks held in memory. The key is the lowest revision that the block may hold; the block's first
+// record may have a higher one. The block belongs to the pool of the store and is never null,
+// except after an EraseBlocksAfter that failed.
 using MemoryBlocks = std::map<i64, K9eReplBlock*>;
 
-// A block held in memory has an entry in both maps under the same revision; its index entry points
-// at it. Blocks in memory are the newest ones. Guarded by the storage's lock, except NextRev().
+// A block held in memory has an entry in both maps under the same key, and its index entry points
+// at it. Blocks that are only in the file have an index entry alone. Blocks in memory are the
+// newest ones: in the index, no block without memory follows them.
+//
+// Only this class changes the maps. Everything is guarded by the storage's lock, except NextRev().
+// Revisions rise from block to block and within a block.
 class BlockStore {
   public:
+    // No limit on a record's size but the size of a block: for a storage without a file.
     static constexpr u64 kAnyRecordSize = std::numeric_limits<u64>::max();
 
     BlockStore() = default;
     BlockStore(const BlockStore&) = delete;
     BlockStore& operator=(const BlockStore&) = delete;
 
-    // Blocks take `blockSize` bytes of records; up to `freeBlocks` blocks that are not needed any
-    // more stay allocated. `maxRecordSize` is the largest record, its head included, that can be
-    // read back; it may be smaller than a block. REQUIRES: no block was added yet.
+    // To be called once, when the storage is opened. `blockSize` is the number of bytes for records
+    // in a block (setting block_size). Up to `freeBlocks` blocks that are not needed any more stay
+    // allocated for reuse (setting memory_reserve). `maxRecordSize` is the largest record in bytes,
+    // its head included, that can be read back from the file; it may be smaller than a block.
+    // REQUIRES: blockSize is above 0; no block was added yet.
     void SetUp(u32 blockSize, u32 freeBlocks, u64 maxRecordSize = kAnyRecordSize);
-    // Forgets all records: nothing is held, served or in the file. The next revision stays.
+    // Forgets all records: no block is left, and the oldest and the flushed revision become 0. The
+    // next revision stays.
     void Clear();
-    // The same, and the revisions begin again with 1.
+    // Does what Clear does, and the revisions begin again with 1.
     void Reset();
-    // Forgets all blocks but leaves them allocated, for a thread that may still use them.
+    // Forgets all blocks and index entries but leaves their memory allocated for ever, for a
+    // writing thread that could not be ended and may still use them. Throws std::bad_alloc.
     void Abandon();
 
     // --- Looking
 
+    // Both maps, for reading. An iterator is valid until Generation() changes.
     const MemoryBlocks& Blocks() const { return m_blocks; }
     const BlockIndex& Index() const { return m_index; }
-    // The block with the highest key. REQUIRES: a block is held in memory.
+    // The block with the highest key, to which records are appended.
+    // REQUIRES: a block is held in memory.
     K9eReplBlock& Newest() {
         assert(!m_blocks.empty());
         return *m_blocks.rbegin()->second;
     }
-    // The index entry of the block that holds `rev`: the last one whose key is not above it, or
-    // the first one. REQUIRES: the index is not empty.
+    // The index entry of the block that holds `rev`, or would hold it if there was such a record:
+    // the last entry whose key is not above `rev`, or the first entry when `rev` is below all keys.
+    // REQUIRES: the index is not empty.
     BlockIndex::const_iterator FindHolding(i64 rev) const;
-    // Where the block under `key` says where it lies in the file, for a writer to fill in. Null
-    // when the index has no such block.
+    // The place where the index entry under `key` keeps the block's file offset, for a writer to
+    // fill in. It stays valid while the entry exists. Null when the index has no such entry.
     std::atomic<i64>* FileOffsetOf(i64 key);
-    // Changes whenever records or blocks moved or went, so that a walk which gave control away
-    // knows that its place is gone. Appending to a block does not count.
+    // A number that changes whenever blocks come or go, records move, or the oldest revision
+    // changes. A walk that gave control to a callback compares it to learn that its place is gone.
+    // Appending to a block does not change it.
     u64 Generation() const { return m_generation; }
 
     // --- How far the revisions go
 
-    // The revision that the next record receives, 1 in a new storage. Needs no lock.
+    // The revision that the next record receives; 1 in a new storage. Needs no lock.
     i64 NextRev() const { return m_nextRev.load(std::memory_order_acquire); }
+    // To be called under the storage's lock.
     void SetNextRev(i64 rev) { m_nextRev.store(rev, std::memory_order_release); }
-    // The lowest revision that is still served; 0: all.
+    // The lowest revision that is still served, as the last clear set it; 0: all are served. A
+    // damaged file can make it negative, which also serves all. Commit blocks carry it as clearRev.
     i64 OldestRev() const { return m_oldestRev; }
-    // A walk that is under way passes over what lies below.
+    // Makes a walk that is under way find its place again, so it passes over what lies below `rev`.
     void SetOldestRev(i64 rev);
-    // The highest revision in the file; 0: none.
+    // The highest revision that is in the file with a commit block behind it; 0: none.
     i64 FlushedRev() const { return m_flushedRev; }
     void SetFlushedRev(i64 rev) { m_flushedRev = rev; }
-    // The file's first record is not the storage's first one.
+    // True after a logical clear: the file's first record is not the storage's first one. The next
+    // squeeze then removes the dead records, even when its own revision removes nothing.
     bool BeginMoved() const { return m_beginMoved; }
     void SetBeginMoved(bool moved) { m_beginMoved = moved; }
 
     // --- Adding
 
-    // Copies `rec` behind its head into the newest block, or into a new one when it does not fit.
-    // `fileOffset` is where the record lies in the file, kUnknownOffset for a new record.
-    // Errors: RC_NO_MEMORY; RC_INVALID_ARG for a record that fits no block, which leaves an empty
-    // block behind. REQUIRES: SetUp was called; the revision is above that of every record.
+    // Copies `rec` with its 8-byte prefix into the newest block, or into a new one when it does not
+    // fit. `fileOffset` is where the record lies in the file, kUnknownOffset for a new record; the
+    // block's index entry takes it over from the block's first record.
+    //
+    // Errors, logged: RC_NO_MEMORY, with nothing changed; RC_INVALID_ARG for a record above
+    // `maxRecordSize`, with nothing changed, or for one that fits no block, which leaves an empty
+    // block behind.
+    // REQUIRES: SetUp was called; the revision is above that of every record.
     [[nodiscard]] u32 Place(const K9eReplRec& rec, i64 fileOffset);
-    // Adds an empty block from the pool under `firstRev`. Errors: RC_NO_MEMORY, nothing changed.
+    // Adds an empty block from the pool under the key `firstRev`.
+    // Errors, logged: RC_NO_MEMORY, with nothing changed.
     // REQUIRES: `firstRev` is above every key.
     [[nodiscard]] u32 AddBlock(i64 firstRev);
-    // Adds a block that is only in the file. Throws std::bad_alloc. REQUIRES: as AddBlock, and no
-    // block is held in memory.
+    // Adds a block that is only in the file, as a load takes it over from the index file.
+    // `fileOffset` is where its first record begins. Throws std::bad_alloc.
+    // REQUIRES: `firstRev` is above every key, and no block is held in memory.
     void AddBlockInFile(i64 firstRev, i64 fileOffset);
 
     // --- Removing the newest
 
-    // Returns every memory block whose key is above `rev` to the pool; the index keeps their
-    // entries. Errors: RC_BAD_DATA when the map holds no block under a key.
+    // Returns every memory block whose key is above `rev` to the pool. The index keeps their
+    // entries, which then have no block; only the entry of an empty block goes, for it has no bytes
+    // in the file.
+    // Errors, logged: RC_BAD_DATA when a key leads to no block; blocks before it are returned
+    // already.
     [[nodiscard]] u32 EraseBlocksAfter(i64 rev);
     // Removes every index entry whose key is above `rev`.
     void EraseIndexAfter(i64 rev);
-    // Forgets the records above `rev`: later blocks go, the block that holds `rev` is cut.
-    // Errors: RC_BAD_DATA for a block that does not hold whole records.
+    // Forgets the records above `rev`: later blocks go, and the block that holds `rev` is cut by
+    // reading its records. For a load that cuts what was never committed.
+    // Errors: RC_BAD_DATA for a block that does not hold whole records; its later blocks are gone
+    // then.
     [[nodiscard]] u32 CutAfter(i64 rev);
-    // The same for a rollback, which knows that the block that holds `rev` ended at `used` bytes.
-    // Errors: as EraseBlocksAfter. REQUIRES: the newest block that stays has as many bytes.
+    // Does what CutAfter does, for a rollback, which knows that the block that holds `rev` ended at
+    // `used` bytes. The bytes behind that no longer count as flushed either. Errors: as
+    // EraseBlocksAfter.
+    // REQUIRES: rev is not negative and below NextRev(); the newest block that stays has at least
+    // `used` bytes.
     [[nodiscard]] u32 CutBackTo(i64 rev, u64 used);
 
     // --- Removing the oldest
 
-    // Releases memory blocks, oldest first, until `keep` are left, but none that holds a record
-    // above `flushedRev` or has queued writes. An empty block's index entry goes with it, for it
-    // has no bytes in the file. Errors: as EraseBlocksAfter.
+    // Releases memory blocks, oldest first, until `keep` are left. Stops earlier at a block that
+    // holds a record above `flushedRev` or has queued writes. Index entries stay, so the records
+    // are read from the file from now on; only the entry of an empty block goes, for it has no
+    // bytes in the file.
+    // Errors: as EraseBlocksAfter.
     [[nodiscard]] u32 Shrink(std::size_t keep, i64 flushedRev);
-    // Forgets the blocks that lie wholly below `rev`, in memory and in the index.
+    // Forgets the blocks that lie wholly below `rev`, in memory and in the index. Records below
+    // `rev` in the block that holds it stay.
     void DropBelow(i64 rev);
-    // Forgets the first block of the index, in memory too. REQUIRES: the index is not empty.
+    // Forgets the first block of the index, in memory, too. REQUIRES: the index is not empty.
     void DropFirst();
-    // Forgets every block before the one under `key`, and that one, too, if the next one begins at
-    // or below `firstRev`. REQUIRES: the index has an entry under `key`.
+    // Forgets every block before the one under `key`. Forgets that one, too, if the next one begins
+    // at or below `firstRev`. REQUIRES: the index has an entry under `key`.
     void DropBefore(i64 key, i64 firstRev);
     // Takes the first index entry out and enters it again under `key`, with the record `firstRev`
-    // at `fileOffset`. A block in memory whose key was below `key` loses its first `cutBytes`
-    // bytes. REQUIRES: the index is not empty; cutBytes is a sum of record sizes of that block.
+    // at the file offset `fileOffset`. If the block is held in memory and its old key was below
+    // `key`, its first `cutBytes` bytes are removed and the rest moves to the front.
+    // REQUIRES: the index is not empty; key is not above firstRev and is below the next key;
+    // fileOffset is at least 1056; cutBytes is a sum of record sizes of that block.
     void RekeyFirst(i64 key, i64 firstRev, i64 fileOffset, u64 cutBytes);
-    // Everything in the file lies `shift` bytes further behind.
+    // Adds `shift` bytes, negative after a squeeze, to every known file offset in the index.
     void MoveOffsets(i64 shift);
-    // Forgets all blocks of a storage whose revisions go on: the oldest revision becomes the one
-    // that a load of the emptied file would give.
+    // Forgets all blocks of a storage whose revisions go on. The oldest revision becomes the next
+    // one minus 1, as a load of the emptied file would give it.
     void ForgetEverything();
 
   private:
-    friend struct StorageAccess;  // the tests' eyes
+    // Lets the tests look inside.
+    friend struct StorageAccess;
 
+    // *room receives the block into which `need` bytes of a record with revision `rev` fit: the
+    // newest one or a new one. Errors: as Place.
     [[nodiscard]] u32 FindRoom(i64 rev, u64 need, K9eReplBlock** room);
+    // The block under `key` leaves memory: its index entry loses the pointer, or goes if the block
+    // is empty. Without such an entry: nothing.
     void DetachFromIndex(i64 key);
+    // Returns every block to the pool and empties the index. Changes no revision.
     void EraseAll();
     void Touch() { ++m_generation; }
 
     // --- Constant after SetUp
-    u32 m_capacity = 0;       // bytes of a block's data area; 0 before SetUp
-    u64 m_maxRecordSize = 0;  // bytes
+    // Bytes of a block's data area (setting block_size); 0 before SetUp.
+    u32 m_capacity = 0;
+    // The largest record in bytes, its head included; kAnyRecordSize without a limit, 0 before
+    // SetUp.
+    u64 m_maxRecordSize = 0;
 
     // --- Read by anyone
+    // At least 1. Written under the storage's lock.
     std::atomic<i64> m_nextRev{1};
 
     // --- Guarded by the storage's lock
-    CBlocksPoolManager m_pool;  // where blocks come from and return to
+    // Every block of m_blocks comes from here and returns here.
+    CBlocksPoolManager m_pool;
     MemoryBlocks m_blocks;
+    // One entry for each block of the storage.
     BlockIndex m_index;
-    u64 m_generation = 0;
-    i64 m_oldestRev = 0;
-    i64 m_flushedRev = 0;
-    bool m_beginMoved = false;
+    u64 m_generation = 0;       // see Generation(); starts at 0
+    i64 m_oldestRev = 0;        // see OldestRev(); 0: everything is served
+    i64 m_flushedRev = 0;       // see FlushedRev(); 0: nothing is in the file
+    bool m_beginMoved = false;  // see BeginMoved()
 };
 
 }  // namespace k9erepl

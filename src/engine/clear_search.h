@@ -1,5 +1,6 @@
-// Finds where the kept part of a block begins in the file when older records of it are to go:
-// a visitor for an enumeration of the file, commit blocks included.
+// Finds where the kept part of a block begins in the file when older records of the block are
+// removed. It is a visitor for an enumeration of the file that includes commit blocks. The clearer
+// uses it at a clear, the loader when the file holds records below the clear revision.
 #ifndef K9EREPL_ENGINE_CLEAR_SEARCH_H
 #define K9EREPL_ENGINE_CLEAR_SEARCH_H
 
@@ -10,16 +11,26 @@
 
 namespace k9erepl {
 
+// The caller sets minRev and runs one enumeration from the block that holds it; the other fields
+// receive what the enumeration found.
 struct ClearSearch {
-    i64 minRev = 0;                          // records below it are to go
-    i64 newFirstRev = 0;                     // of the first record that stays
-    i64 newFirstRecOffset = kUnknownOffset;  // its file offset
-    i64 commitOffset = kUnknownOffset;       // of the first commit block behind it
-    u32 recSz = 0;                           // bytes of the records that go
+    // Records below this revision are removed.
+    i64 minRev = 0;
+    // The revision of the first record that stays; 0 until it is found.
+    i64 newFirstRev = 0;
+    // The file offset where that record begins.
+    i64 newFirstRecOffset = kUnknownOffset;
+    // The file offset of the first commit block behind that record: a squeezed file's chain begins
+    // there.
+    i64 commitOffset = kUnknownOffset;
+    // Bytes of the records that are removed, heads included: by so much the block in memory is cut.
+    u32 recSz = 0;
 
+    // False when no record at or above minRev was visited.
     bool FoundKept() const { return newFirstRecOffset != kUnknownOffset; }
 
-    // A FileItemVisitor; `ctx` is a ClearSearch. Stops with RC_ENUM_STOP at commitOffset.
+    // A FileItemVisitor; `ctx` is a ClearSearch. Stops the enumeration with RC_ENUM_STOP at
+    // commitOffset. A result RC_OK of the enumeration means that the file ended first.
     [[nodiscard]] static u32 Visit(i64 offset, const K9eReplRec* rec, void* ctx);
 };
 

@@ -31,7 +31,8 @@ u32 Clearer::ClearOldRev(i64 rev, ClearMode mode) {
     }
     i64 clearRev = rev;
     if (m_blocks.BeginMoved() && Squeezes(mode)) {
-        // Even when nothing new goes: what was cleared logically leaves the file now.
+        // Squeeze even when `rev` removes nothing new: what logical clears left in the file goes
+        // now.
         clearRev = std::max(rev, m_blocks.OldestRev());
     } else if (rev <= m_blocks.OldestRev()) {
         return RC_OK;
@@ -70,9 +71,9 @@ u32 Clearer::ClearBelow(i64 rev, ClearMode mode) {
     return RC_OK;
 }
 
-// The kept part is searched in the file, so everything must be there, except what callbacks of the
-// flush commit behind a record that is kept. Callbacks may also leave the storage in a state in
-// which nothing can be cleared.
+// The kept part is searched in the file, so flush until the file has a record at or above `rev` or
+// nothing new was committed: callbacks of a flush may commit more. They may also change the state
+// or begin a transaction, and then nothing can be cleared.
 u32 Clearer::FlushBefore(i64 rev) {
     i64 nextRev = 0;
     do {
@@ -90,7 +91,8 @@ u32 Clearer::FlushBefore(i64 rev) {
     return RC_OK;
 }
 
-// Only whole blocks go: records below `rev` in the block that holds it are just not served.
+// Only whole blocks are removed. Records below `rev` in the block that holds it stay in memory and
+// are not served.
 void Clearer::ClearInMemory(i64 rev) {
     assert(!m_settings.HasFile());
     if (rev >= m_blocks.NextRev()) {
@@ -116,7 +118,7 @@ u32 Clearer::ClearInFile(i64 rev, ClearMode mode) {
         return rc;
     }
     if (!search.FoundKept()) {
-        // Revisions may be used up without a record.
+        // `rev` is below the next revision, but revisions may be used up without a record.
         return ClearWholeFile(rev);
     }
     i64 shift = 0;
@@ -177,8 +179,8 @@ u32 Clearer::FindFirstKept(i64 holdingKey, ClearMode mode, ClearSearch* search) 
     return RC_OK;
 }
 
-// The block that will be cut and the one behind it must not be cut or read while they are being
-// written; blocks before them were queued earlier.
+// The block that will be cut and the one behind it must be in the file before they are cut and
+// read. Blocks before them were queued earlier.
 u32 Clearer::WaitForBlockWrites(i64 key) {
     assert(m_status.FileIsBeingWritten());
     auto block = m_blocks.Blocks().find(key);
@@ -241,8 +243,8 @@ u32 Clearer::SqueezeFile(const ClearSearch& search, ClearMode mode, i64* shift) 
     return rc;
 }
 
-// An index file without the cleared records comes next: it must not be there before the commit
-// block that clears them, nor without it.
+// The index file is saved next, without the cleared records. Before that, the commit block that
+// clears them must be in the file.
 u32 Clearer::RaiseClearRev(const ClearSearch& search) {
     assert(search.FoundKept());
     u32 rc = m_file.SetClearRev(search.minRev);
@@ -269,7 +271,7 @@ void Clearer::ForgetBelow(i64 holdingKey, const ClearSearch& search, i64 shift) 
     const auto first = index.begin();
     const auto second = std::next(first);
     const u64 cutBytes = first->first == holdingKey ? search.recSz : 0;
-    // A callback may have begun a transaction, to be rolled back to a place in this block.
+    // A callback may have begun a transaction whose rollback goes back to a place in this block.
     m_transaction.BlockWasCut(second == index.end() ? kEndOfRevs : second->first, cutBytes);
     m_blocks.RekeyFirst(std::max(search.minRev, holdingKey), search.newFirstRev,
                         search.newFirstRecOffset + shift, cutBytes);
@@ -294,7 +296,7 @@ u32 Clearer::TruncateFile() {
     assert(m_settings.HasFile() && !m_settings.readOnly);
     const auto writing = m_status.WorkOnFile(FileWork::kWriting);
     try {
-        // The index object stays: its file has no entries, as the empty block index.
+        // The index object stays. Its file has no entries then, like the block index.
         const u32 rc = m_index.Empty();
         return rc == RC_OK ? m_file.TruncateToClearRev(0, 0, 0) : rc;
     } catch (const std::bad_alloc&) {

@@ -1,6 +1,7 @@
-// Removing records: clearing what is older than a revision, and starting a storage over. The
-// storage object owns one and calls it for ClearOldRev and Truncate; a load into a storage without
-// a file truncates, too.
+// Removes records: clears what is older than a revision, and starts a storage over. The storage
+// object owns one and calls it for ClearOldRev and Truncate; opening a storage without a file, and
+// loading one from ":memory:", truncate it, too. docs/architecture.md ("A clear") gives the steps,
+// docs/storage-file.md ("Removing data") what a crash leaves at each of them.
 #ifndef K9EREPL_ENGINE_CLEARER_H
 #define K9EREPL_ENGINE_CLEARER_H
 
@@ -17,19 +18,23 @@
 
 namespace k9erepl {
 
-// How ClearOldRev treats the storage file; every other number is a logical clear too.
+// How ClearOldRev treats the storage file. The numbers are those of the exported function; every
+// other number is a logical clear, too.
 enum class ClearMode : u32 {
-    kLogical = 0,        // raises the file's clear revision
-    kSqueeze = 1,        // replaces the file by what is kept of it
-    kSqueezeBackup = 2,  // the same, and keeps the old file
-    kMark = 4,           // only remembers the revision for the client
+    kLogical = 0,        // appends a commit block with the clear revision
+    kSqueeze = 1,        // replaces the file by a copy of what is kept
+    kSqueezeBackup = 2,  // does the same and keeps the old file as a backup
+    kMark = 4,           // removes nothing, only sets the revision mark for the client
 };
+// True for the two modes that replace the file.
 inline bool Squeezes(ClearMode mode) {
     return mode == ClearMode::kSqueeze || mode == ClearMode::kSqueezeBackup;
 }
 
-// Owns nothing but its references: what a clear finds out dies with it. Called under the storage's
-// lock.
+// Has no state of its own: it refers to the objects that it changes, which outlive it. Called under
+// the storage's lock. A clear is refused inside a transaction and to callbacks that run in the
+// middle of a flush or of another clear, because those rely on the places of records and file
+// offsets.
 class Clearer {
   public:
     Clearer(const OpenSettings& settings, StorageStatus& status, BlockStore& blocks,
@@ -46,28 +51,59 @@ class Clearer {
     Clearer(const Clearer&) = delete;
     Clearer& operator=(const Clearer&) = delete;
 
-    // See K9eReplStorageClearOldRev. A clear that fails in the file breaks the storage.
+    // See K9eReplStorageClearOldRev. Records below `rev` are no longer served. Does nothing when
+    // `rev` is not above the oldest revision, unless a squeeze can remove what earlier logical
+    // clears left in the file.
+    //
+    // Errors, logged: RC_WRONG_STATE unless the storage is Open; RC_IN_TRANSACTION as said above.
+    // When the flush before the clear fails, the storage becomes FlushFailed and nothing is
+    // cleared. A clear that fails in the file, or in which a callback throws, breaks the storage.
     [[nodiscard]] u32 ClearOldRev(i64 rev, ClearMode mode);
-    // See K9eReplStorageTruncate. The storage becomes Open; a failure breaks it.
+    // See K9eReplStorageTruncate. Removes all records, sets the life number and the revision mark
+    // to 0, begins again with revision 1; the storage becomes Open. Errors: RC_IN_TRANSACTION
+    // changes nothing; every other failure breaks the storage and is logged.
     [[nodiscard]] u32 Truncate();
-    // Puts every part back to what it was before the first load: the storage is Closed and empty.
+    // Brings everything back to what it was before the first load: the storage is Closed and empty.
     // The files and the index object stay as they are.
     void StartOver();
 
   private:
+    // True when no transaction is open and no flush or clear is in the middle of its work.
     bool MayRemoveNow() const { return !m_transaction.IsOpen() && m_status.MayRemove(); }
+    // RC_WRONG_STATE unless the storage is Open, RC_IN_TRANSACTION if `inTransaction`; both are
+    // logged.
     [[nodiscard]] u32 Refuse(bool inTransaction) const;
+    // Does a clear that was accepted. REQUIRES: the clear was begun (BeginClear); the index is not
+    // empty.
     [[nodiscard]] u32 ClearBelow(i64 rev, ClearMode mode);
+    // Flushes everything that a clear of `rev` has to find in the file. Errors: those of the flush;
+    // those of Refuse when a callback of the flush changed the state or began a transaction.
     [[nodiscard]] u32 FlushBefore(i64 rev);
+    // Clears a storage without a file. Cannot fail.
     void ClearInMemory(i64 rev);
+    // Clears file and memory of a storage with a file. REQUIRES: no transaction is open.
     [[nodiscard]] u32 ClearInFile(i64 rev, ClearMode mode);
+    // Nothing is kept: starts the file over, and the revisions go on. `rev` is only logged.
     [[nodiscard]] u32 ClearWholeFile(i64 rev);
+    // Fills *search: reads the file from the block under `holdingKey`, once that block is written.
+    // Finds nothing when no record at or above search->minRev is in the file.
     [[nodiscard]] u32 FindFirstKept(i64 holdingKey, ClearMode mode, ClearSearch* search);
+    // Waits until the asynchronous writer has written the block under `key` and the one behind it.
+    // Errors: those of CSolidStorage::WaitReleaseBlock.
     [[nodiscard]] u32 WaitForBlockWrites(i64 key);
+    // Runs the search over the file from the block `holding`. Errors, logged: those of the
+    // enumeration; RC_BAD_DATA when the block has no file offset.
     [[nodiscard]] u32 SearchFrom(const BlockIndex::value_type& holding, ClearSearch* search);
+    // Replaces the file. *shift receives the bytes to add to every file offset. The index file is
+    // emptied right before the new file takes the place of the old one. Errors, logged: those of
+    // CSolidStorage::Squeeze; RC_BAD_DATA when no commit block was found behind the kept records.
     [[nodiscard]] u32 SqueezeFile(const ClearSearch& search, ClearMode mode, i64* shift);
+    // Appends the commit block of a logical clear and waits until it is written.
     [[nodiscard]] u32 RaiseClearRev(const ClearSearch& search);
+    // Brings the block store in line with the file after a clear.
     void ForgetBelow(i64 holdingKey, const ClearSearch& search, i64 shift);
+    // Empties the index file and starts the storage file over. REQUIRES: the storage has a file
+    // that it may write.
     [[nodiscard]] u32 TruncateFile();
 
     const OpenSettings& m_settings;

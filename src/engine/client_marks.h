@@ -1,6 +1,6 @@
-// The two numbers that a storage keeps for its client, in the header of the storage file: the life
-// number and the revision mark. The storage object owns one; truncations and clears write both into
-// a file that starts over.
+// The two numbers that a storage keeps for its client in the header of the storage file: the life
+// number and the revision mark. The storage object owns one. A clear that starts the file over
+// writes both into it again; a truncation sets both to 0.
 #ifndef K9EREPL_ENGINE_CLIENT_MARKS_H
 #define K9EREPL_ENGINE_CLIENT_MARKS_H
 
@@ -9,32 +9,42 @@
 
 namespace k9erepl {
 
-// Guarded by the storage's lock.
+// Holds a copy of both numbers, so reading them costs no file access. The storage itself does
+// nothing with either. Guarded by the storage's lock.
 class ClientMarks {
   public:
     explicit ClientMarks(CSolidStorage& file) : m_file(file) {}
     ClientMarks(const ClientMarks&) = delete;
     ClientMarks& operator=(const ClientMarks&) = delete;
 
+    // 0 in a new storage and after a truncation.
     u32 Lifenum() const { return m_lifenum; }
+    // The revision mark, which a clear of mode `mark` sets; 0 in a new storage and after a
+    // truncation.
     i64 ClearOldRev() const { return m_clearOldRev; }
 
-    // Into the file first, if one is open: a failure, which is logged, changes nothing.
+    // Both write to the file first, if one is open, without flushing it to the disk. A failure is
+    // logged and returned, and the number stays as it was.
     [[nodiscard]] u32 SetLifenum(u32 lifenum);
     [[nodiscard]] u32 SetClearOldRev(i64 rev);
 
-    // Reads both from the file that was just opened. Failures are logged with `connStr`.
+    // Reads both numbers from the file that was just opened. A failure is logged with `connStr`.
+    // REQUIRES: the file is open.
     [[nodiscard]] u32 Read(const char* connStr);
-    // The same from a file that another process may be writing. Errors: CSolidStorage::ReadMarks.
+    // Reads both from a file that another process may be writing, and retries until they hold
+    // still.
+    // Errors: as CSolidStorage::ReadMarks.
     [[nodiscard]] u32 ReadLive() { return m_file.ReadMarks(&m_lifenum, &m_clearOldRev); }
+    // Sets both to 0 in memory only; the file stays as it is.
     void Reset();
 
   private:
-    friend struct StorageAccess;  // the tests' eyes
+    // Lets the tests look inside.
+    friend struct StorageAccess;
 
     CSolidStorage& m_file;
-    u32 m_lifenum = 0;
-    i64 m_clearOldRev = 0;  // the revision mark; the storage itself does nothing with it
+    u32 m_lifenum = 0;      // any number; 0: never set
+    i64 m_clearOldRev = 0;  // a revision; 0: never set
 };
 
 }  // namespace k9erepl

@@ -12,7 +12,7 @@ bool FlushPolicy::FlushNeeded(const OpenSettings& settings) const {
         if (count == 0) {
             return false;
         }
-        // As an unsigned number: a negative setting never flushes by count.
+        // Compared as an unsigned number, so a negative setting never flushes by count.
         reached = count >= static_cast<u32>(settings.flushTransNum);
     } else if (settings.flushMode == FlushMode::kPerData) {
         const u64 size = m_dataSinceFlush.load(std::memory_order_relaxed);

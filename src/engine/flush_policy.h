@@ -1,5 +1,6 @@
-// When to flush: counts what was committed since the last flush and applies the flush mode's
-// threshold and time-out. The idle flush looks at it without the storage's lock.
+// Decides when to flush: counts what was committed since the last flush and compares that with the
+// threshold and the time-out of the settings flush_mode, flush_trans_num, flush_data_size and
+// flush_timeout. The flusher owns one; the idle flush asks it without the storage's lock.
 #ifndef K9EREPL_ENGINE_FLUSH_POLICY_H
 #define K9EREPL_ENGINE_FLUSH_POLICY_H
 
@@ -11,36 +12,45 @@
 
 namespace k9erepl {
 
-// Written under the storage's lock, read by anyone; each value stands alone, and a reader without
-// the lock asks again under it before it acts.
+// Written under the storage's lock, except the time of the last flush, and read by any thread. Each
+// value is atomic by itself, but a reader without the lock may see one new and one old value, so it
+// must ask again under the lock before it acts.
 class FlushPolicy {
   public:
     FlushPolicy() { RecordFlushTime(); }
 
-    // True when the counter of the mode is above 0 and has reached its threshold, or the time-out
-    // has passed since the last flush.
+    // False while the mode's counter is 0. Otherwise true when the counter has reached the mode's
+    // threshold, or when the time-out has passed since the last flush.
     bool FlushNeeded(const OpenSettings& settings) const;
 
-    // A transaction with `dataSize` bytes of records was committed.
+    // A transaction with `dataSize` bytes of records, heads included, was committed. Only the
+    // counter of `mode` rises; NoFlush has none.
     void CountCommit(FlushMode mode, u64 dataSize);
 
-    // The commits that a flush which begins now covers when it succeeds.
+    // What was counted at one moment. A flush takes it at its beginning, and hands it back when it
+    // has succeeded.
     struct Counted {
-        u32 transactions = 0;
-        u64 dataSize = 0;
+        u32 transactions = 0;  // committed transactions
+        u64 dataSize = 0;      // bytes, heads included
     };
     Counted Now() const { return {m_transSinceFlush, m_dataSinceFlush}; }
-    // Takes what a flush covered off the counters; commits that came meanwhile stay counted.
+    // Subtracts what a flush covered; commits that came during the flush stay counted.
+    // REQUIRES: `covered` came from Now(), and nothing of it was subtracted since.
     void Flushed(const Counted& covered);
 
+    // The time-out begins anew. Needs no lock.
     void RecordFlushTime() { m_lastFlushTick = platform::TickCountMs(); }
-    // No flush is needed any more, whatever was counted.
+    // Sets both counters to 0, so no flush is needed. The time-out goes on.
     void Clear() { Flushed(Now()); }
 
   private:
-    std::atomic<u32> m_lastFlushTick{0};    // milliseconds
-    std::atomic<u32> m_transSinceFlush{0};  // committed transactions, in PerTrans mode
-    std::atomic<u64> m_dataSinceFlush{0};   // committed bytes, in PerData mode
+    // The tick count in milliseconds at the last flush; it wraps around, so only differences count.
+    std::atomic<u32> m_lastFlushTick{0};
+    // Transactions committed since the last flush; counted in the mode PerTrans only, else 0.
+    std::atomic<u32> m_transSinceFlush{0};
+    // Bytes of records, heads included, committed since then; counted in the mode PerData only,
+    // else 0.
+    std::atomic<u64> m_dataSinceFlush{0};
 };
 
 }  // namespace k9erepl

@@ -36,7 +36,7 @@ u32 Flusher::SetOnWriteToFile(K9eReplFlushCb cb, void* ctx) {
 
 void Flusher::Silence() {
     m_onFlush.Set(nullptr, nullptr);
-    // Always RC_OK.
+    // Dropped: it is always RC_OK.
     (void)m_file.SetWrittenRevisionCallback(nullptr, nullptr);
 }
 
@@ -105,7 +105,7 @@ u32 Flusher::FlushToFile(i64 limit) {
     }
     m_policy.RecordFlushTime();
     m_policy.Flushed(covered);
-    // Before the callback, which may insert.
+    // Before the callback, which may insert only into an open storage.
     m_status.LeaveFlushFailed();
     if (lastWritten > 0) {
         assert(lastWritten > m_blocks.FlushedRev());
@@ -244,8 +244,8 @@ void Flusher::Undo() {
 
 void Flusher::ClearUndoneWrites() {
     if (m_settings.HasFile() && m_status.FileIsIdle()) {
-        // Logged when it fails, and nothing changes for the client: the next write or the close
-        // tries again.
+        // Dropped: a failure is logged and changes nothing for the client; the next write or the
+        // close tries again.
         (void)m_file.ClearUndone();
     }
 }
@@ -270,7 +270,7 @@ void Flusher::NotifyFlushed(i64 lastRev) {
 
 void Flusher::ShrinkCacheIfPending() {
     if (m_settings.MayEvict() && m_shrinkPending) {
-        // Logged when it fails: the commit stands, and the next one tries again.
+        // Dropped: a failure is logged, the commit has succeeded, and the next one tries again.
         (void)ShrinkCache();
     }
 }

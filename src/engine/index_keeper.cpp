@@ -67,7 +67,7 @@ void IndexKeeper::SaveIfGrown() {
         if (m_object->IsBusy()) {
             LOG_WARNING(kLogStorage, "Index thread is busy");
         } else {
-            // A failure ends the thread, and the next save restarts it.
+            // Dropped: a failure ends the thread, and the next save restarts it.
             (void)m_object->RequestSave(m_blocks.Index(), IndexSaveMode::kAsync);
         }
     }
@@ -82,7 +82,7 @@ void IndexKeeper::SaveAfterClear(bool squeezed) {
             LOG_WARNING(kLogStorage, "Index thread is busy");
         } else {
             m_object->StartOver();
-            // The clear has succeeded; without its index a load only reads more.
+            // Dropped: the clear has succeeded, and without the index a load only reads more.
             (void)m_object->RequestSave(m_blocks.Index(),
                                         squeezed ? IndexSaveMode::kSync : IndexSaveMode::kAsync);
         }
@@ -97,7 +97,7 @@ bool IndexKeeper::RestartIfFinished() {
     }
     LOG_ERROR(kLogStorage, "Index thread is finished; trying to restart");
     m_object->Stop();
-    // Logged when it fails, and IsFinished() says so.
+    // Dropped: a failure is logged, and IsFinished() says so.
     (void)m_object->Start();
     return true;
 }

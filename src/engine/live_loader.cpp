@@ -10,7 +10,8 @@ namespace k9erepl {
 
 namespace {
 
-// A writer may start its file over, or take a failed flush back, while a load reads it.
+// A writer may start its file over, or take a failed flush back, while a load reads it. The load
+// then tries again, but not for ever.
 constexpr u32 kAttemptsMost = 100;
 
 }  // namespace
@@ -52,7 +53,8 @@ u32 LiveLoader::LoadOnce(bool* loaded) {
     if (rc == RC_OK) {
         rc = m_marks.ReadLive();
     }
-    // Whatever went wrong: in a file that changed meanwhile it need not be a fault of the file.
+    // If the file changed meanwhile, that is the result: any other failure may come from the change
+    // and be no fault of the file.
     const u32 checkRc = m_file.CheckContent();
     if (checkRc == kContentChanged) {
         LOG_INFO(kLogStorage, "Storage file changed while it was read;conn-str %s",

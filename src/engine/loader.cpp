@@ -40,12 +40,12 @@ u32 Loader::LoadAnew() {
     m_blocks.Clear();
     IndexFileContent index;
     if (const std::string path = IndexFileName(m_connStr.c_str()); !path.empty()) {
-        // Whatever is wrong with it was logged: loading goes on without it.
+        // Dropped: a fault of the index file was logged, and loading goes on without it.
         (void)ReadIndexFile(path, &index);
     }
     const u32 rc = LoadOnce(index);
-    // The index may be what is wrong, not the file. When the system fails, another try would
-    // only read more.
+    // The index may be at fault, not the file. When the system fails, another try would only read
+    // more.
     if (rc == RC_OK || rc == RC_SYSTEM_ERROR || rc == RC_NO_MEMORY || rc == kContentChanged ||
         !m_plan.UsesIndex()) {
         return rc;
@@ -205,9 +205,10 @@ u32 Loader::CheckAllOf(CSolidStorage& file) {
     return rc;
 }
 
-// Records before the index's first entry are in the file when a logical clear passed them over.
-// They are all gone for the storage only if the clear revision reaches up to that entry, or lies in
-// a gap before it. The item right before the entry mostly tells; else they are all read.
+// Records in front of the index's first entry are in the file when a logical clear left them there.
+// The storage has none of them only if the clear revision reaches up to that entry or lies in a gap
+// before it. The item right in front of the entry mostly says so; if it does not, they are all
+// read.
 bool Loader::LoadedAllThatIsKept(CSolidStorage& file) const {
     assert(m_plan.UsesIndex());
     if (m_plan.first.offset == kFirstItemOffset || m_plan.first.rev <= m_blocks.OldestRev()) {
@@ -237,7 +238,7 @@ u32 Loader::Finish(i64 nextRevOfFile, CSolidStorage* file) {
         K9eReplBlock& newest = m_blocks.Newest();
         newest.flushedEnd = newest.used;
     }
-    // Whatever the file claims: a record below the oldest revision would never be served.
+    // Not below the oldest revision, whatever the file claims: such a record would never be served.
     m_blocks.SetNextRev(std::max(
         {i64{1}, NextRevAfter(m_blocks.FlushedRev()), nextRevOfFile, m_blocks.OldestRev()}));
     if (m_settings.MayEvict()) {
@@ -256,8 +257,8 @@ u32 Loader::Finish(i64 nextRevOfFile, CSolidStorage* file) {
     return m_index.Start();
 }
 
-// The first block may hold records below the clear revision: it shall begin with the first record
-// that is still served.
+// The first block may hold records below the clear revision. Afterwards it begins with the first
+// record that is still served.
 u32 Loader::CutCleared(CSolidStorage& file) {
     assert(m_status.IsOpen());
     m_blocks.DropBelow(m_blocks.OldestRev());

@@ -1,6 +1,7 @@
-// Loading: reading the storage file back into memory blocks, from where the index file allows. The
-// storage object makes one for each call of Load; a read-only storage loads through
-// live_loader.h.
+// Loading: reads the storage file back into memory blocks, from the place that the index file
+// allows. The storage object makes one loader for each call of Load; a read-only storage loads
+// through live_loader.h. docs/storage-file.md has the rules by which the file is read ("The reader
+// at loading"), docs/index-file.md those by which the index is used.
 #ifndef K9EREPL_ENGINE_LOADER_H
 #define K9EREPL_ENGINE_LOADER_H
 
@@ -19,10 +20,11 @@
 
 namespace k9erepl {
 
-// Lives as long as one load. The storage's lock is held all the time.
+// Lives as long as one load; the storage's lock is held all the time. An index may only save time:
+// whenever it leads to an error or may have hidden records, the load starts over without it.
 class Loader {
   public:
-    // `connStr` must outlive this object. `clearer` truncates a storage in memory.
+    // The arguments outlive this object. `clearer` truncates a storage that has no file.
     Loader(const OpenSettings& settings, const std::string& connStr, StorageStatus& status,
            BlockStore& blocks, CSolidStorage& file, IndexKeeper& index, Clearer& clearer)
         : m_settings(settings),
@@ -36,29 +38,54 @@ class Loader {
     Loader(const Loader&) = delete;
     Loader& operator=(const Loader&) = delete;
 
-    // See K9eReplStorageLoad. After a failure nothing of the load stays, and it may be tried again.
+    // See K9eReplStorageLoad. Success makes the storage Open. After a failure, which is logged,
+    // nothing of the load stays, and it may be tried again.
     // REQUIRES: the storage is Closed.
     [[nodiscard]] u32 Load();
 
-    // --- The steps of a load that may be repeated, for a read-only storage. May throw
-    // std::bad_alloc. What a step that failed has loaded stays until Abandon.
+    // --- The steps of a load that may be repeated, for a read-only storage
+
+    // Both may throw std::bad_alloc. What a step that failed has loaded stays until Abandon.
+    //
     // Forgets what is loaded and loads everything.
     [[nodiscard]] u32 LoadAnew();
-    // Loads what follows what is loaded. REQUIRES: the file was opened anew and goes on.
+    // Loads what follows what is loaded.
+    // REQUIRES: the storage is read-only; its file was opened anew and goes on.
     [[nodiscard]] u32 LoadOn();
-    // Nothing of a load that failed half-way stays: the storage is Closed and empty.
+    // Removes everything of a load that failed half-way: the storage is Closed and empty, and the
+    // index thread is stopped.
     void Abandon();
 
   private:
+    // One load with `index`, which is empty for a load without it.
+    // REQUIRES: nothing is loaded.
     [[nodiscard]] u32 LoadOnce(const IndexFileContent& index);
+    // For flush_mode=NoFlush: loads from a file that is opened for the time of the load alone, or
+    // begins empty with ":memory:".
     [[nodiscard]] u32 LoadWithoutOpenFile(const IndexFileContent& index);
+    // Loads from the storage's own file.
     [[nodiscard]] u32 LoadFromOpenFile(const IndexFileContent& index);
+    // Fills m_plan from `index` if the index fits the file and passes the test; else leaves it
+    // empty.
     void Plan(CSolidStorage& file, const IndexFileContent& index);
+    // Scans `file` as m_plan says, and again from the beginning if the index misled the first scan.
     [[nodiscard]] u32 RunPass(CSolidStorage& file);
+    // False when the file may hold records in front of the index's first entry that are not
+    // cleared.
+    // REQUIRES: m_plan uses the index.
     bool LoadedAllThatIsKept(CSolidStorage& file) const;
+    // The check of the whole file with the setting check; without it, RC_OK. Errors: as
+    // CSolidStorage::CheckWhole.
     [[nodiscard]] u32 CheckAllOf(CSolidStorage& file);
+    // Ends a load from the storage's own file. `lowestRev` is the commitRev of the file's first
+    // commit block.
     [[nodiscard]] u32 FinishFromOpenFile(i64 lowestRev);
+    // Cuts what is not committed or was cleared, sets the next revision to at least
+    // `nextRevOfFile`, starts the index thread, and makes the storage Open. `file` is null for an
+    // empty storage.
     [[nodiscard]] u32 Finish(i64 nextRevOfFile, CSolidStorage* file);
+    // Removes what lies below the clear revision.
+    // Errors, logged: those of CSolidStorage::EnumFileRecs.
     [[nodiscard]] u32 CutCleared(CSolidStorage& file);
 
     const OpenSettings& m_settings;
@@ -69,8 +96,9 @@ class Loader {
     IndexKeeper& m_index;
     Clearer& m_clearer;
 
-    LoadPass m_pass;
-    LoadPlan m_plan;  // what is read; uses the index unless that was dropped on the way
+    LoadPass m_pass;  // scans the file and remembers where its commits end
+    // What is read. Empty without an index, and after the index was found to mislead.
+    LoadPlan m_plan;
 };
 
 }  // namespace k9erepl

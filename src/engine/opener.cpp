@@ -49,7 +49,7 @@ u32 Opener::OpenFile(const char* connStr) {
                        path.c_str(), connStr);
         return RC_INVALID_ARG;
     }
-    // A storage that is only read leaves its index file alone, whatever that is.
+    // A read-only storage never writes to its index file, so that may be any file.
     if (u32 rc = m_settings.readOnly ? u32{RC_OK} : CheckStorageNames(connStr); rc != RC_OK) {
         return rc;
     }

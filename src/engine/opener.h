@@ -1,5 +1,5 @@
-// Opening: reading the settings of a storage, opening its file, and preparing what a load needs.
-// The storage object makes one for its call of Open.
+// Opening: reads the settings of a storage, opens its file, and prepares what a load needs. The
+// storage object makes one opener for its call of Open.
 #ifndef K9EREPL_ENGINE_OPENER_H
 #define K9EREPL_ENGINE_OPENER_H
 
@@ -19,7 +19,8 @@
 
 namespace k9erepl {
 
-// Lives as long as one opening. The storage's lock is held all the time.
+// Lives as long as one opening; the storage's lock is held all the time. The objects that the
+// constructor gets outlive this one.
 class Opener {
   public:
     Opener(OpenSettings& settings, StorageStatus& status, BlockStore& blocks, CSolidStorage& file,
@@ -36,12 +37,19 @@ class Opener {
     Opener& operator=(const Opener&) = delete;
 
     // See K9eReplStorageOpen. *accepted receives `connStr` once its settings and the file were
-    // accepted. The index thread will call `storage`. A failure leaves what was done; the storage
-    // is to be torn down. May throw std::bad_alloc.
+    // accepted. The index thread, which Load starts, will call `storage`. A failure leaves what was
+    // done so far, and the storage is to be torn down.
+    // Errors, logged: RC_INVALID_ARG for a refused setting or name; those of CSolidStorage::Open,
+    // of ClientMarks::Read and of IndexKeeper::Make.
+    // May throw std::bad_alloc.
+    // REQUIRES: *accepted is empty.
     [[nodiscard]] u32 Open(const char* connStr, IK9eReplDS& storage, std::string* accepted);
 
   private:
+    // Checks the names of the storage's files, opens the storage file and reads the client's
+    // numbers.
     [[nodiscard]] u32 OpenFile(const char* connStr);
+    // Prepares a storage without a file: empty, and Closed until it is loaded.
     [[nodiscard]] u32 OpenInMemory(const char* connStr);
 
     OpenSettings& m_settings;

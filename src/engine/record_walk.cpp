@@ -107,8 +107,8 @@ RecordWalk::Walk RecordWalk::CheckOnDisk(i64 firstRev, const IndexEntry& entry) 
     return Walk::kOn;
 }
 
-// One pass over the file covers all blocks up to the first one held in memory, where `it` then
-// stands.
+// One pass over the file covers all blocks up to the first one held in memory; `it` then points at
+// that block's entry.
 RecordWalk::Walk RecordWalk::WalkFile(BlockIndex::const_iterator& it, i64 startRev) {
     if (CheckOnDisk(it->first, it->second) == Walk::kEnd) {
         return Walk::kEnd;
@@ -127,7 +127,7 @@ RecordWalk::Walk RecordWalk::WalkFile(BlockIndex::const_iterator& it, i64 startR
     if (m_placeLost) {
         return Walk::kEnd;
     }
-    // A read-only storage can be loaded again.
+    // A read-only storage does not break: it can be loaded again.
     if (rc != RC_OK && completed && !m_source.settings.readOnly) {
         m_source.status.Set(StorageState::kBroken);
     }
@@ -138,8 +138,9 @@ RecordWalk::Walk RecordWalk::WalkFile(BlockIndex::const_iterator& it, i64 startR
     return Walk::kOn;
 }
 
-// The file offset up to which every record is at or below `toRev`: where the last block begins
-// whose key is not above the revision behind it. 0 when no such block is in the file.
+// The file offset up to which every record is at or below `toRev`. That is where a block begins:
+// the last one in the file whose key is at most one above `toRev`. 0 when no such block is in the
+// file.
 i64 RecordWalk::OffsetReached(i64 toRev) const {
     auto it = m_blocks.Index().upper_bound(NextRevAfter(toRev));
     while (it != m_blocks.Index().begin()) {
@@ -152,8 +153,8 @@ i64 RecordWalk::OffsetReached(i64 toRev) const {
     return 0;
 }
 
-// True when the walk reaches this memory block. A range that ends where the block begins ends in
-// the file, unless that record is not there yet.
+// True when the walk reaches this memory block. A range that ends with the block's first revision
+// ends in the file, unless that record is not there yet.
 bool RecordWalk::GoesOnIn(const MemoryBlocks::value_type& entry) const {
     const auto& [firstRev, block] = entry;
     const bool isInFile = firstRev <= m_blocks.FlushedRev() && block != nullptr &&

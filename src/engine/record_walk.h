@@ -1,5 +1,6 @@
-// One enumeration: a walk over a range of revisions, in place through the blocks in memory and
-// otherwise through what is read back from the file. The storage object makes one for each call.
+// One enumeration: a walk over a range of revisions that visits records in place in the memory
+// blocks, and reads from the file the records of blocks that are not in memory. The storage object
+// makes one for each call.
 #ifndef K9EREPL_ENGINE_RECORD_WALK_H
 #define K9EREPL_ENGINE_RECORD_WALK_H
 
@@ -13,14 +14,14 @@
 
 namespace k9erepl {
 
-// Visits one record: its file offset, kUnknownOffset while it is not in the file, and the record.
-// Non-zero ends the walk and becomes its result.
+// Visits one record. `offset` is where it lies in the file, kUnknownOffset while it is not there.
+// `rec` is valid during the call. A result other than RC_OK ends the walk and becomes its result.
 using RecordVisitor = u32 (*)(i64 offset, const K9eReplRec* rec, void* ctx);
 
-// The client's callback as a visitor; `ctx` is a ClientVisitor.
+// Makes the client's callback a visitor; `ctx` is a ClientVisitor.
 struct ClientVisitor {
     K9eReplEnumCb callback;  // null: the walk fails with RC_INVALID_ARG at the first record
-    void* context;
+    void* context;           // handed to the callback, never looked at
 
     [[nodiscard]] static u32 Visit(i64 /*offset*/, const K9eReplRec* rec, void* ctx) {
         const auto& client = *static_cast<const ClientVisitor*>(ctx);
@@ -28,12 +29,14 @@ struct ClientVisitor {
     }
 };
 
-// A visitor may change the storage; whenever blocks moved or went while it ran, the walk drops its
-// place and finds it again behind the last record that it delivered. The storage's lock is held
-// for the whole walk.
+// The storage's lock is held for the whole walk. A visitor may change the storage on the same
+// thread. Whenever blocks moved or went while it ran, the walk drops its place and finds it again
+// behind the last record that it delivered. So each record is delivered at most once, in rising
+// order.
 class RecordWalk {
   public:
-    // The parts that a walk reads. Stored data that cannot be trusted breaks the storage.
+    // The objects that a walk reads; they outlive it. When stored data cannot be trusted, the walk
+    // breaks the storage.
     struct Source {
         const OpenSettings& settings;
         StorageStatus& status;
@@ -46,22 +49,30 @@ class RecordWalk {
     RecordWalk(const RecordWalk&) = delete;
     RecordWalk& operator=(const RecordWalk&) = delete;
 
-    // Visits the records from `fromRev` to `toRev`, both included, that are still served. Once.
-    // Errors: the visitor's; RC_BAD_DATA; those of CSolidStorage::EnumFileRecs.
+    // Visits the records from `fromRev` to `toRev`, both included, that are still served, those of
+    // an open transaction, too. To be called once.
+    // Errors: the visitor's result; RC_BAD_DATA, logged; those of CSolidStorage::EnumFileRecs.
     [[nodiscard]] u32 Run(i64 fromRev, i64 toRev);
 
   private:
-    // The walk goes on to the next block, or it ends: m_result is its result, unless the place was
-    // lost.
+    // Says whether the walk goes on to the next record or block. At its end m_result is the result,
+    // unless the place was lost: then Run begins again from there.
     enum class Walk { kOn, kEnd };
 
+    // Walks from `startRev` until the range ends or the place is lost.
     void WalkFrom(i64 startRev);
+    // Visits the records of one block in memory; `firstRev` is the block's key.
     Walk WalkMemory(i64 firstRev, const IndexEntry& entry, i64 startRev);
+    // Visits the records of blocks that are only in the file, in one pass.
     Walk WalkFile(BlockIndex::const_iterator& it, i64 startRev);
+    // kEnd, logged, when the block under the key `firstRev` cannot be read from the file.
     Walk CheckOnDisk(i64 firstRev, const IndexEntry& entry);
+    // Hands one record to the visitor and learns whether it moved the blocks.
     Walk Visit(i64 offset, const K9eReplRec* rec);
+    // The same, as a FileItemVisitor; `ctx` is a RecordWalk.
     [[nodiscard]] static u32 VisitFromFile(i64 offset, const K9eReplRec* rec, void* ctx);
     bool GoesOnIn(const MemoryBlocks::value_type& entry) const;
+    // The file offset of the record `rev`, `distance` bytes into the block of `entry`.
     i64 FileOffset(const IndexEntry& entry, u64 distance, i64 rev) const;
     i64 OffsetReached(i64 toRev) const;
 
@@ -72,12 +83,13 @@ class RecordWalk {
     Walk Fail() { return End(m_source.status.Break(RC_BAD_DATA)); }
 
     const Source m_source;
-    const BlockStore& m_blocks;
+    const BlockStore& m_blocks;  // that of m_source
     const RecordVisitor m_visitor;
     void* const m_ctx;
+    // The last revision of the range, included; 0 before Run.
     i64 m_toRev = 0;
-    u32 m_result = RC_OK;
-    i64 m_lastDelivered = 0;   // revision; 0: none yet
+    u32 m_result = RC_OK;      // the result of the walk so far
+    i64 m_lastDelivered = 0;   // revision of the record visited last; 0: none yet
     bool m_placeLost = false;  // blocks moved or went during the last visit
 };
 

@@ -12,7 +12,7 @@
 
 namespace k9erepl {
 
-// --- What stands before the calls
+// --- Checks in front of the calls
 
 u32 CK9eReplStorage::FileOwner::RunAsCall(u32 (*work)(void* ctx), void* ctx) {
     return m_storage.AsCall("ScanFile", [&] {
@@ -89,8 +89,8 @@ std::uint32_t CK9eReplStorage::Load() {
         return m_walks > 0 ? u32{RC_ALREADY}
                            : LiveLoader(loader, m_connStr, m_status, m_file, m_marks).Load();
     }
-    // A storage whose flush failed has records in memory that the file has not: reading the file
-    // over them would lose those.
+    // A storage whose flush failed has records in memory that the file does not have: loading the
+    // file would lose them.
     return m_status.State() == StorageState::kClosed ? loader.Load() : u32{RC_ALREADY};
 }
 
@@ -122,7 +122,7 @@ std::uint32_t CK9eReplStorage::FlushOnIdle() {
 
 u32 CK9eReplStorage::FlushWhenIdle() {
     if (m_lock.StorageIsToEnd()) [[unlikely]] {
-        // OnWriteToFile closed the last handle on the writing thread; perhaps nobody else comes by.
+        // OnWriteToFile closed the last handle on the writing thread; perhaps no other call comes.
         m_lock.EndStorageIfFree();
         return RC_OK;
     }
@@ -134,7 +134,7 @@ u32 CK9eReplStorage::FlushWhenIdle() {
         m_flusher.RecordFlushTime();
         return RC_WRONG_STATE;
     }
-    // The idle call never waits; a first look without the lock spares most of the tries.
+    // The idle call never waits. A first look without the lock saves most attempts to take it.
     if (!m_flusher.IsDue() || !m_lock.try_lock()) {
         return RC_OK;
     }
@@ -277,15 +277,16 @@ void CK9eReplStorage::FlushForTheLastTime() {
     if (m_settings.readOnly) {
         return;
     }
-    // Before the flush: if that fails, its bytes hold nothing that was rolled back, and stay.
+    // Before the flush. If the flush fails, its bytes stay in the file, where a load may serve
+    // them: they hold only what was committed, nothing that was rolled back.
     m_flusher.ClearUndoneWrites();
-    // Behind a failed flush, too: what was committed before the transaction that failed has only
-    // this chance.
+    // Also after a failed flush: this is the last chance for what was committed before the
+    // transaction that failed.
     if (m_status.MayEnd()) {
         try {
             m_transaction.FlushForTheLastTime();
         } catch (...) {
-            // Nobody is left to hear of it; what was committed to the file stays committed.
+            // No client is left to be told. What was committed to the file stays committed.
             LOG_ERROR(kLogStorage, "A callback threw during the last flush;conn-str %s",
                       m_connStr.c_str());
         }

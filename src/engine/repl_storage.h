@@ -1,5 +1,7 @@
-// The storage object behind a handle: its slots, its lock, and the parts that do the work. The
-// exported functions call its slots, which tell the parts in which order to work.
+// The storage object behind a handle: its slots, its lock, and the objects that do the work. The
+// exported functions call its slots, which take the lock and call these objects in the right order.
+// docs/architecture.md says who owns what ("The parts of the storage object") and which thread may
+// touch what ("Threads").
 #ifndef K9EREPL_ENGINE_REPL_STORAGE_H
 #define K9EREPL_ENGINE_REPL_STORAGE_H
 
@@ -27,22 +29,27 @@
 namespace k9erepl {
 
 // One recursive lock guards everything; members that are read without it are atomic. Client
-// callbacks run under it and may call back in.
+// callbacks run under the lock, on the thread that holds it, and may call back in. Only
+// OnWriteToFile of an asynchronous writer runs without the lock, on the writing thread.
+//
+// The object counts its references. Nobody deletes it directly: the last Release does, at once or
+// when the call that is under way returns.
 class CK9eReplStorage final : public IK9eReplStorage {
   public:
-    // Defaults, state Closed, one reference. May throw std::bad_alloc.
+    // Defaults, state Closed, one reference, which is the caller's. May throw std::bad_alloc.
     CK9eReplStorage() = default;
 
     // Reads the settings of `connStr`, opens the storage file unless flush_mode is NoFlush, and
-    // prepares everything that Load needs. Called once. A refused setting or a failed step leaves
-    // the object Broken. Errors: see K9eReplStorageOpen.
+    // prepares everything that Load needs. To be called once. A refused setting or a failed step
+    // leaves the object Broken.
+    // Errors: see K9eReplStorageOpen.
     [[nodiscard]] u32 Open(const char* connStr);
 
-    // False in a forked child of the process that opened the storage. Then only Release may be
-    // called, which takes nothing away from the parent.
+    // False in a forked child of the process that made the storage. There only Release may be
+    // called, which takes nothing away from the parent. Needs no lock.
     bool BelongsToThisProcess() const { return m_forkGeneration == platform::ForkGeneration(); }
 
-    // The storage-file object; open or not.
+    // The storage-file object, open or not. It lives as long as this object.
     CSolidStorage& SolidStorage() { return m_file; }
 
     // IRc and IK9eReplDS
@@ -64,6 +71,7 @@ class CK9eReplStorage final : public IK9eReplStorage {
     std::uint32_t Reserved13(std::uintptr_t, std::uintptr_t, std::uintptr_t) override {
         return RC_NOT_SUPPORTED;
     }
+    // Called by the index thread and by hosts: flushes what is due. Never waits for the lock.
     std::uint32_t FlushOnIdle() override;
 
     // IK9eReplStorage
@@ -94,15 +102,17 @@ class CK9eReplStorage final : public IK9eReplStorage {
     }
 
   protected:
-    // After the last Release, once no call is under way: flushes what is committed when the storage
-    // is Open, then tears down. In a forked child it only frees memory.
+    // Runs after the last Release, once no call is under way. Flushes what is committed when the
+    // state allows it, then closes the files and stops the threads. In a forked child it only frees
+    // memory.
     ~CK9eReplStorage() override;
 
   private:
-    friend struct StorageAccess;  // the tests' eyes
+    // Lets the tests look inside.
+    friend struct StorageAccess;
     using Guard = std::lock_guard<StorageLock>;
 
-    // The storage file's calls for hosts.
+    // Runs a host's call of the storage file as a call of this storage, under its lock.
     class FileOwner final : public SolidStorageOwner {
       public:
         explicit FileOwner(CK9eReplStorage& storage) : m_storage(storage) {}
@@ -112,38 +122,51 @@ class CK9eReplStorage final : public IK9eReplStorage {
         CK9eReplStorage& m_storage;
     };
 
-    // Does `work`, which changes something, under the lock. RC_NOT_SUPPORTED in a read-only
-    // storage, which is logged: `call` is the name that clients know.
+    // Does `work`, which changes the storage, under the lock. In a read-only storage it answers
+    // RC_NOT_SUPPORTED, which is logged with `call`, the name that clients know.
     template <typename Work>
     [[nodiscard]] u32 Change(const char* call, Work work);
+    // RC_OK, or RC_NOT_SUPPORTED, logged. Needs no lock: settings are constant after Open.
     [[nodiscard]] u32 RefuseIfReadOnly(const char* call) const;
-    // Does `work` for a host that calls through an interface, past the exported functions.
+    // Does `work` for a host that calls through an interface and not through an exported function:
+    // no exception gets out, and in a forked child it answers RC_WRONG_STATE.
     template <typename Work>
     [[nodiscard]] u32 AsCall(const char* call, Work work) {
         return BelongsToThisProcess() ? WithoutExceptions(call, work) : u32{RC_WRONG_STATE};
     }
     // RC_INVALID_ARG for a null `out`, RC_WRONG_STATE in a forked child.
     [[nodiscard]] u32 RefuseQuery(const void* out) const;
+    // *out receives the result of `query`, which runs under the lock. Errors: as RefuseQuery;
+    // RC_NOT_OPEN unless the storage is Open.
     template <typename Query>
     [[nodiscard]] u32 QueryWhenOpen(std::int64_t* out, Query query);
 
+    // The idle call, inside its barrier against exceptions.
     [[nodiscard]] u32 FlushWhenIdle();
+    // One enumeration, counted in m_walks. Called under the lock.
     [[nodiscard]] u32 EnumWithVisitor(i64 fromRev, i64 toRev, RecordVisitor visitor, void* ctx);
 
+    // The last Release in a forked child.
     void EndInChild();
+    // Flushes what is committed, at the end of the storage. No failure and no exception gets out.
     void FlushForTheLastTime();
 
     // --- Constant after Open
+    // How often the process had been forked when the object was made; see BelongsToThisProcess.
     const u32 m_forkGeneration = platform::ForkGeneration();
     OpenSettings m_settings;
-    std::string m_connStr;  // empty until the settings and the file were accepted
+    // The connection string given to Open; empty until its settings and the file were accepted.
+    std::string m_connStr;
 
     // --- Self-synchronised
+    // References that are held, the handle's included; 0: the storage is to end.
     std::atomic<u32> m_refCount{1};
+    // Also destroys this object when it is released for the last time; see StorageLock.
     StorageLock m_lock{[](void* ctx) { delete static_cast<CK9eReplStorage*>(ctx); }, this};
 
     // --- Guarded by m_lock. Each part knows the ones before it alone.
-    u32 m_walks = 0;  // enumerations that run
+    u32 m_walks = 0;  // enumerations that run, one inside another; 0: none
+    // Each object refers only to those declared before it.
     StorageStatus m_status;
     BlockStore m_blocks;
     FileOwner m_fileOwner{*this};

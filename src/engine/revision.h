@@ -8,12 +8,14 @@
 
 namespace k9erepl {
 
-// The highest revision that a record can have; the one after it is still a number.
+// The highest revision that a record can have. The revision after it is still a number, which the
+// next revision becomes when this one is used up.
 inline constexpr i64 kMaxRev = std::numeric_limits<i64>::max() - 1;
-// The upper bound of an enumeration without end.
+// The inclusive upper bound of an enumeration without an end; no record has this revision.
 inline constexpr i64 kEndOfRevs = std::numeric_limits<i64>::max();
 
-// The revision after `rev`. A damaged file may claim any revision: the end stays the end.
+// The revision after `rev`. Adds 1 to anything but kEndOfRevs, which stays as it is: a damaged file
+// may claim any revision.
 constexpr i64 NextRevAfter(i64 rev) {
     return rev == kEndOfRevs ? kEndOfRevs : rev + 1;
 }

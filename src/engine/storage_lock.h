@@ -1,5 +1,6 @@
-// The storage's lock. Recursive, and the place where a storage ends whose last handle was closed
-// inside one of its own calls. Every slot of the storage object holds it for its whole run.
+// The storage's lock. It is recursive, and it destroys a storage whose last handle was closed
+// inside one of its own calls, when the outermost call ends. Every slot of the storage object holds
+// it while it runs.
 #ifndef K9EREPL_ENGINE_STORAGE_LOCK_H
 #define K9EREPL_ENGINE_STORAGE_LOCK_H
 
@@ -10,15 +11,16 @@
 
 namespace k9erepl {
 
-// Fits std::lock_guard. A guard must be the first object of its function: its end may be the end
-// of the storage.
+// Can be used with std::lock_guard. A guard must be the first object of its function, so that it is
+// destroyed last: its end may be the end of the storage.
 class StorageLock {
   public:
-    // `destroy` ends the storage `ctx`, and with it this object.
+    // `destroy` ends the storage `ctx`, and with it this object. It is called at most once.
     StorageLock(void (*destroy)(void* ctx), void* ctx) : m_destroy(destroy), m_ctx(ctx) {}
     StorageLock(const StorageLock&) = delete;
     StorageLock& operator=(const StorageLock&) = delete;
 
+    // Waits without a time limit. A thread that holds the lock may take it again.
     void lock() {
         m_lock.lock();
         ++m_depth;
@@ -31,36 +33,45 @@ class StorageLock {
         ++m_depth;
         return true;
     }
-    // When this is the outermost level and the storage is to end, destroys the storage and with it
-    // this object. REQUIRES: the caller holds the lock.
+    // Gives one level back. At the outermost level, if the storage is to end, destroys the storage
+    // and with it this object.
+    // REQUIRES: the caller holds the lock.
     void unlock();
 
-    // The unlock that next frees the lock destroys the storage. Once; needs no lock.
+    // From now on, the unlock that frees the lock destroys the storage. Only the first call counts.
+    // Needs no lock.
     void EndStorageAtUnlock();
-    // Frees the lock at once if nobody holds it, so that a storage that is to end does.
+    // Takes and frees the lock if nobody holds it, so that a storage that is to end is destroyed
+    // now.
     void EndStorageIfFree() {
         if (try_lock()) {
             unlock();
         }
     }
+    // True between EndStorageAtUnlock and the beginning of the destructor. Needs no lock.
     bool StorageIsToEnd() const { return m_life.load(std::memory_order_acquire) == Life::kToEnd; }
 
   private:
+    // Only ever goes forward.
     enum class Life : u32 {
-        kLives,
+        kLives,   // a handle is left
         kToEnd,   // no handle is left, but a call is under way
-        kEnding,  // the destructor runs: handles that its callbacks take and give count no more
+        kEnding,  // the destructor runs; handles that its callbacks take and give back no longer
+                  // matter
     };
 
+    // True for the one thread that may destroy the storage.
     bool TakeEnd() {
         Life toEnd = Life::kToEnd;
         return m_life.compare_exchange_strong(toEnd, Life::kEnding, std::memory_order_acq_rel);
     }
 
-    void (*const m_destroy)(void* ctx);
+    void (*const m_destroy)(void* ctx);  // never null
     void* const m_ctx;
     platform::RecursiveLock m_lock;
-    u32 m_depth = 0;  // levels of the thread that holds the lock; guarded by m_lock
+    // How many levels the thread that holds the lock has taken; 0: the lock is free. Guarded by
+    // m_lock.
+    u32 m_depth = 0;
     std::atomic<Life> m_life{Life::kLives};
 };
 

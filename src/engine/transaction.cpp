@@ -28,8 +28,8 @@ u32 Transaction::BeginOutermost() {
     m_depth = 1;
     m_start = {m_blocks.NextRev(), m_blocks.Blocks().empty() ? 0 : m_blocks.Newest().used};
     m_dataSize = 0;
-    // A callback of a flush begins no transaction of the file: the flush has one open, and must be
-    // able to go back to its own beginning.
+    // A transaction that a callback of a flush begins begins none in the file: the flush has one
+    // open there and must be able to go back to its own beginning.
     if (m_settings.HasFile() && m_status.FileIsIdle()) {
         u32 rc = RC_OK;
         try {
@@ -86,7 +86,7 @@ u32 Transaction::InsertAt(K9eReplRec* rec, i64 rev) {
         rc = Commit();
     }
     if (rc != RC_OK) {
-        // The client hears why the record was not taken.
+        // Dropped: the client gets the code that says why the record was not taken.
         (void)Rollback();
     }
     return rc;
@@ -112,7 +112,8 @@ u32 Transaction::Commit() {
         RetryFlush();
         return RC_NO_TRANSACTION;
     }
-    // In an idle flush in the middle of the client's transaction, it could not be flushed here.
+    // A callback of an idle flush may come in the middle of the client's transaction, which could
+    // not be flushed now.
     if (u32 rc = m_status.RefuseUnless(!m_flusher.MayStillFail(), "Failed to commit");
         rc != RC_OK) {
         return rc;
@@ -175,7 +176,7 @@ u32 Transaction::FlushIfNeeded() {
 void Transaction::RetryFlush() {
     assert(!IsOpen());
     if (m_status.State() == StorageState::kFlushFailed) {
-        // A failure was logged and leaves the state as it is.
+        // Dropped: a failure is logged and leaves the state as it is.
         (void)m_flusher.Flush(LastCommittedRev());
     }
 }
@@ -209,9 +210,9 @@ void Transaction::FlushForTheLastTime() {
     if (m_flusher.Flush(LastCommittedRev()) != RC_OK || m_blocks.NextRev() == nextRev) {
         return;
     }
-    // With callbacks on, this could go on for ever.
+    // With callbacks on, the flushes might never end.
     m_flusher.Silence();
-    // A failure was logged, and nobody is left to try again.
+    // Dropped: a failure is logged, and no client is left to try again.
     (void)m_flusher.Flush(LastCommittedRev());
 }
 

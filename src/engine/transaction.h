@@ -1,6 +1,6 @@
-// The client's transaction: how deep it is nested, where it began, the way back there, and what
-// follows its commit. The storage object owns one; a clear inside a callback moves the place where
-// the transaction began.
+// The client's transaction: how deep it is nested, where it began, how it goes back there, and what
+// follows its commit. The storage object owns one. A clear inside a callback may move the place
+// where the transaction began.
 #ifndef K9EREPL_ENGINE_TRANSACTION_H
 #define K9EREPL_ENGINE_TRANSACTION_H
 
@@ -16,8 +16,9 @@
 
 namespace k9erepl {
 
-// Guarded by the storage's lock. What is refused because of the storage's state is logged and
-// answers RC_WRONG_STATE.
+// Guarded by the storage's lock. A call that the storage's state forbids is logged and answers
+// RC_WRONG_STATE. There is one transaction per storage, whichever thread calls; nested calls of
+// Begin only count.
 class Transaction {
   public:
     Transaction(const OpenSettings& settings, StorageStatus& status, BlockStore& blocks,
@@ -31,45 +32,69 @@ class Transaction {
     Transaction(const Transaction&) = delete;
     Transaction& operator=(const Transaction&) = delete;
 
+    // True between the outermost Begin and its Commit or Rollback.
     bool IsOpen() const { return m_depth > 0; }
-    // The last revision that no open transaction can take back.
+    // The last revision that no open transaction can take back; a flush may go up to it.
     i64 LastCommittedRev() const { return (IsOpen() ? m_start.rev : m_blocks.NextRev()) - 1; }
 
     // --- The calls of that name; see K9eReplStorageBeginTransaction and those that follow it
 
+    // Opens a transaction or nests one level deeper. A storage file that cannot begin breaks the
+    // storage.
     [[nodiscard]] u32 Begin();
+    // Gives `rec` the next revision and copies it into memory. Outside of a transaction the record
+    // gets one of its own. A revision stays used up when its record could not be placed inside a
+    // transaction.
     [[nodiscard]] u32 Insert(K9eReplRec* rec);
+    // Does the same with the revision that `rec` has. RC_INVALID_ARG, logged, when that is below
+    // the next one.
     [[nodiscard]] u32 InsertP(K9eReplRec* rec);
+    // Ends one level. At the outermost level counts the transaction, and flushes if a flush is due.
+    // When that flush fails, the transaction stays open, to be committed again or rolled back.
     [[nodiscard]] u32 Commit();
+    // Ends all levels and forgets the records of the transaction; the next revision goes back, too.
     [[nodiscard]] u32 Rollback();
 
     // --- For the end of the storage, and for clears
 
-    // Flushes what is committed, twice if callbacks of the first flush commit more: then nobody is
-    // told of the second one.
+    // For the end of the storage: flushes what is committed. If callbacks of that flush commit
+    // more, flushes a second time, with callbacks off. A failure is logged.
     void FlushForTheLastTime();
-    // A clear took `cutBytes` bytes from the front of the block whose successor has the key
-    // `nextKey`, kEndOfRevs for the newest block.
+    // For a clear that took `cutBytes` bytes from the front of a block. `nextKey` is the key of the
+    // block behind it, kEndOfRevs if that was the newest block.
     void BlockWasCut(i64 nextKey, u64 cutBytes);
 
+    // Forgets the transaction and the place where it began, without undoing anything.
     void Reset();
 
   private:
-    friend struct StorageAccess;  // the tests' eyes
+    // Lets the tests look inside.
+    friend struct StorageAccess;
 
-    // The place to which a rollback goes back.
+    // The place to which a rollback goes back. Of use only while a transaction is open.
     struct Start {
-        i64 rev = 0;   // the next revision then; 0 outside of a transaction
-        u64 used = 0;  // used bytes of the newest block then
+        // The next revision when the transaction began.
+        i64 rev = 0;
+        // Used bytes of the newest block when the transaction began; 0 if there was no block.
+        u64 used = 0;
     };
 
-    // Callbacks may insert and commit, except in the middle of a flush that may still fail.
+    // True when records may be inserted. Callbacks may insert and commit, except in the middle of a
+    // flush that may still fail.
     bool MayChange() const { return m_status.IsOpen() && !m_flusher.MayStillFail(); }
+    // REQUIRES: the storage is Open; no transaction is.
     [[nodiscard]] u32 BeginOutermost();
+    // Inserts `rec` with the revision `rev`. RC_INVALID_ARG, logged, above kMaxRev.
+    // REQUIRES: rev is not below the next revision.
     [[nodiscard]] u32 InsertAt(K9eReplRec* rec, i64 rev);
+    // Copies `rec` into the open transaction. Errors: as BlockStore::Place.
     [[nodiscard]] u32 Place(K9eReplRec* rec, i64 rev);
+    // What follows the end of the outermost level: flush or notification, a save of the index, a
+    // smaller cache.
     [[nodiscard]] u32 CommitOutermost();
+    // Errors: those of the flush, with the transaction open again.
     [[nodiscard]] u32 FlushIfNeeded();
+    // Tries a failed flush again when no transaction is open.
     void RetryFlush();
 
     const OpenSettings& m_settings;
@@ -79,10 +104,11 @@ class Transaction {
     IndexKeeper& m_index;
     Flusher& m_flusher;
 
-    u32 m_depth = 0;            // nesting; 0: none is open
+    u32 m_depth = 0;            // levels of Begin without their Commit; 0: no transaction is open
     bool m_rolledBack = false;  // Rollback came since the last outermost Begin
     Start m_start;
-    u64 m_dataSize = 0;  // bytes of the records of this transaction, or of the last one
+    // Bytes of the records, heads included, that were inserted since the last outermost Begin.
+    u64 m_dataSize = 0;
 };
 
 }  // namespace k9erepl
