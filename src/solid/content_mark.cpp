@@ -12,7 +12,8 @@ using platform::TrackedFile;
 
 namespace {
 
-// kContentChanged when the file ends before it. Always asks the system where the pointer goes.
+// kContentChanged when the file ends before the block. Seeks each time, wherever the pointer is
+// believed to be.
 [[nodiscard]] u32 ReadBlock(TrackedFile& file, i64 offset, TCommitBlock* block) {
     assert(offset >= kFirstCommitOffset);
     file.Forget();

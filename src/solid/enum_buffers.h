@@ -1,5 +1,6 @@
-// The read buffers of the enumerations that run on the storage file. Each level has its own: the
-// record that a visitor holds stays as it is while the visitor enumerates.
+// The read buffers of the enumerations that run on the storage file. A visitor may enumerate, too,
+// so each level of nesting has buffers of its own: the record that an outer visitor holds stays as
+// it is. RecordEnum owns them.
 #ifndef K9EREPL_SOLID_ENUM_BUFFERS_H
 #define K9EREPL_SOLID_ENUM_BUFFERS_H
 
@@ -12,6 +13,8 @@
 
 namespace k9erepl {
 
+// A buffer has 2 MiB. The first level has as many as the setting read_buffers_count says, each
+// further level has one. Guarded by the storage's lock; `file` outlives this object.
 class EnumBuffers {
   public:
     explicit EnumBuffers(StorageFile& file) : m_file(file), m_first(file.Reader()) {}
@@ -19,28 +22,34 @@ class EnumBuffers {
     EnumBuffers& operator=(const EnumBuffers&) = delete;
 
     // Allocates the buffers of the first level, as the setting read_buffers_count says.
-    // Errors: RC_BAD_SIZE for a refused count, RC_NO_MEMORY. May throw std::bad_alloc.
+    // Errors: RC_BAD_SIZE for a refused count, RC_NO_MEMORY.
+    // May throw std::bad_alloc.
     [[nodiscard]] u32 Init(const char* connStr);
     // Frees all buffers. REQUIRES: no enumeration runs.
     void Reset();
 
-    // *cache receives the buffers of the `level`-th of the enumerations that run inside one
-    // another, 1 for the outermost; they stay until Reset. RC_NO_MEMORY. REQUIRES: Init has
-    // succeeded; the levels above have theirs.
+    // *cache receives the buffers for the enumeration number `level` of those that run inside one
+    // another; 1 is the outermost. They stay until Reset.
+    // Errors: RC_NO_MEMORY.
+    // REQUIRES: Init has succeeded; the levels above have theirs.
     [[nodiscard]] u32 OfLevel(u32 level, ReadCacheManager** cache);
 
-    // As ReadCacheManager::GetBuffer, never with bytes that were read before the file changed.
-    // `cache` is one that OfLevel gave.
+    // Does what ReadCacheManager::GetBuffer does, but never gives bytes that were read before the
+    // file changed. `cache` is one that OfLevel gave.
     [[nodiscard]] u32 GetBuffer(ReadCacheManager& cache, i64 offset, u32 size, ReadBuffer* current);
 
   private:
+    // Makes the buffer of the next level. Errors: RC_NO_MEMORY.
     [[nodiscard]] u32 AddNested();
+    // Marks the buffers of all levels empty.
     void Invalidate();
 
     StorageFile& m_file;
+    // Of level 1.
     ReadCacheManager m_first;
     std::vector<std::unique_ptr<ReadCacheManager>> m_nested;  // of levels 2, 3, ...
-    u64 m_generation = 0;  // the file's read generation whose bytes the buffers hold
+    // The file's read generation when the buffers were last known to hold its bytes.
+    u64 m_generation = 0;
 };
 
 }  // namespace k9erepl

@@ -1,4 +1,5 @@
-// Seeking and reading in the storage file as its operations share it.
+// Seeks and reads in the storage file, as the sources of this module share them, with their log
+// lines.
 #ifndef K9EREPL_SOLID_FILE_ACCESS_H
 #define K9EREPL_SOLID_FILE_ACCESS_H
 

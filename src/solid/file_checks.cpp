@@ -56,7 +56,9 @@ namespace {
 
 constexpr u32 kLookBackSize = 64 * 1024;
 
-// Data may look like a head: the highest revision of all that fit is the safe one. 0: none fits.
+// The highest revision of all records and commit blocks that may end where these bytes end; 0:
+// there is none. A record's data may look like a head, and then the highest revision is the safe
+// one.
 i64 HighestRevOfEnd(const u8* bytes, u32 size) {
     assert(bytes != nullptr);
     i64 highest = 0;

@@ -1,5 +1,6 @@
-// Small looks at the storage file around a load: its first commit block, whether a record lies
-// where the index file says, and which revision lies before that.
+// Looks at single places of the storage file around a load: its first commit block, whether a
+// record lies where the index file says, and which revision lies before that. CSolidStorage
+// forwards to them.
 #ifndef K9EREPL_SOLID_FILE_CHECKS_H
 #define K9EREPL_SOLID_FILE_CHECKS_H
 
@@ -8,7 +9,8 @@
 
 namespace k9erepl {
 
-// As the functions of CSolidStorage with these names.
+// Each does what the function of CSolidStorage with the same name does; the contracts are there.
+// They move the file's pointer and change nothing.
 [[nodiscard]] u32 ReadFirstCommitInfo(StorageFile& file, i64* commitRev, bool* hasItems);
 [[nodiscard]] u32 CheckRecordAt(StorageFile& file, i64 rev, i64 offset);
 [[nodiscard]] u32 FindRevBefore(StorageFile& file, i64 offset, i64* rev);

@@ -23,8 +23,9 @@ u32 FileClear::SetClearRev(i64 rev) {
     }
     const i64 lastFlushed = state.lastFlushedRev;
     TCommitBlock block = NewCommitBlock(platform::TimeStampCounter(), lastFlushed);
-    // The writer copies it into the block. It never falls: behind a clear that came to the file
-    // although it failed for the client, a lower one would end the next load.
+    // The writer copies the clear revision into the block. It must never fall: an earlier clear may
+    // have reached the file although it failed for the client, and behind that a lower one would
+    // end the next load.
     state.clearRev = std::max(rev, before);
     u32 rc = m_writes.WriteItems(reinterpret_cast<u8*>(&block), kCommitBlockSize, &block, nullptr,
                                  lastFlushed, nullptr);
@@ -32,9 +33,10 @@ u32 FileClear::SetClearRev(i64 rev) {
         // Nothing was written or queued.
         state.clearRev = before;
     } else if (rc = writer.FlushFile(); rc != RC_OK) {
-        // What is written behind this block links to it: with force_flush it must not be the only
-        // one that the disk may still lose. What the notification wrote behind it is not taken
-        // back, and a clear revision that falls would end the next load there.
+        // The next commit block would link to this one. With force_flush, a block that is linked to
+        // must not be one that the disk may still lose, so this one is taken back. That is not
+        // possible when the notification wrote something behind it: there, a clear revision that
+        // falls would end the next load.
         if (writer.WritePos() <= position + kCommitBlockSize) {
             // Dropped: the failed flush is the result, and the next write moves the pointer.
             (void)writer.Rollback();

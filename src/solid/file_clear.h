@@ -1,5 +1,6 @@
-// Taking content of the storage file out of service without moving any of it: the clear revision,
-// and starting the file over. A logical clear, a truncation and the squeeze use it.
+// Takes content of the storage file out of service without moving any of it: raises the clear
+// revision, or starts the file over. A logical clear, a truncation and the squeeze use it.
+// docs/storage-file.md ("Removing data") says what a crash leaves.
 #ifndef K9EREPL_SOLID_FILE_CLEAR_H
 #define K9EREPL_SOLID_FILE_CLEAR_H
 
@@ -10,13 +11,16 @@
 
 namespace k9erepl {
 
-// As the functions of CSolidStorage with these names.
+// Has no state of its own. Each function does what the one of CSolidStorage with the same name
+// does.
 class FileClear {
   public:
     FileClear(StorageFile& file, FileWrites& writes, DamagedTail& tail)
         : m_file(file), m_writes(writes), m_tail(tail) {}
 
+    // Appends one commit block through the writer, with a transaction of its own.
     [[nodiscard]] u32 SetClearRev(i64 rev);
+    // Writes the beginning of the file anew. What lies behind it is zeroed before the next write.
     [[nodiscard]] u32 TruncateToClearRev(i64 rev, u32 lifenum, i64 clearOldRev);
 
   private:

@@ -67,7 +67,7 @@ u32 FileItems::Fetch(u32 size) {
 
 u32 FileItems::GetLarge(u32 size, const u8** bytes) {
     assert(size > ReadCacheManager::kBufferSize);
-    m_large.reset();  // first: two of them need not fit the memory
+    m_large.reset();  // before allocating: there may not be memory for two
     m_large = platform::AllocBuffer(size);
     if (m_large == nullptr) {
         return RC_NO_MEMORY;

@@ -1,5 +1,5 @@
-// The items of the storage file one after another, as an enumeration walks them through its read
-// buffers.
+// Hands out the items of the storage file one after another, as an enumeration walks them through
+// its read buffers. RecordEnum makes one for each enumeration.
 #ifndef K9EREPL_SOLID_FILE_ITEMS_H
 #define K9EREPL_SOLID_FILE_ITEMS_H
 
@@ -18,19 +18,26 @@
 namespace k9erepl {
 
 // Reads up to the end of the data as it was at the beginning. A visitor may use the storage
-// meanwhile and empty the buffers under this reader; the file's read generation tells.
+// meanwhile and empty the buffers that this reader uses; the file's read generation tells when that
+// happened.
 class FileItems {
   public:
-    // `cache` is one of `buffers`; an item begins at `offset`.
+    // `cache` is one of `buffers`. An item begins at the file offset `offset`. All arguments
+    // outlive this object.
     FileItems(StorageFile& file, LiveFile& live, EnumBuffers& buffers, ReadCacheManager& cache,
               i64 offset);
 
+    // The file offset of the item being looked at.
     i64 Offset() const { return m_offset; }
+    // Bytes from there to the end of the data; 0 or less at the end.
     i64 Left() const { return m_end - m_offset; }
+    // Goes on to the next item; `size` is that of the present one.
     void Advance(u32 size) { m_offset += size; }
 
-    // *bytes receives the `size` bytes at the current offset, valid until the next call or the
-    // next visit. Errors: RC_FILE_CORRUPT when the file does not give them, and those of reading.
+    // *bytes receives the `size` bytes at the current offset, valid until the next call or the next
+    // visit.
+    // Errors, logged: RC_FILE_CORRUPT when the file does not give them, RC_NO_MEMORY, and those of
+    // reading.
     [[nodiscard]] u32 Get(u32 size, const u8** bytes) {
         if (i64{size} <= Left() && Holds(size)) [[likely]] {
             *bytes = At(m_offset);
@@ -39,7 +46,8 @@ class FileItems {
         return GetFromFile(size, bytes);
     }
 
-    // RC_BAD_DATA when a record's revision is not above that of the record before it.
+    // To be called for each record that is taken.
+    // Errors, logged: RC_BAD_DATA when its revision is not above that of the record before it.
     [[nodiscard]] u32 CheckRises(i64 rev) {
         if (!Rises(rev, m_prevRev)) [[unlikely]] {
             return DoesNotRise(rev);
@@ -48,23 +56,31 @@ class FileItems {
         return RC_OK;
     }
 
-    // The record behind the one of `size` bytes at the current offset, commit blocks passed over.
-    // False when the read buffer does not hold it: it is worth a look, but no read.
+    // *offset and *head receive the record behind the one of `size` bytes at the current offset;
+    // commit blocks are passed over. False when the read buffer does not hold it, or when it is no
+    // record: a check uses what is there and costs no read.
     bool PeekNext(u32 size, i64* offset, TRecordHead* head) const;
 
   private:
+    // True when the buffer has `size` bytes at an offset, and the file has not changed since.
     bool Holds(u32 size) const { return HoldsAt(m_offset, size); }
     bool HoldsAt(i64 offset, u32 size) const {
         return m_generation == m_file.ReadGeneration() && offset >= m_buffer.offset &&
                offset + i64{size} <= m_buffer.offset + i64{m_buffer.length};
     }
+    // REQUIRES: the buffer holds `offset`.
     const u8* At(i64 offset) const {
         assert(offset >= m_buffer.offset);
         return m_buffer.data + (offset - m_buffer.offset);
     }
+    // The rest of Get: makes the bytes available by reading.
     [[nodiscard]] u32 GetFromFile(u32 size, const u8** bytes);
+    // Gets a buffer that holds `size` bytes at the current offset.
+    // REQUIRES: size is at most that of a read buffer.
     [[nodiscard]] u32 Fetch(u32 size);
+    // Reads an item that is larger than a read buffer into a buffer of its own.
     [[nodiscard]] u32 GetLarge(u32 size, const u8** bytes);
+    // Both log and return the code: RC_FILE_CORRUPT; RC_BAD_DATA.
     [[nodiscard]] u32 TooShort(u32 size) const;
     [[nodiscard]] u32 DoesNotRise(i64 rev) const;
 
@@ -72,12 +88,17 @@ class FileItems {
     LiveFile& m_live;
     EnumBuffers& m_buffers;
     ReadCacheManager& m_cache;
-    i64 m_offset;                                     // of the item being looked at
-    const i64 m_end;                                  // behind the last item
-    i64 m_prevRev = std::numeric_limits<i64>::min();  // of the record before; the lowest: none
-    u64 m_generation;                                 // the file's, when m_buffer was filled
+    // See Offset().
+    i64 m_offset;
+    // The file offset behind the last item: the write position when this object was made.
+    const i64 m_end;
+    // The revision of the record before; the lowest number: there was none.
+    i64 m_prevRev = std::numeric_limits<i64>::min();
+    // The file's read generation when m_buffer was filled.
+    u64 m_generation;
+    // The piece of the file being walked; empty at first.
     ReadBuffer m_buffer;
-    platform::MemoryBuffer m_large;  // for a record larger than a read buffer
+    platform::MemoryBuffer m_large;  // of GetLarge; null until it is needed
 };
 
 }  // namespace k9erepl

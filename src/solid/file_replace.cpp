@@ -54,7 +54,8 @@ namespace {
 
 enum class BackupKind { kNone, kLinked, kMoved };
 
-// Once names have begun to change, exhausted memory is one more failure to be cleaned up after.
+// Once names have begun to change, a lack of memory must not throw: it is a failure like any other,
+// after which the names are put back.
 template <typename Action>
 bool WithoutThrowing(Action action) {
     try {
@@ -73,7 +74,8 @@ bool FlushNames(const std::string& path) {
     return WithoutThrowing([&] { return FlushNamesBeside(path); });
 }
 
-// An older backup's. A storage file that has this name is none.
+// Deletes the index file of an older backup. A storage file that has this name is no index file and
+// stays.
 void DeleteBackupIndex(const std::string& path) {
     if (IsStorageFile(path)) {
         LOG_WARNING(kLogStorage, "Index file of the backup is a storage file, it stays;path '%s'",
@@ -91,8 +93,8 @@ bool LinkBackup(const SqueezeNames& names) {
            platform::RemoveFile(names.backup) && platform::LinkFile(names.path, names.backup);
 }
 
-// A second name leaves the storage's name in place; moving the file is for file systems without
-// second names.
+// A second name for the file leaves the storage's name in place. The file is moved only on file
+// systems that have no second names.
 BackupKind MakeBackup(const SqueezeNames& names) {
     BackupKind kind = BackupKind::kNone;
     if (LinkBackup(names)) {
@@ -119,8 +121,8 @@ BackupKind MakeBackup(const SqueezeNames& names) {
     return RC_OK;
 }
 
-// A backup that is only another name of the storage file would go on changing with it, and a
-// storage file that has only the backup's name would be missed, and perhaps made anew, empty.
+// A backup that is only a second name of the storage file would go on changing with it. A storage
+// file that has only the backup's name would not be found, and perhaps a new, empty one be made.
 void UndoBackup(const SqueezeNames& names, BackupKind kind) {
     assert(kind != BackupKind::kNone);
     if (kind == BackupKind::kMoved) {
@@ -159,8 +161,8 @@ u32 BackupAndRename(const SqueezeNames& names, bool* renamed) {
     if (kind == BackupKind::kNone) {
         return RC_SYSTEM_ERROR;
     }
-    // First, so that no crash leaves the new file without the backup. A file that was moved is
-    // flushed with the name that it makes free.
+    // Before the renaming, so that no crash leaves the new file without the backup. If the file was
+    // moved, RenameTemp flushes both changes of names at once.
     u32 rc = kind == BackupKind::kLinked ? FlushDirectoryOf(names.backup) : RC_OK;
     if (rc == RC_OK) {
         rc = RenameTemp(names, renamed);

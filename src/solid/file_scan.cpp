@@ -15,7 +15,7 @@ using platform::LastSystemError;
 
 namespace {
 
-// Says why the scan ends. In a live file that is the end of the data, be it half-written.
+// Logs why the scan ends. In a live file that is no fault: the last item may be half-written.
 #define LOG_SCAN_END(...)                          \
     do {                                           \
         if (m_extent.isLive) {                     \
@@ -26,8 +26,8 @@ namespace {
     } while (false)
 
 bool AnyNonZero(const u8* bytes, u32 size) {
-    // Every byte equals its neighbour, so memcmp can go by words: the tail of a pre-sized file is
-    // most of what a buffer holds.
+    // All bytes are zero if the first one is and each equals its neighbour. memcmp compares whole
+    // words, which matters: the tail of a pre-sized file is most of what a buffer holds.
     return size != 0 && (bytes[0] != 0 || std::memcmp(bytes, bytes + 1, size - 1) != 0);
 }
 
@@ -160,7 +160,8 @@ FileScan::Step FileScan::TakeRecord() {
     if (Step step = Need(kRecordPrefixSize); step != Step::kNext) {
         return step;
     }
-    // A claim of the file: below the head's size it would stop the walk or turn it round.
+    // The size is a claim of the file. If it is below that of a head, a whole head is read all the
+    // same, and TestRecord refuses it.
     const u32 size = LoadUnaligned<u32>(Here() + kSignatureSize);
     if (Step step = Need(std::max(size, kRecordHeadSize)); step != Step::kNext) {
         return step;

@@ -1,6 +1,7 @@
 // The walk of the load scan: reads a storage file in large pieces, applies the rules of the format
-// to each item in file order and hands out what it accepts. The load scan, the scan for hosts
-// and the check of the whole file run it.
+// to each item in file order, and hands out the items that it accepts. The load scan, the scan for
+// hosts and the check of the whole file run it. docs/storage-file.md ("The reader at loading")
+// gives the steps and their log lines.
 #ifndef K9EREPL_SOLID_FILE_SCAN_H
 #define K9EREPL_SOLID_FILE_SCAN_H
 
@@ -18,72 +19,98 @@
 
 namespace k9erepl {
 
-// Where a scan hands out what it accepts; a non-zero result ends it.
+// Where a scan hands out what it accepts. A result other than RC_OK ends the scan and becomes its
+// result. A record is valid during the call.
 struct FileScanCallbacks {
-    K9eReplScanRecordCb record;
-    K9eReplScanCommitCb commit;
-    void* ctx;
+    K9eReplScanRecordCb record;  // called for each record; not null
+    K9eReplScanCommitCb commit;  // called for each commit block; not null
+    void* ctx;                   // handed to both, never looked at
 };
 
-// Takes items by the rules of format/stream_rules.h. The first that breaks one, or is neither
-// record nor commit block, or does not fit the file or the buffer, ends the scan: what the last
-// accepted commit block closes is the valid data.
+// Takes items by the rules of format/stream_rules.h. The scan ends at the first item that breaks
+// one, or is neither record nor commit block, or does not fit the file or the buffer. Valid data is
+// what the last accepted commit block closes.
+//
+// One object scans once. It allocates its buffer when it begins and frees it with the object.
 class FileScan {
   public:
+    // Bytes of the buffer, and so of the largest record that can be read: 10 MiB.
     static constexpr u32 kBufferSize = kFileRecordSizeMax;
-    // The first read of a live file, which may have little that is new; each further one doubles.
+    // Bytes of the first read of a live file, which may have little that is new; each further read
+    // doubles.
     static constexpr u32 kFirstLiveRead = 64 * 1024;
 
-    // Where the scan ended. Valid after Run returned RC_OK.
+    // Where the scan ended. Valid after Run or Resume has returned RC_OK. Offsets are file offsets.
     struct Result : StreamEnd {
-        i64 validCommitOffset = 0;  // of the last accepted commit block
-        TCommitBlock lastCommit{};  // that block
-        i64 closingOffset = 0;      // of the one that closes the last record; 0: there is no record
-        TCommitBlock closing{};     // that block
-        bool tailInUse = false;  // behind the last accepted one, not every byte is known to be zero
-        i64 stopOffset = 0;      // of the first item that was not accepted
-        bool stopInUse = false;  // four bytes lie there, and not all are zero
+        // Where the last accepted commit block begins, and a copy of it.
+        i64 validCommitOffset = 0;
+        TCommitBlock lastCommit{};
+        // The same for the commit block that closes the last record; 0: there is no record.
+        i64 closingOffset = 0;
+        TCommitBlock closing{};
+        // Behind the last accepted commit block, not every byte is known to be zero.
+        bool tailInUse = false;
+        // Where the first item begins that was not accepted.
+        i64 stopOffset = 0;
+        // At stopOffset there are four bytes, and not all of them are zero.
+        bool stopInUse = false;
     };
 
-    // What is read: up to fileSize; what is taken as items: what begins before dataEnd. The scan
-    // ends behind the first commit block that ends at or behind `enough`.
+    // How far the scan goes, and how.
     struct Extent {
+        // Nothing is read at or behind this offset.
         i64 fileSize;
+        // Nothing that begins at or behind this offset is taken as an item.
         i64 dataEnd = std::numeric_limits<i64>::max();
+        // The scan ends behind the first commit block that ends at or behind this offset.
         i64 enough = std::numeric_limits<i64>::max();
-        // Another process writes the file: what ends the scan is no reason for a warning.
+        // Another process writes the file: the reason why the scan ends is no cause for a warning.
         bool isLive = false;
-        // Looked at after each read, unless null; kContentChanged ends the scan.
+        // Checked after each read, unless null; kContentChanged ends the scan. Outlives the scan.
         const ContentMark* mark = nullptr;
     };
 
+    // `file` and what `extent` and `callbacks` refer to outlive this object.
     FileScan(platform::TrackedFile& file, const Extent& extent, const FileScanCallbacks& callbacks);
 
-    // Scans from `startOffset`; `fromHint` says that it need not be the file's first commit block.
-    // Errors: RC_FILE_CORRUPT, RC_SYSTEM_ERROR, RC_NO_MEMORY, RC_SHORT_READ when the system gives
-    // fewer bytes than the file has, a callback's result.
+    // Scans from `startOffset`. `fromHint` is true when that need not be the file's first commit
+    // block.
+    // Errors: RC_FILE_CORRUPT, RC_SYSTEM_ERROR, RC_NO_MEMORY; RC_SHORT_READ when the system gives
+    // fewer bytes than the file has; kContentChanged; a callback's result.
+    // REQUIRES: startOffset is at least 1024.
     [[nodiscard]] u32 Run(i64 startOffset, bool fromHint);
-    // Scans on from behind the last commit block of an earlier scan. Errors: as Run.
+    // Goes on behind the last commit block of an earlier scan. Errors: as Run.
+    // REQUIRES: `from` has a commit block.
     [[nodiscard]] u32 Resume(const Result& from);
 
+    // Complete only after Run or Resume has returned RC_OK.
     const Result& GetResult() const { return m_result; }
 
   private:
-    // What an item came to.
+    // Says how the scan goes on after an item: with the next one, or not, or with m_failure as its
+    // result.
     enum class [[nodiscard]] Step{kNext, kStop, kFail};
 
+    // Takes item after item from `offset` on.
     [[nodiscard]] u32 RunFrom(i64 offset);
     Step Need(u32 size);
+    // Reads again from the current offset on. REQUIRES: the buffer has fewer than `needed` bytes
+    // there.
     Step Fill(u32 needed);
     Step CheckEnd(i64 reached);
+    // Checks the item at the current offset, hands it out and goes on behind it.
     Step TakeItem();
     Step TakeRecord();
     Step TakeCommit();
+    // Both log the rule that the item breaks, if it breaks one.
     Step TestRecord(const TRecordHead& head);
     Step TestCommit(const TCommitBlock& block);
+    // Remembers `rc`, the result of the scan.
     Step Fail(u32 rc);
+    // Completes the result. RC_FILE_CORRUPT, logged, when no commit block was found.
     [[nodiscard]] u32 Finish();
 
+    // The bytes at the current offset, and how many of them the buffer has.
     const u8* Here() const {
         assert(m_offset >= m_bufferOffset && m_offset <= m_bufferOffset + m_bufferLength);
         return m_buffer.get() + (m_offset - m_bufferOffset);
@@ -94,13 +121,19 @@ class FileScan {
     const Extent m_extent;
     const FileScanCallbacks m_callbacks;
 
+    // kBufferSize bytes; null before the scan begins.
     platform::MemoryBuffer m_buffer;
-    i64 m_bufferOffset = 0;        // file offset of the buffer's first byte
-    u32 m_bufferLength = 0;        // valid bytes; m_offset never lies outside them
-    u32 m_readSize = kBufferSize;  // of the next read, unless an item needs more
+    // The file offset of the buffer's first byte.
+    i64 m_bufferOffset = 0;
+    // Valid bytes in the buffer; m_offset never lies outside them.
+    u32 m_bufferLength = 0;
+    // Bytes of the next read, unless an item needs more.
+    u32 m_readSize = kBufferSize;
 
-    i64 m_offset = 0;       // file offset of the item being looked at
-    u32 m_failure = RC_OK;  // the code to return after kFail
+    // The file offset of the item being looked at.
+    i64 m_offset = 0;
+    // The code to return after kFail.
+    u32 m_failure = RC_OK;
     Result m_result;
 };
 

@@ -16,7 +16,7 @@ namespace {
 
 enum class WhenAbsent {
     kTellDefault,
-    kSayNothing,  // whoever does not use the setting sees the log as it was before there was one
+    kSayNothing,  // so the logs of those who do not use the setting do not change
 };
 
 [[nodiscard]] u32 ReadSwitch(const char* connStr, const char* key, WhenAbsent whenAbsent,

@@ -1,5 +1,5 @@
-// The settings of a connection string that say how the storage file is written and sized. Opening
-// the file reads them.
+// Reads the settings of a connection string that say how the storage file is written and sized.
+// Opening the file calls it; docs/configuration.md lists the settings.
 #ifndef K9EREPL_SOLID_FILE_SETTINGS_H
 #define K9EREPL_SOLID_FILE_SETTINGS_H
 

@@ -50,8 +50,8 @@ u32 FileWrites::WriteItems(u8* data, u32 size, TCommitBlock* commitBlock, K9eRep
         return RC_BAD_DATA;
     }
     m_tail.KeepBeforeWriting();
-    // Read before the write: its notification may make the client place records over the block,
-    // or write more, which must not be taken back here.
+    // Read before the write: its notification may let the client place records over the block, or
+    // write more, and the last flushed revision must not fall here then.
     const i64 commitRev = commitBlock != nullptr ? i64{commitBlock->commitRev} : lastFlushed;
     m_file.SetLastWrittenRev(lastRevision);
     const u32 rc =

@@ -1,5 +1,5 @@
-// The way of records and commit blocks to the writer: the file's transactions, and the one entry
-// through which items are written. The storage's flushes use it, and the clear of the file.
+// The way of records and commit blocks to the writer: the file's transactions, and the one function
+// through which items are written. The storage's flushes use it, and so does the clear of the file.
 #ifndef K9EREPL_SOLID_FILE_WRITES_H
 #define K9EREPL_SOLID_FILE_WRITES_H
 
@@ -13,7 +13,8 @@
 
 namespace k9erepl {
 
-// As the functions of CSolidStorage with these names.
+// Has no state of its own. Each function does what the one of CSolidStorage with the same name does
+// (Rollback: RollbackWrites); all answer RC_NO_WRITER when the file has no writer.
 class FileWrites {
   public:
     FileWrites(StorageFile& file, DamagedTail& tail) : m_file(file), m_tail(tail) {}

@@ -7,7 +7,7 @@ namespace k9erepl {
 
 namespace {
 
-// Hands items on to the host as long as they lie where the scan looks for them.
+// Hands items on to the host, and ends the scan when a callback has moved the items.
 struct HostCallbacks {
     const FileScanCallbacks& host;
     const u64& generation;

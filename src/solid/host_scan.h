@@ -1,5 +1,6 @@
-// The scan of the storage file for hosts, which K9eReplStorageGetLLStorage hands out as
-// IK9eReplLLStorage::ScanFile. It may come at any time; the storage runs it as one of its calls.
+// The scan of the storage file for hosts: IK9eReplLLStorage::ScanFile of the object that
+// K9eReplStorageGetLLStorage hands out. A host may call it at any time; the storage runs it as one
+// of its calls.
 #ifndef K9EREPL_SOLID_HOST_SCAN_H
 #define K9EREPL_SOLID_HOST_SCAN_H
 
@@ -11,12 +12,13 @@
 
 namespace k9erepl {
 
+// CSolidStorage makes one for each call. The arguments outlive it.
 class HostScan {
   public:
     HostScan(StorageFile& file, LiveFile& live, LoadScan& load)
         : m_file(file), m_live(live), m_load(load) {}
 
-    // As CSolidStorage::ScanFile, under the storage's lock.
+    // See CSolidStorage::ScanFile. Called under the storage's lock.
     [[nodiscard]] u32 Run(const FileScanCallbacks& callbacks);
 
   private:

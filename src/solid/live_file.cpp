@@ -15,9 +15,12 @@ namespace k9erepl {
 
 namespace {
 
-// How far the first look goes ahead: the second one finds the bytes in the system's cache.
+// Bytes that the first look goes ahead at most, so that the second one still finds them in the
+// system's cache.
 constexpr i64 kLookAheadSize = 32 * 1024 * 1024;
 
+// A writer changes the header now and then, so readings soon agree; this only keeps them from going
+// on for ever.
 constexpr u32 kHeaderReadingsMost = 100;
 
 u32 IgnoreRecord(std::uint64_t /*offset*/, const K9eReplRec* /*rec*/, void* /*ctx*/) {
@@ -109,7 +112,7 @@ bool LiveFile::GoesOnBehind(const FileScan::Result& end) {
     return LookAhead({.resume = &end}, oneMore, &ahead) == RC_OK && EndOf(ahead) >= oneMore;
 }
 
-// Nothing is handed out of a read before the file is known to be unchanged behind it.
+// Nothing of a read is handed out before a check after it has shown the content to be unchanged.
 u32 LiveFile::HandOut(const FileScanCallbacks& callbacks, const Start& start,
                       const FileScan::Result& ahead, FileScan::Result* result) {
     const i64 end = EndOf(ahead);

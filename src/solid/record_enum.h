@@ -1,6 +1,7 @@
-// Enumeration of committed records from the storage file, through read buffers. Reads what the load
-// scan accepted, what was written since, and what an index led the load past: a fault here is an
-// error of the call. The storage's walks over a range and its searches at a clear use it.
+// Enumerates committed records from the storage file through read buffers. It reads what the load
+// scan accepted, what was written since, and what an index let the load pass over; so a fault that
+// it finds is an error of the call. The storage's walks over a range and its searches at a clear
+// use it. docs/storage-file.md ("The reader of enumerations") lists the faults.
 #ifndef K9EREPL_SOLID_RECORD_ENUM_H
 #define K9EREPL_SOLID_RECORD_ENUM_H
 
@@ -17,21 +18,24 @@
 
 namespace k9erepl {
 
-// Receives one item of an enumeration: its file offset, and the record, or null for a commit
-// block. The record is valid during the call. Non-zero stops the enumeration.
+// Receives one item of an enumeration: its file offset, and the record, or null for a commit block.
+// The record is valid during the call. A result other than RC_OK stops the enumeration.
 using FileItemVisitor = u32 (*)(i64 offset, const K9eReplRec* rec, void* ctx);
 
 // What an enumeration of the file covers.
 struct FileEnumRange {
-    i64 fromRev = 0;           // inclusive
-    i64 toRev = 0;             // inclusive
-    bool alsoCommits = false;  // visit commit blocks too
-    i64 startOffset = 0;       // where an item begins; 0 for the file's first commit block
+    i64 fromRev = 0;           // revision, inclusive
+    i64 toRev = 0;             // revision, inclusive
+    bool alsoCommits = false;  // visit commit blocks, too
+    // The file offset where an item begins; 0 for the file's first commit block.
+    i64 startOffset = 0;
     // Up to this file offset every record is at or below toRev, as the caller knows from where its
-    // blocks begin: one that is not is damaged. 0: nothing is known.
+    // blocks begin: a record that is not is damaged. 0: nothing is known.
     i64 reachesTo = 0;
 };
 
+// CSolidStorage owns one and calls it under the storage's lock. A visitor may enumerate again; the
+// levels are counted. The arguments outlive this object.
 class RecordEnum {
   public:
     RecordEnum(StorageFile& file, LiveFile& live) : m_file(file), m_live(live) {}
@@ -44,26 +48,33 @@ class RecordEnum {
         m_buffers.Reset();
     }
 
-    // Whether a visitor is being called.
+    // True while an enumeration runs, so only inside its visitor.
     bool IsRunning() const { return m_depth != 0; }
 
-    // As CSolidStorage::EnumFileRecs.
+    // See CSolidStorage::EnumFileRecs.
     [[nodiscard]] u32 Run(const FileEnumRange& range, FileItemVisitor visitor, void* ctx,
                           bool* completed);
 
   private:
+    // What is to be done with one item; in the source.
     struct Item;
 
+    // *item receives what is to be done with the item at the current offset.
+    // Errors, logged: RC_BAD_DATA, RC_FILE_CORRUPT, those of reading.
     [[nodiscard]] u32 LookAtItem(FileItems& items, const FileEnumRange& range, Item* item) const;
+    // RC_OK when the record of `head`, which is above the range, can be believed; else RC_BAD_DATA,
+    // logged.
     [[nodiscard]] u32 CheckRangeEnd(FileItems& items, const FileEnumRange& range,
                                     const TRecordHead& head) const;
+    // Hands `item` to the visitor. *completed becomes false if the visitor stops the enumeration.
     [[nodiscard]] static u32 VisitItem(FileItems& items, const Item& item, FileItemVisitor visitor,
                                        void* ctx, bool* completed);
 
     StorageFile& m_file;
     LiveFile& m_live;
     EnumBuffers m_buffers{m_file};
-    u32 m_depth = 0;  // enumerations that run, each but the first in a visitor of the one before
+    // Enumerations that run, each but the first in a visitor of the one before; 0: none.
+    u32 m_depth = 0;
 };
 
 }  // namespace k9erepl

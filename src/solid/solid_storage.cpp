@@ -13,7 +13,7 @@ namespace k9erepl {
 CSolidStorage::CSolidStorage(SolidStorageOwner* owner) : m_owner(owner) {}
 
 CSolidStorage::~CSolidStorage() {
-    // Dropped: who must know that the writing thread still runs has called Close before.
+    // Dropped: a caller that must know whether the writing thread still runs has called Close.
     (void)Close();
 }
 

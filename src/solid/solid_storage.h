@@ -22,18 +22,20 @@
 
 namespace k9erepl {
 
-// The file is committed up to the last commit block that the load scan accepted or that was
-// written since; whatever lies behind it is dead and overwritten by the next write. A file that is
-// opened read-only has no writer: what would write answers RC_NO_WRITER. The parts below do the
-// work.
+// The file is committed up to the last commit block that the load scan accepted or that was written
+// since. Whatever lies behind it is dead, and the next write overwrites it. A file that is opened
+// read-only has no writer: what would write answers RC_NO_WRITER. The objects among the members do
+// the work; this class forwards to them.
 //
 // Results are result codes; RC_NO_WRITER when no file is open. Failures are logged where they are
-// found. One thread at a time.
+// found. One thread at a time calls it, under the storage's lock, unless a comment says otherwise;
+// the writer may have a thread of its own.
 class CSolidStorage final : public IK9eReplLLStorage {
   public:
-    // `owner` brings in the calls of hosts; null when nobody else can call, as in a load's
-    // temporary object and in tests.
+    // `owner` runs the calls of hosts; null when no host can call, as in a load's temporary object
+    // and in tests. It outlives this object.
     explicit CSolidStorage(SolidStorageOwner* owner = nullptr);
+    // Closes the file.
     ~CSolidStorage() override;
     CSolidStorage(const CSolidStorage&) = delete;
     CSolidStorage& operator=(const CSolidStorage&) = delete;
@@ -45,23 +47,27 @@ class CSolidStorage final : public IK9eReplLLStorage {
     // RC_SYSTEM_ERROR; RC_NO_MEMORY. The object then stays closed.
     [[nodiscard]] u32 Open(const std::string& path, const char* connStr,
                            FileUse use = FileUse::kWrite);
-    // Writes what is queued. False when the writing thread could not be ended: it still uses the
-    // memory blocks and the index entries of what was queued, which must stay allocated for ever.
+    // Writes what is queued and closes the file; without an open file it does nothing. False when
+    // the writing thread could not be ended: it still uses the memory blocks and the index entries
+    // of what was queued, which must stay allocated for ever. REQUIRES: no enumeration runs.
     bool Close();
-    // In a forked child: closes this process's descriptors and writes nothing. The writing thread,
-    // if there is one, is the parent's, and what it uses stays allocated. To be destroyed next.
+    // For a forked child: closes this process's descriptors and writes nothing. The writing thread,
+    // if there is one, is the parent's, and what it uses stays allocated. The object may only be
+    // destroyed afterwards.
     void LeaveToParent();
     bool IsOpen() const { return m_file.IsOpen(); }
+    // The path given to Open; empty when the file is closed.
     const std::string& Path() const { return m_file.Path(); }
 
-    // The fields of the header that belong to the client. Set does not flush to the disk.
+    // The fields of the header that belong to the client: the life number and the revision mark.
+    // The Set functions do not flush to the disk.
     [[nodiscard]] u32 GetLifenum(u32* lifenum);
     [[nodiscard]] u32 GetClearOldRev(i64* rev);
     [[nodiscard]] u32 SetLifenum(u32 lifenum);
     [[nodiscard]] u32 SetClearOldRev(i64 rev);
 
-    // Called for each commit block written, with its commitRev; see FlushCallback. Stays set when
-    // the file is closed. RC_OK.
+    // The callback is called for each commit block written, with its commitRev, on the thread that
+    // writes it; null unsets it. It stays set when the file is closed. Needs no lock; always RC_OK.
     u32 SetWrittenRevisionCallback(K9eReplFlushCb callback, void* context);
 
     // --- Reading -----------------------------------------------------------------------------
@@ -90,32 +96,35 @@ class CSolidStorage final : public IK9eReplLLStorage {
 
     // To be called before a load: opens the file anew that the path leads to now. *goesOn receives
     // whether it holds what was loaded, perhaps with more behind it; it is false before the first
-    // load. Errors: as Open; what was loaded, and the handle on it, then stays.
+    // load.
+    // Errors: as Open; what was loaded, and the handle on it, stays then.
     // REQUIRES: no enumeration runs.
     [[nodiscard]] u32 Refresh(bool* goesOn);
     // The load scan from where the last one ended. Arguments and errors: as ScanFileFrom;
-    // kContentChanged also when the writer started the file over meanwhile or took something back.
+    // kContentChanged, too, when the writer started the file over meanwhile or took something back.
     // REQUIRES: Refresh has said that the file goes on.
     [[nodiscard]] u32 ScanOn(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb, void* ctx);
-    // The fields of the header that belong to the client, as one moment had them.
-    // Errors: RC_SYSTEM_ERROR; kContentChanged when they never stand still.
+    // Reads the fields of the header that belong to the client, both from one moment.
+    // Errors: RC_SYSTEM_ERROR; kContentChanged when they change at every reading.
     [[nodiscard]] u32 ReadMarks(u32* lifenum, i64* clearOldRev);
     // RC_OK when everything that was read since the load began is the content that was loaded, or
-    // the file is not read-only. Errors: as ContentMark::Check.
+    // when the file is not read-only.
+    // Errors: as ContentMark::Check.
     [[nodiscard]] u32 CheckContent();
 
-    // To be called when a load has succeeded. Where its scan ended at bytes that are not zero,
-    // looks behind them for commit blocks that link to each other: damage in the middle of the
+    // To be called when a load has succeeded. If its scan ended at bytes that are not zero, looks
+    // behind them for commit blocks that link to each other: these mean damage in the middle of the
     // data, not its end (docs/storage-file.md). Logs that as an error and, with kKeepCopy, keeps a
     // copy of everything behind the last valid commit block beside the file. A copy that fails is
     // logged, and tried once more before the first write, which is what destroys those bytes.
     void KeepTailIfDamaged(TailCare care);
 
-    // To be called behind a load scan from `loadedFrom`. Reads the heads and the chain of commit
-    // blocks of the whole file, also what lies in front of that offset, and looks behind their end
-    // for damage; changes nothing (whole_check.h). RC_FILE_CORRUPT, logged, for damage in the
-    // middle; RC_BAD_DATA when the load's offset, a claim of the index, was no place to begin.
-    // Errors also: RC_SYSTEM_ERROR, RC_NO_MEMORY, RC_SHORT_READ.
+    // To be called behind a load scan from the file offset `loadedFrom`, with the setting check.
+    // Reads the heads and the chain of commit blocks of the whole file, also what lies in front of
+    // that offset, and looks behind their end for damage; changes nothing (whole_check.h).
+    // Errors: RC_FILE_CORRUPT, logged, for damage in the middle; RC_BAD_DATA when the load's
+    // offset, a claim of the index, was no place to begin; RC_SYSTEM_ERROR, RC_NO_MEMORY,
+    // RC_SHORT_READ; beside a writer, kContentChanged.
     [[nodiscard]] u32 CheckWhole(i64 loadedFrom);
 
     // Hands the committed records of `range` to `visitor`. *completed is false if and only if the
@@ -127,28 +136,32 @@ class CSolidStorage final : public IK9eReplLLStorage {
     [[nodiscard]] u32 EnumFileRecs(const FileEnumRange& range, FileItemVisitor visitor, void* ctx,
                                    bool* completed);
 
-    // The commit revision of the file's first commit block, and whether an item follows it.
+    // *commitRev receives the commitRev of the file's first commit block, *hasItems whether an item
+    // follows it.
     // Errors: RC_NOT_FOUND for a file too short or without that block, RC_SYSTEM_ERROR.
     [[nodiscard]] u32 ReadFirstCommitInfo(i64* commitRev, bool* hasItems);
 
-    // RC_OK when a record with revision `rev` lies at `offset`, else RC_NOT_FOUND; RC_SYSTEM_ERROR
-    // or RC_SHORT_READ when that could not be read.
+    // RC_OK when a record with revision `rev` lies at the file offset `offset`, else RC_NOT_FOUND;
+    // RC_SYSTEM_ERROR or RC_SHORT_READ when that could not be read.
     [[nodiscard]] u32 CheckRecordAt(i64 rev, i64 offset);
 
-    // The revision of the record that ends at `offset`, or that the commit block which ends there
-    // commits: no record before `offset` has a higher one. Looks at the last 64 KiB before it.
-    // RC_NOT_FOUND when nothing is recognised there; RC_SYSTEM_ERROR, RC_SHORT_READ, RC_NO_MEMORY.
+    // *rev receives the revision of the record that ends at the file offset `offset`, or the
+    // commitRev of the commit block that ends there: no record before `offset` has a higher one.
+    // Looks at the last 64 KiB before it.
+    // Errors: RC_NOT_FOUND when nothing is recognised there; RC_SYSTEM_ERROR, RC_SHORT_READ,
+    // RC_NO_MEMORY.
     // REQUIRES: offset is at least 1056.
     [[nodiscard]] u32 FindRevBefore(i64 offset, i64* rev);
 
     // --- Writing -----------------------------------------------------------------------------
 
-    // Whether each commit, and each commit block of a clear, is flushed to the disk, which may fail
-    // after OnWriteToFile was called for it. Set by Open.
+    // True with the setting force_flush: each commit, and each commit block of a clear, is flushed
+    // to the disk, which may fail after OnWriteToFile was called for it. Set by Open.
     bool ForcesFlushes() const { return m_file.State().forceFlush; }
 
+    // Remembers the place to which RollbackWrites goes back.
     [[nodiscard]] u32 BeginTransaction();
-    // Flushes to the disk, with force_flush, and forgets what the read cache holds.
+    // Flushes to the disk, with force_flush, and makes the read buffers forget what they hold.
     [[nodiscard]] u32 Commit();
     // Goes back to BeginTransaction: the bytes written since are dead.
     [[nodiscard]] u32 RollbackWrites();
@@ -161,12 +174,14 @@ class CSolidStorage final : public IK9eReplLLStorage {
                                  K9eReplBlock* memoryBlock, i64 lastRevision,
                                  std::atomic<i64>* filePosition);
 
-    // Waits until everything queued is written; until some block has no queued write any more.
+    // Waits until everything queued is written, at most 60 s (RC_TIMEOUT). Nothing is ever queued
+    // unless the writer is asynchronous (setting async_mode).
     [[nodiscard]] u32 CompleteAsyncTasks();
+    // Waits until some block has no queued write any more, at most 60 s (RC_TIMEOUT).
     [[nodiscard]] u32 WaitReleaseBlock();
-    // Whether the caller is the writer's own thread. Needs no lock.
+    // True when the caller is the writer's own thread. Needs no lock.
     bool IsOnWritersThread() const { return m_file.HasWriter() && m_file.Writer().IsOnOwnThread(); }
-    // After a failed operation: whether something queued may still be written.
+    // After a failed operation: true when something that was queued may still be written.
     bool MayStillWrite() const { return m_file.HasWriter() && m_file.Writer().MayStillWrite(); }
 
     // --- Removing. None of it while a transaction of the file is open. A visitor of an enumeration
@@ -193,17 +208,19 @@ class CSolidStorage final : public IK9eReplLLStorage {
     // REQUIRES: request.commitOffset is the offset of a commit block.
     [[nodiscard]] u32 Squeeze(const SqueezeRequest& request, i64* shift);
 
-    // The highest committed revision.
+    // *rev receives the highest committed revision; 0: none.
     [[nodiscard]] u32 GetFlushedRev(i64* rev) const;
     // The file's length as last known, in bytes; 0 when closed. Never below the written data.
     i64 FileSize() const { return m_file.FileSize(); }
 
   private:
+    // Opens the file and allocates the read buffers. After a failure: Close.
     [[nodiscard]] u32 OpenParts(const std::string& path, const char* connStr, FileUse use);
+    // ScanFile, under the storage's lock.
     [[nodiscard]] u32 ScanForHost(const FileScanCallbacks& callbacks);
 
     SolidStorageOwner* const m_owner;  // may be null
-    // Each refers to those before it.
+    // Each refers only to those before it.
     StorageFile m_file;
     LiveFile m_live{m_file};
     LoadScan m_load{m_file, m_live};

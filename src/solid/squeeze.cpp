@@ -31,9 +31,9 @@ constexpr u32 kCopyPieceSize = 10 * 1024 * 1024;
     return RC_OK;
 }
 
-// The first commit block of the new file: the one that `kept`, the first kept commit block, links
-// to. It commits nothing below the clear revision. Its own clear revision must not be above that of
-// `kept`, or the next load would stop there: a damaged file may have a negative one, which the
+// The first commit block of the new file: the one to which `kept`, the first kept commit block,
+// links. It commits nothing below the clear revision. Its own clear revision must not be above that
+// of `kept`, or the next load would stop there: a damaged file may have a negative one, which the
 // writer then carried on.
 TCommitBlock PredecessorOf(const TCommitBlock& kept, i64 clearRev) {
     TCommitBlock block = kept;
@@ -55,7 +55,7 @@ Squeeze::Squeeze(StorageFile& file, FileClear& clear, const SqueezeRequest& requ
 u32 Squeeze::Run(i64* shift) {
     const u32 startTicks = platform::TickCountMs();
     LOG_INFO(kLogStorage, "Performing file squeeze; rev %I64d", m_request.clearRev);
-    // First, so that the old size is that of everything queued.
+    // First, so that the old size includes everything queued.
     if (u32 rc = m_file.CompleteAsyncTasks(); rc != RC_OK) {
         return rc;
     }
@@ -145,8 +145,8 @@ u32 Squeeze::FlushAndReadStart(TFileHeader* header, TCommitBlock* commitBlock) {
     return RC_OK;
 }
 
-// An older backup makes room, unless somebody writes to it. One that is still the storage file,
-// under a second name, is our own.
+// An older backup is replaced, unless another writer has it open. A backup that is only a second
+// name of the storage file is locked by ourselves.
 u32 Squeeze::CheckOldBackup() {
     assert(m_request.keepBackup);
     const std::string& backup = m_names.backup;
@@ -256,7 +256,7 @@ u32 Squeeze::Replace(TemporaryFile& temporary, bool* renamed) {
     return rc;
 }
 
-// The backup shall hold what the file held before the squeeze recorded its clear revision.
+// The backup must hold what the file held before the squeeze recorded its clear revision.
 u32 Squeeze::CutOldFile() {
     assert(m_oldDataSize > 0);
     platform::File& file = m_file.Writer().BorrowFile();

@@ -70,7 +70,7 @@ bool OpenUnlessThere(const std::string& path, u32 flags, File* file, bool* exist
     const auto open = [&](File* found) {
         opened = OpenUnlessThere(path, K9EREPL_CREATE_KEEP_EXISTING, found, existed);
         if (!opened && platform::LastSystemErrorIs(platform::SystemErrorKind::kAlreadyExists)) {
-            // It appeared meanwhile.
+            // The file appeared after the first try.
             *existed = opened = OpenAs(path, FileDisposition::kOpenExisting, found);
         }
         return opened ? u32{RC_OK} : u32{RC_SYSTEM_ERROR};
@@ -264,7 +264,7 @@ u32 CreateStorageFile(const char* connStr, u32 flags, IndexRemover removeIndex) 
     if (u32 rc = ReadFileLock(connStr, &lock); rc != RC_OK) {
         return rc;
     }
-    // A path that cannot be made shows up when the file is opened.
+    // Dropped: if a directory could not be made, opening the file fails and says so.
     platform::MakeParentDirectories(path);
     const std::string target = platform::FollowLink(path);
     File file;

@@ -95,7 +95,7 @@ enum class Occupied { kFree, kSameBytes, kOtherBytes };
 
 [[nodiscard]] u32 CopyUnder(const std::string& name, const std::string& storagePath, Tail& tail) {
     const std::string temporaryName = storagePath + ".damaged-tail.temporary";
-    platform::RemoveFile(temporaryName);  // of a process that ended half-way
+    platform::RemoveFile(temporaryName);  // left by a process that ended half-way
     TemporaryFile temporary(temporaryName);
     if (u32 rc = temporary.Create(storagePath); rc != RC_OK) {
         return rc;

@@ -20,7 +20,7 @@ u32 WholeCheck::Run(i64 loadedFrom) {
             return rc;
         }
     }
-    // Beside a writer it is the file that has gone on.
+    // Beside a writer, a later end only means that the file has grown.
     if (whole.validCommitOffset > loaded.validCommitOffset && !m_file.IsReadOnly()) {
         LOG_WARNING(kLogStorage,
                     "Index led the load to another end than that of the file;offset %I64d",
@@ -31,7 +31,8 @@ u32 WholeCheck::Run(i64 loadedFrom) {
     if (u32 rc = m_tail.LookBehind(whole, &damaged); rc != RC_OK) {
         return rc;
     }
-    // A squeeze may have cut off the commit block of its clear: what closes the records is there.
+    // Beside a writer, a squeeze may have cut off the commit block of its clear. The one that
+    // closes the records must still be there.
     const i64 wanted = m_file.IsReadOnly() ? loaded.closingOffset : loaded.validCommitOffset;
     if (!damaged && whole.validCommitOffset >= wanted) {
         return RC_OK;

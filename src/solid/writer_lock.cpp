@@ -25,7 +25,8 @@ namespace {
     return RC_SYSTEM_ERROR;
 }
 
-// Whether `path` still leads to `file`. A path that leads nowhere does not: opening it again tells.
+// *same receives whether `path` still leads to `file`. It is false for a path that leads nowhere:
+// opening that again gives the error.
 [[nodiscard]] u32 IsNameOf(const File& file, const std::string& path, bool* same) {
     assert(file.IsLocked());
     platform::FileIdentity locked;
