@@ -18,7 +18,7 @@ namespace k9erepl {
 
 namespace {
 
-// A block from the pool may have been used before, so every field of its head must be set anew; the
+// A block from the pool may have been used before, so every field of its head must be set; the
 // memset ends before flushedEnd.
 K9eReplBlock* PrepareBlock(void* memory, std::size_t ordinal) {
     assert(memory != nullptr);

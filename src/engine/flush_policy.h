@@ -38,7 +38,7 @@ class FlushPolicy {
     // REQUIRES: `covered` came from Now(), and nothing of it was subtracted since.
     void Flushed(const Counted& covered);
 
-    // The time-out begins anew. Needs no lock.
+    // Starts the time-out again. Needs no lock.
     void RecordFlushTime() { m_lastFlushTick = platform::TickCountMs(); }
     // Sets both counters to 0, so no flush is needed. The time-out goes on.
     void Clear() { Flushed(Now()); }

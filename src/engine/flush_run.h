@@ -16,7 +16,7 @@ struct FlushRun {
     // The revision of the run's last record; 0 when the run is empty.
     i64 lastRev = 0;
     // The run ends with the record `limit` and with the block's last byte, so the commit block can
-    // be built right behind it, in the room that every block has for it.
+    // be built right behind it, in the space that every block keeps for it.
     bool closes = false;
     // The block holds records above the limit, so no later block has anything to flush.
     bool reachedLimit = false;

@@ -61,7 +61,7 @@ class Flusher {
     bool IsDue() const { return m_policy.FlushNeeded(m_settings); }
     // True when the flush mode asks for a flush and nothing is being done to the file.
     bool FlushNeeded() const { return m_status.FileIsIdle() && IsDue(); }
-    // The time-out of the setting flush_timeout begins anew. Needs no lock.
+    // Starts the time-out of the setting flush_timeout again. Needs no lock.
     void RecordFlushTime() { m_policy.RecordFlushTime(); }
     // Sets the commit counters to 0, so no flush is due.
     void ForgetCommits() { m_policy.Clear(); }

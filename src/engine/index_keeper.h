@@ -20,8 +20,8 @@ namespace k9erepl {
 // object, and only the functions that say so may be called. Guarded by the storage's lock.
 //
 // The index is only an aid: without it, a load reads more. So a save that fails is no error for a
-// client, but an index file that says what is not true would be one: it is emptied before its file
-// offsets become wrong.
+// client. But an index file that leads to wrong places would do harm, so it is emptied before its
+// file offsets become wrong.
 class IndexKeeper {
   public:
     IndexKeeper(const OpenSettings& settings, const BlockStore& blocks)
@@ -49,7 +49,7 @@ class IndexKeeper {
     // For a load that failed: stops the thread and closes the file. Without an index object:
     // nothing.
     void Stop();
-    // To be called when the block index begins anew: the next save is due after `index_hint`
+    // To be called when the block index is empty again: the next save is due after `index_hint`
     // blocks.
     void Reset() { m_savedCount = 0; }
 

@@ -36,8 +36,8 @@ struct OpenSettings {
     // Setting flush_timeout: milliseconds after which commits are flushed in any case, above 0. The
     // index thread wakes up as often.
     u32 flushTimeout = 1000;
-    // Setting memory_reserve: free blocks that are kept for reuse, at least 1. Its default is the N
-    // of LastN, or 100 with AllInMem.
+    // Setting memory_reserve: how many free blocks are kept for reuse, 1 or more. Its default is
+    // the N of LastN, or 100 with AllInMem.
     u32 memoryReserve = 100;
     // Setting index_hint: new blocks between two saves of the index, at least 1.
     u32 indexHint = 50;

@@ -1,4 +1,4 @@
-// The slots of the storage object, and the order in which the parts work; see the header.
+// The slots of the storage object, and the order in which its objects work; see the header.
 #include "engine/repl_storage.h"
 
 #include <cassert>

@@ -1,7 +1,6 @@
 // The storage object behind a handle: its slots, its lock, and the objects that do the work. The
 // exported functions call its slots, which take the lock and call these objects in the right order.
-// docs/architecture.md says who owns what ("The parts of the storage object") and which thread may
-// touch what ("Threads").
+// docs/architecture.md says which object owns what, and which thread may touch what ("Threads").
 #ifndef K9EREPL_ENGINE_REPL_STORAGE_H
 #define K9EREPL_ENGINE_REPL_STORAGE_H
 
@@ -164,9 +163,8 @@ class CK9eReplStorage final : public IK9eReplStorage {
     // Also destroys this object when it is released for the last time; see StorageLock.
     StorageLock m_lock{[](void* ctx) { delete static_cast<CK9eReplStorage*>(ctx); }, this};
 
-    // --- Guarded by m_lock. Each part knows the ones before it alone.
+    // --- Guarded by m_lock. Each object refers only to those before it.
     u32 m_walks = 0;  // enumerations that run, one inside another; 0: none
-    // Each object refers only to those declared before it.
     StorageStatus m_status;
     BlockStore m_blocks;
     FileOwner m_fileOwner{*this};

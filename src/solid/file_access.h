@@ -33,7 +33,7 @@ template <typename AnyFile>
         return RC_SYSTEM_ERROR;
     }
     if (*got < size) {
-        // No call has failed: the log shall not name an older failure as the cause.
+        // No call has failed: the log must not name an older failure as the cause.
         platform::SetLastSystemError(0);
         return RC_SHORT_READ;
     }

@@ -1,4 +1,4 @@
-// The storage file as the engine and hosts see it: forwards to its parts.
+// The storage file as the engine and hosts see it: forwards to the objects that it owns.
 #include "solid/solid_storage.h"
 
 #include <cassert>

@@ -72,22 +72,22 @@ class CSolidStorage final : public IK9eReplLLStorage {
 
     // --- Reading -----------------------------------------------------------------------------
 
-    // The load scan from the beginning, for hosts (host_scan.h), run by the owner under the
+    // The load scan from the beginning, for hosts (host_scan.h); the owner runs it under the
     // storage's lock. Before a load it places the write position as ScanFileFrom does. Once the
-    // storage is loaded or truncated it only reads, when everything queued is written, up to the
-    // write position: an item behind it belongs to a transaction that was undone. A callback may
-    // use the storage. One that loads, squeezes, truncates or clears everything ends the scan with
-    // RC_ENUM_STOP, for the items have moved.
+    // storage is loaded or truncated it only reads: it waits until everything queued is written,
+    // and goes up to the write position, because an item behind that belongs to a transaction that
+    // was undone. A callback may use the storage. One that loads, squeezes, truncates or clears
+    // everything ends the scan with RC_ENUM_STOP, because the items have moved.
     u32 ScanFile(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb, void* ctx) override;
 
-    // The load scan: checks every item from `startOffset` on (0 and 1056: from the file's first
-    // commit block), hands them out and places the write position behind the last valid commit
-    // block. Records behind that one have been handed out too: the caller drops those above
-    // GetFlushedRev. Faults in the file end the scan with a warning and are no error, unless there
-    // is no commit block at all or, from the beginning, none before the first record
-    // (RC_FILE_CORRUPT). Errors also: RC_SYSTEM_ERROR, RC_NO_MEMORY, RC_SHORT_READ when the system
-    // gives fewer bytes than the file has, a callback's result; the write position then stays where
-    // it was.
+    // The load scan: checks every item from the file offset `startOffset` on (0, 1024 and 1056:
+    // from the file's first commit block), hands the items out, and places the write position
+    // behind the last valid commit block. Records behind that block have been handed out, too: the
+    // caller drops those that came after the last call of `commitCb`. Faults in the file end the
+    // scan with a warning and are no error, unless there is no commit block at all or, from the
+    // beginning, none before the first record (RC_FILE_CORRUPT).
+    // Errors also: RC_SYSTEM_ERROR, RC_NO_MEMORY, RC_SHORT_READ when the system gives fewer bytes
+    // than the file has, a callback's result; the write position then stays where it was.
     // REQUIRES: startOffset is 0 or at least 1024.
     [[nodiscard]] u32 ScanFileFrom(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb,
                                    i64 startOffset, void* ctx);
@@ -128,11 +128,12 @@ class CSolidStorage final : public IK9eReplLLStorage {
     [[nodiscard]] u32 CheckWhole(i64 loadedFrom);
 
     // Hands the committed records of `range` to `visitor`. *completed is false if and only if the
-    // visitor stopped it, whose result is then returned. The visitor may use this object; what it
-    // writes is not enumerated. A record above the range ends it, if that can be believed: else
-    // damage might hide records.
+    // visitor stopped the enumeration; its result is then returned. The visitor may use this
+    // object; what it writes is not enumerated. A record above the range ends the enumeration, but
+    // only if it is credible: a revision that damage has made larger must not hide records behind
+    // it.
+    // Errors, logged: RC_BAD_DATA, RC_FILE_CORRUPT, RC_SYSTEM_ERROR, RC_NO_MEMORY.
     // REQUIRES: range.startOffset is 0 or at least 1024.
-    // Errors: RC_BAD_DATA, RC_FILE_CORRUPT, RC_SYSTEM_ERROR, RC_NO_MEMORY.
     [[nodiscard]] u32 EnumFileRecs(const FileEnumRange& range, FileItemVisitor visitor, void* ctx,
                                    bool* completed);
 
@@ -163,13 +164,15 @@ class CSolidStorage final : public IK9eReplLLStorage {
     [[nodiscard]] u32 BeginTransaction();
     // Flushes to the disk, with force_flush, and makes the read buffers forget what they hold.
     [[nodiscard]] u32 Commit();
-    // Goes back to BeginTransaction: the bytes written since are dead.
+    // Goes back to BeginTransaction: the bytes written since then are dead, and the next write
+    // overwrites them.
     [[nodiscard]] u32 RollbackWrites();
     // Zeroes what was rolled back, so that no load serves it; see StorageWriter::ClearUndone.
     [[nodiscard]] u32 ClearUndone();
 
-    // Hands one run of items to the writer; arguments as StorageWriter::Write. RC_BAD_DATA when
-    // `lastRevision` is below the last flushed revision.
+    // Hands one run of items to the writer. The arguments are those of StorageWriter::Write.
+    // Errors: those of the writer; RC_BAD_DATA, logged, when `lastRevision` is below the last
+    // flushed revision.
     [[nodiscard]] u32 WriteItems(u8* data, u32 size, TCommitBlock* commitBlock,
                                  K9eReplBlock* memoryBlock, i64 lastRevision,
                                  std::atomic<i64>* filePosition);
@@ -188,21 +191,22 @@ class CSolidStorage final : public IK9eReplLLStorage {
     // that removes something must end that enumeration.
 
     // Appends a commit block that says: records below `rev`, or below the clear revision if that is
-    // higher, are not served any more. With force_flush it is on the disk when this returns; the
-    // asynchronous writer has only queued it. A failure leaves the clear revision as it was, unless
-    // the notification has written behind the block.
+    // higher, are no longer served. With force_flush it is on the disk when this returns, unless
+    // the writer is asynchronous, which has only queued it. A failure leaves the clear revision as
+    // it was, unless OnWriteToFile has written something behind the block.
     [[nodiscard]] u32 SetClearRev(i64 rev);
 
-    // Starts the file over: without items, with `rev` as its clear and commit revision and with
-    // these header fields. The file on disk shrinks to file_initial_size if that is set. When this
-    // fails the beginning of the file may be damaged.
+    // Starts the file over: without items, with `rev` as its clear revision and commit revision,
+    // and with these header fields. If the setting file_initial_size is given, the file on disk
+    // gets that length; otherwise its length stays. When this fails, the beginning of the file may
+    // be damaged.
     [[nodiscard]] u32 TruncateToClearRev(i64 rev, u32 lifenum, i64 clearOldRev);
 
     // Copies what is kept into a new file, which takes the old one's place; *shift receives what
     // is to be added to the file offset of every kept item. The new file is made under the name
     // of the old one and ".temporary", which must be free; at any moment the file's name leads to
     // the old or the new file, unless the file system has no hard links: then, with keepBackup,
-    // the name is free for a moment while the backup already stands.
+    // the name is free for a moment while the backup already exists.
     // A failure up to the call of beforeReplace leaves the old file open, perhaps with its clear
     // revision raised; one after it closes the file.
     // REQUIRES: request.commitOffset is the offset of a commit block.

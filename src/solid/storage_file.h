@@ -53,7 +53,7 @@ class StorageFile {
     // The path as it was opened, links not followed; empty when closed.
     const std::string& Path() const { return m_state.path; }
 
-    // --- What the parts share
+    // --- What the objects around it share
 
     // The values that the writer reads and updates, perhaps on its own thread.
     StorageFileState& State() { return m_state; }

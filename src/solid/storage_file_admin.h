@@ -52,9 +52,10 @@ inline constexpr platform::FileOpenRequest kReadOnlyRequest = {
 [[nodiscard]] u32 OpenAndCheckFile(const std::string& path,
                                    const platform::FileOpenRequest& request, platform::File* file);
 
-// Writes the first 1064 bytes, extends the file to *initialSize bytes when that is more (else
-// *initialSize becomes 1064), leaves the file pointer at the first item and flushes to the disk.
-// Errors: RC_NO_MEMORY, RC_SYSTEM_ERROR; the file's content is then undefined.
+// Writes the first 1064 bytes, and makes the file *initialSize bytes long when that is more;
+// otherwise *initialSize becomes 1064 and a longer file keeps its length. Leaves the file pointer
+// at the first item and flushes to the disk.
+// Errors, logged: RC_NO_MEMORY, RC_SYSTEM_ERROR; the file's content is then undefined.
 [[nodiscard]] u32 InitNewFile(platform::File& file, const TFileHeader& header,
                               const TCommitBlock& firstCommit, i64* initialSize);
 
