@@ -45,7 +45,7 @@ void RecordWalk::WalkFrom(i64 startRev) {
 RecordWalk::Walk RecordWalk::WalkMemory(i64 firstRev, const IndexEntry& entry, i64 startRev) {
     assert(entry.block != nullptr);
     const K9eReplBlock& block = *entry.block;
-    // A visitor may append to this very block: so its used size is read each time.
+    // A visitor may append to this very block, so its used size is read each time.
     for (u64 offset = 0; offset < block.used;) {
         BlockRecord record;
         if (!ReadBlockRecord(block, offset, &record)) {

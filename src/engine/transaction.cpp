@@ -28,7 +28,7 @@ u32 Transaction::BeginOutermost() {
     m_depth = 1;
     m_start = {m_blocks.NextRev(), m_blocks.Blocks().empty() ? 0 : m_blocks.Newest().used};
     m_dataSize = 0;
-    // A transaction that a callback of a flush begins begins none in the file: the flush has one
+    // When a callback of a flush begins a transaction, none is begun in the file: the flush has one
     // open there and must be able to go back to its own beginning.
     if (m_settings.HasFile() && m_status.FileIsIdle()) {
         u32 rc = RC_OK;
@@ -172,7 +172,8 @@ u32 Transaction::FlushIfNeeded() {
     return m_flusher.FailAtTop(rc);
 }
 
-// A failed idle flush leaves no transaction to commit or roll back; this is its way out.
+// A failed idle flush leaves no transaction to commit or roll back, so both calls try the flush
+// again.
 void Transaction::RetryFlush() {
     assert(!IsOpen());
     if (m_status.State() == StorageState::kFlushFailed) {

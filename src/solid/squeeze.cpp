@@ -79,7 +79,7 @@ u32 Squeeze::Run(i64* shift) {
     return RC_OK;
 }
 
-// On the way out by failure the temporary file is deleted, unless it is the storage file by then.
+// After a failure the temporary file is deleted, unless it has become the storage file.
 u32 Squeeze::CopyAndReplace() {
     TFileHeader header;
     TCommitBlock kept;

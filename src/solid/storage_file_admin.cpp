@@ -62,8 +62,8 @@ bool OpenUnlessThere(const std::string& path, u32 flags, File* file, bool* exist
     return RC_SYSTEM_ERROR;
 }
 
-// Empties the file or makes it, and has its index file deleted; a file that another writer has
-// stays.
+// Empties the file or makes it, and has its index file deleted. A file that another writer has is
+// left as it is.
 [[nodiscard]] u32 OpenToReplace(const char* connStr, IndexRemover removeIndex,
                                 const std::string& path, bool lock, File* file, bool* existed) {
     bool opened = false;
@@ -126,7 +126,7 @@ bool Replaces(u32 flags) {
     return RC_OK;
 }
 
-// A new file that is deleted again unless its creation comes to its end.
+// A new file that is deleted again unless its creation is finished.
 class UnfinishedFile {
   public:
     // `path` is where the file lies, links followed.
