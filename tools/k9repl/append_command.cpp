@@ -1,4 +1,5 @@
-// The append command: reads, appends, closes, and tells what is stored.
+// The append command: reads the input, appends its records, closes the storage and reports what is
+// stored.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -41,15 +42,17 @@ std::string Summary(const AppendTotals& totals, double seconds) {
                        rate);
 }
 
-// The lines of --ack: each revision of this run, once it is stored.
+// Prints the lines of --ack: each revision of this run, once it is stored.
 class Acknowledgements {
   public:
-    // Revisions that the storage was loaded with are not acknowledged.
+    // `loadedRev` is the last revision that the storage was loaded with, 0 if there is none.
+    // Nothing up to it is acknowledged.
     explicit Acknowledgements(std::int64_t loadedRev) : m_lastRev(loadedRev) {}
 
     bool IsBehind(const AppendTotals& totals) const { return m_lastRev < totals.lastRev; }
 
-    // Throws ToolError when they cannot be printed. A reader that went away is told nothing more.
+    // Throws ToolError if a line cannot be printed. If the reader of the lines is gone, prints
+    // nothing more.
     void Print(const AppendTotals& totals, const StoredRevision& stored) {
         const std::int64_t upTo = std::min(stored.Get(), totals.lastRev);
         if (m_lastRev >= upTo) {
@@ -64,7 +67,7 @@ class Acknowledgements {
 
   private:
     Output m_output{OnInterrupt::kFinish};
-    std::int64_t m_lastRev;  // that was printed
+    std::int64_t m_lastRev;  // the last one that was printed or needs no line; 0 if there is none
 };
 
 // One run of the command, from the loaded storage to its close.
@@ -82,7 +85,8 @@ class AppendRun {
         }
     }
 
-    // Whatever happens to the input, the records before it are committed and the storage closed.
+    // Whatever goes wrong with the input, the records that were read before that are committed, and
+    // the storage is closed.
     int Run(RecordReader& reader) {
         InputState end = InputState::kEnd;
         Attempt([&] { end = AppendAll(reader); });
@@ -102,7 +106,7 @@ class AppendRun {
     }
 
   private:
-    // Records that are appended take the place of the data behind the damage.
+    // Appended records would overwrite the data after the damage, so the user has to allow that.
     void RefuseDamage(bool accept) const {
         const auto damage = m_storage.TakeDamage();
         if (!damage) {
@@ -131,8 +135,8 @@ class AppendRun {
         }
     }
 
-    // The library stores some revisions on threads of its own: while there are such, look for them
-    // every now and then.
+    // The library may store a revision on one of its own threads. While we wait for such a
+    // revision, look every 20 ms whether it has been stored.
     Deadline NextDeadline() const {
         constexpr auto kLookEvery = std::chrono::milliseconds(20);
         const bool waits = m_acks && m_acks->IsBehind(m_transactions.Totals());
@@ -146,7 +150,7 @@ class AppendRun {
         }
     }
 
-    // The first failure is the one that is told.
+    // Keeps the first failure, which is the one that the message names.
     template <typename Step>
     void Attempt(Step step) {
         try {
@@ -158,7 +162,7 @@ class AppendRun {
         }
     }
 
-    // With --ack, standard output has nothing but revisions.
+    // With --ack, standard output carries revisions only, so the summary goes to standard error.
     void PrintSummaryOfSuccess() const {
         if (m_failure) {
             return;
@@ -181,12 +185,12 @@ class AppendRun {
         }
     }
 
-    StoredRevision m_stored;  // outlives the storage, whose close still reports to it
+    StoredRevision m_stored;  // outlives m_storage, which still reports to it while it closes
     StorageHandle m_storage;
     AppendTransactions m_transactions;
     ProgressLine m_progress;
     std::optional<Acknowledgements> m_acks;  // empty without --ack
-    std::optional<ToolError> m_failure;
+    std::optional<ToolError> m_failure;      // the first failure; empty if there is none
 };
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Transactions of append, and the callbacks that tell what is stored.
+// The transactions of append, and the callbacks that report what is stored.
 #include "append_transactions.h"
 
 #include <fmt/format.h>
@@ -13,7 +13,8 @@ namespace k9repl {
 
 namespace {
 
-// More than any sensible flush_trans_num, and still only a moment.
+// How many empty commits CommitUntil makes at most. This is more than any sensible flush_trans_num
+// and still takes only a moment.
 constexpr int kFlushingCommitsMax = 1000;
 
 }  // namespace
@@ -84,8 +85,8 @@ void AppendTransactions::Finish() {
     CommitUntil([this] { return m_stored.Get() >= m_totals.lastRev; });
 }
 
-// An empty transaction counts towards flush_trans_num and changes nothing else; unlike the flush of
-// a close, its commit tells whether the flush failed, and why.
+// An empty transaction counts towards flush_trans_num and changes nothing else. The commit also
+// returns a code if the flush fails; closing the storage would not.
 template <typename Condition>
 void AppendTransactions::CommitUntil(Condition reached) {
     for (int i = 0; i < kFlushingCommitsMax && !reached(); ++i) {
@@ -97,8 +98,8 @@ void AppendTransactions::CommitUntil(Condition reached) {
 void AppendTransactions::Begin() {
     std::uint32_t code = K9eReplStorageBeginTransaction(m_storage.Get());
     if (code == RC_WRONG_STATE) {
-        // A flush that failed while the storage was idle stands in the way; a commit tries it
-        // again.
+        // An earlier flush of the idle storage failed, and no transaction can begin until it
+        // succeeds. A commit tries it again.
         K9eReplStorageCommit(m_storage.Get());
         code = K9eReplStorageBeginTransaction(m_storage.Get());
     }

@@ -1,4 +1,4 @@
-// The cat command: enumerates and prints records in one of its formats.
+// The cat command: enumerates the records and prints them in one of its formats.
 #include <fmt/format.h>
 #include <k9erepl/storage.h>
 
@@ -26,7 +26,7 @@ bool IsContinuation(unsigned byte) {
     return (byte & 0xC0U) == 0x80U;
 }
 
-// The size in bytes of the character at the start of `bytes`, 0 when there is no valid one.
+// Returns the size in bytes of the character at the start of `bytes`; 0 if there is no valid one.
 std::size_t Utf8CharacterSize(std::string_view bytes) {
     const unsigned first = ByteAt(bytes, 0);
     const unsigned second = ByteAt(bytes, 1);
@@ -51,7 +51,7 @@ std::size_t Utf8CharacterSize(std::string_view bytes) {
     return IsContinuation(ByteAt(bytes, 3)) ? 4 : 0;
 }
 
-// Strict: refuses overlong forms, surrogates, and everything above U+10FFFF.
+// Strict: returns false for overlong forms, for surrogates and for everything above U+10FFFF.
 bool IsUtf8(std::string_view bytes) {
     while (!bytes.empty()) {
         const std::size_t size = Utf8CharacterSize(bytes);
@@ -111,7 +111,7 @@ class RecordPrinter {
   public:
     RecordPrinter(Output& output, RecordFormat format) : m_output(output), m_format(format) {}
 
-    // False when the output has failed.
+    // Returns false if the output has failed.
     bool Print(const K9eReplRec& record);
 
   private:
@@ -136,11 +136,11 @@ bool RecordPrinter::Print(const K9eReplRec& record) {
 struct PrintingContext {
     RecordPrinter& printer;
     bool interrupted = false;
-    std::exception_ptr failure = nullptr;  // carried around the library
+    std::exception_ptr failure = nullptr;  // must not pass through the library, so it is kept here
 };
 
-// A failed output stops the enumeration, too, and so does a reader that went away; the output
-// itself remembers why.
+// Stops the enumeration on an interrupt, if the output fails, and if the reader of the output is
+// gone. The output itself remembers why it stopped.
 std::uint32_t K9EREPL_CALL PrintRecord(const K9eReplRec* record, void* cbContext) {
     auto& context = *static_cast<PrintingContext*>(cbContext);
     context.interrupted = InterruptSignal() != 0;
@@ -174,7 +174,7 @@ int RunCat(const CatOptions& options) {
     if (context.interrupted) {
         throw InterruptError();
     }
-    output.Finish();  // what was read before a failure is printed
+    output.Finish();  // prints what was read before a failure, too
     if (!output.ReaderIsGone()) {
         storage.Check(code, "read");
     }

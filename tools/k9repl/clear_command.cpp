@@ -1,5 +1,6 @@
-// The clear command: looks, clears, looks again, and tells the difference. A squeeze shows how far
-// it is, by the sizes in the library's information messages.
+// The clear command: reads the facts of the storage, clears, reads them again and prints what
+// changed. The library's information messages say how far a squeeze has come, so the command can
+// show its progress.
 #include <fmt/format.h>
 #include <k9erepl/storage.h>
 
@@ -33,7 +34,7 @@ bool IsAboveNext(const ClearOptions& options, const StorageFacts& facts) {
     return options.mode != ClearMode::kMark && facts.oldestRev && options.to > facts.nextRev;
 }
 
-// Asks while the storage is closed, so that other processes can use it while the user thinks.
+// Asks the user while the storage is closed, so that other processes can use it meanwhile.
 void AskFirst(const ClearOptions& options) {
     std::string question;
     {
@@ -66,9 +67,9 @@ std::string InterruptRemark() {
                              ": finishing the squeeze, once more ends it here";
 }
 
-// Shows on the terminal how far a squeeze has copied: while it lives it listens to what the
-// library logs of its copying. Silent without a terminal and where the user steers the log. One at
-// a time.
+// Shows on the terminal how much a squeeze has copied. As long as the object lives, it listens to
+// what the library logs about the copying. It shows nothing if there is no terminal or if the user
+// steers the log. There may be one object at a time.
 class SqueezeProgress {
   public:
     SqueezeProgress();
@@ -81,7 +82,7 @@ class SqueezeProgress {
     void Show(std::uint64_t copied);
 
     ProgressLine m_line;
-    std::uint64_t m_total = 0;  // bytes that are to be copied
+    std::uint64_t m_total = 0;  // bytes to copy; 0 until the library has logged how many
 };
 
 SqueezeProgress::SqueezeProgress() {
@@ -110,7 +111,7 @@ void SqueezeProgress::OnInformation(std::string_view text) noexcept {
     }
 }
 
-// The copy counts only once it is on the disk, and that may take as long as the copying.
+// The flush to the disk that follows the copying may take as long as the copying itself.
 void SqueezeProgress::Show(std::uint64_t copied) {
     const std::string waiting = copied == m_total ? ", waiting for the disk" : "";
     m_line.ShowCopied(copied, m_total, waiting + InterruptRemark());
@@ -144,7 +145,7 @@ class ClearRun {
   private:
     bool MaySqueeze() const { return Squeezes(m_options.mode) && m_options.to < m_before.nextRev; }
 
-    // A typing error in the revision must not cost everything.
+    // A typing error in the revision must not remove everything.
     void RefuseAboveNext() const {
         if (!m_options.all && IsAboveNext(m_options, m_before)) {
             throw ToolError(fmt::format("{} is above the next revision, {}, and would take "
@@ -154,7 +155,7 @@ class ClearRun {
         }
     }
 
-    // The library would notice only after it has cleared logically.
+    // The library would notice only after it has written the clear revision to the old file.
     void RefuseWhatCannotSqueeze() const {
         const bool removes = m_before.oldestRev && *m_before.oldestRev < m_options.to;
         const std::string obstacle = TemporaryInTheWay(m_storage.Path());
@@ -170,8 +171,9 @@ class ClearRun {
         }
     }
 
-    // When no record is below the revision, ask the library for a revision that clears nothing: it
-    // still squeezes out what was cleared logically before, but never copies a file for nothing.
+    // Returns the revision to ask the library for. If no record is below the user's revision, this
+    // is 0, which clears nothing: the library then squeezes out what was cleared logically before,
+    // and does not copy the file if there is no such data.
     std::int64_t EffectiveRev() const {
         const bool removesNothing = m_before.oldestRev && m_options.to <= *m_before.oldestRev;
         return removesNothing && m_options.mode != ClearMode::kMark ? 0 : m_options.to;
@@ -192,7 +194,7 @@ class ClearRun {
         }
     }
 
-    // Told behind the message of a failed clear.
+    // Returns what follows the message of a failed clear: where the data is now.
     std::string WhereTheDataIs(const std::string& obstacle) const {
         if (const std::string backedUp = MissingButBackedUp(m_storage.Path()); !backedUp.empty()) {
             return "; " + backedUp;
@@ -203,7 +205,7 @@ class ClearRun {
         return "; " + Reopened();
     }
 
-    // Opens the storage again, because a look at it is worth more than a promise.
+    // Opens the storage again, so that the message says what is really there.
     std::string Reopened() const {
         try {
             const StorageHandle storage(m_options.conn, Access::kRead);
@@ -232,15 +234,15 @@ class ClearRun {
         return fmt::format("nothing{}: {}", squeezed ? " new, but squeezed" : "", why);
     }
 
-    // A squeeze puts another file into the storage file's place.
+    // A squeeze replaces the storage file by another file.
     bool WasSqueezed() const { return IdentityOf(m_storage.Path()) != m_fileBefore; }
     bool MadeBackup() const { return m_options.mode == ClearMode::kSqueezeBackup && WasSqueezed(); }
 
     const ClearOptions& m_options;
     StorageHandle m_storage;
     StorageFacts m_before;
-    StorageFacts m_after;
-    FileIdentity m_fileBefore;
+    StorageFacts m_after;       // as constructed until the clear has succeeded
+    FileIdentity m_fileBefore;  // of the storage file before the clear
 };
 
 }  // namespace

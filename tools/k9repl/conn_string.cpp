@@ -1,4 +1,5 @@
-// The table of settings with the check against it, and the few values that the tool itself needs.
+// The table of known settings, the check of a connection string against it, and the few values that
+// the tool itself needs.
 #include "conn_string.h"
 
 #include <fmt/format.h>
@@ -27,13 +28,13 @@ std::string_view WithoutTrailing(std::string_view text) {
     return text.substr(0, text.find_last_not_of(kBlanks) + 1);
 }
 
-// One item of a connection string; it lives as long as the string.
+// One item of a connection string. Valid as long as the string.
 struct ConnItem {
     std::string_view key;    // without blanks around it
-    std::string_view value;  // without blanks in front of it; empty without "="
+    std::string_view value;  // without blanks in front of it; empty if the item has no "="
 };
 
-// The items in their order; empty ones (";;") are left out.
+// Returns the items in their order, without empty ones (";;").
 std::vector<ConnItem> ConnItems(std::string_view conn) {
     std::vector<ConnItem> items;
     while (!conn.empty()) {
@@ -50,11 +51,11 @@ std::vector<ConnItem> ConnItems(std::string_view conn) {
     return items;
 }
 
-// The library passes over what it does not know; the tool refuses it, so that a slip is seen before
-// it costs data.
+// The library ignores items that it does not know. The tool refuses them, so that the user notices
+// a typing error before it costs data.
 enum class ValueKind {
-    kPath,
-    kNumber,       // optional sign, decimal digits
+    kPath,         // any text
+    kNumber,       // an optional sign, then decimal digits
     kWord,         // one of the words, as written
     kWordAnyCase,  // one of the words, in any case of letters
     kCache,        // AllInMem, or Last and digits
@@ -63,13 +64,16 @@ enum class ValueKind {
 struct Setting {
     std::string_view key;
     ValueKind kind;
+    // The words that are allowed, and of which an error message suggests the nearest one. Empty for
+    // a path or a number.
     std::vector<std::string_view> words = {};
-    // The setting and its value without which the library does not read this one.
+    // The library reads this setting only if the setting `neededKey` has the value `neededValue`.
+    // Both are empty if the library always reads it.
     std::string_view neededKey = {};
     std::string_view neededValue = {};
 };
 
-// docs/configuration.md tells what each does.
+// docs/configuration.md describes each of them.
 const std::vector<Setting>& KnownSettings() {
     static const std::vector<std::string_view> yesNo = {"yes", "no"};
     static const std::vector<Setting> settings = {
@@ -107,7 +111,7 @@ std::string Lower(std::string_view text) {
     return lower;
 }
 
-// The fewest letters to insert, drop or exchange; the case of letters does not count.
+// Returns the smallest number of letters to insert, drop or exchange that turns `from` into `to`.
 std::size_t EditDistance(const std::string& from, const std::string& to) {
     std::vector<std::size_t> row(to.size() + 1);
     std::iota(row.begin(), row.end(), std::size_t{0});

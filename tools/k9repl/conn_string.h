@@ -1,5 +1,5 @@
-// Connection strings: whether one says what its author meant, and the few settings that the tool
-// itself needs, read by the library's own functions. The command line checks every --conn.
+// Checks connection strings for typing errors, and reads the few settings that the tool itself
+// needs with the library's own functions. The command line checks every --conn.
 #ifndef K9EREPL_K9REPL_CONN_STRING_H
 #define K9EREPL_K9REPL_CONN_STRING_H
 
@@ -11,30 +11,29 @@
 
 namespace k9repl {
 
-// Empty when every item of `conn` is a known key with a value of its kind, given once, and with an
-// effect; else a sentence that names the item and the nearest known one. Ranges of numbers are the
-// library's to judge.
+// Returns an empty text if every item of `conn` is a known key that is given once, has a value of
+// the right kind and has an effect. Otherwise returns a sentence that names the item and, for an
+// unknown key or word, the nearest known one. The library checks the ranges of numbers.
 std::string WhatIsWrongWith(std::string_view conn);
 
-// The value of `key`, or an empty text when it is absent.
+// The value of `key`; empty if it is absent.
 std::string ConnValue(const std::string& conn, const char* key);
 
-// The storage file's path, as it stands.
+// The storage file's path as `conn` gives it; empty if it is absent.
 std::string StoragePath(const std::string& conn);
 
-// The index file's path: index_file, else derived from file; empty when there is none.
+// The index file's path: index_file, or a path derived from file; empty if there is no index file.
 std::string IndexPath(const std::string& conn);
 
-// "block_size=200", with ", the default" behind it where `conn` has none.
+// "block_size=200", followed by ", the default" if `conn` does not set it.
 std::string BlockSizeInWords(const std::string& conn);
 
 using k9erepl::kFileRecordSizeMax;
 
-// The most bytes of data that a record of this storage can have, and why, in words that end a
-// sentence: which setting allows no more, and what to do.
+// The largest record that a storage takes, and why.
 struct RecordLimit {
-    std::uint32_t dataSizeMax;
-    std::string reason;
+    std::uint32_t dataSizeMax;  // bytes of data, inclusive
+    std::string reason;         // ends a sentence: which setting is the limit, and what to do
 };
 RecordLimit RecordLimitOf(const std::string& conn);
 

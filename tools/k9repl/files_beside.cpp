@@ -1,4 +1,4 @@
-// Looks for the files and words what they mean.
+// Looks for the files, and builds the sentences about them.
 #include "files_beside.h"
 
 #include <fmt/format.h>
@@ -14,7 +14,8 @@ namespace k9repl {
 
 namespace {
 
-// For the commit block that records the clear, in the old file and in the copy, and for its index.
+// Bytes that a squeeze needs besides the copy: for the commit block that records the clear, in the
+// old file and in the copy, and for the index file.
 constexpr std::uint64_t kCopySpare = 4096;
 
 std::optional<FileBeside> Find(const std::string& storagePath, const char* ending) {
@@ -79,7 +80,7 @@ std::string NoRoomForCopy(const std::string& storagePath, std::int64_t keptFrom)
         std::filesystem::absolute(FollowLink(storagePath), error).parent_path();
     const std::filesystem::space_info room = std::filesystem::space(folder, error);
     const std::optional<std::uint64_t> fileSize = FileSize(storagePath);
-    // The file is read only where it is in doubt that the copy, which is never larger, has room.
+    // The copy is never larger than the file. Read the file only if the file itself would not fit.
     if (error || !fileSize || *fileSize + kCopySpare <= room.available) {
         return {};
     }

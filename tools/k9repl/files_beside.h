@@ -1,8 +1,7 @@
-// Files by their path: their size, and those that the library makes beside a storage file. Of a
-// squeeze: ".temporary", the copy while it is not yet complete, and ".backup", the file as it was
-// before. Of a load:
-// ".damaged-tail", what lay behind a damage. Where one was left behind, these sentences say what it
-// is and what to do. Used wherever a storage is opened, by stat and by clear.
+// The files that the library makes next to a storage file. A squeeze makes ".temporary", the copy
+// until it is complete, and ".backup", the file as it was before. A load makes ".damaged-tail", the
+// bytes after damage in the middle of the file. If such a file was left behind, the sentences here
+// say what it is and what to do. Used wherever a storage is opened, and by stat, verify and clear.
 #ifndef K9EREPL_K9REPL_FILES_BESIDE_H
 #define K9EREPL_K9REPL_FILES_BESIDE_H
 
@@ -12,7 +11,7 @@
 
 namespace k9repl {
 
-// The size in bytes of the file at `path`, when there is one.
+// The size in bytes of the file at `path`; empty if there is none.
 std::optional<std::uint64_t> FileSize(const std::string& path);
 
 struct FileBeside {
@@ -20,27 +19,27 @@ struct FileBeside {
     std::uint64_t size;  // in bytes
 };
 
-// The files beside the storage file at `storagePath`, when they are there. Where that path is a
-// symbolic link they lie beside what it leads to.
+// The files next to the storage file at `storagePath`; empty if they do not exist. If that path is
+// a symbolic link, they lie next to the link's target.
 std::optional<FileBeside> FindTemporary(const std::string& storagePath);
 std::optional<FileBeside> FindBackup(const std::string& storagePath);
-// The first one; ".damaged-tail.1" and so on may lie beside it.
+// Finds ".damaged-tail" only; ".damaged-tail.1" and so on may exist, too.
 std::optional<FileBeside> FindDamagedTail(const std::string& storagePath);
 
 // "'data.edb.backup' (1064 bytes)".
 std::string Describe(const FileBeside& file);
 
-// A sentence that the data is in the backup. Empty unless the storage file is missing while a
-// backup is there.
+// A sentence that says that the data is in the backup. Empty unless the storage file is missing and
+// a backup exists.
 std::string MissingButBackedUp(const std::string& storagePath);
 
-// A sentence that a temporary file is in the way of a squeeze; empty when there is none.
+// A sentence that says that a temporary file prevents a squeeze; empty if there is none.
 // REQUIRES: the file at `storagePath` was opened as a storage.
 std::string TemporaryInTheWay(const std::string& storagePath);
 
-// A sentence that the file system has no room for the copy of the revisions from `keptFrom` on.
-// Empty when it has, or when that is not known. A backup needs no room: it is the old file under a
-// second name, or moved.
+// A sentence that says that the file system has no room for the copy of the revisions from
+// `keptFrom` on. Empty if it has room, or if that is not known. A backup needs no room: it is the
+// old file under a second name, or renamed.
 std::string NoRoomForCopy(const std::string& storagePath, std::int64_t keptFrom);
 
 }  // namespace k9repl

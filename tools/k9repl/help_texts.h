@@ -1,4 +1,4 @@
-// The help that teaches the commands. Used by the command line alone.
+// The texts that --help prints. Only main.cpp uses them.
 #ifndef K9EREPL_K9REPL_HELP_TEXTS_H
 #define K9EREPL_K9REPL_HELP_TEXTS_H
 

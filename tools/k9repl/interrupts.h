@@ -1,7 +1,7 @@
-// SIGINT, SIGTERM and SIGHUP as a request to finish cleanly. A second signal of the same kind ends
-// the process at once. On Windows Ctrl-C and Ctrl-Break are SIGINT, the end of the console window
-// or of the session SIGHUP, and the machine's shutdown SIGTERM. Used by the
-// streams, which wait, and by commands, which ask between two steps.
+// Takes SIGINT, SIGTERM and SIGHUP as a request to finish cleanly. A second signal of the same kind
+// ends the process at once. On Windows, Ctrl-C and Ctrl-Break count as SIGINT, closing the console
+// window or logging off as SIGHUP, and shutting the machine down as SIGTERM. The streams use this
+// in their waits, and the commands ask between two steps.
 #ifndef K9EREPL_K9REPL_INTERRUPTS_H
 #define K9EREPL_K9REPL_INTERRUPTS_H
 
@@ -9,18 +9,19 @@
 
 namespace k9repl {
 
-// From here on the signals are caught, and writing into a closed pipe is an error like any other
-// instead of a signal. Called once, before another thread runs.
+// Starts to catch the signals. From then on, writing to a closed pipe is an ordinary error and not
+// a signal. Call it once, before another thread runs. Throws ToolError.
 void CatchInterrupts();
 
-// The number of the signal that came last, 0 when none came.
+// The number of the last signal that was caught; 0 if there was none.
 int InterruptSignal();
 
-// "SIGTERM"; "a signal" for one that is not caught.
+// The name of a signal, such as "SIGTERM"; "a signal" for one that we do not catch.
 const char* InterruptName(int signal);
 
-// Tells a wait of posix/ or windows/ about an interrupt: a descriptor that becomes readable with
-// the first caught signal, on Windows the handle of an event that is set then. It stays so.
+// What a wait in posix/ or windows/ watches to notice an interrupt: a descriptor that becomes
+// readable with the first caught signal, on Windows the handle of an event that is set then. It
+// stays readable, or set.
 // REQUIRES: CatchInterrupts was called.
 std::intptr_t InterruptWaitObject();
 

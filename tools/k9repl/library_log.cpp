@@ -1,4 +1,4 @@
-// Catches the library's error messages through the system library's sink.
+// Catches the library's messages through the log sink of the system library.
 #include "library_log.h"
 
 #include <fmt/format.h>
@@ -16,18 +16,20 @@ namespace k9repl {
 
 namespace {
 
-// The first messages of a failure are its cause; a flood behind them is not kept.
+// How many messages are kept at most. The first messages of a failure name its cause; a flood of
+// later ones is dropped.
 constexpr std::size_t kMessagesMax = 32;
 
 constexpr const char* kStorageModule = "k9eRepl-storage";
 
 bool UserSteersTheLog() {
-    // Read before any other thread of the process runs.
+    // Called before any other thread of the process runs.
     return std::getenv("K9SYS_LOG") != nullptr ||     // NOLINT(concurrency-mt-unsafe)
            std::getenv("K9SYS_LOG_FILE") != nullptr;  // NOLINT(concurrency-mt-unsafe)
 }
 
-// "Cannot write data;sys-err 28" gets " (No space left on device)" behind it.
+// Appends the meaning of a system error to its number: "Cannot write data;sys-err 28" gets
+// " (No space left on device)".
 std::string WithSystemErrorInWords(std::string text) {
     static const std::regex kSystemError("sys-?err:? ([0-9]+)", std::regex::icase);
     std::smatch found;
@@ -39,7 +41,7 @@ std::string WithSystemErrorInWords(std::string text) {
     return text;
 }
 
-// Cuts the connection string off: it only repeats the user's own input.
+// Removes the connection string, which only repeats the user's own input.
 std::string Readable(const std::string& text) {
     return WithSystemErrorInWords(text.substr(0, text.find(";conn-str ")));
 }
@@ -86,7 +88,7 @@ void LibraryLog::Listen(Listener listener) {
     if (!m_catching) {
         return;
     }
-    // If there is no memory for the level, the listener hears nothing; nothing else is lost.
+    // If there is no memory to set the level, the listener gets no messages; nothing else is lost.
     K9SysSetLogLevel(kStorageModule, listener ? K9SYS_LOG_INFO : K9SYS_LOG_ERROR);
     const std::lock_guard guard(m_mutex);
     m_listener = std::move(listener);

@@ -1,8 +1,8 @@
-// Keeps what the library logs about a failure. The library tells causes in its log, not in its
-// codes; the tool catches the error messages so that its own sentence can name the cause.
+// Keeps what the library logs about a failure. The library's log names the cause, its result code
+// does not; the tool catches the error messages so that its own message can name the cause.
 //
-// When the user steers the log (K9SYS_LOG or K9SYS_LOG_FILE is set), messages go where the user
-// wants them and nothing is caught.
+// If the user steers the log, that is if K9SYS_LOG or K9SYS_LOG_FILE is set, messages go where the
+// user wants them, and the tool catches nothing.
 #ifndef K9EREPL_K9REPL_LIBRARY_LOG_H
 #define K9EREPL_K9REPL_LIBRARY_LOG_H
 
@@ -24,36 +24,39 @@ struct LibraryMessage {
     std::string text;
 };
 
-// Safe for all threads: the library's own threads log too.
+// Any thread may call it: the library's own threads log, too.
 class LibraryLog {
   public:
     static LibraryLog& Instance();
 
-    // Begins to catch. Called once, before the library is used.
+    // Starts to catch messages, unless the user steers the log. Call it once, before the library is
+    // used.
     void Catch();
 
-    // The text that explains `code`: of the first message caught with it, or, when the code only
-    // says that an earlier failure stands in the way, of the first one caught. Empty when there is
-    // none. Forgets everything caught so far.
+    // Returns the text of the first message caught with `code`. If there is none, or if the code is
+    // RC_WRONG_STATE, which only says that something failed earlier, returns the text of the first
+    // message caught at all; empty if there is none. Forgets all messages.
     std::string TakeCauseOf(std::uint32_t code);
 
-    // False when the user steers the log: nothing is known of what the library said.
+    // False if the user steers the log. Then we do not know what the library has logged.
     bool IsCatching() const { return m_catching; }
 
-    // Takes the first message caught that begins with `begin` and leaves the others.
+    // Removes and returns the first caught message that begins with `begin`, and keeps the others;
+    // empty if there is none.
     std::optional<LibraryMessage> TakeBeginningWith(std::string_view begin);
 
-    // The first message caught. Forgets everything caught so far.
+    // Returns the first caught message, empty if there is none. Forgets all messages.
     std::optional<LibraryMessage> TakeFirst();
 
-    // Hands each information message of the library to `listener` from now on, on the thread that
-    // logs; an empty listener ends it, and is not running any more when this returns. Does nothing
-    // when nothing is caught. The listener must not throw, nor use this object.
+    // From now on passes each information message of the library to `listener`, on the thread that
+    // logs it. An empty listener ends that; when this returns, the previous listener is no longer
+    // running. Does nothing if messages are not caught. The listener must not throw and must not
+    // use this object.
     using Listener = std::function<void(std::string_view text)>;
     void Listen(Listener listener);
 
-    // Prints on standard error what was caught though everything went well in the end, a line each,
-    // and forgets it.
+    // Prints every message that is left on standard error, one on each line, and forgets them.
+    // Called if the command has succeeded in spite of them.
     void TellRest(const std::string& toolName);
 
   private:
@@ -63,10 +66,10 @@ class LibraryLog {
     void Add(std::uint32_t code, const char* text);
     void Tell(const char* text);
 
-    bool m_catching = false;  // set before another thread runs
+    bool m_catching = false;  // set before another thread runs, constant afterwards
     std::mutex m_mutex;
-    Listener m_listener;                     // guarded by m_mutex
-    std::vector<LibraryMessage> m_messages;  // guarded by m_mutex; at most kMessagesMax
+    Listener m_listener;                     // guarded by m_mutex; empty if nobody listens
+    std::vector<LibraryMessage> m_messages;  // guarded by m_mutex; at most kMessagesMax, in order
 };
 
 }  // namespace k9repl

@@ -1,6 +1,6 @@
 // k9repl: appends to, prints, checks and clears replication storages from the command line. This
-// file parses the command line, runs the command that it names, and prints the failure that ends
-// it.
+// file parses the command line, runs the command that it names, and prints the failure if the
+// command ends with one.
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
@@ -28,7 +28,7 @@ namespace k9repl {
 
 namespace {
 
-// Decimal digits and nothing else: a slip must not become another number, nor the nearest one.
+// Takes decimal digits and nothing else: a typing error must not silently become another number.
 template <typename T>
 bool ParseNumber(const std::string& text, T least, T* number) {
     const char* const end = text.data() + text.size();
@@ -62,7 +62,7 @@ CLI::Option* AddConn(CLI::App& command, std::string& conn) {
             CLI::Validator([](const std::string& given) { return WhatIsWrongWith(given); }, ""));
 }
 
-// The words that an option takes, and what they stand for.
+// The words that an option takes, and what each of them stands for.
 template <typename T>
 using Words = std::vector<std::pair<std::string, T>>;
 
@@ -175,7 +175,8 @@ CLI::App* AddTruncate(CLI::App& app, TruncateOptions& options) {
     return command;
 }
 
-// Prints the help that was asked for, or what is wrong with the command line.
+// Prints the help if the user asked for it, otherwise what is wrong with the command line. Returns
+// the exit status.
 int Explain(const CLI::App& app, const CLI::ParseError& error) {
     if (error.get_exit_code() == kExitSuccess) {
         std::ostringstream help;
@@ -191,9 +192,9 @@ int Explain(const CLI::App& app, const CLI::ParseError& error) {
     return kExitUsage;
 }
 
-// Runs the command and returns the exit status. *toolName receives "k9repl append" as soon as the
-// command is known, for messages. A wrong command line is explained on standard error and answers
-// kExitUsage; every other failure is thrown as a ToolError.
+// Runs the command and returns the exit status. As soon as the command is known, *toolName receives
+// its name for messages, such as "k9repl append". If the command line is wrong, prints why on
+// standard error and returns kExitUsage; throws every other failure as a ToolError.
 int RunCommandLine(int argc, const char* const* argv, std::string* toolName) {
     AppendOptions appendOptions;
     CatOptions catOptions;

@@ -1,6 +1,6 @@
-// Gathers standard output and hands it to the system in larger pieces; writes messages through the
-// C library. The progress line is written with a carriage return in front, the rest of the
-// terminal's line erased.
+// Collects standard output and writes it to the system in larger pieces; writes messages through
+// the C library. The progress line is rewritten in place: a carriage return, then the sequence that
+// erases the rest of the line, then the text.
 #include "output.h"
 
 #include <fmt/format.h>
@@ -48,7 +48,7 @@ bool Output::WriteOut() {
     return !m_error;
 }
 
-// The results of the C library are of no use here.
+// Ignores the results of the C library: there is nowhere to report a failure.
 void PrintMessage(std::string_view text) {
     (void)std::fwrite(text.data(), 1, text.size(), stderr);
     (void)std::fflush(stderr);

@@ -1,5 +1,5 @@
-// Prints for every command: results on standard output; failures, notes and the progress line on
-// standard error.
+// Prints for every command: results on standard output, and failures, notes and the progress line
+// on standard error.
 #ifndef K9EREPL_K9REPL_OUTPUT_H
 #define K9EREPL_K9REPL_OUTPUT_H
 
@@ -13,38 +13,37 @@
 
 namespace k9repl {
 
-// Standard output with its failures: a full disk is an error, never a silently shorter output. A
-// reader that has read enough and gone away (cat | head) is none.
+// Standard output that reports failures: a full disk is an error and never silently shortens the
+// output. If the reader has closed the pipe, as in "cat | head", that is no error.
 class Output {
   public:
     explicit Output(OnInterrupt onInterrupt) : m_onInterrupt(onInterrupt) {}
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;
 
-    // False once a write has failed; what follows is dropped.
+    // Returns false once a write has failed; from then on all text is dropped.
     bool Write(std::string_view text);
 
-    // Writes what is held. Throws ToolError when this or an earlier write failed or was
-    // interrupted. Text may be lost when it is not called.
+    // Writes the text that is still held. Throws ToolError if this or an earlier write failed or
+    // was interrupted. Without this call text may be lost.
     void Finish();
 
-    // True once a write has found that nobody reads any more. What follows is dropped.
+    // True once a write has found that the reader is gone. From then on all text is dropped.
     bool ReaderIsGone() const { return m_error == std::errc::broken_pipe; }
 
   private:
     bool WriteOut();
 
     const OnInterrupt m_onInterrupt;
-    std::string m_held;
-    std::error_code m_error;  // of the first failure
+    std::string m_held;       // text that is not written yet; less than 64 KiB between two calls
+    std::error_code m_error;  // of the first failure; 0 if there is none
 };
 
-// Prints `text` on standard error as it stands, at once. Never fails: where nobody can be told,
-// nothing is.
+// Prints `text` on standard error as it stands, at once. If that is not possible, does nothing.
 void PrintMessage(std::string_view text);
 
-// One line on the terminal that tells how far append or a squeeze is, rewritten in place. Silent
-// when standard error is no terminal.
+// A line on the terminal, rewritten in place, that shows the progress of append or of a squeeze.
+// Prints nothing if standard error is no terminal.
 class ProgressLine {
   public:
     ProgressLine();
@@ -53,15 +52,15 @@ class ProgressLine {
     ProgressLine(const ProgressLine&) = delete;
     ProgressLine& operator=(const ProgressLine&) = delete;
 
-    // True when standard error is a terminal, so that somebody may see the line.
+    // True if standard error is a terminal, so that somebody may see the line.
     bool IsVisible() const { return m_enabled; }
 
     // Shows the totals so far, at most five times a second.
     void Show(std::uint64_t records, std::uint64_t bytes);
-    // The same for a copy of `total` bytes, with a remark behind it. Its begin and its end are
-    // always shown.
+    // The same for a copy of `total` bytes, followed by `remark`. Always shows the beginning and
+    // the end of the copy.
     void ShowCopied(std::uint64_t bytes, std::uint64_t total, std::string_view remark);
-    // Takes the line away, so that other output may follow.
+    // Erases the line, so that other output can follow.
     void Clear();
 
     double Seconds() const;  // since construction
@@ -75,7 +74,7 @@ class ProgressLine {
     const bool m_enabled;
     const Clock::time_point m_start;
     Clock::time_point m_lastShown;
-    bool m_visible = false;
+    bool m_visible = false;  // the line is on the terminal now
 };
 
 }  // namespace k9repl

@@ -1,5 +1,5 @@
-// Records that are lines, and records with their length in front. A length is a claim: it is
-// checked before it is used.
+// Reads records that are lines, and records that follow their length. The length comes from the
+// input, so it is checked before it is used.
 #include "record_reader.h"
 
 #include <fmt/format.h>
@@ -19,17 +19,17 @@ namespace {
 
 constexpr std::size_t kChunkSize = std::size_t{256} * 1024;
 
-// A growing window on the input, in which a record lies in one piece.
+// A window on the input that grows until a whole record lies in it in one piece.
 class InputBuffer {
   public:
     explicit InputBuffer(InputFile& file) : m_file(file) {}
 
-    // The bytes that were read and not consumed; valid until the next Fill.
+    // The bytes that were read and not consumed. Valid until the next Fill.
     std::string_view Unread() const { return {m_bytes.data() + m_begin, m_end - m_begin}; }
     // REQUIRES: size <= Unread().size(). The bytes stay valid until the next Fill.
     void Consume(std::size_t size);
-    // Reads more bytes behind the unread ones, none when they do not come before the deadline. Once
-    // the input has ended, it stays ended.
+    // Reads more bytes after the unread ones, or none if no bytes arrive before the deadline. Once
+    // it has returned kEnd, it always does.
     InputState Fill(Deadline deadline);
 
     const std::string& FileName() const { return m_file.Name(); }
@@ -37,9 +37,9 @@ class InputBuffer {
   private:
     InputFile& m_file;
     std::vector<char> m_bytes;
-    std::size_t m_begin = 0;
-    std::size_t m_end = 0;
-    bool m_ended = false;
+    std::size_t m_begin = 0;  // of the unread bytes in m_bytes
+    std::size_t m_end = 0;    // exclusive; equals m_begin if there are no unread bytes
+    bool m_ended = false;     // the input has no more bytes
 };
 
 void InputBuffer::Consume(std::size_t size) {
@@ -77,7 +77,7 @@ class LineReader : public RecordReader {
 
     InputBuffer m_input;
     const RecordLimit m_limit;
-    std::uint64_t m_line = 1;  // number of the line that is being read
+    std::uint64_t m_line = 1;  // number of the line that is being read; the first one is 1
 };
 
 InputState LineReader::Next(std::string_view* data, Deadline deadline) {
@@ -133,16 +133,16 @@ class LengthPrefixedReader : public RecordReader {
     InputState Next(std::string_view* data, Deadline deadline) override;
 
   private:
-    // Fills until `size` bytes are there, the input ends or is interrupted, or the deadline is
-    // over.
+    // Fills the buffer until it has `size` unread bytes, or the input ends or is interrupted, or
+    // the deadline has passed.
     InputState Need(std::size_t size, Deadline deadline);
     void CheckLength(std::uint32_t length) const;
     [[noreturn]] void FailCutOff(const std::string& what) const;
 
     InputBuffer m_input;
     const RecordLimit m_limit;
-    std::uint64_t m_record = 1;  // number of the record that is being read
-    std::uint64_t m_offset = 0;  // of its length in the input
+    std::uint64_t m_record = 1;  // number of the record that is being read; the first one is 1
+    std::uint64_t m_offset = 0;  // of its length, in bytes from the beginning of the input
 };
 
 InputState LengthPrefixedReader::Next(std::string_view* data, Deadline deadline) {

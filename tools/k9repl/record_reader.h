@@ -1,4 +1,5 @@
-// Cuts the input of append into records: by lines, or by lengths in front of them.
+// Cuts the input of append into records: lines, or data that follows its length. Only the append
+// command uses it.
 #ifndef K9EREPL_K9REPL_RECORD_READER_H
 #define K9EREPL_K9REPL_RECORD_READER_H
 
@@ -14,18 +15,18 @@ class RecordReader {
   public:
     virtual ~RecordReader() = default;
     // kData: *data receives the next record, valid until the next call. kTimedOut: no whole record
-    // came before the deadline; a part of one is kept for the next call. kInterrupted: every whole
-    // record that had arrived was handed out; a part of one is dropped. Throws a ToolError that
-    // names the input and the place of what is wrong in it.
+    // arrived before the deadline; a part of one is kept for the next call. kInterrupted: every
+    // whole record that had arrived was returned; a part of one is dropped. kEnd: there are no more
+    // records. Throws a ToolError that names the input and the place of the fault.
     virtual InputState Next(std::string_view* data, Deadline deadline) = 0;
 };
 
-// Each line is a record, without its newline. Bytes behind the last newline are a record too. A
+// Each line is a record, without its newline. Bytes after the last newline are a record, too. A
 // line of more bytes than the limit is an error.
 std::unique_ptr<RecordReader> MakeLineReader(InputFile& file, const RecordLimit& limit);
 
-// Each record is its length, 32 bits in little-endian order, and its bytes. A length above the
-// limit and an input that ends inside a record are errors.
+// Each record is its length, 32 bits in little-endian order, and then its bytes. A length above the
+// limit is an error, and so is an input that ends inside a record.
 std::unique_ptr<RecordReader> MakeLengthPrefixedReader(InputFile& file, const RecordLimit& limit);
 
 }  // namespace k9repl

@@ -1,4 +1,4 @@
-// Prints the question and reads one line; words and prints the ends of clear and truncate.
+// Prints the question and reads the answer; prints what clear and truncate have done.
 #include "removal.h"
 
 #include <fmt/format.h>
@@ -17,7 +17,8 @@ namespace k9repl {
 
 namespace {
 
-// Returns the line without its newline. Bytes in front of the end of the input count as a line.
+// Reads a line and returns it without its newline. Bytes before the end of the input count as a
+// line. Throws ToolError, also on an interrupt.
 std::string ReadAnswer() {
     constexpr std::size_t kAnswerMax = 1000;
     InputFile input("-");

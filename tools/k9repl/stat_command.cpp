@@ -1,4 +1,5 @@
-// The stat command: asks the storage and its files, prints one fact a line or one JSON object.
+// The stat command: reads facts of the storage and its files, and prints them as one fact on each
+// line or as one JSON object.
 #include <fmt/format.h>
 
 #include <cstdint>
@@ -24,7 +25,7 @@ namespace k9repl {
 
 namespace {
 
-// One fact: its label for people, its key for programs, its value; null is not known.
+// One fact: its label for people, its key for programs, and its value, null if it is not known.
 struct Fact {
     const char* label;
     const char* key;
@@ -45,8 +46,8 @@ void AddFileBeside(std::vector<Fact>& facts, const std::optional<FileBeside>& fi
     }
 }
 
-// Unlike a load, it does not take an index's word for what lies before. The line that it throws
-// tells of damage that the load has met, too.
+// Looks for damage in the whole file, also in the part that an index lets a load pass over. The
+// load's own message about damage is dropped: this finds that damage, too.
 std::optional<FileDamage> LookAtWholeFile(const StorageHandle& storage) {
     (void)LibraryLog::Instance().TakeBeginningWith(kDamageMessage);
     return FileSize(storage.Path()) ? FindDamage(storage.Path()) : std::nullopt;
@@ -61,8 +62,8 @@ void AddDamage(std::vector<Fact>& facts, const std::optional<FileDamage>& damage
     }
 }
 
-// The number of blocks that the index file lists, when its header is one. The file is only an aid;
-// what cannot be read is simply not known.
+// The number of blocks that the index file lists; empty if the file cannot be read or has no valid
+// header. The file is only an aid, so that is no error.
 std::optional<std::uint32_t> IndexedBlocks(const std::string& path) {
     k9erepl::TIndexHeader header = {};
     std::ifstream file(path, std::ios::binary);
@@ -102,7 +103,7 @@ std::string AsJson(const std::vector<Fact>& facts) {
     for (const Fact& fact : facts) {
         json[fact.key] = fact.value;
     }
-    // A path need not be UTF-8.
+    // A path may contain bytes that are no UTF-8.
     return json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + '\n';
 }
 

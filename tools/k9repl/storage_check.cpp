@@ -1,4 +1,4 @@
-// The walk over a storage file; see the header.
+// Walks over a storage file and judges it; see the header.
 #include "storage_check.h"
 
 #include <fmt/format.h>
@@ -31,7 +31,7 @@ using k9erepl::TRecordHead;
 
 constexpr std::uint64_t kWindowSize = std::uint64_t{1024} * 1024;
 
-// The file's bytes, of which it holds a window.
+// Gives access to the file's bytes. Holds only a window of them in memory.
 class FileBytes {
   public:
     explicit FileBytes(const std::string& path) : m_name("the storage file '" + path + "'") {
@@ -75,11 +75,11 @@ class FileBytes {
         }
     }
 
-    std::string m_name;
-    std::uint64_t m_size = 0;
+    std::string m_name;        // the file in a sentence
+    std::uint64_t m_size = 0;  // of the file when it was opened, in bytes
     std::ifstream m_file;
-    std::uint64_t m_offset = 0;
-    std::vector<std::uint8_t> m_window;
+    std::uint64_t m_offset = 0;          // of the window's first byte in the file
+    std::vector<std::uint8_t> m_window;  // empty before the first read
 };
 
 void RequireStorage(FileBytes& file) {
@@ -96,7 +96,7 @@ void RequireStorage(FileBytes& file) {
     }
 }
 
-// Takes items as long as they keep the rules.
+// Walks over the items as long as they follow the rules, and counts them in a StorageCheck.
 class Walk {
   public:
     Walk(FileBytes& file, StorageCheck& check, std::int64_t keptFrom = 0)
@@ -114,7 +114,7 @@ class Walk {
                 .sequence = m_end.lastSequence};
     }
 
-    // Of the first record from `keptFrom` on; 0 when there is none.
+    // The offset of the first record at or above `keptFrom`; 0 if there is none.
     std::uint64_t KeptOffset() const { return m_keptOffset; }
 
   private:
@@ -171,10 +171,10 @@ class Walk {
     FileBytes& m_file;
     StorageCheck& m_check;
     const std::int64_t m_keptFrom;
-    std::uint64_t m_keptOffset = 0;
-    std::uint64_t m_at = k9erepl::kFirstCommitOffset;
-    std::uint64_t m_records = 0;
-    k9erepl::StreamEnd m_end;  // of the items taken
+    std::uint64_t m_keptOffset = 0;                    // see KeptOffset
+    std::uint64_t m_at = k9erepl::kFirstCommitOffset;  // offset of the next item
+    std::uint64_t m_records = 0;                       // records so far, committed or not
+    k9erepl::StreamEnd m_end;                          // what the items so far say of the next one
 };
 
 std::uint64_t BytesInUse(FileBytes& file, std::uint64_t from) {
@@ -190,7 +190,8 @@ std::uint64_t BytesInUse(FileBytes& file, std::uint64_t from) {
     return end - from;
 }
 
-// As a load does, only where the walk ended at bytes that are not zero.
+// Looks for data after the place where the walk ended. As in a load, only if the walk ended at
+// bytes that are not zero. Returns true for damage in the middle.
 bool FindBeyond(FileBytes& file, const k9erepl::LastGoodCommit& last, StorageCheck& check) {
     const std::uint64_t left = file.Left(check.stopOffset);
     if (left < kSignatureSize ||
@@ -263,7 +264,8 @@ StorageCheck CheckOnce(const std::string& path) {
 
 }  // namespace
 
-// Half of a head that another process is writing looks like damage, but not for long.
+// While another process writes, a half-written head can look like damage. It is complete soon, so
+// check a damaged file twice.
 StorageCheck CheckStorageFile(const std::string& path) {
     const StorageCheck check = CheckOnce(path);
     return check.state == StorageState::kDamaged ? CheckOnce(path) : check;

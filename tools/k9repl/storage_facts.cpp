@@ -1,4 +1,4 @@
-// Asks the storage and prints what changed.
+// Reads the facts from the storage, and builds the lines about them.
 #include "storage_facts.h"
 
 #include <fmt/format.h>

@@ -1,4 +1,4 @@
-// Opening, loading and closing.
+// Opens, loads and closes a storage, and builds the messages if that fails.
 #include "storage_handle.h"
 
 #include <fmt/format.h>
@@ -27,7 +27,7 @@ bool IsMissing(const std::string& path) {
     return !path.empty() && !std::filesystem::exists(path, ignored);
 }
 
-// A storage that is not there is the commonest slip; it gets a sentence of its own.
+// A missing storage file is the most common mistake, so it has a message of its own.
 void ExplainMissingFile(const std::string& path, std::uint32_t code) {
     if (code != RC_SYSTEM_ERROR || !IsMissing(path)) {
         return;
@@ -39,13 +39,13 @@ void ExplainMissingFile(const std::string& path, std::uint32_t code) {
     throw ToolError(fmt::format("{} ({})", sentence, DescribeResult(code)));
 }
 
-// The first item with a key wins.
+// Puts read_only=yes first: of several items with the same key, the library reads the first one.
 std::string ReadOnly(const std::string& conn) {
     return ConnValue(conn, "flush_mode") == "NoFlush" ? conn : "read_only=yes;" + conn;
 }
 
-// `conn` with blocks that every record fits into. Fewer of them are kept in memory, unless `conn`
-// says how many.
+// Returns `conn` with blocks so large that every record fits. Fewer of them are kept in memory,
+// unless `conn` says how many.
 std::string WithLargeBlocks(const std::string& conn) {
     const std::string fewer = ConnValue(conn, "cache_type").empty() ? "cache_type=Last10;" : "";
     return fmt::format("block_size={};{}{}", kFileRecordSizeMax, fewer, conn);
@@ -130,7 +130,7 @@ std::int64_t StorageHandle::NextRev() const {
     return nextRev;
 }
 
-// The library tells of damage in its log alone. Where that goes elsewhere, the file is looked at.
+// The library reports damage only in its log. If the log goes elsewhere, look into the file.
 std::optional<FileDamage> StorageHandle::TakeDamage() const {
     if (!LibraryLog::Instance().IsCatching()) {
         return m_path.empty() || IsMissing(m_path) ? std::nullopt : FindDamage(m_path);

@@ -1,5 +1,5 @@
-// Questions about files to the operating system that the standard library does not answer, and the
-// system's last error. posix/ and windows/ have one source each.
+// What the tool asks the operating system because the standard library does not answer it: which
+// file a path leads to, and the system's last error. posix/ and windows/ have one source each.
 #ifndef K9EREPL_K9REPL_SYSTEM_H
 #define K9EREPL_K9REPL_SYSTEM_H
 
@@ -9,21 +9,21 @@
 
 namespace k9repl {
 
-// Tells whether a path still leads to the file that it led to before: equal for one file, different
-// for two that exist at the same time.
+// Identifies a file, to find out whether a path still leads to the same one: equal for one file,
+// different for two files that exist at the same time.
 struct FileIdentity {
-    std::uint64_t volume = 0;  // both 0 when there is no file
-    std::uint64_t file = 0;
+    std::uint64_t volume = 0;  // 0 if there is no file
+    std::uint64_t file = 0;    // the file's number on the volume; 0 if there is no file
     bool operator==(const FileIdentity&) const = default;
 };
 
 FileIdentity IdentityOf(const std::string& path);
 
-// The path of the storage file that a squeeze of the one at `path` replaces: where `path` is a
-// symbolic link, the library replaces what it leads to. On Windows it replaces the link itself.
+// The path of the file that a squeeze of the storage at `path` replaces: if `path` is a symbolic
+// link, that is the link's target, on Windows the link itself.
 std::string FollowLink(const std::string& path);
 
-// The error of the last system call on this thread, as a code that knows its text.
+// The error of the last system call on this thread, as a code that has a text.
 std::error_code LastError();
 
 }  // namespace k9repl

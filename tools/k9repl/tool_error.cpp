@@ -1,4 +1,4 @@
-// Builds the sentences of failures; the table of the library's result codes and their meanings.
+// Builds the sentences of failures; has the table of the library's result codes and their meanings.
 #include "tool_error.h"
 
 #include <fmt/format.h>

@@ -1,5 +1,5 @@
 // The failures of the tool. A command throws one; main prints its sentence and ends with its exit
-// status. Nothing is thrown through the library: callbacks return codes.
+// status. No exception passes through the library: callbacks return codes.
 #ifndef K9EREPL_K9REPL_TOOL_ERROR_H
 #define K9EREPL_K9REPL_TOOL_ERROR_H
 
@@ -14,7 +14,7 @@ namespace k9repl {
 inline constexpr int kExitSuccess = 0;
 inline constexpr int kExitFailure = 1;
 inline constexpr int kExitUsage = 2;
-inline constexpr int kExitTornEnd = 3;  // verify alone: the storage file ends torn
+inline constexpr int kExitTornEnd = 3;  // only verify: the storage file has a torn end
 inline constexpr int kExitDamaged = 4;  // the storage file is damaged in the middle
 inline constexpr int kExitSignalBase = 128;
 
@@ -29,23 +29,23 @@ class ToolError : public std::runtime_error {
     int m_exitStatus;
 };
 
-// "cannot ACTION: CAUSE (code 4, RC_SYSTEM_ERROR: MEANING)". CAUSE is what the library logged about
-// the code, and missing when it logged nothing.
+// "cannot ACTION: CAUSE (code 4, RC_SYSTEM_ERROR: MEANING)". CAUSE is what the library has logged
+// about the code; it is left out if the library has logged nothing.
 ToolError LibraryError(const std::string& action, std::uint32_t code);
 
-// The same for a failure whose code was not returned: takes code and cause from what the library
-// logged.
+// The same for a failure whose code the library did not return: takes code and cause from what the
+// library has logged.
 ToolError LoggedError(const std::string& action);
 
 // "cannot ACTION: MEANING (system error NUMBER)".
 ToolError SystemError(const std::string& action, std::error_code cause);
 
-// "interrupted by SIGTERM", with the exit status that tells the signal.
+// "interrupted by SIGTERM" and `addition`, with the exit status of that signal.
 // REQUIRES: a signal was caught.
 ToolError InterruptError(const std::string& addition = {});
 
-// "code 4, RC_SYSTEM_ERROR: a call to the operating system failed"; for a number that is no result
-// code of the library, "code 99".
+// "code 4, RC_SYSTEM_ERROR: a call to the operating system failed"; only "code 99" for a number
+// that is no result code of the library.
 std::string DescribeResult(std::uint32_t code);
 
 }  // namespace k9repl

@@ -1,4 +1,4 @@
-// The truncate command: asks, truncates, and tells what is gone.
+// The truncate command: asks the user, truncates the storage and prints what changed.
 #include <fmt/format.h>
 
 #include "commands.h"
@@ -13,10 +13,10 @@ namespace k9repl {
 
 namespace {
 
-// Asks before the storage is opened, so that other processes can use it while the user thinks.
+// Asks before the storage is opened, so that other processes can use it meanwhile.
 void AskFirst(const std::string& path) {
     RequireTerminal("truncates");
-    // A storage that is not there needs no question: opening it fails.
+    // If there is no storage file, do not ask: opening the storage will fail.
     if (const auto size = FileSize(path)) {
         RequireConfirmation(
             fmt::format("Throw away everything in the storage '{}' ({} bytes)?", path, *size));

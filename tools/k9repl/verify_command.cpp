@@ -1,4 +1,4 @@
-// The verify command: checks the storage file and words what was found.
+// The verify command: checks the storage file and prints what it found.
 #include <fmt/format.h>
 
 #include <nlohmann/json.hpp>
@@ -17,7 +17,7 @@ namespace k9repl {
 
 namespace {
 
-// The state for programs, for people, and for the shell.
+// How a state is shown: a key for programs, a label for people and an exit status for the shell.
 struct StateWords {
     const char* key;
     const char* label;
@@ -55,7 +55,7 @@ std::string AsJson(const std::string& path, const StorageCheck& check) {
         json["damagedTailFile"] = tail->path;
         json["damagedTailSize"] = tail->size;
     }
-    // A path need not be UTF-8.
+    // A path may contain bytes that are no UTF-8.
     return json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + '\n';
 }
 

@@ -1,4 +1,4 @@
-// The handlers and the pipe through which they wake a wait.
+// The signal handlers, and the pipe through which they end a wait.
 #include "interrupts.h"
 
 #include <fcntl.h>
@@ -23,7 +23,7 @@ static_assert(std::atomic<int>::is_always_lock_free, "a signal handler writes it
 extern "C" void OnSignal(int signal) {
     const int savedErrno = errno;
     g_signal.store(signal);
-    // A full pipe wakes the reader as well.
+    // The write fails if the pipe is full, but a full pipe is readable, too.
     [[maybe_unused]] const ssize_t written = write(g_wakePipe[1], "", 1);
     errno = savedErrno;
 }

@@ -1,4 +1,4 @@
-// Streams over descriptors. A wait watches the interrupts' descriptor, too.
+// Streams over descriptors. Every wait also watches the descriptor for interrupts.
 #include "streams.h"
 
 #include <fcntl.h>
@@ -22,7 +22,8 @@ int InterruptDescriptor() {
     return static_cast<int>(InterruptWaitObject());
 }
 
-// Waits until a piece can be written; an interrupt comes first.
+// Waits until a piece can be written. Returns errc::interrupted if a signal was caught, even if
+// there is room.
 std::error_code WaitForRoom() {
     for (;;) {
         pollfd waits[] = {{STDOUT_FILENO, POLLOUT, 0}, {InterruptDescriptor(), POLLIN, 0}};
@@ -85,7 +86,7 @@ InputState InputFile::Read(char* buffer, std::size_t size, std::size_t* got, Dea
     }
 }
 
-// Writes pieces that never block once poll has said that there is room.
+// Writes pieces of at most PIPE_BUF bytes, which do not block once poll has reported room.
 std::error_code WriteToStandardOutput(std::string_view bytes, OnInterrupt onInterrupt) {
     while (!bytes.empty()) {
         if (onInterrupt == OnInterrupt::kStop) {
@@ -103,11 +104,11 @@ std::error_code WriteToStandardOutput(std::string_view bytes, OnInterrupt onInte
     return {};
 }
 
-// A closed stream gets the empty device, in the direction that the stream is not used in.
+// Opens /dev/null for a closed stream, in the direction in which the stream is not used.
 void PrepareStandardStreams() {
     for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
         if (fcntl(stream, F_GETFD) < 0) {
-            // The lowest free descriptor, which is this one.
+            // open returns the lowest free descriptor, which is this one.
             open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY);
         }
     }

@@ -1,4 +1,4 @@
-// Files by device and inode; links followed step by step.
+// Identifies files by device and inode, and follows links step by step.
 #include "system.h"
 
 #include <sys/stat.h>

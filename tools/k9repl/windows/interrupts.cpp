@@ -1,5 +1,5 @@
-// The console's events under the names and numbers of the signals that they are elsewhere: messages
-// and exit statuses are the same on every system.
+// Gives the console's events the names and numbers of the corresponding POSIX signals, so that
+// messages and exit statuses are the same on every system.
 #include "interrupts.h"
 
 #include <atomic>
@@ -18,7 +18,7 @@ constexpr int kSigInt = 2;
 constexpr int kSigTerm = 15;
 
 std::atomic<int> g_signal{0};
-std::atomic<unsigned> g_caught{0};  // a bit for each signal
+std::atomic<unsigned> g_caught{0};  // bit N is set once signal N was caught
 HANDLE g_wake = nullptr;
 
 int SignalOf(DWORD event) {
@@ -33,7 +33,7 @@ int SignalOf(DWORD event) {
     }
 }
 
-// The system calls it on a thread of its own.
+// The system calls this function on a thread of its own.
 BOOL WINAPI OnConsoleEvent(DWORD event) {
     const int signal = SignalOf(event);
     const unsigned bit = 1U << signal;
@@ -44,8 +44,8 @@ BOOL WINAPI OnConsoleEvent(DWORD event) {
     g_signal.store(signal);
     SetEvent(g_wake);
     if (signal != kSigInt) {
-        // The system ends the process when the handler of these events returns. Until then the main
-        // thread has some seconds; when it ends, so does this wait.
+        // For these events the system ends the process as soon as the handler returns. So wait:
+        // the main thread has some seconds to finish, and this wait ends with the process.
         Sleep(INFINITE);
     }
     return TRUE;
@@ -56,7 +56,7 @@ BOOL WINAPI OnConsoleEvent(DWORD event) {
 void CatchInterrupts() {
     constexpr BOOL kManualReset = TRUE;
     g_wake = CreateEventA(nullptr, kManualReset, FALSE, nullptr);
-    // The parent process may have had Ctrl-C ignored; here it is a request to finish.
+    // The parent process may have made its children ignore Ctrl-C. Here it must have an effect.
     if (g_wake == nullptr || SetConsoleCtrlHandler(nullptr, FALSE) == FALSE ||
         SetConsoleCtrlHandler(&OnConsoleEvent, TRUE) == FALSE) {
         throw SystemError("watch for Ctrl-C", LastError());

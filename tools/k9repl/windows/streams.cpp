@@ -1,5 +1,5 @@
-// Streams over handles. What may block runs on another thread, so that an interrupt or a deadline
-// ends the wait for it; the C library is kept from translating line ends.
+// Streams over handles. A call that may block runs on another thread, so that an interrupt or a
+// deadline can end the wait for it. The C library must not translate line ends.
 #include "streams.h"
 
 #include <fcntl.h>
@@ -20,13 +20,13 @@
 
 namespace k9repl {
 
-// A read or a write that may block for ever, made on another thread so that an interrupt or a
-// deadline ends the wait for it.
+// A read or a write that may block forever. It runs on another thread, so that an interrupt or a
+// deadline can end the wait for it.
 struct Transfer {
     HANDLE stream = nullptr;
-    std::vector<char> bytes;
-    std::size_t count = 0;  // bytes that were transferred
-    DWORD error = NO_ERROR;
+    std::vector<char> bytes;  // the bytes to write, or room for those to read
+    std::size_t count = 0;    // bytes that were transferred
+    DWORD error = NO_ERROR;   // NO_ERROR at the end of the input, too
 };
 
 namespace {
@@ -35,7 +35,7 @@ std::error_code SystemErrorCode(DWORD error) {
     return {static_cast<int>(error), std::system_category()};
 }
 
-// Only a console answers to its mode; other devices of characters, such as NUL, are none.
+// Only a console has a console mode; other character devices, such as NUL, have none.
 bool IsConsole(HANDLE stream) {
     DWORD mode = 0;
     return GetConsoleMode(stream, &mode) != FALSE;
@@ -45,7 +45,8 @@ HANDLE HandleOf(std::intptr_t stream) {
     return reinterpret_cast<HANDLE>(stream);
 }
 
-// One event for all calls: one runs at a time, and a call that was left running was the last.
+// The event that is set when a call ends. One event is enough: only one call runs at a time, and
+// after a call that was left running there is no other.
 HANDLE DoneEvent() {
     constexpr BOOL kManualReset = FALSE;
     static const HANDLE done = CreateEventA(nullptr, kManualReset, FALSE, nullptr);
@@ -65,7 +66,7 @@ DWORD WINAPI RunPooled(void* argument) {
     return 0;
 }
 
-// Reads once, up to bytes.size() bytes. At the end of the stream count and error are 0.
+// Reads once, up to bytes.size() bytes. At the end of the stream, count and error are 0.
 void ReadOnce(Transfer& transfer) {
     DWORD got = 0;
     DWORD error = NO_ERROR;
@@ -74,7 +75,8 @@ void ReadOnce(Transfer& transfer) {
         const BOOL read = ReadFile(transfer.stream, transfer.bytes.data(),
                                    static_cast<DWORD>(transfer.bytes.size()), &got, nullptr);
         error = GetLastError();
-        // Ctrl-C ends a console's read like this, also when somebody made it mean nothing.
+        // Ctrl-C makes a read from a console end with success, no bytes and this error, even if
+        // Ctrl-C is ignored.
         if (read != FALSE && (got > 0 || error != ERROR_OPERATION_ABORTED)) {
             error = NO_ERROR;
         }
@@ -86,7 +88,7 @@ void ReadOnce(Transfer& transfer) {
 
 // Writes all of `bytes`, unless there is an error.
 void WriteAll(Transfer& transfer) {
-    constexpr std::size_t kPieceMax = std::size_t{32} * 1024;  // consoles refuse large ones
+    constexpr std::size_t kPieceMax = std::size_t{32} * 1024;  // consoles refuse larger writes
     transfer.count = 0;
     transfer.error = NO_ERROR;
     while (transfer.count < transfer.bytes.size() && transfer.error == NO_ERROR) {
@@ -102,9 +104,9 @@ void WriteAll(Transfer& transfer) {
 
 enum class CallEnd { kDone, kInterrupted, kTimedOut };
 
-// Starts `call` on `transfer` on a thread of the system's pool, which keeps it for the next call.
-// The transfer belongs to it until AwaitCall has returned kDone, if need be until the process ends.
-// One call at a time, for one thread.
+// Runs `call` with `transfer` on a thread of the system's pool. The transfer belongs to the call
+// until AwaitCall returns kDone, which may be never. Only one thread may use this, for one call at
+// a time.
 void StartCall(void (*call)(Transfer&), const std::shared_ptr<Transfer>& transfer) {
     auto pooled = std::make_unique<PooledCall>(PooledCall{call, transfer});
     if (QueueUserWorkItem(&RunPooled, pooled.get(), WT_EXECUTELONGFUNCTION) == FALSE) {
@@ -113,11 +115,12 @@ void StartCall(void (*call)(Transfer&), const std::shared_ptr<Transfer>& transfe
         SetEvent(DoneEvent());
         return;
     }
-    (void)pooled.release();  // RunPooled has it
+    (void)pooled.release();  // RunPooled owns it now
 }
 
-// Waits for the end of the call that was started, `milliseconds` at the longest (INFINITE: for
-// ever). An interrupt comes first. Unless it returns kDone the call may still run.
+// Waits for the end of the call that was started, at most `milliseconds`, or forever if that is
+// INFINITE. Returns kInterrupted if a signal was caught, even if the call has ended. Unless it
+// returns kDone, the call may still be running.
 CallEnd AwaitCall(DWORD milliseconds) {
     const HANDLE waits[] = {HandleOf(InterruptWaitObject()), DoneEvent()};
     switch (WaitForMultipleObjects(2, waits, FALSE, milliseconds)) {
@@ -130,7 +133,7 @@ CallEnd AwaitCall(DWORD milliseconds) {
     }
 }
 
-// True when a read from `stream` does not wait: it is a file on a disk, or a pipe that holds bytes.
+// True if a read from `stream` does not wait: it is a file on a disk, or a pipe that holds bytes.
 bool ReadsAtOnce(HANDLE stream) {
     DWORD waiting = 0;
     return GetFileType(stream) == FILE_TYPE_DISK ||
@@ -139,8 +142,8 @@ bool ReadsAtOnce(HANDLE stream) {
 
 constexpr std::size_t kReadMax = std::size_t{64} * 1024;
 
-// The Enter key types a carriage return and a newline; everywhere else a line ends with the newline
-// alone, and a carriage return is a byte of its line.
+// In a console the Enter key produces a carriage return and a newline. In any other input a
+// carriage return is an ordinary byte of its line.
 void DropCarriageReturns(Transfer& typed) {
     const auto begin = typed.bytes.begin();
     const auto end = begin + static_cast<std::ptrdiff_t>(typed.count);
@@ -166,7 +169,8 @@ bool WriteUnlessInterrupted(const std::shared_ptr<Transfer>& transfer) {
     return AwaitCall(INFINITE) == CallEnd::kDone;
 }
 
-// A caller may pass a handle that is closed. Its number is given to the next thing that is opened.
+// The parent process may pass a handle that is closed, whose number the system would give to the
+// next object that is opened.
 bool IsOpen(HANDLE stream) {
     if (stream == nullptr || stream == INVALID_HANDLE_VALUE) {
         return false;
@@ -205,7 +209,7 @@ InputFile::~InputFile() {
     }
 }
 
-// A read that outlasts its deadline goes on; the next call takes what it brings.
+// A read that has passed its deadline continues, and the next call takes its bytes.
 InputState InputFile::Read(char* buffer, std::size_t size, std::size_t* got, Deadline deadline) {
     assert(size > 0);
     if (InterruptSignal() != 0) {
@@ -278,7 +282,7 @@ bool StandardInputIsTerminal() {
     return IsConsole(GetStdHandle(STD_INPUT_HANDLE));
 }
 
-// Consoles understand the sequences since Windows 10, and only when they are told to.
+// Consoles have understood such sequences since Windows 10, but only if this mode is set.
 bool StandardErrorErasesLines() {
     const HANDLE stream = GetStdHandle(STD_ERROR_HANDLE);
     DWORD mode = 0;

@@ -1,10 +1,10 @@
-// Files by their volume's serial number and their number on it.
+// Identifies files by the serial number of their volume and their number on it.
 #include "system.h"
 #include "platform/windows/win32.h"
 
 namespace k9repl {
 
-// Opened for no access at all, it is in nobody's way and nobody is in its.
+// Opens the file without any access, which conflicts with no other open handle.
 FileIdentity IdentityOf(const std::string& path) {
     constexpr DWORD kNoAccess = 0;
     const HANDLE file =
@@ -23,7 +23,8 @@ FileIdentity IdentityOf(const std::string& path) {
     return {facts.dwVolumeSerialNumber, high << 32 | facts.nFileIndexLow};
 }
 
-// Links to files are rare here and need a privilege: the library takes a path as it stands.
+// Symbolic links to files are rare on Windows and need a privilege. The library does not follow
+// them, so the tool does not, either.
 std::string FollowLink(const std::string& path) {
     return path;
 }
