@@ -1,5 +1,5 @@
-// Appending 100-byte records, 100 a transaction, 10 transactions a flush, beside its baseline: the
-// same bytes copied into blocks and written with one write a flush.
+// Appends records of 100 bytes: 100 records in a transaction, 10 transactions in a flush. The
+// baseline copies the same bytes into blocks and makes one write for each flush.
 #include <benchmark/benchmark.h>
 
 #include <cstring>

@@ -1,5 +1,5 @@
-// What the benchmarks share: records of a fixed size, a storage in a temporary folder, and a check
-// that ends the program, for a failed run measures nothing.
+// What the benchmarks have in common: records of a fixed size, a storage in a temporary folder, and
+// a check that ends the program if a step fails, because a failed run measures nothing.
 #ifndef K9EREPL_BENCH_BENCH_STORAGE_H
 #define K9EREPL_BENCH_BENCH_STORAGE_H
 
@@ -12,12 +12,12 @@
 
 namespace k9erepl::bench {
 
-inline constexpr u32 kDataSize = 100;
-inline constexpr u32 kRecordSize = kDataSize + 24;
-inline constexpr int kPerTransaction = 100;
+inline constexpr u32 kDataSize = 100;               // bytes of data in a record
+inline constexpr u32 kRecordSize = kDataSize + 24;  // bytes of a record in the file, head included
+inline constexpr int kPerTransaction = 100;         // records
 inline constexpr int kTransactionsPerFlush = 10;
 
-// Ends the program with `what` unless `holds`.
+// Unless `holds`, prints `what` and ends the program.
 void Require(bool holds, const char* what);
 
 // A client's record with kDataSize bytes of data.
@@ -30,8 +30,9 @@ class BenchRecord {
     std::vector<u8> m_bytes;
 };
 
-// A storage file in a folder of its own, which goes with the object. The folder lies in
-// K9EREPL_BENCH_DIR, else where the system keeps temporary files.
+// The path of a storage file in a folder of its own. The constructor makes the folder in
+// K9EREPL_BENCH_DIR or, if that is not set, where the system keeps temporary files; the destructor
+// removes it with its files.
 class BenchFile {
   public:
     BenchFile();
@@ -40,7 +41,7 @@ class BenchFile {
     BenchFile& operator=(const BenchFile&) = delete;
 
     const std::string& Path() const { return m_path; }
-    // "file=<path>;" and `settings`.
+    // "file=<path>;", followed by `settings`.
     std::string ConnStr(const std::string& settings) const;
 
   private:
@@ -48,7 +49,7 @@ class BenchFile {
     std::string m_path;
 };
 
-// Creates (with a file), opens and loads; closes at the end.
+// A storage handle. The constructor opens the storage, the destructor closes it.
 class BenchHandle {
   public:
     explicit BenchHandle(const std::string& connStr);
@@ -63,7 +64,7 @@ class BenchHandle {
     void* m_handle = nullptr;
 };
 
-// Inserts `count` records in transactions of kPerTransaction.
+// Inserts `count` records, rounded up to whole transactions of kPerTransaction records.
 void Append(void* handle, int count);
 
 }  // namespace k9erepl::bench

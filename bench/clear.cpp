@@ -1,6 +1,7 @@
-// Clearing old revisions. A squeeze beside its baseline, copying the bytes that it keeps with `cp`
-// and flushing the copy; logical clears in the middle of files of 100 MB, 1 GB and 4 GB (less with
-// K9EREPL_BENCH_MAX_MB), whose cost must not depend on the file's length.
+// Clears old revisions. Measures a squeeze; its baseline copies the bytes that the squeeze keeps
+// with `cp` and flushes the copy. Also measures logical clears in the middle of files of 100 MB,
+// 1 GB and 4 GB, without the files above K9EREPL_BENCH_MAX_MB: their cost must not depend on the
+// file's length.
 #include <benchmark/benchmark.h>
 #include <k9erepl/storage.h>
 
@@ -34,7 +35,8 @@ void FillFile(const BenchFile& file, i64 records) {
     Append(storage.Get(), static_cast<int>(records));
 }
 
-// One file of each size for all rows of the program.
+// Returns the file of that size, which all benchmarks of the program share. Fills it at the first
+// call.
 const BenchFile& FilledFile(i64 megabytes) {
     static std::map<i64, BenchFile> files;
     const auto [entry, added] = files.try_emplace(megabytes);
@@ -48,8 +50,8 @@ void Run(const std::string& command) {
     Require(std::system(command.c_str()) == 0, command.c_str());
 }
 
-// Copies the file with the system's own tool. As with a squeeze, the bytes that the new file
-// replaces are given back only when it is complete.
+// Copies the file with the system's own tool. As in a squeeze, the copy replaces an older file only
+// when it is complete, so the disk holds both until then.
 void Copy(benchmark::State& state, bool sync) {
     const BenchFile& file = FilledFile(kSqueezedMb);
     const std::string copy = file.Path() + ".copy";
@@ -72,7 +74,7 @@ void CopyToPageCache(benchmark::State& state) {
     Copy(state, false);
 }
 
-// Takes the first record out, again and again: everything else is copied each time.
+// Removes the first record again and again. Each time all other records are copied.
 void Squeeze(benchmark::State& state) {
     BenchHandle storage(FilledFile(kSqueezedMb).ConnStr(kSettings));
     storage.Load();
@@ -84,8 +86,8 @@ void Squeeze(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * RecordsOf(kSqueezedMb));
 }
 
-// Takes one more record out of service, in the middle of the file. The first such clear, which
-// forgets half of the blocks, is not timed.
+// Clears one more record in the middle of the file each time. The first clear, which drops half of
+// the blocks, is not timed.
 void ClearLogically(benchmark::State& state, i64 megabytes) {
     static std::map<i64, i64> revs;
     BenchHandle storage(FilledFile(megabytes).ConnStr(kSettings));

@@ -1,7 +1,7 @@
-// What a caller waits for at each commit, rows of bench_append: 10 records of 100 bytes a
-// transaction, a flush at every commit, with the synchronous and with the asynchronous writer, and
-// both with write_through, where every write waits for the disk. p50_us and p999_us are the median
-// and the 99.9th percentile of one Commit, in microseconds.
+// Measures how long a caller waits for a commit; part of bench_append. A transaction has 10 records
+// of 100 bytes, and every commit flushes. Runs with the synchronous and the asynchronous writer,
+// and again with write_through, where every write waits for the disk. p50_us and p999_us are the
+// median and the 99.9th percentile of the time of one Commit, in microseconds.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -22,9 +22,9 @@ constexpr const char* kEachCommit =
     "flush_mode=PerTrans;flush_trans_num=1;flush_timeout=600000;file_size_delta=16;";
 
 using Clock = std::chrono::steady_clock;
-using Latencies = std::vector<double>;  // microseconds
+using Latencies = std::vector<double>;  // one for each Commit, in microseconds
 
-// Runs the transactions and adds what each Commit took.
+// Runs the transactions and appends the time of each Commit to *latencies.
 void Commit(void* handle, Latencies* latencies) {
     BenchRecord record;
     bool ok = true;
@@ -48,7 +48,8 @@ double Percentile(Latencies& latencies, double share) {
     return *nth;
 }
 
-// Opening is not timed, nor is closing, which waits for what is queued; drain_ms tells how long.
+// Does not time the opening and the closing. Closing waits until everything queued is written;
+// drain_ms is how long that takes.
 void CommitTo(benchmark::State& state, const std::string& settings) {
     Latencies latencies;
     latencies.reserve(kTransactions * 64);

@@ -1,5 +1,5 @@
-// Enumerating 100-byte records from memory and from the file, beside its baseline: a bare walk over
-// the same records packed into one buffer, with the same client function.
+// Enumerates records of 100 bytes from memory and from the file. The baseline walks over the same
+// records in one buffer and calls the same client function.
 #include <benchmark/benchmark.h>
 
 #include <cstring>
@@ -24,7 +24,7 @@ void BareWalk(benchmark::State& state) {
         const u32 head[] = {0x7B3A2D2A, kRecordSize, 1, 0, 7, kDataSize};
         std::memcpy(packed.data() + offset, head, sizeof(head));
     }
-    // As in a client, the function is known at run time only.
+    // As in the library, the function is known only at run time.
     K9eReplEnumCb callback = &AddUp;
     benchmark::DoNotOptimize(callback);
     for (auto _ : state) {

@@ -1,5 +1,5 @@
-// Loading a storage file of 100-byte records, beside its baseline: reading the same file in pieces
-// of 10 MiB and walking over its items.
+// Loads a storage file of 100-byte records. The baseline reads the same file in pieces of 10 MiB
+// and walks over its items.
 #include <benchmark/benchmark.h>
 #include <k9erepl/storage_interfaces.h>
 
@@ -17,7 +17,7 @@ namespace {
 constexpr int kRecords = 1'000'000;
 constexpr const char* kSettings = "cache_type=Last10;flush_mode=PerTrans;flush_trans_num=10";
 
-// One file for all rows of the program.
+// Returns the file that all benchmarks of the program share. Fills it at the first call.
 const BenchFile& FilledFile() {
     static const BenchFile file;
     static const bool filled = [] {

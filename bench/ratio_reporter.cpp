@@ -1,4 +1,4 @@
-// The ratio table; see the header.
+// Prints the table of ratios; see the header.
 #include "ratio_reporter.h"
 
 #include <algorithm>

@@ -1,5 +1,5 @@
-// Prints, behind Google Benchmark's own table, each row's speed as a ratio to the baseline row of
-// the same program. Only ratios of one run mean something on a noisy machine.
+// After Google Benchmark's own table, prints the speed of each benchmark as a ratio to the baseline
+// of the same program. On a noisy machine only ratios within one run mean something.
 #ifndef K9EREPL_BENCH_RATIO_REPORTER_H
 #define K9EREPL_BENCH_RATIO_REPORTER_H
 
@@ -13,7 +13,7 @@ namespace k9erepl::bench {
 
 class RatioReporter : public benchmark::ConsoleReporter {
   public:
-    // `baseline` is the name of the benchmark whose items a second count as 1.
+    // `baseline` is the name of the benchmark whose items per second count as 1.
     explicit RatioReporter(std::string baseline) : m_baseline(std::move(baseline)) {}
 
     void ReportRuns(const std::vector<Run>& reports) override;
@@ -21,10 +21,11 @@ class RatioReporter : public benchmark::ConsoleReporter {
 
   private:
     const std::string m_baseline;
-    std::map<std::string, std::vector<double>> m_itemsPerSecond;  // by benchmark
+    // By the name of the benchmark: one value for each of its runs, in their order.
+    std::map<std::string, std::vector<double>> m_itemsPerSecond;
 };
 
-// The main function of every benchmark program.
+// The main function of every benchmark program. Returns its exit status.
 int RunWithRatios(int argc, char** argv, const char* baseline);
 
 }  // namespace k9erepl::bench
