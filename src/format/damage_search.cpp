@@ -1,4 +1,4 @@
-// The search for what goes on behind a damage; see the header.
+// The search for what goes on behind damage; see the header.
 #include "format/damage_search.h"
 
 #include <algorithm>
@@ -38,7 +38,7 @@ class Search {
 
   private:
     // The next place, `at` included, where an item may begin, or the end. Most bytes behind the end
-    // of a storage are zeros; one by one they would take longer than the load itself.
+    // of a storage are zeros; to test them one by one would take longer than the load itself.
     std::size_t NextPlace(std::size_t at) const {
         constexpr u8 kInBoth = '*';  // the first byte of records, the second of commit blocks
         static_assert((kRecordSignature & 0xFF) == kInBoth);
@@ -58,8 +58,8 @@ class Search {
     std::size_t Left(std::size_t at) const { return m_size - at; }
     u32 WordAt(std::size_t at) const { return LoadUnaligned<u32>(m_bytes + at); }
 
-    // Data may hold anything, a whole storage file too: the data of a record that is sound is
-    // passed over.
+    // Returns how far to move on. The data of a sound record is passed over: it may hold anything,
+    // even a whole storage file.
     std::size_t TakeRecord(std::size_t at) {
         const auto head = LoadUnaligned<TRecordHead>(m_bytes + at);
         const bool isItem = SizesAgree(head) && Rises(head.rev, std::max(m_commitRev, m_recRev)) &&
@@ -80,8 +80,8 @@ class Search {
         return next == kRecordSignature || next == kCommitSignature;
     }
 
-    // Passes over nothing: a damaged byte in front of a record may look like the beginning of a
-    // commit block.
+    // The search moves on by one byte only: a damaged byte in front of a record may make it look
+    // like the beginning of a commit block.
     void TakeCommit(std::size_t at) {
         const auto block = LoadUnaligned<TCommitBlock>(m_bytes + at);
         const bool followsLast = !m_previous && block.prevSequence == m_last.sequence;
@@ -90,14 +90,15 @@ class Search {
         }
         if (LinksToPrevious(block)) {
             ++m_found.linkedBlocks;
-            // Two that are linked raise the bounds to what both reach. One alone may be what the
+            // Two linked blocks raise the bounds to what both reach. One alone may be what the
             // damage made of a block, with revisions that nothing behind it would reach.
             m_clearRev =
                 std::max<i64>(m_clearRev, std::min<i64>(m_previous->clearRev, block.clearRev));
             m_commitRev =
                 std::max<i64>(m_commitRev, std::min<i64>(m_previous->commitRev, block.commitRev));
         }
-        // The block at the stop, or linked to the last one, may itself be what is damaged.
+        // A block where the walk stopped, or one linked to the last good block, may itself be what
+        // is damaged.
         m_previousIsTrusted = at > 0 && !followsLast;
         if (!m_previousIsTrusted) {
             m_clearRev = std::min<i64>(m_clearRev, block.clearRev);
@@ -121,13 +122,14 @@ class Search {
     const u8* const m_bytes;
     const std::size_t m_size;
     const LastGoodCommit m_last;
-    i64 m_clearRev;   // the lowest that a commit block may have
-    i64 m_commitRev;  // the same
-    i64 m_recRev = 0;
-    std::optional<TCommitBlock> m_previous;  // the last one that counted
+    i64 m_clearRev;    // the bounds: the lowest clearRev that a commit block may have,
+    i64 m_commitRev;   // and the lowest commitRev
+    i64 m_recRev = 0;  // of the last record that counted; 0: none yet
+    std::optional<TCommitBlock> m_previous;  // the last commit block that counted
+    // False: m_previous may be the damaged block, so its revisions do not bound those behind it.
     bool m_previousIsTrusted = false;
-    std::optional<i64> m_lowestRec;
-    std::optional<i64> m_lowestCommit;
+    std::optional<i64> m_lowestRec;     // of the first record that counted
+    std::optional<i64> m_lowestCommit;  // commitRev of the first commit block that counted
     BeyondDamage m_found;
 };
 

@@ -1,4 +1,9 @@
-// The fixed-width integers under their short names. Nearly every file includes them.
+// The fixed-width integers under their short names. Nearly every file includes them; the modules
+// above src/format do so through platform/int_types.h.
+//
+// The library uses them in one way throughout: a revision and a file offset are i64, because 0 and
+// -1 stand for "none" there; a size in memory or of one read or write is u32; a result code is u32;
+// raw bytes are u8. Callers of std functions convert to std::size_t themselves.
 #ifndef K9EREPL_FORMAT_INT_TYPES_H
 #define K9EREPL_FORMAT_INT_TYPES_H
 
