@@ -1,4 +1,4 @@
-// Reads and deletes the index file. Nothing in the file is believed until it is checked.
+// Reads and deletes the index file. Nothing in the file is trusted before it is checked.
 #include "index/index_file.h"
 
 #include <k9erepl/storage.h>
@@ -26,16 +26,16 @@ static_assert(kReadBufferSize % sizeof(TIndexEntry) == 0, "an entry never spans 
 constexpr platform::FileOpenRequest kReadRequest = {
     .access = platform::FileAccess::kRead,
     .disposition = platform::FileDisposition::kOpenExisting,
-    .sharing = platform::FileSharing::kAll,  // a writer goes on with it meanwhile
+    .sharing = platform::FileSharing::kAll,  // another process may be writing it
     .sequentialScan = true,
 };
 
-// One reading of one index file.
+// Reads one index file once.
 class IndexFileReader {
   public:
     explicit IndexFileReader(const std::string& path) : m_path(path) {}
 
-    // On failure *content may hold some entries.
+    // On failure *content may hold some of the entries.
     u32 Read(IndexFileContent* content);
 
   private:
@@ -50,8 +50,9 @@ class IndexFileReader {
     platform::File m_file;
     platform::MemoryBuffer m_buffer;
     TIndexHeader m_header = {};
-    TIndexEntry m_last = {.rev = 0, .offset = -1};  // every entry is above the one before it
-    u32 m_checksum = 0;
+    // The last entry taken, at first one that is below any: each must be above the one before it.
+    TIndexEntry m_last = {.rev = 0, .offset = -1};
+    u32 m_checksum = 0;  // over the entries taken
 };
 
 u32 IndexFileReader::Read(IndexFileContent* content) {
@@ -116,7 +117,7 @@ u32 IndexFileReader::CheckHeader() {
     return isValid ? RC_OK : RC_NOT_FOUND;
 }
 
-// The entries' memory grows with what was read and checked, whatever the header claims.
+// The memory for the entries grows with what was read and checked, whatever the header claims.
 u32 IndexFileReader::ReadEntries(std::vector<TIndexEntry>* entries) {
     constexpr u32 kMaxPart = kReadBufferSize / sizeof(TIndexEntry);
     u32 part = 0;
@@ -180,13 +181,13 @@ bool IsStorageFile(const std::string& path) {
     platform::FileIdentity found;
     platform::File file;
     bool isStorage = false;
-    return platform::GetIdentity(path, &found) &&  // mostly there is none to be opened
+    return platform::GetIdentity(path, &found) &&  // usually there is no file to open
            file.Open(path.c_str(), {.access = platform::FileAccess::kRead}) &&
            IsStorageFile(file, &isStorage) && isStorage;
 }
 
-// The index file's signature begins with the same letters; read as a version, the rest of it is a
-// large number, and stays one when a part of it is damaged.
+// An index file begins with the same eight letters. Where a storage file has its version, the rest
+// of the index file's magic reads as a large number, even when a part of it is damaged.
 bool IsStorageFile(platform::File& file, bool* isStorage) {
     constexpr u32 kVersionsMost = 31;
     struct {

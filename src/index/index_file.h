@@ -1,5 +1,5 @@
-// The index file by its name: reading it, deleting it. Loading reads it, creating and deleting a
-// storage file delete it. index_object.h writes it.
+// The index file by its name: reading and deleting it. A load reads it; creating and deleting a
+// storage file delete it. The index object (index_object.h) has it written.
 #ifndef K9EREPL_INDEX_INDEX_FILE_H
 #define K9EREPL_INDEX_INDEX_FILE_H
 
@@ -14,29 +14,32 @@
 namespace k9erepl {
 
 struct IndexFileContent {
-    std::vector<TIndexEntry> entries;  // strictly ascending by revision and by offset
-    u32 blockSize = 0;                 // of the storage that wrote the file; not checked
+    // Rises strictly by revision and by offset; empty when nothing was read.
+    std::vector<TIndexEntry> entries;
+    // The setting block_size of the storage that wrote the file, in bytes. Not checked: may be 0.
+    u32 blockSize = 0;
 };
 
-// Reads and checks the file at `path`. On failure *content is empty; the file is only an aid, so
-// most failures are logged as warnings.
-// Errors: RC_SYSTEM_ERROR, RC_SHORT_READ, RC_NOT_FOUND for a file that is no valid index file,
+// Reads and checks the file at `path`, by the rules of docs/index-file.md. On failure *content is
+// empty. The file is only an aid, so most failures are logged as warnings.
+// Errors: RC_SYSTEM_ERROR, RC_SHORT_READ, RC_NOT_FOUND for a file that is not a valid index file,
 // RC_NO_MEMORY.
 u32 ReadIndexFile(const std::string& path, IndexFileContent* content);
 
-// Whether the file begins as a storage file does, with its signature and a version, and is as long
-// as one at least. Nothing here
-// empties, overwrites or deletes such a file, whatever path leads to it. False when it cannot be
-// read.
+// Tells whether the file begins as a storage file does, with its signature and a version from 1 to
+// 31, and is at least as long as one, 1056 bytes. The functions of this folder never empty,
+// overwrite or delete such a file, whatever path leads to it. False also when it cannot be read.
 bool IsStorageFile(const std::string& path);
-// The same of an open file, whose pointer stands at its beginning and is moved. False, with
-// LastSystemError(), when it cannot be read. An empty file is not read.
+// The same for an open file, whose pointer stands at its beginning and is moved. Returns false,
+// with LastSystemError(), when the file cannot be read; *isStorage is then false. An empty file is
+// not read.
 bool IsStorageFile(platform::File& file, bool* isStorage);
 
-// Logs that the index file at `path` is a storage file; RC_INVALID_ARG.
+// Logs that the index file at `path` is a storage file. Returns RC_INVALID_ARG.
 u32 RefuseStorageFile(const std::string& path);
 
-// Deletes the index file that `connStr` names. RC_OK also when it names none or there is none.
+// Deletes the index file that `connStr` names. Returns RC_OK also when it names none or when there
+// is no such file.
 // Errors: RC_SYSTEM_ERROR; RC_INVALID_ARG for a storage file, which stays.
 u32 DeleteIndexFile(const char* connStr);
 

@@ -1,4 +1,5 @@
-// Derives the index file's path from the connection string.
+// Derives the index file's path from the connection string. Also compiled into the command-line
+// tool.
 #include "index/index_file_name.h"
 
 #include <cassert>

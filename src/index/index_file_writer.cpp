@@ -1,4 +1,4 @@
-// The writes of the index file.
+// The writes of the index file. The texts name the part that could not be written.
 #include "index/index_file_writer.h"
 
 #include <k9erepl/storage.h>

@@ -1,5 +1,5 @@
-// Writes the index file: makes it anew without entries, and brings it up to an image. The index
-// worker owns one.
+// Writes the index file: makes it anew without entries, and brings it up to date with an image. The
+// index worker owns one.
 #ifndef K9EREPL_INDEX_INDEX_FILE_WRITER_H
 #define K9EREPL_INDEX_INDEX_FILE_WRITER_H
 
@@ -11,32 +11,39 @@
 
 namespace k9erepl {
 
-// Failures are logged and answered with RC_SYSTEM_ERROR. One thread at a time.
+// Every failure is logged here and answered with RC_SYSTEM_ERROR unless a function says otherwise.
+// What the file holds after a failed write is unknown: the caller writes the whole file next. Used
+// by one thread at a time, the one that has the turn (index_turn.h).
 class IndexFileWriter {
   public:
+    // Touches no file: Create opens it.
     explicit IndexFileWriter(std::string path);
 
     const std::string& Path() const { return m_path; }
 
-    // Makes the directories on the way, empties or makes the file and writes the image's header.
-    // On failure the file is closed; RC_INVALID_ARG for a storage file, which stays. REQUIRES: the
-    // image was Reset.
+    // Makes the directories of the path, creates or empties the file and writes the image's header.
+    // On failure the file is closed. Answers RC_INVALID_ARG for a storage file, which stays as it
+    // is. REQUIRES: the image was Reset, so it has no entries.
     u32 Create(const IndexImage& image);
-    // Writes what the image says, entries first, so that a crash in between leaves a file whose
-    // length or checksum does not fit its header. Fails when the file is not open.
+    // Writes the bytes of the image: the whole file at once, or first the new entries and then the
+    // header, so that a crash in between leaves a file whose length or checksum does not fit its
+    // header. Fails when the file is not open.
     u32 Write(const IndexImage& image);
-    // Returns when what was written is on the disk.
+    // Returns when everything written is on the disk.
     u32 FlushToDisk();
+    // Does nothing when the file is not open.
     void Close() { m_file.Close(); }
 
   private:
     u32 WriteWhole(const IndexImage& image);
     u32 WriteTail(const IndexImage& image);
+    // `position` is in bytes from the file's beginning.
     bool WriteAt(i64 position, const u8* data, u32 size);
+    // Logs that the writing of `part` ("full", "tail", "header", "flush") failed.
     u32 Fail(const char* part) const;
 
     const std::string m_path;
-    platform::File m_file;
+    platform::File m_file;  // open between Create and Close
 };
 
 }  // namespace k9erepl

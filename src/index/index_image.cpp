@@ -1,4 +1,4 @@
-// Fills the image of the index file: order, count and checksum.
+// Fills the image of the index file and keeps its order, count and checksum.
 #include "index/index_image.h"
 
 #include <k9erepl/storage.h>
@@ -82,7 +82,7 @@ void IndexImage::Reset() {
     Seal();
 }
 
-// The end when nothing is saved, or when the last saved block is not what it was.
+// Returns the end when nothing is saved, or when the last saved block is no longer as it was saved.
 BlockIndex::const_iterator IndexImage::FindLastSaved(const BlockIndex& blockIndex) const {
     if (m_saved.count == 0) {
         return blockIndex.end();
@@ -107,7 +107,7 @@ void IndexImage::BeginWhole() {
     m_isWhole = true;
 }
 
-// The last saved entry is the first to be taken in again.
+// Takes the last saved entry out of the count: it is the first one that TakeIn adds again.
 void IndexImage::BeginTail() {
     m_header.count = m_saved.count;
     m_header.checksum = m_saved.checksum;
@@ -116,7 +116,7 @@ void IndexImage::BeginTail() {
     m_isWhole = false;
 }
 
-// False when memory ran out.
+// Returns false when memory ran out.
 bool IndexImage::TakeIn(BlockIndex::const_iterator from, BlockIndex::const_iterator end) {
     for (; from != end; ++from) {
         const IndexEntry& block = from->second;
@@ -135,7 +135,7 @@ bool IndexImage::TakeIn(BlockIndex::const_iterator from, BlockIndex::const_itera
     return true;
 }
 
-// Keeps the offsets strictly ascending. False when memory ran out.
+// Keeps the offsets rising strictly. Returns false when memory ran out.
 bool IndexImage::Append(const TIndexEntry& entry) {
     if (HasEntries()) {
         const TIndexEntry last = LastEntry();
@@ -183,7 +183,7 @@ bool IndexImage::Grow() {
     return true;
 }
 
-// The bytes are lost.
+// Goes back to the small buffer; the entries in the image are lost.
 void IndexImage::FreeLargeBuffer() {
     m_bytes = m_small.get();
     m_capacity = kSmallSize;

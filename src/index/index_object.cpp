@@ -1,4 +1,4 @@
-// The life of the index thread: starting, stopping, restarting it.
+// The life of the index thread: starting, stopping and restarting it.
 #include "index/index_object.h"
 
 #include <k9erepl/storage.h>
@@ -20,7 +20,7 @@ namespace k9erepl {
 namespace {
 
 constexpr u32 kStopWaitMs = 20000;     // for a save in progress and the thread's end together
-constexpr u32 kLastJoinWaitMs = 1000;  // for the thread's end, when the save used it all up
+constexpr u32 kLastJoinWaitMs = 1000;  // for the thread's end, when the save has used that up
 constexpr u32 kPollMs = 1;
 
 u32 ReadAffinity(const char* connStr) {
@@ -94,7 +94,7 @@ void IndexObject::EndWriting() {
     if (!worker.RunsOnThisThread()) {
         WaitForSave(worker);
         if (worker.IsBusy()) {
-            return;  // it hangs; Stop deals with that
+            return;  // the save hangs; Stop deals with that
         }
     }
     worker.EndWriting();
@@ -122,7 +122,8 @@ void IndexObject::StartOver() {
     }
 }
 
-// A save that was under way may fail while this waits for its turn, and end the thread with it.
+// A save that was under way may fail while we wait for our turn, and end the thread with it. Then
+// we start a new thread and try again.
 u32 IndexObject::Empty() {
     if (!IsFinished()) {
         const u32 rc = m_worker.load()->Empty();
@@ -194,7 +195,7 @@ u32 IndexObject::RequestWithoutWorker(IndexSaveMode mode) const {
     return RC_SYSTEM_ERROR;
 }
 
-// Returns the milliseconds that are left for the thread's end.
+// Returns how many milliseconds are left for the thread's end.
 u32 IndexObject::WaitForSave(const IndexWorker& worker) {
     const u32 begin = platform::TickCountMs();
     for (;;) {
@@ -209,7 +210,7 @@ u32 IndexObject::WaitForSave(const IndexWorker& worker) {
     }
 }
 
-// It is in the idle call and cannot be joined. The worker goes with it.
+// The caller is the thread, in its idle call, so it cannot be joined. The worker goes with it.
 void IndexObject::LeaveThreadToItself(IndexWorker& worker) {
     worker.LeaveToTheThread();
     m_thread.LetGo();

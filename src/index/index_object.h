@@ -1,5 +1,6 @@
 // Saves the block index into the index file, at once or through a thread of its own, which also
-// calls the storage's idle flush. The storage object owns one unless it has no file.
+// calls the storage's idle flush. The engine's index keeper owns one, unless the storage has no
+// file or is open to read only.
 #ifndef K9EREPL_INDEX_INDEX_OBJECT_H
 #define K9EREPL_INDEX_INDEX_OBJECT_H
 
@@ -17,13 +18,15 @@ namespace k9erepl {
 
 class IndexWorker;
 
-// Start, Stop, RequestSave, StartOver and Empty are called under the storage's lock (Stop also
-// while the storage is torn down); the tests of flags from anywhere. The idle call, whose callbacks
-// may clear and close, may call all but Start, and may destroy this object.
+// Threads: Start, Stop, RequestSave, StartOver and Empty are called under the storage's lock, Stop
+// also while the storage is torn down. The tests of flags may be called from anywhere. The index
+// thread may call back in from inside the idle call, whose callbacks may clear and close: it may
+// call all but Start, and may even destroy this object.
 class IndexObject {
   public:
-    // Reads index_file or file, and aux_affinity. `idle` is called every `waitMs` milliseconds
-    // without a request and outlives this object. `blockSize` goes into the file's header.
+    // Reads the settings index_file or file, and aux_affinity. The thread calls `idle` after every
+    // `waitMs` milliseconds without a request; `idle` outlives this object. `blockSize`, in bytes,
+    // goes into the file's header.
     // Throws K9eStorageException (RC_INVALID_ARG when the storage has no index file,
     // RC_NO_MEMORY) and std::bad_alloc.
     IndexObject(const char* connStr, IK9eReplDS& idle, u32 blockSize, u32 waitMs);
@@ -35,37 +38,40 @@ class IndexObject {
     const std::string& Path() const { return m_path; }
 
     // Makes the file anew, without entries, and starts the thread, after stopping one that is
-    // still there. The next save writes everything. Errors: RC_SYSTEM_ERROR, RC_NO_MEMORY.
+    // still there. The next save writes everything. Errors: RC_SYSTEM_ERROR, RC_NO_MEMORY,
+    // RC_INVALID_ARG when a storage file lies at the path; that file stays as it is.
     u32 Start();
-    // Ends the thread, after the save in progress, and closes the file. Waits at most 20 seconds
-    // or, if a save takes that long, one more; then the thread is terminated. Called by the thread
+    // Ends the thread after the save in progress and closes the file. Waits at most 20 seconds, or
+    // one more if a save takes that long; then the thread is terminated. Called by the thread
     // itself, it returns at once, and the thread ends when its idle call has returned.
     void Stop();
-    // Waits for the save in progress, at most 20 seconds, and closes the file, to which nothing is
-    // written from now on; the thread goes on until Stop. For the time before the storage file is
-    // given free: whoever opens that next makes the index file anew.
+    // Waits at most 20 seconds for the save in progress and closes the file: nothing is written to
+    // it from now on, but the thread goes on until Stop. Called before the storage file's lock is
+    // given back, because the next writer of the storage makes the index file anew.
     void EndWriting();
-    // In a forked child: closes the file in this process. A thread is the parent's, and what it
-    // uses stays allocated. To be destroyed next.
+    // To be called in a forked child: closes the file in this process. The thread is the parent's,
+    // and what it uses stays allocated. This object must be destroyed next.
     void LeaveToParent();
 
     // Saves what is new in `blockIndex` since the last save, as far as it is in the storage file.
-    // kSync writes the file before it returns; kAsync leaves that to the thread, whose failure
-    // shows as IsFinished(); when no thread runs it does nothing. Waits for a save in progress.
+    // kSync writes the file before it returns. kAsync leaves that to the thread, whose failure
+    // shows as IsFinished(); when no thread runs, nothing is done. Waits for a save in progress.
     // Errors: RC_SYSTEM_ERROR when the file cannot be written (kSync), RC_NO_MEMORY.
     u32 RequestSave(const BlockIndex& blockIndex, IndexSaveMode mode);
 
-    // The next save writes everything, even when nothing changed: entries that were saved are not
-    // valid any more. Waits for a save in progress.
+    // Makes the next save write everything, even when nothing changed: the saved entries are no
+    // longer valid. Waits for a save in progress.
     void StartOver();
 
-    // Takes all entries out of the file, and returns when that is on the disk: what they say will
-    // not be true any more. Starts the thread if none runs. Waits for a save in progress.
-    // Errors: RC_SYSTEM_ERROR, RC_NO_MEMORY.
+    // Takes all entries out of the file and returns when that is on the disk. Called before the
+    // entries become wrong: before a squeeze replaces the storage file or the file starts over.
+    // Starts the thread if none runs. Waits for a save in progress.
+    // Errors: as Start.
     u32 Empty();
 
-    // Whether a save is in progress or requested; whether no thread runs.
+    // Tells whether a save is in progress or requested.
     bool IsBusy() const;
+    // Tells whether no thread runs: it was never started, was stopped, or ended after a failure.
     bool IsFinished() const;
 
   private:
@@ -79,11 +85,11 @@ class IndexObject {
 
     const std::string m_path;
     IK9eReplDS& m_idle;
-    const u32 m_blockSize;
-    const u32 m_waitMs;
-    u32 m_affinity = 0;  // 0: as the system likes
+    const u32 m_blockSize;  // bytes
+    const u32 m_waitMs;     // setting flush_timeout, milliseconds
+    u32 m_affinity = 0;     // setting aux_affinity: bit n is processor n; 0: any processor
 
-    WorkerThread m_thread;  // from Start to Stop
+    WorkerThread m_thread;  // holds a thread from Start to Stop
     // Null after a thread was given up together with its worker. Workers are not freed while this
     // object lives, so that flags can be tested without a lock.
     std::atomic<IndexWorker*> m_worker{nullptr};

@@ -53,18 +53,18 @@ void IndexWorker::ReportTimes() {
 }
 
 void IndexWorker::WaitUntilUp() const {
-    // No std::atomic::wait: a thread that was ended from outside may hold what that shares.
+    // Not std::atomic::wait: a thread that was ended from outside may hold what its waiters share.
     platform::PollingWait wait;
     while (!m_up.load(std::memory_order_acquire) && !IsFinished()) {
         wait.Next();
     }
 }
 
-// The busy flag is not asked for: a thread that hangs in a write would keep it.
+// We do not wait for the busy flag: a thread that hangs in a write would keep it.
 void IndexWorker::SendStop() {
     m_turn.Give(IndexCommand::kStop);
     LOG_INFO(kLogIndex, "Stop thread request sent");
-    m_wakeUp.Set();  // if that fails the thread sees the command at its next time-out
+    m_wakeUp.Set();  // if this fails, the thread sees the command at its next time-out
 }
 
 bool IndexWorker::RunsOnThisThread() const {
@@ -79,8 +79,8 @@ void IndexWorker::LeaveToTheThread() {
     m_ownedByThread = true;
 }
 
-// On the thread itself, which is in its idle call, nobody else would carry out a pending save. Its
-// failure ends the thread when that call returns, as it would otherwise.
+// When the thread itself is the requester, in its idle call, nobody else would carry out a pending
+// save, so it does that here. If the save fails, the thread ends when the idle call returns.
 void IndexWorker::TakeTurn() {
     if (!RunsOnThisThread()) {
         m_turn.TakeWhenIdle();
@@ -113,7 +113,7 @@ u32 IndexWorker::RequestSave(const BlockIndex& blockIndex, IndexSaveMode mode) {
         return WriteFile();
     }
     m_turn.GiveSave();
-    m_wakeUp.Set();  // if that fails the thread sees the command at its next time-out
+    m_wakeUp.Set();  // if this fails, the thread sees the command at its next time-out
     return RC_OK;
 }
 
@@ -151,8 +151,8 @@ u32 IndexWorker::ThreadBody(void* worker) {
     return exitCode;
 }
 
-// Nothing here or below catches an exception that it does not know: the platform ends a thread
-// from outside with one.
+// Nothing here or below catches an exception that it does not know: where threads are ended by an
+// exception (POSIX), that must pass.
 u32 IndexWorker::Run() {
     LOG_INFO(kLogIndex, "Thread started; TID %u", platform::CurrentThreadId());
     if (!m_wakeUp.Create()) {
