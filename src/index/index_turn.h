@@ -20,8 +20,8 @@ enum class IndexCommand : u32 { kNone = 0, kSave = 1, kStop = 2 };
 // out. The requester begins nothing while a command is pending. When the thread itself is the
 // requester, in its idle call, it first carries out a save that is pending: nobody else would.
 //
-// The storage's lock serialises the requesters; the thread never waits for that lock, so a wait for
-// the turn always ends. Anybody may ask IsBusy at any time.
+// The storage's lock serialises the requesters. The thread never waits for that lock, so a
+// requester that holds it may wait for the thread. Anybody may ask IsBusy at any time.
 class IndexTurn {
   public:
     // Sets the busy flag; waits, polling, while the other side holds it. For the thread, also when

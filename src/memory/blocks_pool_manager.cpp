@@ -1,4 +1,4 @@
-// The block pool; see blocks_pool_manager.h. Called by the engine's block list and by the
+// The block pool; see blocks_pool_manager.h. Called by the engine's block store and by the
 // asynchronous writer.
 #include "memory/blocks_pool_manager.h"
 

@@ -141,7 +141,7 @@ std::size_t ReadCacheManager::ChooseVictim(const ReadBuffer& current) const {
     if (m_entries.back().length == 0) {
         return m_entries.size() - 1;
     }
-    // Ages rather than tick counts are compared: the tick count wraps.
+    // We compare ages, not tick counts: the tick count wraps.
     const u32 now = platform::TickCountMs();
     const auto oldest = std::max_element(
         m_entries.begin(), m_entries.end(),
@@ -159,7 +159,7 @@ u32 ReadCacheManager::Fill(std::size_t index, i64 offset, u32 length, ReadBuffer
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Failed to read block;sys-err %r,offset %I64d",
                        platform::LastSystemError(), offset);
         if (got != 0) {
-            // The bytes that came have overwritten what the entry says it holds.
+            // The bytes that did come have overwritten what the entry says it holds.
             MarkEmpty(entry);
             Reorder(index);
         }
@@ -183,8 +183,9 @@ u32 ReadCacheManager::SeekTo(i64 offset) {
     return RC_OK;
 }
 
-// Puts the entry, whose offset has changed, in its place. Of several entries with one offset the
-// freshest comes first, which is the one that a search finds: the others are too short.
+// Moves the entry, whose offset has changed, to its place in the order. Of several entries with the
+// same offset the freshest comes first and is the one that a search finds: the others are too
+// short.
 void ReadCacheManager::Reorder(std::size_t index) {
     const i64 offset = m_entries[index].offset;
     while (index > 0 && m_entries[index - 1].offset >= offset) {

@@ -1,4 +1,4 @@
-// The coalescing buffer; see the header.
+// The buffer of gathered pieces; see the header.
 #include "writers/async_buffer.h"
 
 #include <cassert>
@@ -33,7 +33,7 @@ u8* AsyncBuffer::Place(const AsyncPiece& piece, i64 offset) {
     return place;
 }
 
-// Whoever sees a block without queued writes must see its offset too.
+// All offsets come first: whoever sees a block without queued writes must see its offset, too.
 void AsyncBuffer::Settle(bool* released) {
     for (const Promise& promise : m_promises) {
         if (promise.filePosition != nullptr) {

@@ -95,7 +95,7 @@ CAsyncQueueElem* AsyncQueue::NewElem() {
     return elem;
 }
 
-// The thread that was woken takes everything: only the first element needs to wake it.
+// A thread that wakes takes everything, so only the first element of an empty queue must wake it.
 bool AsyncQueue::Push(CAsyncQueueElem* elem) {
     bool wake = false;
     {

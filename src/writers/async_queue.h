@@ -1,5 +1,5 @@
 // The queue between the clients' threads and the writing thread of the asynchronous writer, which
-// owns one. Elements are recycled, so that a queue in use allocates nothing.
+// owns one. Elements are recycled, so a queue in use soon allocates nothing.
 #ifndef K9EREPL_WRITERS_ASYNC_QUEUE_H
 #define K9EREPL_WRITERS_ASYNC_QUEUE_H
 
@@ -14,31 +14,48 @@
 
 namespace k9erepl {
 
+// The work that an element asks of the writing thread.
 enum class AsyncElemType : u32 {
-    kWrite = 0,             // bytes of a memory block
-    kCommit = 1,            // a commit block, copied when it was queued
-    kBeginTransaction = 3,  // remembers where a rollback goes back to
-    kComplete = 4,          // writes out what is buffered and tells the waiting client
-    kStop = 5,              // ends the thread
+    // Write bytes that lie in a memory block.
+    kWrite = 0,
+    // Write a commit block, which was copied when it was queued.
+    kCommit = 1,
+    // Remember the position to which a rollback goes back.
+    kBeginTransaction = 3,
+    // Write out what is buffered, then tell the waiting client.
+    kComplete = 4,
+    // Write out what is buffered, then end the thread.
+    kStop = 5,
 };
 
-// One piece of work. What it points at stays where it is until the work is done.
+// One piece of work. It owns nothing but the copy of a commit block; what else it points at stays
+// where it is until the work is done. The element belongs to the client until it is pushed, then to
+// the writing thread until that recycles it.
 struct CAsyncQueueElem {
     AsyncElemType type = AsyncElemType::kWrite;
+    // Bytes at `data`: at least 1 for kWrite, 32 for kCommit, else 0.
     u32 size = 0;
-    u8* data = nullptr;                        // kWrite: the client's; kCommit: the copy
-    K9eReplBlock* memoryBlock = nullptr;       // its pending-write count covers this element
-    std::atomic<i64>* filePosition = nullptr;  // kWrite: receives the offset of the data
-    i64 lastRevision = 0;  // for the log; kBeginTransaction: the last flushed revision
-    u64 ticket = 0;        // kComplete: which one it is
+    // kWrite: bytes of the memory block. kCommit: the copy, from the writer's pool. Else null.
+    u8* data = nullptr;
+    // The block whose pending-write count covers this element. kCommit: may be null.
+    K9eReplBlock* memoryBlock = nullptr;
+    // kWrite: receives the file offset of the data, if it holds kUnknownOffset. Else null.
+    std::atomic<i64>* filePosition = nullptr;
+    // kBeginTransaction: the last flushed revision when the transaction began. Else for the log
+    // only.
+    i64 lastRevision = 0;
+    // kComplete: its number, from 1 on, by which the waiting client knows its own.
+    u64 ticket = 0;
+    // The element behind this one in its chain; null at the end.
     CAsyncQueueElem* next = nullptr;
 };
 
-// RC_INVALID_ARG for an element that lacks what its type needs, or has another type; the latter is
-// logged here.
+// Returns RC_INVALID_ARG for an element that lacks what its type needs, and for an unknown type;
+// the latter is logged here.
 u32 CheckElem(const CAsyncQueueElem& elem);
 
-// A chain of elements, first in, first out. The elements are the holder's to give on.
+// A chain of elements, first in, first out. It does not delete its elements: whoever holds the
+// chain hands them on or calls DeleteAll. No lock of its own.
 class AsyncElems {
   public:
     AsyncElems() = default;
@@ -53,7 +70,7 @@ class AsyncElems {
     bool IsEmpty() const { return m_first == nullptr; }
     std::size_t Size() const { return m_size; }
     void Append(CAsyncQueueElem* elem);
-    // Takes all elements of `other`, in order.
+    // Takes all elements of `other`, in order, to its end; `other` is empty afterwards.
     void AppendAll(AsyncElems& other);
     // REQUIRES: not empty.
     CAsyncQueueElem* TakeFirst();
@@ -62,13 +79,13 @@ class AsyncElems {
     void DeleteAll();
 
   private:
-    CAsyncQueueElem* m_first = nullptr;
-    CAsyncQueueElem* m_last = nullptr;
-    std::size_t m_size = 0;
+    CAsyncQueueElem* m_first = nullptr;  // null when the chain is empty
+    CAsyncQueueElem* m_last = nullptr;   // null when the chain is empty
+    std::size_t m_size = 0;              // elements
 };
 
-// Clients, one at a time, make and push elements; the writing thread waits for them, takes all at
-// once and recycles them.
+// Clients make and push elements, one client at a time, under the storage's lock. The writing
+// thread waits for elements, takes all of them at once, and recycles them when their work is done.
 class AsyncQueue {
   public:
     AsyncQueue() = default;
@@ -76,39 +93,44 @@ class AsyncQueue {
     AsyncQueue(const AsyncQueue&) = delete;
     AsyncQueue& operator=(const AsyncQueue&) = delete;
 
-    // Makes the event that wakes the thread. False: LastSystemError().
+    // Makes the event that wakes the thread. To be called once, before anything else. Returns
+    // false, with LastSystemError(), when the system has none.
     bool Init() { return m_newTask.Create(); }
 
-    // --- The client
-    // An element with all fields at their defaults; null when there is no memory.
+    // --- For the client
+    // Returns an element with all fields at their defaults; null when there is no memory.
     CAsyncQueueElem* NewElem();
-    // The other way for an element that was not pushed.
+    // Takes back an element that was not pushed.
     void GiveBack(CAsyncQueueElem* elem) { m_clientFree.Append(elem); }
-    // Appends and wakes the thread; false when the queue was closed, the element is still the
-    // client's then.
+    // Appends the element and wakes the thread. Returns false when the queue was closed; the
+    // element is then still the client's.
     bool Push(CAsyncQueueElem* elem);
-    // Wakes the thread for nothing but what it finds.
+    // Wakes the thread, which then looks for work even if nothing was pushed.
     void Wake() { m_wakeFailed = !m_newTask.Set(); }
 
-    // --- The writing thread
+    // --- For the writing thread
+    // Waits for a push or a Wake, without a time limit.
     platform::WaitResult WaitForTask() { return m_newTask.Wait(platform::kWaitForever); }
+    // Takes everything queued; the chain may be empty.
     AsyncElems TakeAll();
-    // Takes back elements whose work is done; `done` is empty then.
+    // Takes back elements whose work is done; `done` is empty afterwards.
     void Recycle(AsyncElems& done);
-    // From now on nothing is accepted; returns what was still queued.
+    // Refuses every push from now on, and returns what was still queued.
     AsyncElems Close();
 
   private:
-    // A batch that would make more than these lie idle goes back to the heap.
+    // The most elements kept for reuse. A batch that would make more goes back to the heap whole.
     static constexpr std::size_t kMostFree = 16384;
 
     platform::AutoResetEvent m_newTask;
     platform::RecursiveLock m_lock;
-    AsyncElems m_queued;        // guarded by m_lock
-    AsyncElems m_free;          // guarded by m_lock
-    bool m_closed = false;      // guarded by m_lock
-    AsyncElems m_clientFree;    // the client's
-    bool m_wakeFailed = false;  // the client's: the next push tries again
+    AsyncElems m_queued;    // guarded by m_lock: not yet taken by the thread
+    AsyncElems m_free;      // guarded by m_lock: recycled by the thread
+    bool m_closed = false;  // guarded by m_lock
+    // The client's: free elements that NewElem gives out without taking the lock.
+    AsyncElems m_clientFree;
+    // The client's: waking the thread failed, so the next push tries again.
+    bool m_wakeFailed = false;
 };
 
 }  // namespace k9erepl

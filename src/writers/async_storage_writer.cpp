@@ -48,7 +48,7 @@ AsyncStorageWriter::AsyncStorageWriter(StorageFileState* state, const Options& o
         LOG_ERROR_CODE(RC_NO_MEMORY, kLogStorage, "malloc failed");
         throw K9eStorageException(RC_NO_MEMORY);
     }
-    // Last: nothing that follows can fail with a thread to be ended.
+    // The thread comes last: nothing behind it can fail and leave a thread to be ended.
     if (const u32 rc = StartThread(options.affinity); rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage,
                        "Couldn't create async storage thread: K9ThreadCreate failed");
@@ -69,7 +69,7 @@ AsyncStorageWriter::~AsyncStorageWriter() {
 u32 AsyncStorageWriter::StartThread(u32 affinity) {
     const u32 rc = m_thread.Start(&ThreadBody, this, affinity);
     if (rc != RC_OK && !m_thread.CallOff()) {
-        m_thread.LetGo();  // it has never run and has nothing of ours
+        m_thread.LetGo();  // the thread has never run and uses nothing of ours
     }
     return rc;
 }
@@ -97,7 +97,7 @@ u32 AsyncStorageWriter::PushToAsyncQueue(const CAsyncQueueElem& work) {
     return rc;
 }
 
-// The clear revision may have gone on when the thread comes to the block.
+// Sets the clear revision now: it may have risen by the time the thread comes to the block.
 u32 AsyncStorageWriter::CopyCommitBlock(CAsyncQueueElem* elem) {
     assert(elem->size == kCommitBlockSize);
     auto* const copy = static_cast<u8*>(m_commitCopies.AllocBlock());
@@ -116,7 +116,7 @@ void AsyncStorageWriter::FreeCommitCopy(const CAsyncQueueElem& elem) {
     }
 }
 
-// Counts the piece in its block before it is queued: the thread may be done with it at once.
+// Counts the piece in its block before queuing it: the thread may be done with it at once.
 u32 AsyncStorageWriter::PushPiece(const CAsyncQueueElem& piece) {
     if (piece.memoryBlock != nullptr) {
         piece.memoryBlock->pendingWrites.fetch_add(1, std::memory_order_relaxed);
@@ -161,8 +161,8 @@ u32 AsyncStorageWriter::Write(u8* data, u32 size, TCommitBlock* commitBlock,
     return rc;
 }
 
-// The thread knows the position behind everything queued before, but by then the last flushed
-// revision may have gone on.
+// Only the thread knows the position, which is behind everything queued so far. The last flushed
+// revision goes along because it may have risen by the time the thread comes to the element.
 u32 AsyncStorageWriter::BeginTransaction() {
     if (!m_file.IsOpen()) {
         return RC_NO_WRITER;
@@ -176,7 +176,7 @@ u32 AsyncStorageWriter::BeginTransaction() {
     return rc;
 }
 
-// The event may still be set by a task whose waiter gave up: the ticket tells.
+// The event may have been set for an earlier task whose waiter gave up, so we compare tickets.
 u32 AsyncStorageWriter::CompleteAsyncTasks() {
     const u64 ticket = ++m_lastTicket;
     if (const u32 rc = PushToAsyncQueue({.type = AsyncElemType::kComplete, .ticket = ticket});
@@ -213,7 +213,8 @@ u32 AsyncStorageWriter::WaitFor(platform::AutoResetEvent& event, u32 beganMs) {
 }
 
 u32 AsyncStorageWriter::WaitReleaseBlock() {
-    // After a failure nothing is released any more, and its signal may have been taken already.
+    // After a failure no block is released any more, and the failure's signal may already be used
+    // up.
     if (StickyError() == RC_OK) {
         if (const u32 rc = WaitFor(m_releaseEvent, platform::TickCountMs()); rc != RC_OK) {
             LOG_ERROR_CODE(rc, kLogStorage, "Wait for release block failed");
@@ -236,7 +237,8 @@ u32 AsyncStorageWriter::Rollback() {
     return RollbackNow();
 }
 
-// A thread that failed in a write leaves bytes behind that belong to flushes which it had accepted.
+// After a failure we leave the bytes alone: they may belong to flushes that the writer had
+// accepted.
 u32 AsyncStorageWriter::ClearUndone() {
     if (!HasUndone() || StickyError() != RC_OK) {
         return RC_OK;
@@ -258,7 +260,7 @@ bool AsyncStorageWriter::LeaveToParent() {
     return !m_thread.MayStillRun();
 }
 
-// Needs no memory, so that what is queued is written whatever happens.
+// Allocates nothing, so that what is queued is written whatever happens.
 void AsyncStorageWriter::PushStop() {
     if (StickyError() == RC_OK && m_queue.Push(m_stopElem.get())) {
         (void)m_stopElem.release();  // the queue has it
@@ -267,7 +269,7 @@ void AsyncStorageWriter::PushStop() {
     }
     const u32 rc = StickyError();
     LOG_ERROR_CODE(rc, kLogStorage, "PushToAsyncQueue(CAsyncQueueElem::STOP) return error %d", rc);
-    // A code that a client set may have found the thread waiting for work.
+    // If a client set the sticky code, the thread may still be waiting for work.
     m_queue.Wake();
 }
 

@@ -1,5 +1,6 @@
-// The asynchronous writer: operations are queued and return at once, a thread of its own carries
-// them out in order. The storage file owns it like any writer; the writer factory makes it.
+// The asynchronous writer: operations are queued and return at once, and a thread of its own
+// carries them out in order (setting async_mode). The storage file owns it like any writer; the
+// writer factory makes it. docs/architecture.md, "Threads", says who owns what data and when.
 #ifndef K9EREPL_WRITERS_ASYNC_STORAGE_WRITER_H
 #define K9EREPL_WRITERS_ASYNC_STORAGE_WRITER_H
 
@@ -16,56 +17,63 @@
 namespace k9erepl {
 
 // The first failure of the writing thread is sticky: the thread ends, and every later operation
-// returns its code. Nothing was written after it.
+// returns its code. Nothing is written after it, so the file ends with what was written before.
 //
 // Who owns what: while work is queued, the file, its pointer, the buffer and the transaction's
-// start belong to the writing thread; when CompleteAsyncTasks has returned RC_OK and until
+// start belong to the writing thread. When CompleteAsyncTasks has returned RC_OK, and until
 // something is queued again, they are the client's. The queue's lock and the events hand them over.
-// The thread takes no lock of the storage, so clients wait for it with that lock held; the
+// The thread takes no lock of the storage, so clients may wait for it with that lock held. The
 // OnWriteToFile callback runs on the thread and must not wait for that lock either.
 class AsyncStorageWriter final : public StorageWriter {
   public:
     struct Options {
-        u32 affinity = 0;  // processors of the thread, bit by bit; 0: as the system likes
-        u32 bufferCapacity = AsyncBuffer::kInnerCapacity;  // bytes; 0: no gathering
+        // Setting aux_affinity: bit n lets the thread run on processor n; 0: on any processor.
+        u32 affinity = 0;
+        // Setting async_buffer_size, but in bytes: up to 4 MiB; 0: nothing is gathered.
+        u32 bufferCapacity = AsyncBuffer::kInnerCapacity;
     };
 
-    // Opens the file and starts the thread. Throws K9eStorageException (RC_INVALID_ARG,
-    // RC_SYSTEM_ERROR, RC_NO_MEMORY) and std::bad_alloc.
+    // Opens the file and starts the thread. `state` outlives this object, and stays for ever when
+    // Shutdown returns false. Throws K9eStorageException (RC_INVALID_ARG, RC_SYSTEM_ERROR,
+    // RC_NO_MEMORY) and std::bad_alloc.
     AsyncStorageWriter(StorageFileState* state, const Options& options);
-    // Calls Shutdown. Where that may return false, it must have been called before, and this object
-    // must not be destroyed.
+    // Calls Shutdown, which must not fail here: an owner that cannot rule that out calls Shutdown
+    // first, and does not destroy this object if it returns false.
     ~AsyncStorageWriter() override;
 
-    // See StorageWriter; these are queued. `memoryBlock` and `filePosition` are wanted for data
-    // that is more than a commit block. Until the block's pending-write count is 0 again, `data`,
-    // the block and *filePosition stay where they are; the commit block may be reused at once.
-    // Errors: RC_NO_WRITER, RC_INVALID_ARG, RC_NO_MEMORY, the sticky code. Then nothing was queued,
-    // or the data without the commit block: its block counts that.
+    // See StorageWriter; Write and BeginTransaction are queued. Data that is more than a commit
+    // block needs `memoryBlock` and `filePosition`. Until the block's pending-write count is 0
+    // again, `data`, the block and *filePosition must stay where they are. The commit block is
+    // copied: it may be reused at once.
+    // Errors: RC_NO_WRITER, RC_INVALID_ARG, RC_NO_MEMORY, the sticky code. After one, either
+    // nothing was queued, or the data but not its commit block; the pending-write count then covers
+    // the data.
     u32 Write(u8* data, u32 size, TCommitBlock* commitBlock, K9eReplBlock* memoryBlock,
               i64 lastRevision, std::atomic<i64>* filePosition) override;
     u32 BeginTransaction() override;
-    // Waits at most 60 s. Errors: RC_TIMEOUT, RC_SYSTEM_ERROR, the sticky code.
+    // Both wait at most 60 s. Errors: RC_TIMEOUT, RC_SYSTEM_ERROR, the sticky code; from
+    // CompleteAsyncTasks also RC_NO_MEMORY.
     u32 CompleteAsyncTasks() override;
     u32 WaitReleaseBlock() override;
-    // Waits as CompleteAsyncTasks. A rollback that fails makes its code sticky: what is queued
-    // would otherwise be written in spite of it.
+    // Waits as CompleteAsyncTasks does. A wait that fails makes its code sticky: otherwise what is
+    // queued would still be written in spite of the rollback.
     u32 Rollback() override;
-    // Waits as CompleteAsyncTasks, but only when something was undone.
+    // Waits as CompleteAsyncTasks does, but only when something was undone.
     u32 ClearUndone() override;
-    // Nothing: the file is forced to the disk only by Shutdown.
+    // Does nothing: only Shutdown forces the file to the disk.
     u32 FlushFile() override { return RC_OK; }
 
-    // Writes what is queued, ends the thread, waiting at most 60 s, and forces the file to the
-    // disk with force_flush. False when the thread could not be ended: this object, the file's
-    // state and the memory blocks must then stay where they are.
+    // Writes what is queued, ends the thread, for which it waits at most 60 s, and with force_flush
+    // forces the file to the disk; a failure of that is only logged. Returns false when the thread
+    // could not be ended: this object, the file's state and the memory blocks must then stay where
+    // they are.
     bool Shutdown() override;
     bool MayStillWrite() const override;
     bool IsOnOwnThread() const override;
     bool LeaveToParent() override;
 
   private:
-    // --- The client's side
+    // --- The client's side: called under the storage's lock
     u32 StartThread(u32 affinity);
     u32 PushToAsyncQueue(const CAsyncQueueElem& work);
     u32 PushPiece(const CAsyncQueueElem& piece);
@@ -74,7 +82,8 @@ class AsyncStorageWriter final : public StorageWriter {
     u32 WaitFor(platform::AutoResetEvent& event, u32 beganMs);
     u32 StickyError() const { return m_stickyError.load(std::memory_order_acquire); }
 
-    // --- The writing thread's side
+    // --- The writing thread's side. `last`: nothing more of this batch follows, so what is
+    // buffered is written out. `place` tells the calls of one function apart in the log.
     static u32 ThreadBody(void* writer);
     u32 Run();
     u32 ProcessBatch(AsyncElems& batch);
@@ -95,22 +104,24 @@ class AsyncStorageWriter final : public StorageWriter {
     platform::AutoResetEvent m_completeEvent;  // a kComplete was carried out, or the thread failed
     platform::AutoResetEvent m_releaseEvent;   // some block was released, or the thread failed
     AsyncQueue m_queue;
-    CBlocksPoolManager m_commitCopies;
-    // Set by the thread before it drops what is queued; by a client only when a rollback failed.
+    CBlocksPoolManager m_commitCopies;  // blocks of 32 bytes
+    // The code of the first failure; RC_OK: none. Set by the thread before it drops what is queued,
+    // by a client only when a rollback failed. Never changes again.
     std::atomic<u32> m_stickyError{0};
-    std::atomic<u64> m_completed{0};   // the ticket of the last kComplete that was carried out
+    std::atomic<u64> m_completed{0};   // the ticket of the last kComplete carried out; 0: none
     std::atomic<bool> m_ended{false};  // the thread touches nothing of the clients' any more
     std::atomic<u32> m_threadId{0};    // of the writing thread while it runs its body, else 0
 
     // --- The client's
     WorkerThread m_thread;
-    std::unique_ptr<CAsyncQueueElem> m_stopElem;  // null once it is queued
-    u64 m_lastTicket = 0;
+    // Made beforehand, so that stopping needs no memory. Null once it is queued.
+    std::unique_ptr<CAsyncQueueElem> m_stopElem;
+    u64 m_lastTicket = 0;  // of the last kComplete that was made; 0: none
 
     // --- The writing thread's
     AsyncBuffer m_buffer;
-    i64 m_pendingRev = 0;  // of the last commit block in the buffer, to be notified; 0: none
-    bool m_stopped = false;
+    i64 m_pendingRev = 0;    // commitRev of the last commit block in the buffer; 0: none there
+    bool m_stopped = false;  // kStop was carried out
 };
 
 }  // namespace k9erepl

@@ -1,6 +1,6 @@
 // The writing thread of the asynchronous writer: it takes what is queued, gathers small pieces and
-// writes them in order. The platform ends a thread from outside with an exception, which passes
-// through all of this.
+// writes them in order. On POSIX systems a thread is ended from outside by an exception, which must
+// pass through all of this.
 #include "platform/system_error.h"
 #include "support/exception_barrier.h"
 #include "support/log.h"
@@ -46,14 +46,14 @@ u32 AsyncStorageWriter::Run() {
     return RC_OK;
 }
 
-// What stands behind a failed element is dropped with it.
+// After an element has failed, the rest of the batch is dropped without being carried out.
 u32 AsyncStorageWriter::ProcessBatch(AsyncElems& batch) {
     AsyncElems done;
     u32 rc = RC_OK;
     while (!batch.IsEmpty()) {
         CAsyncQueueElem* const elem = batch.TakeFirst();
         if (rc == RC_OK) {
-            // A client that gave up a rollback wants nothing more written.
+            // A client whose rollback failed has set the code: nothing more may be written.
             rc = StickyError();
         }
         if (rc == RC_OK) {
@@ -93,7 +93,7 @@ u32 AsyncStorageWriter::ProcessElem(const CAsyncQueueElem& elem, bool last) {
     return RC_BAD_DATA;
 }
 
-// Bytes in the buffer come before the transaction, although they are not in the file yet.
+// The bytes in the buffer belong before the transaction, although they are not in the file yet.
 u32 AsyncStorageWriter::BeginTransactionAt(i64 lastFlushedRev) {
     return RememberTransactionStart(WritePos() + m_buffer.Size(), lastFlushedRev);
 }
@@ -210,8 +210,8 @@ u32 AsyncStorageWriter::SetReleased(const char* place) {
     return RC_SYSTEM_ERROR;
 }
 
-// Foreign code: everything of ours is settled before it. One that throws stops the writer: its
-// client has not taken in what was written.
+// The callback is foreign code, so everything of ours is settled before it. One that throws stops
+// the writer: its client did not learn what was written.
 u32 AsyncStorageWriter::Notify(i64 commitRev) {
     try {
         m_state.onWritten.Call(commitRev);
@@ -223,7 +223,7 @@ u32 AsyncStorageWriter::Notify(i64 commitRev) {
     }
 }
 
-// The code first: clients that wake up must see it. A code that a client set stays.
+// Sets the code before it wakes the clients: they must see it. A code that a client has set stays.
 void AsyncStorageWriter::Fail(u32 rc) {
     m_ended.store(true, std::memory_order_release);
     u32 none = RC_OK;

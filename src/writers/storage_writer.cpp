@@ -80,7 +80,8 @@ u32 StorageWriter::WriteNow(u8* data, u32 size, TCommitBlock* commitBlock, i64 l
     const bool barrier = commitBlock != nullptr && m_state.forceFlush && m_state.commitBarrier;
     const u32 rc = WritePiece(data, size, commitBlock, lastRevision, filePosition, barrier);
     if (rc == RC_OK && commitBlock != nullptr) {
-        // Foreign code, which may come back in: everything of ours is settled before it.
+        // The callback is foreign code and may call us again: everything of ours is settled before
+        // it.
         m_state.onWritten.Call(commitBlock->commitRev);
     }
     return rc;
@@ -218,8 +219,8 @@ u32 StorageWriter::WriteBytes(const void* data, u32 size) {
     return RC_OK;
 }
 
-// The commit block is the last 32 bytes. All the space was made before: growing the file between
-// the two writes would grow it further than one write does.
+// The commit block is the last 32 bytes of `data`. PrepareWrite has made room for all of it:
+// growing the file between the two writes would grow it further than one write does.
 u32 StorageWriter::WriteBehindBarrier(const u8* data, u32 size) {
     const i64 start = WritePos();
     const u32 before = size - kCommitBlockSize;
@@ -252,8 +253,8 @@ u32 StorageWriter::ClearAbandonedTail() {
     return RC_OK;
 }
 
-// Cutting the file and extending it again makes the system deliver zeros there: at no cost for a
-// large file, and with no need of disk space when the disk is full.
+// Cutting the file and extending it again makes the system deliver zeros there. That costs nothing
+// for a large file, and needs no space on a full disk.
 bool StorageWriter::ZeroTail(i64 position) {
     i64 size = 0;
     if (!m_file.GetSize(&size)) {

@@ -8,9 +8,10 @@
 
 namespace k9erepl {
 
-// Reads async_mode ("yes" or "no" in any case of letters, default "no"), and for "yes" aux_affinity
-// (a mask of processors for the writing thread, default 0: any) and async_buffer_size (0 to 4096
-// kilobytes, default 16).
+// Reads the setting async_mode ("yes" or "no" in any case of letters, default "no"), and for "yes"
+// also aux_affinity (bit n lets the writing thread run on processor n; default 0: on any) and
+// async_buffer_size (0 to 4096 kilobytes, default 16). The caller owns the writer; `state` outlives
+// it.
 // Throws K9eStorageException: RC_BAD_SIZE for a refused value, the writers' own codes. Throws
 // std::bad_alloc.
 std::unique_ptr<StorageWriter> CreateStorageWriter(const char* connStr, StorageFileState* state);
