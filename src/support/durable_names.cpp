@@ -1,4 +1,4 @@
-// Flushing the directory of a file whose name has changed; see the header.
+// Flushes the directory of a file whose name has changed; see the header.
 #include "support/durable_names.h"
 
 #include "platform/file_names.h"

@@ -1,5 +1,5 @@
-// A client's notification function with its context, set by one thread and called by another.
-// The flusher keeps OnFlush in one, the storage file OnWriteToFile.
+// A client's notification function with its context, set by one thread and called by another. The
+// flusher keeps OnFlush in one, the storage file keeps OnWriteToFile in one.
 #ifndef K9EREPL_SUPPORT_FLUSH_CALLBACK_H
 #define K9EREPL_SUPPORT_FLUSH_CALLBACK_H
 
@@ -11,6 +11,9 @@
 
 namespace k9erepl {
 
+// Needs no lock, because the client may set a callback while the index thread or the writing thread
+// calls the old one. Replacing a callback that is set is still the client's risk: for a moment the
+// old function may be called with the new context. The context belongs to the client.
 class FlushCallback {
   public:
     // A null `callback` unsets it. The context is published first, so that a caller that sees the
@@ -20,9 +23,11 @@ class FlushCallback {
         m_callback.store(callback, std::memory_order_release);
     }
 
+    // The answer may be out of date at once.
     bool IsSet() const { return m_callback.load(std::memory_order_acquire) != nullptr; }
 
-    // Does nothing when no function is set.
+    // Calls the function with `lastRev`; does nothing when none is set. Lets pass what the function
+    // throws. The caller holds the storage's lock, or is the writing thread.
     void Call(i64 lastRev) const {
         if (K9eReplFlushCb callback = m_callback.load(std::memory_order_acquire)) {
             callback(lastRev, m_context.load(std::memory_order_relaxed));
@@ -30,7 +35,9 @@ class FlushCallback {
     }
 
   private:
+    // The client's pointer, handed back as it is; may be null.
     std::atomic<void*> m_context{nullptr};
+    // Null: nothing is called.
     std::atomic<K9eReplFlushCb> m_callback{nullptr};
 };
 

@@ -1,4 +1,5 @@
-// The value of the setting "file" that stands for no file. Whoever reads that setting asks here.
+// The value of the setting "file" that stands for no file. Everybody who reads that setting asks
+// here, so that opening, creating, deleting and naming the index file agree.
 #ifndef K9EREPL_SUPPORT_MEMORY_PATH_H
 #define K9EREPL_SUPPORT_MEMORY_PATH_H
 
@@ -8,7 +9,8 @@
 
 namespace k9erepl {
 
-// ":memory:" in any case of letters: the storage lives in memory and touches no disk.
+// Tells whether `path` is ":memory:" in any case of letters: the storage then lives in memory and
+// touches no disk. An empty path is not; it means that the setting is missing.
 constexpr bool IsMemoryPath(std::string_view path) {
     return EqualsIgnoringCase(path, ":memory:");
 }

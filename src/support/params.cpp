@@ -1,4 +1,4 @@
-// Finds, reads and edits the items of a connection string.
+// Finds, reads and edits the items of a connection string; see the header for the rules.
 #include "support/params.h"
 
 #include <cassert>
@@ -40,7 +40,8 @@ const char* ValueInItem(const char* text, std::string_view key, u32* valueLen) {
     return IsSeparator(*text) ? text : nullptr;
 }
 
-// The number at the start of `text`, moved to the nearest limit when it is outside.
+// The number at the start of `text`, or the nearest limit when it is outside. The loop ends at the
+// limit, long before a 64-bit number could overflow.
 i64 ToNumber(const char* text, i64 lowest, i64 highest) {
     text += std::strspn(text, " \t\n\v\f\r");
     const bool negative = *text == '-';

@@ -1,5 +1,6 @@
-// Objects in the system library's parser memory: the start records of the index thread and of the
-// writing thread. Used by the modules that create threads.
+// Objects in the system library's parser memory. A host expects the start records of threads there
+// and can limit that memory; nothing else of ours lies in it. Used by support/worker_thread.h, for
+// the index thread and the writing thread.
 #ifndef K9EREPL_SUPPORT_PARSER_MEMORY_H
 #define K9EREPL_SUPPORT_PARSER_MEMORY_H
 
@@ -13,7 +14,10 @@
 
 namespace k9erepl {
 
-// A new T made of `args`, or null when there is no parser memory. T's constructor must not throw.
+// Makes a new T of `args`; returns null when there is no parser memory. The caller owns the object
+// and gives it back with DeleteInParserMemory, from any thread. T's constructor must not throw, and
+// T must not need more alignment than the C heap gives: a host's library may take the memory from
+// there.
 template <typename T, typename... Args>
 T* NewInParserMemory(Args&&... args) {
     static_assert(alignof(T) <= platform::kHeapAlignment);
@@ -22,7 +26,8 @@ T* NewInParserMemory(Args&&... args) {
     return memory == nullptr ? nullptr : new (memory) T{std::forward<Args>(args)...};
 }
 
-// Destroys what NewInParserMemory made; null does nothing.
+// Destroys an object of NewInParserMemory and frees its memory; null does nothing. The destructor
+// runs on the calling thread.
 template <typename T>
 void DeleteInParserMemory(T* object) {
     if (object != nullptr) {
@@ -31,7 +36,11 @@ void DeleteInParserMemory(T* object) {
     }
 }
 
-// Destroys with DeleteInParserMemory, for std::unique_ptr.
+// Lets a std::unique_ptr own such an object:
+//
+//     std::unique_ptr<platform::Thread, ParserMemoryDeleter> m_record;
+//
+// It has no state, so the pointer is no larger than a plain one.
 struct ParserMemoryDeleter {
     template <typename T>
     void operator()(T* object) const {

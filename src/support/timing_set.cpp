@@ -1,4 +1,4 @@
-// Stopwatches and their report.
+// The stopwatches and their report; see the header.
 #include "support/timing_set.h"
 
 #include <cassert>

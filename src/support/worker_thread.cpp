@@ -1,4 +1,4 @@
-// The life of a worker thread over platform::Thread.
+// The life of a worker thread, built on platform::Thread.
 #include "support/worker_thread.h"
 
 namespace k9erepl {

@@ -1,6 +1,7 @@
-// A thread that works for one object of the library until that is closed: the index thread and the
-// asynchronous writer's. Its owner starts it, ends it, and lets it go when it cannot be ended. Lies
-// here and not in platform because its start record lies in the host's parser memory.
+// A thread that works for one object of the library until that object is closed: the index thread
+// and the asynchronous writer's thread. Its owner starts it, ends it, and lets it go when it cannot
+// be ended. It is here and not in platform because its start record lies in the host's parser
+// memory.
 #ifndef K9EREPL_SUPPORT_WORKER_THREAD_H
 #define K9EREPL_SUPPORT_WORKER_THREAD_H
 
@@ -15,46 +16,52 @@
 
 namespace k9erepl {
 
-// Nothing here logs: the owner tells failures under its own module's name, and finds the cause of a
+// Nothing here logs: the owner logs failures under its own module's name, and finds the cause of a
 // false or of an RC_SYSTEM_ERROR in LastSystemError(). Used under the owner's lock, or by one
-// thread at a time.
+// thread at a time. Before it is destroyed, the thread must have ended or have been let go.
 class WorkerThread {
   public:
-    // Makes the thread, binds it to the processors of `affinity` (bit by bit; 0: as the system
-    // likes) and lets it run `body(argument)`, which lets foreign exceptions pass as Thread::Create
-    // asks. After RC_NO_MEMORY or RC_SYSTEM_ERROR the owner calls CallOff next.
+    // Makes the thread, binds it to the processors of `affinity` (bit n stands for processor n; 0:
+    // any processor) and lets it run `body(argument)`. The body must let foreign exceptions pass,
+    // as Thread::Create asks. `argument` must outlive the thread.
+    // Errors: RC_NO_MEMORY, RC_SYSTEM_ERROR; the owner then calls CallOff next.
     // REQUIRES: !IsThere().
     u32 Start(platform::ThreadBody body, void* argument, u32 affinity);
 
-    // Takes back a start that failed. False when there is a thread, which has not run and never
-    // will, but cannot be ended: LetGo is next. REQUIRES: Start failed.
+    // Takes back a start that failed. Returns false when there is a thread that has not run and
+    // never will, but cannot be ended: the owner then calls LetGo. REQUIRES: Start failed.
     bool CallOff();
 
-    // Whether a thread was started and has neither been ended nor let go.
+    // Tells whether a thread was started and has neither been ended nor let go.
     bool IsThere() const { return m_record != nullptr; }
     // The same, but also true for a thread that was let go.
     bool MayStillRun() const { return IsThere() || m_letGo; }
 
     // Waits for the thread's end. After `timeoutMs` milliseconds, or when waiting fails, calls
-    // `tellOverdue(code)` with RC_TIMEOUT or RC_SYSTEM_ERROR and terminates the thread. RC_OK: the
-    // thread is gone. Otherwise that code, and the thread still runs: whatever it uses must stay
-    // allocated, and LetGo is next. REQUIRES: IsThere(); not called by the thread itself.
+    // `tellOverdue(code)` with RC_TIMEOUT or RC_SYSTEM_ERROR and terminates the thread. Returns
+    // RC_OK when the thread is gone. Otherwise returns that code, and the thread still runs:
+    // whatever it uses must stay allocated, and the owner calls LetGo next.
+    // REQUIRES: IsThere(); the caller is not the thread itself.
     template <typename TellOverdue>
     u32 End(u32 timeoutMs, TellOverdue tellOverdue);
 
-    // Gives up a thread that cannot be ended or joined. It may run on, for ever.
+    // Gives up a thread that cannot be ended or joined. It may run on for ever.
+    // REQUIRES: IsThere().
     void LetGo();
 
-    // In a forked child, where the thread is the parent's: forgets it and keeps its record.
+    // To be called in a forked child, where the thread is the parent's: forgets it and leaves its
+    // record allocated.
     void LeaveToParent() { (void)m_record.release(); }
 
   private:
+    // The result code for a wait that did not see the thread's end.
     static u32 CodeOf(platform::WaitResult failedWait);
+    // Returns false when the thread still runs.
     bool Terminate();
 
     // Null while there is no thread.
     std::unique_ptr<platform::Thread, ParserMemoryDeleter> m_record;
-    bool m_letGo = false;
+    bool m_letGo = false;  // the last thread was let go and may still run
 };
 
 template <typename TellOverdue>

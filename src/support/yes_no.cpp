@@ -1,4 +1,4 @@
-// The words and the two messages.
+// Reads the two words and logs the two messages; see the header.
 #include "support/yes_no.h"
 
 #include <k9erepl/storage.h>
