@@ -1,5 +1,7 @@
-// The clocks: the tick count for time-outs and recency, the performance counter for
-// timing reports, the processor's time-stamp counter for the stamps of commit blocks.
+// The clocks: the tick count for time-outs and for what was used last, the performance counter for
+// timing reports, the processor's time-stamp counter for the stamps of commit blocks. None of them
+// is the time of day, and none fails once PerformanceFrequency has succeeded. Any thread may read
+// them.
 #ifndef K9EREPL_PLATFORM_CLOCK_H
 #define K9EREPL_PLATFORM_CLOCK_H
 
@@ -8,21 +10,24 @@
 
 namespace k9erepl::platform {
 
-// Milliseconds of a clock that never stands still or goes back; wraps after 49.7 days, so only
-// unsigned differences mean something.
+// Milliseconds of a clock that is never set back. It wraps around after 49.7 days, so only
+// differences of unsigned 32-bit numbers mean something, never which of two counts is larger.
 inline u32 TickCountMs() {
     return TheSystemCalls().tickCount();
 }
 
-// False when the system has no performance counter; *ticksPerSecond is then unchanged.
+// Writes how many ticks of the performance counter make a second. Returns false when the system has
+// no such counter; *ticksPerSecond is then unchanged.
 inline bool PerformanceFrequency(i64* ticksPerSecond) {
     return TheSystemCalls().performanceFrequency(ticksPerSecond);
 }
+// Ticks since some moment in the past; only differences mean something.
 inline i64 PerformanceCounter() {
     return TheSystemCalls().performanceCounter();
 }
 
-// A number that changes with every few instructions.
+// A number that changes with every few instructions, so two commit blocks hardly ever get the same
+// stamp. On a processor without such a counter, another clock of the system stands in.
 inline u64 TimeStampCounter() {
     return TheSystemCalls().timeStampCounter();
 }

@@ -1,4 +1,4 @@
-// An auto-reset event over the table of system calls.
+// An auto-reset event, built on the table of system calls.
 #include "platform/event.h"
 
 #include <cassert>

@@ -1,5 +1,5 @@
-// An auto-reset event: Set lets exactly one waiter pass, now or later. The index thread's wake-up
-// and the asynchronous writer's events.
+// An auto-reset event: Set lets exactly one waiter pass, now or later. The index thread is woken by
+// one; the asynchronous writer uses several.
 #ifndef K9EREPL_PLATFORM_EVENT_H
 #define K9EREPL_PLATFORM_EVENT_H
 
@@ -8,6 +8,9 @@
 
 namespace k9erepl::platform {
 
+// An event does not count: several calls of Set before a Wait let one Wait pass. Everything that
+// was written before a Set is seen behind the Wait that it lets pass.
+//
 // Failures are false or kFailed, with LastSystemError().
 class AutoResetEvent {
   public:
@@ -16,18 +19,22 @@ class AutoResetEvent {
     AutoResetEvent(const AutoResetEvent&) = delete;
     AutoResetEvent& operator=(const AutoResetEvent&) = delete;
 
-    // Creates the event, not set.
+    // Creates the event, which is not set at first.
     // REQUIRES: not created already.
     bool Create();
     bool IsCreated() const { return m_event != nullptr; }
+    // Does nothing when the event was not created. Create may follow.
+    // REQUIRES: no thread waits for the event.
     void Close();
 
-    // Set and Wait may be called from any thread. A Wait on an event that was not created fails.
+    // Both may be called from any thread, and fail with kInvalidHandle when the event was not
+    // created. Wait waits at most `timeoutMs` milliseconds, or kWaitForever. On POSIX systems it is
+    // also where a thread of ours is ended from outside: it then throws (see thread.h).
     bool Set();
     WaitResult Wait(u32 timeoutMs);
 
   private:
-    void* m_event = nullptr;
+    void* m_event = nullptr;  // the system's event; null when there is none
 };
 
 }  // namespace k9erepl::platform

@@ -1,4 +1,4 @@
-// An open file: repeats what was interrupted and completes what was short.
+// An open file: repeats calls that were interrupted and completes transfers that were short.
 #include "platform/file.h"
 
 #include <cassert>
@@ -73,7 +73,7 @@ bool File::Write(const void* data, u32 size, u32* put) {
                                               size - *put);
         });
         if (count == 0) {
-            // A system that takes nothing and names no reason has no room.
+            // A system that takes no byte and names no reason has no space.
             SetLastSystemError(SystemErrorOf(SystemErrorKind::kNoSpace));
         }
         if (count <= 0) {
@@ -138,8 +138,9 @@ LockResult File::TryLock() {
                                                              : LockResult::kFailed;
 }
 
-// By name: a child that was forked meanwhile has a copy of the handle, with which a lock that is
-// only closed would live on. The child itself must not free what belongs to its parent.
+// Frees the lock by a call of its own, not just by closing the file: a child that was forked
+// meanwhile has a copy of the handle, and with that the lock would live on. The child itself must
+// not free what belongs to its parent.
 void File::Unlock() {
     if (std::exchange(m_lockedBy, kNoProcess) == OwnProcessId()) {
         TheSystemCalls().unlockFile(m_file);

@@ -1,5 +1,5 @@
 // An open file with its own file pointer: the storage file, the writer's second handle on it, the
-// index file, temporary copies. One thread at a time.
+// index file, temporary copies. Used by one thread at a time.
 #ifndef K9EREPL_PLATFORM_FILE_H
 #define K9EREPL_PLATFORM_FILE_H
 
@@ -11,9 +11,9 @@
 
 namespace k9erepl::platform {
 
-// Every operation that fails returns false and leaves its cause in LastSystemError().
-// Interrupted calls are repeated, and a transfer goes on until it is complete, the file ends or
-// the system fails it.
+// Every operation that fails returns false and leaves its cause in LastSystemError(). Interrupted
+// calls are repeated, and a transfer goes on until it is complete, the file ends or the system
+// fails it. Positions and sizes are bytes.
 class File {
   public:
     File() = default;
@@ -23,11 +23,11 @@ class File {
     File(const File&) = delete;
     File& operator=(const File&) = delete;
 
-    // Opens `path` and closes what was open before; on failure the file is as it was.
+    // Opens `path` and closes what was open before. On failure this object is as it was.
     bool Open(const char* path, const FileOpenRequest& request);
     bool IsOpen() const { return m_file != kInvalidNativeFile; }
-    // Closes the file if it is open, and frees its lock. Never repeated after a failure: the handle
-    // is gone.
+    // Closes the file if it is open, and frees its lock. A close that fails is not repeated and not
+    // reported: the handle is gone either way.
     void Close();
 
     // Reads up to `size` bytes at the file pointer. *got receives the bytes read, fewer than
@@ -39,23 +39,28 @@ class File {
 
     bool Seek(i64 position);  // from the beginning of the file
     bool Tell(i64* position);
-    bool SetEnd(i64 size);  // cuts or extends with zeros; moves the pointer anywhere
+    // Cuts the file, or extends it with zeros. Afterwards the pointer may stand anywhere.
+    bool SetEnd(i64 size);
     bool GetSize(i64* size) const;
-    bool FlushToDisk();  // returns when data and size are on the disk
+    // Returns when everything written and the size of the file are on the disk. After a failure the
+    // system may have dropped what it could not write: write it again before the next call.
+    bool FlushToDisk();
     // Lets the disk begin with bytes that a later FlushToDisk must wait for anyway. Only a hint:
-    // nothing is sure before FlushToDisk, which also reports what failed here.
+    // nothing is certain before FlushToDisk, which also reports what failed here.
     void StartFlush(i64 position, i64 size);
 
-    // Gives the file the owner, as far as the process may, and the permissions of the file `path`.
-    // Does nothing on Windows.
+    // Gives this file the owner, as far as the process may, and the permissions of the file `path`.
+    // Does nothing on Windows, where a file has its rights from its folder.
     bool TakeOwnerAndMode(const char* path);
 
-    // Takes the writer's lock, without waiting; the file must be open for writing. Held until the
-    // file is closed here, or the process and all children that it has forked meanwhile have ended.
-    // The child's copy of this object frees nothing.
+    // Takes the writer's lock (file_lock.h) without waiting. The lock is held until the file is
+    // closed here, or until the process and all children that it has forked meanwhile have ended. A
+    // child's copy of this object frees nothing.
+    // REQUIRES: the file is open for writing and not locked.
     LockResult TryLock();
     bool IsLocked() const { return m_lockedBy != kNoProcess; }
 
+    // Writes which file this is, whatever its names are.
     bool GetIdentity(FileIdentity* identity) const;
 
     // The system's handle, for log lines only.
@@ -64,10 +69,11 @@ class File {
   private:
     static constexpr u32 kNoProcess = 0;
 
+    // Does nothing unless this process took the lock.
     void Unlock();
 
-    NativeFile m_file = kInvalidNativeFile;
-    u32 m_lockedBy = kNoProcess;  // the process that took the lock
+    NativeFile m_file = kInvalidNativeFile;  // kInvalidNativeFile when none is open
+    u32 m_lockedBy = kNoProcess;             // the process that took the lock; kNoProcess: none
 };
 
 }  // namespace k9erepl::platform

@@ -1,5 +1,5 @@
-// Which file a path or a handle leads to, whatever it is called there. The storage file compares
-// what it has locked with what its path leads to, and refuses names that lead to one file.
+// Says which file a path or a handle leads to, whatever the file is called there. The storage file
+// compares what it has locked with what its path leads to, and refuses names that lead to one file.
 #ifndef K9EREPL_PLATFORM_FILE_IDENTITY_H
 #define K9EREPL_PLATFORM_FILE_IDENTITY_H
 
@@ -7,10 +7,12 @@
 
 namespace k9erepl::platform {
 
-// Device and inode; on Windows the volume's serial number and the file's index on it. Two files
-// that exist at the same time never have the same.
+// Two files that exist at the same time never have the same identity; a new file may get that of
+// one that was deleted. All zeros stand for no file.
 struct FileIdentity {
+    // The device; on Windows the volume's serial number.
     u64 volume = 0;
+    // The inode; on Windows the file's index on its volume.
     u64 number = 0;
 
     bool operator==(const FileIdentity&) const = default;

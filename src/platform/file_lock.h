@@ -1,6 +1,7 @@
-// The lock that the writer of a storage file holds on it: one byte far beyond any data, so that
-// nobody's reading or writing is hindered. Advisory on POSIX systems. File::TryLock takes it, the
-// storage file and its administration ask for it.
+// The lock that the writer of a storage file holds on it: one byte far beyond any data, so that it
+// hinders nobody's reading or writing. On POSIX systems it is advisory: only programs that ask for
+// it respect it. File::TryLock takes it, for the storage file and its administration;
+// docs/configuration.md, "One writer", says what it is for.
 #ifndef K9EREPL_PLATFORM_FILE_LOCK_H
 #define K9EREPL_PLATFORM_FILE_LOCK_H
 
@@ -8,10 +9,11 @@
 
 namespace k9erepl::platform {
 
-// The byte that is locked; no file reaches it. The highest offset that Windows and a POSIX system
-// with 64-bit offsets both accept for one byte.
+// The offset of the byte that is locked; no file reaches it. It is the highest offset that Windows
+// and a POSIX system with 64-bit offsets both accept for one byte.
 inline constexpr i64 kLockedByte = 0x7FFFFFFFFFFFFFFE;
 
+// What File::TryLock came to.
 enum class LockResult {
     kTaken,
     kHeldByAnother,  // by another handle, of this process or of another one

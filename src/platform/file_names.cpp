@@ -53,7 +53,7 @@ bool CopyBytes(File& from, File& to) {
     return true;
 }
 
-// Makes `copy`, a new file, the equal of `from` on the disk: bytes, owner and permissions.
+// Makes `copy`, a new file, equal to `from` and puts it on the disk: bytes, owner and permissions.
 bool CopyToNewFile(const std::string& from, const std::string& copy) {
     File source;
     File target;
@@ -67,7 +67,7 @@ bool CopyToNewFile(const std::string& from, const std::string& copy) {
 
 bool MoveAcrossVolumes(const std::string& from, const std::string& to) {
     const std::string copy = to + ".moving";
-    RemoveFile(copy);  // what a crash in an earlier move may have left
+    RemoveFile(copy);  // a crash in an earlier move may have left one
     if (!CopyToNewFile(from, copy) || !Rename(copy, to)) {
         const SystemError cause = LastSystemError();
         RemoveFile(copy);
@@ -77,7 +77,7 @@ bool MoveAcrossVolumes(const std::string& from, const std::string& to) {
     if (!FlushParentDirectory(to) && !LastSystemErrorIs(SystemErrorKind::kAccessDenied)) {
         return false;
     }
-    RemoveFile(from);  // the move is done; a source that cannot be deleted is only left over
+    RemoveFile(from);  // the move is done, even if the source cannot be deleted
     return true;
 }
 
@@ -104,7 +104,8 @@ bool GetIdentity(const std::string& path, FileIdentity* identity) {
 }
 
 bool MakeParentDirectories(const std::string& path) {
-    // Only the innermost one counts: roots, drives and shares cannot be made, and need not be.
+    // Only the result for the innermost one counts: roots, drives and shares exist, and making them
+    // fails.
     bool made = true;
     for (std::size_t end = 1; end < path.size(); ++end) {
         if (IsPathSeparator(path[end]) && !IsPathSeparator(path[end - 1])) {

@@ -1,5 +1,6 @@
 // Operations on file names: deleting, moving, making directories. Used by the storage file's
-// administration and squeeze, and by the index file. Failure is false, with LastSystemError().
+// administration and squeeze, and by the index file. An operation that fails returns false, with
+// LastSystemError(). Paths are passed to the operating system as they stand.
 #ifndef K9EREPL_PLATFORM_FILE_NAMES_H
 #define K9EREPL_PLATFORM_FILE_NAMES_H
 
@@ -10,19 +11,20 @@
 
 namespace k9erepl::platform {
 
-// Whether `c` separates directories in a path of this operating system.
+// Tells whether `c` separates directories in a path of this operating system: "/", and on Windows
+// also the backslash.
 bool IsPathSeparator(char c);
 
-// Whether this operating system takes two names in one folder, or two rows of such names, for the
-// same; on Windows upper and lower case do not count.
+// Tells whether this operating system takes two names in one folder, or two relative paths, for the
+// same. On Windows upper and lower case do not count.
 bool SameName(const std::string& one, const std::string& other);
 
-// Deletes one file.
+// Deletes the file `path`; fails with kNotFound when there is none.
 bool RemoveFile(const std::string& path);
 
-// Gives `from` the name `to`, replacing a file that stands there. Across volumes it copies to a
-// new file beside `to`, flushes that, renames it and deletes `from`; `to` is whole at any time.
-// Flushes the directory then, if the process may read it.
+// Gives `from` the name `to`, replacing a file that stands there. Across volumes it copies to a new
+// file beside `to`, flushes that, renames it, flushes the directory if the process may read it, and
+// deletes `from`; `to` is whole at any time. Within one volume the caller flushes the directory.
 bool MoveFileReplacing(const std::string& from, const std::string& to);
 
 // Gives the file `existing` one more name; `name` must be free. kNotSupported where the system or
@@ -37,15 +39,17 @@ bool MakeParentDirectories(const std::string& path);
 // The identity of the file or folder that `path` leads to, links followed.
 bool GetIdentity(const std::string& path, FileIdentity* identity);
 
-// Whether a file that is open may be renamed, or have its name taken over by another file. A lock
-// can then stay with a file while its name changes.
+// True when a file that is open may be renamed, or have its name taken over by another file: on
+// POSIX systems. A lock can then stay with a file while its name changes.
 extern const bool kOpenFilesCanBeRenamed;
 
-// Makes a change of names in the directory of `path` durable (a creation, renaming or deletion
-// of that file). Does nothing on Windows.
+// Makes a change of names in the directory of `path` durable: the creation, renaming or deletion of
+// that file. Fails with kAccessDenied when the process may not read the directory. Does nothing on
+// Windows.
 bool FlushParentDirectory(const std::string& path);
 
-// The path that opening `path` leads to: the target where `path` is a symbolic link, else `path`.
+// Returns the path that opening `path` leads to: the target where `path` is a symbolic link, else
+// `path`. On Windows always `path`.
 std::string FollowLink(const std::string& path);
 
 }  // namespace k9erepl::platform

@@ -1,5 +1,6 @@
-// The short names of the fixed-width integers, which src/format defines at the bottom of the order,
-// for the modules above it.
+// The short names of the fixed-width integers, for platform and the modules above it. src/format
+// defines them, because that is the lowest module and needs them itself; its header also says what
+// the library uses each of them for.
 #ifndef K9EREPL_PLATFORM_INT_TYPES_H
 #define K9EREPL_PLATFORM_INT_TYPES_H
 

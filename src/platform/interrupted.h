@@ -1,4 +1,6 @@
-// Repeats a system call that a signal interrupted. Used by the classes above the table.
+// Repeats a system call that a signal interrupted. An entry of the table is a single attempt, so
+// File and its neighbours, which use the table, wrap their calls in this. On Windows no call is
+// ever interrupted.
 #ifndef K9EREPL_PLATFORM_INTERRUPTED_H
 #define K9EREPL_PLATFORM_INTERRUPTED_H
 
@@ -8,7 +10,7 @@
 
 namespace k9erepl::platform {
 
-// Entries of the table fail with false or with a negative number.
+// Tells whether an entry of the table has failed: its result is false or a negative number.
 template <typename Result>
 bool CallFailed(Result result) {
     if constexpr (std::is_same_v<Result, bool>) {
@@ -18,8 +20,9 @@ bool CallFailed(Result result) {
     }
 }
 
-// Makes `attempt` until it succeeds or fails for another reason than an interruption; returns what
-// the last attempt returned.
+// Calls `attempt` until it succeeds or fails for another reason than an interruption. Returns what
+// the last attempt returned; LastSystemError() is the cause of its failure. There is no limit: a
+// signal must not make a write fail.
 template <typename Attempt>
 auto RepeatInterrupted(Attempt attempt) {
     auto result = attempt();

@@ -1,5 +1,5 @@
-// A recursive mutual exclusion with a try-lock: the storage's lock, the pool's, the queue's.
-// Fits std::lock_guard and std::unique_lock.
+// A recursive lock with a try-lock: the storage's lock, the block pool's, the queue's. It is used
+// with std::lock_guard and std::unique_lock, hence the names of its functions.
 #ifndef K9EREPL_PLATFORM_LOCK_H
 #define K9EREPL_PLATFORM_LOCK_H
 
@@ -7,14 +7,21 @@
 
 namespace k9erepl::platform {
 
+// Not a std::recursive_mutex: that may throw from lock(), and its layout belongs to the compiler's
+// library. Making and locking one of these never fails. A fork copies the lock as it is, so in a
+// child it may be held for ever by a thread that does not exist there.
 class RecursiveLock {
   public:
     RecursiveLock();
+    // REQUIRES: no thread holds the lock.
     ~RecursiveLock();
     RecursiveLock(const RecursiveLock&) = delete;
     RecursiveLock& operator=(const RecursiveLock&) = delete;
 
+    // Waits until no other thread holds the lock. The thread that holds it may lock again, and must
+    // unlock as often as it locked.
     void lock();
+    // REQUIRES: the calling thread holds the lock.
     void unlock();
     // Takes the lock if no other thread holds it; never waits.
     bool try_lock();

@@ -1,5 +1,8 @@
-// The operating system's functions for the table of system calls; posix/ and windows/ define them,
-// system_calls.cpp puts them into the table. Their contracts stand there.
+// The operating system's functions for the table of system calls. posix/ and windows/ define them,
+// system_calls.cpp puts them into the table, and nobody else calls them. Each is the entry of
+// nearly the same name in system_calls.h, where its contract stands; docs/porting.md, "The platform
+// layer", lists the system call behind each of them. A new operating system defines all of them,
+// and what process.h, thread.h, lock.h, system_error.h and file_names.h leave to the system.
 #ifndef K9EREPL_PLATFORM_NATIVE_CALLS_H
 #define K9EREPL_PLATFORM_NATIVE_CALLS_H
 
@@ -7,6 +10,7 @@
 
 namespace k9erepl::platform::native {
 
+// Open files: files.cpp.
 NativeFile FileOpen(const char* path, const FileOpenRequest& request);
 bool FileClose(NativeFile file);
 i64 FileRead(NativeFile file, void* buffer, u32 size);
@@ -19,25 +23,30 @@ bool FileFlush(NativeFile file);
 void FileStartFlush(NativeFile file, i64 position, i64 size);
 bool FileTakeOwnerAndMode(NativeFile file, const char* from);
 
+// The writer's lock and the identity of files: file_locks.cpp.
 bool FileLock(NativeFile file);
 bool FileUnlock(NativeFile file);
 bool FileIdentify(NativeFile file, FileIdentity* identity);
 bool NameIdentify(const char* path, FileIdentity* identity);
 
+// File names: names.cpp.
 bool NameRename(const char* from, const char* to);
 bool NameLink(const char* existing, const char* name);
 bool NameRemove(const char* path);
 bool NameMakeDirectory(const char* path);
 bool NameFlushDirectory(const char* path);
 
+// The C heap: memory.cpp.
 void* MemoryAlloc(std::size_t size);
 void MemoryFree(void* memory);
 
+// Auto-reset events: events.cpp.
 void* EventCreate();
 void EventDestroy(void* event);
 bool EventSet(void* event);
 WaitResult EventWait(void* event, u32 timeoutMs);
 
+// Threads: threads.cpp.
 void* ThreadCreate(ThreadBody body, void* argument);
 bool ThreadSetAffinity(void* thread, u64 mask);
 bool ThreadResume(void* thread);
@@ -45,6 +54,7 @@ WaitResult ThreadJoin(void* thread, u32 timeoutMs);
 bool ThreadTerminate(void* thread, u32 exitCode);
 void ThreadDestroy(void* thread);
 
+// Clocks: clocks.cpp.
 u32 ClockTickCount();
 bool ClockPerformanceFrequency(i64* ticksPerSecond);
 i64 ClockPerformanceCounter();

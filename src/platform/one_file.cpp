@@ -1,4 +1,4 @@
-// Comparing what paths lead to; see the header.
+// Compares what two paths lead to; see the header.
 #include "platform/one_file.h"
 
 #include "platform/file_identity.h"
@@ -7,8 +7,8 @@
 namespace k9erepl::platform {
 namespace {
 
-// Where a file would be made: the innermost folder of its path that exists, and the names from
-// there on, each with a separator in front.
+// The place where a file would be made: the innermost folder of its path that exists, and the names
+// from there on, each with a separator in front.
 struct Place {
     FileIdentity folder;  // zeros when nothing of the path exists
     std::string names;
@@ -16,7 +16,8 @@ struct Place {
 
 constexpr char kSeparator = '/';
 
-// Takes the last name off `path`, with the separators around it; empty when none is left.
+// Takes the last name off `path`, together with the separators around it, and returns it. Returns
+// an empty text when no name is left.
 std::string TakeLastName(std::string& path) {
     while (!path.empty() && IsPathSeparator(path.back())) {
         path.pop_back();
@@ -29,7 +30,8 @@ std::string TakeLastName(std::string& path) {
     return name;
 }
 
-// The folders that are missing hold no links, so that ".." leads back from them.
+// Folders that are missing hold no links, so ".." behind one of them leads back to where it would
+// be.
 Place PlaceOf(const std::string& path) {
     Place place;
     std::string folder = FollowLink(path);

@@ -1,5 +1,5 @@
-// Whether two paths lead to one file, or would as soon as it is made. The storage asks before it
-// lets one of two files replace or empty the other.
+// Tells whether two paths lead to one file, or would lead to one as soon as it is made. The storage
+// asks before it lets one of two files replace or empty the other.
 #ifndef K9EREPL_PLATFORM_ONE_FILE_H
 #define K9EREPL_PLATFORM_ONE_FILE_H
 
@@ -7,9 +7,9 @@
 
 namespace k9erepl::platform {
 
-// True when both lead to the same file, by whatever links and folders, and when neither file exists
-// yet and both would be made under the same name in the same folder, which need not exist either.
-// What cannot be looked at counts as not there.
+// True when both paths lead to the same file, through whatever links and folders. Also true when
+// neither file exists yet and both would be made under the same name in the same folder, which need
+// not exist either. A file that cannot be looked at counts as missing.
 bool LeadToOneFile(const std::string& one, const std::string& other);
 
 }  // namespace k9erepl::platform

@@ -45,7 +45,7 @@ constexpr SystemCalls kNativeCalls = {
     .timeStampCounter = native::ClockTimeStampCounter,
 };
 
-// Filled before any code runs: the load guard works during static initialisation.
+// Filled before any code runs, because the load guard works during static initialisation.
 constinit SystemCalls g_calls = kNativeCalls;
 
 }  // namespace

@@ -1,8 +1,9 @@
-// The table through which every call into the operating system goes. Each entry is ONE attempt of
-// one primitive: it may be interrupted, and a transfer may be short; the classes of this folder
-// repeat and complete. Tests put their own functions into single entries to make the n-th write
-// fail, an event unavailable or the clock stand still. Nothing outside this folder and the tests
-// uses the table.
+// The table through which nearly every call into the operating system goes. Each entry is ONE
+// attempt of one primitive: it may be interrupted, and a transfer may be short. The classes of this
+// folder repeat and complete. Tests put their own functions into single entries to make the n-th
+// write fail, an event unavailable or the clock stand still. Nothing outside this folder and the
+// tests uses the table. docs/porting.md, "The platform layer", lists what each entry calls on each
+// system.
 #ifndef K9EREPL_PLATFORM_SYSTEM_CALLS_H
 #define K9EREPL_PLATFORM_SYSTEM_CALLS_H
 
@@ -23,11 +24,13 @@ inline constexpr NativeFile kInvalidNativeFile = -1;
 using ThreadBody = u32 (*)(void* argument);
 
 // Unless an entry says otherwise, failure is false, null, -1 or kInvalidNativeFile, and its cause
-// is LastSystemError(). An entry must not be null.
+// is LastSystemError(). Positions and sizes are bytes. Any entry may be called by several threads
+// at once, but for one file or thread record by one at a time. No entry may be null.
 struct SystemCalls {
-    // Files. Opening refuses anything but a regular file without blocking (kNotARegularFile, or
-    // the system's own code for a directory). takeOwnerAndMode gives an open file the owner, as far
-    // as the process may, and the permissions of `from`; it does nothing on Windows.
+    // Files. Opening refuses anything but a regular file, without blocking on a pipe or a device
+    // (kNotARegularFile, or the system's own code for a directory). startFlush keeps the last error
+    // as it is. takeOwnerAndMode gives an open file the owner, as far as the process may, and the
+    // permissions of `from`; it does nothing on Windows.
     NativeFile (*openFile)(const char* path, const FileOpenRequest& request);
     bool (*closeFile)(NativeFile file);
     i64 (*readFile)(NativeFile file, void* buffer, u32 size);       // bytes; 0 at the end
@@ -40,33 +43,37 @@ struct SystemCalls {
     void (*startFlush)(NativeFile file, i64 position, i64 size);  // a hint
     bool (*takeOwnerAndMode)(NativeFile file, const char* from);
 
-    // The writer's lock (file_lock.h). lockFile never waits: kLocked when another handle has it,
-    // kNotSupported where there are no such locks. nameIdentity follows links, and takes folders.
+    // The writer's lock (file_lock.h). lockFile never waits: it fails with kLocked when another
+    // handle has the lock, and with kNotSupported where there are no such locks. nameIdentity
+    // follows links, and takes folders, too.
     bool (*lockFile)(NativeFile file);
     bool (*unlockFile)(NativeFile file);
     bool (*fileIdentity)(NativeFile file, FileIdentity* identity);
     bool (*nameIdentity)(const char* path, FileIdentity* identity);
 
-    // Names. renameFile replaces what stands at `to`, within one volume (kCrossVolume otherwise).
+    // Names. renameFile replaces a file that stands at `to`. Between two volumes it fails with
+    // kCrossVolume, or the system copies by itself (Windows). makeDirectory fails with
+    // kAlreadyExists when there is one.
     bool (*renameFile)(const char* from, const char* to);
     bool (*linkFile)(const char* existing, const char* name);  // hard link
     bool (*removeFile)(const char* path);
     bool (*makeDirectory)(const char* path);
     bool (*flushDirectory)(const char* path);  // true where not needed
 
-    // Memory from the C heap, for blocks and buffers.
+    // Memory from the C heap, for blocks and buffers. allocMemory sets no error.
     void* (*allocMemory)(std::size_t size);
     void (*freeMemory)(void* memory);
 
-    // Auto-reset events, initially not set. On POSIX waitEvent is where a thread of ours ends when
-    // it was told to: it leaves by an exception that is no std::exception.
+    // Auto-reset events, not set at first. Time-outs are milliseconds, or kWaitForever. On POSIX
+    // systems waitEvent is where a thread of ours ends when it was told to: it leaves by an
+    // exception that is not a std::exception.
     void* (*createEvent)();
     void (*destroyEvent)(void* event);
     bool (*setEvent)(void* event);
     WaitResult (*waitEvent)(void* event, u32 timeoutMs);
 
     // Threads, created suspended. destroyThread gives the record up: after the thread was joined,
-    // or without it, in which case the thread runs on by itself.
+    // or instead, in which case the thread runs on by itself.
     void* (*createThread)(ThreadBody body, void* argument);
     bool (*setThreadAffinity)(void* thread, u64 mask);
     bool (*resumeThread)(void* thread);
@@ -81,7 +88,7 @@ struct SystemCalls {
     u64 (*timeStampCounter)();
 };
 
-// The one table of the process. Written by tests only, while no other thread uses it.
+// The one table of this copy of the library. Only tests write to it, while no other thread uses it.
 SystemCalls& TheSystemCalls();
 
 // The operating system's own entries, with which the table starts.

@@ -1,4 +1,4 @@
-// A thread over the table of system calls.
+// A thread, built on the table of system calls.
 #include "platform/thread.h"
 
 #include <cassert>
@@ -9,8 +9,9 @@
 namespace k9erepl::platform {
 namespace {
 
-// How long a termination waits for the thread to obey. A thread that waits for an event does so
-// at once; one inside a slow write to a disk may need this long to come to its next wait.
+// How many milliseconds a termination waits for the thread to obey. A thread that waits for an
+// event obeys at once; one inside a slow write to a disk may need this long to come to its next
+// wait.
 constexpr u32 kTerminationWaitMs = 2000;
 
 bool FailWithoutThread() {

@@ -1,4 +1,4 @@
-// A file that knows where its pointer stands; see the header.
+// A file that remembers where its pointer stands; see the header.
 #include "platform/tracked_file.h"
 
 #include <cassert>

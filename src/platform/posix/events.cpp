@@ -1,4 +1,5 @@
-// Auto-reset events.
+// Auto-reset events: a flag under a monitor. A thread of ours that is told to end leaves its wait
+// here, by an exception (thread_termination.h).
 #include <cerrno>
 #include <memory>
 #include <mutex>
@@ -16,7 +17,8 @@ struct Event {
     bool isSet = false;  // guarded by the monitor
 };
 
-// Takes the event when it is or becomes set. False when time ran out.
+// Takes the event if it is set, or as soon as it is. Returns false when the time is over. An event
+// that is set at the last moment is still taken.
 bool Take(Event& event, const Deadline& deadline, const InterruptibleWait& wait) {
     const std::lock_guard lock(event.monitor);
     bool inTime = true;
@@ -54,7 +56,7 @@ bool EventSet(void* event) {
     Event& target = *static_cast<Event*>(event);
     const std::lock_guard lock(target.monitor);
     target.isSet = true;
-    // All of them: a waiter that was woken alone may be one that ends without taking the event.
+    // Wakes all waiters: a single one might be a thread that ends without taking the event.
     target.monitor.NotifyAll();
     return true;
 }

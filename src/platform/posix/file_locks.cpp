@@ -1,6 +1,6 @@
-// The writer's lock and the identity of files: one attempt of each call. A lock of the open file
-// description: it conflicts with one that this process took through another handle, and closing
-// other handles of the file does not free it.
+// The writer's lock and the identity of files: one attempt of each call. The lock belongs to the
+// open file description, not to the process: it conflicts with a lock that this process took
+// through another handle, and closing other handles of the file does not free it.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -27,12 +27,12 @@ int SetLock([[maybe_unused]] NativeFile file, [[maybe_unused]] short type) {
 #endif
 }
 
-// The two codes that the table knows, of the many that systems give.
+// Maps the many codes that systems give to the two that the table knows.
 int CommonLockError(int error) {
     switch (error) {
         case EACCES:
             return EAGAIN;
-        case EINVAL:  // a kernel or a file system without these locks, or with short offsets
+        case EINVAL:  // a kernel or file system without these locks, or with 32-bit offsets
         case ENOLCK:  // a network file system whose server keeps no locks
         case ENOSYS:
             return EOPNOTSUPP;

@@ -8,7 +8,8 @@
 namespace k9erepl::platform {
 namespace {
 
-// The target of the symbolic link `path`, seen from where `path` is seen; empty for anything else.
+// The target of the symbolic link `path`, as a path from the same starting point as `path`. Empty
+// for anything else.
 std::string LinkTarget(const std::string& path) {
     char target[PATH_MAX];
     const ssize_t length = readlink(path.c_str(), target, sizeof target);
@@ -42,7 +43,7 @@ std::string FollowLink(const std::string& path) {
         }
         reached.swap(target);
     }
-    return path;  // a circle; opening it tells
+    return path;  // the links lead in a circle, and opening the path will fail
 }
 
 }  // namespace k9erepl::platform

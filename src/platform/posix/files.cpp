@@ -13,7 +13,7 @@ namespace {
 static_assert(sizeof(off_t) == sizeof(i64), "files over 2 GiB need 64-bit offsets");
 
 constexpr mode_t kOwnerOnlyMode = 0600;
-constexpr mode_t kEverybodyMode = 0666;  // less the umask
+constexpr mode_t kEverybodyMode = 0666;  // the system takes the umask off
 
 int Descriptor(NativeFile file) {
     return static_cast<int>(file);
@@ -69,12 +69,12 @@ void CloseKeepingError(int descriptor) {
     errno = cause;
 }
 
-// Only root may give a file away; others may at least pass on a group of theirs.
+// Only root may give a file to another user; other processes may at least set one of their groups.
 void TakeOwner(int descriptor, const struct stat& from) {
     constexpr auto kSameUser = static_cast<uid_t>(-1);
     if (fchown(descriptor, from.st_uid, from.st_gid) != 0 &&
         fchown(descriptor, kSameUser, from.st_gid) != 0) {
-        return;  // the file stays ours
+        return;  // the file keeps our user and group
     }
 }
 
@@ -133,19 +133,20 @@ void FileStartFlush([[maybe_unused]] NativeFile file, [[maybe_unused]] i64 posit
                     [[maybe_unused]] i64 size) {
 #ifdef SYNC_FILE_RANGE_WRITE
     const int cause = errno;
-    // Without the flags that wait, which would take an error away from the flush that follows.
+    // The flags that wait are left out: they would report an error here that the flush which
+    // follows would then not report.
     sync_file_range(Descriptor(file), position, size, SYNC_FILE_RANGE_WRITE);
     errno = cause;
 #endif
 }
 
 bool FileTakeOwnerAndMode(NativeFile file, const char* from) {
-    constexpr mode_t kPermissions = 0777;  // set-id bits are not for data files
+    constexpr mode_t kPermissions = 0777;  // without the set-id bits, which no data file needs
     struct stat info = {};
     if (stat(from, &info) != 0) {
         return false;
     }
-    TakeOwner(Descriptor(file), info);  // first: it may take permissions away
+    TakeOwner(Descriptor(file), info);  // comes first: a change of owner may clear permissions
     return fchmod(Descriptor(file), info.st_mode & kPermissions) == 0;
 }
 

@@ -13,7 +13,7 @@ pthread_mutex_t* MutexIn(unsigned char* storage) {
     return std::launder(reinterpret_cast<pthread_mutex_t*>(storage));
 }
 
-// These calls fail only for a lock that does not exist or is not ours to unlock.
+// These calls fail only for a lock that does not exist, or that this thread may not unlock.
 void MustSucceed([[maybe_unused]] int result) {
     assert(result == 0);
 }

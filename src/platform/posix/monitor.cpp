@@ -1,4 +1,4 @@
-// A mutex with a condition.
+// A mutex with a condition variable; see the header.
 #include "platform/posix/monitor.h"
 
 #include <cassert>
@@ -13,7 +13,7 @@ constexpr long kNanosecondsPerSecond = 1'000'000'000;
 constexpr long kNanosecondsPerMillisecond = 1'000'000;
 constexpr u32 kMillisecondsPerSecond = 1000;
 
-// Pthread calls return their error.
+// Pthread calls return their error; our callers look for it in errno.
 bool Succeeded(int result) {
     if (result != 0) {
         errno = result;

@@ -18,7 +18,7 @@ bool NameLink(const char* existing, const char* name) {
     if (link(existing, name) == 0) {
         return true;
     }
-    // EPERM: the file system has no links, or the system keeps us from linking another's file.
+    // EPERM: the file system has no links, or the system forbids linking to another user's file.
     if (errno == EPERM || errno == ENOSYS || errno == EMLINK) {
         errno = EOPNOTSUPP;
     }
@@ -30,7 +30,7 @@ bool NameRemove(const char* path) {
 }
 
 bool NameMakeDirectory(const char* path) {
-    constexpr mode_t kEverybody = 0777;  // less the umask
+    constexpr mode_t kEverybody = 0777;  // the system takes the umask off
     return mkdir(path, kEverybody) == 0;
 }
 
@@ -39,7 +39,7 @@ bool NameFlushDirectory(const char* path) {
     if (descriptor < 0) {
         return false;
     }
-    // EINVAL: a file system that has nothing to flush for a directory.
+    // EINVAL: the file system has nothing to flush for a directory.
     const bool flushed = fsync(descriptor) == 0 || errno == EINVAL;
     const int cause = errno;
     close(descriptor);

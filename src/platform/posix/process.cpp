@@ -11,7 +11,7 @@
 namespace k9erepl::platform {
 namespace {
 
-// The address where the module that holds `address` was loaded.
+// The address where the module that holds `address` was loaded; null if unknown.
 void* ModuleOf(const void* address) {
     Dl_info info = {};
     return dladdr(address, &info) != 0 ? info.dli_fbase : nullptr;
@@ -40,7 +40,7 @@ void* OwnModuleHandle() {
 }
 
 void* ProcessModuleHandle() {
-    // The kernel tells where it put the program's headers.
+    // The kernel says where it put the program's headers, which lie in the program's module.
     return ModuleOf(reinterpret_cast<const void*>(getauxval(AT_PHDR)));
 }
 

@@ -1,6 +1,6 @@
-// Process atoms: named memory mappings without content. Like Windows' local atoms they are seen by
-// every copy of the library in the process and by nobody else, live until they are deleted, and
-// are gone at exec; they take no descriptor and change no environment variable. The atom is the
+// Process atoms: named memory mappings without content. Like Windows' local atoms, they are seen by
+// every copy of the library in the process and by nobody else, exist until they are deleted, and
+// are gone at exec. They keep no descriptor and change no environment variable. The atom is the
 // address of the mapping.
 #include <sys/mman.h>
 #include <unistd.h>
@@ -24,7 +24,7 @@ std::size_t PageSize() {
     return static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
 }
 
-// Reads one line, whatever its length, without its end. False at the end of the file.
+// Reads one line of any length, without its line end. Returns false at the end of the file.
 bool ReadLine(std::FILE* file, std::string* line) {
     line->clear();
     for (int c = std::fgetc(file); c != EOF; c = std::fgetc(file)) {
@@ -36,7 +36,7 @@ bool ReadLine(std::FILE* file, std::string* line) {
     return !line->empty();
 }
 
-// The name in a line "begin-end permissions offset device inode   name"; empty without one.
+// The name in a line "begin-end permissions offset device inode   name"; empty if it has none.
 std::string MappedName(const std::string& line) {
     constexpr int kFieldsBeforeName = 5;
     std::size_t at = 0;
@@ -47,8 +47,8 @@ std::string MappedName(const std::string& line) {
     return at == std::string::npos ? std::string() : line.substr(at);
 }
 
-// Descriptors of named memory; -1 when there are none. Kernels that know the second flag may
-// insist on it, older ones refuse it.
+// Returns a descriptor of new named memory; -1 when the system gives none. Kernels that know the
+// second flag may insist on it, older ones refuse it.
 int CreateNamedMemory(const char* name) {
     constexpr unsigned kNoExecSeal = 0x0008U;
     const int descriptor = memfd_create(name, MFD_CLOEXEC | kNoExecSeal);

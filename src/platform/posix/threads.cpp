@@ -1,4 +1,5 @@
-// Threads: started at a gate, joined with a time-out, ended from outside at their next wait.
+// Threads: each waits at a gate until it is resumed, is joined with a time-out, and is ended from
+// outside at its next wait for an event.
 #include <pthread.h>
 #include <sched.h>
 #include <signal.h>
@@ -23,24 +24,25 @@ namespace k9erepl::platform {
 namespace native {
 namespace {
 
-// Shared by the thread and its owner; the last of the two deletes it.
+// Shared by the thread and its owner; the last of the two to give it up deletes it.
 struct ThreadRecord {
     ThreadRecord(ThreadBody theBody, void* theArgument) : body(theBody), argument(theArgument) {}
 
     const ThreadBody body;
     void* const argument;
     pthread_t thread = {};
-    std::atomic<int> users{2};
-    std::atomic<bool> mustEnd{false};
+    std::atomic<int> users{2};         // how many of the thread and its owner use the record
+    std::atomic<bool> mustEnd{false};  // ThreadTerminate was called
 
     Monitor monitor;  // guards what follows
     bool resumed = false;
     bool ended = false;
     Monitor* waitingWith = nullptr;  // the event's monitor, while the thread waits for an event
 
-    bool joined = false;  // the owner's
+    bool joined = false;  // used by the owner alone
 };
 
+// The record of the calling thread; null in threads that are not ours.
 thread_local ThreadRecord* t_ownRecord = nullptr;
 
 void Release(ThreadRecord* record) {
@@ -49,7 +51,7 @@ void Release(ThreadRecord* record) {
     }
 }
 
-// False when the thread was terminated before it was resumed.
+// Waits until the thread is resumed. Returns false when it was terminated before that.
 bool PassGate(ThreadRecord& record) {
     const Deadline never(kWaitForever);
     const std::lock_guard lock(record.monitor);
@@ -63,7 +65,7 @@ void RunBody(ThreadRecord& record) {
     try {
         record.body(record.argument);
     } catch (const ThreadTermination&) {
-        // Everything the body held is released; the thread ends like one that returned.
+        // Everything that the body held is released; the thread ends like one that returned.
     }
 }
 
@@ -84,7 +86,8 @@ void* ThreadMain(void* argument) {
     return nullptr;
 }
 
-// The host's signals are for the host's threads; those that a thread brings on itself stay.
+// The signals that a thread of ours must not handle: the host's threads are there for them. Those
+// that a thread causes itself, such as SIGSEGV, are not in the set.
 sigset_t SignalsOfTheHost() {
     sigset_t signals;
     sigfillset(&signals);
@@ -94,7 +97,7 @@ sigset_t SignalsOfTheHost() {
     return signals;
 }
 
-// A thread inherits the signal mask of its creator.
+// A thread inherits the signal mask of its creator, so that blocks the signals for a moment.
 int StartWithoutSignals(ThreadRecord& record) {
     const sigset_t blocked = SignalsOfTheHost();
     sigset_t before;
@@ -185,13 +188,13 @@ WaitResult ThreadJoin(void* thread, u32 timeoutMs) {
     return WaitResult::kSignalled;
 }
 
-// The exit code is for Windows: here a thread's code is seen by nobody.
+// The exit code is for Windows: here nobody can see a thread's code.
 bool ThreadTerminate(void* thread, u32 /*exitCode*/) {
     ThreadRecord& record = RecordOf(thread);
     const std::lock_guard lock(record.monitor);
     record.mustEnd = true;
     record.monitor.NotifyAll();
-    // While the record is locked the thread cannot leave its wait, so the event's monitor lives.
+    // While the record is locked the thread cannot leave its wait, so the event's monitor exists.
     if (record.waitingWith != nullptr) {
         const std::lock_guard waitLock(*record.waitingWith);
         record.waitingWith->NotifyAll();
@@ -211,7 +214,7 @@ void ThreadDestroy(void* thread) {
 
 void PassThreadEnd() {
     if (std::current_exception() == nullptr) {
-        // No exception of C++: the thread was cancelled, or its host called pthread_exit.
+        // Not a C++ exception: the thread was cancelled, or its host called pthread_exit.
         throw;
     }
     try {

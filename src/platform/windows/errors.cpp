@@ -5,7 +5,7 @@
 namespace k9erepl::platform {
 namespace {
 
-// The code that stands for the same cause as `error` in SystemErrorOf.
+// Windows has several codes for some causes. Returns the one of them that SystemErrorOf gives.
 SystemError CommonCode(SystemError error) {
     switch (error) {
         case ERROR_ALREADY_EXISTS:
@@ -44,7 +44,7 @@ SystemError SystemErrorOf(SystemErrorKind kind) {
         case SystemErrorKind::kAccessDenied:
             return ERROR_ACCESS_DENIED;
         case SystemErrorKind::kInterrupted:
-            return WSAEINTR;  // no call on files says so: nothing is ever repeated
+            return WSAEINTR;  // no call on files fails with it, so nothing is ever repeated
         case SystemErrorKind::kFileTooBig:
             return ERROR_FILE_TOO_LARGE;
         case SystemErrorKind::kOutOfMemory:
@@ -54,7 +54,7 @@ SystemError SystemErrorOf(SystemErrorKind kind) {
         case SystemErrorKind::kNotFound:
             return ERROR_FILE_NOT_FOUND;
         case SystemErrorKind::kAlreadyExists:
-            return ERROR_FILE_EXISTS;  // as for a file that is to be new
+            return ERROR_FILE_EXISTS;  // what creating a new file fails with
         case SystemErrorKind::kNotARegularFile:
             return ERROR_BAD_FILE_TYPE;
         case SystemErrorKind::kNotSupported:

@@ -11,7 +11,7 @@ HANDLE HandleOf(NativeFile file) {
     return reinterpret_cast<HANDLE>(file);
 }
 
-// LockFileEx and UnlockFileEx have the place of the byte from here.
+// Tells LockFileEx and UnlockFileEx which byte is meant.
 OVERLAPPED AtLockedByte() {
     OVERLAPPED place = {};
     place.Offset = static_cast<DWORD>(kLockedByte & 0xFFFFFFFF);
@@ -19,7 +19,7 @@ OVERLAPPED AtLockedByte() {
     return place;
 }
 
-// The two codes that the table knows, of the many that file systems give.
+// Maps the many codes that file systems give to the two that the table knows.
 SystemError CommonLockError(SystemError error) {
     switch (error) {
         case ERROR_IO_PENDING:
@@ -55,7 +55,7 @@ bool FileLock(NativeFile file) {
     return false;
 }
 
-// The system unlocks what is closed, but takes its time.
+// The system also unlocks a file that is closed, but perhaps only a while later.
 bool FileUnlock(NativeFile file) {
     OVERLAPPED place = AtLockedByte();
     return UnlockFileEx(HandleOf(file), 0, 1, 0, &place) != FALSE;
@@ -65,8 +65,8 @@ bool FileIdentify(NativeFile file, FileIdentity* identity) {
     return Identify(HandleOf(file), identity);
 }
 
-// Without any access right, so that no sharing mode of another handle is in the way; the flag lets
-// a folder be opened, too.
+// Opens the file without any access right, so that no other handle's sharing mode forbids it. The
+// flag lets a folder be opened, too.
 bool NameIdentify(const char* path, FileIdentity* identity) {
     const HANDLE file = CreateFileA(path, 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                                     nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);

@@ -16,7 +16,8 @@ bool SameName(const std::string& one, const std::string& other) {
                           kWhole) == CSTR_EQUAL;
 }
 
-// Symbolic links to files are rare here and need a privilege: a path is taken as it stands.
+// Symbolic links to files are rare on Windows and need a privilege, so a path is taken as it
+// stands.
 std::string FollowLink(const std::string& path) {
     return path;
 }

@@ -112,10 +112,10 @@ bool FileFlush(NativeFile file) {
     return FlushFileBuffers(HandleOf(file)) != FALSE;
 }
 
-// The cache manager begins writing by itself.
+// Nothing to do: the system's cache manager begins writing by itself.
 void FileStartFlush(NativeFile /*file*/, i64 /*position*/, i64 /*size*/) {}
 
-// A file has its access rights from its folder.
+// Nothing to do: a file has its access rights from its folder.
 bool FileTakeOwnerAndMode(NativeFile /*file*/, const char* /*from*/) {
     return true;
 }

@@ -8,10 +8,11 @@
 namespace k9erepl::platform::native {
 namespace {
 
-// Of files that were replaced while somebody had them open, and still has.
+// The most files that were replaced while somebody had them open, and that are still open.
 constexpr int kReplacedMost = 100;
 
-// Folders and files that are protected from writing refuse in the same way.
+// Tells whether `error` may mean that the file `path` is open. A folder and a file that is
+// protected from writing refuse with the same codes, so they are excluded.
 bool MayBeOpen(const char* path, DWORD error) {
     constexpr DWORD kOthers = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_READONLY;
     const DWORD attributes = GetFileAttributesA(path);
@@ -19,8 +20,8 @@ bool MayBeOpen(const char* path, DWORD error) {
            attributes != INVALID_FILE_ATTRIBUTES && (attributes & kOthers) == 0;
 }
 
-// Gives `path` a name that is free. An open file allows that if all who have it open share it for
-// deletion.
+// Renames `path` to a name that is free. An open file allows that if everybody who has it open
+// shares it for deletion.
 bool MoveAside(const char* path, std::string* aside) {
     for (int number = 0; number < kReplacedMost; ++number) {
         *aside = std::string(path) + ".replaced-" + std::to_string(number);
@@ -31,8 +32,8 @@ bool MoveAside(const char* path, std::string* aside) {
     return false;
 }
 
-// An open file cannot be replaced, only renamed, which leaves `to` free for a moment. Its bytes go
-// when the last one who has it open closes it.
+// An open file cannot be replaced, only renamed, which leaves the name `to` free for a moment. Its
+// bytes are deleted when the last handle on it is closed.
 bool ReplaceOpenFile(const char* from, const char* to) {
     std::string aside;
     if (!MoveAside(to, &aside)) {
@@ -48,7 +49,7 @@ bool ReplaceOpenFile(const char* from, const char* to) {
 
 }  // namespace
 
-// The system itself copies across volumes.
+// The system itself copies a file across volumes.
 bool NameRename(const char* from, const char* to) {
     if (MoveFileExA(from, to, MOVEFILE_REPLACE_EXISTING | MOVEFILE_COPY_ALLOWED) != FALSE) {
         return true;
@@ -61,7 +62,7 @@ bool NameRename(const char* from, const char* to) {
     return false;
 }
 
-// Not on every file system of this system: whoever would link does with two moves here.
+// Not every file system of Windows has links, so callers make do with two renames here.
 bool NameLink(const char* /*existing*/, const char* /*name*/) {
     SetLastSystemError(SystemErrorOf(SystemErrorKind::kNotSupported));
     return false;
@@ -75,7 +76,7 @@ bool NameMakeDirectory(const char* path) {
     return CreateDirectoryA(path, nullptr) != FALSE;
 }
 
-// The file system's journal keeps names.
+// Nothing to do: the file system's journal keeps names.
 bool NameFlushDirectory(const char* /*path*/) {
     return true;
 }

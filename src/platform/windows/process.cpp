@@ -23,7 +23,7 @@ u32 OwnProcessId() {
     return GetCurrentProcessId();
 }
 
-// Windows knows no forks.
+// Windows has no forks: the number stays 0.
 constinit std::atomic<u32> detail::g_forkGeneration{0};
 
 bool WatchForks() {

@@ -1,4 +1,4 @@
-// Threads.
+// Threads: created suspended, stopped from outside only inside their body.
 #include <atomic>
 #include <limits>
 #include <memory>
@@ -14,26 +14,28 @@ namespace k9erepl::platform {
 namespace native {
 namespace {
 
-// How far a thread has come. Windows stops a thread wherever it is, and one that is about to begin
-// or to end holds the loader's lock and the heap's: nobody could load, allocate or end any more.
-// A thread is therefore stopped inside its body only, and one that has not come there leaves
-// without it; whoever brings the progress to kStopped decides.
+// How far a thread has come. Windows stops a thread wherever it is. A thread that is about to begin
+// or to end may hold the loader's lock or the heap's: stopped there, it would let nobody load,
+// allocate or end any more. We therefore stop a thread only inside its body, and a thread that has
+// not come that far leaves without running it. Whoever changes the progress to kStopped or away
+// from kInBody first decides.
 enum class Progress { kSuspended, kResumed, kInBody, kLeaving, kStopped };
 
 constexpr auto kResumeFailed = static_cast<DWORD>(-1);
 
-// Shared by the thread and its owner; the last of the two deletes it. The owner of a joined thread
-// deletes it at once, for a terminated thread never gives its share back.
+// Shared by the thread and its owner; the last of the two to give it up deletes it. The owner of a
+// joined thread deletes it at once, because a terminated thread never gives its share back.
 struct ThreadRecord {
     ThreadRecord(ThreadBody theBody, void* theArgument) : body(theBody), argument(theArgument) {}
 
     const ThreadBody body;
     void* const argument;
-    std::atomic<int> users{2};
+    std::atomic<int> users{2};  // how many of the thread and its owner use the record
     std::atomic<Progress> progress{Progress::kSuspended};
-    std::atomic<DWORD> stoppedExitCode{0};
+    std::atomic<DWORD> stoppedExitCode{0};  // of a thread that leaves without its body
 
-    HANDLE thread = nullptr;  // these two are the owner's
+    // Used by the owner alone.
+    HANDLE thread = nullptr;
     bool joined = false;
 };
 
@@ -53,7 +55,7 @@ DWORD RunBody(ThreadRecord& record) {
     }
     const DWORD exitCode = record.body(record.argument);
     if (!Advance(record, Progress::kInBody, Progress::kLeaving)) {
-        Sleep(INFINITE);  // it is being stopped
+        Sleep(INFINITE);  // the thread is being stopped and must not run on
     }
     return exitCode;
 }
@@ -110,15 +112,15 @@ bool ThreadTerminate(void* thread, u32 exitCode) {
     ThreadRecord& record = RecordOf(thread);
     record.stoppedExitCode = exitCode;
     if (Advance(record, Progress::kResumed, Progress::kStopped)) {
-        return true;  // it leaves without its body
+        return true;  // the thread leaves without running its body
     }
     if (Advance(record, Progress::kSuspended, Progress::kStopped)) {
-        // It must run to leave. The system may still be setting it up: stopped there, it takes the
-        // whole process with it under 32-bit Wine.
+        // The thread must run to leave. The system may still be setting it up: stopped there, it
+        // takes the whole process with it under 32-bit Wine.
         return ResumeThread(record.thread) != kResumeFailed;
     }
     if (!Advance(record, Progress::kInBody, Progress::kStopped)) {
-        return true;  // it is on its way out, or was stopped before
+        return true;  // the thread is leaving, or was stopped before
     }
     return TerminateThread(record.thread, exitCode) != FALSE;
 }
@@ -135,7 +137,7 @@ void ThreadDestroy(void* thread) {
 
 }  // namespace native
 
-// Windows ends threads without an exception.
+// Nothing to do: Windows ends threads without an exception.
 void PassThreadEnd() {}
 
 u32 CurrentThreadId() {

@@ -1,4 +1,4 @@
-// Waiting for a handle: events and ended threads. Private to this folder.
+// Waits for a handle: an event, or a thread that ends. Private to this folder.
 #ifndef K9EREPL_PLATFORM_WINDOWS_WAITING_H
 #define K9EREPL_PLATFORM_WINDOWS_WAITING_H
 
@@ -9,6 +9,9 @@ namespace k9erepl::platform::native {
 
 static_assert(kWaitForever == INFINITE);
 
+// Waits at most `timeoutMs` milliseconds, or kWaitForever, which the assertion above lets us pass
+// on as it is. An auto-reset event that lets the caller pass is no longer set. kFailed leaves the
+// cause in GetLastError.
 inline WaitResult WaitFor(HANDLE handle, u32 timeoutMs) {
     switch (WaitForSingleObject(handle, timeoutMs)) {
         case WAIT_OBJECT_0:

@@ -1,5 +1,5 @@
-// The Win32 headers, without what nobody here needs. For this folder, and for such folders of
-// tests.
+// The Win32 headers, without the rarely used ones and without the macros min and max, which would
+// break std::min and std::max. For this folder, and for the windows folders of the tests.
 #ifndef K9EREPL_PLATFORM_WINDOWS_WIN32_H
 #define K9EREPL_PLATFORM_WINDOWS_WIN32_H
 
