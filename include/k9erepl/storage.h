@@ -10,13 +10,13 @@
  *     was opened and duplicated. Closing it while another thread uses it is the client's error;
  *     a thread that needs the storage for longer holds a duplicate.
  *  5. Functions may be called from several threads on the same handle. Each one takes the
- *     storage's lock for its whole run, K9eReplStorageGetNextRev and K9eReplStorageSetOn...
- *     excepted. The lock is recursive. Readers thus wait while another thread's commit writes its
- *     flush, to the disk with force_flush=yes. A transaction belongs to the storage and not to a
- *     thread: see K9eReplStorageBeginTransaction before several threads write.
+ *     storage's lock for its whole run, except K9eReplStorageGetNextRev and
+ *     K9eReplStorageSetOn... The lock is recursive. Readers therefore wait while another thread's
+ *     commit writes its flush, with force_flush=yes to the disk. A transaction belongs to the
+ *     storage and not to a thread: see K9eReplStorageBeginTransaction before several threads write.
  *  6. Callbacks run with that lock held. A callback may call the library on the same handle and
  *     thread; it must not wait for another thread that needs the same storage.
- *  7. Revisions are signed 64-bit numbers, the first one is 1; sizes are bytes. Text is
+ *  7. Revisions are signed 64-bit numbers, and the first one is 1. Sizes are bytes. Text is
  *     NUL-terminated and passed to the operating system as it stands.
  *  8. No exception leaves the library. Every error is logged where it is found, with the code that
  *     is returned, through the host's system library (<k9sys/k9sys.h>).
@@ -63,7 +63,7 @@ extern "C" {
  * one, a record larger than a block, and a file with another signature or version. */
 #define RC_OK 0u                              /* success */
 #define RC_NO_MEMORY 1u                       /* an allocation failed */
-#define RC_INVALID_ARG 2u                     /* something that was given is refused; see above */
+#define RC_INVALID_ARG 2u                     /* an argument or a setting is refused; see above */
 #define RC_BAD_DATA 3u                        /* bad data in memory or in the file */
 #define RC_SYSTEM_ERROR 4u                    /* a system call on a file, event or thread failed */
 #define RC_NO_WRITER 6u                       /* no storage file is open, or it has no writer */
@@ -118,7 +118,7 @@ typedef struct K9eReplRec {
  * that called it: that answers RC_NO_MEMORY for exhausted memory, RC_SYSTEM_ERROR for anything
  * else, and logs an error; the lock is free, and the storage is broken when a flush or a clear was
  * under way. On a thread of the library the exception is logged, too; one that OnWriteToFile throws
- * with async_mode=yes stops the writer: later commits answer its code.
+ * with async_mode=yes stops the writer, and later commits answer its code.
  *
  * A callback may close the last handle of its storage. The close is then carried out by the
  * outermost call that is under way, right before it returns; for an OnFlush by time-out that is a
@@ -138,10 +138,10 @@ typedef void(K9EREPL_CALL* K9eReplFlushCb)(int64_t lastRev, void* cbContext);
 
 /* --- Library -------------------------------------------------------------------------------- */
 
-/* Does nothing and returns RC_OK; the first call of a client, optional. */
+/* Does nothing and returns RC_OK. Meant as the first call of a client; optional. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageStartup(void);
 
-/* Does nothing; the last call of a client, optional. */
+/* Does nothing. Meant as the last call of a client; optional. */
 K9EREPL_API void K9EREPL_CALL K9eReplStorageCleanup(void);
 
 /* --- Storage files -------------------------------------------------------------------------- */
@@ -153,11 +153,11 @@ K9EREPL_API void K9EREPL_CALL K9eReplStorageCleanup(void);
 #define K9EREPL_CREATE_KEEP_EXISTING 2u /* leaves it exactly as it is, whatever it holds */
 
 /* Makes the storage file that `connStr` (not null) names with "file", with the missing directories
- * of its path, sized to "file_initial_size" MiB. ":memory:" in any case of letters does nothing.
- * `flags` is one of K9EREPL_CREATE_... above. A file that is open for writing anywhere is not
- * replaced: RC_SYSTEM_ERROR, nothing is changed.
- * After a failure half-way (the disk is full) a new file is deleted again; one that was to be
- * replaced stays, and is no storage any more.
+ * of its path, sized to "file_initial_size" MiB. For ":memory:" in any case of letters it does
+ * nothing. `flags` is one of K9EREPL_CREATE_... above. A file that is open for writing anywhere is
+ * not replaced: this answers RC_SYSTEM_ERROR and changes nothing.
+ * After a failure half-way (a full disk, for example) a new file is deleted again; a file that was
+ * to be replaced stays, but is not a storage any more.
  * Errors: RC_INVALID_ARG without "file", or for an index file that is a storage file or has a name
  * that its storage needs; RC_PATH_TOO_LONG, RC_NO_MEMORY, RC_SYSTEM_ERROR. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageCreate(const char* connStr, uint32_t flags);
@@ -176,39 +176,42 @@ K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageDelete(const char* connStr);
  * is open for writing here or in another process, this answers RC_SYSTEM_ERROR (setting
  * file_lock).
  * Errors: RC_INVALID_ARG or RC_BAD_SIZE for a refused setting, RC_NO_MEMORY, RC_SYSTEM_ERROR,
- * RC_PATH_TOO_LONG; there is no handle then. */
+ * RC_PATH_TOO_LONG. No handle is written then. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageOpen(const char* connStr, void** outHandle);
 
-/* Gives one reference back. The last one flushes what was committed, closes the files, stops the
- * storage's threads and frees everything; an open transaction is lost, and so is one whose
- * commit failed. `handle` not null.
- * Always RC_OK, also when the last flush fails: commit with a flush beforehand to be sure. */
+/* Gives one reference back (`handle` not null). The last one flushes what was committed, closes the
+ * files, stops the storage's threads and frees everything. An open transaction is lost, and so is
+ * one whose commit failed.
+ * Always RC_OK, also when the last flush fails. A client that must know compares the last revision
+ * that OnFlush reported, during the close too, with what it committed. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageClose(void* handle);
 
 /* Takes one more reference to the storage (both not null); the handle written is the same value
- * and wants a K9eReplStorageClose of its own. Always RC_OK. */
+ * and needs a K9eReplStorageClose of its own. Always RC_OK. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageDuplicateHandle(void* handle, void** outHandle);
 
-/* Reads the storage file, from where the index file allows, drops what was never committed, starts
- * the index thread and makes the storage ready for everything else. Once per handle, unless the
- * setting read_only says yes: then a loaded storage may be loaded again and serves what was
- * committed since, at a cost that follows what is new. A repeated load that cannot open the file
- * leaves what was loaded; RC_WRONG_STATE says that the file changed whenever it was read, and
- * RC_ALREADY that an enumeration runs on this thread.
- * With the setting check=yes it reads the whole file, and a file that is damaged in the middle is
- * RC_FILE_CORRUPT, with nothing changed.
- * Errors: RC_ALREADY when the storage is loaded, also after a flush that failed, RC_WRONG_STATE
- * when it is broken, which both change nothing; RC_FILE_CORRUPT, RC_SYSTEM_ERROR, RC_NO_MEMORY,
- * RC_SHORT_READ when the system gives fewer bytes than the file has, RC_INVALID_ARG without "file",
- * after which it is not open and Load may be tried again. */
+/* Reads the storage file (`handle` not null), from where the index file allows, drops what was
+ * never committed, starts the index thread and makes the storage ready for everything else. With
+ * the setting check=yes it reads the whole file, and answers RC_FILE_CORRUPT, with nothing changed,
+ * for a file that is damaged in the middle.
+ * A storage is loaded once, unless it was opened with read_only=yes: then a loaded storage may be
+ * loaded again and serves what was committed since, at a cost that depends on how much is new. A
+ * repeated load that cannot open the file leaves what was loaded. It answers RC_WRONG_STATE when
+ * the file changed each time it was read, and RC_ALREADY inside an enumeration on this thread.
+ * Errors that change nothing: RC_ALREADY when the storage is loaded, also after a flush that
+ * failed; RC_WRONG_STATE when it is broken.
+ * Errors after which the storage is not open, and Load may be tried again: RC_FILE_CORRUPT,
+ * RC_SYSTEM_ERROR, RC_NO_MEMORY, RC_INVALID_ARG without "file", and RC_SHORT_READ when the system
+ * gives fewer bytes than the file has. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageLoad(void* handle);
 
-/* Throws the whole content away, in memory and in the file: the next revision is 1 again, life
- * number and revision mark are 0. Works in any state and leaves the storage open, as a load does.
- * The file shrinks to file_initial_size if that is set, else it keeps its length.
- * Errors: RC_IN_TRANSACTION inside a transaction and from a callback in the middle of a flush or a
- * clear, nothing changed; RC_SYSTEM_ERROR, RC_NO_MEMORY, after which the storage is broken and the
- * content of the file the old one, none, or damaged at its beginning. */
+/* Throws the whole content away, in memory and in the file (`handle` not null): the next revision
+ * is 1 again, life number and revision mark are 0. Works in any state and leaves the storage open,
+ * as a load does. The file gets the length of file_initial_size if that is set, else it keeps its
+ * own.
+ * Errors: RC_IN_TRANSACTION inside a transaction, and from a callback in the middle of a flush or a
+ * clear, with nothing changed; RC_SYSTEM_ERROR, RC_NO_MEMORY, after which the storage is broken and
+ * the file has its old content, none, or is damaged at its beginning. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageTruncate(void* handle);
 
 /* --- Transactions --------------------------------------------------------------------------- */
@@ -232,14 +235,15 @@ K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageBeginTransaction(void* handle);
  * Errors: RC_NO_TRANSACTION, RC_TRANS_ROLLED_BACK, RC_WRONG_STATE, the code of a failed flush. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageCommit(void* handle);
 
-/* Ends all levels and takes every record and revision of the transaction back. What a failed flush
- * of it left in the file is cleared; where that fails the result is RC_OK all the same, and the
- * next write or the close clears it. Errors: RC_NO_TRANSACTION_TO_ROLLBACK, RC_WRONG_STATE. */
+/* Ends all levels and takes every record and revision of the transaction back. It also clears what
+ * a failed flush of the transaction left in the file; if that fails, the result is RC_OK all the
+ * same, and the next write or the close clears it.
+ * Errors: RC_NO_TRANSACTION_TO_ROLLBACK, RC_WRONG_STATE. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageRollback(void* handle);
 
 /* Appends `rec` (both not null) under the next revision, which is written into rec->rev. Outside a
- * transaction it is a transaction of its own. The record is copied. A record that could not be
- * placed inside a transaction uses its revision up all the same.
+ * transaction it is a transaction of its own. The record is copied. Inside a transaction, a record
+ * that could not be placed uses up its revision all the same.
  * Errors: RC_WRONG_STATE; RC_INVALID_ARG for a record that does not fit a block or has no
  * revision left; RC_NO_MEMORY; outside a transaction also those of Commit. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageInsert(void* handle, K9eReplRec* rec);
@@ -250,9 +254,9 @@ K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageInsertP(void* handle, K9eReplRec
 
 /* --- Reading -------------------------------------------------------------------------------- */
 
-/* Hands every record with fromRev <= rev <= toRev to `cb`, in ascending order; records of the
- * open transaction included. Records older than the oldest kept revision are passed over. A null
- * `cb` answers RC_INVALID_ARG when a record would be delivered.
+/* Hands every record with fromRev <= rev <= toRev to `cb`, in ascending order, those of the open
+ * transaction included. Records older than the oldest kept revision are passed over. With a null
+ * `cb` it answers RC_INVALID_ARG when a record would be delivered.
  * Returns RC_OK, the callback's non-zero value, RC_WRONG_STATE, or RC_BAD_DATA, RC_FILE_CORRUPT,
  * RC_SYSTEM_ERROR when stored data cannot be read, which breaks the storage. With read_only=yes
  * nothing breaks it, and RC_WRONG_STATE also says that the file no longer holds what was loaded:
@@ -267,17 +271,17 @@ K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageGetNextRev(void* handle, int64_t
 /* --- Marks ---------------------------------------------------------------------------------- */
 
 /* Sets the life number of the data set, in the file's header too (not flushed to disk).
- * Errors: those of the file; the number is then unchanged, but the file may have the new one, for
- * the next opening to find. */
+ * Errors: those of the file. The number is then unchanged, but the file may have the new one, which
+ * the next opening then finds. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageSetLifenum(void* handle, uint32_t lifenum);
 
 /* Writes the life number (both not null); 0 in a new storage. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageGetLifenum(void* handle, uint32_t* out);
 
-/* What K9eReplStorageClearOldRev does to the storage file; other modes are logical clears too.
+/* What K9eReplStorageClearOldRev does to the storage file. Any other mode is a logical clear, too.
  * Logical: one commit block is written, nothing leaves the disk. Squeeze: what is kept moves to a
  * new file in the old one's place; with backup, the old file stays, with ".backup" appended to its
- * name. Mark: nothing, `rev` becomes the revision mark. */
+ * name. Mark: nothing is cleared, and `rev` becomes the revision mark. */
 #define K9EREPL_CLEAR_LOGICAL 0u
 #define K9EREPL_CLEAR_SQUEEZE 1u
 #define K9EREPL_CLEAR_SQUEEZE_BACKUP 2u
@@ -291,12 +295,12 @@ K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageGetLifenum(void* handle, uint32_
  *
  * A logical clear costs reading about a block. A squeeze copies all that is kept: it takes as long,
  * and as much free disk space, as a copy of the file, and holds the storage meanwhile. The copy
- * is made under the file's name with ".temporary" appended, which must be free: one that is left
- * over from a crash is to be deleted. An older backup is replaced by the new one.
+ * is made under the file's name with ".temporary" appended, which must be free: a file of that name
+ * that a crash left must be deleted first. An older backup is replaced by the new one.
  *
  * Errors: RC_WRONG_STATE unless the storage is open; RC_IN_TRANSACTION inside a transaction and
  * from a callback in the middle of a flush or another clear; both change nothing. When the flush
- * before the clear fails its code is returned and Commit, Rollback or a later flush try again.
+ * before the clear fails, its code is returned, and Commit, Rollback or a later flush try again.
  * RC_SYSTEM_ERROR, RC_NO_MEMORY, RC_BAD_DATA, RC_FILE_CORRUPT: the storage is broken until it is
  * opened again, and then holds everything that was there before the clear or after it; only a clear
  * of everything may leave the beginning of the file damaged, as K9eReplStorageTruncate does. */
@@ -307,7 +311,7 @@ K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageClearOldRev(void* handle, int64_
  * a new storage. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageGetClearOldRev(void* handle, int64_t* out);
 
-/* K9eReplStorageClearOldRev with the next revision: all records go. */
+/* Clears all records: the same as K9eReplStorageClearOldRev with the next revision. */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageClearAll(void* handle, uint32_t mode);
 
 /* --- Notifications -------------------------------------------------------------------------- */
@@ -321,7 +325,7 @@ K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageSetOnFlushCallback(void* handle,
 /* Sets the function that is called when a commit block has been written to the file, with the
  * last revision that it commits; null unsets it. Otherwise as K9eReplStorageSetOnFlushCallback.
  * With the setting async_mode=yes it is called on the writing thread and must call nothing of the
- * library but K9eReplStorageGetNextRev. (If it closes the last handle there nevertheless, the index
+ * library but K9eReplStorageGetNextRev. (If it closes the last handle there all the same, the index
  * thread carries that out within flush_timeout.) */
 K9EREPL_API uint32_t K9EREPL_CALL K9eReplStorageSetOnWriteToFileCallback(void* handle,
                                                                          K9eReplFlushCb cb,

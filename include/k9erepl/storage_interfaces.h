@@ -1,7 +1,7 @@
 // The abstract classes behind the handles of storage.h, for hosts that are written in C++ and link
-// against the same ABI. The order of the virtual operations is the contract; nothing is ever
-// inserted into it. The storage object in src/engine and the storage file in src/solid implement
-// them.
+// against the same ABI. The order of the virtual operations is part of the contract; none is ever
+// inserted or moved. The storage object in src/engine and the storage file in src/solid implement
+// them. docs/porting.md, "The interfaces' tables", has the numbers of the operations.
 #ifndef K9EREPL_STORAGE_INTERFACES_H
 #define K9EREPL_STORAGE_INTERFACES_H
 
@@ -17,8 +17,8 @@ class IK9eReplDSVersion {};
 class IRc {
   public:
     virtual ~IRc() = default;
-    // Both return the new count. The Release that reaches 0 destroys the object on its thread;
-    // inside a callback the outermost call does it when it leaves the object.
+    // Both return the new count. The Release that reaches 0 destroys the object, on the calling
+    // thread. Inside a callback, the outermost call destroys it when it leaves the object.
     virtual std::uint32_t AddRef() = 0;
     virtual std::uint32_t Release() = 0;
 };
@@ -30,15 +30,15 @@ class IK9eReplDS : public IRc, public IK9eReplDSVersion {
     virtual std::uint32_t Reserved3(std::uintptr_t) = 0;  // does nothing, RC_OK
     virtual std::uint32_t Reserved4(std::uintptr_t) = 0;  // does nothing, RC_OK
     virtual std::uint32_t Reserved5(std::uintptr_t) = 0;  // RC_NOT_SUPPORTED
-    // Whether `other` is this object's IK9eReplDS pointer.
+    // Tells whether `other` is this object's IK9eReplDS pointer.
     virtual bool IsSame(const void* other) = 0;
-    // EnumRecords from `fromRev` to the end.
+    // The same as EnumRecords from `fromRev` to the last record.
     virtual std::uint32_t EnumFrom(std::uint32_t, std::uint32_t, std::uint32_t,
                                    std::int64_t fromRev, std::uint32_t, K9eReplEnumCb cb,
                                    void* ctx) = 0;
-    // The first revision of the oldest block, 1 when there is none; RC_NOT_OPEN before Load.
+    // Writes the first revision of the oldest block, 1 when there is none; RC_NOT_OPEN before Load.
     virtual std::uint32_t GetFirstRev(std::uint32_t, std::int64_t* out) = 0;
-    // The next revision to be assigned; RC_NOT_OPEN before Load.
+    // Writes the next revision to be assigned, despite the name; RC_NOT_OPEN before Load.
     virtual std::uint32_t GetLastRev(std::uint32_t, std::int64_t* out) = 0;
     virtual std::uint32_t GetClearRev(std::int64_t* out) = 0;              // the revision mark
     virtual std::uint32_t GetFlag(std::uint32_t, std::uint8_t* out) = 0;   // writes 0
@@ -87,21 +87,23 @@ using K9eReplScanRecordCb = std::uint32_t(K9EREPL_CALL*)(std::uint64_t offset,
 using K9eReplScanCommitCb = std::uint32_t(K9EREPL_CALL*)(void* ctx, std::int64_t clearRev,
                                                          std::int64_t commitRev);
 
-// The storage file, as K9eReplStorageGetLLStorage hands it out. It may be called at any time and
-// from any thread, like the functions of storage.h: it takes the storage's lock, which is held
-// while callbacks run, and a callback may call the library with the storage's handle.
+// The storage file, as K9eReplStorageGetLLStorage hands it out; it belongs to the storage and is
+// valid as long as the handle. It may be called at any time and from any thread, like the functions
+// of storage.h: it takes the storage's lock, which is held while callbacks run, and a callback may
+// call the library with the storage's handle.
 class IK9eReplLLStorage {
   public:
     virtual ~IK9eReplLLStorage() = default;
-    // Reads the file from its beginning, checks it and hands out every record and commit block that
-    // is in the file: what is committed and not flushed yet is not. Waits first until everything
-    // queued is written. On a storage that is loaded or truncated it changes nothing. Before that
-    // it also places the storage's write position behind the last valid commit block; loading does
-    // that again.
-    // RC_WRONG_STATE in a forked child; RC_ENUM_STOP when a callback moved the file's items: by a
-    // load, a truncation, a squeeze or by clearing everything. RC_INVALID_ARG when a callback is
-    // null, RC_NO_WRITER when no file is open, RC_FILE_CORRUPT when no commit block can be found,
-    // RC_SYSTEM_ERROR, RC_NO_MEMORY, the code of a write that failed, or a callback's result.
+    // Reads the file from its beginning, checks it, and hands out every record and commit block
+    // that is in the file. Records that are committed but not flushed yet are not in the file.
+    // Waits first until everything queued is written. On a storage that is loaded or truncated it
+    // changes nothing. Before that it also places the storage's write position behind the last
+    // valid commit block; loading does that again.
+    // Errors: RC_WRONG_STATE in a forked child; RC_ENUM_STOP when a callback moved the file's items
+    // by a load, a truncation, a squeeze or by clearing everything; RC_INVALID_ARG when a callback
+    // is null; RC_NO_WRITER when no file is open; RC_FILE_CORRUPT when no commit block can be
+    // found; RC_SYSTEM_ERROR, RC_NO_MEMORY, the code of a write that failed, or a callback's
+    // result.
     virtual std::uint32_t ScanFile(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb,
                                    void* ctx) = 0;
 };

@@ -45,21 +45,21 @@ extern "C" {
  *   %I64x   uint64_t; also %I64X %llx %llX    %R   uint32_t result code
  *   %%      none: a percent sign
  *
- * Between '%' and the rest may stand, as for printf, flags ("-", "+", " ", "#", "0"), a width and
- * "." with a precision, both digits or "*" for an int32_t argument. What begins no directive of
- * this list is printed as it stands and takes no argument.
+ * Flags ("-", "+", " ", "#", "0"), a width, and "." with a precision may stand between '%' and the
+ * rest, as for printf. Width and precision are digits, or "*", which takes an int32_t argument.
+ * Text behind '%' that is not in this list is printed as it stands and takes no argument.
  *
  * The stand-in prints %r as a decimal number, and %R as a decimal number below 0x8000, as "0x" and
  * capital hexadecimal digits from there on: "25", "0x8011". A host's library may word both.
  * ------------------------------------------------------------------------------------------ */
 
-/* Whether a call site is enabled: non-zero means that its message is printed. Owned by the system
- * library, valid until the process ends; the library reads it at every execution of the site, so
- * the system library may change it at any time. */
+/* Says whether a call site is enabled: non-zero means that its message is printed. It belongs to
+ * the system library and is valid until the process ends. The storage library reads it at every
+ * execution of the site, so the system library may change it at any time. */
 typedef int K9LogFlag;
 
-/* Log a message of `module` when its level is enabled. `code` is the result code that the failed
- * operation returns. Any module name may appear at any time. */
+/* Each logs a message of `module` when its level is enabled. `code` is the result code that the
+ * failed operation returns. Any module name may appear at any time. */
 K9SYS_API void K9SYS_CALL K9LogInfoEx(const char* module, const char* format, ...);
 K9SYS_API void K9SYS_CALL K9LogWarningEx(const char* module, const char* format, ...);
 K9SYS_API void K9SYS_CALL K9LogErrorEx(const char* module, const char* format, ...);
@@ -67,9 +67,9 @@ K9SYS_API void K9SYS_CALL K9LogErrorWithCodeEx(uint32_t code, const char* module
                                                const char* format, ...);
 
 /* The registering variants: each logs like its plain twin when the site is enabled, and returns
- * the address of the site's flag, never null. Called at the first execution of each call site; by
- * two threads at once it may be called twice, and must give the same address to both. The stand-in
- * has one flag for each module and level; errors with and without a code share one. */
+ * the address of the site's flag, never null. The storage library calls it at the first execution
+ * of each call site. Two threads may call it for one site at once; both must get the same address.
+ * The stand-in has one flag for each module and level; errors with and without a code share one. */
 K9SYS_API K9LogFlag* K9SYS_CALL trcheckEx_K9LogInfoEx_(const char* module, const char* format, ...);
 K9SYS_API K9LogFlag* K9SYS_CALL trcheckEx_K9LogInfoEx_0(const char* module, const char* format,
                                                         ...);
@@ -84,8 +84,8 @@ K9SYS_API K9LogFlag* K9SYS_CALL trcheckEx_K9LogErrorWithCodeEx_(uint32_t code, c
  * is not 0. Returns the number of characters in the buffer, the terminating zero not counted. */
 K9SYS_API uint32_t K9SYS_CALL K9SysSNPrintf(char* buffer, uint32_t size, const char* format, ...);
 
-/* Memory for small start blocks of threads, aligned for any type; null when there is none. Freed by
- * any thread. Freeing null does nothing. */
+/* Memory for the small start records of threads, aligned for any type; null when there is none. Any
+ * thread may free it. Freeing null does nothing. */
 K9SYS_API void* K9SYS_CALL K9SysParserMemAlloc(size_t size);
 K9SYS_API void K9SYS_CALL K9SysParserMemFree(void* memory);
 
@@ -103,8 +103,8 @@ K9SYS_API uint32_t K9SYS_CALL K9MQStatSetBinaryModuleVersion(void* module, const
                                                              uint32_t* registration, char* name,
                                                              uint32_t nameSize, char* path,
                                                              uint32_t pathSize);
-/* An id that is not registered is ignored. The library calls it once when it is unloaded, also when
- * it could not be registered: with 0 then. */
+/* Takes a registration back. An id that is not registered is ignored. The storage library calls it
+ * once when it is unloaded; with 0 when it could not be registered. */
 K9SYS_API void K9SYS_CALL K9MQStatUnregisterModule(uint32_t registration);
 
 /* ---------------------------------------------------------------------------------------------
@@ -130,18 +130,18 @@ typedef void(K9SYS_CALL* K9SysLogSink)(K9SysLogLevel level, const char* module, 
  * memory, when nothing has changed. REQUIRES: one of the four levels. */
 K9SYS_API uint32_t K9SYS_CALL K9SysSetLogLevel(const char* module, K9SysLogLevel level);
 
-/* Replaces all levels by those of a list, as the environment variable K9SYS_LOG has it: "warning",
- * or "k9eRepl-storage=info,***TP***=info", or both ("warning,***TP***=info"). Modules that are not
- * named take the default, which is "error" unless the list has its own. Returns 0; 1 for no
- * memory; 2 for a null or a text that it does not understand. On failure nothing changes. */
+/* Replaces all levels by those of a list, in the form of the environment variable K9SYS_LOG:
+ * "warning", or "k9eRepl-storage=info,***TP***=info", or both ("warning,***TP***=info"). Modules
+ * that are not named get the default, which is "error" unless the list names another. Returns 0; 1
+ * for no memory; 2 for null or a text that it does not understand. On failure nothing changes. */
 K9SYS_API uint32_t K9SYS_CALL K9SysSetLogLevels(const char* levels);
 
-/* Sends messages to `sink` instead of the log file; a null sink goes back to the file. When it
- * returns, the previous sink is not running any more. Not to be called from inside a sink. */
+/* Sends messages to `sink` instead of the log file; a null sink goes back to the file. When this
+ * returns, the previous sink is no longer running. Must not be called from inside a sink. */
 K9SYS_API void K9SYS_CALL K9SysSetLogSink(K9SysLogSink sink, void* context);
 
-/* Parser memory in use, in bytes asked for, and the most that may be in use (at the start
- * SIZE_MAX); a lower limit lets allocations fail and takes nothing away. */
+/* The parser memory in use, as the sum of the bytes asked for; and the most that may be in use, at
+ * first SIZE_MAX. A lower limit lets allocations fail and takes nothing away. */
 K9SYS_API size_t K9SYS_CALL K9SysParserMemInUse(void);
 K9SYS_API void K9SYS_CALL K9SysSetParserMemLimit(size_t bytes);
 

@@ -1,5 +1,6 @@
-// The way of every exported function to the storage behind its handle: it tests the handle, keeps a
-// forked child away from its parent's storage, and lets no exception out.
+// The way from an exported function to the storage behind its handle: it tests the handle, keeps a
+// forked child away from its parent's storage, and lets no exception out. Used by exports.cpp for
+// every function that takes a handle, except K9eReplStorageClose, which must work in a child, too.
 #ifndef K9EREPL_API_EXPORTED_CALL_H
 #define K9EREPL_API_EXPORTED_CALL_H
 
@@ -8,14 +9,18 @@
 
 namespace k9erepl {
 
-// A handle is the address of the object's first interface.
+// The storage behind a handle. A handle is the address of the object's first interface; no handle
+// is ever looked up in a table, so one that was closed too often is the client's error.
+// REQUIRES: handle is not null.
 inline CK9eReplStorage& StorageOf(void* handle) {
     return static_cast<CK9eReplStorage&>(*static_cast<IK9eReplStorage*>(handle));
 }
 
-// Returns what `work` returns for the storage, RC_INVALID_ARG for a null handle, RC_WRONG_STATE in
-// a forked child, or the code of an exception, which is logged as the end of `function`. By then
-// the storage may be gone: a callback may have closed the last handle before it threw.
+// Calls work(storage) and returns its result. Returns RC_INVALID_ARG for a null handle and
+// RC_WRONG_STATE in a forked child, without a message and before any lock is taken. An exception is
+// logged as the end of `function`, the exported function's name, and becomes a code (see
+// EndException). By then the storage may be gone: a callback may have closed the last handle before
+// it threw, so nothing touches the storage behind `work`. Takes no lock itself; the storage does.
 template <typename Work>
 u32 CallStorage(const char* function, void* handle, Work work) {
     if (handle == nullptr) {

@@ -1,5 +1,5 @@
 // The exported functions: each tests its pointers and forwards to the storage object, whose result
-// it returns unchanged; exported_call.h stands in between. The contract is in <k9erepl/storage.h>.
+// it returns unchanged, by way of exported_call.h. The contract is in <k9erepl/storage.h>.
 #include <k9erepl/storage_interfaces.h>
 
 #include <new>
@@ -30,7 +30,8 @@ CK9eReplStorage* NewStorage() {
     }
 }
 
-// Answers the code of an exception inside `function`, which does `what`.
+// Returns what `function` returns, or the code of an exception inside it. `what` names the
+// operation in the message: "creating" or "deleting".
 template <typename Function>
 uint32_t OnFiles(const char* what, const char* connStr, Function function) {
     try {
@@ -44,8 +45,9 @@ uint32_t OnFiles(const char* what, const char* connStr, Function function) {
     }
 }
 
-// The index file of a storage that is replaced or deleted goes with it. One that stays is logged,
-// and no reason to keep the storage: nothing believes it unless it fits the file.
+// Deletes the index file of a storage that is replaced or deleted. A failure is logged there, and
+// is no reason to keep the storage: a load uses an index only as far as the storage file confirms
+// it.
 void RemoveIndexFile(const char* connStr) {
     (void)k9erepl::DeleteIndexFile(connStr);
 }

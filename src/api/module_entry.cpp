@@ -1,5 +1,5 @@
 // What happens when the shared library is loaded and unloaded. Compiled into the shared library
-// alone: programs that link its objects, as the tests do, are no copy of it.
+// only: a program that links the library's objects, as the tests do, is not a copy of it.
 #include "api/load_guard.h"
 #include "api/module_registration.h"
 
