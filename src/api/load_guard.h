@@ -11,7 +11,7 @@ namespace k9erepl {
 // The first copy leaves a mark in the process (platform/process.h) and takes it away when it is
 // unloaded. A copy that finds the mark shows a message and leaves the mark alone. Loading goes on
 // in both cases, also when the system cannot make the mark. Both functions run inside the loader,
-// on one thread at a time, and throw nothing.
+// on one thread at a time.
 class LoadGuard {
   public:
     LoadGuard();

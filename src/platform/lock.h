@@ -31,6 +31,7 @@ class RecursiveLock {
     // std::max_align_t: on 32-bit Windows that type depends on the headers that came before, and
     // objects with a lock in them would be laid out differently from file to file.
     static constexpr std::size_t kNativeAlignment = 8;
+    // The pthread_mutex_t or CRITICAL_SECTION; both sources assert that it fits.
     alignas(kNativeAlignment) unsigned char m_native[64];
 };
 

@@ -1,4 +1,4 @@
-// The recursive lock: a recursive mutex.
+// The recursive lock: a recursive pthread mutex in the bytes that the class keeps for it.
 #include "platform/lock.h"
 
 #include <pthread.h>

@@ -53,6 +53,7 @@ class Monitor {
   private:
     bool m_ready = false;  // Init has succeeded: the two below exist
     pthread_mutex_t m_mutex;
+    // Signalled by NotifyAll: what the monitor guards has changed.
     pthread_cond_t m_changed;
 };
 

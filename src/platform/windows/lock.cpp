@@ -1,4 +1,4 @@
-// The recursive lock: a critical section.
+// The recursive lock: a critical section in the bytes that the class keeps for it.
 #include "platform/lock.h"
 
 #include <new>
