@@ -67,7 +67,7 @@ class IndexWorker {
     static u32 ThreadBody(void* worker);
 
   private:
-    // Called by the thread, but for TakeTurn and CopyNew, which requesters call.
+    // The thread calls these; requesters call TakeTurn, CopyNew and, for kSync, WriteFile.
     u32 Run();
     u32 ServeUntilStopped();
     u32 Serve();

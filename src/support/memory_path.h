@@ -10,7 +10,7 @@
 namespace k9erepl {
 
 // Tells whether `path` is ":memory:" in any case of letters: the storage then lives in memory and
-// touches no disk. An empty path is not; it means that the setting is missing.
+// touches no disk. An empty path is something else: the setting is missing.
 constexpr bool IsMemoryPath(std::string_view path) {
     return EqualsIgnoringCase(path, ":memory:");
 }
