@@ -9,8 +9,8 @@
 
 namespace k9erepl::platform {
 
-// Failures are false or kFailed, with LastSystemError(). The owner's calls come from one thread at
-// a time, never from the thread itself.
+// Failures are false or kFailed, with LastSystemError(). One thread at a time makes the owner's
+// calls; the thread itself may only call Detach, since it cannot wait for its own end.
 class Thread {
   public:
     Thread() = default;
