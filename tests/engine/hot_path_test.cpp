@@ -35,17 +35,9 @@ u64 NewCallsOfInsertions(TestStorage& storage, u32 count) {
 TEST(HotPath, InsertionsIntoABlockAllocateNothing) {
     TestStorage storage(kFlushNever);
     storage.InsertCommitted({"first"});
-    LetTheWriterRest(storage);
-    Record record("text");
-    void* const handle = storage.Handle();
-    const u64 calls = NewCallsOf([&] {
-        ASSERT_EQ(K9eReplStorageBeginTransaction(handle), RC_OK);
-        for (int i = 0; i < 1000; ++i) {
-            ASSERT_EQ(K9eReplStorageInsert(handle, record.Get()), RC_OK);
-        }
-        ASSERT_EQ(K9eReplStorageCommit(handle), RC_OK);
-    });
-    EXPECT_EQ(calls, 0U);
+    ASSERT_EQ(storage.Begin(), RC_OK);
+    EXPECT_EQ(NewCallsOfInsertions(storage, 1000), 0U);
+    ASSERT_EQ(storage.Commit(), RC_OK);
 }
 
 TEST(HotPath, FlushingCommitsAllocateNothing) {
