@@ -19,9 +19,7 @@ namespace k9erepl {
 
 namespace {
 
-constexpr u32 kStopWaitMs = 20000;     // for a save in progress and the thread's end together
 constexpr u32 kLastJoinWaitMs = 1000;  // for the thread's end, when the save has used that up
-constexpr u32 kPollMs = 1;
 
 u32 ReadAffinity(const char* connStr) {
     i32 mask = 0;
@@ -52,6 +50,7 @@ IndexObject::~IndexObject() {
 
 u32 IndexObject::Start() {
     Stop();
+    m_stopWaitLeftMs = kStopWaitMs;
     if (!MakeWorker()) {
         LOG_ERROR_CODE(RC_NO_MEMORY, kLogIndex, "Couldn't allocate buffer");
         return RC_NO_MEMORY;
@@ -198,15 +197,18 @@ u32 IndexObject::RequestWithoutWorker(IndexSaveMode mode) const {
 // Returns how many milliseconds are left for the thread's end.
 u32 IndexObject::WaitForSave(const IndexWorker& worker) {
     const u32 begin = platform::TickCountMs();
+    platform::PollingWait wait;
     for (;;) {
         const u32 waited = platform::TickCountMs() - begin;
-        if (waited >= kStopWaitMs) {
+        if (waited >= m_stopWaitLeftMs) {
+            m_stopWaitLeftMs = 0;
             return kLastJoinWaitMs;
         }
         if (!worker.IsBusy()) {
-            return kStopWaitMs - waited;
+            m_stopWaitLeftMs -= waited;
+            return m_stopWaitLeftMs;
         }
-        platform::SleepMs(kPollMs);
+        wait.Next();
     }
 }
 

@@ -75,11 +75,14 @@ class IndexObject {
     bool IsFinished() const;
 
   private:
+    // How long EndWriting and Stop wait, together, for a save in progress and the thread's end.
+    static constexpr u32 kStopWaitMs = 20000;
+
     bool MakeWorker();
     u32 RunThread(IndexWorker& worker);
     void AbandonLaunch(IndexWorker& worker);
     u32 RequestWithoutWorker(IndexSaveMode mode) const;
-    static u32 WaitForSave(const IndexWorker& worker);
+    u32 WaitForSave(const IndexWorker& worker);
     void LeaveThreadToItself(IndexWorker& worker);
     void GiveUpThread();
 
@@ -89,6 +92,8 @@ class IndexObject {
     const u32 m_waitMs;     // setting flush_timeout, milliseconds
     u32 m_affinity = 0;     // setting aux_affinity: bit n is processor n; 0: any processor
 
+    // What is left of kStopWaitMs, in milliseconds; 0: the save has used it up.
+    u32 m_stopWaitLeftMs = kStopWaitMs;
     WorkerThread m_thread;  // holds a thread from Start to Stop
     // Null after a thread was given up together with its worker. Workers are not freed while this
     // object lives, so that flags can be tested without a lock.

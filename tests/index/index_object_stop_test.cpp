@@ -139,22 +139,36 @@ TEST_F(IndexObjectStop, WaitsForTheSaveInProgress) {
     EXPECT_EQ(g_exitCode, 0U);
 }
 
-TEST_F(IndexObjectStop, JoinsForWhatIsLeftOf20Seconds) {
-    SetTickCount(0xFFFFFFF0);  // the tick count wraps meanwhile
-    platform::TheSystemCalls().joinThread = [](void* thread, u32 timeoutMs) {
-        g_joinMs = timeoutMs;
-        return platform::NativeSystemCalls().joinThread(thread, timeoutMs);
-    };
-    MakeStarted();
-    CloseGateForWrites();
-    SaveUpToTheGate();
-    platform::TheSystemCalls().tickCount = [] {
-        const u32 call = g_tickCalls++;
-        if (call == 1) {
-            g_gateOpen = true;  // the save takes 5 seconds
-        }
-        return 0xFFFFFFF0 + (call == 0 ? 0 : 5000);
-    };
+// A thread in a save of 5 seconds.
+class IndexObjectLongSave : public IndexObjectStop {
+  protected:
+    IndexObjectLongSave() {
+        SetTickCount(0xFFFFFFF0);  // the tick count wraps meanwhile
+        platform::TheSystemCalls().joinThread = [](void* thread, u32 timeoutMs) {
+            g_joinMs = timeoutMs;
+            return platform::NativeSystemCalls().joinThread(thread, timeoutMs);
+        };
+        MakeStarted();
+        CloseGateForWrites();
+        SaveUpToTheGate();
+        platform::TheSystemCalls().tickCount = [] {
+            const u32 call = g_tickCalls++;
+            if (call == 1) {
+                g_gateOpen = true;  // the save takes 5 seconds
+            }
+            return 0xFFFFFFF0 + (call == 0 ? 0 : 5000);
+        };
+    }
+};
+
+TEST_F(IndexObjectLongSave, LeavesTheRestOf20SecondsForTheThreadsEnd) {
+    m_index->Stop();
+    EXPECT_EQ(g_joinMs, 15000U);
+}
+
+// Otherwise a storage whose index file hangs would close only after twice that time.
+TEST_F(IndexObjectLongSave, IsWaitedForOnceByEndWritingAndStop) {
+    m_index->EndWriting();
     m_index->Stop();
     EXPECT_EQ(g_joinMs, 15000U);
 }
