@@ -6,8 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-
-#include "platform/clock.h"
+#include <random>
 
 namespace k9erepl::bench {
 
@@ -20,18 +19,18 @@ void Require(bool holds, const char* what) {
     }
 }
 
-BenchRecord::BenchRecord() : m_bytes(sizeof(K9eReplRec) + kDataSize) {
+BenchRecord::BenchRecord(u32 dataSize) : m_bytes(sizeof(K9eReplRec) + dataSize) {
     Get()->userWord = 7;
-    Get()->dataSize = kDataSize;
-    std::memset(Get()->data, 'x', kDataSize);
+    Get()->dataSize = dataSize;
+    std::memset(Get()->data, 'x', dataSize);
 }
 
 BenchFile::BenchFile() {
     static std::atomic<int> ordinal{0};
     const char* base = std::getenv("K9EREPL_BENCH_DIR");
     const fs::path root = base != nullptr ? fs::path(base) : fs::temp_directory_path();
-    const std::string name = "k9erepl-bench-" + std::to_string(platform::TimeStampCounter()) + "-" +
-                             std::to_string(ordinal++);
+    const std::string name =
+        "k9erepl-bench-" + std::to_string(std::random_device{}()) + "-" + std::to_string(ordinal++);
     m_folder = (root / name).string();
     fs::create_directories(m_folder);
     m_path = m_folder + "/bench.edb";
@@ -54,12 +53,12 @@ void BenchHandle::Load() {
     Require(K9eReplStorageLoad(m_handle) == RC_OK, "loading the storage");
 }
 
-void Append(void* handle, int count) {
+void Append(void* handle, int count, int perTransaction) {
     BenchRecord record;
     bool ok = true;
-    for (int done = 0; done < count; done += kPerTransaction) {
+    for (int done = 0; done < count; done += perTransaction) {
         ok = ok && K9eReplStorageBeginTransaction(handle) == RC_OK;
-        for (int i = 0; i < kPerTransaction; ++i) {
+        for (int i = 0; i < perTransaction; ++i) {
             ok = ok && K9eReplStorageInsert(handle, record.Get()) == RC_OK;
         }
         ok = ok && K9eReplStorageCommit(handle) == RC_OK;

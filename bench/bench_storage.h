@@ -20,10 +20,10 @@ inline constexpr int kTransactionsPerFlush = 10;
 // Unless `holds`, prints `what` and ends the program.
 void Require(bool holds, const char* what);
 
-// A client's record with kDataSize bytes of data.
+// A client's record with `dataSize` bytes of data.
 class BenchRecord {
   public:
-    BenchRecord();
+    explicit BenchRecord(u32 dataSize = kDataSize);
     K9eReplRec* Get() { return reinterpret_cast<K9eReplRec*>(m_bytes.data()); }
 
   private:
@@ -64,8 +64,8 @@ class BenchHandle {
     void* m_handle = nullptr;
 };
 
-// Inserts `count` records, rounded up to whole transactions of kPerTransaction records.
-void Append(void* handle, int count);
+// Inserts `count` records, rounded up to whole transactions of `perTransaction` records.
+void Append(void* handle, int count, int perTransaction = kPerTransaction);
 
 }  // namespace k9erepl::bench
 

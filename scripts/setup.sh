@@ -17,7 +17,7 @@ test_packages=("${build_packages[@]}" libgtest-dev libgmock-dev libbenchmark-dev
 packages_for() {
     case "$1" in
         demo) echo "${build_packages[@]}" ;;
-        test) echo "${test_packages[@]}" ;;
+        test) echo "${test_packages[@]}" valgrind ;;
         test32) echo "${tool_packages[@]}" g++-multilib googletest ;;
         windows) echo "${tool_packages[@]}" g++-mingw-w64-i686-posix g++-mingw-w64-x86-64-posix \
             googletest ;;
