@@ -22,7 +22,7 @@ inline CK9eReplStorage& StorageOf(void* handle) {
 // EndException). By then the storage may be gone: a callback may have closed the last handle before
 // it threw, so nothing touches the storage behind `work`. Takes no lock itself; the storage does.
 template <typename Work>
-u32 CallStorage(const char* function, void* handle, Work work) {
+[[nodiscard]] u32 CallStorage(const char* function, void* handle, Work work) {
     if (handle == nullptr) {
         return RC_INVALID_ARG;
     }

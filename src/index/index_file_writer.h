@@ -24,23 +24,23 @@ class IndexFileWriter {
     // Makes the directories of the path, creates or empties the file and writes the image's header.
     // On failure the file is closed. Answers RC_INVALID_ARG for a storage file, which stays as it
     // is. REQUIRES: the image was Reset, so it has no entries.
-    u32 Create(const IndexImage& image);
+    [[nodiscard]] u32 Create(const IndexImage& image);
     // Writes the bytes of the image: the whole file at once, or first the new entries and then the
     // header, so that a crash in between leaves a file whose length or checksum does not fit its
     // header. Fails when the file is not open.
-    u32 Write(const IndexImage& image);
+    [[nodiscard]] u32 Write(const IndexImage& image);
     // Returns when everything written is on the disk.
-    u32 FlushToDisk();
+    [[nodiscard]] u32 FlushToDisk();
     // Does nothing when the file is not open.
     void Close() { m_file.Close(); }
 
   private:
-    u32 WriteWhole(const IndexImage& image);
+    [[nodiscard]] u32 WriteWhole(const IndexImage& image);
     u32 WriteTail(const IndexImage& image);
     // `position` is in bytes from the file's beginning.
-    bool WriteAt(i64 position, const u8* data, u32 size);
+    [[nodiscard]] bool WriteAt(i64 position, const u8* data, u32 size);
     // Logs that the writing of `part` ("full", "tail", "header", "flush") failed.
-    u32 Fail(const char* part) const;
+    [[nodiscard]] u32 Fail(const char* part) const;
 
     const std::string m_path;
     platform::File m_file;  // open between Create and Close

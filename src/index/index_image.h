@@ -77,12 +77,12 @@ class IndexImage {
     BlockIndex::const_iterator FindLastSaved(const BlockIndex& blockIndex) const;
     void BeginWhole();
     void BeginTail();
-    bool TakeIn(BlockIndex::const_iterator from, BlockIndex::const_iterator end);
+    [[nodiscard]] bool TakeIn(BlockIndex::const_iterator from, BlockIndex::const_iterator end);
     bool Append(const TIndexEntry& entry);
     void CountIn(const TIndexEntry& entry);
     void CountOut(const TIndexEntry& entry);
     void Seal();
-    bool Grow();
+    [[nodiscard]] bool Grow();
     void FreeLargeBuffer();
     bool HasEntries() const { return m_size > sizeof(TIndexHeader); }
     TIndexEntry LastEntry() const;

@@ -23,7 +23,7 @@ constexpr u32 kLastJoinWaitMs = 1000;  // for the thread's end, when the save ha
 
 u32 ReadAffinity(const char* connStr) {
     i32 mask = 0;
-    GetParamInt(connStr, "aux_affinity", &mask);
+    (void)GetParamInt(connStr, "aux_affinity", &mask);  // dropped: without the setting it stays 0
     return static_cast<u32>(mask);
 }
 

@@ -40,7 +40,7 @@ class IndexObject {
     // Makes the file anew, without entries, and starts the thread, after stopping one that is
     // still there. The next save writes everything. Errors: RC_SYSTEM_ERROR, RC_NO_MEMORY,
     // RC_INVALID_ARG when a storage file lies at the path; that file stays as it is.
-    u32 Start();
+    [[nodiscard]] u32 Start();
     // Ends the thread after the save in progress and closes the file. Waits at most 20 seconds, or
     // one more if a save takes that long; then the thread is terminated. Called by the thread
     // itself, it returns at once, and the thread ends when its idle call has returned.
@@ -57,7 +57,7 @@ class IndexObject {
     // kSync writes the file before it returns. kAsync leaves that to the thread, whose failure
     // shows as IsFinished(); when no thread runs, nothing is done. Waits for a save in progress.
     // Errors: RC_SYSTEM_ERROR when the file cannot be written (kSync), RC_NO_MEMORY.
-    u32 RequestSave(const BlockIndex& blockIndex, IndexSaveMode mode);
+    [[nodiscard]] u32 RequestSave(const BlockIndex& blockIndex, IndexSaveMode mode);
 
     // Makes the next save write everything, even when nothing changed: the saved entries are no
     // longer valid. Waits for a save in progress.
@@ -67,7 +67,7 @@ class IndexObject {
     // entries become wrong: before a squeeze replaces the storage file or the file starts over.
     // Starts the thread if none runs. Waits for a save in progress.
     // Errors: as Start.
-    u32 Empty();
+    [[nodiscard]] u32 Empty();
 
     // Tells whether a save is in progress or requested.
     bool IsBusy() const;
@@ -78,10 +78,10 @@ class IndexObject {
     // How long EndWriting and Stop wait, together, for a save in progress and the thread's end.
     static constexpr u32 kStopWaitMs = 20000;
 
-    bool MakeWorker();
+    [[nodiscard]] bool MakeWorker();
     u32 RunThread(IndexWorker& worker);
     void AbandonLaunch(IndexWorker& worker);
-    u32 RequestWithoutWorker(IndexSaveMode mode) const;
+    [[nodiscard]] u32 RequestWithoutWorker(IndexSaveMode mode) const;
     u32 WaitForSave(const IndexWorker& worker);
     void LeaveThreadToItself(IndexWorker& worker);
     void GiveUpThread();

@@ -74,7 +74,7 @@ class IndexTurn {
 
   private:
     // Returns true when the flag was free and is now the caller's.
-    bool TryTake() { return !m_busy.exchange(true, std::memory_order_acquire); }
+    [[nodiscard]] bool TryTake() { return !m_busy.exchange(true, std::memory_order_acquire); }
 
     std::atomic<bool> m_busy{false};
     std::atomic<IndexCommand> m_command{IndexCommand::kNone};

@@ -64,7 +64,7 @@ void IndexWorker::WaitUntilUp() const {
 void IndexWorker::SendStop() {
     m_turn.Give(IndexCommand::kStop);
     LOG_INFO(kLogIndex, "Stop thread request sent");
-    m_wakeUp.Set();  // if this fails, the thread sees the command at its next time-out
+    (void)m_wakeUp.Set();  // dropped: the thread sees the command at its next time-out
 }
 
 bool IndexWorker::RunsOnThisThread() const {
@@ -113,7 +113,7 @@ u32 IndexWorker::RequestSave(const BlockIndex& blockIndex, IndexSaveMode mode) {
         return WriteFile();
     }
     m_turn.GiveSave();
-    m_wakeUp.Set();  // if this fails, the thread sees the command at its next time-out
+    (void)m_wakeUp.Set();  // dropped: the thread sees the command at its next time-out
     return RC_OK;
 }
 

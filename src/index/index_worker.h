@@ -32,7 +32,7 @@ class IndexWorker {
     // Makes the index file anew; the next save writes everything. From then on the thread counts as
     // running: the owner starts it with ThreadBody and this worker, or calls CleanUp.
     // Errors: RC_SYSTEM_ERROR; RC_INVALID_ARG when a storage file lies at the path.
-    u32 Prepare();
+    [[nodiscard]] u32 Prepare();
     // Closes what the thread left open, whatever way it ended.
     void CleanUp();
     // Logs the times of the saves.
@@ -55,9 +55,9 @@ class IndexWorker {
 
     // See IndexObject. They wait for the turn while the thread saves; the thread itself first
     // carries out a save that is pending.
-    u32 RequestSave(const BlockIndex& blockIndex, IndexSaveMode mode);
+    [[nodiscard]] u32 RequestSave(const BlockIndex& blockIndex, IndexSaveMode mode);
     void StartOver();
-    u32 Empty();
+    [[nodiscard]] u32 Empty();
     void EndWriting();
     bool IsBusy() const { return m_turn.IsBusy(); }
     bool IsFinished() const { return m_finished.load(std::memory_order_acquire); }
@@ -68,15 +68,15 @@ class IndexWorker {
 
   private:
     // The thread calls these; requesters call TakeTurn, CopyNew and, for kSync, WriteFile.
-    u32 Run();
+    [[nodiscard]] u32 Run();
     u32 ServeUntilStopped();
-    u32 Serve();
+    [[nodiscard]] u32 Serve();
     void TakeTurn();
-    u32 CarryOutSave();
+    [[nodiscard]] u32 CarryOutSave();
     void Leave(u32 exitCode);
     // REQUIRES, of these two: the caller has the turn.
     IndexUpdate CopyNew(const BlockIndex& blockIndex);
-    u32 WriteFile();
+    [[nodiscard]] u32 WriteFile();
 
     IK9eReplDS& m_idle;
     const u32 m_waitMs;  // milliseconds

@@ -45,7 +45,7 @@ class ReadCacheManager {
     // read. The writer moves it, perhaps on its own thread; it must live until Reset.
     // Errors: RC_BAD_SIZE for a refused count, which changes nothing; RC_NO_MEMORY, after which
     // there are no buffers.
-    u32 Init(const char* connStr, const std::atomic<i64>& dataEnd);
+    [[nodiscard]] u32 Init(const char* connStr, const std::atomic<i64>& dataEnd);
     // Frees the buffers. Init may follow.
     void Reset();
 
@@ -56,7 +56,7 @@ class ReadCacheManager {
     // ends, or the file itself. Behind that end, *current begins at `offset` and its length is 0.
     // REQUIRES: Init has succeeded; size is at most kBufferSize (a longer piece is never whole).
     // Errors: RC_SYSTEM_ERROR; *current is then unchanged, but what it points at may be gone.
-    u32 GetBuffer(i64 offset, u32 size, ReadBuffer* current);
+    [[nodiscard]] u32 GetBuffer(i64 offset, u32 size, ReadBuffer* current);
 
     // Marks every buffer empty. To be called when bytes that were read may have changed in the
     // file; bytes appended behind the written data need no call.
@@ -67,7 +67,7 @@ class ReadCacheManager {
         platform::MemoryBuffer memory;  // kBufferSize bytes, to which `data` points
     };
 
-    bool Allocate(std::size_t count);
+    [[nodiscard]] bool Allocate(std::size_t count);
     // The index of the first entry at or behind `offset`.
     std::size_t LowerBound(i64 offset) const;
     // Null when no buffer holds all of the bytes.
@@ -75,7 +75,7 @@ class ReadCacheManager {
     // The index of the entry to refill: the caller's own, else an empty one, else the one that was
     // not used for the longest time.
     std::size_t ChooseVictim(const ReadBuffer& current) const;
-    u32 Fill(std::size_t index, i64 offset, u32 length, ReadBuffer* current);
+    [[nodiscard]] u32 Fill(std::size_t index, i64 offset, u32 length, ReadBuffer* current);
     u32 SeekTo(i64 offset);
     void Reorder(std::size_t index);
 

@@ -18,7 +18,7 @@ inline u32 TickCountMs() {
 
 // Writes how many ticks of the performance counter make a second. Returns false when the system has
 // no such counter; *ticksPerSecond is then unchanged.
-inline bool PerformanceFrequency(i64* ticksPerSecond) {
+[[nodiscard]] inline bool PerformanceFrequency(i64* ticksPerSecond) {
     return TheSystemCalls().performanceFrequency(ticksPerSecond);
 }
 // Ticks since some moment in the past; only differences mean something.

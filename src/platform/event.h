@@ -21,7 +21,7 @@ class AutoResetEvent {
 
     // Creates the event, which is not set at first.
     // REQUIRES: not created already.
-    bool Create();
+    [[nodiscard]] bool Create();
     bool IsCreated() const { return m_event != nullptr; }
     // Does nothing when the event was not created. Create may follow.
     // REQUIRES: no thread waits for the event.
@@ -30,7 +30,7 @@ class AutoResetEvent {
     // Both may be called from any thread, and fail with kInvalidHandle when the event was not
     // created. Wait waits at most `timeoutMs` milliseconds, or kWaitForever. On POSIX systems it is
     // also where a thread of ours is ended from outside: it then throws (see thread.h).
-    bool Set();
+    [[nodiscard]] bool Set();
     WaitResult Wait(u32 timeoutMs);
 
   private:

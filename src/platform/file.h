@@ -24,7 +24,7 @@ class File {
     File& operator=(const File&) = delete;
 
     // Opens `path` and closes what was open before. On failure this object is as it was.
-    bool Open(const char* path, const FileOpenRequest& request);
+    [[nodiscard]] bool Open(const char* path, const FileOpenRequest& request);
     bool IsOpen() const { return m_file != kInvalidNativeFile; }
     // Closes the file if it is open, and frees its lock. A close that fails is not repeated and not
     // reported: the handle is gone either way.
@@ -32,36 +32,36 @@ class File {
 
     // Reads up to `size` bytes at the file pointer. *got receives the bytes read, fewer than
     // `size` only at the end of the file; on failure, those read before it.
-    bool Read(void* buffer, u32 size, u32* got);
+    [[nodiscard]] bool Read(void* buffer, u32 size, u32* got);
     // Writes `size` bytes at the file pointer. *put receives the bytes written; fewer than `size`
     // only together with a failure.
-    bool Write(const void* data, u32 size, u32* put);
+    [[nodiscard]] bool Write(const void* data, u32 size, u32* put);
 
-    bool Seek(i64 position);  // from the beginning of the file
+    [[nodiscard]] bool Seek(i64 position);  // from the beginning of the file
     bool Tell(i64* position);
     // Cuts the file, or extends it with zeros. Afterwards the pointer may stand anywhere.
-    bool SetEnd(i64 size);
+    [[nodiscard]] bool SetEnd(i64 size);
     bool GetSize(i64* size) const;
     // Returns when everything written and the size of the file are on the disk. After a failure the
     // system may have dropped what it could not write: write it again before the next call.
-    bool FlushToDisk();
+    [[nodiscard]] bool FlushToDisk();
     // Lets the disk begin with bytes that a later FlushToDisk must wait for anyway. Only a hint:
     // nothing is certain before FlushToDisk, which also reports what failed here.
     void StartFlush(i64 position, i64 size);
 
     // Gives this file the owner, as far as the process may, and the permissions of the file `path`.
     // Does nothing on Windows, where a file has its rights from its folder.
-    bool TakeOwnerAndMode(const char* path);
+    [[nodiscard]] bool TakeOwnerAndMode(const char* path);
 
     // Takes the writer's lock (file_lock.h) without waiting. The lock is held until the file is
     // closed here, or until the process and all children that it has forked meanwhile have ended. A
     // child's copy of this object frees nothing.
     // REQUIRES: the file is open for writing and not locked.
-    LockResult TryLock();
+    [[nodiscard]] LockResult TryLock();
     bool IsLocked() const { return m_lockedBy != kNoProcess; }
 
     // Writes which file this is, whatever its names are.
-    bool GetIdentity(FileIdentity* identity) const;
+    [[nodiscard]] bool GetIdentity(FileIdentity* identity) const;
 
     // The system's handle, for log lines only.
     const void* Native() const { return reinterpret_cast<const void*>(m_file); }

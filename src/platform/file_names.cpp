@@ -67,17 +67,18 @@ bool CopyToNewFile(const std::string& from, const std::string& copy) {
 
 bool MoveAcrossVolumes(const std::string& from, const std::string& to) {
     const std::string copy = to + ".moving";
-    RemoveFile(copy);  // a crash in an earlier move may have left one
+    // Dropped: a crash in an earlier move may have left one. If it stays, the copy below fails.
+    (void)RemoveFile(copy);
     if (!CopyToNewFile(from, copy) || !Rename(copy, to)) {
         const SystemError cause = LastSystemError();
-        RemoveFile(copy);
+        (void)RemoveFile(copy);  // dropped: the next move removes it
         SetLastSystemError(cause);
         return false;
     }
     if (!FlushParentDirectory(to) && !LastSystemErrorIs(SystemErrorKind::kAccessDenied)) {
         return false;
     }
-    RemoveFile(from);  // the move is done, even if the source cannot be deleted
+    (void)RemoveFile(from);  // dropped: the move is done, even if the source cannot be deleted
     return true;
 }
 

@@ -20,24 +20,24 @@ bool IsPathSeparator(char c);
 bool SameName(const std::string& one, const std::string& other);
 
 // Deletes the file `path`; fails with kNotFound when there is none.
-bool RemoveFile(const std::string& path);
+[[nodiscard]] bool RemoveFile(const std::string& path);
 
 // Gives `from` the name `to`, replacing a file that stands there. Across volumes it copies to a new
 // file beside `to`, flushes that, renames it, flushes the directory if the process may read it, and
 // deletes `from`; `to` is whole at any time. Within one volume the caller flushes the directory.
-bool MoveFileReplacing(const std::string& from, const std::string& to);
+[[nodiscard]] bool MoveFileReplacing(const std::string& from, const std::string& to);
 
 // Gives the file `existing` one more name; `name` must be free. kNotSupported where the system or
 // the file system has no hard links.
-bool LinkFile(const std::string& existing, const std::string& name);
+[[nodiscard]] bool LinkFile(const std::string& existing, const std::string& name);
 
 // Makes every missing directory on the way to the file `path`, the outermost first. Existing ones
 // are no error; true also when `path` has no directory part. Flushes the directory of each new one,
 // if the process may read that.
-bool MakeParentDirectories(const std::string& path);
+[[nodiscard]] bool MakeParentDirectories(const std::string& path);
 
 // The identity of the file or folder that `path` leads to, links followed.
-bool GetIdentity(const std::string& path, FileIdentity* identity);
+[[nodiscard]] bool GetIdentity(const std::string& path, FileIdentity* identity);
 
 // True when a file that is open may be renamed, or have its name taken over by another file: on
 // POSIX systems. A lock can then stay with a file while its name changes.
@@ -46,7 +46,7 @@ extern const bool kOpenFilesCanBeRenamed;
 // Makes a change of names in the directory of `path` durable: the creation, renaming or deletion of
 // that file. Fails with kAccessDenied when the process may not read the directory. Does nothing on
 // Windows.
-bool FlushParentDirectory(const std::string& path);
+[[nodiscard]] bool FlushParentDirectory(const std::string& path);
 
 // Returns the path that opening `path` leads to: the target where `path` is a symbolic link, else
 // `path`. On Windows always `path`.

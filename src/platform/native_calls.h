@@ -12,29 +12,29 @@ namespace k9erepl::platform::native {
 
 // Open files: files.cpp.
 NativeFile FileOpen(const char* path, const FileOpenRequest& request);
-bool FileClose(NativeFile file);
+[[nodiscard]] bool FileClose(NativeFile file);
 i64 FileRead(NativeFile file, void* buffer, u32 size);
 i64 FileWrite(NativeFile file, const void* data, u32 size);
 i64 FileSeek(NativeFile file, i64 position);
 i64 FileTell(NativeFile file);
-bool FileSetEnd(NativeFile file, i64 size);
+[[nodiscard]] bool FileSetEnd(NativeFile file, i64 size);
 i64 FileSize(NativeFile file);
-bool FileFlush(NativeFile file);
+[[nodiscard]] bool FileFlush(NativeFile file);
 void FileStartFlush(NativeFile file, i64 position, i64 size);
-bool FileTakeOwnerAndMode(NativeFile file, const char* from);
+[[nodiscard]] bool FileTakeOwnerAndMode(NativeFile file, const char* from);
 
 // The writer's lock and the identity of files: file_locks.cpp.
-bool FileLock(NativeFile file);
+[[nodiscard]] bool FileLock(NativeFile file);
 bool FileUnlock(NativeFile file);
-bool FileIdentify(NativeFile file, FileIdentity* identity);
+[[nodiscard]] bool FileIdentify(NativeFile file, FileIdentity* identity);
 bool NameIdentify(const char* path, FileIdentity* identity);
 
 // File names: names.cpp.
-bool NameRename(const char* from, const char* to);
+[[nodiscard]] bool NameRename(const char* from, const char* to);
 bool NameLink(const char* existing, const char* name);
-bool NameRemove(const char* path);
+[[nodiscard]] bool NameRemove(const char* path);
 bool NameMakeDirectory(const char* path);
-bool NameFlushDirectory(const char* path);
+[[nodiscard]] bool NameFlushDirectory(const char* path);
 
 // The C heap: memory.cpp.
 void* MemoryAlloc(std::size_t size);
@@ -43,20 +43,20 @@ void MemoryFree(void* memory);
 // Auto-reset events: events.cpp.
 void* EventCreate();
 void EventDestroy(void* event);
-bool EventSet(void* event);
+[[nodiscard]] bool EventSet(void* event);
 WaitResult EventWait(void* event, u32 timeoutMs);
 
 // Threads: threads.cpp.
 void* ThreadCreate(ThreadBody body, void* argument);
-bool ThreadSetAffinity(void* thread, u64 mask);
+[[nodiscard]] bool ThreadSetAffinity(void* thread, u64 mask);
 bool ThreadResume(void* thread);
-WaitResult ThreadJoin(void* thread, u32 timeoutMs);
+[[nodiscard]] WaitResult ThreadJoin(void* thread, u32 timeoutMs);
 bool ThreadTerminate(void* thread, u32 exitCode);
 void ThreadDestroy(void* thread);
 
 // Clocks: clocks.cpp.
 u32 ClockTickCount();
-bool ClockPerformanceFrequency(i64* ticksPerSecond);
+[[nodiscard]] bool ClockPerformanceFrequency(i64* ticksPerSecond);
 i64 ClockPerformanceCounter();
 u64 ClockTimeStampCounter();
 

@@ -38,7 +38,7 @@ inline u32 ForkGeneration() {
 }
 // Makes ForkGeneration count forks from now on. May be called any number of times. Returns false
 // when the system has no memory for that.
-bool WatchForks();
+[[nodiscard]] bool WatchForks();
 
 // Tells the user: a modal box on Windows, one line "caption: text" on standard error on POSIX.
 void ShowMessageBox(const char* text, const char* caption);

@@ -25,24 +25,24 @@ class Thread {
     // termination on POSIX unwinds the stack of a waiting thread. `argument` must outlive the
     // thread.
     // REQUIRES: not created, or the former thread is gone.
-    bool Create(ThreadBody body, void* argument);
+    [[nodiscard]] bool Create(ThreadBody body, void* argument);
     bool IsCreated() const { return m_thread != nullptr; }
 
     // Binds the thread to processors: bit n of `mask` stands for processor n. Fails when the system
     // knows none of them.
-    bool SetAffinity(u64 mask);
+    [[nodiscard]] bool SetAffinity(u64 mask);
     // Lets the thread run its body.
-    bool Resume();
+    [[nodiscard]] bool Resume();
 
     // Waits at most `timeoutMs` milliseconds, or kWaitForever, until the thread has ended. After
     // kSignalled the thread is gone, and Create may follow.
-    WaitResult Join(u32 timeoutMs);
+    [[nodiscard]] WaitResult Join(u32 timeoutMs);
 
     // Ends the thread from outside and waits at most 2 seconds for its end. Windows stops it at
     // once, wherever it is in its body; on POSIX it ends when it next waits for an event. Returns
     // false when it still runs: whatever it uses must then stay allocated. Also ends a thread that
     // was never resumed. Only Windows keeps `exitCode`.
-    bool Terminate(u32 exitCode);
+    [[nodiscard]] bool Terminate(u32 exitCode);
 
     // Gives up a thread that could not be terminated: it runs on by itself.
     void Detach();

@@ -30,9 +30,9 @@ class TrackedFile {
 
     // Moves the pointer, without a system call if it stands there already. A failure leaves
     // Position() as it was.
-    bool Seek(i64 position) { return m_position == position || MoveTo(position); }
+    [[nodiscard]] bool Seek(i64 position) { return m_position == position || MoveTo(position); }
     // As File::Read, at the pointer, which moves on by *got. REQUIRES: Position() is known.
-    bool Read(void* buffer, u32 size, u32* got);
+    [[nodiscard]] bool Read(void* buffer, u32 size, u32* got);
 
     // Makes the next Seek ask the system, wherever it goes.
     void Forget() { m_position = kUnknownPosition; }
@@ -43,7 +43,7 @@ class TrackedFile {
     const File& Raw() const { return m_file; }
 
   private:
-    bool MoveTo(i64 position);
+    [[nodiscard]] bool MoveTo(i64 position);
 
     File m_file;
     // Where the pointer stands, or kUnknownPosition.

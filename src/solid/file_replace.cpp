@@ -82,7 +82,7 @@ void DeleteBackupIndex(const std::string& path) {
                     path.c_str());
         return;
     }
-    platform::RemoveFile(path);
+    (void)platform::RemoveFile(path);  // dropped: mostly there is none
 }
 
 bool LinkBackup(const SqueezeNames& names) {

@@ -265,7 +265,7 @@ u32 CreateStorageFile(const char* connStr, u32 flags, IndexRemover removeIndex) 
         return rc;
     }
     // Dropped: if a directory could not be made, opening the file fails and says so.
-    platform::MakeParentDirectories(path);
+    (void)platform::MakeParentDirectories(path);
     const std::string target = platform::FollowLink(path);
     File file;
     bool existed = false;
@@ -297,8 +297,8 @@ u32 DeleteStorageFile(const char* connStr) {
                        path.c_str());
         return RC_SYSTEM_ERROR;
     }
-    // The file is gone for this process in any case; a crash may bring its name back.
-    FlushNamesBeside(path);
+    // Dropped: the file is gone for this process in any case; a crash may bring its name back.
+    (void)FlushNamesBeside(path);
     return RC_OK;
 }
 

@@ -95,7 +95,8 @@ enum class Occupied { kFree, kSameBytes, kOtherBytes };
 
 [[nodiscard]] u32 CopyUnder(const std::string& name, const std::string& storagePath, Tail& tail) {
     const std::string temporaryName = storagePath + ".damaged-tail.temporary";
-    platform::RemoveFile(temporaryName);  // left by a process that ended half-way
+    // Dropped: a process that ended half-way may have left one. If it stays, Create fails.
+    (void)platform::RemoveFile(temporaryName);
     TemporaryFile temporary(temporaryName);
     if (u32 rc = temporary.Create(storagePath); rc != RC_OK) {
         return rc;

@@ -11,7 +11,7 @@ namespace k9erepl {
 // cannot be flushed. Work must go on there all the same, so that case is logged as a warning and
 // answered with true; the names reach the disk when the system writes them by itself. Returns
 // false, with LastSystemError(), when flushing failed for another reason.
-bool FlushNamesBeside(const std::string& path);
+[[nodiscard]] bool FlushNamesBeside(const std::string& path);
 
 }  // namespace k9erepl
 

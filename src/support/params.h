@@ -30,9 +30,9 @@ void GetParam(const char* connStr, const char* key, std::string& out);
 // Reads the value as a number: optional blanks and sign, then digits. What follows is ignored, no
 // digits give 0, and a number outside 32 bits becomes the nearest 32-bit limit. Returns false, with
 // *out unchanged, when the value is absent or empty.
-bool GetParamInt(const char* connStr, const char* key, i32* out);
+[[nodiscard]] bool GetParamInt(const char* connStr, const char* key, i32* out);
 // The same for a value that is never negative: limits 0 and 2^32 - 1.
-bool GetParamUInt(const char* connStr, const char* key, u32* out);
+[[nodiscard]] bool GetParamUInt(const char* connStr, const char* key, u32* out);
 
 // Convert a text in the way of GetParamInt and GetParamUInt.
 i32 ToInt(const char* text);

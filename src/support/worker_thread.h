@@ -26,11 +26,11 @@ class WorkerThread {
     // as Thread::Create asks. `argument` must outlive the thread.
     // Errors: RC_NO_MEMORY, RC_SYSTEM_ERROR; the owner then calls CallOff next.
     // REQUIRES: !IsThere().
-    u32 Start(platform::ThreadBody body, void* argument, u32 affinity);
+    [[nodiscard]] u32 Start(platform::ThreadBody body, void* argument, u32 affinity);
 
     // Takes back a start that failed. Returns false when there is a thread that has not run and
     // never will, but cannot be ended: the owner then calls LetGo. REQUIRES: Start failed.
-    bool CallOff();
+    [[nodiscard]] bool CallOff();
 
     // Tells whether a thread was started and has neither been ended nor let go.
     bool IsThere() const { return m_record != nullptr; }
@@ -43,7 +43,7 @@ class WorkerThread {
     // whatever it uses must stay allocated, and the owner calls LetGo next.
     // REQUIRES: IsThere(); the caller is not the thread itself.
     template <typename TellOverdue>
-    u32 End(u32 timeoutMs, TellOverdue tellOverdue);
+    [[nodiscard]] u32 End(u32 timeoutMs, TellOverdue tellOverdue);
 
     // Gives up a thread that cannot be ended or joined. It may run on for ever.
     // REQUIRES: IsThere().
@@ -55,9 +55,9 @@ class WorkerThread {
 
   private:
     // The result code for a wait that did not see the thread's end.
-    static u32 CodeOf(platform::WaitResult failedWait);
+    [[nodiscard]] static u32 CodeOf(platform::WaitResult failedWait);
     // Returns false when the thread still runs.
-    bool Terminate();
+    [[nodiscard]] bool Terminate();
 
     // Null while there is no thread.
     std::unique_ptr<platform::Thread, ParserMemoryDeleter> m_record;

@@ -28,7 +28,7 @@ struct AsyncPiece {
 
 // Lowers the count of queued writes for a piece that is in the file; null does nothing. Returns
 // true when that was the block's last queued write.
-inline bool ReleasePiece(std::atomic<i32>* pendingWrites) {
+[[nodiscard]] inline bool ReleasePiece(std::atomic<i32>* pendingWrites) {
     return pendingWrites != nullptr && pendingWrites->fetch_sub(1, std::memory_order_acq_rel) == 1;
 }
 
@@ -45,7 +45,7 @@ class AsyncBuffer {
 
     // Allocates a buffer that does not fit into the object. To be called once, before the first
     // Place. Returns false when there is no memory.
-    bool Init();
+    [[nodiscard]] bool Init();
 
     u32 Capacity() const { return m_capacity; }
     u32 Size() const { return m_size; }

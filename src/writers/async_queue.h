@@ -52,7 +52,7 @@ struct CAsyncQueueElem {
 
 // Returns RC_INVALID_ARG for an element that lacks what its type needs, and for an unknown type;
 // the latter is logged here.
-u32 CheckElem(const CAsyncQueueElem& elem);
+[[nodiscard]] u32 CheckElem(const CAsyncQueueElem& elem);
 
 // A chain of elements, first in, first out. It does not delete its elements: whoever holds the
 // chain hands them on or calls DeleteAll. No lock of its own.
@@ -95,7 +95,7 @@ class AsyncQueue {
 
     // Makes the event that wakes the thread. To be called once, before anything else. Returns
     // false, with LastSystemError(), when the system has none.
-    bool Init() { return m_newTask.Create(); }
+    [[nodiscard]] bool Init() { return m_newTask.Create(); }
 
     // --- For the client
     // Returns an element with all fields at their defaults; null when there is no memory.
@@ -104,7 +104,7 @@ class AsyncQueue {
     void GiveBack(CAsyncQueueElem* elem) { m_clientFree.Append(elem); }
     // Appends the element and wakes the thread. Returns false when the queue was closed; the
     // element is then still the client's.
-    bool Push(CAsyncQueueElem* elem);
+    [[nodiscard]] bool Push(CAsyncQueueElem* elem);
     // Wakes the thread, which then looks for work even if nothing was pushed.
     void Wake() { m_wakeFailed = !m_newTask.Set(); }
 

@@ -48,54 +48,55 @@ class AsyncStorageWriter final : public StorageWriter {
     // Errors: RC_NO_WRITER, RC_INVALID_ARG, RC_NO_MEMORY, the sticky code. After one, either
     // nothing was queued, or the data but not its commit block; the pending-write count then covers
     // the data.
-    u32 Write(u8* data, u32 size, TCommitBlock* commitBlock, K9eReplBlock* memoryBlock,
-              i64 lastRevision, std::atomic<i64>* filePosition) override;
-    u32 BeginTransaction() override;
+    [[nodiscard]] u32 Write(u8* data, u32 size, TCommitBlock* commitBlock,
+                            K9eReplBlock* memoryBlock, i64 lastRevision,
+                            std::atomic<i64>* filePosition) override;
+    [[nodiscard]] u32 BeginTransaction() override;
     // Both wait at most 60 s. Errors: RC_TIMEOUT, RC_SYSTEM_ERROR, the sticky code; from
     // CompleteAsyncTasks also RC_NO_MEMORY.
-    u32 CompleteAsyncTasks() override;
+    [[nodiscard]] u32 CompleteAsyncTasks() override;
     u32 WaitReleaseBlock() override;
     // Waits as CompleteAsyncTasks does. A wait that fails makes its code sticky: otherwise what is
     // queued would still be written in spite of the rollback.
-    u32 Rollback() override;
+    [[nodiscard]] u32 Rollback() override;
     // Waits as CompleteAsyncTasks does, but only when something was undone.
-    u32 ClearUndone() override;
+    [[nodiscard]] u32 ClearUndone() override;
     // Does nothing: only Shutdown forces the file to the disk.
-    u32 FlushFile() override { return RC_OK; }
+    [[nodiscard]] u32 FlushFile() override { return RC_OK; }
 
     // Writes what is queued, ends the thread, for which it waits at most 60 s, and with force_flush
     // forces the file to the disk; a failure of that is only logged. Returns false when the thread
     // could not be ended: this object, the file's state and the memory blocks must then stay where
     // they are.
-    bool Shutdown() override;
+    [[nodiscard]] bool Shutdown() override;
     bool MayStillWrite() const override;
     bool IsOnOwnThread() const override;
-    bool LeaveToParent() override;
+    [[nodiscard]] bool LeaveToParent() override;
 
   private:
     // --- The client's side: called under the storage's lock
-    u32 StartThread(u32 affinity);
+    [[nodiscard]] u32 StartThread(u32 affinity);
     u32 PushToAsyncQueue(const CAsyncQueueElem& work);
-    u32 PushPiece(const CAsyncQueueElem& piece);
+    [[nodiscard]] u32 PushPiece(const CAsyncQueueElem& piece);
     void PushStop();
-    u32 CopyCommitBlock(CAsyncQueueElem* elem);
+    [[nodiscard]] u32 CopyCommitBlock(CAsyncQueueElem* elem);
     u32 WaitFor(platform::AutoResetEvent& event, u32 beganMs);
     u32 StickyError() const { return m_stickyError.load(std::memory_order_acquire); }
 
     // --- The writing thread's side. `last`: nothing more of this batch follows, so what is
     // buffered is written out. `place` tells the calls of one function apart in the log.
     static u32 ThreadBody(void* writer);
-    u32 Run();
+    [[nodiscard]] u32 Run();
     u32 ProcessBatch(AsyncElems& batch);
-    u32 ProcessElem(const CAsyncQueueElem& elem, bool last);
+    [[nodiscard]] u32 ProcessElem(const CAsyncQueueElem& elem, bool last);
     u32 BufferedWrite(const CAsyncQueueElem& elem, bool last);
-    u32 WriteDirectly(const CAsyncQueueElem& elem, const char* place);
+    [[nodiscard]] u32 WriteDirectly(const CAsyncQueueElem& elem, const char* place);
     u32 Place(const CAsyncQueueElem& elem, const char* place);
-    u32 WriteOut(const char* place);
+    [[nodiscard]] u32 WriteOut(const char* place);
     u32 WriteOutBuffer();
-    u32 SetComplete();
+    [[nodiscard]] u32 SetComplete();
     u32 SetReleased(const char* place);
-    u32 BeginTransactionAt(i64 lastFlushedRev);
+    [[nodiscard]] u32 BeginTransactionAt(i64 lastFlushedRev);
     u32 Notify(i64 commitRev);
     void FreeCommitCopy(const CAsyncQueueElem& elem);
     void Fail(u32 rc);

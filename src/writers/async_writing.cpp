@@ -236,8 +236,9 @@ void AsyncStorageWriter::Fail(u32 rc) {
         done.Append(elem);
     }
     m_queue.Recycle(done);
-    m_completeEvent.Set();
-    m_releaseEvent.Set();
+    // Dropped: whoever waits asks for m_stickyError when its wait runs out.
+    (void)m_completeEvent.Set();
+    (void)m_releaseEvent.Set();
 }
 
 }  // namespace k9erepl

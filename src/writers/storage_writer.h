@@ -47,40 +47,41 @@ class StorageWriter {
     // `lastRevision` is only logged. `filePosition` may be null; if it holds kUnknownOffset, it
     // receives the file offset at which `data` begins.
     // A failure leaves the write position and *filePosition as they were.
-    virtual u32 Write(u8* data, u32 size, TCommitBlock* commitBlock, K9eReplBlock* memoryBlock,
-                      i64 lastRevision, std::atomic<i64>* filePosition) = 0;
+    [[nodiscard]] virtual u32 Write(u8* data, u32 size, TCommitBlock* commitBlock,
+                                    K9eReplBlock* memoryBlock, i64 lastRevision,
+                                    std::atomic<i64>* filePosition) = 0;
 
     // CompleteAsyncTasks waits until everything queued is written, WaitReleaseBlock until some
     // block has no queued write any more. Unless the writer is asynchronous nothing is ever queued,
     // and both return at once.
-    virtual u32 CompleteAsyncTasks() { return RC_OK; }
+    [[nodiscard]] virtual u32 CompleteAsyncTasks() { return RC_OK; }
     virtual u32 WaitReleaseBlock() { return RC_OK; }
 
     // Remembers the write position, the last commit sequence and the last flushed revision.
-    virtual u32 BeginTransaction() = 0;
+    [[nodiscard]] virtual u32 BeginTransaction() = 0;
     // Goes back to what BeginTransaction remembered: the next write overwrites the transaction,
     // and its commit block links to the one before the transaction. Does nothing when no
     // transaction was begun since the last SetWritePos. RC_SYSTEM_ERROR says that the file
     // pointer could not be moved; everything else has gone back, and the next write moves the
     // pointer.
-    virtual u32 Rollback() = 0;
+    [[nodiscard]] virtual u32 Rollback() = 0;
 
     // Zeroes what a rollback or a failed write has left behind the write position. What a load
     // found there stays until the first write. Does nothing when nothing was undone, nor when the
     // writing thread has failed: then what lies there may have been acknowledged. After a failure,
     // which is logged, the next write tries again. Must not be called inside a transaction that has
     // written something.
-    virtual u32 ClearUndone() = 0;
+    [[nodiscard]] virtual u32 ClearUndone() = 0;
 
     // With the setting force_flush: returns when everything written is on the disk. Without it,
     // does nothing. After a failure the system may have dropped what it could not store: the caller
     // must roll back and write again before the next FlushFile.
-    virtual u32 FlushFile() = 0;
+    [[nodiscard]] virtual u32 FlushFile() = 0;
 
     // Ends the thread, if the writer has one. To be called before the destructor. Returns false
     // when that failed: this object, the state and the memory blocks must then stay allocated for
     // ever.
-    virtual bool Shutdown() { return true; }
+    [[nodiscard]] virtual bool Shutdown() { return true; }
     // Tells whether something that was queued may still be written although an operation failed.
     virtual bool MayStillWrite() const { return false; }
 
@@ -89,7 +90,7 @@ class StorageWriter {
     // To be called in a forked child, where nothing of this may be used any more: closes the file.
     // Returns false when the parent has a thread that may have been changing this object and the
     // state at the fork: both must then stay allocated.
-    virtual bool LeaveToParent() {
+    [[nodiscard]] virtual bool LeaveToParent() {
         m_file.Close();
         return true;
     }
@@ -98,10 +99,10 @@ class StorageWriter {
     // file pointer is moved at once, and nothing changes when that fails; otherwise the next write
     // moves it. `tailAbandoned` says that bytes behind the position may look like items of the
     // file.
-    u32 SetWritePos(i64 position, bool doSeek, bool tailAbandoned = false);
+    [[nodiscard]] u32 SetWritePos(i64 position, bool doSeek, bool tailAbandoned = false);
     // Opens another file in place of the present one, which stays open when that fails. The new
     // file's bytes beyond the write position must be zeros.
-    u32 ReopenFile(const std::string& path, bool writeThrough);
+    [[nodiscard]] u32 ReopenFile(const std::string& path, bool writeThrough);
     void CloseFile() { m_file.Close(); }
     // The writer's handle, for operations on the file as a whole, which may move its pointer.
     // REQUIRES: nothing is queued.
@@ -113,7 +114,7 @@ class StorageWriter {
     // Makes `file`, a storage file, end at `dataSize` bytes, but not before the size of a new file,
     // 1064: an earlier version could not load a shorter one after a crash. In that case it writes
     // zeros between the two. Moves the pointer. Returns false, with LastSystemError(), on failure.
-    static bool CutFile(platform::File& file, i64 dataSize);
+    [[nodiscard]] static bool CutFile(platform::File& file, i64 dataSize);
 
     // The end of the written data: the file offset of the next write. From any thread.
     i64 WritePos() const { return m_fileCurrWritePos.load(std::memory_order_acquire); }
@@ -121,17 +122,17 @@ class StorageWriter {
   protected:
     // Writes at once: sets the clear revision, prepares the file, links the commit block, writes
     // and calls onWritten.
-    u32 WriteNow(u8* data, u32 size, TCommitBlock* commitBlock, i64 lastRevision,
-                 std::atomic<i64>* filePosition);
+    [[nodiscard]] u32 WriteNow(u8* data, u32 size, TCommitBlock* commitBlock, i64 lastRevision,
+                               std::atomic<i64>* filePosition);
     // The same without the clear revision, the barrier and the notification.
-    u32 WritePiece(u8* data, u32 size, TCommitBlock* commitBlock, i64 lastRevision,
-                   std::atomic<i64>* filePosition) {
+    [[nodiscard]] u32 WritePiece(u8* data, u32 size, TCommitBlock* commitBlock, i64 lastRevision,
+                                 std::atomic<i64>* filePosition) {
         return WritePiece(data, size, commitBlock, lastRevision, filePosition, false);
     }
     // Makes Rollback go back to `position`, `lastFlushedRev` and the present sequence.
-    u32 RememberTransactionStart(i64 position, i64 lastFlushedRev);
+    [[nodiscard]] u32 RememberTransactionStart(i64 position, i64 lastFlushedRev);
     u32 RollbackNow();
-    u32 ClearUndoneNow();
+    [[nodiscard]] u32 ClearUndoneNow();
     u32 FlushNow();
 
     // Tells whether ClearUndone has something to do; asked by any thread.
@@ -140,13 +141,13 @@ class StorageWriter {
     // The steps of WriteNow. PrepareWrite makes the file ready to take `size` bytes at the write
     // position: it clears an abandoned tail, grows the file by one step when the bytes would pass
     // its recorded size, and puts the file pointer in place.
-    u32 PrepareWrite(u32 size);
+    [[nodiscard]] u32 PrepareWrite(u32 size);
     // Gives the commit block the clear revision that is in force now.
     void SetClearRev(TCommitBlock& commitBlock) const;
     // Gives the commit block the sequence of the one before it.
     void Link(TCommitBlock& commitBlock) const;
     // Writes at the file pointer and advances the write position.
-    u32 WriteBytes(const void* data, u32 size);
+    [[nodiscard]] u32 WriteBytes(const void* data, u32 size);
 
     StorageFileState& m_state;
     platform::File m_file;
@@ -169,14 +170,14 @@ class StorageWriter {
         u32 lastCommitSequence;
     };
 
-    u32 WritePiece(u8* data, u32 size, TCommitBlock* commitBlock, i64 lastRevision,
-                   std::atomic<i64>* filePosition, bool barrier);
-    u32 WriteBehindBarrier(const u8* data, u32 size);
+    [[nodiscard]] u32 WritePiece(u8* data, u32 size, TCommitBlock* commitBlock, i64 lastRevision,
+                                 std::atomic<i64>* filePosition, bool barrier);
+    [[nodiscard]] u32 WriteBehindBarrier(const u8* data, u32 size);
     u32 ForceToDisk();
     void RaiseTail(Tail tail);
-    u32 ClearAbandonedTail();
+    [[nodiscard]] u32 ClearAbandonedTail();
     bool ZeroTail(i64 position);
-    u32 SeekToWritePos();
+    [[nodiscard]] u32 SeekToWritePos();
     u32 ExpandFile();
 
     const i64 m_growthStep;                        // setting file_size_delta in bytes; 0: none

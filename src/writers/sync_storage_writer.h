@@ -17,11 +17,12 @@ class SyncStorageWriter final : public StorageWriter {
   public:
     using StorageWriter::StorageWriter;
 
-    u32 Write(u8* data, u32 size, TCommitBlock* commitBlock, K9eReplBlock* memoryBlock,
-              i64 lastRevision, std::atomic<i64>* filePosition) override;
-    u32 BeginTransaction() override;
+    [[nodiscard]] u32 Write(u8* data, u32 size, TCommitBlock* commitBlock,
+                            K9eReplBlock* memoryBlock, i64 lastRevision,
+                            std::atomic<i64>* filePosition) override;
+    [[nodiscard]] u32 BeginTransaction() override;
     u32 Rollback() override;
-    u32 ClearUndone() override;
+    [[nodiscard]] u32 ClearUndone() override;
     u32 FlushFile() override;
 };
 

@@ -72,7 +72,7 @@ void MoveBackupBackIfToldTo(const TestStorage& storage, const LogCapture& log) {
     if (!Exists(storage.Path())) {
         const std::string where = "; storage data is in file: '" + BackupPath(storage) + "'";
         EXPECT_EQ(log.CountContaining(where), 1U) << log;
-        platform::MoveFileReplacing(BackupPath(storage), storage.Path());
+        EXPECT_TRUE(platform::MoveFileReplacing(BackupPath(storage), storage.Path()));
     }
 }
 

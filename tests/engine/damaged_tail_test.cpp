@@ -26,7 +26,7 @@ class StorageWithDamage : public ::testing::Test {
         const std::string text(bytes.begin(), bytes.end());
         PatchBytes(m_storage.Path(), static_cast<i64>(text.find("r3") - kRecordHeadSize),
                    std::vector<u8>{0x55});
-        platform::RemoveFile(IndexPath(m_storage));
+        EXPECT_TRUE(platform::RemoveFile(IndexPath(m_storage)));
     }
     std::string Copy(const std::string& number = "") const {
         return m_storage.Path() + ".damaged-tail" + number;
@@ -80,7 +80,7 @@ TEST_F(StorageWithDamage, ThatIsOnlyReadReportsAndWritesNothing) {
 
 TEST_F(StorageWithDamage, MayBeClearedOnceTheCopyIsThere) {
     for (const u32 mode : {0U, 1U, 2U}) {
-        platform::RemoveFile(Copy());
+        (void)platform::RemoveFile(Copy());  // dropped: there may be none
         FailRename(1);
         ASSERT_EQ(m_storage.TryOpenAndLoad(), RC_OK);
         ASSERT_FALSE(Exists(Copy()));
@@ -96,7 +96,7 @@ TEST_F(StorageWithDamage, MayBeClearedOnceTheCopyIsThere) {
 
 TEST_F(StorageWithDamage, IsNotOneWhoseTransactionWasRolledBack) {
     SKIP_WHEN_ASYNC("a failed write is reported by the flush that made it");
-    platform::RemoveFile(m_storage.Path());
+    EXPECT_TRUE(platform::RemoveFile(m_storage.Path()));
     ASSERT_EQ(m_storage.TryCreate(), RC_OK);
     m_storage.Use(std::string(kEachCommit) + "force_flush=yes;");
     ASSERT_EQ(m_storage.TryOpenAndLoad(), RC_OK);

@@ -226,7 +226,7 @@ class LoadFailureOfCall : public LoadFailure, public ::testing::WithParamInterfa
         bool failed = true;
         while (failed && !HasFailure()) {
             if (!withIndex) {
-                platform::RemoveFile(IndexPath(m_storage));
+                (void)platform::RemoveFile(IndexPath(m_storage));  // dropped: there may be none
             }
             failed = LoadWithFailure(++nth);
         }

@@ -145,7 +145,7 @@ class RandomLife {
     void LoseTheIndexAtTimes() {
         const u32 dice = Below(6);
         if (dice == 0) {
-            platform::RemoveFile(IndexPath(m_storage));
+            EXPECT_TRUE(platform::RemoveFile(IndexPath(m_storage)));
         } else if (dice == 1) {
             ResizeFile(IndexPath(m_storage), FileSize(IndexPath(m_storage)) / 2);
         }

@@ -68,7 +68,7 @@ void CompareItems(const std::string& text) {
         Expect(GetParamInt(text.c_str(), key, &number) == !value.empty(), "a number is there");
         Expect(value.empty() || number == PlainNumber<i32>(value), "signed number");
         u32 positive = 0;
-        GetParamUInt(text.c_str(), key, &positive);
+        Expect(GetParamUInt(text.c_str(), key, &positive) == !value.empty(), "and unsigned, too");
         Expect(value.empty() || positive == PlainNumber<u32>(value), "unsigned number");
     }
 }

@@ -84,7 +84,7 @@ TEST_F(EventTest, EachSetLetsExactlyOneOfTwoWaitersPass) {
 }
 
 TEST_F(EventTest, CanBeCreatedAgainAfterClosing) {
-    m_event.Set();
+    EXPECT_TRUE(m_event.Set());
     m_event.Close();
     EXPECT_FALSE(m_event.IsCreated());
     ASSERT_TRUE(m_event.Create());

@@ -39,7 +39,7 @@ class FilesFixture : public ::testing::Test {
     static std::string Read(File& file, u32 size) {
         std::string text(size, '?');
         u32 got = 0;
-        file.Read(text.data(), size, &got);
+        (void)file.Read(text.data(), size, &got);  // dropped: some files refuse it
         text.resize(got);
         return text;
     }

@@ -90,7 +90,7 @@ TEST(ThreadTest, ADetachedThreadRunsOn) {
         [](void* argument) {
             auto& both = *static_cast<TwoEvents*>(argument);
             both.goOn.Wait(platform::kWaitForever);
-            both.gone.Set();
+            EXPECT_TRUE(both.gone.Set());
             return u32{0};
         },
         &events));

@@ -35,7 +35,7 @@ class Worker : public ::testing::Test {
         auto& self = *static_cast<Worker*>(worker);
         self.m_ran = true;
         self.m_goOn.Wait(platform::kWaitForever);
-        self.m_leaves.Set();
+        EXPECT_TRUE(self.m_leaves.Set());
         return 0;
     }
 
@@ -53,7 +53,7 @@ TEST_F(Worker, IsThereFromItsStartToItsEnd) {
     ASSERT_EQ(Start(1), RC_OK);
     EXPECT_TRUE(m_thread.IsThere());
     EXPECT_GT(K9SysParserMemInUse(), m_parserMemory);
-    m_goOn.Set();
+    EXPECT_TRUE(m_goOn.Set());
     EXPECT_EQ(End(kLongMs), RC_OK);
     EXPECT_TRUE(m_ran);
     EXPECT_EQ(m_told, std::nullopt);
@@ -63,7 +63,7 @@ TEST_F(Worker, IsThereFromItsStartToItsEnd) {
 
 TEST_F(Worker, IsLeftToTheSystemWithoutAffinity) {
     ASSERT_EQ(Start(0), RC_OK);
-    m_goOn.Set();
+    EXPECT_TRUE(m_goOn.Set());
     EXPECT_EQ(End(kLongMs), RC_OK);
     EXPECT_EQ(CallCount(SystemCall::kSetAffinity), 0U);
 }
@@ -115,17 +115,17 @@ TEST_F(Worker, ThatCannotBeTerminatedStaysUntilItIsLetGo) {
     EXPECT_TRUE(m_thread.MayStillRun());
     EXPECT_EQ(K9SysParserMemInUse(), m_parserMemory);
     // It runs on.
-    m_goOn.Set();
+    EXPECT_TRUE(m_goOn.Set());
     EXPECT_EQ(m_leaves.Wait(kLongMs), platform::WaitResult::kSignalled);
 }
 
 TEST_F(Worker, ThatWasLetGoMakesRoomForANewOne) {
     ASSERT_EQ(Start(), RC_OK);
     m_thread.LetGo();
-    m_goOn.Set();
+    EXPECT_TRUE(m_goOn.Set());
     ASSERT_EQ(m_leaves.Wait(kLongMs), platform::WaitResult::kSignalled);
     ASSERT_EQ(Start(), RC_OK);
-    m_goOn.Set();
+    EXPECT_TRUE(m_goOn.Set());
     EXPECT_EQ(End(kLongMs), RC_OK);
     EXPECT_FALSE(m_thread.MayStillRun());
 }

@@ -38,7 +38,7 @@ class Monitor {
 
     // Makes the monitor usable. To be called once. Returns false, with errno, when the system has
     // no more of them.
-    bool Init();
+    [[nodiscard]] bool Init();
 
     void lock();
     void unlock();
@@ -48,7 +48,7 @@ class Monitor {
     // Unlocks, waits for a NotifyAll and locks again. It may also return without one, so the caller
     // looks again at what it waits for. Returns false when the deadline has passed.
     // REQUIRES: locked by this thread.
-    bool WaitUntil(const Deadline& deadline);
+    [[nodiscard]] bool WaitUntil(const Deadline& deadline);
 
   private:
     bool m_ready = false;  // Init has succeeded: the two below exist

@@ -25,7 +25,7 @@ class InterruptibleWait {
 
     // Tells whether the calling thread has to leave by throwing ThreadTermination. Never true while
     // its stack is already being unwound: a destructor of the body may wait.
-    bool MustEnd() const;
+    [[nodiscard]] bool MustEnd() const;
 };
 
 }  // namespace k9erepl::platform::native

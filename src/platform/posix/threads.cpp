@@ -56,7 +56,7 @@ bool PassGate(ThreadRecord& record) {
     const Deadline never(kWaitForever);
     const std::lock_guard lock(record.monitor);
     while (!record.resumed && !record.mustEnd) {
-        record.monitor.WaitUntil(never);
+        (void)record.monitor.WaitUntil(never);  // dropped: the condition is asked again
     }
     return !record.mustEnd;
 }

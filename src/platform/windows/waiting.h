@@ -12,7 +12,7 @@ static_assert(kWaitForever == INFINITE);
 // Waits at most `timeoutMs` milliseconds, or kWaitForever, which the assertion above lets us pass
 // on as it is. An auto-reset event that lets the caller pass is no longer set. kFailed leaves the
 // cause in GetLastError.
-inline WaitResult WaitFor(HANDLE handle, u32 timeoutMs) {
+[[nodiscard]] inline WaitResult WaitFor(HANDLE handle, u32 timeoutMs) {
     switch (WaitForSingleObject(handle, timeoutMs)) {
         case WAIT_OBJECT_0:
             return WaitResult::kSignalled;
