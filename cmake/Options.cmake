@@ -19,6 +19,25 @@ if(CMAKE_SIZEOF_VOID_P EQUAL 4 AND NOT WIN32)
 endif()
 
 find_package(Threads REQUIRED)
+include(GNUInstallDirs)
+
+# The libraries' binary interface: the number in libK9eReplStorage.so.1. It rises when a program
+# that was linked with an older one would not run any more.
+set(K9EREPL_ABI_VERSION 1)
+
+# k9erepl_describe_library(<target> <name>): what both shared libraries have in common. Other
+# projects link <target> as k9erepl::<name>, taken in or installed. Wherever the installed folder is
+# moved to, a library finds the other one beside it.
+function(k9erepl_describe_library target name)
+    add_library(k9erepl::${name} ALIAS ${target})
+    set_target_properties(${target} PROPERTIES
+        EXPORT_NAME ${name}
+        VERSION ${K9EREPL_ABI_VERSION}
+        SOVERSION ${K9EREPL_ABI_VERSION})
+    if(NOT WIN32)
+        set_target_properties(${target} PROPERTIES INSTALL_RPATH "$ORIGIN")
+    endif()
+endfunction()
 
 # Warnings, sanitizers and coverage; every target of ours links it privately.
 add_library(k9erepl_options INTERFACE)

@@ -12,7 +12,7 @@ check_options "" "$@"
 
 tool_packages=(cmake ninja-build libcli11-dev libfmt-dev nlohmann-json3-dev)
 build_packages=("${tool_packages[@]}" g++)
-test_packages=("${build_packages[@]}" libgtest-dev libgmock-dev libbenchmark-dev)
+test_packages=("${build_packages[@]}" libgtest-dev libgmock-dev libbenchmark-dev pkgconf)
 
 packages_for() {
     case "$1" in
