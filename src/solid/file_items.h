@@ -3,6 +3,7 @@
 #ifndef K9EREPL_SOLID_FILE_ITEMS_H
 #define K9EREPL_SOLID_FILE_ITEMS_H
 
+#include <algorithm>
 #include <cassert>
 #include <limits>
 
@@ -46,14 +47,32 @@ class FileItems {
         return GetFromFile(size, bytes);
     }
 
-    // To be called for each record that is taken.
-    // Errors, logged: RC_BAD_DATA when its revision is not above that of the record before it.
-    [[nodiscard]] u32 CheckRises(i64 rev) {
+    // *bytes receives the bytes at the current offset that are there without reading, as far as the
+    // data goes. Returns their number; 0: none are, and *bytes is unchanged. They stay valid while
+    // HoldsStill() says so, and until the next Get.
+    u32 Held(const u8** bytes) const {
+        if (!Holds(0)) {
+            return 0;
+        }
+        *bytes = At(m_offset);
+        const i64 end = std::min(m_end, m_buffer.offset + i64{m_buffer.length});
+        return static_cast<u32>(std::max<i64>(end - m_offset, 0));
+    }
+    // To be called after a visit: false when the visitor has made the bytes in the buffer invalid.
+    bool HoldsStill() const { return m_generation == m_file.ReadGeneration(); }
+
+    // To be called for each record that is taken. False, with nothing changed, when its revision is
+    // not above that of the record before it.
+    bool TakeRising(i64 rev) {
         if (!Rises(rev, m_prevRev)) [[unlikely]] {
-            return DoesNotRise(rev);
+            return false;
         }
         m_prevRev = rev;
-        return RC_OK;
+        return true;
+    }
+    // Does the same. Errors, logged: RC_BAD_DATA instead of false.
+    [[nodiscard]] u32 CheckRises(i64 rev) {
+        return TakeRising(rev) ? u32{RC_OK} : DoesNotRise(rev);
     }
 
     // *offset and *head receive the record behind the one of `size` bytes at the current offset;
@@ -65,7 +84,7 @@ class FileItems {
     // True when the buffer has `size` bytes at an offset, and the file has not changed since.
     bool Holds(u32 size) const { return HoldsAt(m_offset, size); }
     bool HoldsAt(i64 offset, u32 size) const {
-        return m_generation == m_file.ReadGeneration() && offset >= m_buffer.offset &&
+        return HoldsStill() && offset >= m_buffer.offset &&
                offset + i64{size} <= m_buffer.offset + i64{m_buffer.length};
     }
     // REQUIRES: the buffer holds `offset`.

@@ -60,7 +60,10 @@ u32 FileScan::RunFrom(i64 offset) {
     m_readSize = m_extent.isLive ? kFirstLiveRead : kBufferSize;
     Step step = Step::kNext;
     while (step == Step::kNext) {
-        step = TakeItem();
+        step = TakeHeldRecords();
+        if (step == Step::kNext) {
+            step = TakeItem();
+        }
     }
     return step == Step::kFail ? m_failure : Finish();
 }
@@ -128,6 +131,32 @@ FileScan::Step FileScan::CheckEnd(i64 reached) {
                        "Reading ended before the end of the file;offset %I64d,file size %I64d",
                        reached, size);
         return Fail(RC_SHORT_READ);
+    }
+    return Step::kNext;
+}
+
+FileScan::Step FileScan::TakeHeldRecords() {
+    if (!MayTakeRecord(m_result)) {
+        return Step::kNext;
+    }
+    const u8* here = Here();
+    u32 left = Left();
+    while (left >= kRecordHeadSize && m_offset < m_extent.dataEnd) {
+        const auto head = LoadUnaligned<TRecordHead>(here);
+        // The size is a claim of the file: it must lie in the buffer before it is a step.
+        if (head.signature != kRecordSignature || head.size > left ||
+            CheckRecord(m_result, head) != RecordFault::kNone) {
+            break;
+        }
+        const auto* rec = reinterpret_cast<const K9eReplRec*>(here + kRecordPrefixSize);
+        if (u32 rc = m_callbacks.record(static_cast<u64>(m_offset), rec, m_callbacks.ctx);
+            rc != RC_OK) {
+            return Fail(rc);
+        }
+        AcceptRecord(head, &m_result);
+        m_offset += head.size;
+        here += head.size;
+        left -= head.size;
     }
     return Step::kNext;
 }

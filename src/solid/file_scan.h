@@ -98,6 +98,10 @@ class FileScan {
     // there.
     Step Fill(u32 needed);
     Step CheckEnd(i64 reached);
+    // Hands out the records from the current offset on for as long as they lie wholly in the buffer
+    // and break no rule. TakeItem looks at what comes then. Most records go this way, so it does no
+    // more for one than a record needs that nothing is wrong with.
+    Step TakeHeldRecords();
     // Checks the item at the current offset, hands it out and goes on behind it.
     Step TakeItem();
     Step TakeRecord();

@@ -42,6 +42,55 @@ struct RecordEnum::Item {
     u32 size = 0;
 };
 
+struct RecordEnum::Receiver {
+    FileItemVisitor visitor;
+    void* ctx;
+    bool* completed;  // true until the visitor stops the enumeration
+
+    // `rec` is where the client's record begins; null for a commit block.
+    [[nodiscard]] u32 Visit(i64 offset, const u8* rec) const {
+        const u32 rc = visitor(offset, reinterpret_cast<const K9eReplRec*>(rec), ctx);
+        if (rc != RC_OK) {
+            *completed = false;
+        }
+        return rc;
+    }
+};
+
+u32 RecordEnum::TakeHeld(FileItems& items, const FileEnumRange& range,
+                         const Receiver& receiver) const {
+    const std::atomic<i64>& lastCommitted = m_file.State().lastFlushedRev;
+    const u8* here = nullptr;
+    u32 left = items.Held(&here);
+    while (left >= std::max(kRecordHeadSize, kCommitBlockSize)) {
+        const auto head = LoadUnaligned<TRecordHead>(here);
+        u32 size = kCommitBlockSize;
+        if (head.signature == kRecordSignature) {
+            // The size is a claim of the file: it must lie in the buffer before it is a step.
+            size = head.size;
+            if (!SizesAgree(head) || size > left || head.rev > range.toRev ||
+                head.rev > lastCommitted || !items.TakeRising(head.rev)) {
+                return RC_OK;
+            }
+            if (head.rev >= range.fromRev) {
+                if (u32 rc = receiver.Visit(items.Offset(), here + kRecordPrefixSize);
+                    rc != RC_OK) {
+                    return rc;
+                }
+            }
+        } else if (head.signature != kCommitSignature || range.alsoCommits) {
+            return RC_OK;
+        }
+        items.Advance(size);
+        if (!items.HoldsStill()) {
+            return RC_OK;
+        }
+        here += size;
+        left -= size;
+    }
+    return RC_OK;
+}
+
 u32 RecordEnum::LookAtItem(FileItems& items, const FileEnumRange& range, Item* item) const {
     const u8* bytes = nullptr;
     if (u32 rc = items.Get(kSignatureSize, &bytes); rc != RC_OK) {
@@ -104,16 +153,12 @@ u32 RecordEnum::CheckRangeEnd(FileItems& items, const FileEnumRange& range,
     return RC_OK;
 }
 
-u32 RecordEnum::VisitItem(FileItems& items, const Item& item, FileItemVisitor visitor, void* ctx,
-                          bool* completed) {
+u32 RecordEnum::VisitItem(FileItems& items, const Item& item, const Receiver& receiver) {
     const u8* bytes = nullptr;
     if (u32 rc = items.Get(item.size, &bytes); rc != RC_OK) {
         return rc;
     }
-    const auto* rec = reinterpret_cast<const K9eReplRec*>(bytes + kRecordPrefixSize);
-    const u32 rc = visitor(items.Offset(), item.isRecord ? rec : nullptr, ctx);
-    *completed = rc == RC_OK;
-    return rc;
+    return receiver.Visit(items.Offset(), item.isRecord ? bytes + kRecordPrefixSize : nullptr);
 }
 
 u32 RecordEnum::Run(const FileEnumRange& range, FileItemVisitor visitor, void* ctx,
@@ -131,17 +176,21 @@ u32 RecordEnum::Run(const FileEnumRange& range, FileItemVisitor visitor, void* c
     }
     FileItems items(m_file, m_live, m_buffers, *cache,
                     range.startOffset == 0 ? kFirstCommitOffset : range.startOffset);
+    const Receiver receiver{visitor, ctx, completed};
     while (items.Left() > 0) {
         Item item;
         if (u32 rc = LookAtItem(items, range, &item); rc != RC_OK || item.pastRange) {
             return rc;
         }
         if (item.visit) {
-            if (u32 rc = VisitItem(items, item, visitor, ctx, completed); rc != RC_OK) {
+            if (u32 rc = VisitItem(items, item, receiver); rc != RC_OK) {
                 return rc;
             }
         }
         items.Advance(item.size);
+        if (u32 rc = TakeHeld(items, range, receiver); rc != RC_OK) {
+            return rc;
+        }
     }
     LOG_INFO(kLogStorage, "Exit Enum");
     return RC_OK;

@@ -58,7 +58,14 @@ class RecordEnum {
   private:
     // What is to be done with one item; in the source.
     struct Item;
+    // Who receives the items, with what, and whether it stopped the enumeration; in the source.
+    struct Receiver;
 
+    // Does the whole work for the items from the current offset on for as long as they lie in the
+    // read buffer, are no commit blocks to be visited, and nothing is wrong with them. Most records
+    // go this way; LookAtItem judges the item that it leaves. Errors: the visitor's result.
+    [[nodiscard]] u32 TakeHeld(FileItems& items, const FileEnumRange& range,
+                               const Receiver& receiver) const;
     // *item receives what is to be done with the item at the current offset.
     // Errors, logged: RC_BAD_DATA, RC_FILE_CORRUPT, those of reading.
     [[nodiscard]] u32 LookAtItem(FileItems& items, const FileEnumRange& range, Item* item) const;
@@ -66,9 +73,9 @@ class RecordEnum {
     // logged.
     [[nodiscard]] u32 CheckRangeEnd(FileItems& items, const FileEnumRange& range,
                                     const TRecordHead& head) const;
-    // Hands `item` to the visitor. *completed becomes false if the visitor stops the enumeration.
-    [[nodiscard]] static u32 VisitItem(FileItems& items, const Item& item, FileItemVisitor visitor,
-                                       void* ctx, bool* completed);
+    // Hands `item` to the visitor. Errors: the visitor's result; those of reading.
+    [[nodiscard]] static u32 VisitItem(FileItems& items, const Item& item,
+                                       const Receiver& receiver);
 
     StorageFile& m_file;
     LiveFile& m_live;
