@@ -25,13 +25,16 @@ BenchRecord::BenchRecord(u32 dataSize) : m_bytes(sizeof(K9eReplRec) + dataSize) 
     std::memset(Get()->data, 'x', dataSize);
 }
 
-BenchFile::BenchFile() {
+std::string DefaultFolder() {
+    const char* given = std::getenv("K9EREPL_BENCH_DIR");
+    return given != nullptr ? given : fs::temp_directory_path().string();
+}
+
+BenchFile::BenchFile(const std::string& parent) {
     static std::atomic<int> ordinal{0};
-    const char* base = std::getenv("K9EREPL_BENCH_DIR");
-    const fs::path root = base != nullptr ? fs::path(base) : fs::temp_directory_path();
     const std::string name =
         "k9erepl-bench-" + std::to_string(std::random_device{}()) + "-" + std::to_string(ordinal++);
-    m_folder = (root / name).string();
+    m_folder = (fs::path(parent) / name).string();
     fs::create_directories(m_folder);
     m_path = m_folder + "/bench.edb";
 }
@@ -53,8 +56,8 @@ void BenchHandle::Load() {
     Require(K9eReplStorageLoad(m_handle) == RC_OK, "loading the storage");
 }
 
-void Append(void* handle, int count, int perTransaction) {
-    BenchRecord record;
+void Append(void* handle, int count, int perTransaction, u32 dataSize) {
+    BenchRecord record(dataSize);
     bool ok = true;
     for (int done = 0; done < count; done += perTransaction) {
         ok = ok && K9eReplStorageBeginTransaction(handle) == RC_OK;

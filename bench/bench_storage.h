@@ -30,17 +30,21 @@ class BenchRecord {
     std::vector<u8> m_bytes;
 };
 
-// The path of a storage file in a folder of its own. The constructor makes the folder in
-// K9EREPL_BENCH_DIR or, if that is not set, where the system keeps temporary files; the destructor
-// removes it with its files.
+// The folder in which the benchmarks make their files unless they are given another:
+// K9EREPL_BENCH_DIR or, if that is not set, the one where the system keeps temporary files.
+std::string DefaultFolder();
+
+// The path of a storage file in a folder of its own. The constructor makes that folder in `parent`;
+// the destructor removes it with its files.
 class BenchFile {
   public:
-    BenchFile();
+    explicit BenchFile(const std::string& parent = DefaultFolder());
     ~BenchFile();
     BenchFile(const BenchFile&) = delete;
     BenchFile& operator=(const BenchFile&) = delete;
 
     const std::string& Path() const { return m_path; }
+    const std::string& Folder() const { return m_folder; }
     // "file=<path>;", followed by `settings`.
     std::string ConnStr(const std::string& settings) const;
 
@@ -64,8 +68,10 @@ class BenchHandle {
     void* m_handle = nullptr;
 };
 
-// Inserts `count` records, rounded up to whole transactions of `perTransaction` records.
-void Append(void* handle, int count, int perTransaction = kPerTransaction);
+// Inserts `count` records with `dataSize` bytes of data, rounded up to whole transactions of
+// `perTransaction` records.
+void Append(void* handle, int count, int perTransaction = kPerTransaction,
+            u32 dataSize = kDataSize);
 
 }  // namespace k9erepl::bench
 

@@ -1,7 +1,10 @@
 #!/usr/bin/env bash
 # Installs what a Debian 12 machine lacks for one task, and nothing when nothing is missing.
 #
-#   scripts/setup.sh demo|test|test32|windows|coverage|fuzz|check|all     (default: test)
+#   scripts/setup.sh demo|test|test32|windows|coverage|fuzz|check|peers|all     (default: test)
+#
+# "peers" are the libraries that scripts/bench.sh compares ours with; "all" goes without them,
+# because no test needs them.
 #
 # Runs as root or through sudo. The other scripts call it first; a developer may call it by hand.
 set -euo pipefail
@@ -23,6 +26,8 @@ packages_for() {
             googletest ;;
         coverage) echo "${test_packages[@]}" gcovr ;;
         fuzz) echo "${test_packages[@]}" clang libclang-rt-14-dev ;;
+        peers) echo "${test_packages[@]}" valgrind liblmdb-dev libleveldb-dev librocksdb-dev \
+            libsqlite3-dev ;;
         check) echo "${test_packages[@]}" clang-format clang-tidy ;;
         all) echo "${test_packages[@]}" gcovr clang-format clang-tidy ;;
         *) return 1 ;;
@@ -33,7 +38,7 @@ main() {
     local task="${1:-test}" wanted
     if ! wanted="$(packages_for "$task")"; then
         echo "setup.sh: unknown task '$task':" \
-            "use demo, test, test32, windows, coverage, fuzz, check or all" >&2
+            "use demo, test, test32, windows, coverage, fuzz, check, peers or all" >&2
         return 2
     fi
     if ! command -v dpkg >/dev/null; then
