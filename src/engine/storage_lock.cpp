@@ -5,14 +5,14 @@
 
 namespace k9erepl {
 
-void StorageLock::unlock() {
-    assert(m_depth > 0);
-    const bool end = --m_depth == 0 && StorageIsToEnd() && TakeEnd();
+void StorageLock::UnlockAndEnd() {
+    assert(m_lock.IsHeldOnce());
+    const bool end = TakeEnd();
     // Once the lock is free, another thread may end the storage, and with it this object.
     const auto destroy = m_destroy;
     void* const ctx = m_ctx;
     m_lock.unlock();
-    if (end) [[unlikely]] {
+    if (end) {
         destroy(ctx);
     }
 }

@@ -21,22 +21,19 @@ class StorageLock {
     StorageLock& operator=(const StorageLock&) = delete;
 
     // Waits without a time limit. A thread that holds the lock may take it again.
-    void lock() {
-        m_lock.lock();
-        ++m_depth;
-    }
+    void lock() { m_lock.lock(); }
     // Takes the lock if no other thread holds it; never waits.
-    bool try_lock() {
-        if (!m_lock.try_lock()) {
-            return false;
-        }
-        ++m_depth;
-        return true;
-    }
+    bool try_lock() { return m_lock.try_lock(); }
     // Gives one level back. At the outermost level, if the storage is to end, destroys the storage
     // and with it this object.
     // REQUIRES: the caller holds the lock.
-    void unlock();
+    void unlock() {
+        if (StorageIsToEnd() && m_lock.IsHeldOnce()) [[unlikely]] {
+            UnlockAndEnd();
+        } else {
+            m_lock.unlock();
+        }
+    }
 
     // From now on, the unlock that frees the lock destroys the storage. Only the first call counts.
     // Needs no lock.
@@ -60,6 +57,9 @@ class StorageLock {
                   // matter
     };
 
+    // Frees the lock and destroys the storage, unless another thread does that already.
+    // REQUIRES: the storage is to end; the caller holds the lock once.
+    void UnlockAndEnd();
     // True for the one thread that may destroy the storage.
     bool TakeEnd() {
         Life toEnd = Life::kToEnd;
@@ -69,9 +69,6 @@ class StorageLock {
     void (*const m_destroy)(void* ctx);  // never null
     void* const m_ctx;
     platform::RecursiveLock m_lock;
-    // How many levels the thread that holds the lock has taken; 0: the lock is free. Guarded by
-    // m_lock.
-    u32 m_depth = 0;
     std::atomic<Life> m_life{Life::kLives};
 };
 

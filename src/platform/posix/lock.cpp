@@ -1,49 +1,49 @@
-// The recursive lock: a recursive pthread mutex in the bytes that the class keeps for it.
+// The recursive lock: who the calling thread is, and waiting by the kernel's futex.
 #include "platform/lock.h"
 
-#include <pthread.h>
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
-#include <cassert>
-#include <new>
+#include <cerrno>
 
 namespace k9erepl::platform {
 namespace {
 
-pthread_mutex_t* MutexIn(unsigned char* storage) {
-    return std::launder(reinterpret_cast<pthread_mutex_t*>(storage));
+static_assert(sizeof(std::atomic<u32>) == sizeof(u32));
+
+// The address of the thread's own record in the C library: one load, where a thread_local variable
+// of a library that is loaded at run time costs a call.
+std::uintptr_t OwnMark() {
+    return reinterpret_cast<std::uintptr_t>(__builtin_thread_pointer());
 }
 
-// These calls fail only for a lock that does not exist, or that this thread may not unlock.
-void MustSucceed([[maybe_unused]] int result) {
-    assert(result == 0);
+// Callers may still want to know why a call before this one failed.
+void Futex(std::atomic<u32>& word, int operation, u32 value) {
+    const int error = errno;
+    (void)syscall(SYS_futex, &word, operation, value, nullptr, nullptr, 0);
+    errno = error;
 }
 
 }  // namespace
 
-RecursiveLock::RecursiveLock() {
-    static_assert(sizeof(pthread_mutex_t) <= sizeof m_native);
-    static_assert(alignof(pthread_mutex_t) <= kNativeAlignment);
-    pthread_mutexattr_t attributes;
-    MustSucceed(pthread_mutexattr_init(&attributes));
-    MustSucceed(pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE));
-    MustSucceed(pthread_mutex_init(new (m_native) pthread_mutex_t, &attributes));
-    MustSucceed(pthread_mutexattr_destroy(&attributes));
-}
-
-RecursiveLock::~RecursiveLock() {
-    MustSucceed(pthread_mutex_destroy(MutexIn(m_native)));
-}
-
 void RecursiveLock::lock() {
-    MustSucceed(pthread_mutex_lock(MutexIn(m_native)));
-}
-
-void RecursiveLock::unlock() {
-    MustSucceed(pthread_mutex_unlock(MutexIn(m_native)));
+    LockAs(OwnMark());
 }
 
 bool RecursiveLock::try_lock() {
-    return pthread_mutex_trylock(MutexIn(m_native)) == 0;
+    return TryLockAs(OwnMark());
+}
+
+void RecursiveLock::TakeAfterWait() {
+    while (m_use.exchange(kAwaited, std::memory_order_acquire) != kFree) {
+        Futex(m_use, FUTEX_WAIT_PRIVATE, kAwaited);
+    }
+}
+
+void RecursiveLock::Wake(std::atomic<u32>& use) {
+    constexpr u32 kOneThread = 1;
+    Futex(use, FUTEX_WAKE_PRIVATE, kOneThread);
 }
 
 }  // namespace k9erepl::platform
