@@ -1,10 +1,12 @@
 // What every mode of a clear has in common, for every kind of storage: where a clear revision may
-// lie, what is served afterwards and after reopening, when nothing happens and when it is refused.
+// lie, what is served afterwards and in later lives, when nothing happens and when it is refused.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <limits>
 
 #include "engine/clear_fixture.h"
+#include "engine/write_gate.h"
 #include "support/file_bytes.h"
 #include "support/log_capture.h"
 
@@ -28,7 +30,6 @@ class EveryKeeping : public ::testing::TestWithParam<Keeping> {
         storage.Put(2);
         storage.UseUp();
     }
-    static constexpr i64 kNextRev = 34;
     // Keys of the blocks, as the first revision answers them.
     static i64 KeyOf(i64 rev) {
         i64 key = 5;
@@ -52,6 +53,10 @@ TEST_P(EveryKeeping, ServesWhatIsNotBelowTheClearRevisionForLife) {
             ClearableStorage storage(GetParam());
             FillWithGaps(storage);
             storage.ClearTo(rev, mode);
+            if (rev >= 4 && rev < 33) {
+                const i64 key = KeyOf(rev);
+                EXPECT_EQ(storage.FirstRev(), GetParam().hasFile ? std::max(rev, key) : key);
+            }
             storage.ExpectContentForLife();
             if (HasFailure()) {
                 return;
@@ -60,13 +65,19 @@ TEST_P(EveryKeeping, ServesWhatIsNotBelowTheClearRevisionForLife) {
     }
 }
 
-TEST_P(EveryKeeping, AnswersTheFirstRevisionOfTheBlockThatHeldTheClearRevision) {
-    for (const i64 rev : {4, 5, 6, 7, 9, 11, 19, 20, 21, 25, 32}) {
-        ClearableStorage storage(GetParam());
-        FillWithGaps(storage);
-        storage.ClearTo(rev, rev % 2 == 0 ? kLogical : kSqueeze);
-        const i64 expected = GetParam().hasFile ? std::max<i64>(rev, KeyOf(rev)) : KeyOf(rev);
-        EXPECT_EQ(storage.FirstRev(), expected) << rev;
+TEST_P(EveryKeeping, KeepsTheRecordsBehindEmptyBlocks) {
+    const LogCapture refusals;
+    for (const u32 mode : {kLogical, kSqueeze, kSqueezeBackup}) {
+        for (const i64 rev : {3, 4}) {
+            ClearableStorage storage(GetParam());
+            storage.Put(2);
+            storage.UseUpLeavingABlock();
+            storage.UseUpLeavingABlock();
+            storage.Put(3);
+            storage.ClearTo(rev, mode);
+            EXPECT_EQ(RevsOf(storage.Records()), RevRange(5, 7));
+            storage.ExpectContentForLife();
+        }
     }
 }
 
@@ -95,35 +106,29 @@ TEST_P(EveryKeeping, ServesEveryRangeAfterSeveralClears) {
     storage.ExpectContentForLife();
 }
 
-TEST_P(EveryKeeping, ChangesNothingUpToTheOldestRevision) {
-    for (const u32 mode : kEveryMode) {
-        ClearableStorage storage(GetParam());
-        storage.Put(5);
-        storage.ClearTo(3, mode);
-        storage.ClearTo(1, kSqueeze);
-        const u64 generation = StorageAccess::Blocks(storage.Object()).Generation();
-        const LogCapture log;
-        for (const i64 rev : {3, 2, 0, -5}) {
-            storage.ClearTo(rev, mode == kSqueezeBackup ? kLogical : mode);
-        }
-        EXPECT_EQ(StorageAccess::Blocks(storage.Object()).Generation(), generation);
-        EXPECT_TRUE(log.Messages().empty()) << log;
-        storage.ExpectContent();
-    }
-}
-
-TEST_P(EveryKeeping, ChangesNothingWithoutRecords) {
+TEST_P(EveryKeeping, ChangesNothingUpToTheOldestRevisionOrWithoutRecords) {
     for (const u32 mode : kEveryMode) {
         ClearableStorage storage(GetParam());
         const LogCapture log;
         storage.ClearTo(1, mode);
         storage.ClearTo(100, mode);
         EXPECT_TRUE(log.Messages().empty()) << log;
-        storage.ExpectContentForLife();
+        storage.Put(5);
+        storage.ClearTo(3, mode);
+        storage.ClearTo(1, kSqueeze);
+        storage.WaitForWriter();
+        const u64 generation = StorageAccess::Blocks(storage.Object()).Generation();
+        const LogCapture later;
+        for (const i64 rev : {3, 2, 0, -5}) {
+            storage.ClearTo(rev, mode == kSqueezeBackup ? kLogical : mode);
+        }
+        EXPECT_EQ(StorageAccess::Blocks(storage.Object()).Generation(), generation);
+        EXPECT_TRUE(later.Messages().empty()) << later;
+        storage.ExpectContent();
     }
 }
 
-TEST_P(EveryKeeping, RefusesInsideATransaction) {
+TEST_P(EveryKeeping, RefusesInsideATransactionAndInEveryStateButOpen) {
     for (const u32 mode : {0U, 1U, 2U, 3U, 4U, 77U}) {
         ClearableStorage storage(GetParam());
         storage.Put(3);
@@ -136,29 +141,19 @@ TEST_P(EveryKeeping, RefusesInsideATransaction) {
         EXPECT_TRUE(log.Has(K9SYS_LOG_ERROR, "Coundn't clear old rev in trans"));
         ASSERT_EQ(storage.Rollback(), RC_OK);
         EXPECT_EQ(storage.RevisionMark(), 0);
-        storage.ExpectContent();
-    }
-}
-
-TEST_P(EveryKeeping, RefusesInEveryStateButOpen) {
-    for (const u32 mode : {0U, 1U, 2U, 4U}) {
         for (const auto state :
              {StorageState::kClosed, StorageState::kBroken, StorageState::kFlushFailed}) {
-            ClearableStorage storage(GetParam());
-            storage.Put(3);
-            storage.WaitForWriter();  // which logs too
             StorageAccess::SetState(storage.Object(), state);
             const std::string text =
                 "Failed to clear old rev;state " + std::to_string(static_cast<int>(state));
-            const LogCapture log;
             EXPECT_EQ(storage.Clear(2, mode), RC_WRONG_STATE);
             EXPECT_EQ(log.CodeOf(text), RC_WRONG_STATE) << log;
             EXPECT_TRUE(log.Has(K9SYS_LOG_ERROR, text)) << log;
-            EXPECT_EQ(log.Messages().size(), 1U);
             EXPECT_EQ(storage.State(), state);
-            StorageAccess::SetState(storage.Object(), StorageState::kOpen);
-            storage.ExpectContent();
         }
+        EXPECT_EQ(log.Texts(K9SYS_LOG_ERROR).size(), 2U + 3U) << log;
+        StorageAccess::SetState(storage.Object(), StorageState::kOpen);
+        storage.ExpectContent();
     }
 }
 
@@ -172,23 +167,14 @@ TEST_P(EveryKeeping, OnlyRemembersTheRevisionMarkInModeFour) {
         EXPECT_EQ(storage.RevisionMark(), mark);
     }
     EXPECT_EQ(StorageAccess::Blocks(storage.Object()).Generation(), generation);
-    if (GetParam().hasFile) {
-        EXPECT_EQ(FileItems(storage), items);
-        storage.ExpectContentForLife();
+    EXPECT_EQ(GetParam().hasFile ? FileItems(storage) : Strings(), items);
+    for (const u32 mode : kEveryMode) {
+        storage.ClearTo(storage.OldestRev() + 1, mode);
+        storage.Put();
         EXPECT_EQ(storage.RevisionMark(), 0x123456789A);
     }
-    storage.ExpectContent();
-}
-
-TEST_P(EveryKeeping, LeavesTheRevisionMarkInEveryOtherMode) {
-    for (const u32 mode : kEveryMode) {
-        ClearableStorage storage(GetParam());
-        storage.Put(5);
-        ASSERT_EQ(storage.Clear(77, kMark), RC_OK);
-        storage.ClearTo(3, mode);
-        storage.ClearTo(6, mode);
-        EXPECT_EQ(storage.RevisionMark(), 77);
-    }
+    storage.ExpectContentForLife();
+    EXPECT_EQ(storage.RevisionMark(), 0x123456789A);
 }
 
 TEST(ClearOldRev, RefusesANullHandle) {
@@ -212,6 +198,130 @@ TEST(ClearInMemory, GivesWholeBlocksBack) {
     EXPECT_TRUE(blocks.Blocks().empty());
     EXPECT_TRUE(blocks.Index().empty());
     storage.ExpectContentForLife();
+}
+
+// --- Later lives ---------------------------------------------------------------------------------
+
+namespace {
+
+// The parameter: with the index or without it.
+class ReopenedAfterAClear : public ::testing::TestWithParam<bool> {
+  protected:
+    static void Reopen(ClearableStorage& storage) {
+        if (GetParam()) {
+            storage.Reopen();
+        } else {
+            storage.ReopenWithoutIndex();
+        }
+    }
+};
+INSTANTIATE_TEST_SUITE_P(WithIndex, ReopenedAfterAClear, ::testing::Bool());
+
+}  // namespace
+
+TEST_P(ReopenedAfterAClear, KnowsWhetherTheBeginHasMovedAndGoesOnClearing) {
+    for (const Keeping& keeping : KeepingsWithFile()) {
+        ClearableStorage storage(keeping);
+        storage.Put(4);
+        i64 rev = 2;
+        for (const u32 mode : {kLogical, kSqueeze, kLogical, 3U, kSqueezeBackup, kSqueeze}) {
+            storage.ClearTo(rev, mode);
+            Reopen(storage);
+            EXPECT_EQ(StorageAccess::BeginMoved(storage.Object()), mode % 3 == 0) << rev;
+            EXPECT_TRUE(mode % 3 != 0 || storage.FirstRev() == rev);
+            storage.ExpectContent();
+            storage.Put(3);
+            rev += 3;
+        }
+        storage.ClearTo(storage.NextRev(), kLogical);
+        Reopen(storage);
+        EXPECT_FALSE(StorageAccess::BeginMoved(storage.Object()));
+        storage.ExpectContentForLife();
+    }
+}
+
+// An index from before a logical clear describes blocks that are still in the file.
+TEST(ReopenedWithAnOlderIndex, ServesTheSame) {
+    for (const Keeping& keeping : KeepingsWithFile()) {
+        ClearableStorage storage(keeping);
+        storage.Put(9);
+        storage.Reopen();
+        const std::vector<u8> older = ReadBytes(IndexPath(storage));
+        for (const i64 rev : {2, 6, 7}) {
+            storage.ClearTo(rev, kLogical);
+            storage.Close();
+            WriteBytes(IndexPath(storage), older);
+            ASSERT_EQ(storage.TryOpenAndLoad(), RC_OK);
+            storage.ExpectContent();
+            EXPECT_TRUE(StorageAccess::BeginMoved(storage.Object()));
+        }
+        storage.ClearTo(0, kSqueeze);
+        storage.ExpectContentForLife();
+    }
+}
+
+TEST(ReopenedThroughTheIndexOfAClear, ReadsOnlyWhatMemoryKeeps) {
+    for (const u32 mode : {kLogical, kSqueeze}) {
+        ClearableStorage storage(KeepOnDisk());
+        storage.Put(20);
+        storage.ClearTo(5, mode);
+        WaitUntilIdle(storage);
+        const IndexEntries saved = ReadIndexEntries(storage);
+        storage.Close();
+        const LogCapture log;
+        ASSERT_EQ(storage.TryOpenAndLoad(), RC_OK);
+        EXPECT_EQ(log.CountContaining("Index test passed; start loading from offset "), 1U) << log;
+        EXPECT_EQ(log.CountContaining("loading without it"), 0U) << log;
+        EXPECT_EQ(log.CountContaining("Loaded rec;"), 4U) << log;
+        EXPECT_TRUE(mode == kLogical || EntriesInMemory(storage) == saved);
+        storage.ExpectContentForLife();
+    }
+}
+
+// A negative clear revision in the file's first commit block, as one flipped bit leaves it: the
+// load takes it, the writer carries it on, and nothing that is written falls below it or hides what
+// follows.
+TEST(NegativeClearRev, OutlastsEveryClearButThatOfEverything) {
+    struct Removal {
+        i64 rev;  // 1000: everything
+        u32 mode;
+    };
+    const std::vector<std::vector<Removal>> lives = {{},
+                                                     {{4, kSqueeze}},
+                                                     {{4, kSqueezeBackup}, {6, kSqueeze}},
+                                                     {{3, kLogical}, {1, kSqueeze}},
+                                                     {{-3, kLogical}, {0, kSqueeze}},
+                                                     {{1000, kLogical}}};
+    for (const i64 clearRev : {std::numeric_limits<i64>::min(), i64{-1}, i64{-1000}}) {
+        for (const auto& life : lives) {
+            for (const u32 before : {0U, 9U}) {  // records written before the bit flips
+                ClearableStorage storage(KeepOnDisk());
+                storage.Put(before);
+                storage.Close();
+                PatchBytes(storage.Path(), 1040,
+                           {reinterpret_cast<const u8*>(&clearRev), sizeof clearRev});
+                ASSERT_EQ(storage.TryOpenAndLoad(), RC_OK);
+                storage.Put(9 - before);
+                i64 first = 1;
+                i64 next = 10;
+                for (const Removal& removal : life) {
+                    ASSERT_EQ(storage.Clear(removal.rev, removal.mode), RC_OK);
+                    first = std::max(first, std::min(removal.rev, next));
+                    for (const bool withIndex : {true, false}) {
+                        ASSERT_EQ(storage.Insert("more"), RC_OK);
+                        if (withIndex) {
+                            storage.Reopen();
+                        } else {
+                            storage.ReopenWithoutIndex();
+                        }
+                        EXPECT_EQ(RevsOf(storage.Records()), RevRange(first, next));
+                        EXPECT_EQ(storage.NextRev(), ++next);
+                    }
+                }
+                EXPECT_EQ(RevsOf(storage.Records()), RevRange(first, next - 1));
+            }
+        }
+    }
 }
 
 }  // namespace k9erepl::test

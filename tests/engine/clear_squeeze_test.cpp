@@ -6,7 +6,6 @@
 
 #include "engine/clear_fixture.h"
 #include "engine/write_gate.h"
-#include "platform/file_names.h"
 #include "support/fault_injection.h"
 #include "support/file_bytes.h"
 #include "support/log_capture.h"
@@ -63,15 +62,19 @@ TEST_P(Squeeze, MovesTheOffsetsOfBlocksThatAreOnlyInTheFile) {
     storage.ExpectContentForLife();
 }
 
-TEST_P(Squeeze, FlushesFirst) {
+TEST_P(Squeeze, FlushesFirstAndKeepsTheLifeNumberAndTheRevisionMark) {
     Notified flushed;
     ClearableStorage storage(AllKeepings()[3]);
     flushed.SetAsOnFlush(storage);
     storage.Put(5);
+    ASSERT_EQ(K9eReplStorageSetLifenum(storage.Handle(), 7), RC_OK);
+    ASSERT_EQ(storage.Clear(3, kMark), RC_OK);
     storage.ClearTo(2, GetParam());
     EXPECT_EQ(flushed.Calls(), Revs({5}));
     EXPECT_EQ(FileItems(storage), Strings({"c2", "r2", "r3", "r4", "r5", "c5", "c5"}));
     storage.ExpectContentForLife();
+    EXPECT_EQ(storage.Lifenum(), 7U);
+    EXPECT_EQ(storage.RevisionMark(), 3);
 }
 
 TEST_P(Squeeze, OfAGapEntersTheNextRecordUnderTheClearRevision) {
@@ -96,19 +99,6 @@ TEST_P(Squeeze, LeavesTheOffsetOfAnEmptyBlockUnknown) {
     storage.ExpectContentForLife();
 }
 
-TEST_P(Squeeze, KeepsTheLifeNumberAndTheRevisionMark) {
-    ClearableStorage storage(KeepInMemory());
-    storage.Put(5);
-    ASSERT_EQ(K9eReplStorageSetLifenum(storage.Handle(), 7), RC_OK);
-    ASSERT_EQ(storage.Clear(3, kMark), RC_OK);
-    storage.ClearTo(4, GetParam());
-    for (int life = 0; life < 2; ++life) {
-        EXPECT_EQ(storage.Lifenum(), 7U);
-        EXPECT_EQ(storage.RevisionMark(), 3);
-        storage.Reopen();
-    }
-}
-
 // --- A pending logical clear -------------------------------------------------------------------
 
 TEST_P(Squeeze, TakesWhatWasClearedLogicallyOutOfTheFile) {
@@ -125,43 +115,18 @@ TEST_P(Squeeze, TakesWhatWasClearedLogicallyOutOfTheFile) {
     }
 }
 
-TEST_P(Squeeze, TakesMoreThanThatWhenAskedTo) {
+TEST_P(Squeeze, TakesMoreThanThatWhenAskedToAndHappensOnce) {
     ClearableStorage storage(KeepInMemory());
     storage.Put(5);
     storage.ClearTo(2, kLogical);
     storage.ClearTo(5, GetParam());
     EXPECT_EQ(FileItems(storage), Strings({"c5", "r5", "c5", "c5", "c5"}));
-    storage.ExpectContentForLife();
-}
-
-TEST_P(Squeeze, TakesItOutAfterReopeningToo) {
-    for (const bool withIndex : {true, false}) {
-        ClearableStorage storage(KeepOnDisk());
-        storage.Put(7);
-        storage.ClearTo(4, kLogical);
-        if (withIndex) {
-            storage.Reopen();
-        } else {
-            storage.ReopenWithoutIndex();
-        }
-        EXPECT_TRUE(StorageAccess::BeginMoved(storage.Object()));
-        storage.ClearTo(0, GetParam());
-        EXPECT_EQ(FileItems(storage).front(), "c4");
-        EXPECT_FALSE(StorageAccess::BeginMoved(storage.Object()));
-        storage.ExpectContentForLife();
-    }
-}
-
-TEST_P(Squeeze, HappensOnceForOneLogicalClear) {
-    ClearableStorage storage(KeepInMemory());
-    storage.Put(5);
-    storage.ClearTo(4, kLogical);
-    storage.ClearTo(0, GetParam());
     const std::vector<u8> squeezed = FileBytes(storage);
     const LogCapture log;
     storage.ClearTo(4, GetParam());
     EXPECT_TRUE(log.Messages().empty()) << log;
     EXPECT_EQ(FileBytes(storage), squeezed);
+    storage.ExpectContentForLife();
 }
 
 TEST_P(Squeeze, OfAPendingClearWithoutAnyRecordLeftStartsTheFileOver) {
@@ -227,7 +192,7 @@ TEST_P(Squeeze, IsGivenUpWhenTheIndexFileCannotBeEmptied) {
     EXPECT_EQ(RevsOf(storage.Records()), RevRange(4, 7));
 }
 
-TEST_P(Squeeze, WaitsForASaveOfTheIndexThread) {
+TEST_P(Squeeze, WaitsForASaveOfTheIndexThreadAndRestartsOneThatHasFinished) {
     const ScopedSystemCalls systemCalls;
     WriteGate gate(WriteGate::File::kIndex);
     ClearableStorage storage(KeepInMemory());
@@ -238,15 +203,9 @@ TEST_P(Squeeze, WaitsForASaveOfTheIndexThread) {
     storage.ClearTo(4, GetParam());
     opener.join();
     EXPECT_EQ(ReadIndexEntries(storage), EntriesInMemory(storage));
-    storage.ExpectContentForLife();
-}
-
-TEST_P(Squeeze, RestartsAnIndexThreadThatHasFinished) {
-    ClearableStorage storage(KeepInMemory());
-    storage.Put(7);
     StorageAccess::Index(storage.Object())->Stop();
     const LogCapture log;
-    storage.ClearTo(4, GetParam());
+    storage.ClearTo(5, GetParam());
     EXPECT_EQ(log.Count("Index thread is finished; trying to restart"), 1U) << log;
     EXPECT_TRUE(log.Has(K9SYS_LOG_ERROR, "Index thread is finished; trying to restart"));
     EXPECT_FALSE(StorageAccess::Index(storage.Object())->IsFinished());
@@ -255,23 +214,6 @@ TEST_P(Squeeze, RestartsAnIndexThreadThatHasFinished) {
 }
 
 // --- What stands in the way --------------------------------------------------------------------
-
-TEST_P(Squeeze, FailsWhenATemporaryFileIsLeftOver) {
-    ClearableStorage storage(KeepInMemory());
-    storage.Put(5);
-    WriteText(TemporaryPath(storage), "left over");
-    const LogCapture log;
-    EXPECT_EQ(storage.Clear(4, GetParam()), RC_SYSTEM_ERROR);
-    EXPECT_EQ(log.CountContaining("Cannot create temporary file '" + TemporaryPath(storage)), 1U)
-        << log;
-    EXPECT_EQ(log.CodeOf("Failed to squeeze solid storage;rev 4"), RC_SYSTEM_ERROR) << log;
-    EXPECT_EQ(storage.State(), StorageState::kBroken);
-    EXPECT_EQ(ReadText(TemporaryPath(storage)), "left over");
-    EXPECT_FALSE(Exists(BackupPath(storage)));
-    ASSERT_TRUE(platform::RemoveFile(TemporaryPath(storage)));
-    storage.Reopen();
-    EXPECT_EQ(RevsOf(storage.Records()), RevRange(4, 5));
-}
 
 TEST_P(Squeeze, OnAFullDiskLeavesTheOldFileWholeAndOpen) {
     const ScopedSystemCalls systemCalls;

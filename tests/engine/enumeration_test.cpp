@@ -28,69 +28,47 @@ class Enumeration : public ::testing::Test {
     SeenRecords m_seen;
 };
 
-TEST_F(Enumeration, DeliversRecordsWithTheirWordAndData) {
+TEST_F(Enumeration, DeliversRecordsWithTheirWordAndDataInPlace) {
     ASSERT_EQ(m_storage.Insert("last", 77), RC_OK);
-    EXPECT_EQ(m_storage.Records(6), SeenRecords({{6, 0, "r6"}, {7, 77, "last"}}));
+    ASSERT_EQ(m_storage.Insert("", 5), RC_OK);
+    EXPECT_EQ(m_storage.Records(6), SeenRecords({{6, 0, "r6"}, {7, 77, "last"}, {8, 5, ""}}));
+    const void* first = nullptr;
+    EnumerateWith(m_storage, 1, 1, [&](const K9eReplRec& rec) {
+        first = &rec;
+        return RC_OK;
+    });
+    EXPECT_EQ(first, Blocks().begin()->second->Data() + kRecordPrefixSize);
 }
 
 TEST_F(Enumeration, DeliversEveryRangeInOrder) {
     ASSERT_EQ(Blocks().size(), 2U);
     ExpectEveryRange(m_storage, ModelOf(m_storage.Records()), 6);
-}
-
-TEST_F(Enumeration, DeliversRecordsWithoutData) {
-    ASSERT_EQ(m_storage.Insert("", 5), RC_OK);
-    EXPECT_EQ(m_storage.Records(7), SeenRecords({{7, 5, ""}}));
-}
-
-TEST_F(Enumeration, OfAnEmptyStorageDeliversNothing) {
-    TestStorage empty(kEachCommit);
-    EXPECT_TRUE(empty.Records().empty());
-}
-
-TEST_F(Enumeration, OfNegativeRevisionsDeliversNothing) {
     EXPECT_TRUE(m_storage.Records(-10, -1).empty());
     EXPECT_EQ(RevsOf(m_storage.Records(-10, 2)), Revs({1, 2}));
-}
-
-TEST_F(Enumeration, StartsAtTheOldestRevisionWhenFromIsBelowIt) {
+    EXPECT_TRUE(m_storage.Records(kEndOfRevs).empty());
     StorageAccess::OldestRev(Object()) = 4;
     EXPECT_EQ(RevsOf(m_storage.Records(1)), Revs({4, 5, 6}));
     EXPECT_EQ(RevsOf(m_storage.Records(5)), Revs({5, 6}));
 }
 
-TEST_F(Enumeration, WithFromAboveToDeliversNothing) {
-    EXPECT_TRUE(m_storage.Records(5, 2).empty());
-    EXPECT_TRUE(m_storage.Records(4, 3).empty());
-}
-
-TEST_F(Enumeration, WithToBelowTheFirstBlockDeliversNothing) {
+TEST_F(Enumeration, OfWhatLiesBelowTheFirstRecordDeliversNothing) {
     TestStorage gap(kEachCommit);
+    EXPECT_EQ(gap.NextRev(), 1);
+    EXPECT_TRUE(gap.Records().empty());
     ASSERT_EQ(gap.InsertP(100, "late"), RC_OK);
     EXPECT_TRUE(gap.Records(1, 99).empty());
     EXPECT_EQ(RevsOf(gap.Records(1, 100)), Revs({100}));
 }
 
-TEST_F(Enumeration, BeyondTheLastRecordDeliversNothing) {
-    EXPECT_TRUE(m_storage.Records(7).empty());
-    EXPECT_TRUE(m_storage.Records(kEndOfRevs).empty());
-}
-
 TEST_F(Enumeration, ReturnsTheCallbacksResultAndStaysOpen) {
-    Revs seen;
-    const u32 rc = EnumerateWith(m_storage, 1, kEndOfRevs, [&](const K9eReplRec& rec) {
-        seen.push_back(i64{rec.rev});
-        return seen.size() == 3 ? 5U : 0U;
-    });
-    EXPECT_EQ(rc, 5U);
-    EXPECT_EQ(seen, Revs({1, 2, 3}));
-    EXPECT_EQ(m_storage.State(), StorageState::kOpen);
-}
-
-TEST_F(Enumeration, ReturnsResultsOfTheCallbackThatAreCodesOfOurOwn) {
-    for (const u32 wanted : {RC_ENUM_STOP, RC_BAD_DATA, RC_FILE_CORRUPT, 0xFFFFFFFFU}) {
-        EXPECT_EQ(EnumerateWith(m_storage, 1, 9, [=](const K9eReplRec&) { return wanted; }),
-                  wanted);
+    for (const u32 wanted : {5U, RC_ENUM_STOP, RC_BAD_DATA, RC_FILE_CORRUPT, 0xFFFFFFFFU}) {
+        Revs seen;
+        const u32 rc = EnumerateWith(m_storage, 1, kEndOfRevs, [&](const K9eReplRec& rec) {
+            seen.push_back(i64{rec.rev});
+            return seen.size() == 3 ? wanted : 0U;
+        });
+        EXPECT_EQ(rc, wanted);
+        EXPECT_EQ(seen, Revs({1, 2, 3}));
         EXPECT_EQ(m_storage.State(), StorageState::kOpen);
     }
 }
@@ -110,16 +88,6 @@ TEST_F(Enumeration, DeliversTheOpenTransactionToo) {
     EXPECT_EQ(m_storage.Texts(6), Strings({"r6"}));
 }
 
-TEST_F(Enumeration, HandsRecordsOutInPlace) {
-    const u8* const data = Blocks().begin()->second->Data();
-    const void* first = nullptr;
-    EnumerateWith(m_storage, 1, 1, [&](const K9eReplRec& rec) {
-        first = &rec;
-        return RC_OK;
-    });
-    EXPECT_EQ(first, data + kRecordPrefixSize);
-}
-
 struct Offsets {
     std::vector<i64> seen;
 
@@ -131,19 +99,13 @@ struct Offsets {
 
 TEST_F(Enumeration, TellsItsVisitorTheFileOffsetOfFlushedRecordsOnly) {
     TestStorage storage("flush_trans_num=2;flush_mode=PerTrans;flush_timeout=3600000");
-    storage.InsertMany(3);
-    ASSERT_EQ(storage.WaitForWriter(), RC_OK);
+    storage.InsertMany(1);
     Offsets offsets;
     ASSERT_EQ(StorageAccess::Enumerate(storage.Object(), 1, 9, Offsets::Add, &offsets), RC_OK);
-    EXPECT_EQ(offsets.seen, std::vector<i64>({1056, 1056 + 26, -1}));
-}
-
-TEST_F(Enumeration, TellsItsVisitorNoOffsetBeforeTheFirstFlush) {
-    TestStorage storage("flush_trans_num=9;flush_mode=PerTrans;flush_timeout=3600000");
     storage.InsertMany(2);
-    Offsets offsets;
+    ASSERT_EQ(storage.WaitForWriter(), RC_OK);
     ASSERT_EQ(StorageAccess::Enumerate(storage.Object(), 1, 9, Offsets::Add, &offsets), RC_OK);
-    EXPECT_EQ(offsets.seen, std::vector<i64>({-1, -1}));
+    EXPECT_EQ(offsets.seen, std::vector<i64>({-1, 1056, 1056 + 26, -1}));
 }
 
 TEST_F(Enumeration, IsRefusedUnlessTheStorageIsOpen) {
@@ -212,17 +174,6 @@ TEST_F(Enumeration, ReleasesTheLockWhenAnExceptionPasses) {
     void* const ctx = const_cast<RecordFunction*>(&raise);
     EXPECT_THROW(Object().EnumRecords(1, 9, call, ctx), std::runtime_error);
     std::thread([&] { EXPECT_EQ(RevsOf(m_storage.Records(1)), RevRange(1, 6)); }).join();
-}
-
-TEST_F(Enumeration, OfTheDataSourceHasNoUpperBound) {
-    u32 rc = m_storage.DataSource().EnumFrom(1, 2, 3, 4, 5, CollectRecord, &m_seen);
-    EXPECT_EQ(rc, RC_OK);
-    EXPECT_EQ(RevsOf(m_seen), Revs({4, 5, 6}));
-}
-
-TEST(NextRev, OfAFreshStorageIsOne) {
-    TestStorage storage(kEachCommit);
-    EXPECT_EQ(storage.NextRev(), 1);
 }
 
 }  // namespace

@@ -1,8 +1,8 @@
 // Loading files whose commit blocks clear older revisions: what is served afterwards, where the
-// first block begins, and that the index changes nothing of it.
+// first block begins, and that the index changes nothing of it and saves reading.
 #include <gtest/gtest.h>
 
-#include "engine/load_fixture.h"
+#include "engine/clear_fixture.h"
 #include "platform/file_names.h"
 #include "support/fault_injection.h"
 #include "support/log_capture.h"
@@ -10,270 +10,278 @@
 namespace k9erepl::test {
 namespace {
 
-// What a load has made of the file. Where its blocks begin may differ with the index.
-struct Loaded {
-    SeenRecords records;
-    i64 nextRev = 0;
-    i64 oldestRev = 0;
-    bool beginMoved = false;
+constexpr i64 kRecord = 64;  // size of the records below
 
-    bool operator==(const Loaded&) const = default;
-};
-
-std::ostream& operator<<(std::ostream& out, const Loaded& loaded) {
-    out << "next " << loaded.nextRev << " oldest " << loaded.oldestRev << " moved "
-        << loaded.beginMoved << " records";
-    for (const SeenRecord& record : loaded.records) {
-        out << ' ' << record.rev;
-    }
-    return out;
+// Blocks of two records, committed pair by pair: block n begins with record 2n - 1.
+constexpr i64 BlockOffset(i64 n) {
+    return 1056 + (n - 1) * (2 * kRecord + kCommitBlockSize);
 }
 
-// Blocks of two records of 40 bytes data (64 with their head), committed pair by pair: block n
-// begins with record 2n - 1 at BlockOffset(n). The parameter is the cache.
-class LoadOfClearedFile : public ::testing::TestWithParam<const char*> {
-  protected:
-    static constexpr i64 kRecord = 64;
-    static constexpr i64 BlockOffset(i64 n) { return 1056 + (n - 1) * (2 * kRecord + 32); }
-
-    LoadOfClearedFile() {
-        m_storage.Use(std::string(kEachCommit) + GetParam());
-        m_file.NewFile();
-    }
-    static std::string Text(i64 rev) {
-        std::string text = "r" + std::to_string(rev);
-        text.resize(40, '.');
-        return text;
-    }
-    FileBuilder& Records(i64 first, i64 last) {
+// A storage file of such blocks, in words.
+struct BlockFile : FileBuilder {
+    BlockFile() { NewFile(); }
+    BlockFile& Records(i64 first, i64 last) {
         for (i64 rev = first; rev <= last; ++rev) {
-            m_file.Record(rev, Text(rev));
+            Record(rev, ClearableStorage::TextOf(rev));
         }
-        return m_file;
+        return *this;
     }
     // Blocks `first` to `last`, each with its commit block.
-    FileBuilder& Blocks(i64 first, i64 last, i64 clearRev = 0) {
+    BlockFile& Blocks(i64 first, i64 last, i64 clearRev = 0) {
         for (i64 n = first; n <= last; ++n) {
             Records(2 * n - 1, 2 * n).Commit(clearRev, 2 * n);
         }
-        return m_file;
+        return *this;
     }
-    void Load() {
-        m_file.Zeros(8).Save(m_storage.Path());
-        ASSERT_EQ(m_storage.TryOpenAndLoad(), RC_OK) << m_log;
+    BlockFile& Clear(i64 clearRev, i64 commitRev) {
+        Commit(clearRev, commitRev);
+        return *this;
     }
-    Loaded Now() {
-        CK9eReplStorage& object = m_storage.Object();
-        return {.records = m_storage.Records(),
-                .nextRev = m_storage.NextRev(),
-                .oldestRev = StorageAccess::OldestRev(object),
-                .beginMoved = StorageAccess::BeginMoved(object)};
-    }
-    Revs RevsNow() { return RevsOf(m_storage.Records()); }
-    // The index was saved by the first load: a second one through it, and a life that goes on.
-    void ExpectSameWithIndexAndLater() {
-        EXPECT_EQ(ReadIndexEntries(m_storage), EntriesInMemory(m_storage));
-        Loaded loaded = Now();
-        m_storage.Reopen();
-        EXPECT_EQ(Now(), loaded) << m_log;
-        ASSERT_EQ(m_storage.Insert(Text(loaded.nextRev)), RC_OK);
-        loaded.records.push_back({loaded.nextRev, 0, Text(loaded.nextRev)});
-        EXPECT_EQ(m_storage.Records(), loaded.records);
-        m_storage.Reopen();
-        EXPECT_EQ(m_storage.Records(), loaded.records);
-        EXPECT_EQ(Now().oldestRev, loaded.oldestRev);
-    }
-    i64 FirstRev() {
-        i64 rev = 0;
-        EXPECT_EQ(m_storage.DataSource().GetFirstRev(0, &rev), RC_OK);
-        return rev;
-    }
-
-    TestStorage m_storage{"", Start::kNothing};
-    FileBuilder m_file;
-    LogCapture m_log;
 };
 
-TEST_P(LoadOfClearedFile, BelowTheFirstRecordDropsNothing) {
-    Blocks(2, 6).Commit(2, 12);
-    Load();
-    EXPECT_EQ(RevsNow(), RevRange(3, 12));
-    EXPECT_EQ(Now().oldestRev, 2);
-    EXPECT_FALSE(Now().beginMoved);
-    ExpectSameWithIndexAndLater();
+struct ClearedFile {
+    const char* name;
+    BlockFile file;
+    Revs revs;
+    i64 oldestRev;
+    i64 firstOffset;  // of the first block, whose key is the first revision; 0: nothing is left
+    bool beginMoved = true;
+};
+
+BlockFile SqueezedFile() {
+    BlockFile file;
+    static_cast<FileBuilder&>(file) = FileBuilder();
+    file.Header().Commit(0, 5);
+    return file.Records(5, 6).Clear(5, 6).Blocks(4, 6, 5);
 }
 
-TEST_P(LoadOfClearedFile, InsideABlockCutsIt) {
-    Blocks(1, 6).Commit(4, 12);
-    Load();
-    EXPECT_TRUE(m_log.Has("Processing commit block with minRev 4; old minRev 0")) << m_log;
-    EXPECT_TRUE(m_log.Has("Squeeze enum after load; minRev: 4, newFirstRecOffset: " +
-                          std::to_string(BlockOffset(2) + kRecord) +
-                          ", commitOffset: " + std::to_string(BlockOffset(3) - 32) + ", recSz: 64"))
-        << m_log;
-    EXPECT_EQ(RevsNow(), RevRange(4, 12));
-    EXPECT_EQ(FirstRev(), 4);
-    EXPECT_EQ(EntriesInMemory(m_storage).front(),
-              (std::pair<i64, i64>(4, BlockOffset(2) + kRecord)));
-    EXPECT_TRUE(Now().beginMoved);
-    ExpectSameWithIndexAndLater();
+std::vector<ClearedFile> ClearedFiles() {
+    const i64 commit = kCommitBlockSize;
+    return {{"below the first record", BlockFile().Blocks(2, 6).Clear(2, 12), RevRange(3, 12), 2,
+             1056, false},
+            {"inside a block", BlockFile().Blocks(1, 6).Clear(4, 12), RevRange(4, 12), 4,
+             BlockOffset(2) + kRecord},
+            {"at the beginning of a block", BlockFile().Blocks(1, 6).Clear(5, 12), RevRange(5, 12),
+             5, BlockOffset(3)},
+            {"in the last block",
+             BlockFile().Blocks(1, 6).Clear(12, 12),
+             {12},
+             12,
+             BlockOffset(6) + kRecord},
+            {"again and again",
+             BlockFile().Blocks(1, 3).Clear(2, 6).Blocks(4, 6, 2).Clear(7, 12).Clear(8, 12).Blocks(
+                 7, 8, 8),
+             RevRange(8, 16), 8, BlockOffset(4) + kRecord + commit},
+            {"in a gap", BlockFile().Blocks(1, 2).Blocks(6, 8).Clear(8, 16), RevRange(11, 16), 8,
+             BlockOffset(3)},
+            {"in a gap inside a block",
+             BlockFile().Records(1, 1).Records(9, 9).Clear(0, 9).Records(10, 10).Clear(5, 10),
+             {9, 10},
+             5,
+             1056 + kRecord},
+            {"behind the last record", BlockFile().Blocks(1, 6).Clear(13, 14), {}, 13, 0, false},
+            {"beyond the commit revision, with records after it",
+             BlockFile().Blocks(1, 3).Clear(9, 8).Blocks(5, 6, 9), RevRange(9, 12), 9,
+             BlockOffset(4) + commit},
+            {"beyond the commit revision, with records below it",
+             BlockFile().Blocks(1, 3).Clear(12, 6).Blocks(4, 7, 12), RevRange(12, 14), 12,
+             BlockOffset(6) + commit + kRecord},
+            {"before uncommitted data", BlockFile().Blocks(1, 6).Clear(4, 12).Records(13, 17),
+             RevRange(4, 12), 4, BlockOffset(2) + kRecord},
+            {"with a falling clear revision", BlockFile().Blocks(1, 3).Clear(4, 6).Blocks(4, 4, 3),
+             RevRange(4, 6), 4, BlockOffset(2) + kRecord},
+            {"squeezed", SqueezedFile(), RevRange(5, 12), 5, 1056, false}};
 }
 
-TEST_P(LoadOfClearedFile, AtTheBeginningOfABlockDropsTheBlocksBefore) {
-    Blocks(1, 6).Commit(5, 12);
-    Load();
-    EXPECT_EQ(m_log.CountContaining("Squeeze enum after load"), 0U);
-    EXPECT_EQ(RevsNow(), RevRange(5, 12));
-    EXPECT_EQ(EntriesInMemory(m_storage).front(), (std::pair<i64, i64>(5, BlockOffset(3))));
-    EXPECT_TRUE(Now().beginMoved);
-    ExpectSameWithIndexAndLater();
-}
-
-TEST_P(LoadOfClearedFile, InTheLastBlockLeavesIt) {
-    Blocks(1, 6).Commit(12, 12);
-    Load();
-    EXPECT_EQ(RevsNow(), Revs({12}));
-    EXPECT_EQ(EntriesInMemory(m_storage), IndexEntries({{12, BlockOffset(6) + kRecord}}));
-    ExpectSameWithIndexAndLater();
-}
-
-TEST_P(LoadOfClearedFile, AgainAndAgainFollowsTheLastCommitBlock) {
-    Blocks(1, 3).Commit(2, 6);
-    Blocks(4, 6, 2).Commit(7, 12).Commit(8, 12);
-    Blocks(7, 8, 8);
-    Load();
-    EXPECT_EQ(RevsNow(), RevRange(8, 16));
-    EXPECT_EQ(FirstRev(), 8);
-    ExpectSameWithIndexAndLater();
-}
-
-TEST_P(LoadOfClearedFile, InAGapBeginsWithTheNextRecord) {
-    Blocks(1, 2);
-    Blocks(6, 8).Commit(8, 16);
-    Load();
-    EXPECT_EQ(RevsNow(), RevRange(11, 16));
-    EXPECT_EQ(Now().oldestRev, 8);
-    EXPECT_EQ(FirstRev(), 11);
-    EXPECT_TRUE(Now().beginMoved);
-    ExpectSameWithIndexAndLater();
-}
-
-TEST_P(LoadOfClearedFile, InAGapInsideABlockBeginsWithTheNextRecord) {
-    m_file.Record(1, Text(1)).Record(9, Text(9)).Commit(0, 9).Record(10, Text(10)).Commit(5, 10);
-    Load();
-    EXPECT_EQ(RevsNow(), Revs({9, 10}));
-    EXPECT_EQ(EntriesInMemory(m_storage).front(), (std::pair<i64, i64>(9, 1056 + kRecord)));
-    ExpectSameWithIndexAndLater();
-}
-
-TEST_P(LoadOfClearedFile, BehindTheLastRecordLeavesNothing) {
-    Blocks(1, 6).Commit(13, 14);
-    Load();
-    EXPECT_TRUE(RevsNow().empty());
-    EXPECT_TRUE(EntriesInMemory(m_storage).empty());
-    EXPECT_EQ(Now().nextRev, 15);
-    EXPECT_FALSE(Now().beginMoved);
-    ExpectSameWithIndexAndLater();
-}
-
-TEST_P(LoadOfClearedFile, BeyondTheCommitRevisionEmptiesMemoryBeforeTheRecordsAfterIt) {
-    Blocks(1, 3).Commit(9, 8);
-    Blocks(5, 6, 9);
-    Load();
-    EXPECT_EQ(RevsNow(), RevRange(9, 12));
-    EXPECT_EQ(Now().oldestRev, 9);
-    EXPECT_TRUE(Now().beginMoved);
-    ExpectSameWithIndexAndLater();
-}
-
-TEST_P(LoadOfClearedFile, BeyondTheCommitRevisionPassesOverRecordsThatFollowBelowIt) {
-    Blocks(1, 3).Commit(12, 6);
-    Blocks(4, 7, 12);
-    Load();
-    EXPECT_EQ(RevsNow(), RevRange(12, 14));
-    EXPECT_EQ(FirstRev(), 12);
-    ExpectSameWithIndexAndLater();
-}
-
-TEST_P(LoadOfClearedFile, WithUncommittedDataBehindTheClearingDropsBoth) {
-    Blocks(1, 6).Commit(4, 12);
-    Records(13, 17);
-    Load();
-    EXPECT_EQ(RevsNow(), RevRange(4, 12));
-    EXPECT_EQ(Now().nextRev, 13);
-    ExpectSameWithIndexAndLater();
-}
-
-TEST_P(LoadOfClearedFile, WithAFallingClearRevisionEndsBeforeIt) {
-    Blocks(1, 3).Commit(4, 6);
-    Blocks(4, 4, 3);
-    Load();
-    EXPECT_EQ(RevsNow(), RevRange(4, 6));
-    EXPECT_EQ(Now().nextRev, 7);
-    ExpectSameWithIndexAndLater();
-}
-
-TEST_P(LoadOfClearedFile, ThatWasSqueezedBeginsAtItsFirstItem) {
-    m_file = FileBuilder();
-    m_file.Header().Commit(0, 5);
-    Records(5, 6).Commit(5, 6);
-    Blocks(4, 6, 5);
-    Load();
-    EXPECT_EQ(RevsNow(), RevRange(5, 12));
-    EXPECT_FALSE(Now().beginMoved);
-    ExpectSameWithIndexAndLater();
-}
-
-TEST_P(LoadOfClearedFile, DeliversEveryRange) {
-    Blocks(1, 8).Commit(6, 16);
-    Blocks(9, 10, 6);
-    Load();
-    Model model = ModelOf(m_storage.Records());
-    EXPECT_EQ(model.size(), 15U);
-    ExpectEveryRange(m_storage, model, 21);
-    m_storage.Reopen();
-    ExpectEveryRange(m_storage, model, 21);
-}
+// The parameter is the cache.
+class LoadOfClearedFile : public ::testing::TestWithParam<const char*> {
+  protected:
+    static void ExpectServed(TestStorage& storage, const ClearedFile& wanted) {
+        EXPECT_EQ(RevsOf(storage.Records()), wanted.revs);
+        EXPECT_EQ(storage.OldestRev(), wanted.oldestRev);
+        EXPECT_EQ(StorageAccess::BeginMoved(storage.Object()), wanted.beginMoved);
+        if (!wanted.revs.empty()) {
+            EXPECT_EQ(storage.FirstRev(), wanted.revs.front());
+            EXPECT_EQ(EntriesInMemory(storage).front(),
+                      std::pair(wanted.revs.front(), wanted.firstOffset));
+        }
+        const i64 lastRev = wanted.revs.empty() ? 1 : wanted.revs.back();
+        ExpectEveryRange(storage, ModelOf(storage.Records()), lastRev);
+    }
+};
 
 INSTANTIATE_TEST_SUITE_P(Caches, LoadOfClearedFile,
                          ::testing::Values("cache_type=AllInMem", "cache_type=Last1",
                                            "cache_type=Last2", "cache_type=Last100"),
                          [](const auto& cache) { return std::string(cache.param).substr(11); });
 
-// Record 1 is cleared and shares its block with record 2; the last read of a load looks for that.
-class SearchForTheFirstKeptRecord : public ::testing::Test {
-  protected:
-    SearchForTheFirstKeptRecord() {
-        m_file.NewFile().Record(1, "one").Record(2, "two").Commit(0, 2).Commit(2, 2).Zeros(8);
-        m_file.Save(m_storage.Path());
+// The first load saves the index, through which the second one goes; then the storage goes on.
+TEST_P(LoadOfClearedFile, ServesWhatIsKeptWithAndWithoutIndexAndGoesOn) {
+    for (ClearedFile& wanted : ClearedFiles()) {
+        SCOPED_TRACE(wanted.name);
+        TestStorage storage(std::string(kEachCommit) + GetParam(), Start::kNothing);
+        wanted.file.Zeros(8).Save(storage.Path());
+        ASSERT_EQ(storage.TryOpenAndLoad(), RC_OK);
+        ExpectServed(storage, wanted);
+        EXPECT_EQ(ReadIndexEntries(storage), EntriesInMemory(storage));
+        storage.Reopen();
+        EXPECT_EQ(RevsOf(storage.Records()), wanted.revs);
+        EXPECT_EQ(storage.OldestRev(), wanted.oldestRev);
+        wanted.revs.push_back(storage.NextRev());
+        EXPECT_EQ(wanted.revs.back(), wanted.oldestRev == 13 ? 15 : *(wanted.revs.end() - 2) + 1);
+        ASSERT_EQ(storage.Insert("next"), RC_OK);
+        EXPECT_EQ(RevsOf(storage.Records()), wanted.revs);
+        storage.Reopen();
+        EXPECT_EQ(RevsOf(storage.Records()), wanted.revs);
+        EXPECT_EQ(storage.OldestRev(), wanted.oldestRev);
     }
-    // The reads of a load that succeeds; the storage is open again afterwards, without an index.
-    u32 CountReads() {
-        EXPECT_EQ(m_storage.TryOpen(), RC_OK);
-        const u32 before = CallCount(SystemCall::kRead);
-        EXPECT_EQ(m_storage.TryLoad(), RC_OK);
-        const u32 reads = CallCount(SystemCall::kRead) - before;
-        m_storage.Close();
-        EXPECT_TRUE(platform::RemoveFile(IndexPath(m_storage)));
-        EXPECT_EQ(m_storage.TryOpen(), RC_OK);
-        return reads;
+}
+
+TEST(LoadOfABlockThatIsCut, SaysSo) {
+    TestStorage storage(SmallCache(2), Start::kNothing);
+    BlockFile().Blocks(1, 6).Clear(4, 12).Save(storage.Path());
+    const LogCapture log;
+    ASSERT_EQ(storage.TryOpenAndLoad(), RC_OK);
+    EXPECT_TRUE(log.Has("Processing commit block with minRev 4; old minRev 0")) << log;
+    EXPECT_TRUE(log.Has("Squeeze enum after load; minRev: 4, newFirstRecOffset: " +
+                        std::to_string(BlockOffset(2) + kRecord) + ", commitOffset: " +
+                        std::to_string(BlockOffset(3) - kCommitBlockSize) + ", recSz: 64"))
+        << log;
+    storage.Close();
+    BlockFile().Blocks(1, 6).Clear(5, 12).Save(storage.Path());
+    ASSERT_EQ(storage.TryOpenAndLoad(), RC_OK);
+    EXPECT_EQ(log.CountContaining("Squeeze enum after load"), 1U) << "nothing is cut";
+}
+
+// Record 1 is cleared and shares its block with record 2; the last read of a load looks for that.
+TEST(SearchForTheFirstKeptRecord, ThatFailsClosesTheStorageAndMayBeTriedAgain) {
+    const ScopedSystemCalls systemCalls;
+    const LogCapture log;
+    TestStorage storage(SmallCache(1), Start::kNothing);
+    FileBuilder()
+        .NewFile()
+        .Record(1, "one")
+        .Record(2, "two")
+        .Commit(0, 2)
+        .Commit(2, 2)
+        .Zeros(8)
+        .Save(storage.Path());
+    ASSERT_EQ(storage.TryOpen(), RC_OK);
+    const u32 before = CallCount(SystemCall::kRead);
+    ASSERT_EQ(storage.TryLoad(), RC_OK);
+    const u32 reads = CallCount(SystemCall::kRead) - before;
+    storage.Close();
+    ASSERT_TRUE(platform::RemoveFile(IndexPath(storage)));
+    ASSERT_EQ(storage.TryOpen(), RC_OK);
+    FailRead(reads);
+    EXPECT_EQ(storage.TryLoad(), RC_SYSTEM_ERROR);
+    EXPECT_EQ(log.CodeOf("Enum from disk failed after load"), RC_SYSTEM_ERROR) << log;
+    EXPECT_EQ(storage.State(), StorageState::kClosed);
+    EXPECT_TRUE(StorageAccess::Blocks(storage.Object()).Blocks().empty());
+    EXPECT_TRUE(StorageAccess::Blocks(storage.Object()).Index().empty());
+    ASSERT_EQ(storage.TryLoad(), RC_OK);
+    EXPECT_EQ(storage.Texts(), Strings({"two"}));
+}
+
+// --- A block whose lowest revision is not that of its first record -------------------------------
+
+// After a clear into a gap between revisions, and behind a revision that was used up without a
+// record, the index names the record that is there, and a load reads the end of the file only. Two
+// records of 49000 bytes in each block; 100 of them are 5 MB.
+class LoadOfACutBlock : public ::testing::Test {
+  protected:
+    void Put(i64 first, i64 last) {
+        const std::string text(49000, 'x');
+        for (i64 rev = first; rev <= last; ++rev) {
+            ASSERT_EQ(m_storage.InsertP(rev, text), RC_OK);
+        }
+    }
+    // Uses one revision up; the block that was to take the record stays without one.
+    void Refuse() { EXPECT_EQ(m_storage.Insert(std::string(100001, 'x')), RC_INVALID_ARG); }
+
+    // The first reopening finds the index of the clear, or none.
+    void ExpectToReadLittle() {
+        const Revs content = RevsOf(m_storage.Records());
+        for (int i = 0; i < 2; ++i) {
+            m_storage.Close();
+            m_log.Clear();
+            m_meter.Restart();
+            ASSERT_EQ(m_storage.TryOpenAndLoad(), RC_OK) << m_log;
+            m_bytesOfLoad = m_meter.Bytes();
+            EXPECT_EQ(m_log.CountContaining("Index test failed"), 0U);
+            EXPECT_EQ(m_log.CountContaining("loading without it"), 0U);
+            EXPECT_EQ(RevsOf(m_storage.Records()), content);
+        }
+        EXPECT_EQ(m_log.CountContaining("Index test passed"), 1U);
+        EXPECT_LT(m_bytesOfLoad, 1'000'000U);
+        EXPECT_EQ(ReadIndexEntries(m_storage), EntriesInMemory(m_storage));
     }
 
-    ScopedSystemCalls m_systemCalls;
+    ReadMeter m_meter;
+    TestStorage m_storage{
+        "block_size=100000;cache_type=Last2;flush_mode=PerTrans;flush_trans_num=1;"
+        "flush_timeout=3600000;read_buffers_count=1;"};
     LogCapture m_log;
-    TestStorage m_storage{SmallCache(1), Start::kNothing};
-    FileBuilder m_file;
+    u64 m_bytesOfLoad = 0;
 };
 
-TEST_F(SearchForTheFirstKeptRecord, ThatFailsClosesTheStorageAndMayBeTriedAgain) {
-    FailRead(CountReads());
-    EXPECT_EQ(m_storage.TryLoad(), RC_SYSTEM_ERROR);
-    EXPECT_EQ(m_log.CodeOf("Enum from disk failed after load"), RC_SYSTEM_ERROR) << m_log;
-    EXPECT_EQ(m_storage.State(), StorageState::kClosed);
-    EXPECT_TRUE(StorageAccess::Blocks(m_storage.Object()).Blocks().empty());
-    EXPECT_TRUE(StorageAccess::Blocks(m_storage.Object()).Index().empty());
-    ASSERT_EQ(m_storage.TryLoad(), RC_OK);
-    EXPECT_EQ(m_storage.Texts(), Strings({"two"}));
+class LoadAfterAClearIntoAGap : public LoadOfACutBlock, public ::testing::WithParamInterface<u32> {
+  protected:
+    void ClearAndExpectToReadLittle(i64 rev, i64 first, i64 last) {
+        ASSERT_EQ(m_storage.Clear(rev, GetParam()), RC_OK);
+        EXPECT_EQ(RevsOf(m_storage.Records()), RevRange(first, last));
+        ExpectToReadLittle();
+    }
+};
+INSTANTIATE_TEST_SUITE_P(Mode, LoadAfterAClearIntoAGap,
+                         ::testing::Values(kLogical, kSqueeze, kSqueezeBackup));
+
+TEST_P(LoadAfterAClearIntoAGap, AtABlocksEndReadsLittle) {
+    ASSERT_EQ(m_storage.Begin(), RC_OK);
+    Put(1, 100);
+    Put(201, 210);
+    ASSERT_EQ(m_storage.Commit(), RC_OK);
+    ClearAndExpectToReadLittle(150, 201, 210);
+}
+
+TEST_P(LoadAfterAClearIntoAGap, InsideABlockAndOnceMoreReadsLittle) {
+    Put(1, 49);
+    Put(101, 150);
+    Put(201, 210);
+    ASSERT_EQ(m_storage.Clear(75, GetParam()), RC_OK);
+    ClearAndExpectToReadLittle(175, 201, 210);
+    ClearAndExpectToReadLittle(204, 204, 210);
+}
+
+TEST_P(LoadAfterAClearIntoAGap, OfRevisionsThatWereUsedUpReadsLittle) {
+    Put(1, 100);
+    ASSERT_EQ(m_storage.Begin(), RC_OK);
+    Refuse();
+    Refuse();
+    Put(103, 110);
+    ASSERT_EQ(m_storage.Commit(), RC_OK);
+    ClearAndExpectToReadLittle(102, 103, 110);
+}
+
+TEST_F(LoadOfACutBlock, BehindARefusedRecordReadsLittle) {
+    Put(1, 50);
+    ASSERT_EQ(m_storage.Begin(), RC_OK);
+    Refuse();
+    Put(52, 100);
+    ASSERT_EQ(m_storage.Commit(), RC_OK);
+    ExpectToReadLittle();
+}
+
+TEST_F(LoadOfACutBlock, WhoseFirstRecordWasRolledBackReadsLittle) {
+    Put(1, 50);
+    ASSERT_EQ(m_storage.Begin(), RC_OK);
+    Refuse();
+    ASSERT_EQ(m_storage.Commit(), RC_OK);
+    ASSERT_EQ(m_storage.Begin(), RC_OK);
+    Put(52, 53);
+    ASSERT_EQ(m_storage.Rollback(), RC_OK);
+    Put(60, 100);
+    ExpectToReadLittle();
 }
 
 }  // namespace

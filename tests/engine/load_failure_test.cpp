@@ -9,13 +9,12 @@
 #include "support/fault_injection.h"
 #include "support/file_bytes.h"
 #include "support/log_capture.h"
-#include "support/new_fault.h"
 
 namespace k9erepl::test {
 namespace {
 
-// 12 records of one block each, the first three of them cleared by the last commit block, and two
-// uncommitted ones.
+// 12 records of one block each, the first one cleared by the last commit block, and two uncommitted
+// ones.
 class LoadFailure : public ::testing::Test {
   protected:
     LoadFailure() {
@@ -37,14 +36,14 @@ class LoadFailure : public ::testing::Test {
         EXPECT_TRUE(Blocks().Index().empty());
         EXPECT_EQ(m_storage.NextRev(), 1);
         EXPECT_EQ(StorageAccess::FlushedRev(m_storage.Object()), 0);
-        EXPECT_EQ(StorageAccess::OldestRev(m_storage.Object()), 0);
+        EXPECT_EQ(m_storage.OldestRev(), 0);
         EXPECT_FALSE(StorageAccess::BeginMoved(m_storage.Object()));
         EXPECT_EQ(m_storage.Insert("too early"), RC_WRONG_STATE);
     }
     void ExpectContent() {
         EXPECT_EQ(RevsOf(m_storage.Records()), RevRange(2, 12));
         EXPECT_EQ(m_storage.NextRev(), 13);
-        EXPECT_EQ(StorageAccess::OldestRev(m_storage.Object()), 2);
+        EXPECT_EQ(m_storage.OldestRev(), 2);
         EXPECT_TRUE(StorageAccess::BeginMoved(m_storage.Object()));
     }
     void ExpectFailure(u32 rc, std::string_view text) {
@@ -64,45 +63,41 @@ class LoadFailure : public ::testing::Test {
 };
 
 TEST_F(LoadFailure, OfAFileWithoutItsFirstCommitBlock) {
-    FileBuilder().Header().Zeros(40).Save(m_storage.Path());
-    Open();
-    ExpectFailure(RC_FILE_CORRUPT, "Begin of file corrupted");
-    EXPECT_TRUE(m_log.Has("Expected info not found")) << m_log;
+    for (const auto& [size, text] :
+         {std::pair<i64, const char*>{1055, "File too short"}, {1064, "Expected info not found"}}) {
+        FileBuilder().Header().Zeros(40).CutTo(size).Save(m_storage.Path());
+        Open();
+        ExpectFailure(RC_FILE_CORRUPT, "Begin of file corrupted");
+        EXPECT_TRUE(m_log.Has(text)) << m_log;
+        m_storage.Close();
+    }
 }
 
-TEST_F(LoadFailure, OfAFileThatIsTooShort) {
-    FileBuilder().Header().Commit(0, 0).CutTo(1055).Save(m_storage.Path());
-    Open();
-    ExpectFailure(RC_FILE_CORRUPT, "Begin of file corrupted");
-    EXPECT_TRUE(m_log.Has("File too short")) << m_log;
-}
-
-TEST_F(LoadFailure, WhenTheFirstCommitBlockCannotBeRead) {
-    Open();
-    FailRead(1);
-    ExpectFailure(RC_FILE_CORRUPT, "Begin of file corrupted");
-    ExpectSecondAttemptSucceeds();
-}
-
-TEST_F(LoadFailure, WhenTheLoadingPassCannotRead) {
-    Open();
-    FailRead(3);
-    ExpectFailure(RC_SYSTEM_ERROR, "Failed to load solid storage rec");
-    ExpectSecondAttemptSucceeds();
-}
-
-TEST_F(LoadFailure, WhenAReadEndsBeforeTheFileDoes) {
-    Open();
-    ShortRead(3, 3);
-    ExpectFailure(RC_SHORT_READ, "Failed to load solid storage rec");
-    ExpectSecondAttemptSucceeds();
-}
-
-TEST_F(LoadFailure, WhenTheLoadingPassFindsNoMemoryForItsBuffer) {
-    Open();
-    FailAlloc(1, 10'000'000);
-    ExpectFailure(RC_NO_MEMORY, "Failed to load solid storage rec");
-    ExpectSecondAttemptSucceeds();
+TEST_F(LoadFailure, OfAStepOfTheLoad) {
+    const std::string denied =
+        std::to_string(platform::SystemErrorOf(platform::SystemErrorKind::kAccessDenied));
+    struct Step {
+        std::function<void()> fail;
+        u32 rc;
+        std::string text;
+    };
+    const Step steps[] = {
+        {[] { FailRead(1); }, RC_FILE_CORRUPT, "Begin of file corrupted"},
+        {[] { FailRead(3); }, RC_SYSTEM_ERROR, "Failed to load solid storage rec"},
+        {[] { ShortRead(3, 3); }, RC_SHORT_READ, "Failed to load solid storage rec"},
+        {[] { FailAlloc(1, 10'000'000); }, RC_NO_MEMORY, "Failed to load solid storage rec"},
+        // The reading of the index file comes first.
+        {[] { FailOpen(2); }, RC_SYSTEM_ERROR,
+         "Couldn't open file '" + IndexPath(m_storage) + "'; sysErr " + denied}};
+    for (const Step& step : steps) {
+        SCOPED_TRACE(step.text);
+        Open();
+        step.fail();
+        ExpectFailure(step.rc, step.text);
+        ExpectSecondAttemptSucceeds();
+        m_storage.Close();
+        EXPECT_TRUE(platform::RemoveFile(IndexPath(m_storage)));
+    }
 }
 
 TEST_F(LoadFailure, WhenThereIsNoMemoryForABlock) {
@@ -114,33 +109,6 @@ TEST_F(LoadFailure, WhenThereIsNoMemoryForABlock) {
         EXPECT_EQ(m_log.CountContaining("Failed to insert rec while load;rev "), nth) << m_log;
         EXPECT_EQ(m_log.Count("Failed to load solid storage rec"), nth) << m_log;
     }
-    ExpectSecondAttemptSucceeds();
-}
-
-TEST_F(LoadFailure, WhenTheWritePositionCannotBeSet) {
-    Open();
-    const u32 before = CallCount(SystemCall::kSeek);
-    ASSERT_EQ(m_storage.TryLoad(), RC_OK);
-    const u32 seeks = CallCount(SystemCall::kSeek) - before;
-    m_storage.Close();
-    ASSERT_TRUE(platform::RemoveFile(IndexPath(m_storage)));
-    Open();
-    u32 found = 0;
-    for (u32 nth = 1; nth <= seeks; ++nth) {
-        FailSeek(nth);
-        found += m_storage.TryLoad() != RC_OK && m_log.CountContaining("Cannot seek to write pos");
-        m_log.Clear();
-        ASSERT_TRUE(m_storage.State() == StorageState::kClosed) << nth;
-    }
-    EXPECT_EQ(found, 1U);
-}
-
-TEST_F(LoadFailure, WhenTheIndexFileCannotBeMade) {
-    Open();
-    FailOpen(2);  // the reading of the index file comes first
-    const auto denied = platform::SystemErrorOf(platform::SystemErrorKind::kAccessDenied);
-    ExpectFailure(RC_SYSTEM_ERROR, "Couldn't open file '" + IndexPath(m_storage) + "'; sysErr " +
-                                       std::to_string(denied));
     ExpectSecondAttemptSucceeds();
 }
 
@@ -200,79 +168,43 @@ TEST_F(LoadFailure, WhenTheMemoryCannotBeCutBackToTheFlushedRevision) {
     ExpectSecondAttemptSucceeds();
 }
 
-// --- Every call that a load makes fails once: the next attempt finds everything.
-
-class LoadFailureOfCall : public LoadFailure, public ::testing::WithParamInterface<SystemCall> {
-  protected:
-    // Loads with the `nth` call failing; false when there are not so many.
-    bool LoadWithFailure(u32 nth) {
-        Open();
-        const u32 before = CallCount(GetParam());
-        Fail(GetParam(), nth);
-        const u32 rc = m_storage.TryLoad();
-        const bool failed = CallCount(GetParam()) - before >= nth;
-        StopFailing(GetParam());
-        if (rc != RC_OK) {
-            ExpectClosedAndEmpty();
-            EXPECT_EQ(m_storage.TryLoad(), RC_OK);
-        }
-        ExpectContent();
-        m_storage.Close();
-        return failed;
-    }
-    // Returns how many calls failed, one in each load.
-    u32 FailEachCall(bool withIndex) {
-        u32 nth = 0;
-        bool failed = true;
-        while (failed && !HasFailure()) {
-            if (!withIndex) {
-                (void)platform::RemoveFile(IndexPath(m_storage));  // dropped: there may be none
+// Every call of a load fails once, with and without an index: the next attempt finds everything.
+TEST_F(LoadFailure, OfAnyCallLeavesNothingBehind) {
+    for (const SystemCall call : {SystemCall::kOpen, SystemCall::kRead, SystemCall::kWrite,
+                                  SystemCall::kSeek, SystemCall::kFileSize, SystemCall::kAlloc,
+                                  SystemCall::kCreateEvent, SystemCall::kResumeThread}) {
+        u32 failed = 0;
+        u32 writePositions = 0;
+        bool struck = true;
+        for (u32 nth = 1; struck && !HasFailure(); ++nth) {
+            struck = false;
+            for (const bool withIndex : {false, true}) {
+                SCOPED_TRACE(nth);
+                if (!withIndex) {
+                    // dropped: there may be none
+                    (void)platform::RemoveFile(IndexPath(m_storage));
+                }
+                Open();
+                const u32 before = CallCount(call);
+                Fail(call, nth);
+                const u32 rc = m_storage.TryLoad();
+                const bool strikes = CallCount(call) - before >= nth;
+                struck = struck || strikes;
+                failed += strikes ? 1 : 0;
+                StopFailing(call);
+                if (rc != RC_OK) {
+                    writePositions += m_log.CountContaining("Cannot seek to write pos") > 0 ? 1 : 0;
+                    ExpectClosedAndEmpty();
+                    EXPECT_EQ(m_storage.TryLoad(), RC_OK);
+                }
+                ExpectContent();
+                m_storage.Close();
             }
-            failed = LoadWithFailure(++nth);
         }
-        EXPECT_FALSE(HasFailure()) << "call " << nth << '\n' << m_log;
-        return nth - 1;
+        EXPECT_GT(failed, 0U) << static_cast<int>(call);
+        EXPECT_EQ(writePositions > 0, call == SystemCall::kSeek);
     }
-};
-
-TEST_P(LoadFailureOfCall, LeavesNothingBehind) {
-    const u32 withoutIndex = FailEachCall(false);
-    const u32 withIndex = FailEachCall(true);
-    EXPECT_GT(withoutIndex + withIndex, 0U);
     EXPECT_EQ(FileBytes(m_storage), m_file.Bytes());
-}
-
-INSTANTIATE_TEST_SUITE_P(Calls, LoadFailureOfCall,
-                         ::testing::Values(SystemCall::kOpen, SystemCall::kRead, SystemCall::kWrite,
-                                           SystemCall::kSeek, SystemCall::kSetEnd,
-                                           SystemCall::kFileSize, SystemCall::kAlloc,
-                                           SystemCall::kCreateEvent, SystemCall::kCreateThread,
-                                           SystemCall::kResumeThread));
-
-TEST_F(LoadFailure, OfAnyAllocationLeavesNothingBehind) {
-    const LogCapture quiet({"no module"});  // collecting messages allocates too
-    for (u32 nth = 1;; ++nth) {
-        Open();
-        bool struck = false;
-        u32 rc = RC_OK;
-        {
-            const FailNthNew fault(nth);
-            rc = m_storage.TryLoad();
-            struck = fault.Struck();
-        }
-        if (rc != RC_OK) {
-            // A thread or an event that finds no memory is the system's failure.
-            EXPECT_TRUE(rc == RC_NO_MEMORY || rc == RC_SYSTEM_ERROR) << rc;
-            ExpectClosedAndEmpty();
-            ASSERT_EQ(m_storage.TryLoad(), RC_OK);
-        }
-        ExpectContent();
-        m_storage.Close();
-        ASSERT_FALSE(HasFailure()) << "allocation " << nth << '\n' << m_log;
-        if (!struck) {
-            break;
-        }
-    }
 }
 
 }  // namespace

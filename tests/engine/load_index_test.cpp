@@ -2,16 +2,20 @@
 // is loaded.
 #include <gtest/gtest.h>
 
-#include <limits>
 #include <optional>
 
-#include "engine/load_fixture.h"
+#include "engine/clear_fixture.h"
 #include "platform/file_names.h"
+#include "support/fault_injection.h"
 #include "support/file_bytes.h"
 #include "support/log_capture.h"
 
 namespace k9erepl::test {
 namespace {
+
+constexpr std::string_view kDoesNotFit = "Index does not fit the storage file; loading without it";
+constexpr std::string_view kLeadsAstray =
+    "Index does not lead to all kept records; loading without it";
 
 // A closed storage of 20 blocks of one record each, and its index.
 class LoadThroughIndex : public ::testing::Test {
@@ -26,18 +30,17 @@ class LoadThroughIndex : public ::testing::Test {
             EXPECT_EQ(m_storage.Insert(m_model[rev]), RC_OK);
         }
         m_storage.Close();
-        WriteIndex(m_storage, m_entries);
-        m_log.Clear();
     }
     void LoadWith(const IndexEntries& entries, u32 blockSize = 138) {
         WriteIndex(m_storage, entries, blockSize);
+        m_log.Clear();
         ASSERT_EQ(m_storage.TryOpenAndLoad(), RC_OK) << m_log;
     }
     // The storage is what it is without an index, and its index is right again.
     void ExpectContent() {
         EXPECT_EQ(ModelOf(m_storage.Records()), m_model) << m_log;
         EXPECT_EQ(m_storage.NextRev(), kCount + 1);
-        EXPECT_EQ(StorageAccess::OldestRev(m_storage.Object()), 0);
+        EXPECT_EQ(m_storage.OldestRev(), 0);
         EXPECT_EQ(ReadIndexEntries(m_storage), EntriesInMemory(m_storage));
         EXPECT_EQ(EntriesInMemory(m_storage).front(), m_entries.front());
         EXPECT_EQ(EntriesInMemory(m_storage).back(), m_entries.back());
@@ -49,24 +52,22 @@ class LoadThroughIndex : public ::testing::Test {
                               std::to_string(startOffset)))
             << m_log;
     }
-    void ExpectDropped(std::string_view warning) {
+    // `change` makes an index of which a load says this, and which it does not use.
+    void ExpectDropped(const std::function<void(IndexEntries&)>& change, std::string_view warning,
+                       i64 testFailedAt = 0) {
+        IndexEntries entries = m_entries;
+        change(entries);
+        LoadWith(entries);
         ExpectContent();
         EXPECT_TRUE(m_log.Has(K9SYS_LOG_WARNING, warning)) << m_log;
         EXPECT_GE(Loaded(), static_cast<std::size_t>(kCount));
+        if (testFailedAt != 0) {
+            const std::string text = "Index test failed at offset " + std::to_string(testFailedAt);
+            EXPECT_EQ(m_log.CodeOf(text), RC_NOT_FOUND) << m_log;
+        }
+        m_storage.Close();
     }
-    void ExpectTestFailedAt(i64 offset) {
-        ExpectContent();
-        EXPECT_EQ(m_log.CodeOf("Index test failed at offset " + std::to_string(offset)),
-                  RC_NOT_FOUND)
-            << m_log;
-        EXPECT_TRUE(m_log.Has(K9SYS_LOG_WARNING, kDoesNotFit)) << m_log;
-        EXPECT_EQ(Loaded(), static_cast<std::size_t>(kCount));
-    }
-
-    static constexpr std::string_view kDoesNotFit =
-        "Index does not fit the storage file; loading without it";
-    static constexpr std::string_view kLeadsAstray =
-        "Index does not lead to all kept records; loading without it";
+    void KeepAllInMemory() { m_storage.Use(std::string(kEachCommit) + "cache_type=AllInMem"); }
 
     TestStorage m_storage{SmallCache(2)};
     LogCapture m_log;
@@ -75,38 +76,26 @@ class LoadThroughIndex : public ::testing::Test {
 };
 
 TEST_F(LoadThroughIndex, ReadsTheLastBlocksOnly) {
-    ASSERT_EQ(m_storage.TryOpenAndLoad(), RC_OK);
+    LoadWith(m_entries);
     ExpectUsed(OffsetOf(18));
     EXPECT_EQ(Loaded(), 3U);
     EXPECT_EQ(EntriesInMemory(m_storage), m_entries);
     EXPECT_TRUE(m_log.Has("Index test started; cnt 18")) << m_log;
-}
-
-TEST_F(LoadThroughIndex, FindsTheOtherBlocksOnDisk) {
-    ASSERT_EQ(m_storage.TryOpenAndLoad(), RC_OK);
     ExpectEveryRange(m_storage, m_model, kCount);
 }
 
 TEST_F(LoadThroughIndex, ReadsEverythingWhenEverythingIsKept) {
-    m_storage.Use(std::string(kEachCommit) + "cache_type=AllInMem");
-    ASSERT_EQ(m_storage.TryOpenAndLoad(), RC_OK);
+    KeepAllInMemory();
+    LoadWith(m_entries);
     ExpectUsed(1056);
     EXPECT_EQ(Loaded(), 20U);
     EXPECT_TRUE(m_log.Has("Index test started; cnt 1")) << m_log;
 }
 
 TEST_F(LoadThroughIndex, OfAnotherBlockSizeReadsAsManyBytesAsTheCacheHolds) {
-    LoadWith(m_entries, 69);
-    ExpectUsed(OffsetOf(16));
-    m_storage.Close();
-    LoadWith(m_entries, 1000);
-    ExpectUsed(OffsetOf(20));
-}
-
-TEST_F(LoadThroughIndex, OfAnyBlockSizeThatIsNotZeroLoadsTheSame) {
-    for (const u32 size : {1U, 2U, 0x7FFFFFFFU, 0xFFFFFFFFU}) {
+    for (const auto& [size, first] : {std::pair{69U, 16}, {1000U, 20}, {1U, 1}, {0xFFFFFFFF, 20}}) {
         LoadWith(m_entries, size);
-        ExpectContent();
+        ExpectUsed(OffsetOf(first));
         m_storage.Close();
     }
 }
@@ -117,96 +106,62 @@ TEST_F(LoadThroughIndex, WithGapsBetweenItsEntriesLoadsTheSame) {
     ExpectEveryRange(m_storage, m_model, kCount);
 }
 
-TEST_F(LoadThroughIndex, WithoutEntriesReadsTheWholeFile) {
+TEST_F(LoadThroughIndex, WithoutEntriesOrWithoutItReadsTheWholeFile) {
     LoadWith({});
     ExpectContent();
-    EXPECT_EQ(Loaded(), 20U);
+    m_storage.Close();
+    ASSERT_TRUE(platform::RemoveFile(IndexPath(m_storage)));
+    ASSERT_EQ(m_storage.TryOpenAndLoad(), RC_OK);
+    ExpectContent();
+    EXPECT_EQ(Loaded(), 2 * 20U);
     EXPECT_EQ(m_log.CountContaining("Index test"), 0U);
 }
 
-TEST_F(LoadThroughIndex, WithASizeFieldOfZeroLoadsWithoutIt) {
+TEST_F(LoadThroughIndex, ThatDoesNotFitTheFileIsDropped) {
     LoadWith(m_entries, 0);
-    ExpectDropped(kDoesNotFit);
-}
-
-TEST_F(LoadThroughIndex, WithAnOffsetBeyondTheFileLoadsWithoutIt) {
+    ExpectContent();
+    EXPECT_TRUE(m_log.Has(K9SYS_LOG_WARNING, kDoesNotFit)) << m_log;
+    m_storage.Close();
     for (const i64 offset : {OffsetOf(21), OffsetOf(21) - 23, kMaxI64}) {
-        m_entries.back().second = offset;
-        WriteIndex(m_storage, m_entries);
-        m_log.Clear();
-        ASSERT_EQ(m_storage.TryOpenAndLoad(), RC_OK);
-        EXPECT_TRUE(m_log.Has(K9SYS_LOG_WARNING, kDoesNotFit)) << offset;
-        EXPECT_EQ(ModelOf(m_storage.Records()), m_model);
-        m_storage.Close();
+        ExpectDropped([=](auto& entries) { entries.back().second = offset; }, kDoesNotFit);
     }
-}
-
-TEST_F(LoadThroughIndex, WithAnOffsetBeforeTheFirstItemLoadsWithoutIt) {
-    const auto first = m_entries.front();
     for (const i64 offset : {0, 1024, 1055}) {
-        m_entries.front().second = offset;
-        WriteIndex(m_storage, m_entries);
-        m_log.Clear();
-        ASSERT_EQ(m_storage.TryOpenAndLoad(), RC_OK);
-        EXPECT_TRUE(m_log.Has(K9SYS_LOG_WARNING, kDoesNotFit)) << offset;
-        EXPECT_EQ(EntriesInMemory(m_storage).front(), first);
-        m_storage.Close();
+        ExpectDropped([=](auto& entries) { entries.front().second = offset; }, kDoesNotFit);
     }
 }
 
-TEST_F(LoadThroughIndex, WithAWrongFirstRevisionLoadsWithoutIt) {
-    m_entries.erase(m_entries.begin());
-    m_entries.front() = {3, OffsetOf(2)};
-    m_entries.erase(m_entries.begin() + 1);
-    WriteIndex(m_storage, m_entries);
-    m_entries.front() = {1, OffsetOf(1)};
-    ASSERT_EQ(m_storage.TryOpenAndLoad(), RC_OK);
-    ExpectTestFailedAt(OffsetOf(2));
+TEST_F(LoadThroughIndex, WhoseTestFailsIsDropped) {
+    ExpectDropped(
+        [](auto& entries) {
+            entries.erase(entries.begin(), entries.begin() + 3);
+            entries.insert(entries.begin(), {3, OffsetOf(2)});
+        },
+        kDoesNotFit, OffsetOf(2));
+    ExpectDropped(
+        [](auto& entries) {
+            entries.erase(entries.begin() + 9);
+            entries.at(9).first -= 1;
+        },
+        kDoesNotFit, OffsetOf(11));
+    ExpectDropped([](auto& entries) { entries.at(17).second += 24; }, kDoesNotFit,
+                  OffsetOf(18) + 24);
+    KeepAllInMemory();
+    ExpectDropped([](auto& entries) { entries.front().second += 24; }, kDoesNotFit,
+                  OffsetOf(1) + 24);
 }
 
-TEST_F(LoadThroughIndex, WithAWrongFirstRevisionLoadsWithoutItAlsoWhenEverythingIsKept) {
-    m_storage.Use(std::string(kEachCommit) + "cache_type=AllInMem");
-    m_entries.front().second = OffsetOf(1) + 24;
-    WriteIndex(m_storage, m_entries);
-    m_entries.front().second = OffsetOf(1);
-    ASSERT_EQ(m_storage.TryOpenAndLoad(), RC_OK);
-    ExpectTestFailedAt(OffsetOf(1) + 24);
-}
-
-TEST_F(LoadThroughIndex, WithAnEntryThatPointsToAnotherRevisionLoadsWithoutIt) {
-    m_entries.erase(m_entries.begin() + 9);
-    m_entries.at(9).first -= 1;
-    LoadWith(m_entries);
-    ExpectTestFailedAt(OffsetOf(11));
-}
-
-TEST_F(LoadThroughIndex, WithAWrongStartEntryLoadsWithoutIt) {
-    m_entries.at(17).second += 24;
-    LoadWith(m_entries);
-    ExpectTestFailedAt(OffsetOf(18) + 24);
-}
-
-TEST_F(LoadThroughIndex, WithoutItsFirstEntriesLoadsWithoutIt) {
-    LoadWith(IndexEntries(m_entries.begin() + 1, m_entries.end()));
-    ExpectDropped(kLeadsAstray);
-}
-
-TEST_F(LoadThroughIndex, WithoutItsFirstEntriesLoadsWithoutItAlsoWhenEverythingIsKept) {
-    m_storage.Use(std::string(kEachCommit) + "cache_type=AllInMem");
-    LoadWith(IndexEntries(m_entries.begin() + 5, m_entries.end()));
-    ExpectDropped(kLeadsAstray);
-}
-
-TEST_F(LoadThroughIndex, WithItsLastEntryAloneLoadsWithoutIt) {
-    LoadWith({m_entries.back()});
-    ExpectDropped(kLeadsAstray);
+TEST_F(LoadThroughIndex, ThatHidesRecordsIsDropped) {
+    ExpectDropped([](auto& entries) { entries.erase(entries.begin()); }, kLeadsAstray);
+    ExpectDropped([](auto& entries) { entries = {entries.back()}; }, kLeadsAstray);
+    KeepAllInMemory();
+    ExpectDropped([](auto& entries) { entries.erase(entries.begin(), entries.begin() + 5); },
+                  kLeadsAstray);
 }
 
 // The last commit block is torn off, and the index begins where only its records are left.
-TEST_F(LoadThroughIndex, ThatLeadsToNoCommitBlockLoadsWithoutIt) {
+TEST_F(LoadThroughIndex, ThatLeadsToNoCommitBlockIsDropped) {
     ResizeFile(m_storage.Path(), OffsetOf(21) - 32);
-    WriteIndex(m_storage, m_entries, 1'000'000);
-    ASSERT_EQ(m_storage.TryOpenAndLoad(), RC_OK);
+    LoadWith(m_entries, 1'000'000);
     EXPECT_TRUE(m_log.Has("Try to delete index file")) << m_log;
     EXPECT_TRUE(m_log.Has(K9SYS_LOG_WARNING, kLeadsAstray)) << m_log;
     m_model.erase(20);
@@ -216,16 +171,14 @@ TEST_F(LoadThroughIndex, ThatLeadsToNoCommitBlockLoadsWithoutIt) {
     EXPECT_EQ(ReadIndexEntries(m_storage), m_entries);
 }
 
-TEST_F(LoadThroughIndex, OfAnEmptyFileLoadsWithoutIt) {
+TEST_F(LoadThroughIndex, OfAFileWithoutItsRecordsIsDropped) {
     FileBuilder().NewFile().Zeros(500).Save(m_storage.Path());
     LoadWith({{1, 1056}});
     EXPECT_TRUE(m_log.Has(K9SYS_LOG_WARNING, "Empty file detected with non-empty index"));
     EXPECT_TRUE(m_storage.Records().empty());
     EXPECT_EQ(m_storage.NextRev(), 1);
     EXPECT_TRUE(ReadIndexEntries(m_storage).empty());
-}
-
-TEST_F(LoadThroughIndex, ThatBeginsBelowTheFilesLowestRevisionLoadsWithoutIt) {
+    m_storage.Close();
     FileBuilder().Header().Commit(0, 5).Record(3, "below").Commit(0, 6).Save(m_storage.Path());
     LoadWith({{3, 1056}});
     EXPECT_TRUE(m_log.Has(K9SYS_LOG_WARNING, "Revision check failed before load")) << m_log;
@@ -233,39 +186,16 @@ TEST_F(LoadThroughIndex, ThatBeginsBelowTheFilesLowestRevisionLoadsWithoutIt) {
     EXPECT_EQ(m_storage.NextRev(), 6);
 }
 
-TEST_F(LoadThroughIndex, OfAnotherStorageLoadsWithoutIt) {
-    TestStorage other(SmallCache(2));
-    other.InsertMany(200);
-    WriteBytes(IndexPath(m_storage), ReadBytes(IndexPath(other)));
-    ASSERT_EQ(m_storage.TryOpenAndLoad(), RC_OK);
-    ExpectContent();
-}
-
-TEST_F(LoadThroughIndex, ThatIsMissingReadsTheWholeFile) {
-    ASSERT_TRUE(platform::RemoveFile(IndexPath(m_storage)));
-    ASSERT_EQ(m_storage.TryOpenAndLoad(), RC_OK);
-    ExpectContent();
-    EXPECT_EQ(Loaded(), 20U);
-}
-
-// --- Damaged index files
-
-TEST_F(LoadThroughIndex, CutAnywhereLoadsTheSame) {
-    const std::vector<u8> bytes = IndexBytes({m_entries.begin(), m_entries.begin() + 5});
-    for (std::size_t size = 0; size < bytes.size(); ++size) {
-        WriteBytes(IndexPath(m_storage), {bytes.data(), size});
-        ASSERT_EQ(m_storage.TryOpenAndLoad(), RC_OK) << size;
-        ExpectContent();
-        m_storage.Close();
-        ASSERT_FALSE(HasFailure()) << size;
-    }
-}
-
-TEST_F(LoadThroughIndex, WithAnyBitFlippedLoadsTheSame) {
+// Cut anywhere and with any bit turned over.
+TEST_F(LoadThroughIndex, WhoseFileIsDamagedLoadsTheSame) {
     const std::vector<u8> good = IndexBytes({m_entries.begin(), m_entries.begin() + 3});
     for (std::size_t bit = 0; bit < good.size() * 8; bit += RunsAsynchronously() ? 23 : 1) {
         std::vector<u8> bytes = good;
-        bytes[bit / 8] = static_cast<u8>(bytes[bit / 8] ^ (1U << bit % 8));
+        if (bit % 8 == 0) {
+            bytes.resize(bit / 8);
+        } else {
+            bytes[bit / 8] = static_cast<u8>(bytes[bit / 8] ^ (1U << bit % 8));
+        }
         WriteBytes(IndexPath(m_storage), bytes);
         m_log.Clear();
         ASSERT_EQ(m_storage.TryOpenAndLoad(), RC_OK) << bit;
@@ -275,29 +205,118 @@ TEST_F(LoadThroughIndex, WithAnyBitFlippedLoadsTheSame) {
     }
 }
 
-// --- What it saves
+// --- After a clear into a gap: the index begins above the clear revision -------------------------
 
-TEST(LoadOfALargeFile, ReadsOnlyItsTailThroughAnIndex) {
-    ReadMeter meter;
-    TestStorage storage(
-        "block_size=100000;cache_type=Last2;flush_mode=PerTrans;"
-        "flush_trans_num=1;read_buffers_count=1");
-    for (u32 n = 0; n < 200; ++n) {
-        ASSERT_EQ(storage.Insert(std::string(49000, 'x')), RC_OK);
+// Blocks of one record each: 1 to 5, then, behind a gap, 11 to 20.
+class LoadBehindAGap : public ::testing::Test {
+  protected:
+    LoadBehindAGap() {
+        for (i64 rev = 1; rev <= 20; rev += rev == 5 ? 6 : 1) {
+            EXPECT_EQ(m_storage.InsertP(rev, OneBlock(std::to_string(rev))), RC_OK);
+        }
     }
-    storage.Reopen();  // saves the whole index
-    storage.Close();
-    meter.Restart();
-    ASSERT_EQ(storage.TryOpenAndLoad(), RC_OK);
-    const u64 withIndex = meter.Bytes();
-    EXPECT_GT(withIndex, 3U * 98000);
-    EXPECT_LT(withIndex, 3U * 100000 + 20000);
-    storage.Close();
-    ASSERT_TRUE(platform::RemoveFile(IndexPath(storage)));
-    meter.Restart();
-    ASSERT_EQ(storage.TryOpenAndLoad(), RC_OK);
-    EXPECT_GT(meter.Bytes(), 200U * 49000);
+
+    TestStorage m_storage{SmallCache(2)};
+    LogCapture m_log;
+};
+
+TEST_F(LoadBehindAGap, UsesTheIndexWhenNoRecordLiesInTheGap) {
+    ASSERT_EQ(m_storage.Clear(8, kLogical), RC_OK);
+    m_storage.Reopen();  // makes the index afresh
+    m_log.Clear();
+    m_storage.Reopen();
+    EXPECT_FALSE(m_log.Has(kLeadsAstray)) << m_log;
+    EXPECT_EQ(m_log.CountContaining("Loaded rec;rev "), 3U) << m_log;
+    EXPECT_EQ(RevsOf(m_storage.Records()), RevRange(11, 20));
+    EXPECT_EQ(m_storage.OldestRev(), 8);
 }
+
+TEST_F(LoadBehindAGap, LoadsWithoutTheIndexWhenARecordLiesThere) {
+    ASSERT_EQ(m_storage.Clear(5, kLogical), RC_OK);
+    m_storage.Close();
+    IndexEntries entries = ReadIndexEntries(m_storage);
+    ASSERT_EQ(entries.front().first, 5);
+    entries.erase(entries.begin());
+    WriteIndex(m_storage, entries);
+    ASSERT_EQ(m_storage.TryOpenAndLoad(), RC_OK);
+    EXPECT_TRUE(m_log.Has(K9SYS_LOG_WARNING, kLeadsAstray)) << m_log;
+    EXPECT_EQ(RevsOf(m_storage.Records()), Revs({5, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20}));
+}
+
+// --- An index that is older than the last clear, over a damaged file -----------------------------
+
+// A closed storage of 12 records, two in each block, cleared to revision 4, with the index of
+// before the clear. The second block begins with the record 3, which is cleared, and goes on with
+// the first one that is kept.
+class LoadWithAStaleIndex : public ::testing::Test {
+  protected:
+    LoadWithAStaleIndex() {
+        for (i64 rev = 1; rev <= 12; ++rev) {
+            EXPECT_EQ(m_storage.Insert(ClearableStorage::TextOf(rev)), RC_OK);
+        }
+        m_storage.Reopen();  // saves the whole index
+        m_fourth = EntriesInMemory(m_storage).at(1).second + 64 + kCommitBlockSize;
+        m_stale = ReadBytes(IndexPath(m_storage));
+        EXPECT_EQ(m_storage.Clear(4, kLogical), RC_OK);
+        m_storage.Close();
+        WriteBytes(IndexPath(m_storage), m_stale);
+        m_log.Clear();
+    }
+    // The size of the record 4.
+    void DamageTheFirstKeptRecord() {
+        std::vector<u8> bytes = ReadBytes(m_storage.Path());
+        bytes.at(static_cast<std::size_t>(m_fourth) + kSignatureSize) ^= 0x80;
+        WriteBytes(m_storage.Path(), bytes);
+    }
+
+    const ScopedSystemCalls m_systemCalls;
+    TestStorage m_storage{SmallCache(1)};
+    i64 m_fourth = 0;  // file offset of the record
+    std::vector<u8> m_stale;
+    LogCapture m_log;
+};
+
+TEST_F(LoadWithAStaleIndex, LoadsWithoutItWhenTheBlockOfTheClearRevisionIsDamaged) {
+    DamageTheFirstKeptRecord();
+    ASSERT_EQ(m_storage.TryOpenAndLoad(), RC_OK) << m_log;
+    EXPECT_TRUE(
+        m_log.Has(K9SYS_LOG_WARNING, "Load with the index failed; loading without it;code 3"))
+        << m_log;
+    EXPECT_EQ(RevsOf(m_storage.Records()), RevRange(1, 3)) << "as far as the file is sound";
+    EXPECT_EQ(m_storage.NextRev(), 4);
+    m_storage.InsertCommitted({"four"});
+    m_storage.Reopen();
+    EXPECT_EQ(RevsOf(m_storage.Records()), RevRange(1, 4));
+}
+
+TEST_F(LoadWithAStaleIndex, LoadsWithoutItInMemoryToo) {
+    DamageTheFirstKeptRecord();
+    m_storage.Use("cache_type=AllInMem;flush_mode=NoFlush;file=" + m_storage.Path() +
+                  ";index_file=" + IndexPath(m_storage));
+    ASSERT_EQ(m_storage.TryOpenAndLoad(), RC_OK) << m_log;
+    EXPECT_EQ(RevsOf(m_storage.Records()), RevRange(1, 3));
+}
+
+TEST_F(LoadWithAStaleIndex, FailsWhenTheSystemFails) {
+    ASSERT_EQ(m_storage.TryOpen(), RC_OK);
+    const u32 before = CallCount(SystemCall::kRead);
+    ASSERT_EQ(m_storage.TryLoad(), RC_OK);
+    const u32 reads = CallCount(SystemCall::kRead) - before;
+    EXPECT_EQ(RevsOf(m_storage.Records()), RevRange(4, 12)) << "a sound file loads through it";
+    EXPECT_EQ(m_log.CountContaining("loading without it"), 0U) << m_log;
+    m_storage.Close();
+    WriteBytes(IndexPath(m_storage), m_stale);
+    m_log.Clear();
+    ASSERT_EQ(m_storage.TryOpen(), RC_OK);
+    Fail(SystemCall::kRead, reads - 1,  // behind it the old index is read
+         SystemErrorKind::kInputOutput);
+    ASSERT_EQ(m_storage.TryLoad(), RC_SYSTEM_ERROR) << m_log;
+    EXPECT_EQ(m_log.CountContaining("Load with the index failed"), 0U) << m_log;
+    EXPECT_EQ(m_storage.TryLoad(), RC_OK);
+    EXPECT_EQ(RevsOf(m_storage.Records()), RevRange(4, 12));
+}
+
+// --- What it saves -------------------------------------------------------------------------------
 
 TEST(LoadOfALargeFile, HoldsNoMoreThanItsCacheWithoutAnIndex) {
     std::optional<BlockMeter> meter(1000);
