@@ -52,10 +52,10 @@ build_by_pkg_config() {
 }
 
 run_clients() {
-    local conn="file=$work/data.edb" printed
-    printed="$("$work/build/client_c" "$conn")"
+    local file="$work/data.edb" printed
+    printed="$("$work/build/client_c" "file=$file")"
     [ "$printed" = $'1: hello\n2: replicated world' ] || fail "the C program printed: $printed"
-    printed="$("$work/build/client_cpp" "$conn")"
+    printed="$("$work/build/client_cpp" "$file")"
     [ "$printed" = $'hello\nreplicated world' ] || fail "the C++ program printed: $printed"
 }
 

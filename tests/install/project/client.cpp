@@ -1,22 +1,15 @@
 // A C++ client that is linked with both libraries: it lets only errors be logged and prints what
 // the storage holds.
-#include <k9erepl/storage.h>
 #include <k9sys/k9sys.h>
 
-#include <cstdio>
+#include <iostream>
+#include <k9erepl/storage.hpp>
 
 int main(int argc, char** argv) {
     K9SysSetLogLevels("error");
-    void* storage = nullptr;
-    if (argc != 2 || K9eReplStorageOpen(argv[1], &storage) != RC_OK ||
-        K9eReplStorageLoad(storage) != RC_OK) {
-        return 1;
+    const auto settings = k9erepl::Settings().File(argc > 1 ? argv[1] : "");
+    const auto storage = k9erepl::Storage::Open(settings).Value();
+    for (const k9erepl::Record& record : storage.Records()) {
+        std::cout << record.Text() << '\n';
     }
-    const auto print = [](const K9eReplRec* rec, void*) -> uint32_t {
-        std::printf("%.*s\n", static_cast<int>(rec->dataSize),
-                    reinterpret_cast<const char*>(rec->data));
-        return 0;
-    };
-    const bool read = K9eReplStorageEnumRecords(storage, 1, INT64_MAX, print, nullptr) == RC_OK;
-    return read && K9eReplStorageClose(storage) == RC_OK ? 0 : 1;
 }
