@@ -59,29 +59,45 @@ std::string LineOf(const RowResult& row, const ContenderResult& contender, doubl
     return line;
 }
 
-}  // namespace
-
-std::string MarkdownReport(const Report& report) {
-    const std::vector<std::string> peers = PeersOf(report);
-    std::string text = "| Work | Unit | Limit | This library (p10 to p90) | × limit | Mark |";
+std::string HeadOf(const std::vector<std::string>& peers) {
+    std::string head = "| Work | Unit | Limit | This library (p10 to p90) | × limit | Mark |";
     std::string rule = "|---|---|---|---|---|---|";
     for (const std::string& peer : peers) {
-        text += fmt::format(" {}, × limit |", peer);
+        head += fmt::format(" {}, × limit |", peer);
         rule += "---|";
     }
-    text += "\n" + rule + "\n";
+    return head + "\n" + rule + "\n";
+}
+
+// The lines of the rows that have marks or of those that have none.
+std::string LinesOf(const Report& report, bool withMarks, const std::vector<std::string>& peers) {
+    std::string lines;
     for (const RowResult& row : report.rows) {
         double limit = 0;
         for (const ContenderResult& contender : row.contenders) {
             limit = contender.role == Role::kLimit ? contender.median : limit;
-            if (contender.role == Role::kOurs || contender.role == Role::kVariant) {
-                text += LineOf(row, contender, limit, peers) + "\n";
+            if (row.marks.empty() != withMarks &&
+                (contender.role == Role::kOurs || contender.role == Role::kVariant)) {
+                lines += LineOf(row, contender, limit, peers) + "\n";
             }
         }
     }
-    text += fmt::format("\nMedians of {} rounds{}.\n", report.rounds,
-                        report.quick ? " with a tenth of the work" : "");
-    return text;
+    return lines;
+}
+
+}  // namespace
+
+std::string MarkdownReport(const Report& report) {
+    const std::vector<std::string> peers = PeersOf(report);
+    std::string text;
+    // Most rows that have no mark say how the cost grows: a table of their own.
+    for (const bool withMarks : {true, false}) {
+        const std::string rows = LinesOf(report, withMarks, peers);
+        text += rows.empty() || text.empty() ? "" : "\n";
+        text += rows.empty() ? "" : HeadOf(peers) + rows;
+    }
+    return text + fmt::format("\nMedians of {} rounds{}.\n", report.rounds,
+                              report.quick ? " with a tenth of the work" : "");
 }
 
 }  // namespace k9erepl::bench

@@ -1,8 +1,10 @@
-// The rows that open and load storages of several sizes, each with its last 100 MiB in memory.
+// The rows that open and load storages of several sizes, each with its last 100 MiB in memory, and
+// that then read ranges from the other part of the file.
 #include <fmt/format.h>
 
 #include <filesystem>
-#include <fstream>
+#include <memory>
+#include <random>
 
 #include "compare/posix/process.h"
 #include "compare/posix/raw_file.h"
@@ -15,13 +17,19 @@ namespace {
 
 constexpr u32 kLongPiece = 10u << 20;  // bytes of one read of the load scan
 constexpr i64 kBlocks = 100;
+constexpr i64 kInRange = 100;
+constexpr int kVisits = 30;
 constexpr const char* kSettings = "flush_mode=PerTrans;flush_trans_num=10;cache_type=Last100";
 
 // A storage file that all measurements of a row open; no measurement changes it.
 class PreparedFile {
   public:
-    // Fills the file in a process of its own. Its last 100 blocks begin a part of their own.
+    // Fills the file, unless that is done, in a process of its own. Its last 100 blocks begin a
+    // part of their own.
     void Fill(const std::string& folder, i64 records) {
+        if (m_file != nullptr) {
+            return;
+        }
         m_file = std::make_unique<BenchFile>(folder);
         const auto filled = RunInChild([&] {
             Require(K9eReplStorageCreate(ConnStr().c_str(), K9EREPL_CREATE_NEW) == RC_OK,
@@ -104,35 +112,87 @@ double Reopen(const PreparedFile& prepared) {
     return took;
 }
 
+// Calls `read` with random places up to `last`; returns the median in microseconds.
+double TimeVisits(u64 last, const std::function<void(u64)>& read) {
+    std::mt19937 random(1);
+    std::uniform_int_distribution<u64> places(1, last);
+    return MedianOf(kVisits, [&] {
+        const u64 place = places(random);
+        const Stopwatch watch;
+        read(place);
+        return watch.Microseconds();
+    });
+}
+
+double ExactVisits(const PreparedFile& prepared) {
+    RawFile file(prepared.Path(), RawFile::Mode::kRead);
+    u8 range[kInRange * kRecordSize];
+    return TimeVisits(prepared.LastBlocks() - sizeof(range),
+                      [&](u64 offset) { file.ReadAt(range, sizeof(range), offset); });
+}
+
+double Visits(const PreparedFile& prepared, i64 records) {
+    BenchHandle storage(prepared.ConnStr());
+    storage.Load();
+    const i64 inMemory = kBlocks * RecordsInBlock(kDataSize);
+    return TimeVisits(static_cast<u64>(records - inMemory - kInRange),
+                      [&](u64 rev) { Enumerate(storage.Get(), static_cast<i64>(rev), kInRange); });
+}
+
+struct FileSize {
+    const char* name;  // in GB
+    i64 records;
+};
+
+Row RowOf(const Context& context, const FileSize& size,
+          const std::shared_ptr<PreparedFile>& prepared) {
+    Row row;
+    row.prepare = [prepared, records = size.records, folder = context.memoryFolder] {
+        prepared->Fill(folder, records);
+    };
+    return row;
+}
+
+Row ReopenRow(const Context& context, const FileSize& size,
+              const std::shared_ptr<PreparedFile>& prepared) {
+    Row row = RowOf(context, size, prepared);
+    row.id = fmt::format("reopen-{}", size.name);
+    row.title = fmt::format("reopen a file of {} GB, 100 MiB into memory", size.name);
+    row.unit = "ms";
+    row.limit = "read(2), walk and copy into fresh memory";
+    row.contenders = {{"limit", Role::kLimit, [prepared] { return ReadWalkAndCopy(*prepared); }},
+                      {"this library", Role::kOurs, [prepared] { return Reopen(*prepared); }}};
+    row.marks = {{Mark::Kind::kTimesLimit, 1.1, ""}};
+    return row;
+}
+
+Row VisitRow(const Context& context, const FileSize& size,
+             const std::shared_ptr<PreparedFile>& prepared) {
+    Row row = RowOf(context, size, prepared);
+    row.id = fmt::format("file-{}", size.name);
+    row.title = fmt::format("range of 100, first visits in a file of {} GB", size.name);
+    row.unit = "µs a range";
+    row.limit = "one pread(2) of as many bytes";
+    row.contenders = {{"limit", Role::kLimit, [prepared] { return ExactVisits(*prepared); }},
+                      {"this library", Role::kOurs,
+                       [=, records = size.records] { return Visits(*prepared, records); }}};
+    return row;
+}
+
 }  // namespace
 
 void AddReopenRows(const Context& context, Rows* rows) {
-    struct Case {
-        const char* name;
-        i64 records;
-    };
-    std::vector<Case> cases = {{"0.1", 950'000}};
+    std::vector<FileSize> sizes = {{"0.1", 950'000}};
     if (!context.quick) {
-        cases.push_back({"1", 8'000'000});
+        sizes.push_back({"1", 8'000'000});
     }
     if (context.big) {
-        cases.push_back({"5", 40'000'000});
+        sizes.push_back({"5", 40'000'000});
     }
-    for (const auto& [name, records] : cases) {
+    for (const FileSize& size : sizes) {
         const auto prepared = std::make_shared<PreparedFile>();
-        Row row;
-        row.id = fmt::format("reopen-{}", name);
-        row.title = fmt::format("reopen a file of {} GB, 100 MiB into memory", name);
-        row.unit = "ms";
-        row.limit = "read(2), walk and copy into fresh memory";
-        row.prepare = [prepared, records = records, folder = context.memoryFolder] {
-            prepared->Fill(folder, records);
-        };
-        row.contenders = {
-            {"limit", Role::kLimit, [prepared] { return ReadWalkAndCopy(*prepared); }},
-            {"this library", Role::kOurs, [prepared] { return Reopen(*prepared); }}};
-        row.marks = {{Mark::Kind::kTimesLimit, 1.1, ""}};
-        rows->push_back(std::move(row));
+        rows->push_back(ReopenRow(context, size, prepared));
+        rows->push_back(VisitRow(context, size, prepared));
     }
 }
 
