@@ -47,9 +47,7 @@ std::optional<u32> AsyncCalls::ThreadResult() {
 
 void* AsyncCalls::CreateEvent() {
     void* const event = Below().createEvent();
-    if (m_eventsMade < m_events.size()) {
-        m_events.at(m_eventsMade++) = event;
-    }
+    m_events.at(m_eventsMade++ % m_events.size()) = event;  // those of the latest writer
     return event;
 }
 
@@ -107,6 +105,7 @@ i64 AsyncCalls::WriteFile(platform::NativeFile file, const void* data, u32 size)
 void* AsyncCalls::CreateThread(platform::ThreadBody body, void* argument) {
     m_body = body;
     m_argument = argument;
+    m_threadResult.reset();  // of a thread that has ended
     return Below().createThread(RunBody, this);
 }
 

@@ -1,5 +1,7 @@
 // Making and ending the asynchronous writer: every step that can fail, the thread's affinity, the
-// last writes, and a thread that does not end.
+// last writes, and a thread that does not end. The clients' waits for the writing thread: how long,
+// what ends them, and what a wait that was given up leaves behind. Nobody here waits in earnest for
+// a time-out.
 #include <gtest/gtest.h>
 #include <k9sys/k9sys.h>
 
@@ -47,6 +49,7 @@ class AsyncEnd : public AsyncWriterTest {
     // The thread, which waits for work, does not hear of the end.
     void MakeDeaf() {
         RunAll();
+        m_calls.RefuseToSet(WriterEvent::kNewTask, 0);
         ASSERT_EQ(Async().CompleteAsyncTasks(), RC_OK);
         m_calls.RefuseToSet(WriterEvent::kNewTask, 9);
     }
@@ -54,10 +57,6 @@ class AsyncEnd : public AsyncWriterTest {
 
 // A writer that a thread may still use: never freed, and no leak.
 AsyncStorageWriter* g_abandoned = nullptr;
-
-}  // namespace
-
-// --- Making ----------------------------------------------------------------------------------
 
 TEST_F(AsyncConstruction, WithoutAStateIsAnInvalidArgument) {
     try {
@@ -77,25 +76,36 @@ TEST_F(AsyncConstruction, WithoutItsFileFails) {
     EXPECT_EQ(CallCount(SystemCall::kCreateThread), 0U);
 }
 
-TEST_F(AsyncConstruction, WithoutMemoryForTheBufferFails) {
+TEST_F(AsyncConstruction, WithoutWhatItNeedsFails) {
+    const struct {
+        SystemCall call;
+        u32 nth;
+        std::vector<std::string> errors;
+        std::vector<u32> exitCodes;  // with which a thread is ended
+        u32 affinity = 0;
+    } faults[] = {
+        {SystemCall::kCreateEvent, 1, {"Cannot create async task event"}, {}},
+        {SystemCall::kCreateEvent,
+         2,
+         {"Cannot create new task event", "Cannot init async queue task"},
+         {}},
+        {SystemCall::kCreateEvent, 3, {"Cannot create release block event"}, {}},
+        {SystemCall::kCreateThread, 1, {kNoThread}, {}},
+        {SystemCall::kSetAffinity, 1, {kNoThread}, {1}, 1},
+        {SystemCall::kResumeThread, 1, {kNoThread}, {1, 1}},
+    };
+    for (const auto& fault : faults) {
+        m_log.Clear();
+        m_options.affinity = fault.affinity;
+        Fail(fault.call, fault.nth);
+        ExpectFails(fault.errors, RC_SYSTEM_ERROR);
+        EXPECT_EQ(m_calls.ExitCodesGiven(), fault.exitCodes);
+        EXPECT_EQ(m_calls.ThreadResult(), std::nullopt);
+    }
+    m_log.Clear();
     m_options.bufferCapacity = 16385;
     FailAlloc(1, 16385);
     ExpectFails({"malloc failed"}, RC_NO_MEMORY);
-}
-
-TEST_F(AsyncConstruction, WithoutTheCompleteEventFails) {
-    FailCreateEvent(1);
-    ExpectFails({"Cannot create async task event"}, RC_SYSTEM_ERROR);
-}
-
-TEST_F(AsyncConstruction, WithoutTheNewTaskEventFails) {
-    FailCreateEvent(2);
-    ExpectFails({"Cannot create new task event", "Cannot init async queue task"}, RC_SYSTEM_ERROR);
-}
-
-TEST_F(AsyncConstruction, WithoutTheReleaseEventFails) {
-    FailCreateEvent(3);
-    ExpectFails({"Cannot create release block event"}, RC_SYSTEM_ERROR);
 }
 
 TEST_F(AsyncConstruction, WithoutMemoryForTheThreadRecordFails) {
@@ -104,22 +114,9 @@ TEST_F(AsyncConstruction, WithoutMemoryForTheThreadRecordFails) {
     K9SysSetParserMemLimit(SIZE_MAX);
 }
 
-TEST_F(AsyncConstruction, WithoutAThreadFails) {
-    FailCreateThread(1);
-    ExpectFails({kNoThread}, RC_SYSTEM_ERROR);
-    EXPECT_EQ(m_calls.ExitCodesGiven(), std::vector<u32>{});
-}
-
 TEST_F(AsyncConstruction, WhoseAffinityCannotBeSetEndsTheThreadWith1) {
     m_options.affinity = 1;
     Fail(SystemCall::kSetAffinity, 1);
-    ExpectFails({kNoThread}, RC_SYSTEM_ERROR);
-    EXPECT_EQ(m_calls.ExitCodesGiven(), std::vector<u32>{1});
-    EXPECT_EQ(m_calls.ThreadResult(), std::nullopt);
-}
-
-TEST_F(AsyncConstruction, WhoseThreadCannotBeResumedEndsItWith1) {
-    Fail(SystemCall::kResumeThread, 1);
     ExpectFails({kNoThread}, RC_SYSTEM_ERROR);
     EXPECT_EQ(m_calls.ExitCodesGiven(), std::vector<u32>{1});
     EXPECT_EQ(m_calls.ThreadResult(), std::nullopt);
@@ -147,15 +144,6 @@ TEST_F(AsyncConstruction, WithoutAnyOfItsObjectsFails) {
     EXPECT_TRUE(log.HasError("malloc failed", RC_NO_MEMORY));
 }
 
-TEST_F(AsyncConstruction, SetsNoAffinityUnlessOneIsAskedFor) {
-    Async();
-    EXPECT_EQ(m_calls.Affinities(), std::vector<u64>{});
-    CloseWriter();
-    m_options.affinity = 3;
-    Async();
-    EXPECT_EQ(m_calls.Affinities(), std::vector<u64>{3});
-}
-
 TEST_F(AsyncConstruction, BeginsWritingAtTheRecordedSize) {
     const AsyncStorageWriter& writer =
         *(m_async = std::make_unique<AsyncStorageWriter>(&m_state, m_options));
@@ -165,33 +153,21 @@ TEST_F(AsyncConstruction, BeginsWritingAtTheRecordedSize) {
     EXPECT_EQ(FileLength(), kNewFileSize + 10);
 }
 
-// --- Ending ----------------------------------------------------------------------------------
-
-TEST_F(AsyncEnd, WritesWhatIsQueued) {
-    QueueRecord(1, 2000);
-    QueueRecord(2, 3000);
-    CloseWriter();
-    EXPECT_EQ(Items(m_path), "C0 R1 C1 R2 C2");
-    EXPECT_EQ(m_blocks.back().Pending(), 0);
-}
-
-TEST_F(AsyncEnd, StopsTheThread) {
-    Async();
-    CloseWriter();
-    EXPECT_EQ(m_calls.ThreadResult(), RC_OK);
-    EXPECT_EQ(m_calls.JoinTimeouts(), std::vector<u32>{kAsyncWaitMs});
-    EXPECT_TRUE(m_log.Has(K9SYS_LOG_INFO, "Writing thread received stop task")) << m_log;
-    EXPECT_TRUE(m_log.Has(K9SYS_LOG_INFO, "Writing thread processed stop task")) << m_log;
-    EXPECT_TRUE(m_log.Has(K9SYS_LOG_INFO, "Writing thread - exit")) << m_log;
-    EXPECT_EQ(CallCount(SystemCall::kClose), CallCount(SystemCall::kOpen));
-}
-
-TEST_F(AsyncEnd, GivesTheThreadRecordBack) {
+TEST_F(AsyncEnd, StopsTheThreadBehindWhatIsQueued) {
     const std::size_t parserMemory = K9SysParserMemInUse();
-    Async();
+    QueueRecord(1, 2000);
     EXPECT_GT(K9SysParserMemInUse(), parserMemory);
     CloseWriter();
+    EXPECT_EQ(Items(m_path), "C0 R1 C1");
+    EXPECT_EQ(Flushes(), 0U);
     EXPECT_EQ(K9SysParserMemInUse(), parserMemory);
+    EXPECT_EQ(m_calls.ThreadResult(), RC_OK);
+    EXPECT_EQ(m_calls.JoinTimeouts(), std::vector<u32>{kAsyncWaitMs});
+    for (const char* text : {"Writing thread received stop task",
+                             "Writing thread processed stop task", "Writing thread - exit"}) {
+        EXPECT_TRUE(m_log.Has(K9SYS_LOG_INFO, text)) << m_log;
+    }
+    EXPECT_EQ(CallCount(SystemCall::kClose), CallCount(SystemCall::kOpen));
 }
 
 TEST_F(AsyncEnd, ShutdownEndsOnce) {
@@ -213,18 +189,8 @@ TEST_F(AsyncEnd, ForcesTheFileToTheDiskOnceWithForceFlush) {
     EXPECT_EQ(Flushes(), 1U);
     EXPECT_TRUE(m_log.Has(K9SYS_LOG_INFO, "FlushFile flushedRev 5")) << m_log;
     EXPECT_LT(PlaceOf("Writing thread - exit"), PlaceOf("FlushFile flushedRev 5"));
-}
-
-TEST_F(AsyncEnd, ForcesNothingWithoutForceFlush) {
-    QueueRecord(5, 2000);
-    CloseWriter();
-    EXPECT_EQ(Flushes(), 0U);
-}
-
-TEST_F(AsyncEnd, SaysWhenForcingFails) {
-    m_state.forceFlush = true;
-    FailFlush(1);
     Async();
+    FailFlush(1);
     CloseWriter();
     ExpectError("FlushFileBuffers failed;" + SysErr(SystemErrorKind::kInputOutput),
                 RC_SYSTEM_ERROR);
@@ -238,30 +204,20 @@ TEST_F(AsyncEnd, ForcesNoFileThatIsClosed) {
     EXPECT_EQ(m_calls.ThreadResult(), RC_OK);
 }
 
-TEST_F(AsyncEnd, TerminatesAThreadThatDoesNotEndIn60SecondsWith20) {
-    MakeDeaf();
-    m_calls.EndNextJoin(WaitResult::kTimedOut);
-    CloseWriter();
-    ExpectError("K9ThreadWait() failed; terminating thread", RC_TIMEOUT);
-    EXPECT_EQ(m_calls.JoinTimeouts().front(), kAsyncWaitMs);
-    EXPECT_EQ(m_calls.ExitCodesGiven(), std::vector<u32>{20});
-    EXPECT_EQ(m_calls.ThreadResult(), std::nullopt);
-}
-
-TEST_F(AsyncEnd, TerminatesAThreadThatCannotBeWaitedForWith20) {
-    MakeDeaf();
-    m_calls.EndNextJoin(WaitResult::kFailed);
-    CloseWriter();
-    ExpectError("K9ThreadWait() failed; terminating thread", RC_SYSTEM_ERROR);
-    EXPECT_EQ(m_calls.ExitCodesGiven(), std::vector<u32>{20});
-}
-
-TEST_F(AsyncEnd, DropsWhatATerminatedThreadLeft) {  // the sanitizers look for leaks
-    MakeDeaf();
-    QueueRecord(1, 2000);
-    m_calls.EndNextJoin(WaitResult::kTimedOut);
-    CloseWriter();
-    EXPECT_EQ(Items(m_path), "C0");
+TEST_F(AsyncEnd, TerminatesAThreadThatDoesNotEndIn60SecondsAndDropsWhatItLeft) {
+    for (const bool timedOut : {true, false}) {
+        MakeDeaf();
+        QueueRecord(1, 2000);  // the sanitizers look for leaks
+        m_calls.EndNextJoin(timedOut ? WaitResult::kTimedOut : WaitResult::kFailed);
+        m_log.Clear();
+        CloseWriter();
+        ExpectError("K9ThreadWait() failed; terminating thread",
+                    timedOut ? RC_TIMEOUT : RC_SYSTEM_ERROR);
+        EXPECT_EQ(m_calls.JoinTimeouts().front(), kAsyncWaitMs);
+        EXPECT_EQ(m_calls.ExitCodesGiven().back(), 20U);
+        EXPECT_EQ(m_calls.ThreadResult(), std::nullopt);
+        EXPECT_EQ(Items(m_path), "C0");
+    }
 }
 
 TEST_F(AsyncEnd, OfAThreadThatCannotBeEndedFreesNothing) {
@@ -287,4 +243,136 @@ TEST_F(AsyncEnd, OfAThreadThatCannotBeEndedFreesNothing) {
     EXPECT_EQ(FileBytes(kStart, 10), Bytes(10, 1));
 }
 
+using platform::WaitResult;
+
+class AsyncWait : public AsyncWriterTest {
+  protected:
+    // Everything queued goes to the writing thread when a client waits for the nth time.
+    void RunAtClientWait(u32 nth) {
+        m_calls.AtClientWait(nth, [this] { RunAll(); });
+    }
+    // A writing thread inside a write that does not return until Release.
+    TestBlock& Hang() {
+        RunAll();
+        Async();
+        m_calls.m_writes.Shut();
+        TestBlock& block = QueueBlock(10);
+        m_calls.m_writes.WaitUntilHeld();
+        return block;
+    }
+    void Release() { m_calls.m_writes.Open(); }
+    u32 RollbackThatTimesOut() {
+        m_calls.EndNextClientWait(WaitResult::kTimedOut);
+        return Async().Rollback();
+    }
+};
+
+using AsyncFailedRollback = AsyncWait;
+
+TEST_F(AsyncWait, GivesUpAfter60SecondsOrWhenItFails) {
+    TestBlock& block = Hang();
+    for (const WaitResult result : {WaitResult::kTimedOut, WaitResult::kFailed}) {
+        const u32 code = result == WaitResult::kTimedOut ? RC_TIMEOUT : RC_SYSTEM_ERROR;
+        m_log.Clear();
+        m_calls.EndNextClientWait(result);
+        EXPECT_EQ(Async().CompleteAsyncTasks(), code);
+        ExpectError("Wait for CompleteAsyncTasksEvent failed", code);
+        EXPECT_EQ(m_calls.ClientTimeout(), kAsyncWaitMs);
+        m_calls.EndNextClientWait(result);
+        EXPECT_EQ(Async().WaitReleaseBlock(), code);
+        ExpectError("Wait for release block failed", code);
+        EXPECT_EQ(m_calls.ClientTimeout(), kAsyncWaitMs);
+    }
+    EXPECT_EQ(block.Pending(), 1);
+}
+
+TEST_F(AsyncWait, ThatWasGivenUpIsNoFailureOfTheWriter) {
+    TestBlock& block = Hang();
+    m_calls.EndNextClientWait(WaitResult::kTimedOut);
+    ASSERT_EQ(Async().CompleteAsyncTasks(), RC_TIMEOUT);
+    Release();
+    QueueRecord(1, 2000);
+    EXPECT_EQ(Async().CompleteAsyncTasks(), RC_OK);
+    EXPECT_EQ(block.Pending(), 0);
+    EXPECT_EQ(FileLength(), Async().WritePos());
+}
+
+TEST_F(AsyncWait, TheEventOfOneThatWasGivenUpEndsNoLaterOne) {
+    Async();
+    QueueComplete();
+    RunBatch();  // sets the event that nobody waits for any more
+    TestBlock& block = QueueBlock(10);
+    RunAtClientWait(2);
+    EXPECT_EQ(Async().CompleteAsyncTasks(), RC_OK);
+    EXPECT_EQ(block.Pending(), 0);
+}
+
+TEST_F(AsyncWait, ThatGoesOnHasWhatIsLeftOfThe60Seconds) {
+    SetTickCount(0xFFFFFF00);  // wraps meanwhile
+    Async();
+    QueueComplete();
+    RunBatch();
+    m_calls.AtClientWait(1, [&] {
+        AdvanceTickCount(20000);
+        RunAtClientWait(1);
+    });
+    EXPECT_EQ(Async().CompleteAsyncTasks(), RC_OK);
+    EXPECT_EQ(m_calls.ClientTimeout(), 40000U);
+}
+
+TEST_F(AsyncWait, ThatGoesOnPast60SecondsIsOver) {
+    SetTickCount(0);
+    Async();
+    QueueComplete();
+    RunBatch();
+    m_calls.AtClientWait(1, [&] { AdvanceTickCount(kAsyncWaitMs + 1); });
+    EXPECT_EQ(Async().CompleteAsyncTasks(), RC_TIMEOUT);
+    EXPECT_EQ(m_calls.ClientTimeout(), 0U);
+}
+
+TEST_F(AsyncWait, AnElementWhoseWakeFailedIsDoneWithTheNextOne) {
+    Async();
+    RunAll();
+    m_calls.RefuseToSet(WriterEvent::kNewTask);
+    TestBlock& block = QueueBlock(10);
+    EXPECT_EQ(Async().CompleteAsyncTasks(), RC_OK);
+    EXPECT_EQ(block.Pending(), 0);
+}
+
+TEST_F(AsyncFailedRollback, IsStickyAndNothingThatIsQueuedIsWrittenAnyMore) {
+    QueueRecord(1, 2000);
+    EXPECT_EQ(RollbackThatTimesOut(), RC_TIMEOUT);
+    EXPECT_EQ(Queue(NewBlock(10)), RC_TIMEOUT);
+    EXPECT_EQ(Async().CompleteAsyncTasks(), RC_TIMEOUT);
+    EXPECT_EQ(Async().WaitReleaseBlock(), RC_TIMEOUT);
+    CloseWriter();
+    EXPECT_EQ(WriteSizes(), Sizes{});
+    EXPECT_EQ(Items(m_path), "C0");
+    EXPECT_EQ(m_calls.ThreadResult(), RC_BAD_DATA);
+}
+
+TEST_F(AsyncFailedRollback, NothingIsWrittenBehindAWriteThatHangs) {
+    TestBlock& hung = Hang();
+    QueueBlock(20);
+    EXPECT_EQ(RollbackThatTimesOut(), RC_TIMEOUT);
+    EXPECT_TRUE(Async().MayStillWrite());
+    Release();
+    CloseWriter();
+    EXPECT_EQ(WriteSizes(), Sizes{10});
+    EXPECT_EQ(hung.Pending(), 0);
+    EXPECT_EQ(m_blocks.back().Pending(), 1);
+}
+
+TEST_F(AsyncFailedRollback, OfAnIdleWriterLetsItCloseAtOnce) {
+    RunAll();
+    ASSERT_EQ(Async().CompleteAsyncTasks(), RC_OK);
+    m_calls.RefuseToSet(WriterEvent::kNewTask);  // the thread does not hear of it
+    EXPECT_EQ(RollbackThatTimesOut(), RC_TIMEOUT);
+    CloseWriter();
+    EXPECT_EQ(m_calls.ExitCodesGiven(), std::vector<u32>{});
+    EXPECT_EQ(m_calls.ThreadResult(), RC_BAD_DATA);
+    ExpectError("PushToAsyncQueue(CAsyncQueueElem::STOP) return error 25", RC_TIMEOUT);
+}
+
+}  // namespace
 }  // namespace k9erepl::test

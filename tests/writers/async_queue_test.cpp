@@ -1,16 +1,21 @@
-// The queue between the clients and the writing thread, used by one thread alone.
+// The queue between the clients and the writing thread, used by one thread alone, and the
+// coalescing buffer: what it holds, and what it settles when that is in the file.
 #include "writers/async_queue.h"
 
 #include <gtest/gtest.h>
 #include <k9erepl/storage.h>
 
 #include <atomic>
+#include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "support/fault_injection.h"
 #include "support/log_capture.h"
 #include "support/new_fault.h"
+#include "writers/async_buffer.h"
+#include "writers/writer_fixture.h"
 
 namespace k9erepl::test {
 namespace {
@@ -60,12 +65,6 @@ TEST_F(Queue, GivesEverythingInTheOrderOfPushing) {
     EXPECT_TRUE(m_queue.TakeAll().IsEmpty());
     ASSERT_TRUE(Push(9));
     EXPECT_EQ(Taken(), std::vector<u32>{9});
-}
-
-TEST_F(Queue, APushWakesTheThread) {
-    EXPECT_EQ(Sets(), 0U);
-    ASSERT_TRUE(Push(1));
-    EXPECT_EQ(m_queue.WaitForTask(), platform::WaitResult::kSignalled);
 }
 
 TEST_F(Queue, OnlyTheFirstQueuedElementWakes) {
@@ -147,14 +146,6 @@ TEST_F(Queue, ThatIsClosedGivesWhatItHeldAndAcceptsNothing) {
     EXPECT_TRUE(m_queue.TakeAll().IsEmpty());
 }
 
-TEST_F(Queue, FreesWhatItStillHolds) {  // the sanitizers see to it
-    PushMany(2);
-    Taken();
-    PushMany(1);
-}
-
-// --- What the elements need ------------------------------------------------------------------
-
 class QueueElement : public ::testing::Test {
   protected:
     QueueElement() {
@@ -171,27 +162,16 @@ class QueueElement : public ::testing::Test {
     CAsyncQueueElem m_elem;
 };
 
-TEST_F(QueueElement, AWriteThatHasEverythingIsAccepted) {
+TEST_F(QueueElement, IsRefusedWithoutWhatItsTypeNeeds) {
     EXPECT_EQ(CheckElem(m_elem), RC_OK);
-}
-
-TEST_F(QueueElement, AWriteWithoutAPositionFillInIsRefusedWith2) {
-    m_elem.filePosition = nullptr;
-    EXPECT_EQ(CheckElem(m_elem), 2U);
-}
-
-TEST_F(QueueElement, AWriteWithoutBytesOrBlockIsRefused) {
-    m_elem.memoryBlock = nullptr;
-    EXPECT_EQ(CheckElem(m_elem), RC_INVALID_ARG);
-    m_elem.memoryBlock = &m_block;
-    m_elem.size = 0;
-    EXPECT_EQ(CheckElem(m_elem), RC_INVALID_ARG);
-    m_elem.size = 1;
-    m_elem.data = nullptr;
-    EXPECT_EQ(CheckElem(m_elem), RC_INVALID_ARG);
-}
-
-TEST_F(QueueElement, ACommitNeedsItsBytesOnly) {
+    CAsyncQueueElem lacking[] = {m_elem, m_elem, m_elem, m_elem};
+    lacking[0].filePosition = nullptr;
+    lacking[1].memoryBlock = nullptr;
+    lacking[2].size = 0;
+    lacking[3].data = nullptr;
+    for (const CAsyncQueueElem& elem : lacking) {
+        EXPECT_EQ(CheckElem(elem), RC_INVALID_ARG);
+    }
     CAsyncQueueElem commit{.type = AsyncElemType::kCommit, .size = 32, .data = &m_byte};
     EXPECT_EQ(CheckElem(commit), RC_OK);
     commit.size = 0;
@@ -199,23 +179,125 @@ TEST_F(QueueElement, ACommitNeedsItsBytesOnly) {
     commit.size = 32;
     commit.data = nullptr;
     EXPECT_EQ(CheckElem(commit), RC_INVALID_ARG);
-}
-
-TEST_F(QueueElement, TheOthersNeedNothing) {
     for (const auto type :
          {AsyncElemType::kBeginTransaction, AsyncElemType::kComplete, AsyncElemType::kStop}) {
         EXPECT_EQ(CheckElem({.type = type}), RC_OK);
     }
     EXPECT_TRUE(m_log.Messages().empty());
-}
-
-TEST_F(QueueElement, OfAnotherTypeIsRefused) {
     for (const u32 type : {2U, 6U}) {
         EXPECT_EQ(CheckElem({.type = static_cast<AsyncElemType>(type)}), RC_INVALID_ARG);
         const std::string text = "Wrong async queue element type " + std::to_string(type);
         EXPECT_TRUE(m_log.Has(K9SYS_LOG_ERROR, text)) << m_log;
         EXPECT_EQ(m_log.CodeOf(text), RC_INVALID_ARG);
     }
+}
+
+class Buffer : public ::testing::Test {
+  protected:
+    AsyncBuffer& Make(u32 capacity) {
+        m_buffer = std::make_unique<AsyncBuffer>(capacity);
+        EXPECT_TRUE(m_buffer->Init());
+        return *m_buffer;
+    }
+    const u8* Place(std::string_view text, i64 offset, std::atomic<i32>* pending = nullptr,
+                    std::atomic<i64>* position = nullptr) {
+        const auto* const data = reinterpret_cast<const u8*>(text.data());
+        return m_buffer->Place({data, static_cast<u32>(text.size()), pending, position}, offset);
+    }
+    bool Settle() {
+        bool released = false;
+        m_buffer->Settle(&released);
+        return released;
+    }
+
+    ScopedSystemCalls m_systemCalls;
+    std::unique_ptr<AsyncBuffer> m_buffer;
+    const u8 m_byte = 0x5A;
+    std::atomic<i32> m_pending{0};
+    std::atomic<i64> m_position{kUnknownOffset};
+};
+
+TEST_F(Buffer, HoldsPiecesOneBehindTheOtherUntilTheyAreSettled) {
+    AsyncBuffer& buffer = Make(10);
+    EXPECT_TRUE(buffer.IsEmpty());
+    EXPECT_EQ(Place("first", 100), buffer.Bytes());
+    EXPECT_EQ(Place("then", 105), buffer.Bytes() + 5);
+    EXPECT_EQ(buffer.Size(), 9U);
+    EXPECT_EQ(buffer.Free(), 1U);
+    EXPECT_EQ(Bytes(buffer.Bytes(), buffer.Bytes() + 9), BytesOf("firstthen"));
+    Settle();
+    EXPECT_TRUE(buffer.IsEmpty());
+    EXPECT_EQ(Place("xyz", 3), buffer.Bytes());
+    EXPECT_EQ(Make(0).Free(), 0U);
+    EXPECT_TRUE(m_buffer->IsEmpty());
+}
+
+TEST_F(Buffer, LiesOnTheHeapAbove16384Bytes) {
+    EXPECT_EQ(Make(16384).Free(), 16384U);
+    EXPECT_EQ(CallCount(SystemCall::kAlloc), 0U);
+    Make(16385);
+    EXPECT_EQ(CallCount(SystemCall::kAlloc), 1U);
+    EXPECT_NE(Place(std::string(16385, 'x'), 0), nullptr);
+    EXPECT_EQ(m_buffer->Free(), 0U);
+    FailAlloc(1);
+    EXPECT_FALSE(AsyncBuffer(16385).Init());
+}
+
+TEST_F(Buffer, SettlingFillsInUnknownOffsetsOnly) {
+    std::atomic<i64> known{77};
+    Make(10);
+    Place("one", 1056, nullptr, &m_position);
+    Place("two", 1059, nullptr, &m_position);
+    Place("xyz", 1062, nullptr, &known);
+    EXPECT_EQ(m_position, kUnknownOffset);
+    Settle();
+    EXPECT_EQ(m_position, 1056);
+    EXPECT_EQ(known, 77);
+}
+
+TEST_F(Buffer, SettlingReleasesEachPieceOnceAndTellsWhenABlockHasNoneLeft) {
+    m_pending = 3;
+    std::atomic<i32> other{1};
+    Make(10);
+    Place("a", 0, &m_pending);
+    Place("b", 1, &m_pending);
+    EXPECT_EQ(m_pending, 3);
+    EXPECT_FALSE(Settle());
+    EXPECT_FALSE(Settle());
+    EXPECT_EQ(m_pending, 1);
+    Place("c", 2, &other);
+    EXPECT_TRUE(Settle());
+    EXPECT_EQ(m_pending, 1);
+    EXPECT_EQ(other, 0);
+}
+
+TEST_F(Buffer, HoldsNothingOfAPieceThatItHasNoMemoryFor) {
+    Make(10);
+    {
+        const FailNthNew fault(1);
+        EXPECT_EQ(Place("abc", 0, &m_pending), nullptr);
+    }
+    EXPECT_TRUE(m_buffer->IsEmpty());
+}
+
+TEST_F(Buffer, AllocatesNothingOnceItWasFull) {
+    Make(8);
+    for (u32 n = 0; n < 8; ++n) {
+        m_buffer->Place({&m_byte, 1, &m_pending, nullptr}, n);
+    }
+    Settle();
+    const u64 allocations = NewCallsOfThisThread();
+    for (u32 n = 0; n < 8; ++n) {
+        m_buffer->Place({&m_byte, 1, &m_pending, nullptr}, n);
+    }
+    EXPECT_EQ(NewCallsOfThisThread(), allocations);
+}
+
+TEST_F(Buffer, APieceWithoutACountReleasesNothing) {
+    EXPECT_FALSE(ReleasePiece(nullptr));
+    m_pending = 2;
+    EXPECT_FALSE(ReleasePiece(&m_pending));
+    EXPECT_TRUE(ReleasePiece(&m_pending));
 }
 
 }  // namespace

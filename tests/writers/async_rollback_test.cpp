@@ -29,40 +29,17 @@ class AsyncRollback : public AsyncWriterTest {
     void Complete() { ASSERT_EQ(Async().CompleteAsyncTasks(), RC_OK); }
 };
 
-}  // namespace
-
 TEST_F(AsyncRollback, GoesBackBehindEverythingQueuedBeforeBufferedBytesIncluded) {
     RollTwoRecordsBack();
+    EXPECT_TRUE(m_log.Has("Wait for finish async operations - OK")) << m_log;
+    EXPECT_EQ(m_blocks.back().Pending(), 0);
     EXPECT_EQ(WriteSizes(), Sizes{static_cast<u32>(3 * kRunSize)});  // it was all in one buffer
-    EXPECT_EQ(Async().WritePos(), kStart + kRunSize);
-}
-
-TEST_F(AsyncRollback, GoesBackBehindWhatWasWrittenDirectly) {
-    m_options.bufferCapacity = 0;
-    RollTwoRecordsBack();
-    EXPECT_EQ(Async().WritePos(), kStart + kRunSize);
-}
-
-TEST_F(AsyncRollback, GoesBackBehindABatchThatTheBeginningEnds) {
-    QueueRecord(1, 2000);
-    Begin();
-    RunBatch();
-    QueueRecord(2, 3000);
-    RollBack();
-    EXPECT_EQ(Async().WritePos(), kStart + kRunSize);
-}
-
-TEST_F(AsyncRollback, NeverUndoesAnEarlierCommit) {
-    RollTwoRecordsBack();
-    QueueRecord(2, 5000);
-    Complete();
-    EXPECT_EQ(Items(m_path), "C0 R1 C1 R2 C2");
-}
-
-TEST_F(AsyncRollback, RestoresTheCommitSequenceAndTheFlushedRevision) {
-    RollTwoRecordsBack();
-    EXPECT_EQ(m_state.lastCommitSequence, 2000U);
-    EXPECT_EQ(m_state.lastFlushedRev, 1);
+    for (int again = 0; again < 2; ++again) {
+        EXPECT_EQ(Async().WritePos(), kStart + kRunSize);
+        EXPECT_EQ(m_state.lastCommitSequence, 2000U);
+        EXPECT_EQ(m_state.lastFlushedRev, 1);
+        EXPECT_EQ(Async().Rollback(), RC_OK);
+    }
 }
 
 TEST_F(AsyncRollback, RestoresTheFlushedRevisionOfTheTimeWhenTheBeginningWasQueued) {
@@ -72,13 +49,6 @@ TEST_F(AsyncRollback, RestoresTheFlushedRevisionOfTheTimeWhenTheBeginningWasQueu
     RunBatch();
     RollBack();
     EXPECT_EQ(m_state.lastFlushedRev, 1);
-}
-
-TEST_F(AsyncRollback, ARetriedCommitLinksToTheBlockBeforeTheTransaction) {
-    RollTwoRecordsBack();
-    QueueRecord(2, 5000);
-    Complete();
-    EXPECT_EQ(CommitBlockAt(Async().WritePos() - kCommitBlockSize).prevSequence, 2000U);
 }
 
 TEST_F(AsyncRollback, LeavesTheBytesUntilTheNextWriteWhichZeroesThem) {
@@ -91,48 +61,6 @@ TEST_F(AsyncRollback, LeavesTheBytesUntilTheNextWriteWhichZeroesThem) {
     EXPECT_TRUE(std::all_of(tail.begin(), tail.end(), [](u8 byte) { return byte == 0; }));
     EXPECT_EQ(FileLength(), length);
     EXPECT_EQ(m_log.CountContaining("Abandoned data was cleared;offset 1122,"), 1U) << m_log;
-}
-
-TEST_F(AsyncRollback, ItsGhostDoesNotCommitARetriedTransaction) {
-    Begin();
-    QueueRecord(1, 2000);
-    RollBack();
-    // The retry puts the record where the ghost's commit block would close it.
-    TestBlock& retried = m_blocks.emplace_back(Record(1, 10));
-    ASSERT_EQ(Queue(retried), RC_OK);
-    Complete();
-    EXPECT_EQ(Items(m_path), "C0 R1");
-}
-
-TEST_F(AsyncRollback, OfANewTransactionGoesBackToThatOne) {
-    RollTwoRecordsBack();
-    QueueRecord(2, 5000);
-    Begin();
-    QueueRecord(3, 6000);
-    RollBack();
-    EXPECT_EQ(Async().WritePos(), kStart + 2 * kRunSize);
-    EXPECT_EQ(m_state.lastCommitSequence, 5000U);
-}
-
-TEST_F(AsyncRollback, MayBeRepeated) {
-    RollTwoRecordsBack();
-    EXPECT_EQ(Async().Rollback(), RC_OK);
-    EXPECT_EQ(Async().WritePos(), kStart + kRunSize);
-}
-
-TEST_F(AsyncRollback, WithoutATransactionDoesNothing) {
-    QueueRecord(1, 2000);
-    RollBack();
-    EXPECT_EQ(Async().WritePos(), kStart + kRunSize);
-    EXPECT_EQ(m_state.lastCommitSequence, 2000U);
-}
-
-TEST_F(AsyncRollback, WaitsUntilTheQueuedWritesAreDone) {
-    Begin();
-    TestBlock& block = QueueRecord(1, 2000);
-    RollBack();
-    EXPECT_EQ(block.Pending(), 0);
-    EXPECT_TRUE(m_log.Has("Wait for finish async operations - OK")) << m_log;
 }
 
 TEST_F(AsyncRollback, WhoseSeekFailsIsReportedAndTheNextWriteStillLandsRight) {
@@ -179,4 +107,5 @@ TEST_F(AsyncRollback, LeavesTheBytesOfAFailedWriteWhereTheyAre) {
     EXPECT_EQ(Items(m_path), "C0 R1");
 }
 
+}  // namespace
 }  // namespace k9erepl::test

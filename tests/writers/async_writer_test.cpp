@@ -1,4 +1,6 @@
-// What the asynchronous writer puts into the file, in which order, and in how many system writes.
+// What the asynchronous writer puts into the file, in which order and in how many system writes,
+// and what clients learn of their queued blocks: the offset in the file, and that nothing of a
+// block is queued any more.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -36,54 +38,47 @@ class AsyncWriter : public AsyncWriterTest {
         EXPECT_EQ(Async().WritePos(), kStart + static_cast<i64>(expected.size()));
         return WriteSizes();
     }
-    bool WroteDirectly(u32 size) const {
-        return m_log.Has("Written data size " + std::to_string(size) + ", last rev 0");
-    }
-    bool WroteBuffer(u32 size) const {
-        return m_log.Has("Written data size " + std::to_string(size));
-    }
 };
 
 using AsyncWriterBuffer = AsyncWriter;
+using AsyncCommit = AsyncWriter;
+using AsyncArguments = AsyncWriter;
+using AsyncFillIn = AsyncWriter;
+using AsyncPending = AsyncWriter;
 
-}  // namespace
-
-// --- The buffer's limits ---------------------------------------------------------------------
-
-TEST_F(AsyncWriterBuffer, APieceExactlyAsLargeAsTheFreeSpaceIsBuffered) {
-    EXPECT_EQ(WritesOf({60, 40}), Sizes{100});
-    EXPECT_TRUE(WroteBuffer(100)) << m_log;
-}
-
-TEST_F(AsyncWriterBuffer, APieceOneByteLargerThanTheFreeSpaceIsNot) {
-    EXPECT_EQ(WritesOf({60, 41, 10}), (Sizes{60, 51}));
-    EXPECT_TRUE(WroteBuffer(60)) << m_log;
-    EXPECT_TRUE(WroteBuffer(51)) << m_log;
-}
-
-TEST_F(AsyncWriterBuffer, ThePieceThatDoesNotFitIsWrittenDirectlyWhenItIsTheLast) {
-    EXPECT_EQ(WritesOf({60, 41}), (Sizes{60, 41}));
-    EXPECT_TRUE(WroteDirectly(41)) << m_log;
-}
-
-TEST_F(AsyncWriterBuffer, APieceAsLargeAsTheCapacityIsBuffered) {
-    EXPECT_EQ(WritesOf({100}), Sizes{100});
-    EXPECT_TRUE(WroteBuffer(100)) << m_log;
-}
-
-TEST_F(AsyncWriterBuffer, APieceAsLargeAsTheCapacityIsBufferedBehindOthers) {
-    EXPECT_EQ(WritesOf({1, 100, 1}), (Sizes{1, 100, 1}));
-    EXPECT_TRUE(WroteBuffer(100)) << m_log;
-}
-
-TEST_F(AsyncWriterBuffer, APieceLargerThanTheCapacityIsWrittenDirectly) {
-    EXPECT_EQ(WritesOf({101, 10}), (Sizes{101, 10}));
-    EXPECT_TRUE(WroteDirectly(101)) << m_log;
-}
-
-TEST_F(AsyncWriterBuffer, APieceLargerThanTheCapacityComesBehindWhatIsBuffered) {
-    EXPECT_EQ(WritesOf({30, 30, 101, 10, 10}), (Sizes{60, 101, 20}));
-    EXPECT_TRUE(WroteDirectly(101)) << m_log;
+TEST_F(AsyncWriterBuffer, TakesEveryPieceThatIsNotLargerThanIt) {
+    const struct {
+        Sizes pieces;
+        Sizes writes;
+        u32 direct;  // the size of the write that did not come from the buffer; 0: none
+        u32 capacity = 100;
+    } batches[] = {{{10, 20, 30}, {60}, 0},
+                   {{60, 40}, {100}, 0},
+                   {{60, 41, 10}, {60, 51}, 0},
+                   {{60, 41}, {60, 41}, 41},  // the last piece, which does not fit
+                   {{100}, {100}, 0},
+                   {{1, 100, 1}, {1, 100, 1}, 1},
+                   {{101, 10}, {101, 10}, 101},
+                   {{30, 30, 101, 10, 10}, {60, 101, 20}, 101},
+                   {{16000, 384, 1}, {16384, 1}, 1, AsyncBuffer::kInnerCapacity},
+                   {{16000, 16000, 384}, {32384}, 0, 4194304}};
+    std::size_t before = 0;
+    for (const auto& batch : batches) {
+        SCOPED_TRACE(::testing::PrintToString(batch.pieces));
+        m_log.Clear();
+        m_blocks.clear();
+        m_options.bufferCapacity = batch.capacity;
+        const Sizes writes = WritesOf(batch.pieces);
+        EXPECT_EQ(Sizes(writes.begin() + static_cast<std::ptrdiff_t>(before), writes.end()),
+                  batch.writes);
+        before = writes.size();
+        for (const u32 size : batch.writes) {
+            const std::string text = "Written data size " + std::to_string(size);
+            EXPECT_TRUE(m_log.Has(text) || size == batch.direct) << m_log;
+            EXPECT_EQ(m_log.Has(text + ", last rev 0"), size == batch.direct) << m_log;
+        }
+        CloseWriter();
+    }
 }
 
 TEST_F(AsyncWriterBuffer, OfNoBytesMeansOneSystemWriteForEachElement) {
@@ -94,54 +89,27 @@ TEST_F(AsyncWriterBuffer, OfNoBytesMeansOneSystemWriteForEachElement) {
     EXPECT_EQ(WriteSizes(), (Sizes{10, 20, 30, 5, 32}));
 }
 
-TEST_F(AsyncWriterBuffer, InsideTheObjectHolds16384Bytes) {
-    m_options.bufferCapacity = AsyncBuffer::kInnerCapacity;
-    EXPECT_EQ(WritesOf({16000, 384, 1}), (Sizes{16384, 1}));
-}
-
-TEST_F(AsyncWriterBuffer, OnTheHeapHoldsMore) {
-    m_options.bufferCapacity = 4194304;
-    EXPECT_EQ(WritesOf({16000, 16000, 384}), Sizes{32384});
-}
-
-// --- Batches ---------------------------------------------------------------------------------
-
-TEST_F(AsyncWriter, GathersTheSmallPiecesOfABatchInOneWrite) {
-    EXPECT_EQ(WritesOf({10, 20, 30}), Sizes{60});
-}
-
-TEST_F(AsyncWriter, WritesTheBufferAtTheEndOfEveryBatch) {
-    EXPECT_EQ(WritesOf({10}), Sizes{10});
-    EXPECT_EQ(WritesOf({20}), (Sizes{10, 20}));
-}
-
 TEST_F(AsyncWriter, LogsAWriteOfTheBuffer) {
     WritesOf({10, 20});
     EXPECT_EQ(m_log.CountContaining(" Size: 30 m_fileCurrWritePos: 1056 "), 1U) << m_log;
     EXPECT_TRUE(m_log.Has(K9SYS_LOG_INFO, "Written data size 30")) << m_log;
 }
 
-TEST_F(AsyncWriter, WritesTheBufferBeforeACompleteInTheMiddleOfABatch) {
+TEST_F(AsyncWriter,
+       WritesTheBufferAtTheEndOfABatchAndBeforeACompleteButNotBeforeABeginTransaction) {
     QueueBlock(10);
     QueueComplete();
     QueueBlock(20);
     RunBatch();
     EXPECT_EQ(WriteSizes(), (Sizes{10, 20}));
-}
-
-TEST_F(AsyncWriter, WritesTheBufferAtABeginTransactionThatEndsABatch) {
-    QueueBlock(10);
+    QueueBlock(11);
+    ASSERT_EQ(Async().BeginTransaction(), RC_OK);
+    QueueBlock(22);
+    RunBatch();
+    QueueBlock(12);
     ASSERT_EQ(Async().BeginTransaction(), RC_OK);
     RunBatch();
-    EXPECT_EQ(WriteSizes(), Sizes{10});
-}
-
-TEST_F(AsyncWriter, GathersAcrossABeginTransactionInTheMiddleOfABatch) {
-    QueueBlock(10);
-    ASSERT_EQ(Async().BeginTransaction(), RC_OK);
-    QueueBlock(20);
-    RunBatch();
-    EXPECT_EQ(WriteSizes(), Sizes{30});
+    EXPECT_EQ(WriteSizes(), (Sizes{10, 20, 33, 12}));
 }
 
 TEST_F(AsyncWriter, AcceptsWorkWhileItWrites) {
@@ -158,6 +126,11 @@ TEST_F(AsyncWriter, AcceptsWorkWhileItWrites) {
 
 TEST_F(AsyncWriter, CompletingWaitsUntilEverythingIsInTheFile) {
     RunAll();
+    m_state.forceFlush = true;
+    m_state.fileSizeDelta = 4096;
+    ASSERT_EQ(Async().CompleteAsyncTasks(), RC_OK);
+    EXPECT_EQ(WriteSizes(), Sizes{});
+    EXPECT_EQ(FileLength(), kNewFileSize);
     TestBlock& block = QueueBlock(90);
     QueueBlock(90);
     ASSERT_EQ(Async().CompleteAsyncTasks(), RC_OK);
@@ -165,31 +138,6 @@ TEST_F(AsyncWriter, CompletingWaitsUntilEverythingIsInTheFile) {
     EXPECT_EQ(block.Pending(), 0);
     EXPECT_TRUE(m_log.Has(K9SYS_LOG_INFO, "Wait for finish async operations - OK")) << m_log;
     EXPECT_EQ(m_calls.ClientTimeout(), kAsyncWaitMs);
-}
-
-TEST_F(AsyncWriter, CompletingWritesNothingOfItsOwn) {
-    RunAll();
-    m_state.fileSizeDelta = 4096;
-    ASSERT_EQ(Async().CompleteAsyncTasks(), RC_OK);
-    EXPECT_EQ(WriteSizes(), Sizes{});
-    EXPECT_EQ(FileLength(), kNewFileSize);
-}
-
-TEST_F(AsyncWriter, MayBeCompletedManyTimes) {
-    RunAll();
-    for (u32 size = 1; size <= 50; ++size) {
-        QueueBlock(size);
-        ASSERT_EQ(Async().CompleteAsyncTasks(), RC_OK);
-        ASSERT_EQ(FileLength(), std::max<i64>(kNewFileSize, Async().WritePos()));
-    }
-    EXPECT_EQ(FileBytes(kStart, 50 * 51 / 2), AllData());
-}
-
-TEST_F(AsyncWriter, FlushFileDoesNothing) {
-    m_state.forceFlush = true;
-    RunAll();
-    QueueBlock(10);
-    ASSERT_EQ(Async().CompleteAsyncTasks(), RC_OK);
     EXPECT_EQ(Async().FlushFile(), RC_OK);
     EXPECT_EQ(Flushes(), 0U);
 }
@@ -221,68 +169,17 @@ TEST_F(AsyncWriter, AllocatesNothingForAnElementInTheSteadyState) {
     EXPECT_EQ(CallCount(SystemCall::kAlloc), blocks);
 }
 
-// --- Commit blocks ---------------------------------------------------------------------------
-
-using AsyncCommit = AsyncWriter;
-
-TEST_F(AsyncCommit, AWriteOfExactly32BytesQueuesOneCommitAndNoWrite) {
-    m_options.bufferCapacity = 0;
-    ASSERT_EQ(QueueCommit(7, 2000), RC_OK);
-    RunBatch();
-    EXPECT_EQ(WriteSizes(), Sizes{32});
-    EXPECT_EQ(CommitBlockAt(kStart).commitRev, 7);
-}
-
-TEST_F(AsyncCommit, ALongerWriteQueuesTheDataAndTheCommit) {
+TEST_F(AsyncCommit, IsQueuedByItselfBehindTheDataOfItsWrite) {
     m_options.bufferCapacity = 0;
     TestBlock& block = NewBlock(10);
     ASSERT_EQ(QueueRun(block, 7, 2000), RC_OK);
     EXPECT_EQ(block.Pending(), 2);
+    ASSERT_EQ(QueueCommit(8, 3000), RC_OK);
     RunBatch();
-    EXPECT_EQ(WriteSizes(), (Sizes{10, 32}));
+    EXPECT_EQ(WriteSizes(), (Sizes{10, 32, 32}));
     EXPECT_EQ(CommitBlockAt(kStart + 10).sequence, 2000U);
-}
-
-TEST_F(AsyncCommit, NeedsNoMemoryBlock) {
-    ASSERT_EQ(QueueCommit(7, 2000, nullptr), RC_OK);
-    RunBatch();
-    EXPECT_EQ(Items(m_path), "C0 C7");
-}
-
-TEST_F(AsyncCommit, IsCopiedWhenItIsQueued) {  // the vocabulary overwrites it at once
-    QueueRecord(1, 2000);
-    QueueRecord(2, 3000);
-    RunBatch();
-    EXPECT_EQ(Items(m_path), "C0 R1 C1 R2 C2");
-}
-
-TEST_F(AsyncCommit, LinksToTheOneBeforeInFileOrder) {
-    for (const u32 capacity : {100U, 0U}) {
-        m_options.bufferCapacity = capacity;
-        QueueRecord(1, 2000);
-        QueueCommit(1, 3000);
-        RunBatch();
-        const i64 first = Async().WritePos() - 2 * i64{kCommitBlockSize};
-        EXPECT_EQ(CommitBlockAt(first).prevSequence, kFirstSequence);
-        EXPECT_EQ(CommitBlockAt(first + kCommitBlockSize).prevSequence, 2000U);
-        EXPECT_EQ(m_state.lastCommitSequence, 3000U);
-        CloseWriter();
-        m_state.lastCommitSequence = kFirstSequence;
-    }
-}
-
-TEST_F(AsyncCommit, CarriesTheClearRevisionOfTheTimeWhenItWasQueued) {
-    for (const u32 capacity : {100U, 0U}) {
-        m_options.bufferCapacity = capacity;
-        m_state.clearRev = 3;
-        QueueCommit(9, 2000);
-        m_state.clearRev = 5;
-        QueueCommit(9, 3000);
-        RunBatch();
-        EXPECT_EQ(CommitBlockAt(kStart).clearRev, 3) << capacity;
-        EXPECT_EQ(CommitBlockAt(kStart + kCommitBlockSize).clearRev, 5) << capacity;
-        CloseWriter();
-    }
+    EXPECT_EQ(CommitBlockAt(kStart + 42).commitRev, 8);
+    EXPECT_EQ(CommitBlockAt(kStart + 42).prevSequence, 2000U);
 }
 
 TEST_F(AsyncCommit, IsAnnouncedOncePerWrittenBufferWithTheLastRevision) {
@@ -291,46 +188,27 @@ TEST_F(AsyncCommit, IsAnnouncedOncePerWrittenBufferWithTheLastRevision) {
     QueueCommit(2, 3000);
     QueueCommit(3, 4000);
     RunBatch();
+    QueueBlock(10);
+    RunBatch();
     EXPECT_EQ(m_notices, std::vector<i64>{3});
-    QueueCommit(4, 5000);
-    QueueCommit(5, 6000);
-    QueueCommit(6, 7000);
-    QueueCommit(7, 8000);  // the buffer has room for three
+    for (u32 rev = 4; rev <= 7; ++rev) {
+        QueueCommit(rev, 1000 + 1000 * rev);  // the buffer has room for three
+    }
     RunBatch();
     EXPECT_EQ(m_notices, (std::vector<i64>{3, 6, 7}));
-}
-
-TEST_F(AsyncCommit, WrittenDirectlyIsAnnouncedByItself) {
+    CloseWriter();
+    m_notices.clear();
     m_options.bufferCapacity = 0;
-    Listen();
     QueueCommit(1, 2000);
     QueueCommit(2, 3000);
     RunBatch();
     EXPECT_EQ(m_notices, (std::vector<i64>{1, 2}));
 }
 
-TEST_F(AsyncCommit, IsAnnouncedOnceOnly) {
-    Listen();
-    QueueCommit(1, 2000);
-    RunBatch();
-    QueueBlock(10);
-    RunBatch();
-    EXPECT_EQ(m_notices, std::vector<i64>{1});
-}
-
-TEST_F(AsyncCommit, IsAnnouncedOnTheWritingThread) {
-    std::thread::id announcer;
-    m_state.onWritten.Set(
-        [](i64, void* id) { *static_cast<std::thread::id*>(id) = std::this_thread::get_id(); },
-        &announcer);
-    QueueCommit(1, 2000);
-    RunBatch();
-    EXPECT_NE(announcer, std::thread::id());
-    EXPECT_NE(announcer, std::this_thread::get_id());
-}
-
-TEST_F(AsyncCommit, IsAnnouncedWhenEverythingIsSettled) {
+TEST_F(AsyncCommit, IsAnnouncedOnTheWritingThreadWhenEverythingIsSettled) {
+    static std::thread::id s_announcer;
     for (const u32 capacity : {100U, 0U}) {
+        s_announcer = {};
         m_options.bufferCapacity = capacity;
         TestBlock& block = NewBlock(10);
         m_state.onWritten.Set(
@@ -338,61 +216,51 @@ TEST_F(AsyncCommit, IsAnnouncedWhenEverythingIsSettled) {
                 auto& settled = *static_cast<TestBlock*>(context);
                 EXPECT_EQ(settled.Pending(), 0);
                 EXPECT_EQ(settled.position, kStart);
+                s_announcer = std::this_thread::get_id();
             },
             &block);
         ASSERT_EQ(QueueRun(block, 1, 2000), RC_OK);
         RunBatch();
+        EXPECT_NE(s_announcer, std::thread::id());
+        EXPECT_NE(s_announcer, std::this_thread::get_id());
         CloseWriter();
     }
 }
 
 TEST_F(AsyncCommit, WhoseAnnouncementThrowsIsWrittenAndStopsTheWriter) {
-    m_state.onWritten.Set([](i64, void*) { throw std::runtime_error("not now"); }, nullptr);
-    QueueCommit(1, 2000);
-    EXPECT_EQ(StickyErrorOfBatch(), RC_SYSTEM_ERROR);
-    EXPECT_EQ(Items(m_path), "C0 C1");
-    ExpectError("OnWriteToFile threw on the writing thread: not now", RC_SYSTEM_ERROR);
+    const struct {
+        K9eReplFlushCb announce;
+        u32 code;
+        const char* what;
+    } throwing[] = {
+        {[](i64, void*) { throw std::runtime_error("not now"); }, RC_SYSTEM_ERROR, "not now"},
+        {[](i64, void*) { throw std::bad_alloc(); }, RC_NO_MEMORY, nullptr},
+        {[](i64, void*) { throw 7; }, RC_SYSTEM_ERROR, "not a std::exception"}};
+    for (const auto& each : throwing) {
+        m_state.lastCommitSequence = kFirstSequence;
+        m_state.onWritten.Set(each.announce, nullptr);
+        QueueCommit(1, 2000);
+        EXPECT_EQ(StickyErrorOfBatch(), each.code);
+        EXPECT_EQ(Items(m_path), "C0 C1");
+        if (each.what != nullptr) {
+            ExpectError("OnWriteToFile threw on the writing thread: " + std::string(each.what),
+                        each.code);
+        }
+        CloseWriter();
+    }
 }
 
-TEST_F(AsyncCommit, WhoseAnnouncementFindsNoMemoryStopsTheWriterSo) {
-    m_state.onWritten.Set([](i64, void*) { throw std::bad_alloc(); }, nullptr);
-    QueueCommit(1, 2000);
-    EXPECT_EQ(StickyErrorOfBatch(), RC_NO_MEMORY);
-}
-
-TEST_F(AsyncCommit, WhoseAnnouncementThrowsAnythingStopsTheWriter) {
-    m_state.onWritten.Set([](i64, void*) { throw 7; }, nullptr);
-    QueueCommit(1, 2000);
-    EXPECT_EQ(StickyErrorOfBatch(), RC_SYSTEM_ERROR);
-    ExpectError("OnWriteToFile threw on the writing thread: not a std::exception", RC_SYSTEM_ERROR);
-}
-
-// --- Arguments -------------------------------------------------------------------------------
-
-using AsyncArguments = AsyncWriter;
-
-TEST_F(AsyncArguments, AWriteWithoutAPositionFillInIsRefusedWith2) {
+TEST_F(AsyncArguments, AWriteWithoutABlockBytesOrAPositionFillInIsRefusedAndDoesNoHarm) {
     TestBlock& block = NewBlock(10);
-    EXPECT_EQ(Async().Write(block.Data(), 10, nullptr, block.Block(), 0, nullptr), 2U);
+    AsyncStorageWriter& writer = Async();
+    std::atomic<i64>* const position = &block.position;
+    EXPECT_EQ(writer.Write(block.Data(), 10, nullptr, block.Block(), 0, nullptr), RC_INVALID_ARG);
+    EXPECT_EQ(writer.Write(block.Data(), 10, nullptr, nullptr, 0, position), RC_INVALID_ARG);
+    EXPECT_EQ(writer.Write(nullptr, 10, nullptr, block.Block(), 0, position), RC_INVALID_ARG);
+    EXPECT_EQ(writer.Write(block.Data(), 0, nullptr, block.Block(), 0, position), RC_INVALID_ARG);
+    EXPECT_EQ(block.Pending(), 0);
+    EXPECT_EQ(m_log.Count("Cannot push write element to async queue"), 4U) << m_log;
     ExpectError("Cannot push write element to async queue", RC_INVALID_ARG);
-    EXPECT_EQ(block.Pending(), 0);
-}
-
-TEST_F(AsyncArguments, AWriteWithoutABlockOrBytesIsRefused) {
-    TestBlock& block = NewBlock(10);
-    EXPECT_EQ(Async().Write(block.Data(), 10, nullptr, nullptr, 0, &block.position),
-              RC_INVALID_ARG);
-    EXPECT_EQ(Async().Write(nullptr, 10, nullptr, block.Block(), 0, &block.position),
-              RC_INVALID_ARG);
-    EXPECT_EQ(Async().Write(block.Data(), 0, nullptr, block.Block(), 0, &block.position),
-              RC_INVALID_ARG);
-    EXPECT_EQ(block.Pending(), 0);
-    EXPECT_EQ(m_log.Count("Cannot push write element to async queue"), 3U) << m_log;
-}
-
-TEST_F(AsyncArguments, ARefusedWriteDoesNoHarm) {
-    TestBlock& block = NewBlock(10);
-    ASSERT_EQ(Async().Write(block.Data(), 10, nullptr, block.Block(), 0, nullptr), RC_INVALID_ARG);
     QueueRecord(1, 2000);
     RunBatch();
     EXPECT_EQ(Items(m_path), "C0 R1 C1");
@@ -410,4 +278,92 @@ TEST_F(AsyncArguments, AClosedFileAnswersNoWriter) {
     EXPECT_EQ(Async().CompleteAsyncTasks(), RC_OK);
 }
 
+TEST_F(AsyncFillIn, OffsetsAreThoseInTheFile) {
+    TestBlock& first = QueueBlock(30);
+    TestBlock& second = QueueBlock(40);   // in one buffer with the first
+    TestBlock& direct = QueueBlock(200);  // larger than the buffer
+    TestBlock& last = QueueBlock(5);
+    RunBatch();
+    EXPECT_EQ(first.position, kStart);
+    EXPECT_EQ(second.position, kStart + 30);
+    EXPECT_EQ(direct.position, kStart + 70);
+    EXPECT_EQ(last.position, kStart + 270);
+}
+
+TEST_F(AsyncFillIn, AnOffsetThatIsKnownStays) {
+    TestBlock& buffered = NewBlock(10);
+    TestBlock& direct = NewBlock(101);
+    buffered.position = 77;
+    direct.position = 78;
+    ASSERT_EQ(Queue(buffered), RC_OK);
+    ASSERT_EQ(Queue(direct), RC_OK);
+    RunBatch();
+    EXPECT_EQ(buffered.position, 77);
+    EXPECT_EQ(direct.position, 78);
+}
+
+TEST_F(AsyncFillIn, NothingIsToldBeforeTheBytesAreInTheFile) {
+    RunAll();
+    m_calls.m_writes.Shut();
+    TestBlock& block = QueueBlock(10);
+    m_calls.m_writes.WaitUntilHeld();
+    EXPECT_EQ(block.position, kUnknownOffset);
+    EXPECT_EQ(block.Pending(), 1);
+    EXPECT_EQ(Async().WritePos(), kStart);
+    m_calls.m_writes.Open();
+    ASSERT_EQ(Async().CompleteAsyncTasks(), RC_OK);
+    EXPECT_EQ(block.position, kStart);
+    EXPECT_EQ(block.Pending(), 0);
+}
+
+TEST_F(AsyncPending, WritesAreCountedWhenTheyAreQueued) {
+    TestBlock& block = QueueBlock(10);
+    EXPECT_EQ(block.Pending(), 1);
+    ASSERT_EQ(Queue(block), RC_OK);
+    EXPECT_EQ(block.Pending(), 2);
+    ASSERT_EQ(QueueCommit(1, 2000, block.Block()), RC_OK);
+    EXPECT_EQ(block.Pending(), 3);
+    RunBatch();
+    EXPECT_EQ(block.Pending(), 0);
+}
+
+TEST_F(AsyncPending, ABlockOfWhichMoreIsQueuedIsNotReleased) {
+    TestBlock& block = NewBlock(101);
+    ASSERT_EQ(Queue(block), RC_OK);
+    ASSERT_EQ(Queue(block), RC_OK);
+    RunAll();
+    m_calls.m_writes.Shut();
+    m_calls.m_writes.LetOnePass();
+    m_calls.m_writes.WaitUntilHeld();
+    EXPECT_EQ(block.Pending(), 1);
+    m_calls.EndNextClientWait(platform::WaitResult::kTimedOut);
+    EXPECT_EQ(Async().WaitReleaseBlock(), RC_TIMEOUT);
+    m_calls.m_writes.Open();
+    EXPECT_EQ(Async().WaitReleaseBlock(), RC_OK);
+    EXPECT_EQ(block.Pending(), 0);
+}
+
+TEST_F(AsyncPending, WaitReleaseBlockReturnsWhenABlockIsReleased) {
+    for (const u32 size : {10U, 101U}) {  // buffered, direct
+        TestBlock& block = QueueBlock(size);
+        RunBatch();
+        EXPECT_EQ(Async().WaitReleaseBlock(), RC_OK);
+        EXPECT_EQ(block.Pending(), 0);
+        EXPECT_EQ(m_calls.ClientTimeout(), kAsyncWaitMs);
+    }
+}
+
+TEST_F(AsyncPending, TheEventIsSetOnceForABufferOfManyBlocksAndNotForNone) {
+    QueueBlock(10);
+    QueueBlock(20);
+    u32 before = CallCount(SystemCall::kSetEvent);
+    RunBatch();
+    EXPECT_EQ(CallCount(SystemCall::kSetEvent), before + 1);
+    QueueCommit(1, 2000);
+    before = CallCount(SystemCall::kSetEvent);
+    RunBatch();
+    EXPECT_EQ(CallCount(SystemCall::kSetEvent), before);
+}
+
+}  // namespace
 }  // namespace k9erepl::test

@@ -9,7 +9,6 @@
 #include "writers/writer_fixture.h"
 
 namespace k9erepl::test {
-
 namespace {
 
 using Calls = std::vector<std::string>;
@@ -30,13 +29,6 @@ bool RecordFlush(platform::NativeFile file) {
     return flushed;
 }
 
-struct Notification {
-    int count = 0;
-    static void K9EREPL_CALL Count(i64 /*rev*/, void* self) {
-        ++static_cast<Notification*>(self)->count;
-    }
-};
-
 class CommitBarrier : public WriterTest {
   protected:
     CommitBarrier() {
@@ -46,12 +38,6 @@ class CommitBarrier : public WriterTest {
         platform::TheSystemCalls().flushFile = RecordFlush;
         m_state.forceFlush = true;
         m_state.commitBarrier = true;
-    }
-    // Everything that was written is on the disk.
-    void Settle() {
-        ASSERT_EQ(Writer().FlushFile(), RC_OK);
-        g_calls.clear();
-        m_log.Clear();
     }
 
     // A run, a commit block behind a record, a commit block alone, a run larger than the growth
@@ -73,8 +59,6 @@ class CommitBarrier : public WriterTest {
     }
 };
 
-}  // namespace
-
 TEST_F(CommitBarrier, FlushesTheRecordsBeforeTheirCommitBlockIsWritten) {
     ASSERT_EQ(CommitRecord(1, 2000), RC_OK);
     EXPECT_EQ(g_calls, (Calls{"write 34", "flush", "write 32"}));
@@ -83,15 +67,13 @@ TEST_F(CommitBarrier, FlushesTheRecordsBeforeTheirCommitBlockIsWritten) {
     EXPECT_TRUE(m_log.Has(K9SYS_LOG_INFO, "Written data size 66, last rev 1")) << m_log;
 }
 
-TEST_F(CommitBarrier, FlushesTheRecordsOfEarlierWritesToo) {
+TEST_F(CommitBarrier, FlushesTheRecordsOfEarlierWritesTooButNothingThatIsOnTheDisk) {
     ASSERT_EQ(AppendRecord(1), RC_OK);
     ASSERT_EQ(AppendRun({}, 1, 2000), RC_OK);
     EXPECT_EQ(g_calls, (Calls{"write 34", "flush", "write 32"}));
-}
-
-TEST_F(CommitBarrier, FlushesNothingThatIsOnTheDisk) {
-    ASSERT_EQ(CommitRecord(1, 2000), RC_OK);
-    Settle();
+    ASSERT_EQ(Writer().FlushFile(), RC_OK);
+    g_calls.clear();
+    m_log.Clear();
     ASSERT_EQ(AppendRun({}, 1, 3000), RC_OK);
     EXPECT_EQ(g_calls, Calls{"write 32"});
     EXPECT_EQ(m_log.CountContaining("Flush before"), 0U);
@@ -119,36 +101,28 @@ TEST_F(CommitBarrier, LeavesTheSameBytesAsWithoutIt) {
     EXPECT_EQ(Items(m_path), "C0 R1 C1 R2 C2 C2 R3 C3 R4 C4");
 }
 
-TEST_F(CommitBarrier, HasNoEffectWithoutForceFlush) {
-    m_state.forceFlush = false;
-    ASSERT_EQ(CommitRecord(1, 2000), RC_OK);
-    EXPECT_EQ(g_calls, Calls{"write 66"});
-}
-
-TEST_F(CommitBarrier, IsOffByDefault) {
+TEST_F(CommitBarrier, IsOffByDefaultAndHasNoEffectWithoutForceFlush) {
     EXPECT_FALSE(StorageFileState().commitBarrier);
-    m_state.commitBarrier = false;
-    ASSERT_EQ(CommitRecord(1, 2000), RC_OK);
-    EXPECT_EQ(g_calls, Calls{"write 66"});
+    for (const bool barrier : {true, false}) {
+        m_state.commitBarrier = barrier;
+        m_state.forceFlush = !barrier;
+        ASSERT_EQ(CommitRecord(barrier ? 1 : 2, barrier ? 2000 : 3000), RC_OK);
+    }
+    EXPECT_EQ(g_calls, (Calls{"write 66", "write 66"}));
 }
 
 TEST_F(CommitBarrier, AFailedFlushLeavesEverythingAsItWas) {
-    std::atomic<i64> position{kUnknownOffset};
-    Bytes run = Record(1, 10) + Bytes(kCommitBlockSize);
-    auto* const block = reinterpret_cast<TCommitBlock*>(run.data() + 34);
-    *block = NewCommitBlock(2000, 1);
-    Notification notified;
-    m_state.onWritten.Set(&Notification::Count, &notified);
+    int notified = 0;
+    m_state.onWritten.Set([](i64, void* count) { ++*static_cast<int*>(count); }, &notified);
     Writer();
     FailFlush(1);
-    EXPECT_EQ(Writer().Write(run.data(), 66, block, nullptr, 1, &position), RC_SYSTEM_ERROR);
+    EXPECT_EQ(CommitRecord(1, 2000), RC_SYSTEM_ERROR);
     EXPECT_EQ(m_log.CodeOf("FlushFileBuffers failed;" + SysErr(SystemErrorKind::kInputOutput)),
               RC_SYSTEM_ERROR)
         << m_log;
     EXPECT_EQ(Writer().WritePos(), kStart);
-    EXPECT_EQ(position, kUnknownOffset);
     EXPECT_EQ(m_state.lastCommitSequence, kFirstSequence);
-    EXPECT_EQ(notified.count, 0);
+    EXPECT_EQ(notified, 0);
     EXPECT_EQ(g_calls, (Calls{"write 34", "failed flush"}));
 }
 
@@ -192,4 +166,5 @@ TEST_F(CommitBarrier, TheAsynchronousWriterForcesOnlyWhenItStopsAllTheSame) {
     EXPECT_EQ(g_calls, (Calls{"write 32", "flush"}));
 }
 
+}  // namespace
 }  // namespace k9erepl::test

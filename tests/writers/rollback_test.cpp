@@ -1,10 +1,16 @@
-// What rolling a transaction of the storage file back restores.
+// What rolling a transaction of the storage file back restores, and the bytes that a rollback, a
+// failed write or a broken load leaves behind the write position: they stay until the next write,
+// and that one sees to it that none of them comes alive again.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <ostream>
+#include <string>
+
+#include "support/file_bytes.h"
 #include "writers/writer_fixture.h"
 
 namespace k9erepl::test {
-
 namespace {
 
 class Rollback : public WriterTest {
@@ -21,22 +27,14 @@ class Rollback : public WriterTest {
     static constexpr i64 kAfterFirst = kStart + 34 + kCommitBlockSize;
 };
 
-}  // namespace
-
-TEST_F(Rollback, MovesTheWritePositionBackByBothWrites) {
-    ASSERT_EQ(Append(Bytes(50)), RC_OK);
-    ASSERT_EQ(Writer().BeginTransaction(), RC_OK);
-    ASSERT_EQ(Append(Bytes(100)), RC_OK);
-    ASSERT_EQ(Append(Bytes(200)), RC_OK);
-    ASSERT_EQ(Writer().WritePos(), kStart + 350);
-    ASSERT_EQ(Writer().Rollback(), RC_OK);
-    EXPECT_EQ(Writer().WritePos(), kStart + 50);
-}
-
-TEST_F(Rollback, RestoresTheCommitSequenceAndTheFlushedRevision) {
+TEST_F(Rollback, RestoresPositionCommitSequenceAndFlushedRevision) {
     RollTwoRecordsBack();
-    EXPECT_EQ(m_state.lastCommitSequence, 2000U);
-    EXPECT_EQ(m_state.lastFlushedRev, 1);
+    for (int again = 0; again < 2; ++again) {
+        EXPECT_EQ(Writer().WritePos(), kAfterFirst);
+        EXPECT_EQ(m_state.lastCommitSequence, 2000U);
+        EXPECT_EQ(m_state.lastFlushedRev, 1);
+        EXPECT_EQ(Writer().Rollback(), RC_OK);
+    }
 }
 
 TEST_F(Rollback, ARetriedCommitLinksToTheBlockBeforeTheTransaction) {
@@ -45,42 +43,6 @@ TEST_F(Rollback, ARetriedCommitLinksToTheBlockBeforeTheTransaction) {
     ASSERT_EQ(CommitRecord(3, 4000), RC_OK);
     EXPECT_EQ(CommitBlockAt(Writer().WritePos() - kCommitBlockSize).prevSequence, 2000U);
     EXPECT_EQ(Items(m_path), "C0 R1 C1 R2 R3 C3");
-}
-
-TEST_F(Rollback, OfSeveralCommitBlocksRestoresTheChain) {
-    ASSERT_EQ(Writer().BeginTransaction(), RC_OK);
-    for (u32 rev = 1; rev <= 3; ++rev) {
-        ASSERT_EQ(CommitRecord(rev, 2000 + rev), RC_OK);
-    }
-    ASSERT_EQ(Writer().Rollback(), RC_OK);
-    EXPECT_EQ(m_state.lastCommitSequence, kFirstSequence);
-    ASSERT_EQ(CommitRecord(1, 3000), RC_OK);
-    EXPECT_EQ(Items(m_path), "C0 R1 C1");
-}
-
-TEST_F(Rollback, KeepsWhatWasCommittedBefore) {
-    RollTwoRecordsBack();
-    ASSERT_EQ(CommitRecord(2, 4000), RC_OK);
-    ASSERT_EQ(Writer().BeginTransaction(), RC_OK);
-    ASSERT_EQ(CommitRecord(3, 5000), RC_OK);
-    EXPECT_EQ(Items(m_path), "C0 R1 C1 R2 C2 R3 C3");
-}
-
-TEST_F(Rollback, DoesNotTouchTheFile) {
-    ASSERT_EQ(CommitRecord(1, 2000), RC_OK);
-    ASSERT_EQ(Writer().BeginTransaction(), RC_OK);
-    ASSERT_EQ(CommitRecord(2, 3000), RC_OK);
-    const Bytes before = FileBytes();
-    ASSERT_EQ(Writer().Rollback(), RC_OK);
-    EXPECT_EQ(FileBytes(), before);
-    EXPECT_EQ(SetEnds(), 0U);
-}
-
-TEST_F(Rollback, MayBeRepeated) {
-    RollTwoRecordsBack();
-    EXPECT_EQ(Writer().Rollback(), RC_OK);
-    EXPECT_EQ(Writer().WritePos(), kAfterFirst);
-    EXPECT_EQ(m_state.lastCommitSequence, 2000U);
 }
 
 TEST_F(Rollback, WithoutATransactionDoesNothing) {
@@ -119,4 +81,264 @@ TEST_F(Rollback, OnAClosedFileAnswersNoWriter) {
     EXPECT_EQ(Writer().Rollback(), RC_NO_WRITER);
 }
 
+class AbandonedTail : public WriterTest {
+  protected:
+    // A committed transaction that is then rolled back. Returns the file as that leaves it.
+    Bytes LeaveGhost() {
+        EXPECT_EQ(Writer().BeginTransaction(), RC_OK);
+        EXPECT_EQ(AppendRecord(1), RC_OK);
+        EXPECT_EQ(CommitRecord(2, 2000), RC_OK);
+        EXPECT_EQ(Writer().Rollback(), RC_OK);
+        return FileBytes();
+    }
+
+    bool AllZeroFrom(i64 offset) const {
+        const Bytes file = FileBytes();
+        return std::all_of(At(file, offset), file.end(), [](u8 byte) { return byte == 0; });
+    }
+};
+
+TEST_F(AbandonedTail, StaysAsItIsUntilTheFirstWrite) {
+    const Bytes ghost = LeaveGhost();
+    EXPECT_EQ(Items(m_path), "C0 R1 R2 C2");
+    ASSERT_EQ(Writer().BeginTransaction(), RC_OK);
+    ASSERT_EQ(Writer().FlushFile(), RC_OK);
+    EXPECT_EQ(FileBytes(), ghost);
+}
+
+TEST_F(AbandonedTail, IsZeroBehindTheFirstWriteAndTheFileKeepsItsSize) {
+    const Bytes ghost = LeaveGhost();
+    ASSERT_EQ(AppendRecord(1), RC_OK);
+    EXPECT_TRUE(AllZeroFrom(Writer().WritePos()));
+    EXPECT_EQ(FileLength(), static_cast<i64>(ghost.size()));
+    EXPECT_TRUE(m_log.Has("Abandoned data was cleared;offset 1056,file size 1156")) << m_log;
+    EXPECT_EQ(SetEnds(), 2U);
+    ASSERT_EQ(AppendRecord(2), RC_OK);
+    EXPECT_EQ(SetEnds(), 2U);
+    EXPECT_EQ(Flushes(), 0U);
+}
+
+TEST_F(AbandonedTail, ItsCommitBlockDoesNotCommitARetriedTransaction) {
+    LeaveGhost();
+    // The retry writes what the first attempt wrote, up to where its commit block stands.
+    ASSERT_EQ(AppendRecord(1), RC_OK);
+    ASSERT_EQ(AppendRecord(2), RC_OK);
+    EXPECT_EQ(Items(m_path), "C0 R1 R2");
+}
+
+TEST_F(AbandonedTail, TheWriteLandsRightWhereCuttingMovesThePointer) {
+    LeaveGhost();
+    platform::TheSystemCalls().setFileEnd = SetEndMovingThePointer;
+    ASSERT_EQ(AppendRecord(1), RC_OK);
+    EXPECT_EQ(Items(m_path), "C0 R1");
+}
+
+TEST_F(AbandonedTail, KeepsAPresizedFileAtItsSize) {
+    ResizeFile(m_path, 100000);
+    m_state.fileSize = 100000;
+    m_state.fileSizeDelta = 4096;
+    LeaveGhost();
+    ASSERT_EQ(AppendRecord(1), RC_OK);
+    EXPECT_EQ(FileLength(), 100000);
+    EXPECT_EQ(m_state.fileSize, 100000);
+    EXPECT_TRUE(AllZeroFrom(Writer().WritePos()));
+}
+
+TEST_F(AbandonedTail, IsClearedBeforeTheFileGrows) {
+    m_state.fileSizeDelta = 4096;
+    LeaveGhost();
+    ASSERT_EQ(Append(Bytes(6000, 0xEE)), RC_OK);
+    EXPECT_EQ(FileBytes(kStart, 6000), Bytes(6000, 0xEE));
+    EXPECT_TRUE(AllZeroFrom(kStart + 6000));
+    EXPECT_EQ(FileLength(), kNewFileSize + 2 * 4096);
+    EXPECT_EQ(m_state.fileSize, kNewFileSize + 2 * 4096);
+}
+
+TEST_F(AbandonedTail, OfAHalfWrittenRunIsClearedByTheNextWriteOrWhenAsked) {
+    Writer();
+    for (const bool asked : {false, true}) {
+        ASSERT_EQ(Writer().SetWritePos(kStart, true), RC_OK);
+        ShortWrite(1, 60);
+        ASSERT_EQ(AppendRun(Record(1, 10) + Record(2, 10), 2, 2000), RC_SYSTEM_ERROR);
+        ASSERT_EQ(asked ? Writer().ClearUndone() : Append(Record(1, 0)), RC_OK);
+        EXPECT_TRUE(AllZeroFrom(asked ? kStart : kStart + kRecordHeadSize));
+        EXPECT_EQ(FileLength(), kNewFileSize + 52);
+    }
+}
+
+TEST_F(AbandonedTail, ThatALoadFoundIsClearedAtTheFirstWriteAndNotWhenAsked) {
+    const Bytes ghost = LeaveGhost();
+    m_writer.reset();
+    SyncStorageWriter loaded(&m_state);
+    ASSERT_EQ(loaded.SetWritePos(kStart, true, true), RC_OK);
+    ASSERT_EQ(loaded.BeginTransaction(), RC_OK);
+    ASSERT_EQ(loaded.Rollback(), RC_OK);
+    EXPECT_EQ(loaded.ClearUndone(), RC_OK);
+    EXPECT_EQ(FileBytes(), ghost);
+    Bytes record = Record(1, 10);
+    ASSERT_EQ(loaded.Write(record.data(), 34, nullptr, nullptr, 1, nullptr), RC_OK);
+    EXPECT_TRUE(AllZeroFrom(kStart + 34));
+    EXPECT_EQ(Items(m_path), "C0 R1");
+}
+
+TEST_F(AbandonedTail, IsRememberedWhenTheWritePositionIsSetAgain) {
+    LeaveGhost();
+    ASSERT_EQ(Writer().SetWritePos(kStart, true, false), RC_OK);
+    ASSERT_EQ(AppendRecord(1), RC_OK);
+    EXPECT_TRUE(AllZeroFrom(Writer().WritePos()));
+}
+
+TEST_F(AbandonedTail, ThatTheFileNoLongerHasNeedsNoCutting) {
+    LeaveGhost();
+    ResizeFile(m_path, kStart);
+    ASSERT_EQ(AppendRecord(1), RC_OK);
+    EXPECT_EQ(SetEnds(), 0U);
+    EXPECT_EQ(Items(m_path), "C0 R1");
+}
+
+TEST_F(AbandonedTail, ThatWasCutButNotExtendedMakesTheRecordedSizeFollow) {
+    m_state.fileSizeDelta = 4096;
+    ASSERT_EQ(CommitRecord(1, 2000), RC_OK);
+    const i64 position = Writer().WritePos();
+    LeaveGhost();
+    FailSetEnd(2);
+    ASSERT_EQ(AppendRecord(1), RC_SYSTEM_ERROR);
+    EXPECT_EQ(FileLength(), position);
+    EXPECT_EQ(m_state.fileSize, position);
+    ASSERT_EQ(AppendRecord(1), RC_OK);
+    EXPECT_EQ(m_state.fileSize, position + 4096);
+    EXPECT_EQ(FileLength(), position + 4096);
+}
+
+TEST_F(AbandonedTail, RightBehindTheFirstCommitBlockKeepsTheFileAsLongAsANewOne) {
+    const Bytes newFile = FileBytes();
+    m_state.fileSizeDelta = 4096;
+    LeaveGhost();
+    FailSetEnd(2);
+    ASSERT_EQ(AppendRecord(1), RC_SYSTEM_ERROR);
+    EXPECT_EQ(FileBytes(), newFile);
+    EXPECT_EQ(m_state.fileSize, kNewFileSize);
+    ASSERT_EQ(AppendRecord(1), RC_OK);
+    EXPECT_EQ(FileLength(), kNewFileSize + 4096);
+    EXPECT_EQ(Items(m_path), "C0 R1");
+}
+
+TEST_F(AbandonedTail, RightBehindTheFirstCommitBlockIsZeroedByOneSmallWrite) {
+    LeaveGhost();
+    const u32 writes = CallCount(SystemCall::kWrite);
+    FailSetEnd(1);
+    ASSERT_EQ(AppendRecord(1), RC_SYSTEM_ERROR);
+    EXPECT_EQ(CallCount(SystemCall::kWrite), writes + 1);
+    EXPECT_EQ(FileBytes(kStart, 9), Bytes(8) + Bytes{Record(1, 10).at(8)});
+    EXPECT_EQ(Items(m_path), "C0");
+}
+
+TEST_F(AbandonedTail, IsOnTheDiskBeforeTheWriteWithForceFlush) {
+    m_state.forceFlush = true;
+    ASSERT_EQ(CommitRecord(1, 2000), RC_OK);
+    const i64 position = Writer().WritePos();
+    LeaveGhost();
+    FailWrite(1);
+    ASSERT_EQ(AppendRecord(1), RC_SYSTEM_ERROR);
+    EXPECT_EQ(Flushes(), 1U);
+    EXPECT_TRUE(AllZeroFrom(position));
+}
+
+TEST_F(AbandonedTail, OfARollbackIsClearedWhenAsked) {
+    const Bytes ghost = LeaveGhost();
+    EXPECT_EQ(Writer().ClearUndone(), RC_OK);
+    EXPECT_TRUE(AllZeroFrom(kStart));
+    EXPECT_EQ(FileLength(), static_cast<i64>(ghost.size()));
+    EXPECT_EQ(SetEnds(), 2U);
+    ASSERT_EQ(Writer().ClearUndone(), RC_OK);
+    ASSERT_EQ(AppendRecord(1), RC_OK);
+    EXPECT_EQ(SetEnds(), 2U) << "once";
+    EXPECT_EQ(Items(m_path), "C0 R1");
+}
+
+TEST_F(AbandonedTail, ThatWasNeverThereIsNotCleared) {
+    ASSERT_EQ(CommitRecord(1, 2000), RC_OK);
+    EXPECT_EQ(Writer().ClearUndone(), RC_OK);
+    ASSERT_EQ(Writer().BeginTransaction(), RC_OK);
+    ASSERT_EQ(Writer().Rollback(), RC_OK);
+    ASSERT_EQ(CommitRecord(2, 3000), RC_OK);
+    ASSERT_EQ(Writer().SetWritePos(kStart, true), RC_OK);
+    ASSERT_EQ(AppendRecord(1), RC_OK);
+    EXPECT_EQ(SetEnds(), 0U);
+    Writer().CloseFile();
+    EXPECT_EQ(Writer().ClearUndone(), RC_NO_WRITER);
+}
+
+constexpr SystemErrorKind kKind = SystemErrorKind::kInputOutput;
+
+// The `nth` call of its kind in the clearing of a tail that begins at `position`.
+struct Step {
+    const char* name;
+    i64 position;
+    SystemCall call;
+    u32 nth;
+    const char* items;  // what the file holds when this step has failed
+};
+
+std::ostream& operator<<(std::ostream& out, const Step& step) {
+    return out << step.name;
+}
+
+class AbandonedTailFailures : public WriterTest, public ::testing::WithParamInterface<Step> {
+  protected:
+    AbandonedTailFailures() { m_state.forceFlush = true; }
+
+    // Records 2 and 3 and their commit block, rolled back, at the step's position.
+    void LeaveGhost() {
+        if (GetParam().position != kStart) {
+            ASSERT_EQ(CommitRecord(1, 2000), RC_OK);
+        }
+        ASSERT_EQ(Writer().WritePos(), GetParam().position);
+        ASSERT_EQ(Writer().BeginTransaction(), RC_OK);
+        ASSERT_EQ(AppendRecord(2), RC_OK);
+        ASSERT_EQ(CommitRecord(3, 3000), RC_OK);
+        ASSERT_EQ(Writer().Rollback(), RC_OK);
+    }
+
+    std::string Text() const {
+        return "Cannot clear abandoned data;offset " + std::to_string(GetParam().position) + "," +
+               SysErr(kKind);
+    }
+    std::string Before() const { return GetParam().position == kStart ? "C0" : "C0 R1 C1"; }
+};
+
+TEST_P(AbandonedTailFailures, IsReportedAndMadeGoodByTheNextWrite) {
+    LeaveGhost();
+    Fail(GetParam().call, GetParam().nth, kKind);
+    EXPECT_EQ(AppendRecord(2), RC_SYSTEM_ERROR);
+    EXPECT_EQ(m_log.CodeOf(Text()), RC_SYSTEM_ERROR) << m_log;
+    EXPECT_EQ(Writer().WritePos(), GetParam().position);
+    EXPECT_EQ(Items(m_path), GetParam().items);
+    EXPECT_GE(FileLength(), i64{kNewFileSize}) << "long enough to load";
+    ASSERT_EQ(AppendRecord(2), RC_OK);
+    ASSERT_EQ(AppendRecord(3), RC_OK);
+    EXPECT_EQ(Items(m_path), Before() + " R2 R3");
+    ASSERT_EQ(AppendRun({}, 3, 4000), RC_OK);
+    EXPECT_EQ(Items(m_path), Before() + " R2 R3 C3");
+}
+
+constexpr i64 kFirst = kFirstItemOffset;
+constexpr i64 kLater = kFirstItemOffset + 34 + 32;
+
+INSTANTIATE_TEST_SUITE_P(
+    Steps, AbandonedTailFailures,
+    ::testing::Values(Step{"SizeOfAFirstRun", kFirst, SystemCall::kFileSize, 1, "C0 R2 R3 C3"},
+                      Step{"SeekToAFirstRun", kFirst, SystemCall::kSeek, 1, "C0 R2 R3 C3"},
+                      Step{"ZerosOverAFirstRun", kFirst, SystemCall::kWrite, 1, "C0 R2 R3 C3"},
+                      Step{"CutOfAFirstRun", kFirst, SystemCall::kSetEnd, 1, "C0"},
+                      Step{"ExtensionOfAFirstRun", kFirst, SystemCall::kSetEnd, 2, "C0"},
+                      Step{"FlushOfAFirstRun", kFirst, SystemCall::kFlush, 1, "C0"},
+                      Step{"SizeOfALaterRun", kLater, SystemCall::kFileSize, 1,
+                           "C0 R1 C1 R2 R3 C3"},
+                      Step{"CutOfALaterRun", kLater, SystemCall::kSetEnd, 1, "C0 R1 C1 R2 R3 C3"},
+                      Step{"ExtensionOfALaterRun", kLater, SystemCall::kSetEnd, 2, "C0 R1 C1"},
+                      Step{"FlushOfALaterRun", kLater, SystemCall::kFlush, 1, "C0 R1 C1"}),
+    [](const auto& step) { return std::string(step.param.name); });
+
+}  // namespace
 }  // namespace k9erepl::test

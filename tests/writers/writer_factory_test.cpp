@@ -13,19 +13,10 @@
 #include "writers/writer_fixture.h"
 
 namespace k9erepl::test {
-
 namespace {
 
 class WriterFactory : public WriterTest {
   protected:
-    void ExpectSynchronous(const std::string& connStr, const std::string& text) {
-        const std::unique_ptr<StorageWriter> writer =
-            CreateStorageWriter(connStr.c_str(), &m_state);
-        EXPECT_NE(dynamic_cast<SyncStorageWriter*>(writer.get()), nullptr);
-        const LoggedMessage expected{K9SYS_LOG_INFO, "k9eRepl-storage", text, 0};
-        EXPECT_EQ(m_log.Messages(), std::vector{expected}) << m_log;
-    }
-
     u32 ErrorOf(const std::string& connStr, StorageFileState* state) {
         try {
             CreateStorageWriter(connStr.c_str(), state);
@@ -33,13 +24,6 @@ class WriterFactory : public WriterTest {
             return e.Code();
         }
         return RC_OK;
-    }
-
-    void ExpectInvalid(const std::string& value, const std::string& shown) {
-        EXPECT_EQ(ErrorOf("async_mode=" + value, &m_state), 23U);
-        const LoggedMessage expected{K9SYS_LOG_ERROR, "k9eRepl-storage",
-                                     "Invalid 'async_mode' value (" + shown + ")", 23};
-        EXPECT_EQ(m_log.Messages(), std::vector{expected}) << m_log;
     }
 };
 
@@ -88,46 +72,30 @@ class AsyncFactory : public WriterFactory {
     const std::string m_usualSize = "Use default async_buffer_size 16384 bytes";
 };
 
-}  // namespace
-
-TEST_F(WriterFactory, AnAbsentModeGivesTheSynchronousWriter) {
-    ExpectSynchronous("file=a", "Use default async_mode 'no'");
-}
-
-TEST_F(WriterFactory, AnEmptyModeGivesTheSynchronousWriter) {
-    ExpectSynchronous("async_mode=;file=a", "Use default async_mode 'no'");
-}
-
-TEST_F(WriterFactory, NoGivesTheSynchronousWriter) {
-    ExpectSynchronous("file=a;async_mode=no", "Use  async_mode 'no'");
-}
-
-TEST_F(WriterFactory, NoInCapitalsIsNo) {
-    ExpectSynchronous("async_mode=No", "Use  async_mode 'No'");
+TEST_F(WriterFactory, NoAndNothingGiveTheSynchronousWriterWhichReadsNoOtherSetting) {
+    const std::string byDefault = "Use default async_mode 'no'";
+    for (const auto& [settings, text] : {std::pair{"file=a", byDefault},
+                                         {"async_mode=;file=a", byDefault},
+                                         {"aux_affinity=x;async_buffer_size=-1", byDefault},
+                                         {"file=a;async_mode=no", "Use  async_mode 'no'"},
+                                         {"async_mode=No", "Use  async_mode 'No'"}}) {
+        m_log.Clear();
+        const std::unique_ptr<StorageWriter> writer = CreateStorageWriter(settings, &m_state);
+        EXPECT_NE(dynamic_cast<SyncStorageWriter*>(writer.get()), nullptr);
+        const LoggedMessage expected{K9SYS_LOG_INFO, "k9eRepl-storage", text, 0};
+        EXPECT_EQ(m_log.Messages(), std::vector{expected}) << m_log;
+    }
 }
 
 TEST_F(WriterFactory, RefusesAnyOtherWordWith23) {
-    ExpectInvalid("maybe", "maybe");
-}
-
-TEST_F(WriterFactory, RefusesAnyOtherWordInCapitalsWith23) {
-    ExpectInvalid("TRUE", "TRUE");
-}
-
-TEST_F(WriterFactory, TheSynchronousWriterReadsNoOtherSetting) {
-    ExpectSynchronous("aux_affinity=x;async_buffer_size=-1", "Use default async_mode 'no'");
-}
-
-TEST_F(WriterFactory, RefusesAWordThatOnlyBeginsRight) {
-    ExpectInvalid("none", "none");
-}
-
-TEST_F(WriterFactory, RefusesAWordWithATrailingBlank) {
-    ExpectInvalid("no ", "no ");
-}
-
-TEST_F(WriterFactory, CutsALongWordTo63Characters) {
-    ExpectInvalid(std::string(100, 'y'), std::string(63, 'y'));
+    for (const std::string& word : {std::string("maybe"), std::string("TRUE"), std::string("none"),
+                                    std::string("no "), std::string(100, 'y')}) {
+        m_log.Clear();
+        EXPECT_EQ(ErrorOf("async_mode=" + word, &m_state), 23U);
+        const LoggedMessage expected{K9SYS_LOG_ERROR, "k9eRepl-storage",
+                                     "Invalid 'async_mode' value (" + word.substr(0, 63) + ")", 23};
+        EXPECT_EQ(m_log.Messages(), std::vector{expected}) << m_log;
+    }
 }
 
 TEST_F(WriterFactory, PassesTheWritersOwnCodesOn) {
@@ -137,8 +105,6 @@ TEST_F(WriterFactory, PassesTheWritersOwnCodesOn) {
     EXPECT_EQ(ErrorOf("async_mode=yes", nullptr), RC_INVALID_ARG);
     EXPECT_EQ(ErrorOf("async_mode=yes", &m_state), RC_SYSTEM_ERROR);
 }
-
-// --- The asynchronous writer's settings ------------------------------------------------------
 
 TEST_F(AsyncFactory, AModeOfYesInCapitalsSelectsTheAsynchronousWriter) {
     EXPECT_EQ(MessagesOf("async_mode=YES;file=a").front().text, "Use  async_mode 'YES'");
@@ -156,39 +122,27 @@ TEST_F(AsyncFactory, HasDefaultsForTheOtherSettings) {
     EXPECT_FALSE(AllocatesBuffer("", 16384));
 }
 
-TEST_F(AsyncFactory, EmptyValuesCountAsAbsent) {
-    ExpectSettings(";aux_affinity=;async_buffer_size=", {m_noAffinity, m_usualSize});
-}
-
-TEST_F(AsyncFactory, PassesTheAffinityOn) {
-    ExpectSettings(";aux_affinity=3", {"Use  async thread affinity 0x3", m_usualSize});
-    EXPECT_EQ(m_calls.Affinities(), std::vector<u64>{3});
-}
-
 TEST_F(AsyncFactory, ReadsTheAffinityAsASignedDecimalNumber) {
+    ExpectSettings(";aux_affinity=;async_buffer_size=", {m_noAffinity, m_usualSize});
+    ExpectSettings(";aux_affinity=3", {"Use  async thread affinity 0x3", m_usualSize});
     ExpectSettings(";aux_affinity=-1", {"Use  async thread affinity 0xFFFFFFFF", m_usualSize});
-    EXPECT_EQ(m_calls.Affinities(), std::vector<u64>{0xFFFFFFFF});
+    EXPECT_EQ(m_calls.Affinities(), (std::vector<u64>{3, 0xFFFFFFFF}));
     ExpectSettings(";aux_affinity=0x3", {"Use  async thread affinity 0x0", m_usualSize});
 }
 
-TEST_F(AsyncFactory, ABufferSizeOf4096IsAccepted) {
+TEST_F(AsyncFactory, ABufferSizeOf4096IsAcceptedAndUpTo16ItLiesInsideTheWriter) {
     ExpectSettings(";async_buffer_size=4096",
                    {m_noAffinity, "Use  async_buffer_size 4194304 bytes"});
     EXPECT_TRUE(AllocatesBuffer("4096", 4194304));
     EXPECT_FALSE(AllocatesBuffer("4096", 4194305));
+    EXPECT_FALSE(AllocatesBuffer("16", 1024));
+    EXPECT_TRUE(AllocatesBuffer("17", 17 * 1024));
 }
 
-TEST_F(AsyncFactory, ABufferSizeOf4097IsRefusedWith23) {
-    ExpectSizeRefused("4097");
-}
-
-TEST_F(AsyncFactory, ABufferSizeBelow0IsRefusedWith23) {
-    ExpectSizeRefused("-1");
-}
-
-TEST_F(AsyncFactory, ABufferSizeThatDoesNotFit32BitsIsRefusedWith23) {
-    ExpectSizeRefused("4294967296");
-    ExpectSizeRefused("-4294967296");
+TEST_F(AsyncFactory, ABufferSizeOutsideItsRangeIsRefusedWith23) {
+    for (const char* size : {"4097", "-1", "4294967296", "-4294967296"}) {
+        ExpectSizeRefused(size);
+    }
 }
 
 TEST_F(AsyncFactory, ABufferSizeOf0DisablesTheBufferWithAWarning) {
@@ -200,9 +154,5 @@ TEST_F(AsyncFactory, ABufferSizeOf0DisablesTheBufferWithAWarning) {
     EXPECT_EQ(m_log.CountContaining("async_buffer_size "), 0U);
 }
 
-TEST_F(AsyncFactory, ABufferSizeUpTo16LiesInsideTheWriter) {
-    EXPECT_FALSE(AllocatesBuffer("16", 1024));
-    EXPECT_TRUE(AllocatesBuffer("17", 17 * 1024));
-}
-
+}  // namespace
 }  // namespace k9erepl::test

@@ -8,7 +8,6 @@
 #include "writers/writer_fixture.h"
 
 namespace k9erepl::test {
-
 namespace {
 
 std::vector<platform::FileOpenRequest> g_requests;
@@ -21,55 +20,19 @@ platform::NativeFile RecordingOpen(const char* path, const platform::FileOpenReq
 class WriterFile : public WriterTest {
   protected:
     WriterFile() { g_requests.clear(); }
-
-    u32 ConstructionError(StorageFileState* state) {
-        try {
-            const SyncStorageWriter writer(state);
-        } catch (const K9eStorageException& e) {
-            return e.Code();
-        }
-        return RC_OK;
-    }
-
-    std::string OpenFailure(const std::string& path, SystemErrorKind kind) const {
-        return "Failed to create file '" + path + "';" + SysErr(kind);
-    }
 };
 
-}  // namespace
-
-TEST_F(WriterFile, WithoutAStateIsAnInvalidArgument) {
-    EXPECT_EQ(ConstructionError(nullptr), RC_INVALID_ARG);
-}
-
-TEST_F(WriterFile, ThatDoesNotExistIsNotCreated) {
-    m_state.path = m_folder.File("missing");
-    EXPECT_EQ(ConstructionError(&m_state), RC_SYSTEM_ERROR);
-    EXPECT_EQ(m_log.CodeOf(OpenFailure(m_state.path, SystemErrorKind::kNotFound)), RC_SYSTEM_ERROR)
-        << m_log;
-    EXPECT_FALSE(Exists(m_state.path));
-}
-
 TEST_F(WriterFile, IsOpenedForReadingAndWritingAndSharedForBoth) {
-    platform::TheSystemCalls().openFile = RecordingOpen;
-    Writer();
-    ASSERT_EQ(g_requests.size(), 1U);
-    EXPECT_EQ(g_requests[0].access, platform::FileAccess::kReadWrite);
-    EXPECT_EQ(g_requests[0].disposition, platform::FileDisposition::kOpenExisting);
-    EXPECT_EQ(g_requests[0].sharing, platform::FileSharing::kReadWrite);
-    EXPECT_FALSE(g_requests[0].writeThrough);
-}
-
-TEST_F(WriterFile, IsOpenedWithWriteThroughWhenThatIsSet) {
     platform::TheSystemCalls().openFile = RecordingOpen;
     m_state.writeThrough = true;
     Writer();
     ASSERT_EQ(Writer().ReopenFile(m_path, false), RC_OK);
-    ASSERT_EQ(Writer().ReopenFile(m_path, true), RC_OK);
-    ASSERT_EQ(g_requests.size(), 3U);
+    ASSERT_EQ(g_requests.size(), 2U);
+    EXPECT_EQ(g_requests[0].access, platform::FileAccess::kReadWrite);
+    EXPECT_EQ(g_requests[0].disposition, platform::FileDisposition::kOpenExisting);
+    EXPECT_EQ(g_requests[0].sharing, platform::FileSharing::kReadWrite);
     EXPECT_TRUE(g_requests[0].writeThrough);
     EXPECT_FALSE(g_requests[1].writeThrough);
-    EXPECT_TRUE(g_requests[2].writeThrough);
 }
 
 TEST_F(WriterFile, IsWrittenFromItsRecordedSizeOn) {
@@ -81,31 +44,17 @@ TEST_F(WriterFile, IsWrittenFromItsRecordedSizeOn) {
     EXPECT_EQ(FileLength(), kNewFileSize + 10);
 }
 
-TEST_F(WriterFile, IsClosedWithItsWriter) {
-    Writer();
-    m_writer.reset();
-    EXPECT_EQ(CallCount(SystemCall::kClose), 1U);
-}
-
-TEST_F(WriterFile, SetWritePosWithSeekMovesThePointerAtOnce) {
-    Writer();
-    const u32 seeks = CallCount(SystemCall::kSeek);
-    ASSERT_EQ(Writer().SetWritePos(1060, true), RC_OK);
-    EXPECT_EQ(CallCount(SystemCall::kSeek), seeks + 1);
-    EXPECT_EQ(Writer().WritePos(), 1060);
-    ASSERT_EQ(Append(BytesOf("x")), RC_OK);
-    EXPECT_EQ(CallCount(SystemCall::kSeek), seeks + 1);
-    EXPECT_EQ(FileBytes(1060, 1), BytesOf("x"));
-}
-
-TEST_F(WriterFile, SetWritePosWithoutSeekSetsThePositionOnly) {
-    Writer();
-    const u32 seeks = CallCount(SystemCall::kSeek);
-    ASSERT_EQ(Writer().SetWritePos(1060, false), RC_OK);
-    EXPECT_EQ(CallCount(SystemCall::kSeek), seeks);
-    EXPECT_EQ(Writer().WritePos(), 1060);
-    ASSERT_EQ(Append(BytesOf("x")), RC_OK);
-    EXPECT_EQ(FileBytes(1060, 1), BytesOf("x"));
+TEST_F(WriterFile, SetWritePosMovesThePointerAtOnceOnlyWhenAsked) {
+    for (const bool seek : {true, false}) {
+        ASSERT_EQ(Writer().SetWritePos(kStart, true), RC_OK);
+        const u32 seeks = CallCount(SystemCall::kSeek);
+        ASSERT_EQ(Writer().SetWritePos(1060, seek), RC_OK);
+        EXPECT_EQ(CallCount(SystemCall::kSeek), seeks + (seek ? 1 : 0));
+        EXPECT_EQ(Writer().WritePos(), 1060);
+        ASSERT_EQ(Append(BytesOf("x")), RC_OK);
+        EXPECT_EQ(CallCount(SystemCall::kSeek), seeks + 1);
+        EXPECT_EQ(FileBytes(1060, 1), BytesOf("x"));
+    }
 }
 
 TEST_F(WriterFile, AFailedSeekLeavesTheWritePosition) {
@@ -147,8 +96,11 @@ TEST_F(WriterFile, ReopenFileThatFailsKeepsTheOldFile) {
     Writer();
     const std::string missing = m_folder.File("missing");
     EXPECT_EQ(Writer().ReopenFile(missing, false), RC_SYSTEM_ERROR);
-    EXPECT_EQ(m_log.CodeOf(OpenFailure(missing, SystemErrorKind::kNotFound)), RC_SYSTEM_ERROR)
+    EXPECT_EQ(m_log.CodeOf("Failed to create file '" + missing + "';" +
+                           SysErr(SystemErrorKind::kNotFound)),
+              RC_SYSTEM_ERROR)
         << m_log;
+    EXPECT_FALSE(Exists(missing));
     ASSERT_EQ(AppendRecord(1), RC_OK);
     EXPECT_EQ(Items(m_path), "C0 R1");
 }
@@ -164,4 +116,5 @@ TEST_F(WriterFile, ReopenFileAfterCloseFileWritesOn) {
     EXPECT_EQ(Items(m_path), "C0 R1 R2");
 }
 
+}  // namespace
 }  // namespace k9erepl::test
