@@ -2,6 +2,9 @@
 #include "solid/squeeze_fixture.h"
 
 #include <algorithm>
+#include <iterator>
+
+#include "platform/file_names.h"
 
 namespace k9erepl::test {
 
@@ -89,6 +92,127 @@ Texts SqueezeTest::LoggedTexts() const {
         return text.starts_with("Write to Handle") || text.starts_with("Written data size");
     });
     return texts;
+}
+
+namespace {
+
+using enum SystemCall;
+
+// In the order in which they happen.
+constexpr Step kSteps[] = {
+    {"FlushOfTheOldFile", kFlush, 1, "Cannot flush file;sys-err {E}", Left::kRaised, true},
+    {"Offset", kTell, 1, "Cannot get file offset;sys-err {E}", Left::kRaised, true},
+    {"SeekToTheHeader", kSeek, 1, "Cannot seek to offset 0;sys-err {E}", Left::kRaised, true},
+    {"ReadOfTheHeader", kRead, 1, "Failed to read file header; sys-err {E}", Left::kRaised, true},
+    {"SeekBack", kSeek, 2, "Cannot seek to offset 1291;sys-err {E}", Left::kRaised, true},
+    {"SeekToTheCommitBlock", kSeek, 3, "Cannot seek to read commit block;offset 1199, sys-err {E}",
+     Left::kRaised, true},
+    {"ReadOfTheCommitBlock", kRead, 2, "Failed to read block;sys-err {E},offset 1199",
+     Left::kRaised, true},
+    {"Creation", kOpen, 1, "Cannot create temporary file '{P}.temporary';sys-err {E}",
+     Left::kRaised, true},
+    {"Owner", kTakeOwnerAndMode, 1, "Cannot create temporary file '{P}.temporary';sys-err {E}",
+     Left::kRaised, true},
+    {"Lock", kLockFile, 1, "Cannot lock storage file '{P}.temporary';sys-err {E}", Left::kRaised,
+     true},
+    {"SeekToTheNewStart", kSeek, 4, "Cannot seek to offset 0;sys-err {E}", Left::kRaised, true},
+    {"WriteOfTheNewStart", kWrite, 2, "Cannot write file header to file;sys-err {E}", Left::kRaised,
+     true},
+    {"SeekToTheNewItems", kSeek, 5, "Cannot seek to offset 1056;sys-err {E}", Left::kRaised, true},
+    {"FlushOfTheNewStart", kFlush, 2, "Cannot flush file;sys-err {E}", Left::kRaised, true},
+    {"SeekToTheItems", kSeek, 6, "Cannot seek to read file;offset 1171, sys-err {E}", Left::kRaised,
+     true},
+    {"ReadOfTheItems", kRead, 3, "Failed to read block;sys-err {E},offset 1171", Left::kRaised,
+     true},
+    {"WriteOfTheItems", kWrite, 3, "Failed to write block;sys-err {E},offset 1171", Left::kRaised,
+     true},
+    {"FlushOfTheItems", kFlush, 3, "Cannot flush file;sys-err {E}", Left::kRaised, true},
+    {"Cut", kSetEnd, 1, "Cannot truncate file: '{P}'; sys-err: {E}", Left::kRaised, false},
+    {"FlushOfTheCut", kFlush, 4, "Cannot flush file;sys-err {E}", Left::kOld, false},
+    {"Link", kLink, 1, "Cannot create backup file; sys-err: {E}; of file: '{P}'", Left::kOld,
+     false},
+    {"Opening", kOpen, 2, "Failed to create file '{P}';sys-err {E}", Left::kNew, false},
+    {"ReadOfTheNewHeader", kRead, 4, "Failed to read file header;file path {P},sys-err {E}",
+     Left::kNew, false},
+    {"Size", kFileSize, 1, "Cannot get file size;sys-err {E},file path '{P}'", Left::kNew, false},
+    {"OpeningOfTheWriter", kOpen, 3, "Failed to create file '{P}';sys-err {E}", Left::kNew, false},
+    {"SeekOfTheWriter", kSeek, 7, "Cannot seek to write pos;offset 1208, sys-err {E}", Left::kNew,
+     false},
+};
+
+// The handle that made and locked the new file, unless its name can change only while it is closed.
+const bool kNewFileStaysOpen = platform::kOpenFilesCanBeRenamed;
+
+struct CallsOfAKind {
+    SystemCall call;
+    u32 others;  // tried by a test of its own, or without effect
+    u32 before;
+};
+
+}  // namespace
+
+std::span<const Step> StepsOfEverySqueeze() {
+    return kSteps;
+}
+
+std::string SqueezeFailure::Filled(std::string text) const {
+    const auto fill = [&](const std::string& mark, const std::string& value) {
+        if (const std::size_t at = text.find(mark); at != std::string::npos) {
+            text.replace(at, mark.size(), value);
+        }
+    };
+    fill("{P}", Path());
+    fill("{E}", std::to_string(SystemErrorOf(SystemErrorKind::kInputOutput)));
+    return text;
+}
+
+FileBytes SqueezeFailure::BytesLeft(Left left) {
+    switch (left) {
+        case Left::kOld:
+            return OldBytes();
+        case Left::kRaised:
+            return RaisedBytes();
+        case Left::kNew:
+            break;
+    }
+    return NewBytes();
+}
+
+void SqueezeFailure::ExpectOnlyTheOldFile(Left left) {
+    EXPECT_EQ(WrittenBytes(), BytesLeft(left));
+    EXPECT_FALSE(Exists(Temporary()));
+    EXPECT_FALSE(Exists(Backup()));
+}
+
+void SqueezeFailure::ExpectTried(std::span<const Step> names) {
+    CallsOfAKind kinds[] = {{kWrite, 1, 0},
+                            {kFlush, 0, 0},
+                            {kTell, 0, 0},
+                            {kSeek, 0, 0},
+                            {kRead, 0, 0},
+                            {kOpen, 0, 0},
+                            {kTakeOwnerAndMode, 0, 0},
+                            {kAlloc, 2, 0},
+                            {kSetEnd, 0, 0},
+                            {kLink, 0, 0},
+                            {kRename, 0, 0},
+                            {kFlushDirectory, 0, 0},
+                            {kFileSize, 0, 0},
+                            {kRemove, 1, 0},
+                            {kClose, kNewFileStaysOpen ? 2U : 3U, 0},
+                            {kLockFile, kNewFileStaysOpen ? 0U : 1U, 0},
+                            {kMakeDirectory, 0, 0}};
+    for (CallsOfAKind& kind : kinds) {
+        kind.before = CallCount(kind.call);
+    }
+    EXPECT_EQ(Squeeze(), RC_OK);
+    for (const CallsOfAKind& kind : kinds) {
+        const auto ofThisKind = [&](const Step& step) { return step.call == kind.call; };
+        const auto steps = std::count_if(std::begin(kSteps), std::end(kSteps), ofThisKind) +
+                           std::count_if(names.begin(), names.end(), ofThisKind);
+        EXPECT_EQ(CallCount(kind.call) - kind.before, static_cast<u32>(steps) + kind.others)
+            << static_cast<int>(kind.call);
+    }
 }
 
 }  // namespace k9erepl::test

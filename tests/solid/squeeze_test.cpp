@@ -1,4 +1,8 @@
-// The squeeze that succeeds: the new file's bytes, and that work goes on in it.
+// The squeeze that succeeds: the new file's bytes, and that work goes on in it. The names around
+// it: the backup, the temporary file, and the directory; what only POSIX has is in
+// posix/squeeze_links_test.cpp.
+#include <filesystem>
+
 #include "platform/file_names.h"
 #include "solid/squeeze_fixture.h"
 
@@ -7,20 +11,37 @@ namespace {
 
 using Squeezed = SqueezeTest;
 
-TEST_F(Squeezed, KeepsTheItemsFromTheFirstKeptRecordOn) {
+TEST_F(Squeezed, HoldsExactlyTheseBytesAndWorkGoesOnInIt) {
+    EXPECT_EQ(m_solid.BeginTransaction(), RC_OK);
+    std::vector<i64> announced;
+    m_solid.SetWrittenRevisionCallback(
+        [](std::int64_t rev, void* ctx) { static_cast<std::vector<i64>*>(ctx)->push_back(rev); },
+        &announced);
     EXPECT_EQ(Squeeze(), RC_OK);
-    EXPECT_EQ(ItemsOfFile(), NewItems());
-}
-
-TEST_F(Squeezed, HoldsExactlyTheseBytes) {
-    EXPECT_EQ(Squeeze(), RC_OK);
+    EXPECT_EQ(announced, std::vector<i64>{5});
+    m_solid.SetWrittenRevisionCallback(nullptr, nullptr);
+    EXPECT_EQ(m_solid.RollbackWrites(), RC_OK) << "the transaction is forgotten";
     EXPECT_EQ(WrittenBytes(), NewBytes());
+    EXPECT_EQ(ReadBytes(Backup()), OldBytes());
+    EXPECT_EQ(FlushedRev(), 5);
+    EXPECT_EQ(m_solid.FileSize(), kNewEnd);
+    EXPECT_EQ(m_shift, 1056 - 1171);
+    EXPECT_EQ(m_solid.CheckRecordAt(5, 1231 + m_shift), RC_OK);
+    EXPECT_EQ(WriteTransaction(6, "six"), kNewEnd);
+    Items expected = NewItems();
+    expected.insert(expected.end(), {"record 6 at 1208: six", "commit 4 6"});
+    EXPECT_EQ(ItemsOfFile(), expected);
 }
 
-TEST_F(Squeezed, BeginsWithACommitBlockThatTheFirstKeptOneLinksTo) {
+TEST_F(Squeezed, KeepsTheHeaderAndBeginsWithACommitBlockThatTheFirstKeptOneLinksTo) {
+    PatchBytes(Path(), 24, FileBytes(1000, 0x77));
     PatchBytes(Path(), kCommitOffset + 12, FileBytes{1, 2, 3, 4});
+    const FileBytes old = WrittenBytes();
     EXPECT_EQ(Squeeze(), RC_OK);
-    const auto first = LoadUnaligned<TCommitBlock>(WrittenBytes().data() + kFirstCommitOffset);
+    const FileBytes squeezed = WrittenBytes();
+    EXPECT_EQ(FileBytes(squeezed.begin(), squeezed.begin() + kFileHeaderSize),
+              FileBytes(old.begin(), old.begin() + kFileHeaderSize));
+    const auto first = LoadUnaligned<TCommitBlock>(squeezed.data() + kFirstCommitOffset);
     EXPECT_EQ(u32{first.signature}, kCommitSignature);
     EXPECT_EQ(u32{first.prevSequence}, 0U);
     EXPECT_EQ(u32{first.sequence}, FileBuilder::kFirstSequence + 1);
@@ -28,21 +49,6 @@ TEST_F(Squeezed, BeginsWithACommitBlockThatTheFirstKeptOneLinksTo) {
     EXPECT_EQ(i64{first.clearRev}, 0);
     EXPECT_EQ(i64{first.commitRev}, kClearRev);
     EXPECT_EQ(ItemsOfFile(), NewItems());
-}
-
-TEST_F(Squeezed, KeepsTheWholeHeader) {
-    PatchBytes(Path(), 24, FileBytes(1000, 0x77));
-    const FileBytes old = WrittenBytes();
-    EXPECT_EQ(Squeeze(), RC_OK);
-    const FileBytes squeezed = WrittenBytes();
-    EXPECT_EQ(FileBytes(squeezed.begin(), squeezed.begin() + kFileHeaderSize),
-              FileBytes(old.begin(), old.begin() + kFileHeaderSize));
-}
-
-TEST_F(Squeezed, AnswersWhatToAddToTheOffsetsOfKeptItems) {
-    EXPECT_EQ(Squeeze(), RC_OK);
-    EXPECT_EQ(m_shift, 1056 - 1171);
-    EXPECT_EQ(m_solid.CheckRecordAt(5, 1231 + m_shift), RC_OK);
 }
 
 TEST_F(Squeezed, SaysWhatItDoes) {
@@ -62,40 +68,12 @@ TEST_F(Squeezed, SaysWhatItDoes) {
     EXPECT_EQ(m_log.Texts(K9SYS_LOG_INFO), m_log.Texts());
 }
 
-TEST_F(Squeezed, TheNextWriteGoesBehindTheCopyAndLinksToIt) {
-    EXPECT_EQ(Squeeze(), RC_OK);
-    EXPECT_EQ(WriteTransaction(6, "six"), kNewEnd);
-    Items expected = NewItems();
-    expected.insert(expected.end(), {"record 6 at 1208: six", "commit 4 6"});
-    EXPECT_EQ(ItemsOfFile(), expected);
-}
-
 TEST_F(Squeezed, IsEnumeratedFromItsNewOffsets) {
     EXPECT_EQ(Enumerated(1, 9).size(), 5U);  // fills the read buffers
     EXPECT_EQ(Squeeze(), RC_OK);
     EXPECT_EQ(Enumerated(1, 9), (Items{"record 4 at 1056: four", "record 5 at 1116: five"}));
     WriteTransaction(6, "six");
     EXPECT_EQ(Enumerated(6, 6), Items{"record 6 at 1208: six"});
-}
-
-TEST_F(Squeezed, KeepsRevisionsAndHeaderFieldsInForce) {
-    EXPECT_EQ(Squeeze(), RC_OK);
-    u32 lifenum = 0;
-    i64 clearOldRev = 0;
-    EXPECT_EQ(m_solid.GetLifenum(&lifenum), RC_OK);
-    EXPECT_EQ(m_solid.GetClearOldRev(&clearOldRev), RC_OK);
-    EXPECT_EQ(lifenum, kLifenum);
-    EXPECT_EQ(clearOldRev, kClearOldRev);
-    EXPECT_EQ(FlushedRev(), 5);
-    EXPECT_EQ(m_solid.FileSize(), kNewEnd);
-    EXPECT_EQ(m_solid.Path(), Path());
-}
-
-TEST_F(Squeezed, ForgetsTheTransaction) {
-    EXPECT_EQ(m_solid.BeginTransaction(), RC_OK);
-    EXPECT_EQ(Squeeze(), RC_OK);
-    EXPECT_EQ(m_solid.RollbackWrites(), RC_OK);
-    EXPECT_EQ(WriteTransaction(6, "six"), kNewEnd);
 }
 
 TEST_F(Squeezed, MayBeRepeated) {
@@ -116,42 +94,13 @@ TEST_F(Squeezed, OfEverythingChangesOnlyWhatItAppends) {
     EXPECT_EQ(WrittenBytes(), expected);
 }
 
-TEST_F(Squeezed, LeavesDeadBytesBehind) {
-    OpenScanned(ThreeTransactions().Zeros(5000));
-    EXPECT_EQ(Squeeze(), RC_OK);
-    EXPECT_EQ(WrittenBytes(), NewBytes());
-}
-
-TEST_F(Squeezed, AnnouncesItsCommitBlockOnce) {
-    std::vector<i64> revisions;
-    m_solid.SetWrittenRevisionCallback(
-        [](std::int64_t rev, void* ctx) { static_cast<std::vector<i64>*>(ctx)->push_back(rev); },
-        &revisions);
-    EXPECT_EQ(Squeeze(), RC_OK);
-    EXPECT_EQ(revisions, std::vector<i64>{5});
-}
-
-TEST_F(Squeezed, NeedsAnOpenFile) {
-    m_solid.Close();
-    m_log.Clear();
-    EXPECT_EQ(Squeeze(), RC_NO_WRITER);
-    EXPECT_EQ(LoggedTexts(), Texts{});
-    EXPECT_EQ(m_shift, 12345);
-}
-
-TEST_F(Squeezed, OpensTwoHandlesAndLeavesNoOther) {
-    OpenScanned(ThreeTransactions(), "file_lock=no");
-    const std::size_t descriptors = OpenDescriptors();
-    EXPECT_EQ(Squeeze(), RC_OK);
-    EXPECT_EQ(OpenDescriptors(), descriptors);
-}
-
 TEST_F(Squeezed, OpensAThirdHandleForALockThatCameWithTheNewFile) {
-    const std::size_t descriptors = OpenDescriptors() + (platform::kOpenFilesCanBeRenamed ? 1 : 0);
-    for (int squeezes = 0; squeezes < 2; ++squeezes) {
-        OpenScanned(ThreeTransactions());
+    const std::size_t descriptors = OpenDescriptors();
+    for (const bool locked : {true, true, false}) {
+        OpenScanned(ThreeTransactions(), locked ? "" : "file_lock=no");
         EXPECT_EQ(Squeeze(), RC_OK);
-        EXPECT_EQ(OpenDescriptors(), descriptors);
+        EXPECT_EQ(OpenDescriptors(),
+                  descriptors + (locked && platform::kOpenFilesCanBeRenamed ? 1 : 0));
     }
 }
 
@@ -173,16 +122,7 @@ TEST_F(Squeezed, IsCopiedInPieces) {
                      "record 3 at 9438264: 9437184 pattern bytes", "commit 0 3", "commit 2 3"}));
 }
 
-TEST_F(Squeezed, CompletesSplitTransfers) {
-    SplitRead(3, 10);
-    SplitWrite(3, 10);
-    EXPECT_EQ(Squeeze(), RC_OK);
-    EXPECT_EQ(WrittenBytes(), NewBytes());
-}
-
-// --- The size of the new file ------------------------------------------------------------------
-
-TEST_F(Squeezed, HasTheInitialSizeFilledWithZeros) {
+TEST_F(Squeezed, HasTheInitialSizeFilledWithZerosOrGrowsByTheStepFromItsNewSize) {
     OpenScanned(ThreeTransactions(), "file_initial_size=1");
     EXPECT_EQ(Squeeze(), RC_OK);
     FileBytes expected = NewBytes();
@@ -191,18 +131,14 @@ TEST_F(Squeezed, HasTheInitialSizeFilledWithZeros) {
     EXPECT_EQ(m_solid.FileSize(), kMebibyte);
     EXPECT_EQ(WriteTransaction(6, "six"), kNewEnd);
     EXPECT_EQ(WrittenSize(), kMebibyte);
-}
-
-TEST_F(Squeezed, GrowsByTheStepFromItsNewSize) {
-    OpenScanned(ThreeTransactions(), "file_size_delta=1");
+    OpenScanned(ThreeTransactions().Zeros(5000), "file_size_delta=1");
     EXPECT_EQ(Squeeze(), RC_OK);
-    EXPECT_EQ(WrittenSize(), kNewEnd);
+    EXPECT_EQ(WrittenBytes(), NewBytes()) << "dead bytes stay behind";
+    EXPECT_EQ(ReadBytes(Backup()), OldBytes());
     WriteTransaction(6, "six");
     EXPECT_EQ(WrittenSize(), kNewEnd + kMebibyte);
     EXPECT_EQ(m_solid.FileSize(), kNewEnd + kMebibyte);
 }
-
-// --- Nothing is kept ---------------------------------------------------------------------------
 
 class SqueezedEmpty : public SqueezeTest {
   protected:
@@ -222,10 +158,6 @@ TEST_F(SqueezedEmpty, HoldsTheHeaderTheFirstCommitBlockAndEightZeros) {
               FileBuilder().Header(kLifenum, kClearOldRev).RawCommit(first).Zeros(8).Bytes());
     EXPECT_EQ(m_log.CountContaining("old data size: 1291, new data size: 1056"), 1U) << m_log;
     EXPECT_TRUE(m_log.Has("Copying data to temporary file; from offset 1323; size to write 0"));
-}
-
-TEST_F(SqueezedEmpty, TheNextWriteLinksToTheFirstCommitBlock) {
-    EXPECT_EQ(SqueezeAll(), RC_OK);
     EXPECT_EQ(Enumerated(1, 9), Items{});
     EXPECT_EQ(WriteTransaction(6, "six"), kFirstItemOffset);
     EXPECT_EQ(ItemsOfFile(), (Items{"commit 0 5", "record 6 at 1056: six", "commit 5 6"}));
@@ -243,9 +175,7 @@ TEST_F(SqueezedEmpty, OfAStorageWithoutItemsKeepsABackupThatLoads) {
     EXPECT_EQ(ItemsOfFile(), (Items{"commit 0 0", "commit 0 0"}));
 }
 
-// --- When the copy is complete -----------------------------------------------------------------
-
-TEST_F(Squeezed, AsksBeforeItReplacesTheFile) {
+TEST_F(Squeezed, AsksBeforeItReplacesTheFileWhenTheCopyIsOnTheDisk) {
     u32 calls = 0;
     EXPECT_EQ(SqueezeWith([&] {
                   ++calls;
@@ -253,14 +183,6 @@ TEST_F(Squeezed, AsksBeforeItReplacesTheFile) {
                   EXPECT_EQ(WrittenBytes(), RaisedBytes());
                   EXPECT_EQ(ReadBytes(Temporary()), NewBytes());
                   EXPECT_FALSE(Exists(Backup()));
-                  return RC_OK;
-              }),
-              RC_OK);
-    EXPECT_EQ(calls, 1U);
-}
-
-TEST_F(Squeezed, TheCopyIsOnTheDiskByThen) {
-    EXPECT_EQ(SqueezeWith([] {
                   // The old file; the beginning of the new one; all of it.
                   EXPECT_EQ(CallCount(SystemCall::kFlush), 3U);
                   EXPECT_EQ(CallCount(SystemCall::kWrite), 3U);
@@ -268,6 +190,7 @@ TEST_F(Squeezed, TheCopyIsOnTheDiskByThen) {
                   return RC_OK;
               }),
               RC_OK);
+    EXPECT_EQ(calls, 1U);
     EXPECT_EQ(CallCount(SystemCall::kWrite), 3U);
 }
 
@@ -279,16 +202,10 @@ TEST_F(Squeezed, IsGivenUpWhenTheAnswerIsNo) {
     EXPECT_EQ(WrittenBytes(), RaisedBytes());
     EXPECT_EQ(m_shift, 12345);
     EXPECT_EQ(m_log.Texts(K9SYS_LOG_ERROR), Texts{});
-}
-
-TEST_F(Squeezed, GivenUpTheStorageGoesOnInTheOldFile) {
-    EXPECT_EQ(SqueezeWith([] { return RC_SHORT_READ; }), RC_SHORT_READ);
     EXPECT_EQ(WriteTransaction(6, "six"), kOldEnd + kCommitBlockSize);
     EXPECT_EQ(Enumerated(1, 9).size(), 6U);
     EXPECT_EQ(ItemsOfFile().back(), "commit 4 6");
 }
-
-// --- From inside an enumeration ----------------------------------------------------------------
 
 class SqueezedInAVisit : public SqueezeTest {
   protected:
@@ -321,6 +238,92 @@ TEST_F(SqueezedInAVisit, AFailureThatClosesTheFileEndsItToo) {
     EXPECT_FALSE(m_solid.IsOpen());
     EXPECT_EQ(EnumerateRevs(1, 9), RC_NO_WRITER);
     ExpectNothingLost();
+}
+
+class SqueezeNamesTest : public SqueezeTest {
+  protected:
+    Texts Errors() const { return m_log.Texts(K9SYS_LOG_ERROR); }
+    // A notification that writes a transaction of its own.
+    static void WriteBehindRevision5(std::int64_t rev, void* ctx) {
+        if (rev == 5) {
+            static_cast<SqueezeNamesTest*>(ctx)->WriteTransaction(6, "six");
+        }
+    }
+
+    const std::string m_denied = std::to_string(SystemErrorOf(SystemErrorKind::kAccessDenied));
+};
+
+TEST_F(SqueezeNamesTest, TheBackupLeavesOutWhatANotificationWrote) {
+    SKIP_WHEN_ASYNC("the notification may write");
+    m_solid.SetWrittenRevisionCallback(&WriteBehindRevision5, this);
+    EXPECT_EQ(Squeeze(), RC_OK);
+    EXPECT_EQ(ReadBytes(Backup()), OldBytes());
+    EXPECT_EQ(ItemsOfFile().back(), "commit 4 6");
+    EXPECT_EQ(Enumerated(6, 6), Items{"record 6 at 1208: six"});
+}
+
+TEST_F(SqueezeNamesTest, TheBackupReplacesAnOlderOneAndItsIndex) {
+    WriteText(Backup(), "old backup");
+    WriteText(BackupIndex(), "old index");
+    EXPECT_EQ(Squeeze(), RC_OK);
+    EXPECT_EQ(ReadBytes(Backup()), OldBytes());
+    EXPECT_FALSE(Exists(BackupIndex()));
+    EXPECT_EQ(WrittenBytes(), NewBytes());
+}
+
+TEST_F(SqueezeNamesTest, WithoutABackupNoneIsMadeAndAnOlderOneStays) {
+    WriteText(Backup(), "old backup");
+    WriteText(BackupIndex(), "old index");
+    EXPECT_EQ(Squeeze(false), RC_OK);
+    EXPECT_EQ(ReadText(Backup()), "old backup");
+    EXPECT_EQ(ReadText(BackupIndex()), "old index");
+    EXPECT_EQ(WrittenBytes(), NewBytes());
+    EXPECT_FALSE(Exists(Temporary()));
+    for (const SystemCall call : {SystemCall::kSetEnd, SystemCall::kLink, SystemCall::kRemove}) {
+        EXPECT_EQ(CallCount(call), 0U);
+    }
+    EXPECT_EQ(CallCount(SystemCall::kFlushDirectory), 1U);
+}
+
+TEST_F(SqueezeNamesTest, ABackupIndexThatCannotBeDeletedIsIgnored) {
+    WriteText(BackupIndex(), "old index");
+    FailRemove(1);
+    EXPECT_EQ(Squeeze(), RC_OK);
+    EXPECT_EQ(ReadText(BackupIndex()), "old index");
+    EXPECT_EQ(Errors(), Texts{});
+}
+
+TEST_F(SqueezeNamesTest, ABackupThatIsADirectoryIsAnError) {
+    std::filesystem::create_directory(Backup());
+    EXPECT_EQ(Squeeze(), RC_SYSTEM_ERROR);
+    EXPECT_EQ(m_log.CountContaining("Cannot create backup file; sys-err: "), 1U);
+    ExpectNothingLost();
+}
+
+TEST_F(SqueezeNamesTest, WithoutHardLinksTheFileIsMoved) {
+    for (const u32 nth : {1U, 2U}) {  // the first finds the old backup
+        OpenScanned(ThreeTransactions());
+        WriteText(Backup(), "old backup");
+        Fail(SystemCall::kLink, nth, SystemErrorKind::kNotSupported);
+        EXPECT_EQ(Squeeze(), RC_OK);
+        EXPECT_EQ(ReadBytes(Backup()), OldBytes());
+        EXPECT_EQ(WrittenBytes(), NewBytes());
+        EXPECT_EQ(WriteTransaction(6, "six"), kNewEnd);
+        StopFailing(SystemCall::kLink);
+    }
+    EXPECT_EQ(CallCount(SystemCall::kRename), 4U);
+    EXPECT_EQ(CallCount(SystemCall::kFlushDirectory), 2U);
+}
+
+TEST_F(SqueezeNamesTest, ABackupThatCannotBeMovedBackIsNamed) {
+    Fail(SystemCall::kLink, 1, SystemErrorKind::kNotSupported);
+    Fail(SystemCall::kRename, 2, SystemErrorKind::kAccessDenied, Repeat::kFromThenOn);
+    EXPECT_EQ(Squeeze(), RC_SYSTEM_ERROR);
+    EXPECT_EQ(Errors().back(), "Cannot move backup back; sys-err: " + m_denied +
+                                   "; storage data is in file: '" + Backup() + "'");
+    EXPECT_EQ(ReadBytes(Backup()), OldBytes());
+    EXPECT_FALSE(Exists(Path()));
+    EXPECT_FALSE(Exists(Temporary()));
 }
 
 }  // namespace

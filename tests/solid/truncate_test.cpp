@@ -40,7 +40,15 @@ class TruncateFile : public SolidTest {
 
 TEST_F(TruncateFile, WritesAFirstCommitBlockWithTheRevision) {
     SetTimeStampCounter(0x9'0000'0077, 1);
+    EXPECT_EQ(m_solid.SetLifenum(9), RC_OK);
+    u32 notices = 0;
+    m_solid.SetWrittenRevisionCallback([](std::int64_t, void* ctx) { ++*static_cast<u32*>(ctx); },
+                                       &notices);
     EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
+    EXPECT_EQ(notices, 0U);
+    EXPECT_EQ(CallCount(SystemCall::kFlush), 1U) << "it is on the disk";
+    EXPECT_EQ(LoggedTexts(), Texts{"File was truncated;clear rev 3"});
+    EXPECT_TRUE(m_log.Has(K9SYS_LOG_INFO, "File was truncated;clear rev 3"));
     EXPECT_EQ(WrittenBytes(), OverTwoTransactions(Beginning(0x77, 3)));
     EXPECT_EQ(ItemsOfFile(), Items{"commit 3 3"});
 }
@@ -52,35 +60,12 @@ TEST_F(TruncateFile, WritesTheGivenHeaderFields) {
     EXPECT_EQ(WrittenBytes(), OverTwoTransactions(Beginning(0x77, 3, 5, -6)));
 }
 
-TEST_F(TruncateFile, BeginsWithANewHeaderUnlessFieldsAreGiven) {
-    EXPECT_EQ(m_solid.SetLifenum(9), RC_OK);
-    EXPECT_EQ(m_solid.SetClearOldRev(8), RC_OK);
-    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
-    u32 lifenum = 1;
-    i64 clearOldRev = 1;
-    EXPECT_EQ(m_solid.GetLifenum(&lifenum), RC_OK);
-    EXPECT_EQ(m_solid.GetClearOldRev(&clearOldRev), RC_OK);
-    EXPECT_EQ(lifenum, 0U);
-    EXPECT_EQ(clearOldRev, 0);
-}
-
-TEST_F(TruncateFile, SaysWhatItDid) {
-    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
-    EXPECT_EQ(LoggedTexts(), Texts{"File was truncated;clear rev 3"});
-    EXPECT_TRUE(m_log.Has(K9SYS_LOG_INFO, "File was truncated;clear rev 3"));
-}
-
 TEST_F(TruncateFile, ServesNothingAfterwards) {
     EXPECT_EQ(Enumerated(1, 9).size(), 3U);
     EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
     EXPECT_EQ(Enumerated(1, 9), Items{});
     EXPECT_EQ(FlushedRev(), 0);
     EXPECT_EQ(m_solid.FileSize(), kNewFileSize);
-}
-
-TEST_F(TruncateFile, IsOnTheDiskWhenItReturns) {
-    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
-    EXPECT_EQ(CallCount(SystemCall::kFlush), 1U);
 }
 
 TEST_F(TruncateFile, TheNextWriteBeginsTheFileAndCarriesTheRevision) {
@@ -94,65 +79,34 @@ TEST_F(TruncateFile, TheNextWriteBeginsTheFileAndCarriesTheRevision) {
 }
 
 TEST_F(TruncateFile, ALoadTakesRecordsFromTheRevisionOn) {
-    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
-    WriteTransaction(3, "three");
+    EXPECT_EQ(m_solid.BeginTransaction(), RC_OK);
+    EXPECT_EQ(m_solid.TruncateToClearRev(5, 0, 0), RC_OK);
+    EXPECT_EQ(m_solid.RollbackWrites(), RC_OK) << "the transaction is forgotten";
+    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK) << "it may be repeated";
+    EXPECT_EQ(WriteTransaction(3, "three"), kFirstItemOffset);
     EXPECT_EQ(ItemsOfFile(), (Items{"commit 3 3", "record 3 at 1056: three", "commit 3 3"}));
-}
-
-TEST_F(TruncateFile, ALoadTakesNoRecordBelowTheRevision) {
     EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
     WriteTransaction(2, "two");
     EXPECT_EQ(ItemsOfFile(), Items{"commit 3 3"});
     EXPECT_TRUE(m_log.Has("Found rec with rev (2) less than lastCommitted at offset 1056"));
 }
 
-TEST_F(TruncateFile, ToRevisionZeroIsANewFile) {
-    EXPECT_EQ(m_solid.TruncateToClearRev(0, 0, 0), RC_OK);
-    WriteTransaction(1, "one");
-    EXPECT_EQ(ItemsOfFile(), (Items{"commit 0 0", "record 1 at 1056: one", "commit 0 1"}));
-}
-
-TEST_F(TruncateFile, MayBeRepeated) {
-    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
-    EXPECT_EQ(m_solid.TruncateToClearRev(5, 0, 0), RC_OK);
-    EXPECT_EQ(ItemsOfFile(), Items{"commit 5 5"});
-}
-
-TEST_F(TruncateFile, ForgetsTheTransaction) {
-    EXPECT_EQ(m_solid.BeginTransaction(), RC_OK);
-    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
-    EXPECT_EQ(m_solid.RollbackWrites(), RC_OK);
-    EXPECT_EQ(WriteTransaction(4, "four"), kFirstItemOffset);
-}
-
-TEST_F(TruncateFile, NeedsAnOpenFile) {
-    m_solid.Close();
-    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_NO_WRITER);
-    EXPECT_EQ(LoggedTexts(), Texts{});
-}
-
-TEST_F(TruncateFile, LeavesOldBytesUntilTheFirstWrite) {
-    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
-    EXPECT_EQ(WrittenSize(), kTwoTransactionsEnd);
-    EXPECT_EQ(WriteTransaction(4, "four"), kFirstItemOffset);
-    EXPECT_TRUE(AllZeroFrom(kFirstItemOffset + 28 + 32));
-    EXPECT_EQ(WrittenSize(), kTwoTransactionsEnd);
-}
-
 TEST_F(TruncateFile, OldItemsDoNotReturnWhenTheDataReachesThem) {
-    EXPECT_EQ(m_solid.TruncateToClearRev(0, 0, 0), RC_OK);
-    // Ends where the second transaction's record 3 lies in the old file.
-    EXPECT_EQ(WriteTransaction(1, std::string(30, 'x')), kFirstItemOffset);
-    EXPECT_EQ(ItemsOfFile(),
-              (Items{"commit 0 0", "record 1 at 1056: " + std::string(30, 'x'), "commit 0 1"}));
-}
-
-TEST_F(TruncateFile, OldItemsDoNotReturnAfterAReopening) {
-    EXPECT_EQ(m_solid.TruncateToClearRev(0, 0, 0), RC_OK);
-    Reopen();
-    EXPECT_EQ(Scanned(), Items{"commit 0 0"});
-    EXPECT_EQ(WriteTransaction(1, std::string(30, 'x')), kFirstItemOffset);
-    EXPECT_EQ(ItemsOfFile().size(), 3U);
+    for (const bool reopens : {false, true}) {
+        OpenScanned("");
+        EXPECT_EQ(m_solid.TruncateToClearRev(0, 0, 0), RC_OK);
+        EXPECT_EQ(WrittenSize(), kTwoTransactionsEnd);
+        if (reopens) {
+            Reopen();
+            EXPECT_EQ(Scanned(), Items{"commit 0 0"});
+        }
+        // Ends where the second transaction's record 3 lies in the old file.
+        EXPECT_EQ(WriteTransaction(1, std::string(30, 'x')), kFirstItemOffset);
+        EXPECT_TRUE(AllZeroFrom(kFirstItemOffset + 54 + 32));
+        EXPECT_EQ(WrittenSize(), kTwoTransactionsEnd);
+        EXPECT_EQ(ItemsOfFile(),
+                  (Items{"commit 0 0", "record 1 at 1056: " + std::string(30, 'x'), "commit 0 1"}));
+    }
 }
 
 TEST_F(TruncateFile, SetsTheInitialSize) {
@@ -163,16 +117,6 @@ TEST_F(TruncateFile, SetsTheInitialSize) {
     expected.resize(kMebibyte);
     EXPECT_EQ(WrittenBytes(), expected);
     EXPECT_EQ(m_solid.FileSize(), kMebibyte);
-}
-
-TEST_F(TruncateFile, ShrinksToTheInitialSize) {
-    m_solid.Close();
-    Open(TwoTransactions().Zeros(3 * kMebibyte), "file_initial_size=1");
-    EXPECT_EQ(Scan(), RC_OK);
-    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
-    EXPECT_EQ(WrittenSize(), kMebibyte);
-    WriteTransaction(4, "four");
-    EXPECT_EQ(WrittenSize(), kMebibyte);
 }
 
 TEST_F(TruncateFile, GrowsByTheStepFromTheNewSize) {
@@ -199,24 +143,6 @@ TEST_F(TruncateFile, ACrashWhileOldBytesAreClearedLeavesAFileThatLoads) {
     EXPECT_EQ(Scanned(), Items{"commit 3 3"});
 }
 
-TEST_F(TruncateFile, AFailedExtensionIsMadeGoodByTheNextWrite) {
-    SKIP_WHEN_ASYNC("a failed write may be repeated");
-    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
-    FailSetEnd(2);
-    WriteRecord(4, "four");
-    EXPECT_EQ(m_writeResult, RC_SYSTEM_ERROR);
-    EXPECT_EQ(WriteTransaction(4, "four"), kFirstItemOffset);
-    EXPECT_EQ(ItemsOfFile(), (Items{"commit 3 3", "record 4 at 1056: four", "commit 3 4"}));
-}
-
-TEST_F(TruncateFile, NotifiesNobody) {
-    u32 calls = 0;
-    m_solid.SetWrittenRevisionCallback([](std::int64_t, void* ctx) { ++*static_cast<u32*>(ctx); },
-                                       &calls);
-    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
-    EXPECT_EQ(calls, 0U);
-}
-
 // The `nth` call of its kind in a truncation with file_initial_size=1.
 struct TruncateStep {
     const char* name;
@@ -234,18 +160,13 @@ class TruncateFailure : public TruncateFile, public ::testing::WithParamInterfac
     TruncateFailure() { OpenScanned("file_initial_size=1"); }
 };
 
-TEST_P(TruncateFailure, IsReported) {
+TEST_P(TruncateFailure, IsReportedAndMayBeTriedAgain) {
     Fail(GetParam().call, GetParam().nth);
     const std::string text =
         std::string(GetParam().message) + ";" + SysErr(SystemErrorKind::kInputOutput);
     EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_SYSTEM_ERROR);
     EXPECT_EQ(LoggedTexts(), Texts{text});
     EXPECT_EQ(m_log.CodeOf(text), RC_SYSTEM_ERROR);
-}
-
-TEST_P(TruncateFailure, MayBeTriedAgain) {
-    Fail(GetParam().call, GetParam().nth);
-    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_SYSTEM_ERROR);
     EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
     WriteTransaction(4, "four");
     EXPECT_EQ(ItemsOfFile(), (Items{"commit 3 3", "record 4 at 1056: four", "commit 3 4"}));

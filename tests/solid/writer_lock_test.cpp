@@ -49,41 +49,28 @@ TEST_F(WriterLockTest, ASecondWriterIsRefused) {
     EXPECT_EQ(Scanned(), TwoTransactionsItems());
 }
 
-TEST_F(WriterLockTest, GoesWithTheClose) {
+TEST_F(WriterLockTest, GoesWithTheCloseOrAnOpeningThatFails) {
     Open();
+    CSolidStorage reader;
+    EXPECT_EQ(reader.Open(Path(), Conn().c_str(), FileUse::kNoLock), RC_OK);
     m_solid.Close();
+    EXPECT_EQ(OpenSecond(), RC_OK) << "whoever only looks does not take it";
     EXPECT_EQ(OpenSecond(), RC_OK);
-    EXPECT_EQ(OpenSecond(), RC_OK);
-}
-
-TEST_F(WriterLockTest, GoesWithAnOpeningThatFails) {
     FailFileSize(1);
     EXPECT_EQ(TryOpen(), RC_SYSTEM_ERROR);
     EXPECT_EQ(OpenSecond(), RC_OK);
 }
 
-TEST_F(WriterLockTest, WhoeverOnlyLooksNeitherTakesItNorNeedsIt) {
-    Open();
-    CSolidStorage reader;
-    EXPECT_EQ(reader.Open(Path(), Conn().c_str(), FileUse::kNoLock), RC_OK);
-    m_solid.Close();
-    EXPECT_EQ(TryOpen(), RC_OK);
-}
-
-TEST_F(WriterLockTest, FileLockNoSwitchesItOff) {
-    Open("file_lock=no");
-    EXPECT_EQ(CallCount(SystemCall::kLockFile), 0U);
-    EXPECT_EQ(OpenSecond(), RC_OK);
-    EXPECT_EQ(OpenSecond("file_lock=no"), RC_OK);
-}
-
-TEST_F(WriterLockTest, TheSettingIsToldWhenItIsGiven) {
+TEST_F(WriterLockTest, FileLockNoSwitchesItOffAndTheSettingIsToldWhenItIsGiven) {
     EXPECT_EQ(OpenSecond(), RC_OK);
     EXPECT_EQ(m_log.CountContaining("file_lock"), 0U) << m_log;
+    const u32 locks = CallCount(SystemCall::kLockFile);
+    ASSERT_EQ(TryOpen("file_lock=no"), RC_OK);
+    EXPECT_TRUE(m_log.Has(K9SYS_LOG_INFO, "Use file_lock no")) << m_log;
+    EXPECT_EQ(CallCount(SystemCall::kLockFile), locks);
+    EXPECT_EQ(OpenSecond("file_lock=no"), RC_OK);
     EXPECT_EQ(OpenSecond("file_lock=yes"), RC_OK);
     EXPECT_TRUE(m_log.Has(K9SYS_LOG_INFO, "Use file_lock yes")) << m_log;
-    EXPECT_EQ(OpenSecond("file_lock=no"), RC_OK);
-    EXPECT_TRUE(m_log.Has(K9SYS_LOG_INFO, "Use file_lock no")) << m_log;
 }
 
 TEST_F(WriterLockTest, AnUnknownValueOfTheSettingIsRefused) {
@@ -128,20 +115,22 @@ TEST_F(WriterLockTest, APathThatNeverLeadsToTheOpenedFileIsAnError) {
     EXPECT_EQ(CallCount(SystemCall::kClose), 100U);
 }
 
-TEST_F(WriterLockTest, AReplacingCreateBesideAWriterTouchesNothing) {
+TEST_F(WriterLockTest, AReplacingCreateOrADeletionBesideAWriterTouchesNothing) {
     WriteText(Index(), "its index");
     Open();
     ExpectRefused([&] { return CreateStorageFile(Conn().c_str(), K9EREPL_CREATE_REPLACE); });
+    ExpectRefused([&] { return DeleteStorage(Conn().c_str()); });
     EXPECT_EQ(ReadText(Index()), "its index");
     EXPECT_EQ(CreateStorageFile(Conn().c_str(), K9EREPL_CREATE_KEEP_EXISTING), RC_OK);
     EXPECT_EQ(ReadBytes(Path()), m_bytes);
-}
-
-TEST_F(WriterLockTest, AReplacingCreateGivesItBack) {
+    m_solid.Close();
     EXPECT_EQ(CreateStorageFile(Conn().c_str(), K9EREPL_CREATE_REPLACE), RC_OK);
     EXPECT_EQ(FileSize(Path()), 1064);
-    Open();
-    EXPECT_EQ(Scanned(), Items{"commit 0 0"});
+    WriteText(Path(), "no storage");
+    WriteText(Index(), "its index");
+    EXPECT_EQ(DeleteStorage(Conn().c_str()), RC_OK);
+    EXPECT_FALSE(Exists(Path()));
+    EXPECT_FALSE(Exists(Index()));
 }
 
 TEST_F(WriterLockTest, AReplacingCreateThatCannotEmptyTheFileIsAnError) {
@@ -150,23 +139,6 @@ TEST_F(WriterLockTest, AReplacingCreateThatCannotEmptyTheFileIsAnError) {
     EXPECT_EQ(m_log.Texts(K9SYS_LOG_ERROR).back(),
               "Failed to create file '" + Path() + "';" + SysErr(SystemErrorKind::kNoSpace));
     EXPECT_EQ(ReadBytes(Path()), m_bytes);
-}
-
-TEST_F(WriterLockTest, ADeletionBesideAWriterTouchesNothing) {
-    WriteText(Index(), "its index");
-    Open();
-    ExpectRefused([&] { return DeleteStorage(Conn().c_str()); });
-    EXPECT_EQ(ReadText(Index()), "its index");
-    m_solid.Close();
-    EXPECT_EQ(DeleteStorage(Conn().c_str()), RC_OK);
-    EXPECT_FALSE(Exists(Path()));
-    EXPECT_FALSE(Exists(Index()));
-}
-
-TEST_F(WriterLockTest, WhatIsNoStorageCanStillBeDeleted) {
-    WriteText(Path(), "any file");
-    EXPECT_EQ(DeleteStorage(Conn().c_str()), RC_OK);
-    EXPECT_FALSE(Exists(Path()));
 }
 
 TEST_F(WriterLockSqueeze, MovesAlongToTheNewFile) {
@@ -182,22 +154,17 @@ TEST_F(WriterLockSqueeze, MovesAlongToTheNewFile) {
     EXPECT_EQ(second.Open(Path(), Conn().c_str()), RC_OK);
 }
 
-TEST_F(WriterLockSqueeze, StaysOnTheOldFileWhenTheCopyFails) {
-    FailOpen(1);
-    EXPECT_EQ(Squeeze(), RC_SYSTEM_ERROR);
-    CSolidStorage second;
-    EXPECT_EQ(second.Open(Path(), Conn().c_str()), RC_SYSTEM_ERROR);
-}
-
-TEST_F(WriterLockSqueeze, GoesWhenTheSqueezeLosesTheFile) {
-    for (const SystemCall call : {SystemCall::kRename, SystemCall::kSetEnd}) {
+TEST_F(WriterLockSqueeze, StaysWhenTheCopyFailsAndGoesWhenTheSqueezeLosesTheFile) {
+    for (const SystemCall call : {SystemCall::kOpen, SystemCall::kRename, SystemCall::kSetEnd}) {
         OpenScanned(ThreeTransactions());
         Fail(call, 1, SystemErrorKind::kInputOutput, Repeat::kFromThenOn);
         EXPECT_EQ(Squeeze(), RC_SYSTEM_ERROR);
         StopFailing(call);
         CSolidStorage second;
         const std::string path = Exists(Path()) ? Path() : Backup();
-        EXPECT_EQ(second.Open(path, Conn().c_str()), RC_OK) << m_log;
+        EXPECT_EQ(second.Open(path, Conn().c_str()),
+                  call == SystemCall::kOpen ? RC_SYSTEM_ERROR : RC_OK)
+            << m_log;
     }
 }
 

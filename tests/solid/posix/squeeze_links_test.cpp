@@ -1,10 +1,9 @@
 // What a squeeze does with the names and the owners of files where a file can have several names,
 // symbolic links lead to it, and it has permissions.
 #include <sys/stat.h>
-
 #include <filesystem>
 
-#include "solid/squeeze_steps.h"
+#include "solid/squeeze_fixture.h"
 
 namespace k9erepl::test {
 namespace {
@@ -35,19 +34,17 @@ TEST_F(SqueezeLinks, TheStoragesNameNeverGoesAway) {
     EXPECT_EQ(Squeeze(), RC_OK);
     EXPECT_EQ(CallCount(SystemCall::kLink), 1U);
     EXPECT_EQ(CallCount(SystemCall::kRename), 1U);
+    EXPECT_EQ(CallCount(SystemCall::kFlushDirectory), 2U);
     EXPECT_EQ(StatOf(Backup()).st_nlink, 1U);
     EXPECT_EQ(StatOf(Path()).st_nlink, 1U);
-}
-
-TEST_F(SqueezeLinks, ALinkedBackupIsDeletedWhenTheNewFileCannotBeRenamed) {
+    OpenScanned(ThreeTransactions());
     FailRename(1);
     EXPECT_EQ(Squeeze(), RC_SYSTEM_ERROR);
     EXPECT_FALSE(Exists(Backup()));
     EXPECT_EQ(StatOf(Path()).st_nlink, 1U);
-    ExpectNothingLost();
 }
 
-TEST_F(SqueezeLinks, ALinkedBackupThatCannotBeDeletedIsNamed) {
+TEST_F(SqueezeLinks, ABackupLeftAsASecondNameIsNamedAndReplacedByTheNextSqueeze) {
     FailRename(1);
     FailRemove(2);
     EXPECT_EQ(Squeeze(), RC_SYSTEM_ERROR);
@@ -55,23 +52,12 @@ TEST_F(SqueezeLinks, ALinkedBackupThatCannotBeDeletedIsNamed) {
                                    "; it is still the storage file: '" + Backup() + "'");
     EXPECT_EQ(WrittenBytes(), OldBytes());
     EXPECT_FALSE(Exists(Temporary()));
-}
-
-TEST_F(SqueezeLinks, ABackupLeftAsASecondNameIsReplacedByTheNextSqueeze) {
-    FailRename(1);
-    FailRemove(2);
-    EXPECT_EQ(Squeeze(), RC_SYSTEM_ERROR);
     Reopen();
     EXPECT_EQ(Scan(), RC_OK);
     SetTimeStampCounter(kClearSequence, 1);
     EXPECT_EQ(Squeeze(), RC_OK);
     EXPECT_EQ(ReadBytes(Backup()), OldBytes());
     EXPECT_EQ(WrittenBytes(), NewBytes());
-}
-
-TEST_F(SqueezeLinks, BothChangesOfNamesAreMadeDurable) {
-    EXPECT_EQ(Squeeze(), RC_OK);
-    EXPECT_EQ(CallCount(SystemCall::kFlushDirectory), 2U);
 }
 
 constexpr Step kLinks[] = {
@@ -91,8 +77,6 @@ TEST_F(SqueezeLinks, AreTriedForEveryCallThatASqueezeMakes) {
     ExpectTried(kLinks);
 }
 
-// --- Symbolic links, owner and permissions -----------------------------------------------------
-
 class SqueezeSymbolicLink : public SqueezeLinks {
   protected:
     // The storage's path becomes a symbolic link to a file in a folder of its own.
@@ -108,46 +92,33 @@ class SqueezeSymbolicLink : public SqueezeLinks {
     const std::string m_target = m_folder.File("real/target.edb");
 };
 
-TEST_F(SqueezeSymbolicLink, StaysAndItsTargetIsReplaced) {
+TEST_F(SqueezeSymbolicLink, StaysAndItsTargetIsReplacedWithTheOtherFilesBesideIt) {
     EXPECT_EQ(Squeeze(), RC_OK);
+    EXPECT_EQ(m_solid.Path(), Path());
     EXPECT_TRUE(std::filesystem::is_symlink(Path()));
     EXPECT_FALSE(std::filesystem::is_symlink(m_target));
     EXPECT_EQ(ReadBytes(m_target), NewBytes());
+    EXPECT_EQ(ReadBytes(m_target + ".backup"), OldBytes());
+    EXPECT_FALSE(Exists(Backup()));
+    EXPECT_TRUE(m_log.Has("Creating temp file '" + m_target + ".temporary'")) << m_log;
     EXPECT_EQ(WriteTransaction(6, "six"), kNewEnd);
     EXPECT_EQ(ItemsOfFile().back(), "commit 4 6");
 }
 
-TEST_F(SqueezeSymbolicLink, TheOtherFilesLieBesideTheTarget) {
-    EXPECT_EQ(Squeeze(), RC_OK);
-    EXPECT_EQ(ReadBytes(m_target + ".backup"), OldBytes());
-    EXPECT_FALSE(Exists(Backup()));
-    EXPECT_TRUE(m_log.Has("Creating temp file '" + m_target + ".temporary'")) << m_log;
-}
-
-TEST_F(SqueezeSymbolicLink, IsStillTheStoragesPath) {
-    EXPECT_EQ(Squeeze(), RC_OK);
-    EXPECT_EQ(m_solid.Path(), Path());
-}
-
-TEST_F(SqueezeLinks, TheNewFileHasTheOwnerAndPermissionsOfTheOld) {
+TEST_F(SqueezeLinks, TheNewFileHasTheOwnerAndPermissionsOfTheOldFromTheBeginning) {
     ASSERT_EQ(chmod(Path().c_str(), 0604), 0);
     const struct stat old = StatOf(Path());
-    EXPECT_EQ(Squeeze(), RC_OK);
+    EXPECT_EQ(SqueezeWith([&] {
+                  EXPECT_EQ(StatOf(Temporary()).st_mode, old.st_mode);
+                  return RC_OK;
+              }),
+              RC_OK);
     const struct stat squeezed = StatOf(Path());
     EXPECT_EQ(squeezed.st_mode, old.st_mode);
     EXPECT_EQ(squeezed.st_uid, old.st_uid);
     EXPECT_EQ(squeezed.st_gid, old.st_gid);
     EXPECT_NE(squeezed.st_ino, old.st_ino);
     EXPECT_EQ(StatOf(Backup()).st_ino, old.st_ino);
-}
-
-TEST_F(SqueezeLinks, TheCopyIsNoMoreOpenToOthersThanTheFile) {
-    ASSERT_EQ(chmod(Path().c_str(), 0600), 0);
-    EXPECT_EQ(SqueezeWith([this] {
-                  EXPECT_EQ(StatOf(Temporary()).st_mode & 0777U, 0600U);
-                  return RC_OK;
-              }),
-              RC_OK);
 }
 
 }  // namespace

@@ -1,13 +1,153 @@
-// Damage in the middle of the storage file at the end of a load: what is said, and the copy that is
-// kept of what lies behind it.
+// What lies behind the last commit block at the end of a load: torn transactions, the zeroing of
+// what could be taken for data later, and damage in the middle of the file, which is reported and
+// kept.
 #include "solid/tail_copy.h"
 
 #include <filesystem>
+#include <functional>
+#include <utility>
 
 #include "solid/solid_fixture.h"
+#include "support/file_bytes.h"
 
 namespace k9erepl::test {
 namespace {
+
+class ScanTail : public SolidTest {
+  protected:
+    static constexpr i64 kFirstEnd = 1142;  // of the first transaction of two
+
+    ScanTail() { m_firstTransaction.resize(4); }
+
+    std::vector<u8> Tail(i64 offset) {
+        const std::vector<u8> bytes = WrittenBytes();
+        return {At(bytes, offset), bytes.end()};
+    }
+    static bool AllZero(const std::vector<u8>& bytes) {
+        return bytes == std::vector<u8>(bytes.size(), 0);
+    }
+
+    Items m_firstTransaction = TwoTransactionsItems();
+
+    std::size_t Zeroings() const { return m_log.CountContaining("Abandoned data was cleared;"); }
+};
+
+// A commit block of an undone transaction, linked to the commit block of the first transaction.
+FileBuilder GhostAt(i64 offset) {
+    FileBuilder file;
+    file.NewFile().Record(1, "one").Record(2, "two").Commit(0, 2);
+    TCommitBlock ghost = NewCommitBlock(0x666, 9);
+    ghost.prevSequence = file.LastSequence();
+    file.Fill(static_cast<std::size_t>(offset - file.Size()), 0xEE);
+    return file.RawCommit(ghost);
+}
+
+TEST_F(ScanTail, ATransactionCutAtAnyByteIsGone) {
+    const FileBuilder whole = TwoTransactions();
+    for (i64 size = kFirstEnd; size < whole.Size(); ++size) {
+        Open(FileBuilder(whole).CutTo(size));
+        Items items = Scanned();
+        EXPECT_EQ(FlushedRev(), 2) << size;
+        EXPECT_EQ(items.size(), size >= 1171 ? 5U : 4U) << size;
+        items.resize(4);
+        EXPECT_EQ(items, m_firstTransaction) << size;
+        EXPECT_EQ(WriteTransaction(3, "again"), kFirstEnd) << size;
+        m_solid.Close();
+        EXPECT_EQ(ItemsOfFile().back(), "commit 0 3") << size;
+    }
+}
+
+TEST_F(ScanTail, ACutOffTransactionIsHandedOutButNotFlushed) {
+    Open(TwoTransactions().CutTo(1171).Zeros(40));
+    EXPECT_EQ(Scanned(), (Items{"commit 0 0", "record 1 at 1056: one", "record 2 at 1083: two",
+                                "commit 0 2", "record 3 at 1142: three"}));
+    EXPECT_EQ(m_log.Texts(),
+              (Texts{"Loading stopped due to wrong signature (0x00000000) at offset 1171",
+                     "Min rev: 0, max rev: 2, valid commit offset 1110, prevRecRev 3"}));
+    EXPECT_EQ(FlushedRev(), 2);
+}
+
+TEST_F(ScanTail, IsZeroedBeforeTheFirstWriteAndStaysUntilThen) {
+    Open(TwoTransactions().CutTo(1190).Fill(5000, 0xEE));
+    const std::vector<u8> before = WrittenBytes();
+    Scanned();
+    EXPECT_EQ(WrittenBytes(), before);
+    EXPECT_EQ(WriteTransaction(3, "x"), kFirstEnd);
+    EXPECT_TRUE(AllZero(Tail(kFirstEnd + 25 + 32)));
+    EXPECT_EQ(WrittenSize(), 6190);
+    EXPECT_TRUE(m_log.Has("Abandoned data was cleared;offset 1142,file size 6190")) << m_log;
+    WriteTransaction(4, "y");
+    EXPECT_EQ(Zeroings(), 1U);
+}
+
+TEST_F(ScanTail, IsZeroedUnlessItIsKnownToBeZeros) {
+    constexpr std::size_t kBuffer = FileScan::kBufferSize;
+    constexpr std::size_t kToTheBuffersEnd = kFirstCommitOffset + kBuffer - kTwoTransactionsEnd;
+    const std::pair<FileBuilder, bool> files[] = {
+        {TwoTransactions(), false},
+        {TwoTransactions().Zeros(5000), false},
+        {TwoTransactions().Zeros(kToTheBuffersEnd), false},
+        {TwoTransactions().Zeros(4000).RawWord(1).Zeros(10), true},
+        {TwoTransactions().Zeros(kBuffer).RawWord(kCommitSignature), true},
+        {TwoTransactions().Zeros(kBuffer).RawWord(1), true},
+        {TwoTransactions().Fill(1, 0x2A), true},
+        {TwoTransactions().Record(4, "whole"), true}};
+    for (const auto& [file, zeroed] : files) {
+        SCOPED_TRACE(file.Size());
+        Open(file);
+        Scanned();
+        EXPECT_EQ(WriteTransaction(4, "x"), kTwoTransactionsEnd);
+        EXPECT_EQ(Zeroings(), zeroed ? 1U : 0U);
+        EXPECT_TRUE(AllZero(Tail(kTwoTransactionsEnd + 25 + 32)));
+        m_solid.Close();
+    }
+}
+
+TEST_F(ScanTail, AGhostCommitIsNeverBorrowed) {
+    // The records that are written next end where a commit block of an undone transaction lies,
+    // and the process ends before their own commit block is written.
+    Open(GhostAt(1142 + 29));
+    EXPECT_EQ(Scanned().back(), "commit 0 2");
+    EXPECT_EQ(WriteRecord(3, "three", false), kFirstEnd);
+    m_solid.Close();
+    EXPECT_EQ(ItemsOfFile(), (Items{"commit 0 0", "record 1 at 1056: one", "record 2 at 1083: two",
+                                    "commit 0 2", "record 3 at 1142: three"}));
+    EXPECT_TRUE(m_log.Has("Min rev: 0, max rev: 2, valid commit offset 1110, prevRecRev 3"));
+}
+
+TEST_F(ScanTail, AScanEmptiesTheReadBuffers) {
+    Open(TwoTransactions());
+    Scanned();
+    EXPECT_EQ(Enumerated(1, 1), Items{"record 1 at 1056: one"});
+    PatchBytes(Path(), 1080, std::vector<u8>{'O', 'N', 'E'});
+    Scanned();
+    EXPECT_EQ(Enumerated(1, 1), Items{"record 1 at 1056: ONE"});
+}
+
+TEST_F(ScanTail, ARescanOfAStorageInUseSeesWhatWasWritten) {
+    Open(TwoTransactions());
+    Scanned();
+    WriteTransaction(4, "four");
+    WriteTransaction(5, "five");
+    Items expected = TwoTransactionsItems();
+    expected.insert(expected.end(), {"record 4 at 1203: four", "commit 0 4",
+                                     "record 5 at 1263: five", "commit 0 5"});
+    EXPECT_EQ(Scanned(), expected);
+    EXPECT_EQ(FlushedRev(), 5);
+    EXPECT_EQ(WriteTransaction(6, "six"), 1323);
+}
+
+TEST_F(ScanTail, ARescanBringsNoUndoneTransactionBack) {
+    Open(TwoTransactions().Zeros(500));
+    Scanned();
+    EXPECT_EQ(m_solid.BeginTransaction(), RC_OK);
+    WriteRecord(4, "four");
+    EXPECT_EQ(m_solid.RollbackWrites(), RC_OK);
+    m_log.Clear();
+    EXPECT_EQ(Scanned(), TwoTransactionsItems());
+    EXPECT_TRUE(m_log.Has("Loading stopped at the end of the written data, offset 1203")) << m_log;
+    EXPECT_EQ(FlushedRev(), 3);
+}
 
 // Records 1 to 5, each with a commit block of its own; 59 bytes each, and 1056 before them.
 constexpr i64 kRunSize = 59;
@@ -60,6 +200,10 @@ class DamagedTail : public SolidTest {
 TEST_F(DamagedTail, IsReportedAndKept) {
     OpenDamaged();
     const std::vector<u8> before = ReadBytes(Path());
+    LoadScan(TailCare::kReport);
+    EXPECT_EQ(m_log.Texts(), Texts{Report()});
+    EXPECT_FALSE(Exists(Copy()));
+    WriteText(Temporary(), "half of a copy");
     LoadScan();
     EXPECT_EQ(m_log.Texts(K9SYS_LOG_ERROR), Texts{Report()});
     EXPECT_EQ(m_log.CodeOf(Report()), RC_FILE_CORRUPT);
@@ -83,42 +227,23 @@ TEST_F(DamagedTail, IsKeptFromTheLastGoodCommitBlockOn) {
     EXPECT_EQ(ReadBytes(Copy()), TailOfFile(RunAt(2)));
 }
 
-TEST_F(DamagedTail, OfAnyByteInTheMiddleThatEndsTheScanIsReported) {
-    const FileBuilder whole = FiveRuns();
-    i64 reported = 0;
-    for (i64 at = RunAt(2); at < RunAt(3); ++at) {
-        std::vector<u8> bytes = whole.Bytes();
-        bytes[static_cast<std::size_t>(at)] ^= 0x40;
-        WriteBytes(Path(), bytes);
-        Open();
-        LoadScan(TailCare::kReport);
-        const bool ended = m_items.size() < 11;
-        EXPECT_EQ(m_log.CountContaining("Damage in the middle"), ended ? 1U : 0U) << at;
-        m_solid.Close();
-        reported += ended ? 1 : 0;
-    }
-    // Not judged: the user's word, data, the word of a commit block that is ignored.
-    EXPECT_EQ(reported, kRunSize - 4 - 3 - 4);
-}
-
-TEST_F(DamagedTail, ThatAlsoRaisedTheLastGoodRevisionIsReported) {
+TEST_F(DamagedTail, ThatAlsoRaisedARevisionAtTheStopIsReported) {
+    constexpr i64 kBlock = RunAt(2) + 27;
     FiveRuns().Save(Path());
-    PatchBytes(Path(), RunAt(2) + 27 + 30, std::vector<u8>{0x55});
+    PatchBytes(Path(), kBlock + 30, std::vector<u8>{0x55});  // of the last good block
     PatchBytes(Path(), RunAt(3), std::vector<u8>(kRunSize, 0x55));
     Open();
     LoadScan();
     EXPECT_EQ(m_log.CountContaining("Damage in the middle"), 1U) << m_log;
     EXPECT_EQ(ReadBytes(Copy()), TailOfFile(RunAt(3)));
-}
-
-TEST_F(DamagedTail, ThatAlsoRaisedTheRevisionOfTheBlockAtTheStopIsReported) {
+    m_solid.Close();
     FiveRuns().Save(Path());
-    PatchBytes(Path(), RunAt(2) + 27 + 23, std::vector<u8>{0xFF});
-    PatchBytes(Path(), RunAt(2) + 27 + 30, std::vector<u8>{0x55});
+    PatchBytes(Path(), kBlock + 23, std::vector<u8>{0xFF});
+    PatchBytes(Path(), kBlock + 30, std::vector<u8>{0x55});  // of the block at the stop
     Open();
     LoadScan();
     EXPECT_EQ(m_log.CountContaining("Damage in the middle"), 1U) << m_log;
-    EXPECT_EQ(ReadBytes(Copy()), TailOfFile(RunAt(2)));
+    EXPECT_EQ(ReadBytes(Copy(1)), TailOfFile(RunAt(2)));
 }
 
 TEST_F(DamagedTail, IsFoundBehindWhatEndsTheScanInOtherWays) {
@@ -141,27 +266,6 @@ TEST_F(DamagedTail, IsNotMadeOfATornEnd) {
     }
 }
 
-TEST_F(DamagedTail, IsNotMadeOfOneTornWrite) {
-    // Of the last run, any one byte is lost; its commit block still links.
-    for (i64 at = RunAt(5); at < RunAt(6); ++at) {
-        FiveRuns().Save(Path());
-        PatchBytes(Path(), at, std::vector<u8>{0x99});
-        Open();
-        LoadScan();
-        ExpectNothing();
-        m_solid.Close();
-    }
-}
-
-TEST_F(DamagedTail, IsNotMadeOfAGhostCommit) {
-    TCommitBlock ghost = NewCommitBlock(0x666, 9);
-    FileBuilder file = FiveRuns();
-    ghost.prevSequence = file.LastSequence();
-    Open(file.Fill(30, 0xEE).RawCommit(ghost));
-    LoadScan();
-    ExpectNothing();
-}
-
 TEST_F(DamagedTail, IsNotMadeOfOldItemsBehindANewBeginning) {
     Open(FiveRuns());
     ASSERT_EQ(ScanFrom(0), RC_OK);
@@ -177,13 +281,6 @@ TEST_F(DamagedTail, IsNotLookedForBehindZeros) {
     const u32 reads = CallCount(SystemCall::kRead);
     m_solid.KeepTailIfDamaged(TailCare::kKeepCopy);
     EXPECT_EQ(CallCount(SystemCall::kRead), reads);
-}
-
-TEST_F(DamagedTail, IsOnlyReportedWhenNothingWillBeWritten) {
-    OpenDamaged();
-    LoadScan(TailCare::kReport);
-    EXPECT_EQ(m_log.Texts(), Texts{Report()});
-    EXPECT_FALSE(Exists(Copy()));
 }
 
 TEST_F(DamagedTail, IsKeptOnceHoweverOftenTheFileIsOpened) {
@@ -229,16 +326,6 @@ TEST_F(DamagedTail, LargerThanABufferIsKeptWhole) {
     EXPECT_FALSE(Exists(Copy(1)));
 }
 
-TEST_F(DamagedTail, AnUnfinishedCopyIsReplaced) {
-    WriteText(Temporary(), "half");
-    OpenDamaged();
-    LoadScan();
-    EXPECT_EQ(ReadBytes(Copy()), TailOfFile());
-    EXPECT_FALSE(Exists(Temporary()));
-}
-
-// --- A copy that fails ---------------------------------------------------------------------------
-
 TEST_F(DamagedTail, ThatCannotBeKeptIsNoFailureAndLeavesNothingHalf) {
     struct {
         SystemCall call;
@@ -270,19 +357,6 @@ TEST_F(DamagedTail, ReachesTheDiskBeforeItGetsItsNameAndItsNameFollows) {
     EXPECT_TRUE(m_log.Has(CannotKeep(SystemErrorKind::kInputOutput))) << m_log;
 }
 
-TEST_F(DamagedTail, IsTriedAgainBeforeTheFirstWrite) {
-    OpenDamaged();
-    const std::vector<u8> tail = TailOfFile();
-    FailWrite(1);
-    LoadScan();
-    EXPECT_FALSE(Exists(Copy()));
-    EXPECT_EQ(WriteTransaction(2, "new"), RunAt(2));
-    EXPECT_EQ(ReadBytes(Copy()), tail);
-    m_log.Clear();
-    WriteTransaction(3, "next");
-    EXPECT_EQ(m_log.CountContaining("amaged tail"), 0U);
-}
-
 TEST_F(DamagedTail, ThatCannotBeKeptTheSecondTimeIsGivenUp) {
     OpenDamaged();
     FailRename(1);
@@ -296,16 +370,23 @@ TEST_F(DamagedTail, ThatCannotBeKeptTheSecondTimeIsGivenUp) {
     EXPECT_EQ(FlushedRev(), 3);
 }
 
-TEST_F(DamagedTail, IsTriedAgainBeforeEveryThingThatWrites) {
-    for (const bool startOver : {true, false}) {
+TEST_F(DamagedTail, IsTriedAgainOnceBeforeTheFirstThingThatWrites) {
+    const std::function<u32()> writes[] = {
+        [this] { return WriteTransaction(2, "new") == RunAt(2) ? RC_OK : RC_SYSTEM_ERROR; },
+        [this] { return m_solid.TruncateToClearRev(9, 0, 0); },
+        [this] { return m_solid.SetClearRev(1); }};
+    for (const auto& write : writes) {
         OpenDamaged();
         const std::vector<u8> tail = TailOfFile();
         std::filesystem::remove(Copy());
         FailRename(1);
         LoadScan();
         ASSERT_FALSE(Exists(Copy()));
-        EXPECT_EQ(startOver ? m_solid.TruncateToClearRev(9, 0, 0) : m_solid.SetClearRev(1), RC_OK);
-        EXPECT_EQ(ReadBytes(Copy()), tail) << startOver;
+        EXPECT_EQ(write(), RC_OK);
+        EXPECT_EQ(ReadBytes(Copy()), tail);
+        m_log.Clear();
+        WriteTransaction(10, "next");
+        EXPECT_EQ(m_log.CountContaining("amaged tail"), 0U);
         m_solid.Close();
     }
 }
