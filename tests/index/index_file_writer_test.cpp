@@ -4,6 +4,9 @@
 #include <gtest/gtest.h>
 #include <k9erepl/storage.h>
 
+#include <filesystem>
+#include <utility>
+
 #include "index/index_file.h"
 #include "index/index_fixture.h"
 
@@ -53,13 +56,11 @@ TEST_F(IndexFileWriterTest, MakesTheDirectoriesAndAFileWithoutEntries) {
     EXPECT_EQ(m_writer.Create(m_image), RC_OK);
     EXPECT_EQ(ReadBytes(m_path), IndexFileBytes({}));
     EXPECT_TRUE(m_log.Messages().empty()) << m_log;
-}
-
-TEST_F(IndexFileWriterTest, EmptiesAnExistingFile) {
-    CreateWith(5);
+    m_blocks.AddMany(5);
+    ASSERT_EQ(Save(), RC_OK);
     m_writer.Close();
     m_image.Reset();
-    EXPECT_EQ(m_writer.Create(m_image), RC_OK);
+    EXPECT_EQ(m_writer.Create(m_image), RC_OK) << "it empties an existing file";
     EXPECT_EQ(ReadBytes(m_path), IndexFileBytes({}));
 }
 
@@ -91,51 +92,35 @@ TEST_F(IndexFileWriterTest, FailsWhenAnOldFileCannotBeLookedAt) {
     EXPECT_EQ(ReadBytes(m_path), old);
 }
 
-TEST_F(IndexFileWriterTest, FailsWhenAnOldFileCannotBeEmptied) {
-    FailSetEnd(1);
-    EXPECT_EQ(m_writer.Create(m_image), RC_SYSTEM_ERROR);
-    EXPECT_TRUE(m_log.Has(K9SYS_LOG_ERROR, "Couldn't write file header;file '" + m_path +
-                                               "'; sysErr " + SysErr(SystemErrorKind::kNoSpace)))
-        << m_log;
+TEST_F(IndexFileWriterTest, SaysWhatFailsAtTheCreation) {
+    const struct {
+        SystemCall call;
+        const char* text;
+    } faults[] = {{SystemCall::kOpen, "Couldn't open file '"},
+                  {SystemCall::kSetEnd, "Couldn't write file header;file '"},
+                  {SystemCall::kWrite, "Couldn't write file header;file '"},
+                  {SystemCall::kMakeDirectory, "Couldn't create directory for '"}};
+    for (const auto& fault : faults) {
+        std::filesystem::remove_all(m_folder.File("a"));
+        m_log.Clear();
+        Fail(fault.call, 1, SystemErrorKind::kAccessDenied, Repeat::kFromThenOn);
+        EXPECT_EQ(m_writer.Create(m_image), RC_SYSTEM_ERROR);
+        const std::string text =
+            fault.text + m_path + "'; sysErr " + SysErr(SystemErrorKind::kAccessDenied);
+        EXPECT_EQ(m_log.CodeOf(text), RC_SYSTEM_ERROR) << m_log;
+        StopFailing(fault.call);
+    }
+    EXPECT_EQ(CallCount(SystemCall::kOpen), CallCount(SystemCall::kClose) + 1) << "one failed";
 }
 
-TEST_F(IndexFileWriterTest, FailsWhenADirectoryCannotBeMade) {
-    Fail(SystemCall::kMakeDirectory, 1, SystemErrorKind::kAccessDenied, Repeat::kFromThenOn);
-    EXPECT_EQ(m_writer.Create(m_image), RC_SYSTEM_ERROR);
-    const std::string text = "Couldn't create directory for '" + m_path + "'; sysErr " +
-                             SysErr(SystemErrorKind::kAccessDenied);
-    EXPECT_EQ(m_log.CodeOf(text), RC_SYSTEM_ERROR) << m_log;
-}
-
-TEST_F(IndexFileWriterTest, FailsWhenTheFileCannotBeOpened) {
-    FailOpen(1);
-    EXPECT_EQ(m_writer.Create(m_image), RC_SYSTEM_ERROR);
-    const std::string text =
-        "Couldn't open file '" + m_path + "'; sysErr " + SysErr(SystemErrorKind::kAccessDenied);
-    EXPECT_EQ(m_log.CodeOf(text), RC_SYSTEM_ERROR) << m_log;
-}
-
-TEST_F(IndexFileWriterTest, ClosesTheFileWhenItsHeaderCannotBeWritten) {
-    FailWrite(1);
-    EXPECT_EQ(m_writer.Create(m_image), RC_SYSTEM_ERROR);
-    const std::string text = "Couldn't write file header;file '" + m_path + "'; sysErr " +
-                             SysErr(SystemErrorKind::kNoSpace);
-    EXPECT_EQ(m_log.CodeOf(text), RC_SYSTEM_ERROR) << m_log;
-    EXPECT_EQ(CallCount(SystemCall::kClose), 1U);
-}
-
-TEST_F(IndexFileWriterTest, WritesTheWholeFileInOneWrite) {
+TEST_F(IndexFileWriterTest, WritesTheWholeFileInOneWriteAndCutsALongerOne) {
     CreateWith(0);
     m_blocks.AddMany(3);
     EXPECT_EQ(Save(), RC_OK);
     EXPECT_EQ(ReadBytes(m_path), IndexFileBytes(m_blocks.All()));
     EXPECT_EQ(CallCount(SystemCall::kWrite), 2U);
     EXPECT_TRUE(m_log.Has(K9SYS_LOG_INFO, "File rewritten (80 bytes)")) << m_log;
-}
-
-TEST_F(IndexFileWriterTest, CutsAFileThatWasLonger) {
-    CreateWith(10);
-    m_blocks.RemoveFrom(4);
+    m_blocks.RemoveFrom(2);
     EXPECT_EQ(Save(), RC_OK);
     EXPECT_EQ(ReadBytes(m_path), IndexFileBytes(m_blocks.All()));
 }
@@ -150,66 +135,50 @@ TEST_F(IndexFileWriterTest, WritesTheTailThenTheHeader) {
     EXPECT_TRUE(m_log.Has(K9SYS_LOG_INFO, "File updated (48 bytes)")) << m_log;
 }
 
-TEST_F(IndexFileWriterTest, SaysWhenTheWholeFileCannotBeWritten) {
+TEST_F(IndexFileWriterTest, SaysWhichPartCannotBeWritten) {
+    m_blocks.AddMany(1);
+    EXPECT_EQ(Save(), RC_SYSTEM_ERROR) << "no file is open";
+    EXPECT_EQ(m_log.CountContaining("' (full); sysErr "), 1U) << m_log;
+    m_image.Reset();
     CreateWith(0);
     m_blocks.AddMany(3);
     FailSetEnd(1);
     EXPECT_EQ(Save(), RC_SYSTEM_ERROR);
+    ExpectFailure("full", SystemErrorKind::kNoSpace);
     FailSeek(1);
     EXPECT_EQ(Save(), RC_SYSTEM_ERROR);
     ExpectFailure("full", SystemErrorKind::kInputOutput);
     ShortWrite(1, 40);
     EXPECT_EQ(Save(), RC_SYSTEM_ERROR);
-    ExpectFailure("full", SystemErrorKind::kNoSpace);
-    EXPECT_EQ(m_log.CountContaining("' (full); sysErr "), 3U) << m_log;
-}
-
-TEST_F(IndexFileWriterTest, SaysWhenTheTailCannotBeWritten) {
-    CreateWith(3);
+    EXPECT_EQ(m_log.CountContaining("' (full); sysErr "), 4U) << m_log;
+    EXPECT_EQ(Save(), RC_OK);
     m_blocks.AddMany(2);
-    FailSeek(1);
-    EXPECT_EQ(Save(), RC_SYSTEM_ERROR);
-    ExpectFailure("tail", SystemErrorKind::kInputOutput);
-    FailWrite(1);
-    EXPECT_EQ(Save(), RC_SYSTEM_ERROR);
-    ExpectFailure("tail", SystemErrorKind::kNoSpace);
-}
-
-TEST_F(IndexFileWriterTest, SaysWhenTheHeaderCannotBeWritten) {
-    CreateWith(3);
-    m_blocks.AddMany(2);
-    FailSeek(2);
-    EXPECT_EQ(Save(), RC_SYSTEM_ERROR);
-    ExpectFailure("header", SystemErrorKind::kInputOutput);
-    FailWrite(2);
-    EXPECT_EQ(Save(), RC_SYSTEM_ERROR);
-    ExpectFailure("header", SystemErrorKind::kNoSpace);
+    for (const auto& [nth, part] : {std::pair{1U, "tail"}, {2U, "header"}}) {
+        FailSeek(nth);
+        EXPECT_EQ(Save(), RC_SYSTEM_ERROR);
+        ExpectFailure(part, SystemErrorKind::kInputOutput);
+        FailWrite(nth);
+        EXPECT_EQ(Save(), RC_SYSTEM_ERROR);
+        ExpectFailure(part, SystemErrorKind::kNoSpace);
+    }
 }
 
 TEST_F(IndexFileWriterTest, LeavesAnInvalidFileWhenOnlyTheTailWasWritten) {
-    CreateWith(3);
-    m_blocks.AddMany(2);
-    FailWrite(2);
-    EXPECT_EQ(Save(), RC_SYSTEM_ERROR);
-    IndexFileContent content;
-    EXPECT_EQ(Read(&content), RC_NOT_FOUND);
-    EXPECT_TRUE(m_log.Has("Check file header failed")) << m_log;
-}
-
-TEST_F(IndexFileWriterTest, LeavesAWrongChecksumWhenOnlyTheReplacedLastEntryWasWritten) {
-    CreateWith(3);
-    m_blocks.Add(100, m_blocks.All().back().second);
-    FailWrite(2);
-    EXPECT_EQ(Save(), RC_SYSTEM_ERROR);
-    IndexFileContent content;
-    EXPECT_EQ(Read(&content), RC_NOT_FOUND);
-    EXPECT_TRUE(m_log.Has("Wrong checksum")) << m_log;
-}
-
-TEST_F(IndexFileWriterTest, FailsWithoutAnOpenFile) {
-    m_blocks.AddMany(1);
-    EXPECT_EQ(Save(), RC_SYSTEM_ERROR);
-    EXPECT_EQ(m_log.CountContaining("' (full); sysErr "), 1U) << m_log;
+    for (const bool replaced : {false, true}) {
+        m_image.Reset();
+        m_blocks.Clear();
+        CreateWith(3);
+        if (replaced) {
+            m_blocks.Add(100, m_blocks.All().back().second);
+        } else {
+            m_blocks.AddMany(2);
+        }
+        FailWrite(2);
+        EXPECT_EQ(Save(), RC_SYSTEM_ERROR);
+        IndexFileContent content;
+        EXPECT_EQ(Read(&content), RC_NOT_FOUND);
+        EXPECT_TRUE(m_log.Has(replaced ? "Wrong checksum" : "Check file header failed")) << m_log;
+    }
 }
 
 TEST_F(IndexFileWriterTest, WritesAFileThatTheReaderTakes) {

@@ -60,7 +60,11 @@ class IndexObjectStop : public IndexObjectTest {
 };
 
 TEST_F(IndexObjectStop, EndsTheThread) {
-    MakeStarted();
+    Make();
+    m_log.Clear();
+    m_index->Stop();
+    EXPECT_TRUE(m_log.Messages().empty()) << "there is none";
+    ASSERT_EQ(m_index->Start(), RC_OK);
     m_index->Stop();
     EXPECT_TRUE(m_index->IsFinished());
     EXPECT_FALSE(m_index->IsBusy());
@@ -69,6 +73,12 @@ TEST_F(IndexObjectStop, EndsTheThread) {
     EXPECT_EQ(m_log.CountContaining(";exit code 0x0"), 1U);
     EXPECT_TRUE(m_log.Has(K9SYS_LOG_INFO, "Thread closed"));
     EXPECT_EQ(CallCount(SystemCall::kOpen), CallCount(SystemCall::kClose));
+    m_log.Clear();
+    m_index->Stop();
+    EXPECT_TRUE(m_log.Messages().empty()) << m_log;
+    MakeStarted();
+    m_index.reset();
+    EXPECT_TRUE(m_log.Has("Thread closed")) << m_log;
 }
 
 TEST_F(IndexObjectStop, ReportsTheTimesOfTheSaves) {
@@ -87,24 +97,6 @@ TEST_F(IndexObjectStop, ReportsTheTimesOfTheSaves) {
     m_index->Stop();
     EXPECT_TRUE(m_log.Has("Idx-Save: 0.00 mcs  Idx-Sync: 0.00 mcs  ")) << m_log;
     EXPECT_EQ(m_log.CountContaining("has already"), 0U) << m_log;
-}
-
-TEST_F(IndexObjectStop, DoesNothingWithoutAThread) {
-    Make();
-    m_log.Clear();
-    m_index->Stop();
-    EXPECT_TRUE(m_log.Messages().empty()) << m_log;
-    MakeStarted();
-    m_index->Stop();
-    m_log.Clear();
-    m_index->Stop();
-    EXPECT_TRUE(m_log.Messages().empty()) << m_log;
-}
-
-TEST_F(IndexObjectStop, ComesWithTheEndOfTheObject) {
-    MakeStarted();
-    m_index.reset();
-    EXPECT_TRUE(m_log.Has("Thread closed")) << m_log;
 }
 
 TEST_F(IndexObjectStop, OnlyFreesTheRecordAndClosesTheFileOfAThreadThatHasFinished) {
@@ -161,13 +153,8 @@ class IndexObjectLongSave : public IndexObjectStop {
     }
 };
 
-TEST_F(IndexObjectLongSave, LeavesTheRestOf20SecondsForTheThreadsEnd) {
-    m_index->Stop();
-    EXPECT_EQ(g_joinMs, 15000U);
-}
-
 // Otherwise a storage whose index file hangs would close only after twice that time.
-TEST_F(IndexObjectLongSave, IsWaitedForOnceByEndWritingAndStop) {
+TEST_F(IndexObjectLongSave, IsWaitedForOnceWhichLeavesTheRestOf20SecondsForTheThreadsEnd) {
     m_index->EndWriting();
     m_index->Stop();
     EXPECT_EQ(g_joinMs, 15000U);
@@ -190,20 +177,13 @@ TEST_F(IndexObjectStop, TerminatesAThreadThatDoesNotEndInTime) {
     EXPECT_EQ(CallCount(SystemCall::kOpen), CallCount(SystemCall::kClose));
 }
 
-TEST_F(IndexObjectStop, TerminatesAThreadThatCannotBeWaitedFor) {
+TEST_F(IndexObjectStop, TerminatesAThreadThatCannotBeWaitedForAndAllowsANewStart) {
     MakeStarted();
     FailSetEvent(1);
     Fail(SystemCall::kJoinThread, 1);
     m_index->Stop();
     EXPECT_EQ(m_log.CodeOf(kTerminating), RC_SYSTEM_ERROR) << m_log;
     EXPECT_EQ(g_exitCode, 20U);
-}
-
-TEST_F(IndexObjectStop, AllowsANewStartAfterATermination) {
-    MakeStarted();
-    FailSetEvent(1);
-    Fail(SystemCall::kJoinThread, 1);
-    m_index->Stop();
     ASSERT_EQ(m_index->Start(), RC_OK);
     m_blocks.AddMany(3);
     EXPECT_EQ(SaveAsync(), RC_OK);
@@ -251,13 +231,9 @@ class IndexObjectGiveUp : public IndexObjectStop {
     }
 };
 
-TEST_F(IndexObjectGiveUp, JoinsForOneSecondWhenTheSaveTookAllTime) {
-    m_index->Stop();
-    EXPECT_EQ(g_joinMs, 1000U);
-}
-
 TEST_F(IndexObjectGiveUp, LeavesTheThreadAndWhatItUses) {
     m_index->Stop();
+    EXPECT_EQ(g_joinMs, 1000U) << "the save took all time";
     EXPECT_EQ(m_log.CodeOf(kTerminating), RC_TIMEOUT) << m_log;
     EXPECT_EQ(g_exitCode, 20U);
     EXPECT_TRUE(m_log.Has("Cannot terminate thread; its memory stays allocated")) << m_log;
