@@ -37,13 +37,12 @@ void ExpectFound(const FileBuilder& file, u32 linkedBlocks, i64 lowestRev, i64 h
     EXPECT_EQ(found.highestRev, highestRev);
 }
 
-TEST(DamageSearch, FindsNothingInNothing) {
+TEST(DamageSearch, FindsNothingInNothingOneCommitBlockOrTwoThatAreNotLinked) {
     EXPECT_FALSE(SearchBeyondDamage(nullptr, 0, kLast).IsDamage());
     EXPECT_FALSE(SearchIn(Junk().Zeros(1000)).IsDamage());
-}
-
-TEST(DamageSearch, OneCommitBlockMayBeThatOfATornWrite) {
     EXPECT_FALSE(SearchIn(Junk().Record(12, "x").Commit(3, 12).Fill(50, 0xEE)).IsDamage());
+    EXPECT_FALSE(SearchIn(Junk().Commit(3, 12).RawCommit(Block(76, 77, 20))).IsDamage());
+    EXPECT_EQ(SearchIn(FileBuilder().Commit(3, 10).Commit(4, 10).Commit(5, 10)).linkedBlocks, 2U);
 }
 
 TEST(DamageSearch, TwoCommitBlocksThatAreLinkedAreDamage) {
@@ -55,14 +54,6 @@ TEST(DamageSearch, TwoCommitBlocksThatAreLinkedAreDamage) {
 
 TEST(DamageSearch, TellsRevisionsByCommitBlocksWhereNoRecordIsSound) {
     ExpectFound(Junk().Commit(3, 12).Fill(7, 0xEE).Commit(4, 15), 1, 12, 15);
-}
-
-TEST(DamageSearch, CommitBlocksMayFollowEachOther) {
-    EXPECT_EQ(SearchIn(FileBuilder().Commit(3, 10).Commit(4, 10).Commit(5, 10)).linkedBlocks, 2U);
-}
-
-TEST(DamageSearch, TwoCommitBlocksThatAreNotLinkedAreNone) {
-    EXPECT_FALSE(SearchIn(Junk().Commit(3, 12).RawCommit(Block(76, 77, 20))).IsDamage());
 }
 
 TEST(DamageSearch, RevisionsNeverFall) {

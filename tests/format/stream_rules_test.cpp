@@ -51,51 +51,25 @@ TEST(StreamRules, ARecordNeedsACommitBlockOrAHintInFrontOfIt) {
     EXPECT_TRUE(MayTakeRecord(BehindCommit()));
 }
 
-TEST(StreamRules, ARecordSaysItsSizeTwice) {
-    TRecordHead head = Record(11, 7);
-    EXPECT_EQ(CheckRecord(BehindCommit(), head), RecordFault::kNone);
+TEST(StreamRules, ARecordSaysItsSizeTwiceAndIsAboveTheOneBeforeIt) {
+    EXPECT_EQ(CheckRecord(BehindCommit(), Record(10)), RecordFault::kNone);
+    EXPECT_EQ(CheckRecord(BehindCommit(), Record(9)), RecordFault::kBelowCommitted);
+    EXPECT_EQ(CheckRecord(BehindRecord(12), Record(13)), RecordFault::kNone);
+    EXPECT_EQ(CheckRecord(BehindRecord(12), Record(12)), RecordFault::kDoesNotRise);
+    EXPECT_EQ(CheckRecord(BehindRecord(12), Record(1)), RecordFault::kBelowCommitted);
+    TRecordHead head = Record(1, 7);
     head.size += 1;
-    EXPECT_EQ(CheckRecord(BehindCommit(), head), RecordFault::kSizesDiffer);
-}
-
-TEST(StreamRules, ASizeThatWrapsDoesNotAgree) {
-    TRecordHead head = Record(11);
+    EXPECT_EQ(CheckRecord(BehindRecord(12), head), RecordFault::kSizesDiffer);
     head.dataSize = std::numeric_limits<u32>::max();
     head.size = head.dataSize + kRecordHeadSize;  // 23
     EXPECT_FALSE(SizesAgree(head));
 }
 
-TEST(StreamRules, ARecordMayHaveTheCommitRevisionButNoneBelow) {
-    EXPECT_EQ(CheckRecord(BehindCommit(), Record(10)), RecordFault::kNone);
-    EXPECT_EQ(CheckRecord(BehindCommit(), Record(9)), RecordFault::kBelowCommitted);
-}
-
-TEST(StreamRules, ARecordIsAboveTheOneBeforeIt) {
-    EXPECT_EQ(CheckRecord(BehindRecord(12), Record(13)), RecordFault::kNone);
-    EXPECT_EQ(CheckRecord(BehindRecord(12), Record(12)), RecordFault::kDoesNotRise);
-}
-
-TEST(StreamRules, SizesAreLookedAtBeforeRevisions) {
-    TRecordHead head = Record(1);
-    head.dataSize = 1;
-    EXPECT_EQ(CheckRecord(BehindRecord(12), head), RecordFault::kSizesDiffer);
-    EXPECT_EQ(CheckRecord(BehindRecord(12), Record(1)), RecordFault::kBelowCommitted);
-}
-
-TEST(StreamRules, TheFirstCommitBlockOfTheFileFollowsNothing) {
-    EXPECT_EQ(CheckCommit({}, Commit(-7, -9, 99)), CommitFault::kNone);
-}
-
-TEST(StreamRules, ACommitBlockLinksToTheOneBeforeIt) {
+TEST(StreamRules, ACommitBlockLinksToTheOneBeforeItAndReachesToTheLastRecord) {
+    EXPECT_EQ(CheckCommit({}, Commit(-7, -9, 99)), CommitFault::kNone) << "the file's first";
     EXPECT_EQ(CheckCommit(BehindCommit(), Commit(3, 10)), CommitFault::kNone);
     EXPECT_EQ(CheckCommit(BehindCommit(), Commit(3, 10, 4)), CommitFault::kWrongLink);
-}
-
-TEST(StreamRules, TheClearRevisionDoesNotFall) {
     EXPECT_EQ(CheckCommit(BehindCommit(), Commit(2, 10)), CommitFault::kClearRevFalls);
-}
-
-TEST(StreamRules, ACommitBlockReachesToTheLastRecord) {
     EXPECT_EQ(CheckCommit(BehindRecord(12), Commit(3, 12)), CommitFault::kNone);
     EXPECT_EQ(CheckCommit(BehindRecord(12), Commit(3, 11)), CommitFault::kBelowRecord);
 }

@@ -16,7 +16,6 @@
 #include "support/new_fault.h"
 
 namespace k9erepl::test {
-
 namespace {
 
 constexpr u32 kBlockSize = 234;
@@ -64,8 +63,6 @@ void CountingFree(void* memory) {
     platform::NativeSystemCalls().freeMemory(memory);
 }
 
-}  // namespace
-
 TEST_F(BlocksPool, WithALimitOfZeroEveryBlockComesFromTheHeapAndGoesBackToIt) {
     CBlocksPoolManager pool(kBlockSize, 0);
     platform::TheSystemCalls().freeMemory = CountingFree;
@@ -75,10 +72,21 @@ TEST_F(BlocksPool, WithALimitOfZeroEveryBlockComesFromTheHeapAndGoesBackToIt) {
     EXPECT_EQ(LogOfTaking(pool, 2), Texts({kFromHeap, kFromHeap}));
 }
 
-TEST_F(BlocksPool, KeepsNoMoreBlocksThanItsLimit) {
-    CBlocksPoolManager pool(kBlockSize, 2);
-    Stock(pool, 3);
-    EXPECT_EQ(LogOfTaking(pool, 3), Texts({kFromPool, kFromPool, kFromHeap}));
+TEST_F(BlocksPool, KeepsNoMoreBlocksThanItsLimitAndGivesThemBackWhenItEnds) {
+    platform::TheSystemCalls().freeMemory = CountingFree;
+    g_freed = 0;
+    {
+        CBlocksPoolManager pool(kBlockSize, 2);
+        Stock(pool, 3);
+        EXPECT_EQ(g_freed, 1U);
+        EXPECT_EQ(LogOfTaking(pool, 3), Texts({kFromPool, kFromPool, kFromHeap}));
+        EXPECT_EQ(log.Messages().front().module, "k9eRepl-storage");
+        EXPECT_EQ(log.Texts(K9SYS_LOG_INFO).size(), 3U);
+        FailAlloc(1, 0, Repeat::kFromThenOn);
+        EXPECT_EQ(LogOfTaking(pool, 1), Texts({kFromPool}));
+        StopFailing(SystemCall::kAlloc);
+    }
+    EXPECT_EQ(g_freed, 4U);
 }
 
 TEST_F(BlocksPool, HandsOutTheBlockThatCameBackLast) {
@@ -97,24 +105,6 @@ TEST_F(BlocksPool, AllocatesFromTheHeapAfterFreeAll) {
     EXPECT_EQ(LogOfTaking(pool, 1), Texts({kFromHeap}));
 }
 
-TEST_F(BlocksPool, GivesItsFreeBlocksBackWhenItEnds) {
-    platform::TheSystemCalls().freeMemory = CountingFree;
-    g_freed = 0;
-    {
-        CBlocksPoolManager pool(kBlockSize, 5);
-        Stock(pool, 3);
-        EXPECT_EQ(g_freed, 0U);
-    }
-    EXPECT_EQ(g_freed, 3U);
-}
-
-TEST_F(BlocksPool, AllocatesNoBlockAheadOfNeed) {
-    CBlocksPoolManager pool(kBlockSize, 100);
-    pool.SetMaxBlocks(16384);
-    EXPECT_EQ(CallCount(SystemCall::kAlloc), 0U);
-    EXPECT_TRUE(log.Messages().empty()) << log;
-}
-
 TEST_F(BlocksPool, AllocatesBlocksOfExactlyTheBlockSize) {
     CBlocksPoolManager pool;
     pool.SetBlockSize(kBlockSize);
@@ -122,15 +112,6 @@ TEST_F(BlocksPool, AllocatesBlocksOfExactlyTheBlockSize) {
     Stock(pool, 1);
     FailAlloc(1, kBlockSize);
     EXPECT_EQ(pool.AllocBlock(), nullptr);
-}
-
-TEST_F(BlocksPool, LogsItsTwoSourcesAsInformation) {
-    CBlocksPoolManager pool(kBlockSize, 1);
-    Stock(pool, 1);
-    Stock(pool, 1);
-    EXPECT_TRUE(log.Has(K9SYS_LOG_INFO, kFromHeap)) << log;
-    EXPECT_TRUE(log.Has(K9SYS_LOG_INFO, kFromPool)) << log;
-    EXPECT_EQ(log.Messages().front().module, "k9eRepl-storage");
 }
 
 TEST_F(BlocksPool, SaysWhenTheHeapIsExhaustedAndStaysUsable) {
@@ -143,31 +124,19 @@ TEST_F(BlocksPool, SaysWhenTheHeapIsExhaustedAndStaysUsable) {
     EXPECT_EQ(LogOfTaking(pool, 1), Texts({kFromHeap}));
 }
 
-TEST_F(BlocksPool, ServesFromTheFreeListWhenTheHeapIsExhausted) {
-    CBlocksPoolManager pool(kBlockSize, 1);
-    Stock(pool, 1);
-    FailAlloc(1, 0, Repeat::kFromThenOn);
-    EXPECT_EQ(LogOfTaking(pool, 1), Texts({kFromPool}));
-}
-
-TEST_F(BlocksPool, ReleasingUpToTheLimitAllocatesNothing) {
-    CBlocksPoolManager pool(kBlockSize, 0);
-    pool.SetMaxBlocks(100);
-    const std::vector<void*> blocks = Take(pool, 100);
-    const u64 before = NewCallsOfThisThread();
-    Return(pool, blocks);
-    EXPECT_EQ(NewCallsOfThisThread(), before);
-}
-
-TEST_F(BlocksPool, ALimitReservesNothing) {
+TEST_F(BlocksPool, ALimitReservesNothingAndReleasingUpToItAllocatesNothing) {
     constexpr u32 kHighest = std::numeric_limits<u32>::max();
-    const u64 before = NewCallsOfThisThread();
+    u64 before = NewCallsOfThisThread();
     CBlocksPoolManager pool(kBlockSize, kHighest);
     pool.SetMaxBlocks(kHighest);
     EXPECT_EQ(NewCallsOfThisThread(), before);
     EXPECT_EQ(CallCount(SystemCall::kAlloc), 0U);
-    Stock(pool, 2);
-    EXPECT_EQ(LogOfTaking(pool, 3), Texts({kFromPool, kFromPool, kFromHeap}));
+    EXPECT_TRUE(log.Messages().empty()) << log;
+    const std::vector<void*> blocks = Take(pool, 100);
+    before = NewCallsOfThisThread();
+    Return(pool, blocks);
+    EXPECT_EQ(NewCallsOfThisThread(), before);
+    EXPECT_EQ(LogOfTaking(pool, 101).back(), kFromHeap);
 }
 
 TEST_F(BlocksPool, ALowerLimitLetsTheFreeBlocksStay) {
@@ -201,4 +170,5 @@ TEST_F(BlocksPool, ThreadsNeverShareABlock) {
     EXPECT_EQ(shared, 0U);
 }
 
+}  // namespace
 }  // namespace k9erepl::test

@@ -11,7 +11,6 @@
 #include <new>
 
 namespace k9erepl::test {
-
 namespace {
 
 using Bytes = std::array<u8, kBlockHeadSize + 4>;
@@ -27,8 +26,6 @@ K9eReplBlock* MakeBlock(Memory& memory) {
     return std::launder(reinterpret_cast<K9eReplBlock*>(memory.bytes.data()));
 }
 
-}  // namespace
-
 TEST(ReplBlock, HeadIs64BytesWithEveryFieldInItsPlace) {
     EXPECT_EQ(sizeof(K9eReplBlock), 64U);
     EXPECT_EQ(offsetof(K9eReplBlock, name), 0U);
@@ -37,26 +34,20 @@ TEST(ReplBlock, HeadIs64BytesWithEveryFieldInItsPlace) {
     EXPECT_EQ(offsetof(K9eReplBlock, reserved), 32U);
     EXPECT_EQ(offsetof(K9eReplBlock, pendingWrites), 36U);
     EXPECT_EQ(offsetof(K9eReplBlock, flushedEnd), 40U);
-}
-
-TEST(ReplBlock, HeadAndTailTogetherAddWhatTheSettingLeavesOut) {
     EXPECT_EQ(kBlockHeadSize, 64U);
     EXPECT_EQ(kBlockTailSize, 32U);
     EXPECT_EQ(kBlockOverhead, 96U);
 }
 
-TEST(ReplBlock, ZeroedPartEndsBeforeTheFlushedEnd) {
+TEST(ReplBlock, ZeroedPartEndsBeforeTheFlushedEndAndDataBeginsBehindTheHead) {
     Memory memory;
-    const K9eReplBlock* const block = MakeBlock(memory);
+    K9eReplBlock* const block = MakeBlock(memory);
     EXPECT_EQ(block->used, 0U);
     EXPECT_EQ(block->lastRev, 0);
     EXPECT_EQ(block->pendingWrites.load(), 0);
     EXPECT_EQ(block->flushedEnd, 0xEEEEEEEEEEEEEEEEU);
-}
-
-TEST(ReplBlock, FieldsAreLittleEndianBytesOfTheHead) {
-    Memory memory;
-    K9eReplBlock* const block = MakeBlock(memory);
+    EXPECT_EQ(block->Data(), memory.bytes.data() + 64);
+    EXPECT_EQ(static_cast<const K9eReplBlock*>(block)->Data(), memory.bytes.data() + 64);
     block->used = 0x0102030405060708;
     block->pendingWrites = 3;
     EXPECT_EQ(memory.bytes[16], 0x08);
@@ -64,12 +55,5 @@ TEST(ReplBlock, FieldsAreLittleEndianBytesOfTheHead) {
     EXPECT_EQ(memory.bytes[36], 3);
 }
 
-TEST(ReplBlock, DataBeginsBehindTheHead) {
-    Memory memory;
-    K9eReplBlock* const block = MakeBlock(memory);
-    const K9eReplBlock* const constBlock = block;
-    EXPECT_EQ(block->Data(), memory.bytes.data() + 64);
-    EXPECT_EQ(constBlock->Data(), memory.bytes.data() + 64);
-}
-
+}  // namespace
 }  // namespace k9erepl::test
