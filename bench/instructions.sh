@@ -19,6 +19,8 @@ source "$(dirname "${BASH_SOURCE[0]}")/../scripts/common.sh"
 check_options "--write --markdown --program" "$@"
 
 kept="$root/bench/instructions.txt"
+# What we want to reach, on the paths that have a mark.
+marks="append-1 480 append-10 190 append-100 160 load 140"
 mode=compare
 program=""
 while [ "$#" -gt 0 ]; do
@@ -80,15 +82,19 @@ write_kept() {
 }
 
 print_markdown() {
-    echo "| Path | Instructions |"
-    echo "|---|---|"
-    awk '{ printf "| `%s` | %.0f |\n", $1, $2 }' "$scratch/counts"
+    echo "| Path | Instructions | Mark |"
+    echo "|---|---|---|"
+    awk -v marks="$marks" '
+        BEGIN { for (n = split(marks, word, " "); n > 1; n -= 2) mark[word[n - 1]] = word[n] }
+        { printf "| `%s` | %.0f | %s |\n", $1, $2, ($1 in mark ? "≤ " mark[$1] : "") }
+    ' "$scratch/counts"
 }
 
 compare() {
-    awk '
+    awk -v marks="$marks" '
+        BEGIN { for (n = split(marks, word, " "); n > 1; n -= 2) mark[word[n - 1]] = word[n] }
         FNR == NR { if ($0 !~ /^#/) kept[$1] = $2; next }
-        FNR == 1 { printf "%-20s %10s %10s %8s\n", "path", "now", "kept", "change" }
+        FNR == 1 { printf "%-20s %10s %10s %8s  mark\n", "path", "now", "kept", "change" }
         !($1 in kept) {
             printf "%-20s %10.1f  no figure is kept; use --write\n", $1, $2
             bad = 1
@@ -96,7 +102,7 @@ compare() {
         }
         {
             change = ($2 / kept[$1] - 1) * 100
-            printf "%-20s %10.1f %10.1f %+7.1f%%%s\n", $1, $2, kept[$1], change,
+            printf "%-20s %10.1f %10.1f %+7.1f%%%6s%s\n", $1, $2, kept[$1], change, mark[$1],
                 (change > 10 ? "  MORE THAN 10 % MORE" : "")
             if (change > 10) bad = 1
             delete kept[$1]
