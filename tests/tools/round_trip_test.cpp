@@ -113,6 +113,16 @@ TEST_F(ToolRoundTrip, JsonIsOneObjectALine) {
               "{\"rev\":2,\"userWord\":0,\"size\":2,\"data\":\"\xC3\xA4\"}\n");
 }
 
+TEST_F(ToolRoundTrip, JsonEscapesTheCharactersThatAStringCannotHold) {
+    std::string every;
+    for (char c = 0; c < 0x7F; ++c) {
+        every += c;
+    }
+    ASSERT_EQ(Append(Prefixed(every + "\x7F"), {"--length-prefixed"}).exitStatus, 0);
+    EXPECT_EQ(Cat({"--format", "json"}),
+              "{\"rev\":1,\"userWord\":0,\"size\":128,\"data\":" + AsJson(every + "\x7F") + "}\n");
+}
+
 TEST_F(ToolRoundTrip, JsonEncodesWhatIsNoUtf8) {
     // A lone continuation, an overlong slash, a surrogate, beyond U+10FFFF, a cut-off character.
     const char* const invalid[] = {"\x80", "\xC0\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80",

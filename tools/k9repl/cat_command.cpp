@@ -4,81 +4,19 @@
 
 #include <cstdint>
 #include <exception>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
 
 #include "commands.h"
 #include "interrupts.h"
 #include "output.h"
+#include "record_json.h"
 #include "storage_handle.h"
 #include "tool_error.h"
 
 namespace k9repl {
 
 namespace {
-
-unsigned ByteAt(std::string_view bytes, std::size_t i) {
-    return i < bytes.size() ? static_cast<unsigned char>(bytes[i]) : 0U;
-}
-
-bool IsContinuation(unsigned byte) {
-    return (byte & 0xC0U) == 0x80U;
-}
-
-// Returns the size in bytes of the character at the start of `bytes`; 0 if there is no valid one.
-std::size_t Utf8CharacterSize(std::string_view bytes) {
-    const unsigned first = ByteAt(bytes, 0);
-    const unsigned second = ByteAt(bytes, 1);
-    if (first < 0x80) {
-        return 1;
-    }
-    if (first < 0xC2 || first > 0xF4 || !IsContinuation(second)) {
-        return 0;
-    }
-    if (first < 0xE0) {
-        return 2;
-    }
-    const bool overlong = (first == 0xE0 && second < 0xA0) || (first == 0xF0 && second < 0x90);
-    const bool surrogate = first == 0xED && second > 0x9F;
-    const bool tooHigh = first == 0xF4 && second > 0x8F;
-    if (overlong || surrogate || tooHigh || !IsContinuation(ByteAt(bytes, 2))) {
-        return 0;
-    }
-    if (first < 0xF0) {
-        return 3;
-    }
-    return IsContinuation(ByteAt(bytes, 3)) ? 4 : 0;
-}
-
-// Strict: returns false for overlong forms, for surrogates and for everything above U+10FFFF.
-bool IsUtf8(std::string_view bytes) {
-    while (!bytes.empty()) {
-        const std::size_t size = Utf8CharacterSize(bytes);
-        if (size == 0) {
-            return false;
-        }
-        bytes.remove_prefix(size);
-    }
-    return true;
-}
-
-// Uses the alphabet with "+" and "/", and pads with "=".
-std::string ToBase64(std::string_view bytes) {
-    constexpr std::string_view kAlphabet =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string text;
-    text.reserve((bytes.size() + 2) / 3 * 4);
-    for (std::size_t i = 0; i < bytes.size(); i += 3) {
-        const std::uint32_t three =
-            ByteAt(bytes, i) << 16U | ByteAt(bytes, i + 1) << 8U | ByteAt(bytes, i + 2);
-        text += kAlphabet[three >> 18U];
-        text += kAlphabet[three >> 12U & 63U];
-        text += i + 1 < bytes.size() ? kAlphabet[three >> 6U & 63U] : '=';
-        text += i + 2 < bytes.size() ? kAlphabet[three & 63U] : '=';
-    }
-    return text;
-}
 
 std::string_view DataOf(const K9eReplRec& record) {
     return {reinterpret_cast<const char*>(record.data), record.dataSize};
@@ -92,20 +30,6 @@ std::string LengthOf(const K9eReplRec& record) {
     return length;
 }
 
-std::string JsonOf(const K9eReplRec& record) {
-    const std::string_view data = DataOf(record);
-    nlohmann::ordered_json json;
-    json["rev"] = std::int64_t{record.rev};
-    json["userWord"] = std::uint32_t{record.userWord};
-    json["size"] = std::uint32_t{record.dataSize};
-    if (IsUtf8(data)) {
-        json["data"] = data;
-    } else {
-        json["base64"] = ToBase64(data);
-    }
-    return json.dump() + '\n';
-}
-
 // Writes records in one of the formats.
 class RecordPrinter {
   public:
@@ -117,6 +41,7 @@ class RecordPrinter {
   private:
     Output& m_output;
     const RecordFormat m_format;
+    std::string m_line;  // of JSON; its memory serves every record
 };
 
 bool RecordPrinter::Print(const K9eReplRec& record) {
@@ -126,7 +51,9 @@ bool RecordPrinter::Print(const K9eReplRec& record) {
         case RecordFormat::kLines:
             return m_output.Write(DataOf(record)) && m_output.Write("\n");
         case RecordFormat::kJson:
-            return m_output.Write(JsonOf(record));
+            m_line.clear();
+            AppendJson(record, &m_line);
+            return m_output.Write(m_line);
         case RecordFormat::kLengthPrefixed:
             return m_output.Write(LengthOf(record)) && m_output.Write(DataOf(record));
     }

@@ -9,6 +9,7 @@
 #include <cassert>
 #include <cerrno>
 
+#include "posix/interruptible_output.h"
 #include "system.h"
 #include "tool_error.h"
 
@@ -18,6 +19,7 @@ namespace {
 
 std::atomic<int> g_signal{0};
 int g_wakePipe[2] = {-1, -1};
+int g_output = -1;  // see InterruptibleOutput; -1: standard output is closed
 static_assert(std::atomic<int>::is_always_lock_free, "a signal handler writes it");
 
 extern "C" void OnSignal(int signal) {
@@ -25,6 +27,9 @@ extern "C" void OnSignal(int signal) {
     g_signal.store(signal);
     // The write fails if the pipe is full, but a full pipe is readable, too.
     [[maybe_unused]] const ssize_t written = write(g_wakePipe[1], "", 1);
+    if (g_output >= 0) {
+        dup2(g_wakePipe[0], g_output);  // the end of a pipe that can only be read
+    }
     errno = savedErrno;
 }
 
@@ -41,6 +46,7 @@ void CatchInterrupts() {
     if (pipe2(g_wakePipe, O_CLOEXEC | O_NONBLOCK) != 0) {
         throw SystemError("make a pipe for signals", LastError());
     }
+    g_output = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
     Handle(SIGINT, &OnSignal);
     Handle(SIGTERM, &OnSignal);
     Handle(SIGHUP, &OnSignal);
@@ -64,6 +70,11 @@ const char* InterruptName(int signal) {
         default:
             return "a signal";
     }
+}
+
+int InterruptibleOutput() {
+    assert(g_wakePipe[0] >= 0);
+    return g_output;
 }
 
 std::intptr_t InterruptWaitObject() {

@@ -5,12 +5,11 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cassert>
 #include <cerrno>
-#include <climits>
 
 #include "interrupts.h"
+#include "posix/interruptible_output.h"
 #include "system.h"
 #include "tool_error.h"
 
@@ -22,22 +21,12 @@ int InterruptDescriptor() {
     return static_cast<int>(InterruptWaitObject());
 }
 
-// Waits until a piece can be written. Returns errc::interrupted if a signal was caught, even if
-// there is room.
-std::error_code WaitForRoom() {
-    for (;;) {
-        pollfd waits[] = {{STDOUT_FILENO, POLLOUT, 0}, {InterruptDescriptor(), POLLIN, 0}};
-        const int ready = poll(waits, 2, -1);
-        if (ready < 0 && errno != EINTR) {
-            return LastError();
-        }
-        if (InterruptSignal() != 0) {
-            return std::make_error_code(std::errc::interrupted);
-        }
-        if (ready > 0) {
-            return {};
-        }
-    }
+// Waits until standard output takes bytes again, which it says only where the process that made it
+// has set it to do so.
+void WaitForRoom() {
+    pollfd waits[] = {{STDOUT_FILENO, POLLOUT, 0}, {InterruptDescriptor(), POLLIN, 0}};
+    // Dropped: the write that follows meets whatever is wrong.
+    (void)poll(waits, InterruptSignal() == 0 ? 2 : 1, -1);
 }
 
 }  // namespace
@@ -86,20 +75,23 @@ InputState InputFile::Read(char* buffer, std::size_t size, std::size_t* got, Dea
     }
 }
 
-// Writes pieces of at most PIPE_BUF bytes, which do not block once poll has reported room.
 std::error_code WriteToStandardOutput(std::string_view bytes, OnInterrupt onInterrupt) {
+    const bool stops = onInterrupt == OnInterrupt::kStop;
+    const int output = stops ? InterruptibleOutput() : STDOUT_FILENO;
     while (!bytes.empty()) {
-        if (onInterrupt == OnInterrupt::kStop) {
-            if (const std::error_code error = WaitForRoom()) {
-                return error;
-            }
+        const ssize_t written = write(output, bytes.data(), bytes.size());
+        const std::error_code error = written < 0 ? LastError() : std::error_code();
+        if (written > 0) {
+            bytes.remove_prefix(static_cast<std::size_t>(written));
         }
-        const std::size_t piece = std::min<std::size_t>(bytes.size(), PIPE_BUF);
-        const ssize_t written = write(STDOUT_FILENO, bytes.data(), piece);
-        if (written < 0 && errno != EINTR && errno != EAGAIN) {
-            return LastError();
+        if (stops && !bytes.empty() && InterruptSignal() != 0) {
+            return std::make_error_code(std::errc::interrupted);
         }
-        bytes.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(written, 0)));
+        if (error == std::errc::resource_unavailable_try_again) {
+            WaitForRoom();
+        } else if (error && error != std::errc::interrupted) {
+            return error;
+        }
     }
     return {};
 }
