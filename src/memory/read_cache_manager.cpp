@@ -88,9 +88,9 @@ void ReadCacheManager::Reset() {
     m_dataEnd = nullptr;
 }
 
-u32 ReadCacheManager::GetBuffer(i64 offset, u32 size, ReadBuffer* current) {
+u32 ReadCacheManager::GetBuffer(i64 offset, u32 size, ReadBuffer* current, u32 readSize) {
     assert(m_dataEnd != nullptr && !m_entries.empty());
-    assert(size <= kBufferSize);
+    assert(size <= kBufferSize && readSize <= kBufferSize);
     if (Entry* const hit = FindHit(offset, size)) {
         hit->lastUse = platform::TickCountMs();
         *current = *hit;
@@ -102,7 +102,7 @@ u32 ReadCacheManager::GetBuffer(i64 offset, u32 size, ReadBuffer* current) {
         return RC_OK;
     }
     const u64 available = static_cast<u64>(dataEnd) - static_cast<u64>(offset);
-    const auto length = static_cast<u32>(std::min<u64>(available, kBufferSize));
+    const auto length = static_cast<u32>(std::min<u64>(available, std::max(size, readSize)));
     return Fill(ChooseVictim(*current), offset, length, current);
 }
 

@@ -27,8 +27,9 @@ struct ReadBuffer {
     u32 lastUse = 0;  // tick count, in milliseconds, of the last hit or fill
 };
 
-// A request inside one buffer costs no system call; any other refills one buffer with up to 2 MiB
-// from the requested offset on. It has no lock of its own: the storage's lock guards it.
+// A request inside one buffer costs no system call; any other refills one buffer from the requested
+// offset on, with as many bytes as the caller asks for, 2 MiB at most. It has no lock of its own:
+// the storage's lock guards it.
 class ReadCacheManager {
   public:
     static constexpr u32 kBufferSize = 2 * 1024 * 1024;  // bytes
@@ -50,13 +51,16 @@ class ReadCacheManager {
     void Reset();
 
     // Makes sure that the bytes [offset, offset + size) are in one buffer, as far as the written
-    // data reaches, and describes that buffer in *current. On entry *current is the buffer that the
+    // data reaches, and describes that buffer in *current. If that takes a read, it reads
+    // `readSize` bytes, or `size` if that is more. On entry *current is the buffer that the
     // caller had before, so that a reader that moves forward reuses its own. The buffer contains
     // `offset`, though it may begin before it. It ends before offset + size where the written data
     // ends, or the file itself. Behind that end, *current begins at `offset` and its length is 0.
-    // REQUIRES: Init has succeeded; size is at most kBufferSize (a longer piece is never whole).
-    // Errors: RC_SYSTEM_ERROR; *current is then unchanged, but what it points at may be gone.
-    [[nodiscard]] u32 GetBuffer(i64 offset, u32 size, ReadBuffer* current);
+    // REQUIRES: Init has succeeded; size is at most kBufferSize (a longer piece is never whole),
+    // and so is readSize. Errors: RC_SYSTEM_ERROR; *current is then unchanged, but what it points
+    // at may be gone.
+    [[nodiscard]] u32 GetBuffer(i64 offset, u32 size, ReadBuffer* current,
+                                u32 readSize = kBufferSize);
 
     // Marks every buffer empty. To be called when bytes that were read may have changed in the
     // file; bytes appended behind the written data need no call.

@@ -47,12 +47,13 @@ u32 EnumBuffers::AddNested() {
     }
 }
 
-u32 EnumBuffers::GetBuffer(ReadCacheManager& cache, i64 offset, u32 size, ReadBuffer* current) {
+u32 EnumBuffers::GetBuffer(ReadCacheManager& cache, i64 offset, u32 size, ReadBuffer* current,
+                           u32 readSize) {
     assert(size <= ReadCacheManager::kBufferSize);
     if (m_generation != m_file.ReadGeneration()) {
         Invalidate();
     }
-    return cache.GetBuffer(offset, size, current);
+    return cache.GetBuffer(offset, size, current, readSize);
 }
 
 void EnumBuffers::Invalidate() {

@@ -36,7 +36,8 @@ class EnumBuffers {
 
     // Does what ReadCacheManager::GetBuffer does, but never gives bytes that were read before the
     // file changed. `cache` is one that OfLevel gave.
-    [[nodiscard]] u32 GetBuffer(ReadCacheManager& cache, i64 offset, u32 size, ReadBuffer* current);
+    [[nodiscard]] u32 GetBuffer(ReadCacheManager& cache, i64 offset, u32 size, ReadBuffer* current,
+                                u32 readSize);
 
   private:
     // Makes the buffer of the next level. Errors: RC_NO_MEMORY.

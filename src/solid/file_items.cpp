@@ -1,6 +1,8 @@
 // Reading items for an enumeration; see the header.
 #include "solid/file_items.h"
 
+#include <algorithm>
+
 #include "platform/system_error.h"
 #include "solid/file_access.h"
 #include "support/log.h"
@@ -10,14 +12,17 @@ namespace k9erepl {
 using platform::LastSystemError;
 
 FileItems::FileItems(StorageFile& file, LiveFile& live, EnumBuffers& buffers,
-                     ReadCacheManager& cache, i64 offset)
+                     ReadCacheManager& cache, i64 offset, i64 reachesTo)
     : m_file(file),
       m_live(live),
       m_buffers(buffers),
       m_cache(cache),
       m_offset(offset),
       m_end(file.State().writePos.load(std::memory_order_acquire)),
-      m_generation(file.ReadGeneration()) {
+      m_generation(file.ReadGeneration()),
+      m_growth(reachesTo - offset > i64{ReadCacheManager::kBufferSize}
+                   ? ReadCacheManager::kBufferSize / kFirstRead
+                   : 2) {
     assert(offset >= kFirstCommitOffset);
 }
 
@@ -33,6 +38,14 @@ u32 FileItems::GetFromFile(u32 size, const u8** bytes) {
     }
     *bytes = At(m_offset);
     return RC_OK;
+}
+
+u32 FileItems::ReachNext(u32 size) {
+    const i64 wanted = std::min(i64{size} + kCommitBlockSize + kRecordHeadSize, Left());
+    if (wanted > i64{ReadCacheManager::kBufferSize} || Holds(static_cast<u32>(wanted))) {
+        return RC_OK;
+    }
+    return Fetch(static_cast<u32>(wanted));
 }
 
 bool FileItems::PeekNext(u32 size, i64* offset, TRecordHead* head) const {
@@ -56,9 +69,10 @@ u32 FileItems::Fetch(u32 size) {
         m_generation = m_file.ReadGeneration();
         m_buffer = ReadBuffer{};
     }
-    if (u32 rc = m_buffers.GetBuffer(m_cache, m_offset, size, &m_buffer); rc != RC_OK) {
+    if (u32 rc = m_buffers.GetBuffer(m_cache, m_offset, size, &m_buffer, m_readSize); rc != RC_OK) {
         return rc;
     }
+    m_readSize = std::min(m_readSize * m_growth, ReadCacheManager::kBufferSize);
     if (u32 rc = m_live.CheckEnumerated(); rc != RC_OK) {
         return rc;
     }

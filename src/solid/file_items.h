@@ -23,10 +23,16 @@ namespace k9erepl {
 // happened.
 class FileItems {
   public:
-    // `cache` is one of `buffers`. An item begins at the file offset `offset`. All arguments
+    // Bytes of the first read, for a range may end soon; each further read doubles, up to a whole
+    // buffer.
+    static constexpr u32 kFirstRead = 32 * 1024;
+
+    // `cache` is one of `buffers`. An item begins at the file offset `offset`. The reader will go
+    // on at least up to the file offset `reachesTo`, as far as the caller knows; 0: nothing is
+    // known. If that is further than a read buffer, the second read fills one. All other arguments
     // outlive this object.
     FileItems(StorageFile& file, LiveFile& live, EnumBuffers& buffers, ReadCacheManager& cache,
-              i64 offset);
+              i64 offset, i64 reachesTo);
 
     // The file offset of the item being looked at.
     i64 Offset() const { return m_offset; }
@@ -75,9 +81,13 @@ class FileItems {
         return TakeRising(rev) ? u32{RC_OK} : DoesNotRise(rev);
     }
 
+    // Tries to have the record behind the one of `size` bytes at the current offset in the read
+    // buffer, for PeekNext. Reads only if the present buffer, which may be a small first read, ends
+    // before it. Errors, logged: those of reading.
+    [[nodiscard]] u32 ReachNext(u32 size);
     // *offset and *head receive the record behind the one of `size` bytes at the current offset;
     // commit blocks are passed over. False when the read buffer does not hold it, or when it is no
-    // record: a check uses what is there and costs no read.
+    // record.
     bool PeekNext(u32 size, i64* offset, TRecordHead* head) const;
 
   private:
@@ -115,6 +125,10 @@ class FileItems {
     i64 m_prevRev = std::numeric_limits<i64>::min();
     // The file's read generation when m_buffer was filled.
     u64 m_generation;
+    // Bytes of the next read, at most a read buffer.
+    u32 m_readSize = kFirstRead;
+    // The factor by which the next read is larger than the one before it.
+    const u32 m_growth;
     // The piece of the file being walked; empty at first.
     ReadBuffer m_buffer;
     platform::MemoryBuffer m_large;  // of GetLarge; null until it is needed

@@ -142,6 +142,9 @@ u32 RecordEnum::CheckRangeEnd(FileItems& items, const FileEnumRange& range,
                        i64{head.rev}, range.toRev, range.reachesTo, items.Offset());
         return RC_BAD_DATA;
     }
+    if (u32 rc = items.ReachNext(head.size); rc != RC_OK) {
+        return rc;
+    }
     i64 nextOffset = 0;
     TRecordHead next{};
     if (items.PeekNext(head.size, &nextOffset, &next) && !Rises(next.rev, head.rev)) {
@@ -175,7 +178,8 @@ u32 RecordEnum::Run(const FileEnumRange& range, FileItemVisitor visitor, void* c
         return rc;
     }
     FileItems items(m_file, m_live, m_buffers, *cache,
-                    range.startOffset == 0 ? kFirstCommitOffset : range.startOffset);
+                    range.startOffset == 0 ? kFirstCommitOffset : range.startOffset,
+                    range.reachesTo);
     const Receiver receiver{visitor, ctx, completed};
     while (items.Left() > 0) {
         Item item;
