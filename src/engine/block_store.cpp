@@ -56,7 +56,7 @@ void Append(K9eReplBlock& block, const K9eReplRec& rec, u64 need) {
 
 void BlockStore::SetUp(u32 blockSize, u32 freeBlocks, u64 maxRecordSize) {
     assert(blockSize > 0 && m_index.empty());
-    m_pool.SetBlockSize(blockSize + kBlockOverhead);
+    m_pool.SetBlockSize(blockSize + kBlockOverhead, BlockNotes::MemorySize(blockSize));
     m_pool.SetMaxBlocks(freeBlocks);
     m_capacity = blockSize;
     m_maxRecordSize = maxRecordSize;
@@ -90,13 +90,37 @@ void BlockStore::SetOldestRev(i64 rev) {
     Touch();
 }
 
-u32 BlockStore::FindRoom(i64 rev, u64 need, K9eReplBlock** room) {
+u64 BlockStore::OffsetFor(K9eReplBlock& block, i64 rev) const {
+    BlockNotes notes = NotesOf(block);
+    const BlockNote* const note = notes.Find(rev);
+    if (note == nullptr) {
+        return 0;
+    }
+    BlockRecord record;
+    if (note->offset < block.used && ReadBlockRecord(block, note->offset, &record) &&
+        record.rec->rev == note->rev) {
+        return note->offset;
+    }
+    notes.Forget();
+    return 0;
+}
+
+u32 BlockStore::FindRoom(i64 rev, u64 need, i64 fileOffset, K9eReplBlock** room) {
     if (!m_blocks.empty()) {
         *room = &Newest();
-        assert((*room)->used <= m_capacity);
-        if (m_capacity - (*room)->used >= need) {
+        assert((*room)->used <= m_capacity && (*room)->roomEnd <= m_capacity);
+        if ((*room)->used + need <= (*room)->roomEnd) [[likely]] {
             return RC_OK;
         }
+    }
+    return MakeRoom(rev, need, fileOffset, room);
+}
+
+u32 BlockStore::MakeRoom(i64 rev, u64 need, i64 fileOffset, K9eReplBlock** room) {
+    if (!m_blocks.empty() && m_capacity - Newest().used >= need) {
+        *room = &Newest();
+        NotesOf(**room).Add(rev, fileOffset);
+        return RC_OK;
     }
     if (u32 rc = AddBlock(rev); rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to alloc next data block");
@@ -113,7 +137,7 @@ u32 BlockStore::Place(const K9eReplRec& rec, i64 fileOffset) {
         return RefuseSize(need, m_maxRecordSize);
     }
     K9eReplBlock* block = nullptr;
-    if (u32 rc = FindRoom(rec.rev, need, &block); rc != RC_OK) {
+    if (u32 rc = FindRoom(rec.rev, need, fileOffset, &block); rc != RC_OK) {
         return rc;
     }
     IndexEntry& entry = m_index.rbegin()->second;
@@ -121,6 +145,7 @@ u32 BlockStore::Place(const K9eReplRec& rec, i64 fileOffset) {
     if (block->used == 0) {
         // A record that did not fit may have left the block behind, under its own revision.
         entry.firstRev = rec.rev;
+        block->fileBase = fileOffset;
     }
     assert(block->used == 0 || block->lastRev < rec.rev);
     Append(*block, rec, need);
@@ -138,6 +163,7 @@ u32 BlockStore::AddBlock(i64 firstRev) {
     }
     const std::size_t ordinal = m_index.size();
     K9eReplBlock* block = PrepareBlock(memory, ordinal);
+    NotesOf(*block).Reset();
     try {
         const auto [entry, added] = m_index.try_emplace(firstRev, firstRev, kUnknownOffset, block);
         assert(added);
@@ -294,6 +320,7 @@ u32 BlockStore::CutAfter(i64 rev) {
     }
     block.used = kept;
     block.lastRev = rev;
+    NotesOf(block).CutTo(kept);
     return RC_OK;
 }
 
@@ -309,6 +336,7 @@ u32 BlockStore::CutBackTo(i64 rev, u64 used) {
         newest.used = used;
         newest.lastRev = rev;
         newest.flushedEnd = std::min(newest.flushedEnd, newest.used);
+        NotesOf(newest).CutTo(used);
     }
     return RC_OK;
 }
@@ -336,6 +364,9 @@ void BlockStore::MoveOffsets(i64 shift) {
     for (auto& [firstRev, entry] : m_index) {
         if (entry.fileOffset != kUnknownOffset) {
             entry.fileOffset += shift;
+            if (entry.block != nullptr) {
+                entry.block->fileBase = entry.fileOffset;
+            }
         }
     }
 }
@@ -355,21 +386,26 @@ void BlockStore::RekeyFirst(i64 key, i64 firstRev, i64 fileOffset, u64 cutBytes)
     assert(m_index.empty() || key < m_index.begin()->first);
     entry.key() = key;
     entry.mapped().firstRev = firstRev;
-    entry.mapped().fileOffset = fileOffset;
+    const i64 oldOffset = entry.mapped().fileOffset.exchange(fileOffset);
     m_index.insert(std::move(entry));
 
     auto block = m_blocks.extract(oldKey);
     if (block.empty()) {
         return;
     }
+    K9eReplBlock& cut = *block.mapped();
     if (oldKey < key) {
-        K9eReplBlock& cut = *block.mapped();
         assert(cutBytes <= cut.used);
         std::memmove(cut.Data(), cut.Data() + cutBytes,
                      static_cast<std::size_t>(cut.used - cutBytes));
         cut.used -= cutBytes;
         cut.flushedEnd -= std::min(cut.flushedEnd, cutBytes);
     }
+    BlockNotes notes = NotesOf(cut);
+    if (oldOffset == kUnknownOffset) {
+        notes.Undone(0);
+    }
+    notes.CutFront(oldKey < key ? cutBytes : 0, fileOffset, fileOffset - oldOffset);
     block.key() = key;
     m_blocks.insert(std::move(block));
 }

@@ -13,6 +13,7 @@
 #include <map>
 
 #include "index/block_index.h"
+#include "memory/block_notes.h"
 #include "memory/blocks_pool_manager.h"
 #include "memory/repl_block.h"
 #include "platform/int_types.h"
@@ -69,6 +70,12 @@ class BlockStore {
     // the last entry whose key is not above `rev`, or the first entry when `rev` is below all keys.
     // REQUIRES: the index is not empty.
     BlockIndex::const_iterator FindHolding(i64 rev) const;
+    // The notes of a block of this store.
+    BlockNotes NotesOf(K9eReplBlock& block) const { return {block, m_capacity}; }
+    // Where a walk may begin that looks for records of `block` from `rev` on, in bytes from the
+    // start of its data: no such record lies before it. A note that does not hold makes the block
+    // forget its notes.
+    u64 OffsetFor(K9eReplBlock& block, i64 rev) const;
     // The place where the index entry under `key` keeps the block's file offset, for a writer to
     // fill in. It stays valid while the entry exists. Null when the index has no such entry.
     std::atomic<i64>* FileOffsetOf(i64 key);
@@ -171,8 +178,10 @@ class BlockStore {
     friend struct StorageAccess;
 
     // *room receives the block into which `need` bytes of a record with revision `rev` fit: the
-    // newest one or a new one. Errors: as Place.
-    [[nodiscard]] u32 FindRoom(i64 rev, u64 need, K9eReplBlock** room);
+    // newest one, which notes the record now and then, or a new one. Errors: as Place.
+    [[nodiscard]] u32 FindRoom(i64 rev, u64 need, i64 fileOffset, K9eReplBlock** room);
+    // The rest of FindRoom, for a record that ends behind the newest block's roomEnd.
+    [[nodiscard]] u32 MakeRoom(i64 rev, u64 need, i64 fileOffset, K9eReplBlock** room);
     // The block under `key` leaves memory: its index entry loses the pointer, or goes if the block
     // is empty. Without such an entry: nothing.
     void DetachFromIndex(i64 key);

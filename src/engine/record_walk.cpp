@@ -46,7 +46,7 @@ RecordWalk::Walk RecordWalk::WalkMemory(i64 firstRev, const IndexEntry& entry, i
     assert(entry.block != nullptr);
     const K9eReplBlock& block = *entry.block;
     // A visitor may append to this very block, so its used size is read each time.
-    for (u64 offset = 0; offset < block.used;) {
+    for (u64 offset = m_blocks.OffsetFor(*entry.block, startRev); offset < block.used;) {
         BlockRecord record;
         if (!ReadBlockRecord(block, offset, &record)) {
             LOG_ERROR_CODE(RC_BAD_DATA, kLogStorage, "Wrong rec signature;block rev %I64d",

@@ -30,7 +30,7 @@ void* CBlocksPoolManager::AllocBlock() {
         return pooled;
     }
     assert(m_blockSize >= sizeof(FreeBlock));
-    void* const fresh = platform::AllocMemory(m_blockSize);
+    void* const fresh = platform::AllocMemory(std::size_t{m_blockSize} + m_more);
     if (fresh == nullptr) {
         LOG_ERROR(kLogStorage, "Couldn't allocate memory for next block;block_size %u",
                   m_blockSize);

@@ -25,9 +25,13 @@ class CBlocksPoolManager {
     CBlocksPoolManager(const CBlocksPoolManager&) = delete;
     CBlocksPoolManager& operator=(const CBlocksPoolManager&) = delete;
 
-    // Sets the bytes of every block. REQUIRES: no block was allocated yet; a block has room for a
-    // pointer.
-    void SetBlockSize(u32 size) { m_blockSize = size; }
+    // Sets the bytes of every block, and how many more are allocated behind them, which messages
+    // leave out. REQUIRES: no block was allocated yet; a block has room for a pointer; both
+    // together fit 32 bits.
+    void SetBlockSize(u32 size, u32 more = 0) {
+        m_blockSize = size;
+        m_more = more;
+    }
     // Sets how many free blocks are kept at most. Those that are free already stay, even when there
     // are more than a lower limit allows.
     void SetMaxBlocks(u32 limit);
@@ -51,6 +55,7 @@ class CBlocksPoolManager {
     void* TakeFree();
 
     u32 m_blockSize;  // bytes; 0 until it is set
+    u32 m_more = 0;   // bytes that are allocated behind each block
 
     platform::RecursiveLock m_lock;
     u32 m_freeBlockLimit;  // guarded by m_lock; blocks, 0 keeps none

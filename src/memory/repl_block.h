@@ -3,9 +3,9 @@
 // writer counts the writes of a block that are still queued.
 //
 //   0        64                    64 + block_size      64 + block_size + 32
-//   +--------+---------------------+--------------------+
-//   |  head  | data area: records  | spare, see below   |
-//   +--------+---------------------+--------------------+
+//   +--------+---------------------+--------------------+---------------------------+
+//   |  head  | data area: records  | spare, see below   | notes (block_notes.h)     |
+//   +--------+---------------------+--------------------+---------------------------+
 //
 // The block store owns all blocks and takes them from its pool. A block is changed under the
 // storage's lock only, but for pendingWrites.
@@ -23,10 +23,10 @@ inline constexpr u32 kBlockHeadSize = 64;
 // Behind the data area there is room for one commit block, so that a flush can build it in place,
 // right behind the last record, and write both at once.
 inline constexpr u32 kBlockTailSize = 32;
-// What the head and the tail add to block_size.
+// What the head and the tail add to block_size. The notes come on top.
 inline constexpr u32 kBlockOverhead = kBlockHeadSize + kBlockTailSize;
 // How many bytes of the head are set to zero when a block comes from the pool. Of the fields behind
-// them, flushedEnd is set to 0 by name.
+// them, flushedEnd is set to 0 by name, and the others by BlockNotes::Reset.
 inline constexpr u32 kZeroedHeadSize = 40;
 
 // The head, at the start of one allocation of the block pool. Its layout is the same on every
@@ -47,7 +47,14 @@ struct K9eReplBlock {
     // Bytes of the data area that a flush has handed to the writer, 0 to `used`. A failed flush
     // takes it back.
     u64 flushedEnd;
-    u8 rest[16];  // not set
+    // The notes of this block.
+    u32 noteCount;
+    // Bytes of the data area, at most block_size. A record that ends at or before this needs no
+    // note: so one comparison tells an insertion that there is room and nothing to be noted.
+    u32 roomEnd;
+    // The file offset of the first record, known as soon as its write is queued; -1 before that.
+    // The notes count from it.
+    i64 fileBase;
 
     // The data area.
     u8* Data() { return reinterpret_cast<u8*>(this) + kBlockHeadSize; }
@@ -59,6 +66,8 @@ static_assert(offsetof(K9eReplBlock, used) == 16);
 static_assert(offsetof(K9eReplBlock, lastRev) == 24);
 static_assert(offsetof(K9eReplBlock, pendingWrites) == 36);
 static_assert(offsetof(K9eReplBlock, flushedEnd) == kZeroedHeadSize);
+static_assert(offsetof(K9eReplBlock, noteCount) == 48);
+static_assert(offsetof(K9eReplBlock, fileBase) == 56);
 static_assert(std::atomic<i32>::is_always_lock_free);
 
 }  // namespace k9erepl

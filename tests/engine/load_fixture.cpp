@@ -10,6 +10,7 @@
 #include <set>
 
 #include "index/index_file.h"
+#include "memory/block_notes.h"
 #include "support/file_bytes.h"
 #include "support/temp_folder.h"
 
@@ -187,7 +188,7 @@ void ReadMeter::Restart() {
 }
 
 BlockMeter::BlockMeter(u32 blockSize) {
-    g_blocks.size = blockSize + kBlockOverhead;
+    g_blocks.size = blockSize + kBlockOverhead + BlockNotes::MemorySize(blockSize);
     g_blocks.most = 0;
     g_blocks.live.clear();
     platform::TheSystemCalls().allocMemory = CountingAlloc;
