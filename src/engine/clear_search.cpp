@@ -17,6 +17,7 @@ u32 ClearSearch::Visit(i64 offset, const K9eReplRec* rec, void* ctx) {
     } else if (!search.FoundKept()) {
         search.newFirstRev = rec->rev;
         search.newFirstRecOffset = offset;
+        return search.stopAtKept ? u32{RC_ENUM_STOP} : u32{RC_OK};
     }
     return RC_OK;
 }

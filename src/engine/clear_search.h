@@ -1,6 +1,7 @@
 // Finds where the kept part of a block begins in the file when older records of the block are
-// removed. It is a visitor for an enumeration of the file that includes commit blocks. The clearer
-// uses it at a clear, the loader when the file holds records below the clear revision.
+// removed: as a visitor for an enumeration of the file that includes commit blocks, or in the
+// blocks in memory. The clearer uses it at a clear, the loader when the file holds records below
+// the clear revision.
 #ifndef K9EREPL_ENGINE_CLEAR_SEARCH_H
 #define K9EREPL_ENGINE_CLEAR_SEARCH_H
 
@@ -21,8 +22,10 @@ struct ClearSearch {
     // The file offset where that record begins.
     i64 newFirstRecOffset = kUnknownOffset;
     // The file offset of the first commit block behind that record: a squeezed file's chain begins
-    // there.
+    // there. A search that stops at the first kept record leaves it unknown.
     i64 commitOffset = kUnknownOffset;
+    // The enumeration is to stop at the first kept record.
+    bool stopAtKept = false;
     // Bytes of the records that are removed, heads included: by so much the block in memory is cut.
     u32 recSz = 0;
 
@@ -30,7 +33,8 @@ struct ClearSearch {
     bool FoundKept() const { return newFirstRecOffset != kUnknownOffset; }
 
     // A FileItemVisitor; `ctx` is a ClearSearch. Stops the enumeration with RC_ENUM_STOP at
-    // commitOffset. A result RC_OK of the enumeration means that the file ended first.
+    // commitOffset, or at the first kept record. A result RC_OK of the enumeration means that the
+    // file ended first.
     [[nodiscard]] static u32 Visit(i64 offset, const K9eReplRec* rec, void* ctx);
 };
 

@@ -6,6 +6,7 @@
 #include <iterator>
 #include <new>
 
+#include "engine/memory_search.h"
 #include "engine/revision.h"
 #include "support/log.h"
 
@@ -165,6 +166,12 @@ u32 Clearer::FindFirstKept(i64 holdingKey, ClearMode mode, ClearSearch* search) 
         rc != RC_OK) {
         return rc;
     }
+    // Only a squeeze needs the commit block behind the first kept record, which is only in the
+    // file.
+    if (!Squeezes(mode) && MemorySearch(m_blocks, m_file).Find(holding, search)) {
+        LogSearch(*search);
+        return RC_OK;
+    }
     if (u32 rc = SearchFrom(*holding, search); rc != RC_OK) {
         return rc;
     }
@@ -213,11 +220,15 @@ u32 Clearer::SearchFrom(const BlockIndex::value_type& holding, ClearSearch* sear
         LOG_ERROR_CODE(rc, kLogStorage, "Enum from disk failed");
         return rc;
     }
+    LogSearch(*search);
+    return RC_OK;
+}
+
+void Clearer::LogSearch(const ClearSearch& search) {
     LOG_INFO(kLogStorage,
              "Squeeze enum; minRev: %I64d, newFirstRecOffset: %I64d, commitOffset: %I64d, recSz: "
              "%u",
-             search->minRev, search->newFirstRecOffset, search->commitOffset, search->recSz);
-    return RC_OK;
+             search.minRev, search.newFirstRecOffset, search.commitOffset, search.recSz);
 }
 
 u32 Clearer::SqueezeFile(const ClearSearch& search, ClearMode mode, i64* shift) {

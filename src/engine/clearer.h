@@ -85,7 +85,8 @@ class Clearer {
     [[nodiscard]] u32 ClearInFile(i64 rev, ClearMode mode);
     // Nothing is kept: starts the file over, and the revisions go on. `rev` is only logged.
     [[nodiscard]] u32 ClearWholeFile(i64 rev);
-    // Fills *search: reads the file from the block under `holdingKey`, once that block is written.
+    // Fills *search, once the block under `holdingKey` is written: from memory if that is enough,
+    // else by reading the file from that block on.
     // Finds nothing when no record at or above search->minRev is in the file.
     [[nodiscard]] u32 FindFirstKept(i64 holdingKey, ClearMode mode, ClearSearch* search);
     // Waits until the asynchronous writer has written the block under `key` and the one behind it.
@@ -94,6 +95,7 @@ class Clearer {
     // Runs the search over the file from the block `holding`. Errors, logged: those of the
     // enumeration; RC_BAD_DATA when the block has no file offset.
     [[nodiscard]] u32 SearchFrom(const BlockIndex::value_type& holding, ClearSearch* search);
+    static void LogSearch(const ClearSearch& search);
     // Replaces the file. *shift receives the bytes to add to every file offset. The index file is
     // emptied right before the new file takes the place of the old one. Errors, logged: those of
     // CSolidStorage::Squeeze; RC_BAD_DATA when no commit block was found behind the kept records.

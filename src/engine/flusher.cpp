@@ -166,6 +166,7 @@ u32 Flusher::WriteRun(i64 firstRev, K9eReplBlock& block, const FlushRun& run) {
     if (u32 rc = RememberPiece(block, *fileOffset); rc != RC_OK) {
         return rc;
     }
+    const i64 position = m_file.QueuedEnd();
     m_timing.Start(m_timeWriteData1);
     if (u32 rc = m_file.WriteItems(data, static_cast<u32>(size), commitBlock, &block, run.lastRev,
                                    fileOffset);
@@ -176,6 +177,7 @@ u32 Flusher::WriteRun(i64 firstRev, K9eReplBlock& block, const FlushRun& run) {
     }
     m_timing.Stop(m_timeWriteData1);
     block.flushedEnd = run.end;
+    m_blocks.NotesOf(block).Written(run.begin, run.end, position);
     LOG_INFO(kLogStorage, "Flushed block;rev %I64d,last rev %I64d,offset %I64d", firstRev,
              run.lastRev, fileOffset->load());
     if (m_settings.MayEvict() && m_blocks.Blocks().size() > m_settings.cacheBlocks) {
@@ -236,6 +238,7 @@ void Flusher::Undo() {
     }
     for (auto piece = m_pieces.rbegin(); piece != m_pieces.rend(); ++piece) {
         piece->block->flushedEnd = piece->flushedEndBefore;
+        m_blocks.NotesOf(*piece->block).Undone(piece->flushedEndBefore);
         if (piece->fileOffset != nullptr) {
             *piece->fileOffset = kUnknownOffset;
         }

@@ -177,6 +177,10 @@ class CSolidStorage final : public IK9eReplLLStorage {
                                  K9eReplBlock* memoryBlock, i64 lastRevision,
                                  std::atomic<i64>* filePosition);
 
+    // The file offset at which the next WriteItems puts its run, once everything queued is written.
+    // REQUIRES: the file is open for writing.
+    i64 QueuedEnd() const { return m_file.Writer().QueuedEnd(); }
+
     // Waits until everything queued is written, at most 60 s (RC_TIMEOUT). Nothing is ever queued
     // unless the writer is asynchronous (setting async_mode).
     [[nodiscard]] u32 CompleteAsyncTasks();

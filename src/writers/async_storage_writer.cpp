@@ -125,6 +125,9 @@ u32 AsyncStorageWriter::PushPiece(const CAsyncQueueElem& piece) {
     if (rc != RC_OK && piece.memoryBlock != nullptr) {
         piece.memoryBlock->pendingWrites.fetch_sub(1, std::memory_order_relaxed);
     }
+    if (rc == RC_OK) {
+        m_queuedEnd += piece.size;
+    }
     return rc;
 }
 

@@ -52,6 +52,7 @@ class AsyncStorageWriter final : public StorageWriter {
                             K9eReplBlock* memoryBlock, i64 lastRevision,
                             std::atomic<i64>* filePosition) override;
     [[nodiscard]] u32 BeginTransaction() override;
+    i64 QueuedEnd() const override { return m_queuedEnd; }
     // Both wait at most 60 s. Errors: RC_TIMEOUT, RC_SYSTEM_ERROR, the sticky code; from
     // CompleteAsyncTasks also RC_NO_MEMORY.
     [[nodiscard]] u32 CompleteAsyncTasks() override;

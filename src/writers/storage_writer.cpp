@@ -41,9 +41,10 @@ i64 CutSize(i64 dataSize) {
 
 StorageWriter::StorageWriter(StorageFileState* state)
     : m_state(NotNull(state)),
+      m_queuedEnd(m_state.fileSize.load(std::memory_order_relaxed)),
       m_fileCurrWritePos(m_state.writePos),
       m_growthStep(m_state.fileSizeDelta) {
-    m_fileCurrWritePos = m_state.fileSize.load(std::memory_order_relaxed);
+    m_fileCurrWritePos = m_queuedEnd;
     if (const u32 rc = OpenForWriting(m_file, m_state.path, m_state.writeThrough); rc != RC_OK) {
         throw K9eStorageException(rc);
     }
@@ -60,6 +61,7 @@ u32 StorageWriter::SetWritePos(i64 position, bool doSeek, bool tailAbandoned) {
     RaiseTail(tailAbandoned ? Tail::kFound : Tail::kClear);
     m_transStart.reset();
     m_fileCurrWritePos.store(position, std::memory_order_release);
+    m_queuedEnd = position;
     return RC_OK;
 }
 
@@ -136,6 +138,7 @@ u32 StorageWriter::RollbackNow() {
     const i64 position = m_transStart->position;
     RaiseTail(position < WritePos() ? Tail::kUndone : Tail::kClear);
     m_fileCurrWritePos.store(position, std::memory_order_release);
+    m_queuedEnd = position;
     m_state.lastFlushedRev.store(m_transStart->lastFlushedRev, std::memory_order_release);
     m_state.lastCommitSequence.store(m_transStart->lastCommitSequence, std::memory_order_release);
     m_pointerInPlace = m_file.Seek(position);

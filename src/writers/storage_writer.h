@@ -118,6 +118,9 @@ class StorageWriter {
 
     // The end of the written data: the file offset of the next write. From any thread.
     i64 WritePos() const { return m_fileCurrWritePos.load(std::memory_order_acquire); }
+    // The file offset at which the data of the next Write will lie: behind everything queued. Means
+    // nothing after a failed operation, until a Rollback or SetWritePos has succeeded.
+    virtual i64 QueuedEnd() const { return WritePos(); }
 
   protected:
     // Writes at once: sets the clear revision, prepares the file, links the commit block, writes
@@ -150,6 +153,9 @@ class StorageWriter {
     [[nodiscard]] u32 WriteBytes(const void* data, u32 size);
 
     StorageFileState& m_state;
+    // For QueuedEnd of a writer that queues, which adds to it what it queues. The clients' side
+    // only.
+    i64 m_queuedEnd;
     platform::File m_file;
     // The state's writePos; read by enumerations while an asynchronous writer advances it.
     std::atomic<i64>& m_fileCurrWritePos;

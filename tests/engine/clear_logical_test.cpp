@@ -55,7 +55,7 @@ TEST(LogicalClear, CutsTheFirstKeptBlockAndEntersItUnderTheClearRevision) {
     EXPECT_TRUE(StorageAccess::BeginMoved(storage.Object()));
     const std::string text =
         "Squeeze enum; minRev: 4, newFirstRecOffset: " + std::to_string(OffsetOf(4)) +
-        ", commitOffset: " + std::to_string(OffsetOf(5) - kCommit) + ", recSz: 64";
+        ", commitOffset: -1, recSz: 64";
     EXPECT_TRUE(log.Has(K9SYS_LOG_INFO, text)) << log;
 }
 

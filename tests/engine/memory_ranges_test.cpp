@@ -2,6 +2,8 @@
 // and no damage leads them astray.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "engine/load_fixture.h"
 #include "memory/block_notes.h"
 
