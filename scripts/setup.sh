@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs what a Debian 12 machine lacks for one task, and nothing when nothing is missing.
 #
-#   scripts/setup.sh demo|test|test32|windows|coverage|fuzz|check|peers|all     (default: test)
+#   scripts/setup.sh demo|package|test|test32|windows|coverage|fuzz|check|peers|all
+#                                                                        (default: test)
 #
 # "peers" are the libraries that scripts/bench.sh compares ours with; "all" goes without them,
 # because no test needs them.
@@ -20,6 +21,7 @@ test_packages=("${build_packages[@]}" libgtest-dev libgmock-dev libbenchmark-dev
 packages_for() {
     case "$1" in
         demo) echo "${build_packages[@]}" ;;
+        package) echo "${build_packages[@]}" dpkg-dev file ;;
         test) echo "${test_packages[@]}" valgrind ;;
         test32) echo "${tool_packages[@]}" g++-multilib googletest ;;
         windows) echo "${tool_packages[@]}" g++-mingw-w64-i686-posix g++-mingw-w64-x86-64-posix \
@@ -38,7 +40,7 @@ main() {
     local task="${1:-test}" wanted
     if ! wanted="$(packages_for "$task")"; then
         echo "setup.sh: unknown task '$task':" \
-            "use demo, test, test32, windows, coverage, fuzz, check, peers or all" >&2
+            "use demo, package, test, test32, windows, coverage, fuzz, check, peers or all" >&2
         return 2
     fi
     if ! command -v dpkg >/dev/null; then
