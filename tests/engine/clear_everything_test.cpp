@@ -40,7 +40,7 @@ class ClearOfEverything : public ::testing::TestWithParam<Everything> {
         EXPECT_EQ(FileItems(storage), Strings({"c" + std::to_string(rev)}));
         EXPECT_EQ(ClearRevs(storage), Revs({rev}));
         WaitUntilIdle(storage);
-        EXPECT_EQ(ReadBytes(IndexPath(storage)), EmptyIndexBytes());
+        EXPECT_EQ(ReadBytes(IndexPath(storage)), IndexBytes({}));
         EXPECT_FALSE(Exists(BackupPath(storage)));
     }
 
@@ -169,7 +169,7 @@ TEST(FileStartedOver, HasNoIndexEntriesAlsoWhenItsBeginningCannotBeWritten) {
               RC_SYSTEM_ERROR)
         << log;
     EXPECT_EQ(storage.State(), StorageState::kBroken);
-    EXPECT_EQ(ReadBytes(IndexPath(storage)), EmptyIndexBytes());
+    EXPECT_EQ(ReadBytes(IndexPath(storage)), IndexBytes({}));
     storage.Reopen();
     EXPECT_EQ(RevsOf(storage.Records()), RevRange(1, 5));
 }
@@ -212,7 +212,7 @@ class Truncation : public ::testing::TestWithParam<Keeping> {
             EXPECT_EQ(FileItems(storage), Strings({"c0"}));
             EXPECT_EQ(ClearRevs(storage), Revs({0}));
             WaitUntilIdle(storage);
-            EXPECT_EQ(ReadBytes(IndexPath(storage)), EmptyIndexBytes());
+            EXPECT_EQ(ReadBytes(IndexPath(storage)), IndexBytes({}));
         }
     }
     static void ExpectUsable(TestStorage& storage) {
@@ -273,18 +273,6 @@ TEST_P(Truncation, IsRefusedInsideATransactionWithoutAMessage) {
     m_storage.ExpectContentForLife();
 }
 
-TEST(TruncationOfAFile, LetsOldRecordsNeverComeBack) {
-    ClearableStorage storage(KeepInMemory());
-    storage.Put(9);
-    ASSERT_EQ(storage.Truncate(), RC_OK);
-    for (i64 rev = 1; rev <= 9; ++rev) {
-        ASSERT_EQ(storage.Insert("new"), RC_OK);
-        storage.Reopen();
-        EXPECT_EQ(RevsOf(storage.Records()), RevRange(1, rev));
-    }
-    EXPECT_EQ(storage.Texts(), Strings(9, "new"));
-}
-
 TEST(TruncationOfAFile, StartsTheIndexThreadWithoutAMessageOrBreaksTheStorage) {
     const ScopedSystemCalls systemCalls;
     ClearableStorage storage(KeepInMemory());
@@ -334,7 +322,7 @@ TEST(TruncationOfAFile, WaitsForASaveOfTheIndexThreadAndShrinksItToTheInitialSiz
     std::thread opener([&] { gate.Open(); });
     EXPECT_EQ(storage.Truncate(), RC_OK);
     opener.join();
-    EXPECT_EQ(ReadBytes(IndexPath(storage)), EmptyIndexBytes());
+    EXPECT_EQ(ReadBytes(IndexPath(storage)), IndexBytes({}));
     EXPECT_EQ(FileSize(storage.Path()), 1024 * 1024);
     storage.InsertCommitted({"one"});
     storage.Reopen();

@@ -159,8 +159,4 @@ std::string TemporaryPath(const TestStorage& storage) {
     return storage.Path() + ".temporary";
 }
 
-std::vector<u8> EmptyIndexBytes() {
-    return IndexBytes({});
-}
-
 }  // namespace k9erepl::test

@@ -77,9 +77,6 @@ Revs ClearRevs(const TestStorage& storage);
 std::string BackupPath(const TestStorage& storage);
 std::string TemporaryPath(const TestStorage& storage);
 
-// The bytes of an index file without entries for these blocks.
-std::vector<u8> EmptyIndexBytes();
-
 }  // namespace k9erepl::test
 
 #endif  // K9EREPL_TESTS_ENGINE_CLEAR_FIXTURE_H

@@ -1,5 +1,6 @@
 // A logical clear: one commit block in the file, the first kept block cut and entered anew, the
-// index saved by the thread.
+// index saved by the thread. And clears of every kind that fail: code, state and message of each
+// step, and that after reopening everything is there as it was before.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -213,6 +214,112 @@ TEST(LogicalClear, RestartsAnIndexThreadThatHasFinishedAndSucceedsWithout) {
     WaitUntilIdle(storage);
     EXPECT_EQ(ReadIndexEntries(storage), EntriesInMemory(storage));
     storage.ExpectContentForLife();
+}
+
+// --- Failures -----------------------------------------------------------------------------------
+
+// The search and the squeeze say so themselves, and a clear of everything names its step.
+TEST(LogicalClear, WhoseCommitBlockCannotBeWrittenSaysSoAndBreaksTheStorage) {
+    const ScopedSystemCalls systemCalls;
+    ClearableStorage storage(KeepInMemory());
+    storage.Put(5);
+    ASSERT_EQ(storage.WaitForWriter(), RC_OK);
+    FailWrite(1);
+    const LogCapture log;
+    EXPECT_EQ(storage.Clear(3, kLogical), RC_SYSTEM_ERROR);
+    if (!RunsAsynchronously()) {
+        EXPECT_EQ(log.CodeOf("Failed to set clear rev to solid storage;rev 3"), RC_SYSTEM_ERROR)
+            << log;
+    }
+    EXPECT_EQ(storage.State(), StorageState::kBroken);
+    storage.Reopen();
+    storage.ExpectContentForLife();
+}
+
+TEST(FlushBeforeAClear, ThatFailsLeavesTheStorageWithAFailedFlush) {
+    SKIP_WHEN_ASYNC("a failed write is reported by the flush that made it");
+    const ScopedSystemCalls systemCalls;
+    for (const u32 mode : {kLogical, kSqueeze, kSqueezeBackup}) {
+        ClearableStorage storage(AllKeepings()[3]);
+        storage.Put(5);
+        FailWrite(1);
+        const LogCapture log;
+        EXPECT_EQ(storage.Clear(3, mode), RC_SYSTEM_ERROR);
+        const char* const text = "Cannot flush data before clear old revs;clear rev 3";
+        EXPECT_EQ(log.CodeOf(text), RC_SYSTEM_ERROR) << log;
+        EXPECT_TRUE(log.Has(K9SYS_LOG_ERROR, text));
+        EXPECT_EQ(storage.State(), StorageState::kFlushFailed);
+        EXPECT_EQ(storage.Clear(3, mode), RC_WRONG_STATE);
+        EXPECT_EQ(storage.Rollback(), RC_NO_TRANSACTION_TO_ROLLBACK);
+        storage.ClearTo(3, mode);
+        storage.ExpectContentForLife();
+    }
+}
+
+TEST(SearchOfAClear, ThatFailsSaysSoAndBreaksTheStorage) {
+    const ScopedSystemCalls systemCalls;
+    for (const u32 mode : {kLogical, kSqueeze}) {
+        ClearableStorage storage(KeepOnDisk());
+        storage.Put(9);
+        storage.Settle();
+        FailRead(1);
+        const LogCapture log;
+        EXPECT_EQ(storage.Clear(4, mode), RC_SYSTEM_ERROR);
+        EXPECT_EQ(log.CodeOf("Enum from disk failed"), RC_SYSTEM_ERROR) << log;
+        EXPECT_EQ(log.CountContaining("Squeeze enum"), 0U);
+        EXPECT_EQ(storage.State(), StorageState::kBroken);
+        storage.Reopen();
+        storage.ExpectContentForLife();
+    }
+}
+
+TEST(SearchOfAClear, ThatMeetsDamagedBytesBreaksTheStorage) {
+    for (const u32 mode : {kLogical, kSqueeze}) {
+        ClearableStorage storage(KeepOnDisk());
+        storage.Put(9);
+        storage.Settle();
+        const u8 noSignature[] = {1, 2, 3, 4};
+        PatchBytes(storage.Path(), kFirstItemOffset, noSignature);
+        const LogCapture log;
+        EXPECT_EQ(storage.Clear(2, mode), RC_BAD_DATA);
+        EXPECT_EQ(log.CodeOf("Enum from disk failed"), RC_BAD_DATA) << log;
+        EXPECT_EQ(storage.State(), StorageState::kBroken);
+    }
+}
+
+TEST(SearchOfAClear, ThatKnowsNoOffsetBreaksTheStorage) {
+    ClearableStorage storage(KeepInMemory());
+    storage.Put(5);
+    ASSERT_EQ(storage.WaitForWriter(), RC_OK);
+    *StorageAccess::Blocks(storage.Object()).FileOffsetOf(3) = kUnknownOffset;
+    const LogCapture log;
+    EXPECT_EQ(storage.Clear(3, kLogical), RC_BAD_DATA);
+    EXPECT_EQ(log.CodeOf("Enum from disk failed"), RC_BAD_DATA) << log;
+    EXPECT_EQ(storage.State(), StorageState::kBroken);
+}
+
+TEST(ClearOfAClosedFile, BreaksTheStorage) {
+    for (const auto& [mode, rev] : {std::pair{kLogical, 3}, {kSqueeze, 3}, {kLogical, 9}}) {
+        ClearableStorage storage(KeepInMemory());
+        storage.Put(5);
+        storage.Object().SolidStorage().Close();
+        EXPECT_EQ(storage.Clear(rev, mode), RC_NO_WRITER);
+        EXPECT_NE(storage.State(), StorageState::kOpen);
+    }
+}
+
+TEST(RevisionMark, ThatCannotBeWrittenLeavesTheStateAndTheMark) {
+    const ScopedSystemCalls systemCalls;
+    ClearableStorage storage(KeepInMemory());
+    storage.Put(5);
+    ASSERT_EQ(storage.Clear(2, kMark), RC_OK);
+    FailWrite(1);
+    const LogCapture log;
+    EXPECT_EQ(storage.Clear(3, kMark), RC_SYSTEM_ERROR);
+    EXPECT_EQ(log.CodeOf("Failed to set revision mark 3 to solid storage"), RC_SYSTEM_ERROR) << log;
+    EXPECT_EQ(storage.RevisionMark(), 2);
+    storage.ExpectContentForLife();
+    EXPECT_EQ(storage.RevisionMark(), 2);
 }
 
 }  // namespace k9erepl::test

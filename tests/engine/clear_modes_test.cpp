@@ -6,7 +6,6 @@
 #include <limits>
 
 #include "engine/clear_fixture.h"
-#include "engine/write_gate.h"
 #include "support/file_bytes.h"
 #include "support/log_capture.h"
 
@@ -78,16 +77,6 @@ TEST_P(EveryKeeping, KeepsTheRecordsBehindEmptyBlocks) {
             EXPECT_EQ(RevsOf(storage.Records()), RevRange(5, 7));
             storage.ExpectContentForLife();
         }
-    }
-}
-
-TEST_P(EveryKeeping, TreatsEveryOtherModeAsLogical) {
-    for (const u32 mode : {3U, 5U, 77U, 0xFFFFFFFFU}) {
-        ClearableStorage storage(GetParam());
-        FillWithGaps(storage);
-        storage.ClearTo(9, mode);
-        EXPECT_EQ(StorageAccess::BeginMoved(storage.Object()), GetParam().hasFile);
-        storage.ExpectContentForLife();
     }
 }
 
@@ -256,24 +245,6 @@ TEST(ReopenedWithAnOlderIndex, ServesTheSame) {
             EXPECT_TRUE(StorageAccess::BeginMoved(storage.Object()));
         }
         storage.ClearTo(0, kSqueeze);
-        storage.ExpectContentForLife();
-    }
-}
-
-TEST(ReopenedThroughTheIndexOfAClear, ReadsOnlyWhatMemoryKeeps) {
-    for (const u32 mode : {kLogical, kSqueeze}) {
-        ClearableStorage storage(KeepOnDisk());
-        storage.Put(20);
-        storage.ClearTo(5, mode);
-        WaitUntilIdle(storage);
-        const IndexEntries saved = ReadIndexEntries(storage);
-        storage.Close();
-        const LogCapture log;
-        ASSERT_EQ(storage.TryOpenAndLoad(), RC_OK);
-        EXPECT_EQ(log.CountContaining("Index test passed; start loading from offset "), 1U) << log;
-        EXPECT_EQ(log.CountContaining("loading without it"), 0U) << log;
-        EXPECT_EQ(log.CountContaining("Loaded rec;"), 4U) << log;
-        EXPECT_TRUE(mode == kLogical || EntriesInMemory(storage) == saved);
         storage.ExpectContentForLife();
     }
 }

@@ -167,7 +167,7 @@ TEST_P(Squeeze, EmptiesTheIndexFileBeforeTheRename) {
     EXPECT_EQ(storage.Clear(4, GetParam()), RC_SYSTEM_ERROR);
     EXPECT_EQ(log.CodeOf("Failed to squeeze solid storage;rev 4"), RC_SYSTEM_ERROR) << log;
     EXPECT_EQ(storage.State(), StorageState::kBroken);
-    EXPECT_EQ(ReadBytes(IndexPath(storage)), EmptyIndexBytes());
+    EXPECT_EQ(ReadBytes(IndexPath(storage)), IndexBytes({}));
     storage.Reopen();
     // What was to become the backup is as it was before the clear.
     EXPECT_EQ(RevsOf(storage.Records()), RevRange(KeepsBackup() ? 1 : 4, 7));

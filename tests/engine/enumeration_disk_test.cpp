@@ -140,56 +140,6 @@ TEST_F(EnumerationFromDisk, DeliversTheLowestRevisionInMemoryFromThereWhileItIsN
     ExpectReadFromFile(3);
 }
 
-// --- Large records -------------------------------------------------------------------------------
-
-// Blocks of 4 MiB, of which memory keeps the last.
-class LargeRecords : public ::testing::Test {
-  protected:
-    void Insert(u32 size) {
-        std::string text(size, '\0');
-        for (u32 i = 0; i < size; ++i) {
-            text[i] = static_cast<char>('a' + m_texts.size() + i % 97);
-        }
-        m_texts.push_back(text);
-        ASSERT_EQ(m_storage.Insert(text), RC_OK);
-    }
-
-    ScopedSystemCalls m_systemCalls;
-    TestStorage m_storage{
-        "flush_mode=PerTrans;flush_trans_num=1;flush_timeout=3600000;read_buffers_count=1;"
-        "cache_type=Last1;block_size=4194304;memory_reserve=1"};
-    Strings m_texts;
-};
-
-TEST_F(LargeRecords, OfMoreThanAReadBufferAreReadBackWhole) {
-    const u32 buffer = ReadCacheManager::kBufferSize;
-    for (const u32 size : {10U, 3 * 1024 * 1024U, 10U, buffer, buffer - 24, buffer - 23, 11U}) {
-        Insert(size);
-    }
-    Insert(4194304 - 24);
-    m_storage.Settle();
-    EXPECT_EQ(m_storage.Texts(), m_texts);
-    m_storage.Reopen();
-    EXPECT_EQ(m_storage.Texts(), m_texts);
-}
-
-TEST_F(LargeRecords, StayWhatTheyAreWhileTheirCallbackEnumerates) {
-    Insert(3'000'000);
-    Insert(10);
-    Insert(4'000'000);
-    const u32 rc = EnumerateWith(m_storage, 1, 1, [&](const K9eReplRec& rec) {
-        EXPECT_EQ(m_storage.Texts(), m_texts);
-        EXPECT_EQ(std::string(reinterpret_cast<const char*>(rec.data), rec.dataSize), m_texts[0]);
-        return RC_OK;
-    });
-    EXPECT_EQ(rc, RC_OK);
-    m_storage.Settle();
-    FailAlloc(1, 3'000'000);
-    SeenRecords seen;
-    EXPECT_EQ(m_storage.Enumerate(&seen), RC_NO_MEMORY);
-    EXPECT_EQ(m_storage.State(), StorageState::kBroken);
-}
-
 // --- Empty blocks --------------------------------------------------------------------------------
 
 // A record that fits no block leaves an empty block behind: it has no bytes in the file, and

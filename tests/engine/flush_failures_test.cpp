@@ -1,220 +1,17 @@
-// A flush that fails at any of its system calls, once or for good: its code and messages, and that
-// nothing acknowledged is lost, nothing is written twice and no half transaction is served.
+// A flush that fails: the code and the message of each step, that it leaves nothing behind in
+// memory, and that what it leaves in the storage file is cleared.
 #include <gtest/gtest.h>
 
 #include "engine/flush_fixture.h"
 #include "format/storage_file_format.h"
 #include "support/fault_injection.h"
+#include "support/file_bytes.h"
 #include "support/fixed_log.h"
 #include "support/log_capture.h"
 #include "support/new_fault.h"
+#include "support/storage_file_builder.h"
 
 namespace k9erepl::test {
-namespace {
-
-// Small blocks, growth in steps of 1 MiB, everything forced to the disk: a flush makes every kind
-// of call that it can make.
-constexpr std::string_view kAllCalls =
-    "flush_mode=PerTrans;flush_trans_num=1;flush_timeout=2147483647;read_buffers_count=1;"
-    "block_size=138;force_flush=yes;file_size_delta=1;";
-
-struct Fault {
-    SystemCall call;
-    SystemErrorKind kind;
-    Repeat repeat;
-    std::string_view settings = "";  // besides those of every test
-};
-
-void PrintTo(const Fault& fault, std::ostream* out) {
-    *out << "call " << static_cast<int>(fault.call)
-         << (fault.repeat == Repeat::kOnce ? " once" : " for good") << " " << fault.settings;
-}
-
-// Runs a scenario with the fault at the first call of the flush, at the second, and so on, until
-// a flush makes fewer calls than that.
-class EachCallOfAFlush : public ::testing::TestWithParam<Fault> {
-  protected:
-    void SetUp() override {
-        SKIP_WHEN_ASYNC("a failed write is reported by the flush that made it");
-    }
-
-    // The scenario begins with a commit that has failed; `prepare` comes before that.
-    template <typename Scenario, typename Prepare = void (*)(TestStorage&)>
-    void Run(
-        Scenario scenario, Prepare prepare = [](TestStorage&) {}) {
-        for (u32 nth = 1; nth < 20; ++nth) {
-            WithOneRecord storage;
-            prepare(storage);
-            if (!FailCommit(storage, nth)) {
-                EXPECT_GT(nth, 1U) << "a flush makes such a call";
-                return;
-            }
-            scenario(storage);
-        }
-        FAIL() << "a flush makes many calls";
-    }
-
-    struct OnFlush {
-        Notified flushed;
-    };
-    // A storage with one flushed record, whose next flush has to grow the file.
-    struct WithOneRecord : OnFlush, TestStorage {
-        WithOneRecord() : TestStorage(kFlushAlways) {
-            InsertCommitted({"one"});
-            Reopen(With(kAllCalls, GetParam().settings));
-            flushed.SetAsOnFlush(*this);
-        }
-    };
-
-    // A transaction of three blocks, whose commit fails at the n-th call. False when it succeeds.
-    static bool FailCommit(TestStorage& storage, u32 nth) {
-        EXPECT_EQ(storage.Begin(), RC_OK);
-        for (const char* text : {"two", "three", "four"}) {
-            EXPECT_EQ(storage.Insert(BlockFull(text)), RC_OK);
-        }
-        const Fault fault = GetParam();
-        Fail(fault.call, nth, fault.kind, fault.repeat);
-        const LogCapture log;
-        const u32 rc = storage.Commit();
-        if (rc == RC_OK) {
-            return false;
-        }
-        EXPECT_EQ(rc, RC_SYSTEM_ERROR);
-        EXPECT_EQ(log.CodeOf("Failed to flush data"), RC_SYSTEM_ERROR) << log;
-        EXPECT_EQ(storage.State(), StorageState::kFlushFailed);
-        return true;
-    }
-
-    // What the file holds after a reopening, with its chain unbroken.
-    static void ExpectFile(TestStorage& storage, const Strings& texts, const Strings& items) {
-        StopFailing(GetParam().call);
-        storage.Reopen();
-        Strings seen;
-        for (const std::string& text : storage.Texts()) {
-            seen.push_back(text.substr(0, text.find('.')));
-        }
-        EXPECT_EQ(seen, texts);
-        EXPECT_EQ(FileItems(storage), items);
-    }
-
-    // With one more, nothing is lost and nothing twice.
-    static void ExpectFiveRecords(TestStorage& storage) {
-        storage.InsertCommitted({"five"});
-        ExpectFile(storage, {"one", "two", "three", "four", "five"},
-                   {"c0", "r1", "c1", "r2", "r3", "r4", "c4", "r5", "c5"});
-    }
-
-    const ScopedSystemCalls m_systemCalls;
-};
-
-Fault Once(SystemCall call, SystemErrorKind kind) {
-    return {call, kind, Repeat::kOnce};
-}
-Fault ForGood(SystemCall call, SystemErrorKind kind) {
-    return {call, kind, Repeat::kFromThenOn};
-}
-
-const Fault kNoRoom = ForGood(SystemCall::kWrite, SystemErrorKind::kNoSpace);
-const Fault kNoSeek = ForGood(SystemCall::kSeek, SystemErrorKind::kInputOutput);
-const Fault kNoGrowth = ForGood(SystemCall::kSetEnd, SystemErrorKind::kNoSpace);
-const Fault kNoDisk = ForGood(SystemCall::kFlush, SystemErrorKind::kInputOutput);
-
-INSTANTIATE_TEST_SUITE_P(Once, EachCallOfAFlush,
-                         ::testing::Values(Once(kNoRoom.call, kNoRoom.kind),
-                                           Once(kNoSeek.call, kNoSeek.kind),
-                                           Once(kNoGrowth.call, kNoGrowth.kind),
-                                           Once(kNoDisk.call, kNoDisk.kind)));
-INSTANTIATE_TEST_SUITE_P(ForGood, EachCallOfAFlush,
-                         ::testing::Values(kNoRoom, kNoSeek, kNoGrowth, kNoDisk));
-
-// Two writes and two flushes for what is else one.
-Fault BehindABarrier(Fault fault) {
-    fault.settings = "commit_barrier=yes;";
-    return fault;
-}
-INSTANTIATE_TEST_SUITE_P(OnceBehindABarrier, EachCallOfAFlush,
-                         ::testing::Values(BehindABarrier(Once(kNoRoom.call, kNoRoom.kind)),
-                                           BehindABarrier(Once(kNoSeek.call, kNoSeek.kind)),
-                                           BehindABarrier(Once(kNoGrowth.call, kNoGrowth.kind)),
-                                           BehindABarrier(Once(kNoDisk.call, kNoDisk.kind))));
-INSTANTIATE_TEST_SUITE_P(ForGoodBehindABarrier, EachCallOfAFlush,
-                         ::testing::Values(BehindABarrier(kNoRoom), BehindABarrier(kNoSeek),
-                                           BehindABarrier(kNoGrowth), BehindABarrier(kNoDisk)));
-
-using EachCallOfARetry = EachCallOfAFlush;
-const Fault kNoSize = ForGood(SystemCall::kFileSize, SystemErrorKind::kInputOutput);
-INSTANTIATE_TEST_SUITE_P(ForGood, EachCallOfARetry,
-                         ::testing::Values(kNoRoom, kNoSeek, kNoGrowth, kNoDisk, kNoSize));
-
-using EachLastingFault = EachCallOfAFlush;
-INSTANTIATE_TEST_SUITE_P(ForGood, EachLastingFault, ::testing::Values(kNoRoom, kNoSeek, kNoDisk));
-
-}  // namespace
-
-TEST_P(EachCallOfAFlush, CommitTriesAgainWhenTheFaultIsGone) {
-    Run([](WithOneRecord& storage) {
-        EXPECT_EQ(storage.flushed.Calls(), Revs());
-        StopFailing(GetParam().call);
-        EXPECT_EQ(storage.Commit(), RC_OK);
-        EXPECT_EQ(storage.State(), StorageState::kOpen);
-        EXPECT_EQ(storage.flushed.Calls(), Revs({4}));
-        ExpectFiveRecords(storage);
-    });
-}
-
-TEST_P(EachLastingFault, MakesEveryFurtherCommitFail) {
-    Run([](WithOneRecord& storage) {
-        for (int i = 0; i < 3; ++i) {
-            EXPECT_EQ(storage.Commit(), RC_SYSTEM_ERROR);
-            EXPECT_EQ(storage.State(), StorageState::kFlushFailed);
-        }
-        StopFailing(GetParam().call);
-        EXPECT_EQ(storage.Commit(), RC_OK);
-        ExpectFiveRecords(storage);
-    });
-}
-
-TEST_P(EachCallOfAFlush, RollbackGivesTheTransactionUp) {
-    Run([](WithOneRecord& storage) {
-        EXPECT_EQ(storage.Rollback(), RC_OK);
-        EXPECT_EQ(storage.State(), StorageState::kOpen);
-        EXPECT_EQ(storage.NextRev(), 2);
-        StopFailing(GetParam().call);
-        storage.InsertCommitted({"other"});
-        storage.InsertCommitted({"more"});
-        ExpectFile(storage, {"one", "other", "more"}, {"c0", "r1", "c1", "r2", "c2", "r3", "c3"});
-    });
-}
-
-TEST_P(EachCallOfAFlush, ClosingThenLeavesWhatWasAcknowledged) {
-    Run([](WithOneRecord& storage) {
-        StopFailing(GetParam().call);
-        storage.Reopen();
-        EXPECT_EQ(storage.Texts(), Strings({"one"}));
-        storage.InsertCommitted({"last"});
-        storage.Reopen();
-        EXPECT_EQ(storage.Texts(), Strings({"one", "last"}));
-    });
-}
-
-// The second attempt also clears what the first one left behind.
-TEST_P(EachCallOfARetry, MayFailToo) {
-    const auto failOnce = [](TestStorage& storage) {
-        FailFlush(1);
-        FailFileSize(1);  // of the clearing at the rollback
-        EXPECT_EQ(storage.Insert("gone"), RC_SYSTEM_ERROR);
-    };
-    Run(
-        [](WithOneRecord& storage) {
-            StopFailing(GetParam().call);
-            EXPECT_EQ(storage.Commit(), RC_OK);
-            ExpectFiveRecords(storage);
-        },
-        failOnce);
-}
-
-// --- The messages of each step -----------------------------------------------------------------
-
 namespace {
 
 // A storage with one committed transaction that is not in the file yet, and open on top of it a
@@ -229,15 +26,14 @@ struct HalfFlushable : TestStorage {
     K9eReplBlock& Block() { return StorageAccess::Blocks(Object()).Newest(); }
     i64 FileOffset() { return StorageAccess::Blocks(Object()).Index().begin()->second.fileOffset; }
 
-    void ExpectUntouched() {
+    // A failed flush left nothing, and the next one succeeds.
+    void ExpectUntouchedAndFlushable() {
         EXPECT_EQ(StorageAccess::FlushedRev(Object()), 0);
         EXPECT_EQ(Block().flushedEnd, 0U);
         EXPECT_EQ(FileOffset(), kUnknownOffset);
         i64 flushedRev = -1;
         EXPECT_EQ(Object().SolidStorage().GetFlushedRev(&flushedRev), RC_OK);
         EXPECT_EQ(flushedRev, 0);
-    }
-    void ExpectFlushable() {
         EXPECT_EQ(Flush(), RC_OK);
         EXPECT_EQ(FileItems(*this), Strings({"c0", "r1", "r2", "c2"}));
     }
@@ -245,48 +41,36 @@ struct HalfFlushable : TestStorage {
 
 }  // namespace
 
-TEST(FlushFailure, OfTheRunOrItsCommitBlockNamesTheFirstRevisionThatIsNotFlushed) {
+TEST(FlushFailure, OfAStepNamesItAndLeavesNothingBehind) {
     SKIP_WHEN_ASYNC("a failed write is reported by the flush that made it");
     const ScopedSystemCalls systemCalls;
-    for (const auto& [nth, text] : {std::pair(1U, "Failed to flush data from rev 1"),
-                                    {2U, "Failed to write commit block 1"}}) {
+    for (const auto& [call, nth, text] :
+         {std::tuple{SystemCall::kWrite, 1U, "Failed to flush data from rev 1"},
+          {SystemCall::kWrite, 2U, "Failed to write commit block 1"},
+          {SystemCall::kFlush, 1U, "Failed to commit in solid storage"}}) {
+        Notified flushed;
         HalfFlushable storage;
+        flushed.SetAsOnFlush(storage);
         const LogCapture log;
-        FailWrite(nth);
+        Fail(call, nth);
         EXPECT_EQ(storage.Flush(), RC_SYSTEM_ERROR);
         EXPECT_EQ(log.CodeOf(text), RC_SYSTEM_ERROR) << log;
-        storage.ExpectUntouched();
-        storage.ExpectFlushable();
+        EXPECT_EQ(flushed.Calls(), Revs());
+        storage.ExpectUntouchedAndFlushable();
     }
-}
-
-TEST(FlushFailure, OfTheFilesCommitLeavesTheFlushedRevision) {
-    SKIP_WHEN_ASYNC("a flush to the disk at each commit");
-    const ScopedSystemCalls systemCalls;
-    Notified flushed;
-    HalfFlushable storage;
-    flushed.SetAsOnFlush(storage);
-    const LogCapture log;
-    FailFlush(1);
-    EXPECT_EQ(storage.Flush(), RC_SYSTEM_ERROR);
-    EXPECT_EQ(log.CodeOf("Failed to commit in solid storage"), RC_SYSTEM_ERROR) << log;
-    EXPECT_EQ(flushed.Calls(), Revs());
-    storage.ExpectUntouched();
-    storage.ExpectFlushable();
 }
 
 TEST(FlushFailure, WithAFailedRollbackKeepsTheFirstCode) {
     const ScopedSystemCalls systemCalls;
     HalfFlushable storage;
     const LogCapture log;
-    StorageAccess::Blocks(storage.Object()).Newest().Data()[storage.Block().flushedEnd] ^= 1;
+    storage.Block().Data()[storage.Block().flushedEnd] ^= 1;
     FailSeek(1);
     EXPECT_EQ(storage.Flush(), RC_BAD_DATA);
     EXPECT_EQ(log.CodeOf("Wrong rec signature while enum to flush;block eRepl#0"), RC_BAD_DATA);
     EXPECT_EQ(log.CodeOf("Cannot rollback trans"), RC_SYSTEM_ERROR) << log;
-    StorageAccess::Blocks(storage.Object()).Newest().Data()[storage.Block().flushedEnd] ^= 1;
-    storage.ExpectUntouched();
-    storage.ExpectFlushable();
+    storage.Block().Data()[storage.Block().flushedEnd] ^= 1;
+    storage.ExpectUntouchedAndFlushable();
 }
 
 TEST(FlushFailure, OfABlockThatTheIndexDoesNotList) {
@@ -297,8 +81,7 @@ TEST(FlushFailure, OfABlockThatTheIndexDoesNotList) {
     EXPECT_EQ(storage.Flush(), RC_BAD_DATA);
     EXPECT_EQ(log.CodeOf("No block found while try to flush;rev 1"), RC_BAD_DATA) << log;
     index.insert(std::move(entry));
-    storage.ExpectUntouched();
-    storage.ExpectFlushable();
+    storage.ExpectUntouchedAndFlushable();
 }
 
 TEST(FlushFailure, OfTheFilesBeginReturnsItsCode) {
@@ -314,21 +97,6 @@ TEST(FlushFailure, OfTheFilesBeginReturnsItsCode) {
     EXPECT_EQ(StorageAccess::TransDepth(storage.Object()), 1U);
 }
 
-TEST(FlushFailure, LeavesCountersAndFlushTimeAsTheyWere) {
-    SKIP_WHEN_ASYNC("a failed write is reported by the flush that made it");
-    const ScopedSystemCalls systemCalls;
-    SetTickCount(1000);
-    TestStorage storage("flush_mode=PerTrans;flush_trans_num=2;flush_timeout=500;");
-    storage.InsertCommitted({"one"});
-    ASSERT_EQ(storage.Begin(), RC_OK);
-    ASSERT_EQ(storage.Insert("two"), RC_OK);
-    FailWrite(1);
-    ASSERT_EQ(storage.Commit(), RC_SYSTEM_ERROR);
-    EXPECT_EQ(StorageAccess::Policy(storage.Object()).Now().transactions, 2U);
-    EXPECT_EQ(storage.Commit(), RC_OK);
-    EXPECT_EQ(StorageAccess::Policy(storage.Object()).Now().transactions, 0U);
-}
-
 TEST(FlushFailure, OfAFullDiskIsOverWhenThereIsRoomAgain) {
     SKIP_WHEN_ASYNC("a failed write is reported by the flush that made it");
     const ScopedSystemCalls systemCalls;
@@ -338,10 +106,12 @@ TEST(FlushFailure, OfAFullDiskIsOverWhenThereIsRoomAgain) {
     ASSERT_EQ(storage.Insert("two"), RC_OK);
     ShortWrite(1, 10);
     EXPECT_EQ(storage.Commit(), RC_SYSTEM_ERROR);
+    EXPECT_EQ(StorageAccess::Policy(storage.Object()).Now().transactions, 1U);
     FailWrite(1, SystemErrorKind::kNoSpace, Repeat::kFromThenOn);
     EXPECT_EQ(storage.Commit(), RC_SYSTEM_ERROR);
     StopFailing(SystemCall::kWrite);
     EXPECT_EQ(storage.Commit(), RC_OK);
+    EXPECT_EQ(StorageAccess::Policy(storage.Object()).Now().transactions, 0U);
     EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "c1", "r2", "c2"}));
 }
 
@@ -368,6 +138,129 @@ TEST(FlushFailure, InMemoryOfItsOwnLeavesNothingBehind) {
                   kUnknownOffset);
     }
     EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "r2", "r3", "r4", "r5", "c5"}));
+}
+
+// --- What a failed flush leaves in the file ------------------------------------------------------
+
+namespace {
+
+// A rollback and the close clear it, so that no reopening serves what the client gave up.
+class UndoneBytes : public ::testing::Test {
+  protected:
+    void SetUp() override { SKIP_WHEN_ASYNC("a failed flush to disk is reported by the flush"); }
+
+    // A transaction whose flush to the disk fails; it is open again.
+    void FailCommit(std::initializer_list<std::string_view> texts) {
+        ASSERT_EQ(m_storage.Begin(), RC_OK);
+        for (const std::string_view text : texts) {
+            ASSERT_EQ(m_storage.Insert(text), RC_OK);
+        }
+        FailFlush(1);
+        ASSERT_EQ(m_storage.Commit(), RC_SYSTEM_ERROR);
+    }
+    Strings Reopened() {
+        m_storage.Reopen();
+        return m_storage.Texts();
+    }
+    Strings Items() { return FileItems(m_storage); }
+
+    const ScopedSystemCalls m_systemCalls;
+    TestStorage m_storage{With(kFlushAlways, "force_flush=yes;")};
+};
+
+}  // namespace
+
+TEST_F(UndoneBytes, AreClearedByTheRollback) {
+    m_storage.InsertCommitted({"kept"});
+    FailCommit({"two", "three"});
+    EXPECT_EQ(Items(), Strings({"c0", "r1", "c1", "r2", "r3", "c3"}));
+    const std::size_t size = ReadBytes(m_storage.Path()).size();
+    EXPECT_EQ(m_storage.Rollback(), RC_OK);
+    EXPECT_EQ(Items(), Strings({"c0", "r1", "c1"}));
+    EXPECT_EQ(ReadBytes(m_storage.Path()).size(), size);
+    FailFlush(1);
+    EXPECT_EQ(m_storage.Insert("gone"), RC_SYSTEM_ERROR);
+    EXPECT_EQ(Items(), Strings({"c0", "r1", "c1"})) << "outside a transaction at once";
+    EXPECT_EQ(Reopened(), Strings({"kept"}));
+    EXPECT_EQ(m_storage.NextRev(), 2);
+}
+
+TEST_F(UndoneBytes, ThatTheRollbackDoesNotClearAreClearedByTheClose) {
+    m_storage.InsertCommitted({"kept"});
+    FailCommit({"gone"});
+    EXPECT_EQ(Reopened(), Strings({"kept"})) << "without a rollback";
+    for (const SystemCall call : {SystemCall::kFileSize, SystemCall::kSetEnd, SystemCall::kFlush}) {
+        FailCommit({"gone"});
+        const LogCapture log;
+        Fail(call, 1);
+        EXPECT_EQ(m_storage.Rollback(), RC_OK);
+        EXPECT_EQ(log.CountContaining("Cannot clear abandoned data;offset "), 1U) << log;
+        EXPECT_EQ(m_storage.State(), StorageState::kOpen);
+        EXPECT_EQ(Reopened(), Strings({"kept"}));
+    }
+}
+
+TEST_F(UndoneBytes, ThatTheRollbackCannotClearAreClearedByTheNextWrite) {
+    FailCommit({"gone", "gone"});
+    FailSetEnd(1);
+    ASSERT_EQ(m_storage.Rollback(), RC_OK);
+    m_storage.InsertCommitted({"other"});
+    EXPECT_EQ(Items(), Strings({"c0", "r1", "c1"}));
+    EXPECT_EQ(Reopened(), Strings({"other"}));
+}
+
+// What was committed before, and not flushed by then, is not given up with the transaction.
+TEST_F(UndoneBytes, AreReplacedByWhatWasCommittedBefore) {
+    m_storage.Reopen("flush_mode=PerTrans;flush_trans_num=3;flush_timeout=3600000;force_flush=yes");
+    m_storage.InsertCommitted({"one"});
+    m_storage.InsertCommitted({"two"});
+    FailCommit({"gone"});
+    EXPECT_EQ(Items(), Strings({"c0", "r1", "r2", "r3", "c3"}));
+    EXPECT_EQ(Reopened(), Strings({"one", "two"}));
+    EXPECT_EQ(Items(), Strings({"c0", "r1", "r2", "c2"}));
+}
+
+// They hold nothing but what was committed: the reopening may find it.
+TEST_F(UndoneBytes, OfAnIdleFlushAndOfTheLastOneAreKept) {
+    SetTickCount(5000);
+    m_storage.Reopen("flush_mode=PerTrans;flush_trans_num=-1;flush_timeout=1000;force_flush=yes");
+    m_storage.InsertCommitted({"one"});
+    AdvanceTickCount(1000);
+    FailFlush(1);
+    ASSERT_EQ(m_storage.DataSource().FlushOnIdle(), RC_SYSTEM_ERROR);
+    ASSERT_EQ(m_storage.State(), StorageState::kFlushFailed);
+    EXPECT_EQ(Reopened(), Strings({"one"}));
+    m_storage.InsertCommitted({"two"});
+    FailFlush(1);
+    EXPECT_EQ(Reopened(), Strings({"one", "two"}));
+}
+
+TEST_F(UndoneBytes, ThatWereNeverThereCostNothing) {
+    m_storage.InsertCommitted({"kept"});
+    ASSERT_EQ(m_storage.Begin(), RC_OK);
+    ASSERT_EQ(m_storage.Insert("gone"), RC_OK);
+    const u32 ends = CallCount(SystemCall::kSetEnd);
+    const u32 sizes = CallCount(SystemCall::kFileSize);
+    const u32 flushes = CallCount(SystemCall::kFlush);
+    ASSERT_EQ(m_storage.Rollback(), RC_OK);
+    m_storage.Close();
+    EXPECT_EQ(CallCount(SystemCall::kSetEnd), ends);
+    EXPECT_EQ(CallCount(SystemCall::kFileSize), sizes);
+    EXPECT_EQ(CallCount(SystemCall::kFlush), flushes);
+}
+
+TEST(BytesThatALoadFound, StayUntilTheFirstWrite) {
+    TestStorage storage(With(kFlushAlways, "force_flush=yes;"), Start::kNothing);
+    FileBuilder file;
+    file.NewFile().Record(1, "one").Commit(0, 1).Record(2, "never committed").Zeros(100);
+    file.Save(storage.Path());
+    ASSERT_EQ(storage.TryOpenAndLoad(), RC_OK);
+    ASSERT_EQ(storage.Begin(), RC_OK);
+    ASSERT_EQ(storage.Insert("gone"), RC_OK);
+    ASSERT_EQ(storage.Rollback(), RC_OK);
+    EXPECT_EQ(FileBytes(storage), file.Bytes());
+    storage.Close();
+    EXPECT_EQ(ReadBytes(storage.Path()), file.Bytes());
 }
 
 }  // namespace k9erepl::test

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <utility>
+
 #include "format/storage_file_format.h"
 #include "support/file_bytes.h"
 
@@ -55,6 +57,14 @@ Strings FileItems(const std::string& path) {
 Strings FileItems(const TestStorage& storage) {
     storage.WaitForWriter();
     return FileItems(storage.Path());
+}
+
+void Notified::DoesOnce(std::function<void()> action) {
+    m_action = [action = std::move(action)](i64) mutable {
+        if (const auto once = std::exchange(action, nullptr)) {
+            once();
+        }
+    };
 }
 
 void Notified::SetAsOnFlush(TestStorage& storage) {

@@ -47,6 +47,8 @@ class Notified {
     Notified& operator=(const Notified&) = delete;
 
     void Does(std::function<void(i64)> action) { m_action = std::move(action); }
+    // Does this in its next call, and nothing from then on.
+    void DoesOnce(std::function<void()> action);
     void SetAsOnFlush(TestStorage& storage);
     void SetAsOnWriteToFile(TestStorage& storage);
     Revs Calls() const;

@@ -1,5 +1,8 @@
-// What a record costs: nothing is allocated for it on the way in.
+// What a record costs on the way in, and several threads on one handle.
 #include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
 
 #include "engine/flush_fixture.h"
 #include "engine/write_gate.h"
@@ -7,6 +10,54 @@
 #include "support/new_fault.h"
 
 namespace k9erepl::test {
+namespace {
+
+constexpr u32 kInsertions = 200;
+
+}  // namespace
+
+TEST(Concurrency, DuplicatesMayBeTakenAndTheLastOneGivenBackByAnyThread) {
+    TestStorage storage(kFlushNever);
+    storage.InsertCommitted({"one"});
+    const auto duplicate = [&] {
+        for (u32 i = 0; i < kInsertions; ++i) {
+            void* handle = nullptr;
+            ASSERT_EQ(K9eReplStorageDuplicateHandle(storage.Handle(), &handle), RC_OK);
+            ASSERT_EQ(K9eReplStorageClose(handle), RC_OK);
+        }
+    };
+    std::thread other(duplicate);
+    duplicate();
+    other.join();
+    EXPECT_EQ(storage.DataSource().AddRef(), 2U);
+    EXPECT_EQ(storage.DataSource().Release(), 1U);
+    std::thread([&] { storage.Close(); }).join();
+    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "c1"}));
+}
+
+TEST(Concurrency, CallbacksOfTheIdleFlushMayInsertWhileTheClientDoes) {
+    Notified flushed;
+    TestStorage storage("flush_mode=PerTrans;flush_trans_num=2;flush_timeout=1;");
+    std::atomic<u32> nested{0};
+    flushed.Does([&](i64) {
+        if (nested < 20) {
+            ASSERT_EQ(storage.Insert("nested"), RC_OK);
+            ++nested;
+        }
+    });
+    flushed.SetAsOnFlush(storage);
+    for (u32 i = 0; i < kInsertions; ++i) {
+        ASSERT_EQ(storage.Insert("text"), RC_OK);
+    }
+    while (nested < 20) {
+        std::this_thread::yield();
+    }
+    storage.Reopen();
+    EXPECT_EQ(storage.Records().size(), kInsertions + 20);
+}
+
+// --- Nothing is allocated for a record -----------------------------------------------------------
+
 namespace {
 
 u64 NewCallsOf(const std::function<void()>& work) {

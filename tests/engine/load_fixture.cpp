@@ -3,14 +3,10 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstring>
-#include <mutex>
-#include <set>
 
 #include "index/index_file.h"
-#include "memory/block_notes.h"
 #include "support/file_bytes.h"
 #include "support/temp_folder.h"
 
@@ -26,31 +22,6 @@ i64 CountingRead(platform::NativeFile file, void* buffer, u32 size) {
     return got;
 }
 
-struct LiveBlocks {
-    std::mutex mutex;
-    std::size_t size = 0;  // of the allocations that count
-    std::size_t most = 0;
-    std::set<void*> live;
-} g_blocks;
-
-void* CountingAlloc(std::size_t size) {
-    void* const memory = platform::NativeSystemCalls().allocMemory(size);
-    const std::lock_guard<std::mutex> lock(g_blocks.mutex);
-    if (size == g_blocks.size && memory != nullptr) {
-        g_blocks.live.insert(memory);
-        g_blocks.most = std::max(g_blocks.most, g_blocks.live.size());
-    }
-    return memory;
-}
-
-void CountingFree(void* memory) {
-    {
-        const std::lock_guard<std::mutex> lock(g_blocks.mutex);
-        g_blocks.live.erase(memory);
-    }
-    platform::NativeSystemCalls().freeMemory(memory);
-}
-
 u32 CallFunction(const K9eReplRec* rec, void* callback) {
     return (*static_cast<const RecordFunction*>(callback))(*rec);
 }
@@ -60,6 +31,10 @@ u32 CallFunction(const K9eReplRec* rec, void* callback) {
 std::string SmallCache(u32 blocks, std::string_view more) {
     return std::string(kEachCommit) + "cache_type=Last" + std::to_string(blocks) + ";" +
            std::string(more);
+}
+
+std::string ReaderSettings(const TestStorage& writer, std::string_view settings) {
+    return "file=" + writer.Path() + ";read_only=yes;" + std::string(settings);
 }
 
 std::string OneBlock(std::string_view text) {
@@ -185,24 +160,6 @@ u64 ReadMeter::Bytes() const {
 
 void ReadMeter::Restart() {
     g_bytesRead = 0;
-}
-
-BlockMeter::BlockMeter(u32 blockSize) {
-    g_blocks.size = blockSize + kBlockOverhead + BlockNotes::MemorySize(blockSize);
-    g_blocks.most = 0;
-    g_blocks.live.clear();
-    platform::TheSystemCalls().allocMemory = CountingAlloc;
-    platform::TheSystemCalls().freeMemory = CountingFree;
-}
-
-std::size_t BlockMeter::Live() const {
-    const std::lock_guard<std::mutex> lock(g_blocks.mutex);
-    return g_blocks.live.size();
-}
-
-std::size_t BlockMeter::MostLive() const {
-    const std::lock_guard<std::mutex> lock(g_blocks.mutex);
-    return g_blocks.most;
 }
 
 }  // namespace k9erepl::test

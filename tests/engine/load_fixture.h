@@ -28,6 +28,10 @@ inline constexpr std::string_view kNoFile = "cache_type=AllInMem;flush_mode=NoFl
 // kEachCommit and a cache of `blocks` blocks.
 std::string SmallCache(u32 blocks, std::string_view more = "");
 
+// "file=<the storage's file>;read_only=yes;" and the settings: for a second TestStorage, a reader
+// beside the writer, that begins with Start::kNothing.
+std::string ReaderSettings(const TestStorage& writer, std::string_view settings = "");
+
 // Text that fills a block of 138 bytes, beginning with `text`.
 std::string OneBlock(std::string_view text);
 
@@ -68,19 +72,6 @@ class ReadMeter : CallLayer<ReadMeter> {
 
   private:
     friend CallLayer<ReadMeter>;
-};
-
-// While it lives, counts the allocations of one size: memory blocks. It must begin before every
-// storage and end after it.
-class BlockMeter : CallLayer<BlockMeter> {
-  public:
-    explicit BlockMeter(u32 blockSize);
-
-    std::size_t Live() const;
-    std::size_t MostLive() const;
-
-  private:
-    friend CallLayer<BlockMeter>;
 };
 
 }  // namespace k9erepl::test

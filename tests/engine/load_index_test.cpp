@@ -2,9 +2,12 @@
 // is loaded.
 #include <gtest/gtest.h>
 
-#include <optional>
+#include <algorithm>
+#include <mutex>
+#include <set>
 
 #include "engine/clear_fixture.h"
+#include "memory/block_notes.h"
 #include "platform/file_names.h"
 #include "support/fault_injection.h"
 #include "support/file_bytes.h"
@@ -318,8 +321,42 @@ TEST_F(LoadWithAStaleIndex, FailsWhenTheSystemFails) {
 
 // --- What it saves -------------------------------------------------------------------------------
 
+// Counts the memory blocks for 1000 bytes that are in use, and how many were at once.
+class BlockMeter : CallLayer<BlockMeter> {
+  public:
+    BlockMeter() {
+        Take<&CallTable::allocMemory, &BlockMeter::Alloc>();
+        Take<&CallTable::freeMemory, &BlockMeter::Free>();
+    }
+    void Restart() { m_most = 0; }
+    std::size_t MostLive() const { return m_most; }
+
+  private:
+    friend CallLayer<BlockMeter>;
+    void* Alloc(std::size_t size) {
+        void* const memory = Below().allocMemory(size);
+        const std::lock_guard lock(m_mutex);
+        if (size == 1000 + kBlockOverhead + BlockNotes::MemorySize(1000)) {
+            m_live.insert(memory);
+            m_most = std::max(m_most, m_live.size());
+        }
+        return memory;
+    }
+    void Free(void* memory) {
+        {
+            const std::lock_guard lock(m_mutex);
+            m_live.erase(memory);
+        }
+        Below().freeMemory(memory);
+    }
+
+    std::mutex m_mutex;
+    std::set<void*> m_live;
+    std::size_t m_most = 0;
+};
+
 TEST(LoadOfALargeFile, HoldsNoMoreThanItsCacheWithoutAnIndex) {
-    std::optional<BlockMeter> meter(1000);
+    BlockMeter meter;
     TestStorage storage(
         "block_size=1000;cache_type=Last3;memory_reserve=1;"
         "flush_mode=PerTrans;flush_trans_num=1;read_buffers_count=1");
@@ -327,15 +364,12 @@ TEST(LoadOfALargeFile, HoldsNoMoreThanItsCacheWithoutAnIndex) {
         storage.InsertCommitted({std::string(900, 'a'), std::string(900, 'b')});
     }
     storage.Close();
-    ASSERT_EQ(meter->Live(), 0U);
     ASSERT_TRUE(platform::RemoveFile(IndexPath(storage)));
-    meter.reset();  // one of a kind at a time
-    meter.emplace(1000);
+    meter.Restart();
     ASSERT_EQ(storage.TryOpenAndLoad(), RC_OK);
-    EXPECT_LE(meter->MostLive(), 3U + 2U + 1U);
+    EXPECT_LE(meter.MostLive(), 3U + 2U + 1U);
     EXPECT_EQ(EntriesInMemory(storage).size(), 1000U);
     EXPECT_EQ(storage.Records().size(), 1000U);
-    storage.Close();  // ends its thread, which uses the calls that the meter puts back
 }
 
 }  // namespace

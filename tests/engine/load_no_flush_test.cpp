@@ -89,14 +89,6 @@ TEST_F(NoFlushLoad, OfAFileLoadsItAndLeavesItUntouched) {
     EXPECT_EQ(CallCount(SystemCall::kWrite), 0U);
 }
 
-TEST_F(NoFlushLoad, OfAFileThatEndsWithItsFirstCommitBlockIsEmpty) {
-    for (const i64 size : {1055, 1056, 1059, 1063}) {
-        FileBuilder().NewFile().Zeros(8).CutTo(size).Save(m_path);
-        Open();
-        EXPECT_EQ(m_storage.TryLoad(), size < 1056 ? RC_FILE_CORRUPT : RC_OK) << size;
-    }
-}
-
 TEST_F(NoFlushLoad, OfAFileUsesItsIndexAndDropsAWrongOne) {
     FileBuilder().NewFile().Record(1, "one").Commit(0, 1).Save(m_path);
     for (const auto& [rev, text] :

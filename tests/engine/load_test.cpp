@@ -236,34 +236,6 @@ TEST_F(Load, OfAFileThatWasCutAnywhereKeepsWhatWasCommitted) {
     }
 }
 
-TEST_F(Load, WithALargerBlockSizeTakesMoreRecordsIntoABlock) {
-    m_storage.Use(SmallCache(3));
-    m_file.NewFile().Zeros(8);
-    MustLoad();
-    m_storage.InsertMany(40);
-    m_storage.Reopen("cache_type=Last3;block_size=400;flush_mode=PerTrans;flush_trans_num=1");
-    EXPECT_EQ(m_storage.Texts(), Numbered(40));
-    m_storage.InsertMany(40, "more");
-    m_storage.Reopen(SmallCache(2));
-    EXPECT_EQ(m_storage.Records().size(), 80U);
-}
-
-// The scan reads through a buffer of 10 MiB: a record may fill it, head included.
-TEST_F(Load, TakesARecordAsLargeAsTheScanCanRead) {
-    constexpr u32 kLargest = 10 * 1024 * 1024 - 24;
-    m_storage.Use("block_size=11000000;cache_type=Last1;memory_reserve=1;read_buffers_count=1");
-    m_file.NewFile().Record(1, "one").LargeRecord(2, kLargest).Commit(0, 2);
-    m_file.LargeRecord(3, kLargest).Commit(0, 3).LargeRecord(4, kLargest + 1).Commit(0, 4);
-    MustLoad();
-    const SeenRecords records = m_storage.Records();
-    ASSERT_EQ(RevsOf(records), Revs({1, 2, 3}));
-    for (u32 i = 0; i < kLargest; i += 4099) {
-        ASSERT_EQ(static_cast<u8>(records[1].data[i]), FileBuilder::PatternByte(2, i));
-        ASSERT_EQ(static_cast<u8>(records[2].data[i]), FileBuilder::PatternByte(3, i));
-    }
-    EXPECT_TRUE(m_log.Has("Couldn't read 10485761 bytes at once"));
-}
-
 TEST_F(Load, WithABlockSizeBelowAStoredRecordFails) {
     m_file.NewFile().Record(1, "one").Record(2, std::string(115, 'x')).Commit(0, 2);
     EXPECT_EQ(TryLoad(), RC_INVALID_ARG);

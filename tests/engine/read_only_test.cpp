@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "engine/load_fixture.h"
-#include "engine/reader_fixture.h"
+#include "platform/system_error.h"
 #include "support/file_bytes.h"
 #include "support/log_capture.h"
 
@@ -18,6 +18,49 @@ Strings Blocks(u32 count) {
     }
     return texts;
 }
+
+// While it lives, files open for reading only, and whatever would change a file, a name or a folder
+// is refused and counted. No other storage is open meanwhile.
+class OnlyReading : CallLayer<OnlyReading> {
+  public:
+    OnlyReading() {
+        Take<&CallTable::openFile, &OnlyReading::Open>();
+        Take<&CallTable::writeFile, &OnlyReading::Write>();
+        Take<&CallTable::setFileEnd, &OnlyReading::SetEnd>();
+        Take<&CallTable::flushFile, &OnlyReading::ChangeFile>();
+        Take<&CallTable::lockFile, &OnlyReading::ChangeFile>();
+        Take<&CallTable::renameFile, &OnlyReading::ChangeNames>();
+        Take<&CallTable::linkFile, &OnlyReading::ChangeNames>();
+        Take<&CallTable::removeFile, &OnlyReading::ChangeName>();
+        Take<&CallTable::makeDirectory, &OnlyReading::ChangeName>();
+        Take<&CallTable::flushDirectory, &OnlyReading::ChangeName>();
+        Take<&CallTable::createThread, &OnlyReading::CreateThread>();
+    }
+
+    u32 Refused() const { return m_refused; }
+
+  private:
+    friend CallLayer<OnlyReading>;
+    bool Refuse() {
+        ++m_refused;
+        platform::SetLastSystemError(
+            platform::SystemErrorOf(platform::SystemErrorKind::kAccessDenied));
+        return false;
+    }
+    platform::NativeFile Open(const char* path, const platform::FileOpenRequest& request) {
+        const bool reads = request.access == platform::FileAccess::kRead &&
+                           request.disposition == platform::FileDisposition::kOpenExisting;
+        return reads || Refuse() ? Below().openFile(path, request) : platform::kInvalidNativeFile;
+    }
+    i64 Write(platform::NativeFile, const void*, u32) { return Refuse() ? 0 : -1; }
+    bool SetEnd(platform::NativeFile, i64) { return Refuse(); }
+    bool ChangeFile(platform::NativeFile) { return Refuse(); }
+    bool ChangeNames(const char*, const char*) { return Refuse(); }
+    bool ChangeName(const char*) { return Refuse(); }
+    void* CreateThread(platform::ThreadBody, void*) { return Refuse() ? this : nullptr; }
+
+    u32 m_refused = 0;
+};
 
 // A writer whose file holds the records 1 to 5, of which Last2 keeps the newest in memory.
 class ReadOnly : public ::testing::Test {
@@ -43,18 +86,15 @@ class ReadOnly : public ::testing::Test {
     TestStorage m_reader{"", Start::kNothing};
 };
 
-TEST_F(ReadOnly, SaysThatItIsUsed) {
+TEST_F(ReadOnly, SaysThatItIsUsedAndNothingWhenItIsAbsent) {
+    m_writer.Reopen();
+    EXPECT_EQ(m_log.CountContaining("read_only"), 0U) << m_log;
     LoadReader();
     EXPECT_TRUE(m_log.Has(K9SYS_LOG_INFO, "Use read_only yes")) << m_log;
     m_reader.Close();
     m_reader.Use("file=" + m_writer.Path() + "-other;read_only=no;");
     EXPECT_EQ(m_reader.TryOpen(), RC_SYSTEM_ERROR);
     EXPECT_TRUE(m_log.Has(K9SYS_LOG_INFO, "Use read_only no")) << m_log;
-}
-
-TEST_F(ReadOnly, IsNotMentionedWhenItIsAbsent) {
-    m_writer.Reopen();
-    EXPECT_EQ(m_log.CountContaining("read_only"), 0U) << m_log;
 }
 
 TEST_F(ReadOnly, RefusesAnUnknownValueAndNoFlush) {
@@ -64,18 +104,21 @@ TEST_F(ReadOnly, RefusesAnUnknownValueAndNoFlush) {
 }
 
 TEST_F(ReadOnly, ServesTheFileBesideItsWriter) {
-    LoadReader();
-    EXPECT_EQ(m_reader.Texts(), Blocks(5));
-    EXPECT_EQ(m_reader.NextRev(), 6);
-    EXPECT_EQ(m_reader.Texts(2, 3), Strings({OneBlock("r2"), OneBlock("r3")}));
-}
-
-TEST_F(ReadOnly, ReadsTheMarksOfTheHeader) {
     ASSERT_EQ(K9eReplStorageSetLifenum(m_writer.Handle(), 7), RC_OK);
     ASSERT_EQ(m_writer.Clear(3, K9EREPL_CLEAR_MARK), RC_OK);
-    LoadReader();
-    EXPECT_EQ(m_reader.Lifenum(), 7U);
-    EXPECT_EQ(m_reader.RevisionMark(), 3);
+    for (const char* cache : {"cache_type=Last2;", "cache_type=AllInMem;"}) {
+        m_reader.Use(ReaderSettings(m_writer, std::string(kEachCommit) + cache));
+        ASSERT_EQ(m_reader.TryOpen(), RC_OK);
+        EXPECT_EQ(m_reader.Truncate(), RC_NOT_SUPPORTED);
+        EXPECT_EQ(m_reader.State(), StorageState::kClosed);
+        ASSERT_EQ(m_reader.TryLoad(), RC_OK);
+        EXPECT_EQ(m_reader.Lifenum(), 7U);
+        EXPECT_EQ(m_reader.RevisionMark(), 3);
+        EXPECT_EQ(m_reader.Texts(), Blocks(5));
+        EXPECT_EQ(m_reader.NextRev(), 6);
+        EXPECT_EQ(m_reader.Texts(2, 3), Strings({OneBlock("r2"), OneBlock("r3")}));
+        m_reader.Close();
+    }
 }
 
 TEST_F(ReadOnly, ChangesNothingAndStartsNoThread) {
@@ -106,14 +149,6 @@ TEST_F(ReadOnly, LoadsWithAndWithoutAnIndexFile) {
     EXPECT_FALSE(Exists(m_writer.Folder().File("none")));
 }
 
-TEST_F(ReadOnly, LoadsAllIntoMemory) {
-    LoadReader();
-    m_reader.Close();
-    m_reader.Use(ReaderSettings(m_writer, "cache_type=AllInMem;"));
-    ASSERT_EQ(m_reader.TryOpenAndLoad(), RC_OK);
-    EXPECT_EQ(m_reader.Texts(), Blocks(5));
-}
-
 TEST_F(ReadOnly, RefusesEveryCallThatChangesSomething) {
     LoadReader();
     const auto refused = [this](const std::string& call, u32 rc) {
@@ -137,13 +172,6 @@ TEST_F(ReadOnly, RefusesEveryCallThatChangesSomething) {
     EXPECT_EQ(m_reader.NextRev(), 6);
 }
 
-TEST_F(ReadOnly, CannotBeTruncatedBeforeItIsLoaded) {
-    m_reader.Use(ReaderSettings(m_writer));
-    ASSERT_EQ(m_reader.TryOpen(), RC_OK);
-    EXPECT_EQ(m_reader.Truncate(), RC_NOT_SUPPORTED);
-    EXPECT_EQ(m_reader.State(), StorageState::kClosed);
-}
-
 TEST_F(ReadOnly, KeepsNoCopyOfADamagedTail) {
     m_writer.Close();
     std::vector<u8> bytes = ReadBytes(m_writer.Path());
@@ -153,25 +181,6 @@ TEST_F(ReadOnly, KeepsNoCopyOfADamagedTail) {
     EXPECT_EQ(m_log.CountContaining("Damage in the middle of file"), 1U) << m_log;
     EXPECT_FALSE(Exists(m_writer.Path() + ".damaged-tail"));
     EXPECT_EQ(ReadBytes(m_writer.Path()), bytes);
-}
-
-TEST_F(ReadOnly, AFileThatEndsBeforeItsFirstCommitBlockIsCorrupt) {
-    m_writer.Close();
-    ResizeFile(m_writer.Path(), 1030);
-    m_reader.Use("file=" + m_writer.Path() + ";read_only=yes;");
-    EXPECT_EQ(m_reader.TryOpenAndLoad(), RC_FILE_CORRUPT);
-    EXPECT_EQ(m_log.CountContaining("Begin of file corrupted"), 1U) << m_log;
-}
-
-TEST_F(ReadOnly, HandlesCanBeDuplicated) {
-    LoadReader();
-    void* second = nullptr;
-    ASSERT_EQ(K9eReplStorageDuplicateHandle(m_reader.Handle(), &second), RC_OK);
-    m_reader.Close();
-    SeenRecords records;
-    EXPECT_EQ(K9eReplStorageEnumRecords(second, 0, kMaxI64, CollectRecord, &records), RC_OK);
-    EXPECT_EQ(RevsOf(records), RevRange(1, 5));
-    EXPECT_EQ(K9eReplStorageClose(second), RC_OK);
 }
 
 TEST_F(ReadOnly, ScansForHosts) {

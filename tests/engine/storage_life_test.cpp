@@ -1,4 +1,5 @@
-// The life of a storage: opening it, its references, closing it with a last flush.
+// The life of a storage: opening it, its references, closing it with a last flush, and the source
+// of data that it is for other components meanwhile.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -35,14 +36,6 @@ std::size_t PositionOf(const Strings& texts, const std::string& begin) {
 
 }  // namespace
 
-TEST(StorageLife, ServesWhatWasInsertedBeforeItWasClosed) {
-    TestStorage storage;
-    storage.InsertCommitted({"one", "two"});
-    storage.Reopen();
-    EXPECT_EQ(storage.Records(), SeenRecords({{1, 0, "one"}, {2, 0, "two"}}));
-    EXPECT_EQ(storage.NextRev(), 3);
-}
-
 // --- Opening -----------------------------------------------------------------------------------
 
 TEST(Opening, LeavesTheStorageClosedUntilItIsLoaded) {
@@ -53,34 +46,25 @@ TEST(Opening, LeavesTheStorageClosedUntilItIsLoaded) {
     EXPECT_EQ(storage.State(), StorageState::kClosed);
     EXPECT_EQ(storage.TryLoad(), RC_OK);
     EXPECT_EQ(storage.State(), StorageState::kOpen);
+    storage.InsertCommitted({"one", "two"});
+    storage.Reopen();
+    EXPECT_EQ(storage.Records(), SeenRecords({{1, 0, "one"}, {2, 0, "two"}}));
+    EXPECT_EQ(storage.NextRev(), 3);
 }
 
-TEST(Opening, WithoutAFileIsRefused) {
-    TestStorage storage("file=;cache_type=Last5", Start::kNothing);
-    EXPECT_EQ(ErrorsOfOpening(storage, RC_INVALID_ARG),
-              Strings({"Failed to get file parameter value;conn-str file=;cache_type=Last5",
-                       "Failed to init storage;conn-str file=;cache_type=Last5"}));
-}
-
-TEST(Opening, FileInMemoryInPerTransModeIsRefused) {
-    TestStorage storage("file=:memory:", Start::kNothing);
-    EXPECT_EQ(ErrorsOfOpening(storage, RC_INVALID_ARG),
-              Strings({"Cannot flush to file :memory:;conn-str file=:memory:",
-                       "Failed to init storage;conn-str file=:memory:"}));
-}
-
-TEST(Opening, FileInMemoryIsRefusedInAnyCaseOfLetters) {
-    TestStorage storage("file=:Memory:", Start::kNothing);
-    EXPECT_EQ(ErrorsOfOpening(storage, RC_INVALID_ARG),
-              Strings({"Cannot flush to file :Memory:;conn-str file=:Memory:",
-                       "Failed to init storage;conn-str file=:Memory:"}));
-}
-
-TEST(Opening, ARefusedSettingEndsItAtOnce) {
-    TestStorage storage("file=x;block_size=1;flush_timeout=0", Start::kNothing);
-    EXPECT_EQ(ErrorsOfOpening(storage, RC_INVALID_ARG),
-              Strings({"Wrong block_size value 1, minimum block_size value is 138",
-                       "Failed to init storage;conn-str file=x;block_size=1;flush_timeout=0"}));
+TEST(Opening, WithSettingsThatNoStorageCanHaveIsRefusedAtOnce) {
+    const std::pair<std::string, std::string> refused[] = {
+        {"file=;cache_type=Last5",
+         "Failed to get file parameter value;conn-str file=;cache_type=Last5"},
+        {"file=:memory:", "Cannot flush to file :memory:;conn-str file=:memory:"},
+        {"file=:Memory:", "Cannot flush to file :Memory:;conn-str file=:Memory:"},
+        {"file=x;block_size=1;flush_timeout=0",
+         "Wrong block_size value 1, minimum block_size value is 138"}};
+    for (const auto& [settings, text] : refused) {
+        TestStorage storage(settings, Start::kNothing);
+        EXPECT_EQ(ErrorsOfOpening(storage, RC_INVALID_ARG),
+                  Strings({text, "Failed to init storage;conn-str " + settings}));
+    }
 }
 
 TEST(Opening, TheHighestLimitsReserveNothing) {
@@ -90,27 +74,18 @@ TEST(Opening, TheHighestLimitsReserveNothing) {
     EXPECT_EQ(storage.Texts(), Numbered(3));
 }
 
-TEST(Opening, AMissingFileReturnsItsCode) {
+TEST(Opening, OfAFileThatCannotBeReadReturnsItsCode) {
+    const ScopedSystemCalls systemCalls;
     TestStorage storage("", Start::kNothing);
     const Strings errors = ErrorsOfOpening(storage, RC_SYSTEM_ERROR);
     PositionOf(errors, "Failed to init solid storage;conn-str " + storage.ConnStr());
     EXPECT_EQ(errors.back(), "Failed to init storage;conn-str " + storage.ConnStr());
-}
-
-TEST(Opening, AnUnreadableLifeNumberReturnsItsCode) {
-    const ScopedSystemCalls systemCalls;
-    TestStorage storage("", Start::kCreated);
+    ASSERT_EQ(storage.TryCreate(), RC_OK);
     FailTell(1);
-    const Strings errors = ErrorsOfOpening(storage, RC_SYSTEM_ERROR);
-    PositionOf(errors, "Failed to get lifenum from solid storage;conn-str " + storage.ConnStr());
-}
-
-TEST(Opening, AnUnreadableRevisionMarkReturnsItsCode) {
-    const ScopedSystemCalls systemCalls;
-    TestStorage storage("", Start::kCreated);
+    PositionOf(ErrorsOfOpening(storage, RC_SYSTEM_ERROR),
+               "Failed to get lifenum from solid storage;conn-str " + storage.ConnStr());
     FailTell(2);
-    const Strings errors = ErrorsOfOpening(storage, RC_SYSTEM_ERROR);
-    PositionOf(errors,
+    PositionOf(ErrorsOfOpening(storage, RC_SYSTEM_ERROR),
                "Failed to get revision mark from solid storage;conn-str " + storage.ConnStr());
 }
 
@@ -120,12 +95,8 @@ TEST(Opening, ReadsLifeNumberAndRevisionMarkOfTheFile) {
     ASSERT_EQ(storage.Object().SolidStorage().SetClearOldRev(8), RC_OK);
     storage.Close();
     ASSERT_EQ(storage.TryOpen(), RC_OK);
-    u32 lifenum = 0;
-    i64 mark = 0;
-    EXPECT_EQ(K9eReplStorageGetLifenum(storage.Handle(), &lifenum), RC_OK);
-    EXPECT_EQ(K9eReplStorageGetClearOldRev(storage.Handle(), &mark), RC_OK);
-    EXPECT_EQ(lifenum, 7U);
-    EXPECT_EQ(mark, 8);
+    EXPECT_EQ(storage.Lifenum(), 7U);
+    EXPECT_EQ(storage.RevisionMark(), 8);
 }
 
 TEST(Opening, ABrokenObjectIsRefusedWithoutAMessage) {
@@ -141,22 +112,14 @@ TEST(Opening, ABrokenObjectIsRefusedWithoutAMessage) {
     EXPECT_EQ(storage->Release(), 0U);
 }
 
-// --- Without a file ----------------------------------------------------------------------------
-
-TEST(OpeningInMemory, NeedsNoFileAndStaysClosed) {
-    TestStorage storage("cache_type=AllInMem;flush_mode=NoFlush;file=", Start::kNothing);
-    EXPECT_EQ(storage.TryOpen(), RC_OK);
-    EXPECT_EQ(storage.State(), StorageState::kClosed);
-    EXPECT_EQ(storage.Insert("x"), RC_WRONG_STATE);
-}
-
-TEST(OpeningInMemory, DoesNotReadTheFile) {
-    TestStorage storage("cache_type=AllInMem;flush_mode=NoFlush;", Start::kNothing);
-    EXPECT_EQ(storage.TryOpen(), RC_OK) << "although there is no file";
-    EXPECT_FALSE(Exists(storage.Path()));
-}
-
-TEST(OpeningInMemory, ReadsNoIndexHint) {
+TEST(OpeningInMemory, NeedsNoFileAndReadsNoIndexHint) {
+    for (const std::string file : {"file=", ""}) {  // none, one that is not there
+        TestStorage storage("cache_type=AllInMem;flush_mode=NoFlush;" + file, Start::kNothing);
+        EXPECT_EQ(storage.TryOpen(), RC_OK);
+        EXPECT_EQ(storage.State(), StorageState::kClosed);
+        EXPECT_EQ(storage.Insert("x"), RC_WRONG_STATE);
+        EXPECT_FALSE(Exists(storage.Path()));
+    }
     const LogCapture log;
     TestStorage storage(With(kInMemory, "index_hint=0;"), Start::kNothing);
     EXPECT_EQ(storage.TryOpenAndLoad(), RC_OK);
@@ -175,37 +138,24 @@ TEST(References, TheLastOneDestroysTheStorage) {
     ASSERT_EQ(K9eReplStorageClose(duplicate), RC_OK);
     EXPECT_EQ(storage.Texts(), Strings({"one"}));
     EXPECT_EQ(FileItems(storage), Strings({"c0"}));
+    EXPECT_EQ(storage.DataSource().AddRef(), 2U);
+    EXPECT_EQ(storage.DataSource().AddRef(), 3U);
+    EXPECT_EQ(storage.DataSource().Release(), 2U);
+    EXPECT_EQ(storage.DataSource().Release(), 1U);
     storage.Close();
     EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "c1"}));
-}
-
-TEST(References, AreCounted) {
-    TestStorage storage;
-    IK9eReplDS& source = storage.DataSource();
-    EXPECT_EQ(source.AddRef(), 2U);
-    EXPECT_EQ(source.AddRef(), 3U);
-    EXPECT_EQ(source.Release(), 2U);
-    EXPECT_EQ(source.Release(), 1U);
-    EXPECT_EQ(storage.Insert("usable"), RC_OK);
 }
 
 // --- Closing -----------------------------------------------------------------------------------
 
-TEST(Closing, FlushesWhatWasCommitted) {
+TEST(Closing, FlushesWhatWasCommittedAndLosesAnOpenTransaction) {
     TestStorage storage(kFlushNever);
     storage.InsertCommitted({"one"});
     storage.InsertCommitted({"two"});
-    storage.Close();
-    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "r2", "c2"}));
-}
-
-TEST(Closing, LosesAnOpenTransaction) {
-    TestStorage storage(kFlushNever);
-    storage.InsertCommitted({"one"});
     ASSERT_EQ(storage.Begin(), RC_OK);
     ASSERT_EQ(storage.Insert("open"), RC_OK);
     storage.Close();
-    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "c1"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "r2", "c2"}));
 }
 
 TEST(Closing, IgnoresTheResultOfTheLastFlush) {
@@ -219,9 +169,13 @@ TEST(Closing, IgnoresTheResultOfTheLastFlush) {
 }
 
 TEST(Closing, FlushesNothingWhenTheStorageIsNotOpen) {
+    TestStorage storage("", Start::kOpened);
+    storage.Close();
+    EXPECT_EQ(FileItems(storage), Strings({"c0"}));
     SKIP_WHEN_ASYNC("a failed write is reported by the flush that made it");
     const ScopedSystemCalls systemCalls;
-    TestStorage storage(kFlushAlways);
+    ASSERT_EQ(storage.TryOpenAndLoad(), RC_OK);
+    storage.Reopen(kFlushAlways);
     ASSERT_EQ(storage.Begin(), RC_OK);
     ASSERT_EQ(storage.Insert("one"), RC_OK);
     FailWrite(1);
@@ -242,10 +196,66 @@ TEST(Closing, TearsDownInOrder) {
     EXPECT_LT(PositionOf(texts, "Thread closed"), PositionOf(texts, "Flush: "));
 }
 
-TEST(Closing, AStorageThatWasNeverLoadedIsFine) {
+// --- The source of data ------------------------------------------------------------------------
+
+TEST(DataSource, LiesOnePointerBehindTheHandleAndIsHandedOutWithoutAReference) {
+    TestStorage storage;
+    IK9eReplDS* source = nullptr;
+    IK9eReplStorage& object = storage.Object();
+    ASSERT_EQ(object.GetDS(&source), RC_OK);
+    EXPECT_EQ(source, &storage.DataSource());
+    EXPECT_EQ(source->AddRef(), 2U);
+    EXPECT_EQ(source->Release(), 1U);
+    EXPECT_EQ(object.GetDS(nullptr), RC_INVALID_ARG);
+    EXPECT_TRUE(source->IsSame(source));
+    EXPECT_FALSE(source->IsSame(storage.Handle()));
+    EXPECT_FALSE(source->IsSame(nullptr));
+    EXPECT_EQ(reinterpret_cast<const u8*>(source) - static_cast<const u8*>(storage.Handle()),
+              static_cast<std::ptrdiff_t>(sizeof(void*)));
+}
+
+TEST(DataSource, EnumFromDeliversToTheEndAndPassesTheCallbacksResultOn) {
+    TestStorage storage;
+    storage.InsertCommitted({"one", "two", "three"});
+    SeenRecords seen;
+    EXPECT_EQ(storage.DataSource().EnumFrom(1, 2, 3, 2, 4, &CollectRecord, &seen), RC_OK);
+    EXPECT_EQ(seen, SeenRecords({{2, 0, "two"}, {3, 0, "three"}}));
+    const auto stop = [](const K9eReplRec*, void*) -> std::uint32_t { return 99; };
+    EXPECT_EQ(storage.DataSource().EnumFrom(0, 0, 0, 1, 0, stop, nullptr), 99U);
+}
+
+TEST(DataSource, FirstAndLastRevisionFollowTheContentOfAnOpenStorage) {
     TestStorage storage("", Start::kOpened);
-    storage.Close();
-    EXPECT_EQ(FileItems(storage), Strings({"c0"}));
+    IK9eReplDS& source = storage.DataSource();
+    i64 rev = 55;
+    EXPECT_EQ(source.GetFirstRev(0, &rev), 0x8034U);
+    EXPECT_EQ(source.GetLastRev(0, &rev), 0x8034U);
+    EXPECT_EQ(rev, 55);
+    ASSERT_EQ(storage.TryLoad(), RC_OK);
+    EXPECT_EQ(storage.FirstRev(), 1);
+    ASSERT_EQ(storage.InsertP(7, "seven"), RC_OK);
+    EXPECT_EQ(storage.FirstRev(), 7);
+    EXPECT_EQ(source.GetLastRev(0, &rev), RC_OK);
+    EXPECT_EQ(rev, 8) << "the next one to be assigned";
+    StorageAccess::SetState(storage.Object(), StorageState::kBroken);
+    EXPECT_EQ(source.GetFirstRev(0, &rev), 0x8034U);
+}
+
+TEST(DataSource, RefusesNullPointersAndDoesNothingElse) {
+    TestStorage storage;
+    IK9eReplDS& source = storage.DataSource();
+    EXPECT_EQ(source.GetFirstRev(0, nullptr), RC_INVALID_ARG);
+    EXPECT_EQ(source.GetLastRev(0, nullptr), RC_INVALID_ARG);
+    EXPECT_EQ(source.GetClearRev(nullptr), RC_INVALID_ARG);
+    EXPECT_EQ(source.GetFlag(0, nullptr), RC_INVALID_ARG);
+    EXPECT_EQ(source.Reserved3(1), RC_OK);
+    EXPECT_EQ(source.Reserved4(1), RC_OK);
+    EXPECT_EQ(source.Reserved5(1), RC_NOT_SUPPORTED);
+    EXPECT_EQ(source.Reserved12(1, 2), RC_NOT_SUPPORTED);
+    EXPECT_EQ(source.Reserved13(1, 2, 3), RC_NOT_SUPPORTED);
+    u8 flag = 9;
+    EXPECT_EQ(source.GetFlag(1, &flag), RC_OK);
+    EXPECT_EQ(flag, 0);
 }
 
 }  // namespace k9erepl::test

@@ -1,4 +1,4 @@
-// Transactions: nesting, insertion with and without them, what each state allows.
+// Transactions: nesting, insertion with and without them, rolling back, what each state allows.
 #include <gtest/gtest.h>
 
 #include <limits>
@@ -11,25 +11,13 @@ namespace k9erepl::test {
 
 // --- Without a transaction ---------------------------------------------------------------------
 
-TEST(ImplicitTransaction, InsertCommitsAtOnce) {
+TEST(ImplicitTransaction, InsertAndInsertPCommitAtOnce) {
     TestStorage storage(kFlushAlways);
     ASSERT_EQ(storage.Insert("one"), RC_OK);
     EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "c1"}));
-    EXPECT_EQ(storage.Commit(), RC_NO_TRANSACTION);
-}
-
-TEST(ImplicitTransaction, CountsAsOneTransactionTowardsTheThreshold) {
-    TestStorage storage("flush_mode=PerTrans;flush_trans_num=2;flush_timeout=2147483647;");
-    ASSERT_EQ(storage.Insert("one"), RC_OK);
-    EXPECT_EQ(FileItems(storage), Strings({"c0"}));
-    ASSERT_EQ(storage.Insert("two"), RC_OK);
-    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "r2", "c2"}));
-}
-
-TEST(ImplicitTransaction, InsertPCommitsAtOnce) {
-    TestStorage storage(kFlushAlways);
     ASSERT_EQ(storage.InsertP(5, "five"), RC_OK);
-    EXPECT_EQ(FileItems(storage), Strings({"c0", "r5", "c5"}));
+    EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "c1", "r5", "c5"}));
+    EXPECT_EQ(storage.Commit(), RC_NO_TRANSACTION);
 }
 
 TEST(ImplicitTransaction, ARecordThatFitsNoBlockIsRolledBackWithItsRevision) {
@@ -58,49 +46,30 @@ TEST(ImplicitTransaction, AFailedCommitIsRolledBackAndItsCodeReturned) {
 
 TEST(NestedTransaction, OnlyTheOutermostCommitFlushes) {
     TestStorage storage(kFlushAlways);
-    ASSERT_EQ(storage.Begin(), RC_OK);
-    ASSERT_EQ(storage.Begin(), RC_OK);
-    ASSERT_EQ(storage.Insert("one"), RC_OK);
     LogCapture log({"k9eRepl-storage"});
+    ASSERT_EQ(storage.Begin(), RC_OK);
+    ASSERT_EQ(storage.Begin(), RC_OK);
+    EXPECT_EQ(log.Texts(), Strings({"TR_B"}));
+    EXPECT_TRUE(log.Has(K9SYS_LOG_INFO, "TR_B"));
+    ASSERT_EQ(storage.Insert("one"), RC_OK);
+    log.Clear();
     ASSERT_EQ(storage.Commit(), RC_OK);
     EXPECT_EQ(log.Texts(), Strings({"TR_C"})) << "and nothing else";
     EXPECT_EQ(FileItems(storage), Strings({"c0"}));
     ASSERT_EQ(storage.Commit(), RC_OK);
     EXPECT_EQ(log.Count("TR_C"), 2U);
     EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "c1"}));
-    EXPECT_EQ(storage.Commit(), RC_NO_TRANSACTION);
-}
-
-TEST(NestedTransaction, BeginLogsTheOutermostLevelOnly) {
-    TestStorage storage;
-    const LogCapture log({"k9eRepl-storage"});
-    ASSERT_EQ(storage.Begin(), RC_OK);
-    ASSERT_EQ(storage.Begin(), RC_OK);
-    EXPECT_EQ(log.Texts(), Strings({"TR_B"}));
-    EXPECT_TRUE(log.Has(K9SYS_LOG_INFO, "TR_B"));
-    EXPECT_EQ(storage.Rollback(), RC_OK);
+    EXPECT_EQ(storage.Commit(), 0x8011U) << "there is none";
 }
 
 TEST(NestedTransaction, OneRollbackEndsAllLevels) {
-    TestStorage storage;
+    TestStorage storage(kFlushAlways);
     ASSERT_EQ(storage.Begin(), RC_OK);
     ASSERT_EQ(storage.Begin(), RC_OK);
     ASSERT_EQ(storage.Begin(), RC_OK);
     EXPECT_EQ(storage.Rollback(), RC_OK);
-    EXPECT_EQ(storage.Rollback(), RC_NO_TRANSACTION_TO_ROLLBACK);
-}
-
-TEST(NestedTransaction, CommitAfterRollbackHasNoTransaction) {
-    TestStorage storage;
-    ASSERT_EQ(storage.Begin(), RC_OK);
-    ASSERT_EQ(storage.Rollback(), RC_OK);
+    EXPECT_EQ(storage.Rollback(), 0x8013U) << "there is none";
     EXPECT_EQ(storage.Commit(), RC_NO_TRANSACTION);
-}
-
-TEST(NestedTransaction, BeginAfterRollbackIsOutermostAgain) {
-    TestStorage storage(kFlushAlways);
-    ASSERT_EQ(storage.Begin(), RC_OK);
-    ASSERT_EQ(storage.Rollback(), RC_OK);
     ASSERT_EQ(storage.Begin(), RC_OK);
     ASSERT_EQ(storage.Insert("one"), RC_OK);
     ASSERT_EQ(storage.Commit(), RC_OK);
@@ -119,27 +88,6 @@ TEST(NestedTransaction, ALevelThatIsRolledBackTakesNoBeginAndNoCommit) {
     EXPECT_EQ(storage.Rollback(), RC_NO_TRANSACTION_TO_ROLLBACK);
 }
 
-TEST(Transaction, CommitAndRollbackWithoutOneAnswerSo) {
-    TestStorage storage;
-    EXPECT_EQ(storage.Commit(), 0x8011U);
-    EXPECT_EQ(storage.Rollback(), 0x8013U);
-}
-
-TEST(Transaction, AnEmptyOneWritesNothing) {
-    TestStorage storage(kFlushAlways);
-    ASSERT_EQ(storage.Begin(), RC_OK);
-    ASSERT_EQ(storage.Commit(), RC_OK);
-    EXPECT_EQ(FileItems(storage), Strings({"c0"}));
-}
-
-TEST(Transaction, ItsRecordsAreServedBeforeItIsCommitted) {
-    TestStorage storage;
-    ASSERT_EQ(storage.Begin(), RC_OK);
-    ASSERT_EQ(storage.Insert("one"), RC_OK);
-    EXPECT_EQ(storage.Texts(), Strings({"one"}));
-    EXPECT_EQ(storage.Rollback(), RC_OK);
-}
-
 // --- Inserting ---------------------------------------------------------------------------------
 
 TEST(Insert, WritesTheRevisionIntoTheRecord) {
@@ -152,28 +100,25 @@ TEST(Insert, WritesTheRevisionIntoTheRecord) {
     EXPECT_EQ(storage.Records(), SeenRecords({{1, 42, "text"}, {2, 42, "text"}}));
 }
 
-TEST(Insert, AFailedOneInATransactionConsumesItsRevision) {
-    TestStorage storage(With(kFlushAlways, "block_size=138;"));
+TEST(Insert, AFailedOneInATransactionConsumesItsRevisionUntilARollback) {
+    TestStorage storage(
+        "block_size=138;flush_mode=PerData;flush_data_size=999;flush_timeout=99999999");
     ASSERT_EQ(storage.Begin(), RC_OK);
     EXPECT_EQ(storage.Insert(std::string(115, 'x')), RC_INVALID_ARG);
     EXPECT_EQ(storage.NextRev(), 2);
     ASSERT_EQ(storage.Insert("two"), RC_OK);
     ASSERT_EQ(storage.Commit(), RC_OK);
+    EXPECT_EQ(StorageAccess::Policy(storage.Object()).Now().dataSize, 27U) << "what was placed";
     EXPECT_EQ(storage.Records(), SeenRecords({{2, 0, "two"}}));
     storage.Reopen();
     EXPECT_EQ(storage.Records(), SeenRecords({{2, 0, "two"}}));
-}
-
-TEST(Insert, ALaterRollbackGivesTheConsumedRevisionBack) {
-    TestStorage storage("block_size=138");
-    ASSERT_EQ(storage.Insert("one"), RC_OK);
     ASSERT_EQ(storage.Begin(), RC_OK);
     ASSERT_EQ(storage.Insert(std::string(115, 'x')), RC_INVALID_ARG);
     ASSERT_EQ(storage.Rollback(), RC_OK);
-    EXPECT_EQ(storage.NextRev(), 2);
+    EXPECT_EQ(storage.NextRev(), 3);
 }
 
-TEST(Insert, ARecordAboveTenMebibytesIsRefusedByAStorageWithAFile) {
+TEST(Insert, ARecordAboveTenMebibytesIsTakenInMemoryOnly) {
     TestStorage storage("block_size=12000000");
     const LogCapture log;
     EXPECT_EQ(storage.Insert(std::string(10485737, 'x')), RC_INVALID_ARG);
@@ -183,28 +128,20 @@ TEST(Insert, ARecordAboveTenMebibytesIsRefusedByAStorageWithAFile) {
     EXPECT_EQ(storage.Insert(std::string(10485736, 'x')), RC_OK);
     storage.Reopen();
     EXPECT_EQ(storage.Records().size(), 1U);
+    TestStorage inMemory(With(kInMemory, "block_size=12000000;"), Start::kNothing);
+    ASSERT_EQ(inMemory.TryOpenAndLoad(), RC_OK);
+    EXPECT_EQ(inMemory.Insert(std::string(10485737, 'x')), RC_OK);
 }
 
-TEST(Insert, ARecordAboveTenMebibytesIsTakenInMemory) {
-    TestStorage storage(With(kInMemory, "block_size=12000000;"), Start::kNothing);
-    ASSERT_EQ(storage.TryOpenAndLoad(), RC_OK);
-    EXPECT_EQ(storage.Insert(std::string(10485737, 'x')), RC_OK);
-}
-
-TEST(InsertP, TakesTheNextRevision) {
-    TestStorage storage;
-    ASSERT_EQ(storage.InsertP(1, "one"), RC_OK);
-    EXPECT_EQ(storage.InsertP(2, "two"), RC_OK);
-    EXPECT_EQ(storage.NextRev(), 3);
-}
-
-TEST(InsertP, TakesALaterRevisionAndTheNextInsertFollowsIt) {
+TEST(InsertP, TakesTheNextOrALaterRevisionWhichTheNextInsertFollows) {
     TestStorage storage(kFlushAlways);
+    ASSERT_EQ(storage.InsertP(1, "one"), RC_OK);
     ASSERT_EQ(storage.InsertP(11, "eleven"), RC_OK);
     ASSERT_EQ(storage.Insert("twelve"), RC_OK);
     EXPECT_EQ(storage.NextRev(), 13);
     storage.Reopen();
-    EXPECT_EQ(storage.Records(), SeenRecords({{11, 0, "eleven"}, {12, 0, "twelve"}}));
+    EXPECT_EQ(storage.Records(),
+              SeenRecords({{1, 0, "one"}, {11, 0, "eleven"}, {12, 0, "twelve"}}));
 }
 
 TEST(InsertP, RefusesARevisionBelowTheNextOne) {
@@ -216,27 +153,106 @@ TEST(InsertP, RefusesARevisionBelowTheNextOne) {
               std::vector<LoggedMessage>({{K9SYS_LOG_ERROR, "k9eRepl-storage",
                                            "Wrong rec rev 1, expected 2", RC_INVALID_ARG}}))
         << "not even a transaction was begun";
+    EXPECT_EQ(storage.InsertP(std::numeric_limits<i64>::min(), "x"), RC_INVALID_ARG);
+    EXPECT_EQ(storage.InsertP(0, "x"), RC_INVALID_ARG);
     EXPECT_EQ(storage.State(), StorageState::kOpen);
     EXPECT_EQ(storage.NextRev(), 2);
 }
 
-TEST(InsertP, RefusesNegativeRevisions) {
-    TestStorage storage;
-    EXPECT_EQ(storage.InsertP(std::numeric_limits<i64>::min(), "x"), RC_INVALID_ARG);
-    EXPECT_EQ(storage.InsertP(0, "x"), RC_INVALID_ARG);
-}
-
 TEST(LastRevision, CanBeUsedAndNothingComesAfterIt) {
     TestStorage storage(kFlushAlways);
-    constexpr i64 kLast = std::numeric_limits<i64>::max() - 1;
-    EXPECT_EQ(storage.InsertP(kLast + 1, "beyond"), RC_INVALID_ARG);
-    ASSERT_EQ(storage.InsertP(kLast, "last"), RC_OK);
-    EXPECT_EQ(storage.Insert("beyond"), RC_INVALID_ARG);
-    EXPECT_EQ(storage.InsertP(kLast + 1, "beyond"), RC_INVALID_ARG);
-    EXPECT_EQ(storage.NextRev(), kLast + 1);
+    EXPECT_EQ(storage.InsertP(kMaxRev + 1, "beyond"), RC_INVALID_ARG);
+    ASSERT_EQ(storage.InsertP(kMaxRev, "last"), RC_OK);
+    for (int life = 0; life < 2; ++life) {
+        EXPECT_EQ(storage.Insert("beyond"), RC_INVALID_ARG);
+        EXPECT_EQ(storage.InsertP(kMaxRev + 1, "beyond"), RC_INVALID_ARG);
+        EXPECT_EQ(storage.NextRev(), kMaxRev + 1);
+        EXPECT_EQ(storage.Records(), SeenRecords({{kMaxRev, 0, "last"}}));
+        storage.Reopen();
+    }
+}
+
+// --- Rolling back ------------------------------------------------------------------------------
+
+namespace {
+
+std::vector<i64> MemoryKeys(TestStorage& storage) {
+    std::vector<i64> keys;
+    for (const auto& [key, block] : StorageAccess::Blocks(storage.Object()).Blocks()) {
+        keys.push_back(key);
+    }
+    return keys;
+}
+
+}  // namespace
+
+TEST(Rollback, TakesRecordsAndRevisionsBack) {
+    TestStorage storage(kFlushNever);
+    storage.InsertCommitted({"one"});
+    ASSERT_EQ(storage.Begin(), RC_OK);
+    ASSERT_EQ(storage.Insert("two"), RC_OK);
+    EXPECT_EQ(storage.Texts(), Strings({"one", "two"})) << "served before they are committed";
+    ASSERT_EQ(storage.InsertP(100, "hundred"), RC_OK);
+    const LogCapture log({"k9eRepl-storage"});
+    ASSERT_EQ(storage.Rollback(), RC_OK);
+    EXPECT_EQ(log.Texts(K9SYS_LOG_INFO), Strings({"TR_ROLL"}));
+    EXPECT_EQ(storage.Texts(), Strings({"one"}));
+    EXPECT_EQ(storage.NextRev(), 2);
+    storage.InsertCommitted({"other"});
     storage.Reopen();
-    EXPECT_EQ(storage.Records(), SeenRecords({{kLast, 0, "last"}}));
-    EXPECT_EQ(storage.Insert("beyond"), RC_INVALID_ARG);
+    EXPECT_EQ(storage.Records(), SeenRecords({{1, 0, "one"}, {2, 0, "other"}}));
+}
+
+TEST(Rollback, ErasesBlocksBegunInTheTransaction) {
+    TestStorage storage(With(kFlushNever, "block_size=138;"));
+    ASSERT_EQ(storage.Begin(), RC_OK);
+    ASSERT_EQ(storage.Insert("gone"), RC_OK);
+    ASSERT_EQ(storage.Rollback(), RC_OK);
+    EXPECT_TRUE(MemoryKeys(storage).empty());
+    EXPECT_TRUE(StorageAccess::Blocks(storage.Object()).Index().empty());
+    storage.InsertCommitted({"one"});
+    ASSERT_EQ(storage.Begin(), RC_OK);
+    ASSERT_EQ(storage.Insert("shares the first block"), RC_OK);
+    ASSERT_EQ(storage.Insert(BlockFull("two")), RC_OK);
+    ASSERT_EQ(storage.Insert(BlockFull("three")), RC_OK);
+    EXPECT_EQ(MemoryKeys(storage), std::vector<i64>({1, 3, 4}));
+    ASSERT_EQ(storage.Rollback(), RC_OK);
+    EXPECT_EQ(MemoryKeys(storage), std::vector<i64>({1}));
+    EXPECT_EQ(StorageAccess::Blocks(storage.Object()).Index().size(), 1U);
+    EXPECT_EQ(StorageAccess::Blocks(storage.Object()).Newest().lastRev, 1);
+}
+
+// The block's last revision then stands above its last record; the commit block names it too.
+TEST(Rollback, BehindAConsumedRevisionLeavesALoadableFile) {
+    TestStorage storage(With(kFlushNever, "block_size=138;"));
+    storage.InsertCommitted({"one"});
+    ASSERT_EQ(storage.Begin(), RC_OK);
+    ASSERT_EQ(storage.Insert(std::string(115, 'x')), RC_INVALID_ARG);
+    ASSERT_EQ(storage.Commit(), RC_OK);
+    ASSERT_EQ(storage.Begin(), RC_OK);
+    ASSERT_EQ(storage.Insert("gone"), RC_OK);
+    ASSERT_EQ(storage.Rollback(), RC_OK);
+    EXPECT_EQ(storage.NextRev(), 3);
+    storage.InsertCommitted({"three"});
+    storage.Reopen();
+    EXPECT_EQ(storage.Records(), SeenRecords({{1, 0, "one"}, {3, 0, "three"}}));
+    EXPECT_EQ(storage.NextRev(), 4);
+}
+
+TEST(Rollback, WithABlockMissingAnswersBadDataAndKeepsTheState) {
+    TestStorage storage(With(kFlushNever, "block_size=138;"));
+    storage.InsertCommitted({"one"});
+    ASSERT_EQ(storage.Begin(), RC_OK);
+    ASSERT_EQ(storage.Insert(BlockFull("two")), RC_OK);
+    auto& blocks = StorageAccess::InMemory(StorageAccess::Blocks(storage.Object()));
+    K9eReplBlock* const lost = std::exchange(blocks.at(2), nullptr);
+    StorageAccess::SetState(storage.Object(), StorageState::kFlushFailed);
+    const LogCapture log;
+    EXPECT_EQ(storage.Rollback(), RC_BAD_DATA);
+    EXPECT_EQ(log.CodeOf("Failed to erase block - NULL;block rev 2"), RC_BAD_DATA) << log;
+    EXPECT_EQ(storage.State(), StorageState::kFlushFailed);
+    EXPECT_EQ(storage.NextRev(), 3);
+    blocks.at(2) = lost;
 }
 
 // --- States ------------------------------------------------------------------------------------
@@ -264,15 +280,11 @@ void ExpectRefused(TestStorage& storage, const std::string& state, bool commitAn
 
 }  // namespace
 
-TEST(StorageState, BeforeLoadEveryTransactionalOperationIsRefused) {
+TEST(StorageState, BeforeLoadAndBrokenEveryTransactionalOperationIsRefused) {
     TestStorage storage("", Start::kOpened);
     ExpectRefused(storage, "1", true);
     EXPECT_EQ(storage.State(), StorageState::kClosed);
     EXPECT_EQ(storage.NextRev(), 1);
-}
-
-TEST(StorageState, ABrokenStorageRefusesEveryTransactionalOperation) {
-    TestStorage storage;
     StorageAccess::SetState(storage.Object(), StorageState::kBroken);
     ExpectRefused(storage, "3", true);
     EXPECT_EQ(storage.State(), StorageState::kBroken);
@@ -293,43 +305,32 @@ TEST(StorageState, AFailedFlushLeavesCommitAndRollbackOnly) {
 }
 
 TEST(StorageState, AFileThatTakesNoTransactionBreaksTheStorage) {
-    TestStorage storage;
-    storage.Object().SolidStorage().Close();
-    const LogCapture log;
-    EXPECT_EQ(storage.Begin(), RC_NO_WRITER);
-    EXPECT_EQ(log.CodeOf("Failed to begin trans in solid storage"), RC_NO_WRITER) << log;
-    EXPECT_EQ(storage.State(), StorageState::kBroken);
-    EXPECT_EQ(StorageAccess::TransDepth(storage.Object()), 1U);
-}
-
-TEST(StorageState, AnImplicitTransactionThatCannotBeginFailsTheInsertion) {
-    TestStorage storage;
-    storage.Object().SolidStorage().Close();
-    EXPECT_EQ(storage.Insert("x"), RC_NO_WRITER);
-    EXPECT_EQ(storage.NextRev(), 1);
+    for (const bool implicit : {false, true}) {
+        TestStorage storage;
+        storage.Object().SolidStorage().Close();
+        const LogCapture log;
+        EXPECT_EQ(implicit ? storage.Insert("x") : storage.Begin(), RC_NO_WRITER);
+        EXPECT_EQ(log.CodeOf("Failed to begin trans in solid storage"), RC_NO_WRITER) << log;
+        EXPECT_EQ(storage.State(), StorageState::kBroken);
+        EXPECT_EQ(StorageAccess::TransDepth(storage.Object()), 1U);
+        EXPECT_EQ(storage.NextRev(), 1);
+    }
 }
 
 // --- Numbers of the storage --------------------------------------------------------------------
 
-TEST(LifeNumber, IsKeptInTheFile) {
-    TestStorage storage;
-    u32 lifenum = 9;
-    ASSERT_EQ(K9eReplStorageGetLifenum(storage.Handle(), &lifenum), RC_OK);
-    EXPECT_EQ(lifenum, 0U);
+TEST(LifeNumber, IsKeptInTheFileAndCanBeSetInAnyState) {
+    TestStorage storage("", Start::kOpened);
+    EXPECT_EQ(storage.Lifenum(), 0U);
+    ASSERT_EQ(K9eReplStorageSetLifenum(storage.Handle(), 5), RC_OK);
+    StorageAccess::SetState(storage.Object(), StorageState::kBroken);
     ASSERT_EQ(K9eReplStorageSetLifenum(storage.Handle(), 4000000000), RC_OK);
     storage.Reopen();
-    ASSERT_EQ(K9eReplStorageGetLifenum(storage.Handle(), &lifenum), RC_OK);
-    EXPECT_EQ(lifenum, 4000000000U);
-}
-
-TEST(LifeNumber, CanBeSetInAnyState) {
-    TestStorage storage("", Start::kOpened);
-    EXPECT_EQ(K9eReplStorageSetLifenum(storage.Handle(), 5), RC_OK);
-    StorageAccess::SetState(storage.Object(), StorageState::kBroken);
-    EXPECT_EQ(K9eReplStorageSetLifenum(storage.Handle(), 6), RC_OK);
-    u32 lifenum = 0;
-    EXPECT_EQ(K9eReplStorageGetLifenum(storage.Handle(), &lifenum), RC_OK);
-    EXPECT_EQ(lifenum, 6U);
+    EXPECT_EQ(storage.Lifenum(), 4000000000U);
+    TestStorage inMemory(kInMemory, Start::kNothing);
+    ASSERT_EQ(inMemory.TryOpenAndLoad(), RC_OK);
+    EXPECT_EQ(K9eReplStorageSetLifenum(inMemory.Handle(), 6), RC_OK);
+    EXPECT_EQ(inMemory.Lifenum(), 6U);
 }
 
 TEST(LifeNumber, StaysWhenTheFileCannotBeWritten) {
@@ -340,38 +341,16 @@ TEST(LifeNumber, StaysWhenTheFileCannotBeWritten) {
     FailWrite(1);
     EXPECT_EQ(K9eReplStorageSetLifenum(storage.Handle(), 6), RC_SYSTEM_ERROR);
     EXPECT_EQ(log.CodeOf("Failed to set lifenum 6 to solid storage"), RC_SYSTEM_ERROR) << log;
-    u32 lifenum = 0;
-    EXPECT_EQ(K9eReplStorageGetLifenum(storage.Handle(), &lifenum), RC_OK);
-    EXPECT_EQ(lifenum, 5U);
-}
-
-TEST(LifeNumber, IsOnlyKeptInMemoryWithoutAFile) {
-    TestStorage storage(kInMemory, Start::kNothing);
-    ASSERT_EQ(storage.TryOpenAndLoad(), RC_OK);
-    EXPECT_EQ(K9eReplStorageSetLifenum(storage.Handle(), 6), RC_OK);
-    u32 lifenum = 0;
-    EXPECT_EQ(K9eReplStorageGetLifenum(storage.Handle(), &lifenum), RC_OK);
-    EXPECT_EQ(lifenum, 6U);
+    EXPECT_EQ(storage.Lifenum(), 5U);
 }
 
 TEST(RevisionMark, IsHandedOutUnderEachName) {
     TestStorage storage;
     StorageAccess::ClearMark(storage.Object()) = 77;
     i64 rev = 0;
-    EXPECT_EQ(K9eReplStorageGetClearOldRev(storage.Handle(), &rev), RC_OK);
-    EXPECT_EQ(rev, 77);
+    EXPECT_EQ(storage.RevisionMark(), 77);
     EXPECT_EQ(storage.DataSource().GetClearRev(&rev), RC_OK);
     EXPECT_EQ(rev, 77);
-}
-
-TEST(Commit, CountsTheBytesOfPlacedRecordsOnly) {
-    TestStorage storage(
-        "block_size=138;flush_mode=PerData;flush_data_size=999;flush_timeout=99999999");
-    ASSERT_EQ(storage.Begin(), RC_OK);
-    ASSERT_EQ(storage.Insert("0123456789"), RC_OK);
-    ASSERT_EQ(storage.Insert(std::string(115, 'x')), RC_INVALID_ARG);
-    ASSERT_EQ(storage.Commit(), RC_OK);
-    EXPECT_EQ(StorageAccess::Policy(storage.Object()).Now().dataSize, 34U);
 }
 
 }  // namespace k9erepl::test

@@ -1,16 +1,21 @@
-// Holds up or refuses the writes to one of a storage's files: those of the index thread in the
-// middle of a save, or those of the writing thread of an asynchronous writer. For the tests of what
-// a busy thread means, and one that ended.
+// Holds up threads: those of the library when they write to one of a storage's files, the index
+// thread in the middle of a save or the writing thread, and clients of the storage's lock. For the
+// tests of what a busy thread means, and one that ended.
 #ifndef K9EREPL_TESTS_ENGINE_WRITE_GATE_H
 #define K9EREPL_TESTS_ENGINE_WRITE_GATE_H
 
+#include <gtest/gtest.h>
+
 #include <atomic>
+#include <mutex>
+#include <string>
 #include <string_view>
 #include <thread>
 
-#include "engine/storage_fixture.h"
+#include "engine/clear_fixture.h"
 #include "platform/system_error.h"
 #include "support/call_layer.h"
+#include "support/fault_injection.h"
 #include "support/gate.h"
 
 namespace k9erepl::test {
@@ -21,6 +26,34 @@ inline void WaitUntilIdle(TestStorage& storage) {
         std::this_thread::yield();
     }
 }
+
+// Holds the storage's lock on a thread of its own.
+class LockHolder {
+  public:
+    explicit LockHolder(TestStorage& storage)
+        : m_thread([this, &storage] {
+              const std::lock_guard held(StorageAccess::Lock(storage.Object()));
+              m_holds = true;
+              while (!m_done) {
+                  std::this_thread::yield();
+              }
+          }) {
+        while (!m_holds) {
+            std::this_thread::yield();
+        }
+    }
+    ~LockHolder() {
+        m_done = true;
+        m_thread.join();
+    }
+    LockHolder(const LockHolder&) = delete;
+    LockHolder& operator=(const LockHolder&) = delete;
+
+  private:
+    std::atomic<bool> m_holds{false};
+    std::atomic<bool> m_done{false};
+    std::thread m_thread;
+};
 
 // Writes to the file by the thread that made the gate always pass. To be made after a
 // ScopedSystemCalls, whose faults strike behind the gate, and before the storage.
@@ -70,6 +103,35 @@ class WriteGate : CallLayer<WriteGate> {
     Gate m_gate{true};
     std::atomic<platform::NativeFile> m_indexFile{platform::kInvalidNativeFile};
     std::atomic<bool> m_refused{false};
+};
+
+// --- Storages with the asynchronous writer; their tests are the same in both runs of the program.
+
+// Blocks of 138 bytes, every commit flushed, `cacheBlocks` blocks in memory.
+inline std::string AsyncSettings(u32 cacheBlocks, std::string_view more = "") {
+    return With(kFlushAlways, "async_mode=yes;block_size=138;cache_type=Last" +
+                                  std::to_string(cacheBlocks) + ";" + std::string(more));
+}
+
+inline Keeping AsyncKeeping(u32 cacheBlocks) {
+    return {"Asynchronous", AsyncSettings(cacheBlocks)};
+}
+
+class AsyncStorageTest : public ::testing::Test {
+  protected:
+    // The writing thread's next write waits until OpenGate.
+    void ShutGate() { m_gate.Shut(); }
+    void OpenGate() { m_gate.Open(); }
+    // Does `work` while another thread opens the gate.
+    template <typename Work>
+    void WhileTheGateOpens(Work work) {
+        std::thread opener([this] { OpenGate(); });
+        work();
+        opener.join();
+    }
+
+    const ScopedSystemCalls m_systemCalls;
+    WriteGate m_gate{WriteGate::File::kStorage};
 };
 
 }  // namespace k9erepl::test

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "engine/flush_fixture.h"
+#include "engine/write_gate.h"
 #include "platform/process.h"
 
 namespace k9erepl::test {
@@ -94,34 +95,6 @@ auto OpenDescriptors() {
     return std::distance(begin(all), end(all));
 }
 
-// Holds the storage's lock on a thread of its own until it is told to end.
-class BusyClient {
-  public:
-    explicit BusyClient(TestStorage& storage)
-        : m_thread([this, &storage] {
-              const std::lock_guard held(StorageAccess::Lock(storage.Object()));
-              m_holds = true;
-              while (!m_done) {
-                  std::this_thread::yield();
-              }
-          }) {
-        while (!m_holds) {
-            std::this_thread::yield();
-        }
-    }
-    ~BusyClient() {
-        m_done = true;
-        m_thread.join();
-    }
-    BusyClient(const BusyClient&) = delete;
-    BusyClient& operator=(const BusyClient&) = delete;
-
-  private:
-    std::atomic<bool> m_holds{false};
-    std::atomic<bool> m_done{false};
-    std::thread m_thread;
-};
-
 }  // namespace
 
 TEST(ForkedChild, GetsTheSameAnswerFromEveryCall) {
@@ -135,7 +108,7 @@ TEST(ForkedChild, WaitsForNobodyWhileAThreadOfTheParentHoldsTheLock) {
     TestStorage storage(kFlushNever);
     storage.InsertMany(3);
     {
-        const BusyClient client(storage);
+        const LockHolder client(storage);
         EXPECT_EQ(InChild([&] { return OtherAnswers(storage); }), 0);
         EXPECT_EQ(CloseInChild(storage), 0);
     }
@@ -210,13 +183,6 @@ TEST(ForkedChild, OfAStorageThatWasNotLoadedCloses) {
     TestStorage storage("", Start::kOpened);
     EXPECT_EQ(CloseInChild(storage), 0);
     EXPECT_EQ(storage.TryLoad(), RC_OK);
-}
-
-TEST(ForkedChild, OfAChildIsRefusedToo) {
-    TestStorage storage(kFlushAlways);
-    storage.InsertMany(3);
-    const int answers = InChild([&] { return InChild([&] { return OtherAnswers(storage); }); });
-    EXPECT_EQ(answers, 0);
 }
 
 #ifdef __SANITIZE_THREAD__
