@@ -1,17 +1,16 @@
 // The index file: where it lies for a connection string, reading it with what each defect comes to,
-// and deleting it.
+// deleting it; and the worked example of its document, which is what the code writes.
 #include "index/index_file.h"
 
 #include <gtest/gtest.h>
 #include <k9erepl/storage.h>
 
+#include <fstream>
 #include <ostream>
 #include <string>
 
 #include "index/index_file_name.h"
 #include "index/index_fixture.h"
-#include "support/fixed_log.h"
-#include "support/new_fault.h"
 
 namespace k9erepl::test {
 namespace {
@@ -126,26 +125,11 @@ TEST_F(IndexFileRead, WarnsOfAMissingFile) {
         << m_log;
 }
 
-TEST_F(IndexFileRead, FailsWithoutMemory) {
+TEST_F(IndexFileRead, FailsWithoutMemoryForItsBuffer) {
     WriteBytes(Path(), IndexFileBytes(kThree));
     FailAlloc(1, 1'048'576);
     EXPECT_EQ(Read(), RC_NO_MEMORY);
     EXPECT_EQ(m_log.CodeOf("Couldn't allocate buffer"), RC_NO_MEMORY) << m_log;
-    const std::string path = Path();
-    const FixedLog log;
-    u32 failures = 0;
-    for (u32 nth = 1;; ++nth) {
-        const FailNthNew fault(nth);
-        const u32 rc = ReadIndexFile(path, &m_content);
-        if (!fault.Struck()) {
-            EXPECT_EQ(rc, RC_OK);
-            break;
-        }
-        EXPECT_EQ(rc, RC_NO_MEMORY);
-        EXPECT_TRUE(m_content.entries.empty());
-        ++failures;
-    }
-    EXPECT_GE(failures, 1U);
 }
 
 TEST_F(IndexFileRead, WarnsOfWhatCannotBeRead) {
@@ -251,6 +235,53 @@ TEST_F(IndexFileDelete, DoesNothingWhereThereIsNoIndexFile) {
         EXPECT_TRUE(Exists(Path()));
     }
     EXPECT_TRUE(m_log.Messages().empty()) << m_log;
+}
+
+constexpr std::size_t kBytesInLine = 16;
+
+bool IsHex(const std::string& text) {
+    return text.find_first_not_of("0123456789abcdef") == std::string::npos;
+}
+
+// Where byte `i` of a line of the dump stands.
+std::size_t ColumnOf(std::size_t i) {
+    return 10 + 3 * i + (i < 8 ? 0 : 1);
+}
+
+// The bytes of the document's dump. Its lines begin with their offset in eight digits.
+std::vector<u8> DocumentedBytes() {
+    std::ifstream document(K9EREPL_INDEX_DOCUMENT);
+    EXPECT_TRUE(document.is_open()) << K9EREPL_INDEX_DOCUMENT;
+    std::vector<u8> bytes;
+    for (std::string line; std::getline(document, line);) {
+        if (line.size() < ColumnOf(kBytesInLine) || !IsHex(line.substr(0, 8))) {
+            continue;
+        }
+        EXPECT_EQ(std::stoul(line.substr(0, 8), nullptr, 16), bytes.size()) << line;
+        for (std::size_t i = 0; i < kBytesInLine; ++i) {
+            const std::string digits = line.substr(ColumnOf(i), 2);
+            EXPECT_TRUE(IsHex(digits)) << line;
+            bytes.push_back(static_cast<u8>(std::stoul(digits, nullptr, 16)));
+        }
+    }
+    return bytes;
+}
+
+using IndexDocument = IndexObjectTest;
+
+TEST_F(IndexDocument, ShowsTheBytesThatASaveWritesAndTheReaderTakes) {
+    MakeStarted();
+    m_blocks.Add(1, 1056).Add(612, 67'088).Add(1'226, 133'040);
+    ASSERT_EQ(SaveSync(), RC_OK);
+    EXPECT_EQ(DocumentedBytes(), FileBytes());
+    m_index.reset();
+    WriteBytes(Path(), DocumentedBytes());
+    IndexFileContent content;
+    EXPECT_EQ(ReadIndexFile(Path(), &content), RC_OK);
+    EXPECT_EQ(content.blockSize, 65536U);
+    ASSERT_EQ(content.entries.size(), 3U);
+    EXPECT_EQ(i64{content.entries[2].rev}, 1'226);
+    EXPECT_EQ(i64{content.entries[2].offset}, 133'040);
 }
 
 }  // namespace

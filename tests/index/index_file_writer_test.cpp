@@ -181,13 +181,5 @@ TEST_F(IndexFileWriterTest, LeavesAnInvalidFileWhenOnlyTheTailWasWritten) {
     }
 }
 
-TEST_F(IndexFileWriterTest, WritesAFileThatTheReaderTakes) {
-    CreateWith(70'000);
-    IndexFileContent content;
-    EXPECT_EQ(Read(&content), RC_OK);
-    EXPECT_EQ(content.entries.size(), 70'000U);
-    EXPECT_EQ(content.blockSize, kBlockSize);
-}
-
 }  // namespace
 }  // namespace k9erepl::test

@@ -119,6 +119,7 @@ class GateForWrites {
     static void Install();
     static void Shut();
     static void Open() { s_open = true; }
+    static bool IsOpen() { return s_open; }
     // Whether a write has come to the gate since it was shut.
     static bool IsReached() { return s_reached; }
 

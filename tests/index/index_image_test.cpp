@@ -10,7 +10,6 @@
 
 #include "index/index_fixture.h"
 #include "support/new_fault.h"
-#include "support/storage_exception.h"
 
 namespace k9erepl::test {
 namespace {
@@ -47,16 +46,6 @@ TEST_F(IndexImageTest, BeginsAsAHeaderWithoutEntriesAndStandsForThatAfterReset) 
     }
     Save();
     EXPECT_EQ(EntriesOf(m_file), m_blocks.All());
-}
-
-TEST_F(IndexImageTest, FailsToBeMadeWithoutMemory) {
-    FailAlloc(1);
-    try {
-        const IndexImage image(kBlockSize);
-        FAIL() << "made without memory";
-    } catch (const K9eStorageException& failure) {
-        EXPECT_EQ(failure.Code(), RC_NO_MEMORY);
-    }
 }
 
 TEST_F(IndexImageTest, WritesFromTheLastSavedEntryOnAtLaterSaves) {

@@ -18,15 +18,6 @@ constexpr const char* kTerminating = "K9ThreadWait() failed; terminating thread"
 std::atomic<u32> g_exitCode{0};
 std::atomic<u32> g_joinMs{0};
 std::atomic<u32> g_tickCalls{0};
-std::atomic<bool> g_gateOpen{true};
-std::atomic<bool> g_atGate{false};
-
-void WaitAtGate() {
-    g_atGate = true;
-    while (!g_gateOpen) {
-        std::this_thread::yield();
-    }
-}
 
 class IndexObjectStop : public IndexObjectTest {
   protected:
@@ -34,28 +25,19 @@ class IndexObjectStop : public IndexObjectTest {
         g_exitCode = 0;
         g_joinMs = 0;
         g_tickCalls = 0;
-        g_gateOpen = true;
-        g_atGate = false;
+        GateForWrites::Open();
         platform::TheSystemCalls().terminateThread = [](void* thread, u32 exitCode) {
             g_exitCode = exitCode;
             return platform::NativeSystemCalls().terminateThread(thread, exitCode);
         };
     }
-    // The thread's next write waits at the gate.
-    void CloseGateForWrites() {
-        platform::TheSystemCalls().writeFile = [](platform::NativeFile file, const void* data,
-                                                  u32 size) {
-            if (!g_gateOpen) {
-                WaitAtGate();
-            }
-            return platform::NativeSystemCalls().writeFile(file, data, size);
-        };
-    }
+    // The thread's write waits at the gate.
     void SaveUpToTheGate() {
-        g_gateOpen = false;
+        GateForWrites::Install();
+        GateForWrites::Shut();
         m_blocks.AddMany(3);
         EXPECT_EQ(SaveAsync(), RC_OK);
-        ASSERT_TRUE(WaitFor([] { return g_atGate.load(); }));
+        ASSERT_TRUE(WaitFor(GateForWrites::IsReached));
     }
 };
 
@@ -113,7 +95,6 @@ TEST_F(IndexObjectStop, OnlyFreesTheRecordAndClosesTheFileOfAThreadThatHasFinish
 
 TEST_F(IndexObjectStop, WaitsForTheSaveInProgress) {
     MakeStarted();
-    CloseGateForWrites();
     SaveUpToTheGate();
     std::atomic<bool> stopped{false};
     std::thread stopper([&] {
@@ -125,7 +106,7 @@ TEST_F(IndexObjectStop, WaitsForTheSaveInProgress) {
     }
     EXPECT_FALSE(stopped);
     EXPECT_FALSE(m_log.Has("Stop thread request sent")) << m_log;
-    g_gateOpen = true;
+    GateForWrites::Open();
     stopper.join();
     EXPECT_EQ(FileBytes(), IndexFileBytes(m_blocks.All()));
     EXPECT_EQ(g_exitCode, 0U);
@@ -141,12 +122,11 @@ class IndexObjectLongSave : public IndexObjectStop {
             return platform::NativeSystemCalls().joinThread(thread, timeoutMs);
         };
         MakeStarted();
-        CloseGateForWrites();
         SaveUpToTheGate();
         platform::TheSystemCalls().tickCount = [] {
             const u32 call = g_tickCalls++;
             if (call == 1) {
-                g_gateOpen = true;  // the save takes 5 seconds
+                GateForWrites::Open();  // the save takes 5 seconds
             }
             return 0xFFFFFFF0 + (call == 0 ? 0 : 5000);
         };
@@ -200,14 +180,13 @@ class IndexObjectGiveUp : public IndexObjectStop {
             Make();
             EXPECT_EQ(m_index->Start(), RC_OK);
         }
-        CloseGateForWrites();
         SaveUpToTheGate();
         platform::TheSystemCalls().tickCount = [] {
             static std::atomic<u32> s_ticks{0};
             return s_ticks += 1000;
         };
         platform::TheSystemCalls().joinThread = [](void* thread, u32 timeoutMs) {
-            if (g_gateOpen) {
+            if (GateForWrites::IsOpen()) {
                 return platform::NativeSystemCalls().joinThread(thread, timeoutMs);
             }
             g_joinMs = timeoutMs;
@@ -225,7 +204,8 @@ class IndexObjectGiveUp : public IndexObjectStop {
     // Its last call of the system closes the file.
     void LetTheThreadEnd() {
         const u32 closed = CallCount(SystemCall::kClose);
-        if (!g_gateOpen.exchange(true)) {
+        if (!GateForWrites::IsOpen()) {
+            GateForWrites::Open();
             EXPECT_TRUE(WaitFor([closed] { return CallCount(SystemCall::kClose) > closed; }));
         }
     }

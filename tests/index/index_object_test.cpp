@@ -9,8 +9,6 @@
 #include <thread>
 
 #include "index/index_fixture.h"
-#include "support/fixed_log.h"
-#include "support/new_fault.h"
 #include "support/storage_exception.h"
 
 namespace k9erepl::test {
@@ -42,14 +40,19 @@ class IndexObjectStart : public IndexObjectTest {
     }
 };
 
-TEST_F(IndexObjectStart, TellsWhichFileItUses) {
+TEST_F(IndexObjectStart, TellsWhichFileItUsesMakesItWithoutEntriesAndStartsTheThread) {
+    WriteBytes(Path(), IndexFileBytes({{1, 1056}}));
     Make();
     EXPECT_EQ(m_index->Path(), Path());
     EXPECT_TRUE(m_log.Has(K9SYS_LOG_INFO, "Using index file '" + Path() + "'")) << m_log;
     EXPECT_EQ(m_log.Messages().front().module, "k9eRepl-storage-idx");
     EXPECT_TRUE(m_index->IsFinished());
     EXPECT_FALSE(m_index->IsBusy());
-    EXPECT_FALSE(Exists(Path()));
+    EXPECT_EQ(m_index->Start(), RC_OK);
+    EXPECT_EQ(FileBytes(), IndexFileBytes({}));
+    EXPECT_FALSE(m_index->IsFinished());
+    EXPECT_TRUE(m_log.Has(K9SYS_LOG_INFO, "Starting thread")) << m_log;
+    EXPECT_EQ(m_log.CountContaining("Thread started; TID "), 1U);
 }
 
 TEST_F(IndexObjectStart, RefusesAStorageWithoutIndexFileOrMemoryForItsImage) {
@@ -57,30 +60,6 @@ TEST_F(IndexObjectStart, RefusesAStorageWithoutIndexFileOrMemoryForItsImage) {
     EXPECT_EQ(CodeOfMaking(""), RC_INVALID_ARG);
     FailAlloc(1);
     EXPECT_EQ(CodeOfMaking("file=data.edb"), RC_NO_MEMORY);
-}
-
-TEST_F(IndexObjectStart, IsNotMadeWithoutMemory) {
-    const FixedLog log;
-    for (u32 nth = 1;; ++nth) {
-        const FailNthNew fault(nth);
-        try {
-            const IndexObject index("file=/tmp/long/enough/to/be/allocated.edb", m_storage,
-                                    kBlockSize, kNoIdle);
-            EXPECT_FALSE(fault.Struck());
-            break;
-        } catch (const std::bad_alloc&) {
-            EXPECT_TRUE(fault.Struck());
-        }
-    }
-}
-
-TEST_F(IndexObjectStart, MakesTheFileWithoutEntriesAndStartsTheThread) {
-    WriteBytes(Path(), IndexFileBytes({{1, 1056}}));
-    MakeStarted();
-    EXPECT_EQ(FileBytes(), IndexFileBytes({}));
-    EXPECT_FALSE(m_index->IsFinished());
-    EXPECT_TRUE(m_log.Has(K9SYS_LOG_INFO, "Starting thread")) << m_log;
-    EXPECT_EQ(m_log.CountContaining("Thread started; TID "), 1U);
 }
 
 TEST_F(IndexObjectStart, SaysWhenThereIsNoParserMemory) {
@@ -181,33 +160,10 @@ TEST_F(IndexObjectSave, WritesBeforeASynchronousSaveReturnsAndByTheThreadElse) {
     EXPECT_TRUE(m_log.Has(K9SYS_LOG_INFO, "Async idx save requested")) << m_log;
     EXPECT_TRUE(m_log.Has("File updated (80 bytes)")) << m_log;
     EXPECT_FALSE(m_index->IsFinished());
-}
-
-TEST_F(IndexObjectSave, WritesNothingWhenTheBlockIndexHasNotChanged) {
-    MakeStarted();
-    m_blocks.AddMany(3);
-    EXPECT_EQ(SaveSync(), RC_OK);
-    const u32 writes = CallCount(SystemCall::kWrite);
     m_log.Clear();
     EXPECT_EQ(SaveSync(), RC_OK);
     EXPECT_EQ(SaveAsync(), RC_OK);
-    EXPECT_FALSE(m_index->IsBusy());
-    EXPECT_EQ(CallCount(SystemCall::kWrite), writes);
-    EXPECT_TRUE(m_log.Messages().empty()) << m_log;
-}
-
-TEST_F(IndexObjectSave, WritesEverythingAfterStartOver) {
-    MakeStarted();
-    m_blocks.AddMany(3);
-    EXPECT_EQ(SaveSync(), RC_OK);
-    m_blocks.Remove(1);
-    m_index->StartOver();
-    EXPECT_EQ(SaveSync(), RC_OK);
-    EXPECT_EQ(FileBytes(), IndexFileBytes(m_blocks.All()));
-    m_index->StartOver();
-    EXPECT_EQ(SaveAsync(), RC_OK);
-    WaitForThread();
-    EXPECT_EQ(m_log.Count("File rewritten (64 bytes)"), 2U) << m_log;
+    EXPECT_TRUE(m_log.Messages().empty()) << "nothing has changed";
 }
 
 TEST_F(IndexObjectSave, ReturnsTheFailureOfASynchronousSaveAndThenWritesEverything) {
@@ -273,30 +229,36 @@ TEST_F(IndexObjectSave, MakesUpForAFailedWakeUpAtTheNextTimeOut) {
     EXPECT_EQ(FileBytes(), IndexFileBytes(m_blocks.All()));
 }
 
-TEST_F(IndexObjectSave, WaitsForTheThreadsWriteBeforeTheNextSave) {
+TEST_F(IndexObjectSave, WaitsForTheThreadsWriteBeforeTheNextSaveAndBeforeItEmptiesTheFile) {
     GateForWrites::Install();
-    MakeStarted();
-    GateForWrites::Shut();
-    m_blocks.AddMany(3);
-    EXPECT_EQ(SaveAsync(), RC_OK);
-    ASSERT_TRUE(WaitFor(GateForWrites::IsReached));
-    EXPECT_TRUE(m_index->IsBusy());
     Blocks more;
     more.AddMany(5);
-    std::atomic<bool> returned{false};
-    std::thread requester([&] {
-        EXPECT_EQ(m_index->RequestSave(more.Index(), IndexSaveMode::kSync), RC_OK);
-        returned = true;
-    });
-    for (u32 i = 0; i < 1000; ++i) {
-        std::this_thread::yield();
+    for (const bool empties : {false, true}) {
+        MakeStarted();
+        GateForWrites::Shut();
+        m_blocks.Clear();
+        m_blocks.AddMany(3);
+        m_log.Clear();
+        EXPECT_EQ(SaveAsync(), RC_OK);
+        ASSERT_TRUE(WaitFor(GateForWrites::IsReached));
+        EXPECT_TRUE(m_index->IsBusy());
+        std::atomic<bool> returned{false};
+        std::thread requester([&] {
+            EXPECT_EQ(empties ? m_index->Empty()
+                              : m_index->RequestSave(more.Index(), IndexSaveMode::kSync),
+                      RC_OK);
+            returned = true;
+        });
+        for (u32 i = 0; i < 1000; ++i) {
+            std::this_thread::yield();
+        }
+        EXPECT_FALSE(returned);
+        EXPECT_FALSE(m_log.Has("Sync idx save requested")) << m_log;
+        GateForWrites::Open();
+        requester.join();
+        EXPECT_EQ(FileBytes(), IndexFileBytes(empties ? Entries{} : more.All()));
+        EXPECT_TRUE(m_log.Has(empties ? "File rewritten (32 bytes)" : "File updated (48 bytes)"));
     }
-    EXPECT_FALSE(returned);
-    EXPECT_FALSE(m_log.Has("Sync idx save requested")) << m_log;
-    GateForWrites::Open();
-    requester.join();
-    EXPECT_EQ(FileBytes(), IndexFileBytes(more.All()));
-    EXPECT_TRUE(m_log.Has("File updated (48 bytes)")) << m_log;
 }
 
 class IndexObjectEmpty : public IndexObjectTest {
@@ -321,19 +283,6 @@ TEST_F(IndexObjectEmpty, LeavesAHeaderWithoutEntriesOnTheDisk) {
         EXPECT_EQ(m_log.Texts(), std::vector<std::string>(times, "File rewritten (32 bytes)"));
         EXPECT_FALSE(m_index->IsBusy());
         EXPECT_FALSE(m_index->IsFinished());
-    }
-}
-
-TEST_F(IndexObjectEmpty, IsFollowedByASaveOfEverything) {
-    for (const IndexSaveMode mode : {IndexSaveMode::kSync, IndexSaveMode::kAsync}) {
-        m_blocks.Clear();
-        SaveThree();
-        EXPECT_EQ(m_index->Empty(), RC_OK);
-        m_blocks.AddMany(1);
-        EXPECT_EQ(m_index->RequestSave(m_blocks.Index(), mode), RC_OK);
-        WaitForThread();
-        EXPECT_EQ(FileBytes(), IndexFileBytes(m_blocks.All()));
-        EXPECT_TRUE(m_log.Has("File rewritten (96 bytes)")) << m_log;
     }
 }
 
@@ -400,27 +349,6 @@ TEST_F(IndexObjectEmpty, AnswersWhatFails) {
         EXPECT_EQ(FileBytes(), IndexFileBytes(m_blocks.All()));
         EXPECT_EQ(m_index->Empty(), RC_OK);
     }
-}
-
-TEST_F(IndexObjectEmpty, WaitsForASaveInProgress) {
-    GateForWrites::Install();
-    SaveThree();
-    GateForWrites::Shut();
-    m_blocks.AddMany(1);
-    EXPECT_EQ(SaveAsync(), RC_OK);
-    ASSERT_TRUE(WaitFor(GateForWrites::IsReached));
-    std::atomic<bool> returned{false};
-    std::thread emptier([&] {
-        EXPECT_EQ(m_index->Empty(), RC_OK);
-        returned = true;
-    });
-    for (u32 i = 0; i < 1000; ++i) {
-        std::this_thread::yield();
-    }
-    EXPECT_FALSE(returned);
-    GateForWrites::Open();
-    emptier.join();
-    EXPECT_EQ(FileBytes(), IndexFileBytes({}));
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include <k9erepl/storage.h>
 
 #include <atomic>
-#include <mutex>
 #include <new>
 #include <random>
 #include <thread>
@@ -213,17 +212,6 @@ TEST_F(IndexObjectThreads, NoRandomRequestIsLost) {
     EXPECT_EQ(EntriesOf(FileBytes()), m_blocks.All());
     EXPECT_GT(m_storage.IdleCalls(), 0U);
     EXPECT_FALSE(m_index->IsFinished());
-}
-
-TEST_F(IndexObjectThreads, EveryAsynchronousSaveIsInTheFileWhenTheThreadIsIdle) {
-    MakeStarted();
-    for (u32 i = 0; i < 500; ++i) {
-        m_blocks.AddMany(1);
-        ASSERT_EQ(SaveAsync(), RC_OK);
-        WaitForThread();
-        ASSERT_EQ(FileBytes().size(), 32 + 16 * m_blocks.All().size());
-    }
-    EXPECT_EQ(EntriesOf(FileBytes()), m_blocks.All());
 }
 
 TEST_F(IndexObjectThreads, FlagsMayBeTestedFromAnywhereAtAnyTime) {

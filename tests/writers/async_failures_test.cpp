@@ -80,26 +80,6 @@ TEST_F(AsyncFailure, OfWritingABufferBeforeACompleteOrAtABeginTransaction) {
     }
 }
 
-TEST_F(AsyncFailure, OfGrowingTheFile) {
-    m_state.fileSizeDelta = 4096;
-    FailSetEnd(1);
-    ExpectBatchFails({10}, "Cannot expand file by (4096);" + m_noSpace);
-    ExpectError("Flush from async buffer failed (1)", RC_SYSTEM_ERROR);
-    EXPECT_EQ(WriteSizes(), Sizes{});
-}
-
-TEST_F(AsyncFailure, OfClearingAbandonedData) {
-    QueueRecord(1, 2000);
-    ASSERT_EQ(Async().BeginTransaction(), RC_OK);
-    QueueRecord(2, 3000);
-    RunAll();
-    ASSERT_EQ(Async().Rollback(), RC_OK);
-    FailSetEnd(1);
-    QueueBlock(10);
-    EXPECT_EQ(Async().CompleteAsyncTasks(), RC_SYSTEM_ERROR);
-    EXPECT_EQ(m_log.CountContaining("Cannot clear abandoned data;offset 1122,"), 1U) << m_log;
-}
-
 TEST_F(AsyncFailure, OfTheWaitForWork) {
     Async();
     m_calls.EndNextTaskWait(WaitResult::kFailed);
@@ -202,15 +182,6 @@ TEST_F(AsyncSticky, WhatStandsBehindTheFailureAndWhatIsQueuedMeanwhileIsDropped)
     EXPECT_EQ(Items(m_path), "C0");
     EXPECT_EQ(m_blocks.back().Pending(), 2);
     EXPECT_EQ(m_blocks.back().position, kUnknownOffset);
-}
-
-TEST_F(AsyncSticky, WhatWasWrittenBeforeStays) {
-    QueueRecord(1, 2000);
-    RunBatch();
-    Break();
-    EXPECT_EQ(Items(m_path), "C0 R1 C1");
-    EXPECT_EQ(m_blocks.front().Pending(), 0);
-    EXPECT_EQ(m_blocks.front().position, kStart);
 }
 
 TEST_F(AsyncSticky, NothingIsAnnouncedThatIsNotInTheFile) {

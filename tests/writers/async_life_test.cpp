@@ -12,9 +12,6 @@
 #include <vector>
 
 #include "platform/thread.h"
-#include "support/fixed_log.h"
-#include "support/new_fault.h"
-#include "support/storage_exception.h"
 #include "writers/async_fixture.h"
 
 namespace k9erepl::test {
@@ -58,24 +55,6 @@ class AsyncEnd : public AsyncWriterTest {
 // A writer that a thread may still use: never freed, and no leak.
 AsyncStorageWriter* g_abandoned = nullptr;
 
-TEST_F(AsyncConstruction, WithoutAStateIsAnInvalidArgument) {
-    try {
-        const AsyncStorageWriter writer(nullptr, m_options);
-        ADD_FAILURE() << "it was made";
-    } catch (const K9eStorageException& e) {
-        EXPECT_EQ(e.Code(), RC_INVALID_ARG);
-    }
-}
-
-TEST_F(AsyncConstruction, WithoutItsFileFails) {
-    m_state.path = m_folder.File("missing");
-    EXPECT_EQ(ConstructionError(), RC_SYSTEM_ERROR);
-    ExpectError(
-        "Failed to create file '" + m_state.path + "';" + SysErr(SystemErrorKind::kNotFound),
-        RC_SYSTEM_ERROR);
-    EXPECT_EQ(CallCount(SystemCall::kCreateThread), 0U);
-}
-
 TEST_F(AsyncConstruction, WithoutWhatItNeedsFails) {
     const struct {
         SystemCall call;
@@ -112,45 +91,6 @@ TEST_F(AsyncConstruction, WithoutMemoryForTheThreadRecordFails) {
     K9SysSetParserMemLimit(K9SysParserMemInUse());
     ExpectFails({kNoThread}, RC_NO_MEMORY);
     K9SysSetParserMemLimit(SIZE_MAX);
-}
-
-TEST_F(AsyncConstruction, WhoseAffinityCannotBeSetEndsTheThreadWith1) {
-    m_options.affinity = 1;
-    Fail(SystemCall::kSetAffinity, 1);
-    ExpectFails({kNoThread}, RC_SYSTEM_ERROR);
-    EXPECT_EQ(m_calls.ExitCodesGiven(), std::vector<u32>{1});
-    EXPECT_EQ(m_calls.ThreadResult(), std::nullopt);
-}
-
-TEST_F(AsyncConstruction, WithoutAnyOfItsObjectsFails) {
-    RunAll();
-    const FixedLog log;
-    for (u32 nth = 1;; ++nth) {
-        u32 rc = RC_OK;
-        {
-            const FailNthNew fault(nth);
-            try {
-                const AsyncStorageWriter writer(&m_state, m_options);
-            } catch (const K9eStorageException& e) {
-                rc = e.Code();
-            }
-            if (!fault.Struck()) {
-                break;
-            }
-        }
-        EXPECT_TRUE(rc == RC_NO_MEMORY || rc == RC_SYSTEM_ERROR) << nth << ": " << rc;
-        EXPECT_EQ(CallCount(SystemCall::kClose), CallCount(SystemCall::kOpen));
-    }
-    EXPECT_TRUE(log.HasError("malloc failed", RC_NO_MEMORY));
-}
-
-TEST_F(AsyncConstruction, BeginsWritingAtTheRecordedSize) {
-    const AsyncStorageWriter& writer =
-        *(m_async = std::make_unique<AsyncStorageWriter>(&m_state, m_options));
-    EXPECT_EQ(writer.WritePos(), kNewFileSize);
-    QueueBlock(10);
-    RunBatch();
-    EXPECT_EQ(FileLength(), kNewFileSize + 10);
 }
 
 TEST_F(AsyncEnd, StopsTheThreadBehindWhatIsQueued) {
@@ -328,15 +268,6 @@ TEST_F(AsyncWait, ThatGoesOnPast60SecondsIsOver) {
     m_calls.AtClientWait(1, [&] { AdvanceTickCount(kAsyncWaitMs + 1); });
     EXPECT_EQ(Async().CompleteAsyncTasks(), RC_TIMEOUT);
     EXPECT_EQ(m_calls.ClientTimeout(), 0U);
-}
-
-TEST_F(AsyncWait, AnElementWhoseWakeFailedIsDoneWithTheNextOne) {
-    Async();
-    RunAll();
-    m_calls.RefuseToSet(WriterEvent::kNewTask);
-    TestBlock& block = QueueBlock(10);
-    EXPECT_EQ(Async().CompleteAsyncTasks(), RC_OK);
-    EXPECT_EQ(block.Pending(), 0);
 }
 
 TEST_F(AsyncFailedRollback, IsStickyAndNothingThatIsQueuedIsWrittenAnyMore) {

@@ -92,18 +92,6 @@ TEST_F(Queue, CanBeWokenWithoutAnElement) {
     EXPECT_TRUE(m_queue.TakeAll().IsEmpty());
 }
 
-TEST_F(Queue, ReusesElementsWithoutAllocating) {
-    PushMany(3);
-    Taken();
-    const u64 allocations = NewCallsOfThisThread();
-    for (u32 round = 0; round < 5; ++round) {
-        PushMany(3);
-        AsyncElems batch = m_queue.TakeAll();
-        m_queue.Recycle(batch);
-    }
-    EXPECT_EQ(NewCallsOfThisThread(), allocations);
-}
-
 TEST_F(Queue, AReusedElementIsLikeANewOne) {
     std::atomic<i64> position{0};
     CAsyncQueueElem* elem = m_queue.NewElem();
@@ -131,12 +119,6 @@ TEST_F(Queue, KeepsNoMoreThan16384ElementsForReuse) {
     EXPECT_EQ(NewCallsOfThisThread(), allocations);
     PushMany(1);
     EXPECT_EQ(NewCallsOfThisThread(), allocations + 1);
-}
-
-TEST_F(Queue, HasNoElementWhenThereIsNoMemory) {
-    const FailNthNew fault(1);
-    EXPECT_EQ(m_queue.NewElem(), nullptr);
-    EXPECT_TRUE(fault.Struck());
 }
 
 TEST_F(Queue, ThatIsClosedGivesWhatItHeldAndAcceptsNothing) {
@@ -269,28 +251,6 @@ TEST_F(Buffer, SettlingReleasesEachPieceOnceAndTellsWhenABlockHasNoneLeft) {
     EXPECT_TRUE(Settle());
     EXPECT_EQ(m_pending, 1);
     EXPECT_EQ(other, 0);
-}
-
-TEST_F(Buffer, HoldsNothingOfAPieceThatItHasNoMemoryFor) {
-    Make(10);
-    {
-        const FailNthNew fault(1);
-        EXPECT_EQ(Place("abc", 0, &m_pending), nullptr);
-    }
-    EXPECT_TRUE(m_buffer->IsEmpty());
-}
-
-TEST_F(Buffer, AllocatesNothingOnceItWasFull) {
-    Make(8);
-    for (u32 n = 0; n < 8; ++n) {
-        m_buffer->Place({&m_byte, 1, &m_pending, nullptr}, n);
-    }
-    Settle();
-    const u64 allocations = NewCallsOfThisThread();
-    for (u32 n = 0; n < 8; ++n) {
-        m_buffer->Place({&m_byte, 1, &m_pending, nullptr}, n);
-    }
-    EXPECT_EQ(NewCallsOfThisThread(), allocations);
 }
 
 TEST_F(Buffer, APieceWithoutACountReleasesNothing) {

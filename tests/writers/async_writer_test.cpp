@@ -81,14 +81,6 @@ TEST_F(AsyncWriterBuffer, TakesEveryPieceThatIsNotLargerThanIt) {
     }
 }
 
-TEST_F(AsyncWriterBuffer, OfNoBytesMeansOneSystemWriteForEachElement) {
-    m_options.bufferCapacity = 0;
-    EXPECT_EQ(WritesOf({10, 20, 30}), (Sizes{10, 20, 30}));
-    ASSERT_EQ(QueueRun(NewBlock(5), 1, 2000), RC_OK);
-    RunBatch();
-    EXPECT_EQ(WriteSizes(), (Sizes{10, 20, 30, 5, 32}));
-}
-
 TEST_F(AsyncWriter, LogsAWriteOfTheBuffer) {
     WritesOf({10, 20});
     EXPECT_EQ(m_log.CountContaining(" Size: 30 m_fileCurrWritePos: 1056 "), 1U) << m_log;
@@ -110,18 +102,6 @@ TEST_F(AsyncWriter,
     ASSERT_EQ(Async().BeginTransaction(), RC_OK);
     RunBatch();
     EXPECT_EQ(WriteSizes(), (Sizes{10, 20, 33, 12}));
-}
-
-TEST_F(AsyncWriter, AcceptsWorkWhileItWrites) {
-    RunAll();
-    m_calls.m_writes.Shut();
-    QueueBlock(10);
-    m_calls.m_writes.WaitUntilHeld();
-    QueueBlock(20);
-    QueueBlock(30);
-    m_calls.m_writes.Open();
-    ASSERT_EQ(Async().CompleteAsyncTasks(), RC_OK);
-    EXPECT_EQ(FileBytes(kStart, 60), AllData());
 }
 
 TEST_F(AsyncWriter, CompletingWaitsUntilEverythingIsInTheFile) {
@@ -276,18 +256,6 @@ TEST_F(AsyncArguments, AClosedFileAnswersNoWriter) {
     RunAll();
     EXPECT_EQ(Async().Rollback(), RC_NO_WRITER);
     EXPECT_EQ(Async().CompleteAsyncTasks(), RC_OK);
-}
-
-TEST_F(AsyncFillIn, OffsetsAreThoseInTheFile) {
-    TestBlock& first = QueueBlock(30);
-    TestBlock& second = QueueBlock(40);   // in one buffer with the first
-    TestBlock& direct = QueueBlock(200);  // larger than the buffer
-    TestBlock& last = QueueBlock(5);
-    RunBatch();
-    EXPECT_EQ(first.position, kStart);
-    EXPECT_EQ(second.position, kStart + 30);
-    EXPECT_EQ(direct.position, kStart + 70);
-    EXPECT_EQ(last.position, kStart + 270);
 }
 
 TEST_F(AsyncFillIn, AnOffsetThatIsKnownStays) {

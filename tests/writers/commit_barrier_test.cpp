@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "writers/async_storage_writer.h"
 #include "writers/writer_fixture.h"
 
 namespace k9erepl::test {
@@ -38,24 +37,6 @@ class CommitBarrier : public WriterTest {
         platform::TheSystemCalls().flushFile = RecordFlush;
         m_state.forceFlush = true;
         m_state.commitBarrier = true;
-    }
-
-    // A run, a commit block behind a record, a commit block alone, a run larger than the growth
-    // step, one that ends where the file ended; growth in steps of 100 bytes.
-    Bytes FileOfRuns(bool barrier) {
-        m_writer.reset();
-        ResizeFile(m_path, kNewFileSize);
-        m_state.commitBarrier = barrier;
-        m_state.fileSizeDelta = 100;
-        m_state.fileSize = kNewFileSize;
-        m_state.lastCommitSequence = kFirstSequence;
-        EXPECT_EQ(CommitRecord(1, 2000), RC_OK);
-        EXPECT_EQ(AppendRecord(2), RC_OK);
-        EXPECT_EQ(AppendRun({}, 2, 3000), RC_OK);
-        EXPECT_EQ(AppendRun({}, 2, 4000), RC_OK);
-        EXPECT_EQ(AppendRun(Record(3, 500), 3, 5000), RC_OK);
-        EXPECT_EQ(CommitRecord(4, 6000), RC_OK);
-        return FileBytes();
     }
 };
 
@@ -94,11 +75,6 @@ TEST_F(CommitBarrier, MakesTheFileGrowBeforeTheFlush) {
     EXPECT_EQ(SetEnds(), setEnds + 1);
     EXPECT_EQ(FileLength(), kNewFileSize + 200);
     EXPECT_EQ(g_calls, (Calls{"write 54", "flush", "write 32"}));
-}
-
-TEST_F(CommitBarrier, LeavesTheSameBytesAsWithoutIt) {
-    EXPECT_EQ(FileOfRuns(true), FileOfRuns(false));
-    EXPECT_EQ(Items(m_path), "C0 R1 C1 R2 C2 C2 R3 C3 R4 C4");
 }
 
 TEST_F(CommitBarrier, IsOffByDefaultAndHasNoEffectWithoutForceFlush) {
@@ -153,17 +129,6 @@ TEST_F(CommitBarrier, AFailedFlushIsTriedAgainByTheNextCommitBlock) {
     g_calls.clear();
     ASSERT_EQ(AppendRun({}, 1, 3000), RC_OK);
     EXPECT_EQ(g_calls, (Calls{"flush", "write 32"}));
-}
-
-TEST_F(CommitBarrier, TheAsynchronousWriterForcesOnlyWhenItStopsAllTheSame) {
-    AsyncStorageWriter writer(&m_state, {});
-    ASSERT_EQ(writer.SetWritePos(kStart, true), RC_OK);
-    TCommitBlock block = NewCommitBlock(2000, 0);
-    ASSERT_EQ(
-        writer.Write(reinterpret_cast<u8*>(&block), kCommitBlockSize, &block, nullptr, 0, nullptr),
-        RC_OK);
-    ASSERT_TRUE(writer.Shutdown());
-    EXPECT_EQ(g_calls, (Calls{"write 32", "flush"}));
 }
 
 }  // namespace

@@ -45,13 +45,6 @@ TEST_F(Rollback, ARetriedCommitLinksToTheBlockBeforeTheTransaction) {
     EXPECT_EQ(Items(m_path), "C0 R1 C1 R2 R3 C3");
 }
 
-TEST_F(Rollback, WithoutATransactionDoesNothing) {
-    ASSERT_EQ(CommitRecord(1, 2000), RC_OK);
-    EXPECT_EQ(Writer().Rollback(), RC_OK);
-    EXPECT_EQ(Writer().WritePos(), kAfterFirst);
-    EXPECT_EQ(m_state.lastCommitSequence, 2000U);
-}
-
 TEST_F(Rollback, ANewWritePositionEndsTheTransaction) {
     ASSERT_EQ(AppendRecord(1), RC_OK);
     ASSERT_EQ(Writer().BeginTransaction(), RC_OK);
@@ -73,12 +66,6 @@ TEST_F(Rollback, AFailedSeekIsReportedAndTheNextWriteStillLandsAtTheStart) {
     ASSERT_EQ(Writer().BeginTransaction(), RC_OK);
     ASSERT_EQ(CommitRecord(2, 4000), RC_OK);
     EXPECT_EQ(Items(m_path), "C0 R1 C1 R2 C2");
-}
-
-TEST_F(Rollback, OnAClosedFileAnswersNoWriter) {
-    Writer().CloseFile();
-    EXPECT_EQ(Writer().BeginTransaction(), RC_NO_WRITER);
-    EXPECT_EQ(Writer().Rollback(), RC_NO_WRITER);
 }
 
 class AbandonedTail : public WriterTest {
@@ -223,16 +210,6 @@ TEST_F(AbandonedTail, RightBehindTheFirstCommitBlockKeepsTheFileAsLongAsANewOne)
     EXPECT_EQ(Items(m_path), "C0 R1");
 }
 
-TEST_F(AbandonedTail, RightBehindTheFirstCommitBlockIsZeroedByOneSmallWrite) {
-    LeaveGhost();
-    const u32 writes = CallCount(SystemCall::kWrite);
-    FailSetEnd(1);
-    ASSERT_EQ(AppendRecord(1), RC_SYSTEM_ERROR);
-    EXPECT_EQ(CallCount(SystemCall::kWrite), writes + 1);
-    EXPECT_EQ(FileBytes(kStart, 9), Bytes(8) + Bytes{Record(1, 10).at(8)});
-    EXPECT_EQ(Items(m_path), "C0");
-}
-
 TEST_F(AbandonedTail, IsOnTheDiskBeforeTheWriteWithForceFlush) {
     m_state.forceFlush = true;
     ASSERT_EQ(CommitRecord(1, 2000), RC_OK);
@@ -242,18 +219,6 @@ TEST_F(AbandonedTail, IsOnTheDiskBeforeTheWriteWithForceFlush) {
     ASSERT_EQ(AppendRecord(1), RC_SYSTEM_ERROR);
     EXPECT_EQ(Flushes(), 1U);
     EXPECT_TRUE(AllZeroFrom(position));
-}
-
-TEST_F(AbandonedTail, OfARollbackIsClearedWhenAsked) {
-    const Bytes ghost = LeaveGhost();
-    EXPECT_EQ(Writer().ClearUndone(), RC_OK);
-    EXPECT_TRUE(AllZeroFrom(kStart));
-    EXPECT_EQ(FileLength(), static_cast<i64>(ghost.size()));
-    EXPECT_EQ(SetEnds(), 2U);
-    ASSERT_EQ(Writer().ClearUndone(), RC_OK);
-    ASSERT_EQ(AppendRecord(1), RC_OK);
-    EXPECT_EQ(SetEnds(), 2U) << "once";
-    EXPECT_EQ(Items(m_path), "C0 R1");
 }
 
 TEST_F(AbandonedTail, ThatWasNeverThereIsNotCleared) {

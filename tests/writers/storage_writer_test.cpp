@@ -76,13 +76,6 @@ TEST_F(Write, StampsTheCommitBlockWithTheLastSequenceAndTheClearRevision) {
     EXPECT_EQ(m_state.lastCommitSequence, 2000U);
 }
 
-TEST_F(Write, LinksEachCommitBlockToTheOneBefore) {
-    ASSERT_EQ(CommitRecord(1, 2000), RC_OK);
-    ASSERT_EQ(CommitRecord(2, 500), RC_OK);
-    ASSERT_EQ(CommitRecord(3, 4000), RC_OK);
-    EXPECT_EQ(Items(m_path), "C0 R1 C1 R2 C2 R3 C3");
-}
-
 TEST_F(Write, TellsOncePerCommitBlockWhenEverythingIsSettled) {
     Listen();
     ASSERT_EQ(AppendRecord(1), RC_OK);
@@ -113,6 +106,12 @@ TEST_F(Write, OnAClosedFileAnswersNoWriterAndNothingIsEverQueued) {
     EXPECT_EQ(Writer().WritePos(), kStart);
     EXPECT_EQ(Writer().CompleteAsyncTasks(), RC_OK);
     EXPECT_EQ(Writer().WaitReleaseBlock(), RC_OK);
+    EXPECT_EQ(Writer().BeginTransaction(), RC_NO_WRITER);
+    EXPECT_EQ(Writer().Rollback(), RC_NO_WRITER);
+    EXPECT_EQ(Writer().FlushFile(), RC_NO_WRITER);
+    m_state.forceFlush = true;
+    EXPECT_EQ(Writer().FlushFile(), RC_NO_WRITER);
+    EXPECT_EQ(Flushes(), 0U);
 }
 
 TEST_F(Write, ThatFailsOrStaysShortIsReportedAndChangesNothing) {
@@ -253,24 +252,6 @@ TEST_F(FlushFile, FlushesOnlyWithForceFlushAndNamesTheFlushedRevision) {
     EXPECT_EQ(Flushes(), 1U);
     const LoggedMessage expected{K9SYS_LOG_INFO, "k9eRepl-storage", "FlushFile flushedRev 7", 0};
     EXPECT_EQ(m_log.Messages(), std::vector{expected}) << m_log;
-}
-
-TEST_F(FlushFile, AFailureIsReported) {
-    m_state.forceFlush = true;
-    Writer();
-    FailFlush(1);
-    EXPECT_EQ(Writer().FlushFile(), RC_SYSTEM_ERROR);
-    EXPECT_EQ(m_log.CodeOf("FlushFileBuffers failed;" + SysErr(SystemErrorKind::kInputOutput)),
-              RC_SYSTEM_ERROR)
-        << m_log;
-}
-
-TEST_F(FlushFile, OnAClosedFileAnswersNoWriter) {
-    Writer().CloseFile();
-    EXPECT_EQ(Writer().FlushFile(), RC_NO_WRITER);
-    m_state.forceFlush = true;
-    EXPECT_EQ(Writer().FlushFile(), RC_NO_WRITER);
-    EXPECT_EQ(Flushes(), 0U);
 }
 
 }  // namespace
