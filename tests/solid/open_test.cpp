@@ -5,7 +5,6 @@
 #include <utility>
 
 #include "solid/solid_fixture.h"
-#include "support/new_fault.h"
 
 namespace k9erepl::test {
 namespace {
@@ -47,6 +46,9 @@ TEST_F(OpenSolid, LogsWhatIsGiven) {
               (Texts{"Use force_flush yes", "Use write_through no", "Use file_size_delta 3145728",
                      "Use  async_mode 'no'", "Use  read_buffers_count 2"}));
     EXPECT_EQ(m_result, RC_OK);
+    EXPECT_EQ(Logged(K9SYS_LOG_INFO, "file_size_delta=99999999999").at(2),
+              "Use file_size_delta 2251799812636672")
+        << "the limit of numbers";
 }
 
 TEST_F(OpenSolid, ReadsWordsByTheirPrefixAndAnEmptySettingAsAbsent) {
@@ -88,12 +90,6 @@ TEST_F(OpenSolid, RefusesOtherValues) {
     ExpectRefused(RC_BAD_SIZE, "async_mode=maybe", "Storage Writer creating failed.");
     ExpectRefused(RC_BAD_SIZE, "read_buffers_count=33",
                   "Wrong 'read_buffers_count' value (33); valid range is 1-32");
-}
-
-TEST_F(OpenSolid, TakesSizesUpToTheLimitOfNumbers) {
-    const Texts texts = Logged(K9SYS_LOG_INFO, "file_size_delta=99999999999");
-    EXPECT_EQ(m_result, RC_OK);
-    EXPECT_EQ(texts.at(2), "Use file_size_delta 2251799812636672");
 }
 
 TEST_F(OpenSolid, RefusesASecondOpening) {
@@ -197,24 +193,6 @@ TEST_F(OpenSolid, FailsWithEachOfItsCallsAndLeavesNoHandle) {
     ExpectRefused(RC_NO_MEMORY, "", "Couldn't allocate memory for 8 read buffers");
     Open();
     EXPECT_EQ(Scanned(), Items{"commit 0 0"});
-}
-
-TEST_F(OpenSolid, FailsWithAnyOfItsAllocations) {
-    K9SysSetLogLevel(nullptr, K9SYS_LOG_OFF);  // collecting messages allocates, too
-    const std::string path = Path();
-    const std::string conn = Conn("async_mode=no;force_flush=no-or-something-just-as-long");
-    u32 rc = RC_NO_MEMORY;
-    u32 struck = 0;
-    while (rc != RC_OK) {
-        {
-            const FailNthNew fault(struck + 1);
-            rc = m_solid.Open(path, conn.c_str());
-            EXPECT_EQ(rc, fault.Struck() ? RC_NO_MEMORY : RC_OK);
-        }
-        struck += rc == RC_OK ? 0U : 1U;
-        EXPECT_EQ(OpenDescriptors(), m_descriptors + (rc == RC_OK ? 2U : 0U)) << struck;
-    }
-    EXPECT_GE(struck, 3U);  // the path, the writer, the table of read buffers
 }
 
 TEST_F(SolidTest, AClosedStorageFileAnswersNoWriterEverywhere) {

@@ -2,9 +2,6 @@
 #include "solid/squeeze_fixture.h"
 
 #include <algorithm>
-#include <iterator>
-
-#include "platform/file_names.h"
 
 namespace k9erepl::test {
 
@@ -140,15 +137,6 @@ constexpr Step kSteps[] = {
      false},
 };
 
-// The handle that made and locked the new file, unless its name can change only while it is closed.
-const bool kNewFileStaysOpen = platform::kOpenFilesCanBeRenamed;
-
-struct CallsOfAKind {
-    SystemCall call;
-    u32 others;  // tried by a test of its own, or without effect
-    u32 before;
-};
-
 }  // namespace
 
 std::span<const Step> StepsOfEverySqueeze() {
@@ -182,37 +170,6 @@ void SqueezeFailure::ExpectOnlyTheOldFile(Left left) {
     EXPECT_EQ(WrittenBytes(), BytesLeft(left));
     EXPECT_FALSE(Exists(Temporary()));
     EXPECT_FALSE(Exists(Backup()));
-}
-
-void SqueezeFailure::ExpectTried(std::span<const Step> names) {
-    CallsOfAKind kinds[] = {{kWrite, 1, 0},
-                            {kFlush, 0, 0},
-                            {kTell, 0, 0},
-                            {kSeek, 0, 0},
-                            {kRead, 0, 0},
-                            {kOpen, 0, 0},
-                            {kTakeOwnerAndMode, 0, 0},
-                            {kAlloc, 2, 0},
-                            {kSetEnd, 0, 0},
-                            {kLink, 0, 0},
-                            {kRename, 0, 0},
-                            {kFlushDirectory, 0, 0},
-                            {kFileSize, 0, 0},
-                            {kRemove, 1, 0},
-                            {kClose, kNewFileStaysOpen ? 2U : 3U, 0},
-                            {kLockFile, kNewFileStaysOpen ? 0U : 1U, 0},
-                            {kMakeDirectory, 0, 0}};
-    for (CallsOfAKind& kind : kinds) {
-        kind.before = CallCount(kind.call);
-    }
-    EXPECT_EQ(Squeeze(), RC_OK);
-    for (const CallsOfAKind& kind : kinds) {
-        const auto ofThisKind = [&](const Step& step) { return step.call == kind.call; };
-        const auto steps = std::count_if(std::begin(kSteps), std::end(kSteps), ofThisKind) +
-                           std::count_if(names.begin(), names.end(), ofThisKind);
-        EXPECT_EQ(CallCount(kind.call) - kind.before, static_cast<u32>(steps) + kind.others)
-            << static_cast<int>(kind.call);
-    }
 }
 
 }  // namespace k9erepl::test

@@ -97,9 +97,6 @@ class SqueezeFailure : public SqueezeTest {
     // Nothing but the storage file lies in the folder, and that is the old one.
     void ExpectOnlyTheOldFile(Left left);
     void LinkNothing() { Fail(SystemCall::kLink, 1, SystemErrorKind::kNotSupported); }
-    // A squeeze makes the calls of `names`, which change names, and of the steps that every squeeze
-    // has, and no other.
-    void ExpectTried(std::span<const Step> names);
 
     const std::string m_ioError = SysErr(SystemErrorKind::kInputOutput);
 };

@@ -68,24 +68,6 @@ TEST_F(Squeezed, SaysWhatItDoes) {
     EXPECT_EQ(m_log.Texts(K9SYS_LOG_INFO), m_log.Texts());
 }
 
-TEST_F(Squeezed, IsEnumeratedFromItsNewOffsets) {
-    EXPECT_EQ(Enumerated(1, 9).size(), 5U);  // fills the read buffers
-    EXPECT_EQ(Squeeze(), RC_OK);
-    EXPECT_EQ(Enumerated(1, 9), (Items{"record 4 at 1056: four", "record 5 at 1116: five"}));
-    WriteTransaction(6, "six");
-    EXPECT_EQ(Enumerated(6, 6), Items{"record 6 at 1208: six"});
-}
-
-TEST_F(Squeezed, MayBeRepeated) {
-    EXPECT_EQ(Squeeze(), RC_OK);
-    EXPECT_EQ(Squeeze({.clearRev = 5, .copyFrom = 1116, .commitOffset = 1144, .keepBackup = true}),
-              RC_OK);
-    EXPECT_EQ(m_shift, 1056 - 1116);
-    EXPECT_EQ(ItemsOfFile(), (Items{"commit 0 5", "record 5 at 1056: five", "commit 0 5",
-                                    "commit 4 5", "commit 5 5"}));
-    EXPECT_EQ(ReadBytes(Backup()), NewBytes());
-}
-
 TEST_F(Squeezed, OfEverythingChangesOnlyWhatItAppends) {
     EXPECT_EQ(Squeeze({.clearRev = 0, .copyFrom = 1056, .commitOffset = 1110}), RC_OK);
     EXPECT_EQ(m_shift, 0);

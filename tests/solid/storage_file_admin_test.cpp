@@ -169,9 +169,6 @@ TEST_F(CreateStorageFileTest, TheInitialSizeIsFilledWithZerosAndNotRefusedHere) 
     }
 }
 
-using platform::File;
-using platform::FileDisposition;
-
 using CreateFailure = SolidTest;
 
 TEST_F(CreateFailure, IsReportedAndLeavesNoFile) {
@@ -248,21 +245,6 @@ TEST_F(CreateFailure, AFolderThatMayNotBeReadIsNone) {
     EXPECT_EQ(DeleteStorageFile(Conn().c_str()), RC_OK);
     EXPECT_EQ(m_log.Count(warning), 2U) << m_log;
     EXPECT_TRUE(m_log.Texts(K9SYS_LOG_ERROR).empty()) << m_log;
-}
-
-TEST_F(SolidTest, InitNewFileReportsTheSizeAndStandsAtTheFirstItem) {
-    const TFileHeader header = NewFileHeader();
-    for (const i64 asked : {i64{-1}, i64{0}, i64{1064}, i64{1065}}) {
-        File file;
-        ASSERT_TRUE(file.Open(Path().c_str(), {.disposition = FileDisposition::kCreateAlways}));
-        i64 size = asked;
-        EXPECT_EQ(InitNewFile(file, header, NewCommitBlock(7, 0), &size), RC_OK);
-        EXPECT_EQ(size, asked > 1064 ? asked : 1064);
-        EXPECT_EQ(FileSize(Path()), size);
-        i64 position = 0;
-        EXPECT_TRUE(file.Tell(&position));
-        EXPECT_EQ(position, 1056);
-    }
 }
 
 TEST_F(SolidTest, DeleteStorageFileDeletesTheFileAndNothingElse) {

@@ -32,16 +32,6 @@ class ScanTail : public SolidTest {
     std::size_t Zeroings() const { return m_log.CountContaining("Abandoned data was cleared;"); }
 };
 
-// A commit block of an undone transaction, linked to the commit block of the first transaction.
-FileBuilder GhostAt(i64 offset) {
-    FileBuilder file;
-    file.NewFile().Record(1, "one").Record(2, "two").Commit(0, 2);
-    TCommitBlock ghost = NewCommitBlock(0x666, 9);
-    ghost.prevSequence = file.LastSequence();
-    file.Fill(static_cast<std::size_t>(offset - file.Size()), 0xEE);
-    return file.RawCommit(ghost);
-}
-
 TEST_F(ScanTail, ATransactionCutAtAnyByteIsGone) {
     const FileBuilder whole = TwoTransactions();
     for (i64 size = kFirstEnd; size < whole.Size(); ++size) {
@@ -55,16 +45,6 @@ TEST_F(ScanTail, ATransactionCutAtAnyByteIsGone) {
         m_solid.Close();
         EXPECT_EQ(ItemsOfFile().back(), "commit 0 3") << size;
     }
-}
-
-TEST_F(ScanTail, ACutOffTransactionIsHandedOutButNotFlushed) {
-    Open(TwoTransactions().CutTo(1171).Zeros(40));
-    EXPECT_EQ(Scanned(), (Items{"commit 0 0", "record 1 at 1056: one", "record 2 at 1083: two",
-                                "commit 0 2", "record 3 at 1142: three"}));
-    EXPECT_EQ(m_log.Texts(),
-              (Texts{"Loading stopped due to wrong signature (0x00000000) at offset 1171",
-                     "Min rev: 0, max rev: 2, valid commit offset 1110, prevRecRev 3"}));
-    EXPECT_EQ(FlushedRev(), 2);
 }
 
 TEST_F(ScanTail, IsZeroedBeforeTheFirstWriteAndStaysUntilThen) {
@@ -103,18 +83,6 @@ TEST_F(ScanTail, IsZeroedUnlessItIsKnownToBeZeros) {
     }
 }
 
-TEST_F(ScanTail, AGhostCommitIsNeverBorrowed) {
-    // The records that are written next end where a commit block of an undone transaction lies,
-    // and the process ends before their own commit block is written.
-    Open(GhostAt(1142 + 29));
-    EXPECT_EQ(Scanned().back(), "commit 0 2");
-    EXPECT_EQ(WriteRecord(3, "three", false), kFirstEnd);
-    m_solid.Close();
-    EXPECT_EQ(ItemsOfFile(), (Items{"commit 0 0", "record 1 at 1056: one", "record 2 at 1083: two",
-                                    "commit 0 2", "record 3 at 1142: three"}));
-    EXPECT_TRUE(m_log.Has("Min rev: 0, max rev: 2, valid commit offset 1110, prevRecRev 3"));
-}
-
 TEST_F(ScanTail, AScanEmptiesTheReadBuffers) {
     Open(TwoTransactions());
     Scanned();
@@ -122,19 +90,6 @@ TEST_F(ScanTail, AScanEmptiesTheReadBuffers) {
     PatchBytes(Path(), 1080, std::vector<u8>{'O', 'N', 'E'});
     Scanned();
     EXPECT_EQ(Enumerated(1, 1), Items{"record 1 at 1056: ONE"});
-}
-
-TEST_F(ScanTail, ARescanOfAStorageInUseSeesWhatWasWritten) {
-    Open(TwoTransactions());
-    Scanned();
-    WriteTransaction(4, "four");
-    WriteTransaction(5, "five");
-    Items expected = TwoTransactionsItems();
-    expected.insert(expected.end(), {"record 4 at 1203: four", "commit 0 4",
-                                     "record 5 at 1263: five", "commit 0 5"});
-    EXPECT_EQ(Scanned(), expected);
-    EXPECT_EQ(FlushedRev(), 5);
-    EXPECT_EQ(WriteTransaction(6, "six"), 1323);
 }
 
 TEST_F(ScanTail, ARescanBringsNoUndoneTransactionBack) {
@@ -244,26 +199,6 @@ TEST_F(DamagedTail, ThatAlsoRaisedARevisionAtTheStopIsReported) {
     LoadScan();
     EXPECT_EQ(m_log.CountContaining("Damage in the middle"), 1U) << m_log;
     EXPECT_EQ(ReadBytes(Copy(1)), TailOfFile(RunAt(2)));
-}
-
-TEST_F(DamagedTail, IsFoundBehindWhatEndsTheScanInOtherWays) {
-    // The chain is broken at the stop itself.
-    FiveRuns().Save(Path());
-    PatchBytes(Path(), RunAt(2) + 27 + 8, std::vector<u8>{0x55, 0x55});
-    Open();
-    LoadScan();
-    EXPECT_TRUE(m_log.Has("Damage in the middle of file '" + Path() + "';offset " +
-                          std::to_string(RunAt(3) + 27) + ",last good rev 2,revs beyond 4-5"))
-        << m_log;
-}
-
-TEST_F(DamagedTail, IsNotMadeOfATornEnd) {
-    for (i64 size = RunAt(4); size <= RunAt(6); ++size) {
-        Open(FiveRuns().CutTo(size).Fill(60, 0xEE));
-        LoadScan();
-        ExpectNothing();
-        m_solid.Close();
-    }
 }
 
 TEST_F(DamagedTail, IsNotMadeOfOldItemsBehindANewBeginning) {

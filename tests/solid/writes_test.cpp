@@ -70,24 +70,6 @@ TEST_F(SolidWrites, ARollbackRestoresPositionRevisionAndChain) {
     EXPECT_EQ(ItemsOfFile(), With({"record 4 at 1203: again", "commit 0 4"}));
 }
 
-TEST_F(SolidWrites, ARollbackReportsItsFailure) {
-    EXPECT_EQ(m_solid.BeginTransaction(), RC_OK);
-    WriteRecord(4, "four");
-    FailSeek(1);
-    EXPECT_EQ(m_solid.RollbackWrites(), RC_SYSTEM_ERROR);
-    EXPECT_EQ(FlushedRev(), 3);
-    EXPECT_EQ(WriteTransaction(4, "again"), kTwoTransactionsEnd);
-    EXPECT_EQ(ItemsOfFile().back(), "commit 0 4");
-}
-
-TEST_F(SolidWrites, AScanForgetsTheTransaction) {
-    EXPECT_EQ(m_solid.BeginTransaction(), RC_OK);
-    WriteRecord(4, "four");
-    EXPECT_EQ(Scan(), RC_OK);
-    EXPECT_EQ(m_solid.RollbackWrites(), RC_OK);
-    EXPECT_EQ(FlushedRev(), 4);
-}
-
 TEST_F(SolidWrites, ACommitAndAClearRevisionAreFlushedToTheDiskOnlyWithForceFlush) {
     SKIP_WHEN_ASYNC("a flush to the disk by each commit");
     WriteTransaction(4, "four");
@@ -98,52 +80,6 @@ TEST_F(SolidWrites, ACommitAndAClearRevisionAreFlushedToTheDiskOnlyWithForceFlus
     EXPECT_EQ(CallCount(SystemCall::kFlush), 1U);
     EXPECT_EQ(m_solid.SetClearRev(2), RC_OK);
     EXPECT_EQ(CallCount(SystemCall::kFlush), 2U);
-}
-
-TEST_F(SolidWrites, ACommitReportsAFailedFlush) {
-    SKIP_WHEN_ASYNC("a flush to the disk by each commit");
-    Reopen("force_flush=yes");
-    EXPECT_EQ(Scan(), RC_OK);
-    EXPECT_EQ(m_solid.BeginTransaction(), RC_OK);
-    WriteRecord(4, "four");
-    FailFlush(1);
-    EXPECT_EQ(m_solid.Commit(), RC_SYSTEM_ERROR);
-    EXPECT_EQ(m_solid.RollbackWrites(), RC_OK);
-    EXPECT_EQ(WriteTransaction(4, "again"), kTwoTransactionsEnd);
-}
-
-TEST_F(SolidWrites, NotifyOncePerCommitBlock) {
-    std::vector<i64> revisions;
-    const K9eReplFlushCb callback = [](std::int64_t rev, void* ctx) {
-        static_cast<std::vector<i64>*>(ctx)->push_back(rev);
-    };
-    EXPECT_EQ(m_solid.SetWrittenRevisionCallback(callback, &revisions), RC_OK);
-    WriteRecord(4, "four", false);
-    WriteRecord(5, "five");
-    WriteRecord(6, "six");
-    EXPECT_EQ(m_solid.SetWrittenRevisionCallback(nullptr, nullptr), RC_OK);
-    WriteRecord(7, "seven");
-    EXPECT_EQ(revisions, (std::vector<i64>{5, 6}));
-}
-
-class NestedWrites : public SolidWrites {
-  protected:
-    // Writes one more transaction when revision 4 is announced.
-    static void OnWritten(std::int64_t rev, void* ctx) {
-        if (rev == 4) {
-            static_cast<NestedWrites*>(ctx)->WriteRecord(5, "five");
-        }
-    }
-};
-
-TEST_F(NestedWrites, TheNotificationMayWriteAndNothingOfItIsTakenBack) {
-    SKIP_WHEN_ASYNC("the notification may write");
-    m_solid.SetWrittenRevisionCallback(&OnWritten, this);
-    WriteRecord(4, "four");
-    EXPECT_EQ(FlushedRev(), 5);
-    EXPECT_EQ(ItemsOfFile(), With({"record 4 at 1203: four", "commit 0 4", "record 5 at 1263: five",
-                                   "commit 0 5"}));
-    EXPECT_EQ(Enumerated(5, 5), Items{"record 5 at 1263: five"});
 }
 
 class ClearRev : public SolidWrites {
@@ -187,16 +123,6 @@ TEST_F(ClearRev, NeverFalls) {
     EXPECT_EQ(m_solid.SetClearRev(2), RC_OK);
     EXPECT_EQ(NextClearRev(4), 3);
     EXPECT_EQ(ItemsOfFile().size(), With({"", "", "", ""}).size());
-}
-
-TEST_F(ClearRev, IsAnnouncedWithTheFlushedRevision) {
-    std::vector<i64> revisions;
-    m_solid.SetWrittenRevisionCallback(
-        [](std::int64_t rev, void* ctx) { static_cast<std::vector<i64>*>(ctx)->push_back(rev); },
-        &revisions);
-    EXPECT_EQ(m_solid.SetClearRev(2), RC_OK);
-    EXPECT_EQ(m_solid.CompleteAsyncTasks(), RC_OK);
-    EXPECT_EQ(revisions, std::vector<i64>{3});
 }
 
 TEST_F(ClearRev, ThatCannotBeWrittenStaysAsItWas) {

@@ -72,11 +72,6 @@ constexpr Step kLinks[] = {
 INSTANTIATE_TEST_SUITE_P(Links, SqueezeStep, ::testing::ValuesIn(kLinks),
                          [](const auto& step) { return std::string(step.param.name); });
 
-TEST_F(SqueezeLinks, AreTriedForEveryCallThatASqueezeMakes) {
-    SKIP_WHEN_ASYNC("the number of calls");
-    ExpectTried(kLinks);
-}
-
 class SqueezeSymbolicLink : public SqueezeLinks {
   protected:
     // The storage's path becomes a symbolic link to a file in a folder of its own.
