@@ -19,22 +19,21 @@ u32 LoadPass::ScanOn(CSolidStorage& file) {
     return file.ScanOn(&PlaceRecord, &TakeCommit, this);
 }
 
+// The way of every record of a load, so the body stands here and not in a member function.
 std::uint32_t LoadPass::PlaceRecord(std::uint64_t offset, const K9eReplRec* rec, void* ctx) {
-    return static_cast<LoadPass*>(ctx)->OnRecord(static_cast<i64>(offset), *rec);
+    auto& pass = *static_cast<LoadPass*>(ctx);
+    if (u32 rc = pass.m_blocks.Place(*rec, static_cast<i64>(offset)); rc != RC_OK) [[unlikely]] {
+        LOG_ERROR_CODE(rc, kLogStorage, "Failed to insert rec while load;rev %I64d", i64{rec->rev});
+        return rc;
+    }
+    pass.m_loadedRev = rec->rev;
+    LOG_INFO(kLogStorage, "Loaded rec;rev %I64d; size %P", i64{rec->rev},
+             std::size_t{rec->dataSize});
+    return RC_OK;
 }
 
 std::uint32_t LoadPass::TakeCommit(void* ctx, std::int64_t clearRev, std::int64_t commitRev) {
     return static_cast<LoadPass*>(ctx)->OnCommit(clearRev, commitRev);
-}
-
-u32 LoadPass::OnRecord(i64 offset, const K9eReplRec& rec) {
-    if (u32 rc = m_blocks.Place(rec, offset); rc != RC_OK) {
-        LOG_ERROR_CODE(rc, kLogStorage, "Failed to insert rec while load;rev %I64d", i64{rec.rev});
-        return rc;
-    }
-    m_loadedRev = rec.rev;
-    LOG_INFO(kLogStorage, "Loaded rec;rev %I64d; size %P", i64{rec.rev}, std::size_t{rec.dataSize});
-    return RC_OK;
 }
 
 u32 LoadPass::OnCommit(i64 clearRev, i64 commitRev) {

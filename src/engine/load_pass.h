@@ -38,7 +38,6 @@ class LoadPass {
     // The callbacks of the scan, for one record and for one commit block; `ctx` is a LoadPass.
     static std::uint32_t PlaceRecord(std::uint64_t offset, const K9eReplRec* rec, void* ctx);
     static std::uint32_t TakeCommit(void* ctx, std::int64_t clearRev, std::int64_t commitRev);
-    [[nodiscard]] u32 OnRecord(i64 offset, const K9eReplRec& rec);
     // Everything placed so far is committed; what a raised clear revision removes goes.
     [[nodiscard]] u32 OnCommit(i64 clearRev, i64 commitRev);
 

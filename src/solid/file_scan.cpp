@@ -57,7 +57,7 @@ u32 FileScan::RunFrom(i64 offset) {
     }
     m_offset = offset;
     m_bufferOffset = offset;
-    m_readSize = m_extent.isLive ? kFirstLiveRead : kBufferSize;
+    m_readSize = m_extent.isLive ? kFirstLiveRead : kReadSize;
     Step step = Step::kNext;
     while (step == Step::kNext) {
         step = TakeHeldRecords();
@@ -79,19 +79,23 @@ FileScan::Step FileScan::Need(u32 size) {
     return Left() >= size ? Step::kNext : Fill(size);
 }
 
-FileScan::Step FileScan::Fill(u32 needed) {
-    assert(needed > Left());
+u32 FileScan::NextReadSize(u32 needed) {
+    const u64 several = std::min<u64>(u64{kItemsOfARead} * needed, kBufferSize);
+    const u32 size = std::max(m_readSize, static_cast<u32>(several));
+    m_readSize = std::max(size, std::min(2 * size, kReadSize));
+    return size;
+}
+
+FileScan::Step FileScan::Read(u32 size) {
+    assert(size <= kBufferSize);
     if (!m_file.Seek(m_offset)) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
                        "Cannot seek to start enum recs;offset %I64d, sys-err %r", m_offset,
                        LastSystemError());
         return Fail(RC_SYSTEM_ERROR);
     }
-    const u32 readSize = std::clamp(needed, m_readSize, kBufferSize);
-    m_readSize = std::min(2 * readSize, kBufferSize);
-    const i64 toRead = std::clamp<i64>(m_extent.fileSize - m_offset, 0, readSize);
     u32 got = 0;
-    if (!m_file.Read(m_buffer.get(), static_cast<u32>(toRead), &got)) {
+    if (!m_file.Read(m_buffer.get(), size, &got)) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Failed to read block;sys-err %r,offset %I64d",
                        LastSystemError(), m_offset);
         return Fail(RC_SYSTEM_ERROR);
@@ -103,6 +107,16 @@ FileScan::Step FileScan::Fill(u32 needed) {
             return Fail(rc);
         }
     }
+    return Step::kNext;
+}
+
+FileScan::Step FileScan::Fill(u32 needed) {
+    assert(needed > Left());
+    const i64 toRead = std::clamp<i64>(m_extent.fileSize - m_offset, 0, NextReadSize(needed));
+    if (Step step = Read(static_cast<u32>(toRead)); step != Step::kNext) {
+        return step;
+    }
+    const u32 got = Left();
     if (got < needed) {
         // A live file may have been cut and sized again.
         if (i64{got} < toRead && !m_extent.isLive) {
@@ -285,17 +299,39 @@ u32 FileScan::Finish() {
         return RC_FILE_CORRUPT;
     }
     assert(m_result.validCommitOffset >= kFirstCommitOffset);
+    m_result.stopOffset = m_offset;
+    m_result.stopInUse = Left() >= kSignatureSize && AnyNonZero(Here(), kSignatureSize);
+    if (LookAtTail() == Step::kFail) {
+        return m_failure;
+    }
     LOG_INFO(
         kLogStorage, "Min rev: %I64d, max rev: %I64d, valid commit offset %I64d, prevRecRev %I64d",
         m_result.clearRev, m_result.lastCommitted, m_result.validCommitOffset, m_result.prevRecRev);
-    // A power cut may leave zeros where data was lost and live-looking items behind them, so what
-    // the buffer does not reach counts as in use.
-    const i64 looked = m_offset + Left();
-    m_result.tailInUse = m_offset != m_result.validCommitOffset + kCommitBlockSize ||
-                         AnyNonZero(Here(), Left()) || looked < m_extent.fileSize;
-    m_result.stopOffset = m_offset;
-    m_result.stopInUse = Left() >= kSignatureSize && AnyNonZero(Here(), kSignatureSize);
     return RC_OK;
+}
+
+// A power cut may leave zeros where data was lost and live-looking items behind them, so what is
+// not looked at counts as in use.
+FileScan::Step FileScan::LookAtTail() {
+    m_result.tailInUse = m_offset != m_result.validCommitOffset + kCommitBlockSize;
+    const i64 far = m_extent.isLive ? m_offset : m_offset + i64{kBufferSize};
+    const i64 goal = std::min(far, m_extent.fileSize);
+    while (!m_result.tailInUse) {
+        m_result.tailInUse = AnyNonZero(Here(), Left());
+        m_offset += Left();
+        if (m_offset >= goal) {
+            break;
+        }
+        if (Step step = Read(static_cast<u32>(std::min<i64>(goal - m_offset, kReadSize)));
+            step != Step::kNext) {
+            return step;
+        }
+        if (Left() == 0) {
+            break;
+        }
+    }
+    m_result.tailInUse = m_result.tailInUse || m_offset < m_extent.fileSize;
+    return Step::kNext;
 }
 
 }  // namespace k9erepl

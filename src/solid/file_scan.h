@@ -36,9 +36,15 @@ class FileScan {
   public:
     // Bytes of the buffer, and so of the largest record that can be read: 10 MiB.
     static constexpr u32 kBufferSize = kFileRecordSizeMax;
-    // Bytes of the first read of a live file, which may have little that is new; each further read
-    // doubles.
+    // Bytes of a read: few enough that the items are still in the processor's cache when they are
+    // taken, and that little of the buffer is ever touched.
+    static constexpr u32 kReadSize = 512 * 1024;
+    // The first read of a live file, which may have little that is new; each further read doubles
+    // up to kReadSize.
     static constexpr u32 kFirstLiveRead = 64 * 1024;
+    // After an item that did not fit, a read takes so many of its size, up to the whole buffer. An
+    // item at the end of a read is read twice, so reads must be larger than items.
+    static constexpr u32 kItemsOfARead = 8;
 
     // Where the scan ended. Valid after Run or Resume has returned RC_OK. Offsets are file offsets.
     struct Result : StreamEnd {
@@ -48,7 +54,8 @@ class FileScan {
         // The same for the commit block that closes the last record; 0: there is no record.
         i64 closingOffset = 0;
         TCommitBlock closing{};
-        // Behind the last accepted commit block, not every byte is known to be zero.
+        // Behind the last accepted commit block, not every byte is known to be zero. The scan looks
+        // kBufferSize bytes far; in a live file, as far as the last read went.
         bool tailInUse = false;
         // Where the first item begins that was not accepted.
         i64 stopOffset = 0;
@@ -97,6 +104,11 @@ class FileScan {
     // Reads again from the current offset on. REQUIRES: the buffer has fewer than `needed` bytes
     // there.
     Step Fill(u32 needed);
+    // The bytes that the buffer is to have after a read that needs so many.
+    u32 NextReadSize(u32 needed);
+    // The buffer receives up to `size` bytes from the current offset on, fewer at the end of the
+    // file.
+    Step Read(u32 size);
     Step CheckEnd(i64 reached);
     // Hands out the records from the current offset on for as long as they lie wholly in the buffer
     // and break no rule. TakeItem looks at what comes then. Most records go this way, so it does no
@@ -111,8 +123,12 @@ class FileScan {
     Step TestCommit(const TCommitBlock& block);
     // Remembers `rc`, the result of the scan.
     Step Fail(u32 rc);
-    // Completes the result. RC_FILE_CORRUPT, logged, when no commit block was found.
+    // Completes the result. RC_FILE_CORRUPT, logged, when no commit block was found; the errors of
+    // reading.
     [[nodiscard]] u32 Finish();
+    // Sets tailInUse to whether anything but zeros may lie from the current offset on, which it
+    // moves. Errors: m_failure.
+    Step LookAtTail();
 
     // The bytes at the current offset, and how many of them the buffer has.
     const u8* Here() const {
@@ -131,8 +147,8 @@ class FileScan {
     i64 m_bufferOffset = 0;
     // Valid bytes in the buffer; m_offset never lies outside them.
     u32 m_bufferLength = 0;
-    // Bytes of the next read, unless an item needs more.
-    u32 m_readSize = kBufferSize;
+    // Bytes of the next read, unless an item needs more; at most kBufferSize.
+    u32 m_readSize = kReadSize;
 
     // The file offset of the item being looked at.
     i64 m_offset = 0;

@@ -88,5 +88,44 @@ TEST_F(HeldItems, AFaultIsFoundBehindAnyNumberOfGoodRecords) {
     }
 }
 
+// Behind the data a scan looks for anything but zeros, in pieces of a read.
+class LookAtTail : public SolidTest {
+  protected:
+    // The first write after the scan zeroes what the scan has not seen to be zero.
+    bool IsZeroedByAWrite() {
+        EXPECT_EQ(WriteTransaction(4, "x"), kTwoTransactionsEnd);
+        return m_log.CountContaining("Abandoned data was cleared;") == 1;
+    }
+};
+
+TEST_F(LookAtTail, SeesEveryByteOfEveryPiece) {
+    constexpr i64 kSecondRead = kFirstCommitOffset + FileScan::kReadSize;
+    constexpr i64 kLastByte = kTwoTransactionsEnd + FileScan::kBufferSize - 1;
+    for (const i64 offset : {kTwoTransactionsEnd + 5, kSecondRead - 1, kSecondRead, kLastByte}) {
+        Open(TwoTransactions().Zeros(FileScan::kBufferSize));
+        PatchBytes(Path(), offset, std::vector<u8>{1});
+        Scanned();
+        EXPECT_TRUE(IsZeroedByAWrite()) << offset;
+        m_solid.Close();
+    }
+}
+
+TEST_F(LookAtTail, FailsTheScanWhenAPieceCannotBeRead) {
+    Open(TwoTransactions().Zeros(2 * FileScan::kReadSize));
+    FailRead(2);
+    EXPECT_EQ(Scan(), RC_SYSTEM_ERROR);
+    EXPECT_TRUE(m_log.Has("Failed to read block;" + SysErr(SystemErrorKind::kInputOutput) +
+                          ",offset " + std::to_string(1024 + FileScan::kReadSize)))
+        << m_log;
+    EXPECT_EQ(Scanned(), TwoTransactionsItems());
+}
+
+TEST_F(LookAtTail, TakesWhatAReadDoesNotGiveAsInUse) {
+    Open(TwoTransactions().Zeros(2 * FileScan::kReadSize));
+    ShortRead(2, 0);
+    Scanned();
+    EXPECT_TRUE(IsZeroedByAWrite());
+}
+
 }  // namespace
 }  // namespace k9erepl::test

@@ -187,10 +187,10 @@ TEST_F(ScanSizes, ARecordMayBeAsLargeAsTheBufferAndNoByteLarger) {
     EXPECT_TRUE(m_log.Has("Min rev: 0, max rev: 0, valid commit offset 1024, prevRecRev 0"));
 }
 
-TEST_F(ScanSizes, TheBuffersBorderIsCrossedWhereverItFalls) {
-    // So many bytes of record 2, or of the commit block behind it, are in the buffer's first load.
+TEST_F(ScanSizes, TheEndOfAReadIsCrossedWhereverItFalls) {
+    // So many bytes of record 2, or of the commit block behind it, are in the first read.
     for (const u32 part : {0, 1, 4, 7, 8, 23, 24, 25, 323, 324, 325, 327, 328, 355, 356, 357}) {
-        const u32 firstData = kBuffer - kCommitBlockSize - kRecordHeadSize - part;
+        const u32 firstData = FileScan::kReadSize - kCommitBlockSize - kRecordHeadSize - part;
         FileBuilder file;
         file.NewFile().LargeRecord(1, firstData).LargeRecord(2, 300).Commit(0, 2).Record(3, "end");
         const i64 second = kFirstItemOffset + kRecordHeadSize + firstData;
@@ -206,7 +206,7 @@ TEST_F(ScanSizes, TheBuffersBorderIsCrossedWhereverItFalls) {
     }
 }
 
-TEST_F(ScanSizes, ALargeFileIsReadInPiecesOfTheBuffer) {
+TEST_F(ScanSizes, LargeItemsAreReadEightAtATime) {
     FileBuilder file;
     file.NewFile();
     for (i64 rev = 1; rev <= 30; ++rev) {
@@ -218,8 +218,23 @@ TEST_F(ScanSizes, ALargeFileIsReadInPiecesOfTheBuffer) {
     const Items items = Scanned();
     ASSERT_EQ(items.size(), 32U);
     EXPECT_EQ(items[30], "record 30 at 29001752: 1000000 pattern bytes");
-    EXPECT_EQ(CallCount(SystemCall::kRead) - readsBefore, 3U);
-    EXPECT_EQ(CallCount(SystemCall::kSeek) - seeksBefore, 3U);  // two refills, the write position
+    // The first read does not reach record 1's end; the others begin where the one before ended.
+    EXPECT_EQ(CallCount(SystemCall::kRead) - readsBefore, 5U);
+    EXPECT_EQ(CallCount(SystemCall::kSeek) - seeksBefore, 2U);  // record 1, the write position
+}
+
+TEST_F(ScanSizes, SmallItemsAreReadInPieces) {
+    constexpr i64 kRecords = 3'000;
+    FileBuilder file;
+    file.NewFile();
+    for (i64 rev = 1; rev <= kRecords; ++rev) {
+        file.LargeRecord(rev, 1'000);
+    }
+    Open(file.Commit(0, kRecords));
+    const u32 readsBefore = CallCount(SystemCall::kRead);
+    ASSERT_EQ(Scanned().size(), kRecords + 2U);
+    EXPECT_EQ(CallCount(SystemCall::kRead) - readsBefore,
+              (file.Size() - kFirstCommitOffset) / FileScan::kReadSize + 1);
 }
 
 class ScanFailure : public SolidTest {
@@ -281,7 +296,7 @@ TEST_F(ScanFailure, OfTheSeekToTheWritePosition) {
 TEST_F(ScanFailure, OfARefillIsReturned) {
     m_solid.Close();
     Open(FileBuilder().NewFile().LargeRecord(1, 9'000'000).LargeRecord(2, 9'000'000).Commit(0, 2));
-    FailRead(2);
+    FailRead(3);
     EXPECT_EQ(Scan(), RC_SYSTEM_ERROR);
     EXPECT_TRUE(m_log.Has("Failed to read block;" + SysErr(SystemErrorKind::kInputOutput) +
                           ",offset 9001080"))

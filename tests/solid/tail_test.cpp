@@ -62,11 +62,11 @@ TEST_F(ScanTail, IsZeroedBeforeTheFirstWriteAndStaysUntilThen) {
 
 TEST_F(ScanTail, IsZeroedUnlessItIsKnownToBeZeros) {
     constexpr std::size_t kBuffer = FileScan::kBufferSize;
-    constexpr std::size_t kToTheBuffersEnd = kFirstCommitOffset + kBuffer - kTwoTransactionsEnd;
     const std::pair<FileBuilder, bool> files[] = {
         {TwoTransactions(), false},
         {TwoTransactions().Zeros(5000), false},
-        {TwoTransactions().Zeros(kToTheBuffersEnd), false},
+        {TwoTransactions().Zeros(kBuffer), false},
+        {TwoTransactions().Zeros(kBuffer + 1), true},
         {TwoTransactions().Zeros(4000).RawWord(1).Zeros(10), true},
         {TwoTransactions().Zeros(kBuffer).RawWord(kCommitSignature), true},
         {TwoTransactions().Zeros(kBuffer).RawWord(1), true},
