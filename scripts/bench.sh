@@ -6,6 +6,8 @@
 #       SQLite, all in turns; prints one table. The options are those of bench_compare:
 #       "scripts/bench.sh compare --help" explains them all. --markdown prints the tables of
 #       docs/performance.md, that of bench/instructions.sh among them.
+#   scripts/bench.sh renew [--quick] [--rounds N] ...
+#       measures everything and puts the tables into docs/performance.md.
 #   scripts/bench.sh append|clear|enumerate|load|all [Google Benchmark option...]
 #       more of one kind of work, beside a baseline; "all" runs the four programs.
 #
@@ -15,8 +17,8 @@
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-# compare [bench_compare option...]
-compare() {
+# build_compare: makes bench_compare and folders for its files; sets places, the options for them.
+build_compare() {
     "$root/scripts/setup.sh" test >&2
     "$root/scripts/setup.sh" peers >&2 ||
         echo "bench.sh: goes on without the libraries that could not be installed" >&2
@@ -25,14 +27,52 @@ compare() {
     folders="$(mktemp -d "$(memory_folder)/k9erepl-bench.XXXXXX")"
     disk="$(mktemp -d "${K9EREPL_BENCH_DIR:-${TMPDIR:-/tmp}}/k9erepl-bench.XXXXXX")"
     trap 'rm -rf "$folders" "$disk"' EXIT
-    local -a places=()
+    places=()
     [[ " $* " == *" --dir"* ]] || places+=(--dir "$folders")
     [[ " $* " == *" --disk"* ]] || places+=(--disk "$disk")
+}
+
+# compare [bench_compare option...]
+compare() {
+    build_compare "$@"
     if [[ " $* " == *" --markdown "* && " $* " != *" --rows"* ]]; then
         "$root/bench/instructions.sh" --markdown
         echo
     fi
     "$root/build/release/bin/bench_compare" "${places[@]}" "$@"
+}
+
+# paragraph <number>: that one of standard input.
+paragraph() {
+    awk -v number="$1" 'BEGIN { RS = "" } NR == number'
+}
+
+# put <name>: puts standard input between the two comments of that name in docs/performance.md.
+put() {
+    local page="$root/docs/performance.md"
+    cat >"$folders/table"
+    awk -v name="$1" -v table="$folders/table" '
+        $0 == "<!-- " name ": end -->" { left_out = 0 }
+        !left_out
+        $0 == "<!-- " name ": begin -->" {
+            while ((getline line < table) > 0) print line
+            left_out = 1
+        }' "$page" >"$folders/page"
+    cat "$folders/page" >"$page"
+}
+
+# renew [bench_compare option...]
+renew() {
+    build_compare "$@"
+    "$root/bench/instructions.sh" --markdown | put instructions
+    "$root/build/release/bin/bench_compare" "${places[@]}" --markdown "$@" >"$folders/tables"
+    {
+        paragraph 1 <"$folders/tables"
+        echo
+        paragraph 3 <"$folders/tables"
+    } | put marks
+    paragraph 2 <"$folders/tables" | put growth
+    echo "bench.sh: the tables of docs/performance.md are new" >&2
 }
 
 # programs <program>... -- [Google Benchmark option...]
@@ -72,14 +112,15 @@ case "${1:-}" in
         shift
         programs "$chosen" -- "$@"
         ;;
-    compare)
+    compare | renew)
+        task="$1"
         shift
-        compare "$@"
+        "$task" "$@"
         ;;
     "" | --*) compare "$@" ;;
     *)
         echo "bench.sh: unknown benchmark '$1':" \
-            "use compare, append, clear, enumerate, load or all" >&2
+            "use compare, renew, append, clear, enumerate, load or all" >&2
         exit 2
         ;;
 esac

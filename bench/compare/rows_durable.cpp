@@ -1,5 +1,7 @@
 // The rows that wait for the disk, or must not wait for it: commits that are flushed to the disk,
 // and commits of the asynchronous writer while its thread writes.
+#include <fmt/format.h>
+
 #include "compare/peer.h"
 #include "compare/posix/raw_file.h"
 #include "compare/row.h"
@@ -22,55 +24,62 @@ double TimeCommits(i64 commits, const std::function<void()>& commit) {
     });
 }
 
-double WriteAndFlush(const std::string& folder, i64 commits) {
+double WriteAndFlush(const std::string& folder, i64 commits, int perTransaction) {
     const BenchFile file(folder);
     RawFile written(file.Path(), RawFile::Mode::kCreate);
     written.GrowTo(kGrown);
     written.SyncData();
-    const u8 transaction[kRecordSize + kCommitSize] = {};
+    const std::vector<u8> transaction(static_cast<std::size_t>(perTransaction) * kRecordSize +
+                                      kCommitSize);
     return TimeCommits(commits, [&] {
-        written.Write(transaction, sizeof(transaction));
+        written.Write(transaction.data(), transaction.size());
         written.SyncData();
     });
 }
 
-double ForcedCommits(const std::string& folder, i64 commits, const std::string& settings) {
+double ForcedCommits(const std::string& folder, i64 commits, int perTransaction,
+                     const std::string& settings) {
     const OurStorage storage(folder, kForced + settings);
-    BenchRecord record;
-    return TimeCommits(commits, [&] {
-        Require(K9eReplStorageInsert(storage.Handle(), record.Get()) == RC_OK, "inserting");
-    });
+    return TimeCommits(commits, [&] { Append(storage.Handle(), perTransaction, perTransaction); });
 }
 
-double PeerCommits(const std::string& folder, const PeerKind& kind, i64 commits) {
+double PeerCommits(const std::string& folder, const PeerKind& kind, i64 commits,
+                   int perTransaction) {
     const BenchFile file(folder);
     const std::unique_ptr<Peer> peer = kind.make(file.Folder(), Durability::kDisk);
     const std::string data(kDataSize, 'x');
-    i64 rev = 0;
-    return TimeCommits(commits, [&] { peer->Append(++rev, 1, data); });
+    i64 rev = 1;
+    return TimeCommits(commits, [&] {
+        peer->Append(rev, perTransaction, data);
+        rev += perTransaction;
+    });
 }
 
-void AddForcedRow(const Context& context, Rows* rows) {
+void AddForcedRow(const Context& context, int perTransaction, Rows* rows) {
     const std::string folder = context.diskFolder;
     const i64 commits = context.Scaled(300);
+    const auto ours = [=](const std::string& settings) {
+        return [=] { return ForcedCommits(folder, commits, perTransaction, settings); };
+    };
+    const std::string grown = kGrownAhead;
     Row row;
-    row.id = "forced";
-    row.title = "commit on the disk, 1 record a transaction";
+    row.id = fmt::format("forced-{}", perTransaction);
+    row.title = fmt::format("commit on the disk, {} a transaction", perTransaction);
     row.unit = "µs a commit";
     row.limit = "write(2) and fdatasync(2) into a file grown ahead";
     row.contenders = {
-        {"limit", Role::kLimit, [=] { return WriteAndFlush(folder, commits); }},
-        {"this library", Role::kOurs, [=] { return ForcedCommits(folder, commits, kGrownAhead); }},
-        {"without file_size_delta", Role::kVariant,
-         [=] { return ForcedCommits(folder, commits, ""); }},
-        {"with block_size=4096", Role::kVariant, [=] {
-             return ForcedCommits(folder, commits, std::string(kGrownAhead) + "block_size=4096");
-         }}};
+        {"limit", Role::kLimit, [=] { return WriteAndFlush(folder, commits, perTransaction); }},
+        {"this library", Role::kOurs, ours(grown)},
+        {"without file_size_delta", Role::kVariant, ours("")},
+        {"with block_size=4096", Role::kVariant, ours(grown + "block_size=4096")}};
     for (const PeerKind& peer : Peers()) {
-        row.contenders.push_back(
-            {peer.name, Role::kPeer, [=] { return PeerCommits(folder, peer, commits); }});
+        row.contenders.push_back({peer.name, Role::kPeer, [=] {
+                                      return PeerCommits(folder, peer, commits, perTransaction);
+                                  }});
     }
-    row.marks = {{Mark::Kind::kTimesLimit, 1.1, ""}};
+    if (perTransaction == 1) {
+        row.marks = {{Mark::Kind::kTimesLimit, 1.1, ""}};
+    }
     rows->push_back(std::move(row));
 }
 
@@ -121,7 +130,8 @@ void AddAsyncRow(const Context& context, const char* id, const char* title, doub
 }  // namespace
 
 void AddDurableRows(const Context& context, Rows* rows) {
-    AddForcedRow(context, rows);
+    AddForcedRow(context, 1, rows);
+    AddForcedRow(context, 100, rows);
     AddAsyncRow(context, "async-median", "asynchronous commit, write_through, median", 0.5, 0.8,
                 rows);
     AddAsyncRow(context, "async-999", "asynchronous commit, write_through, 99.9 %", 0.999, 20,
