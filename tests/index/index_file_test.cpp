@@ -184,19 +184,6 @@ TEST_F(IndexFileRead, RefusesEntriesThatDoNotGrowOrBeginTooLowAndAWrongChecksum)
                   "Wrong checksum");
 }
 
-TEST_F(IndexFileRead, NoticesEveryFlippedBitThatCounts) {
-    const std::vector<u8> good = IndexFileBytes(kThree);
-    for (std::size_t bit = 0; bit < good.size() * 8; ++bit) {
-        const std::size_t byte = bit / 8;
-        if ((byte >= 20 && byte < 24) || (byte >= 28 && byte < 32)) {
-            continue;  // block size and reserved field: not checked
-        }
-        std::vector<u8> bytes = good;
-        bytes[byte] = static_cast<u8>(bytes[byte] ^ (1U << (bit % 8)));
-        EXPECT_NE(ReadOf(bytes), RC_OK) << "bit " << bit;
-    }
-}
-
 using IndexFileDelete = IndexFileRead;
 
 TEST_F(IndexFileDelete, RemovesTheFileAndSaysSo) {

@@ -156,15 +156,6 @@ Blocks& Blocks::AddBlock(i64 rev, i64 offset, u64 used) {
     return *this;
 }
 
-u32 FakeStorage::EnumFrom(u32 /*unused*/, u32 /*unused*/, u32 /*unused*/, i64 /*fromRev*/,
-                          u32 /*unused*/, K9eReplEnumCb /*cb*/, void* /*ctx*/) {
-    return RC_NOT_SUPPORTED;
-}
-
-u32 FakeStorage::Reserved13(std::uintptr_t /*a*/, std::uintptr_t /*b*/, std::uintptr_t /*c*/) {
-    return RC_NOT_SUPPORTED;
-}
-
 u32 FakeStorage::FlushOnIdle() {
     ++m_idleCalls;
     if (onIdle) {

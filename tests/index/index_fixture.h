@@ -94,14 +94,18 @@ class FakeStorage : public IK9eReplDS {
     u32 Reserved4(std::uintptr_t /*unused*/) override { return RC_OK; }
     u32 Reserved5(std::uintptr_t /*unused*/) override { return RC_NOT_SUPPORTED; }
     bool IsSame(const void* other) override { return other == this; }
-    u32 EnumFrom(u32 /*unused*/, u32 /*unused*/, u32 /*unused*/, i64 /*fromRev*/, u32 /*unused*/,
-                 K9eReplEnumCb /*cb*/, void* /*ctx*/) override;
+    u32 EnumFrom(u32 /*a*/, u32 /*b*/, u32 /*c*/, i64 /*fromRev*/, u32 /*d*/, K9eReplEnumCb /*cb*/,
+                 void* /*ctx*/) override {
+        return RC_NOT_SUPPORTED;
+    }
     u32 GetFirstRev(u32 /*unused*/, i64* /*out*/) override { return RC_NOT_OPEN; }
     u32 GetLastRev(u32 /*unused*/, i64* /*out*/) override { return RC_NOT_OPEN; }
     u32 GetClearRev(i64* /*out*/) override { return RC_NOT_OPEN; }
     u32 GetFlag(u32 /*unused*/, u8* /*out*/) override { return RC_NOT_OPEN; }
     u32 Reserved12(std::uintptr_t /*a*/, std::uintptr_t /*b*/) override { return RC_NOT_SUPPORTED; }
-    u32 Reserved13(std::uintptr_t /*a*/, std::uintptr_t /*b*/, std::uintptr_t /*c*/) override;
+    u32 Reserved13(std::uintptr_t /*a*/, std::uintptr_t /*b*/, std::uintptr_t /*c*/) override {
+        return RC_NOT_SUPPORTED;
+    }
     // Counts, then does what the test wants.
     u32 FlushOnIdle() override;
 

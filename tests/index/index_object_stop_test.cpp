@@ -140,35 +140,33 @@ TEST_F(IndexObjectLongSave, IsWaitedForOnceWhichLeavesTheRestOf20SecondsForTheTh
     EXPECT_EQ(g_joinMs, 15000U);
 }
 
-TEST_F(IndexObjectStop, TerminatesAThreadThatDoesNotEndInTime) {
-    MakeStarted();
-    FailSetEvent(1);
-    platform::TheSystemCalls().joinThread = [](void* thread, u32 timeoutMs) {
-        const bool first = g_joinMs.exchange(timeoutMs) == 0;
-        return first ? WaitResult::kTimedOut
-                     : platform::NativeSystemCalls().joinThread(thread, timeoutMs);
-    };
-    m_index->Stop();
-    EXPECT_EQ(m_log.CodeOf(kTerminating), RC_TIMEOUT) << m_log;
-    EXPECT_EQ(g_exitCode, 20U);
-    EXPECT_TRUE(m_log.Has("Thread closed"));
-    EXPECT_FALSE(m_log.Has("Stop thread request received"));
-    EXPECT_TRUE(m_index->IsFinished());
-    EXPECT_EQ(CallCount(SystemCall::kOpen), CallCount(SystemCall::kClose));
-}
-
-TEST_F(IndexObjectStop, TerminatesAThreadThatCannotBeWaitedForAndAllowsANewStart) {
-    MakeStarted();
-    FailSetEvent(1);
-    Fail(SystemCall::kJoinThread, 1);
-    m_index->Stop();
-    EXPECT_EQ(m_log.CodeOf(kTerminating), RC_SYSTEM_ERROR) << m_log;
-    EXPECT_EQ(g_exitCode, 20U);
-    ASSERT_EQ(m_index->Start(), RC_OK);
-    m_blocks.AddMany(3);
-    EXPECT_EQ(SaveAsync(), RC_OK);
-    WaitForThread();
-    EXPECT_EQ(FileBytes(), IndexFileBytes(m_blocks.All()));
+TEST_F(IndexObjectStop, TerminatesAThreadThatDoesNotEndInTimeAndAllowsANewStart) {
+    Make();
+    for (const WaitResult first : {WaitResult::kTimedOut, WaitResult::kFailed}) {
+        static WaitResult s_first;
+        s_first = first;
+        g_joinMs = 0;
+        m_log.Clear();
+        m_blocks.AddMany(3);
+        ASSERT_EQ(m_index->Start(), RC_OK);
+        EXPECT_EQ(SaveSync(), RC_OK);
+        EXPECT_EQ(FileBytes(), IndexFileBytes(m_blocks.All()));
+        FailSetEvent(1);
+        platform::TheSystemCalls().joinThread = [](void* thread, u32 timeoutMs) {
+            return g_joinMs.exchange(timeoutMs) == 0
+                       ? s_first
+                       : platform::NativeSystemCalls().joinThread(thread, timeoutMs);
+        };
+        m_index->Stop();
+        EXPECT_EQ(m_log.CodeOf(kTerminating),
+                  first == WaitResult::kTimedOut ? RC_TIMEOUT : RC_SYSTEM_ERROR)
+            << m_log;
+        EXPECT_EQ(g_exitCode, 20U);
+        EXPECT_TRUE(m_log.Has("Thread closed"));
+        EXPECT_FALSE(m_log.Has("Stop thread request received"));
+        EXPECT_TRUE(m_index->IsFinished());
+        EXPECT_EQ(CallCount(SystemCall::kOpen), CallCount(SystemCall::kClose));
+    }
 }
 
 // A thread that hangs in a write to the disk and cannot be ended.

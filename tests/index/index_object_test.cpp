@@ -184,17 +184,6 @@ TEST_F(IndexObjectSave, ReturnsTheFailureOfASynchronousSaveAndThenWritesEverythi
     EXPECT_EQ(FileBytes(), IndexFileBytes(m_blocks.All()));
 }
 
-TEST_F(IndexObjectSave, AnswersExhaustedMemory) {
-    MakeStarted();
-    m_blocks.AddMany(1000);
-    FailAlloc(1);
-    EXPECT_EQ(SaveAsync(), RC_NO_MEMORY);
-    EXPECT_EQ(m_log.CodeOf("Couldn't allocate buffer"), RC_NO_MEMORY) << m_log;
-    EXPECT_FALSE(m_index->IsBusy());
-    EXPECT_EQ(SaveSync(), RC_OK);
-    EXPECT_EQ(FileBytes(), IndexFileBytes(m_blocks.All()));
-}
-
 TEST_F(IndexObjectSave, EndsTheThreadWhenItsWriteFailsAndBeginsWithAFullWriteAfterARestart) {
     MakeStarted();
     m_blocks.AddMany(3);

@@ -292,14 +292,6 @@ TEST_F(ReadCachePolicy, TwoReadersKeepABufferEach) {
     EXPECT_EQ(Request(low, kSecond + 50, 4), 0U);
 }
 
-TEST_F(ReadCachePolicy, AReaderWhoseBufferWasTakenByAnotherTakesTheLeastRecentlyUsed) {
-    UseBuffers(1);
-    ReadBuffer robbed;
-    EXPECT_EQ(Request(robbed, kFirst, 4), 1U);
-    EXPECT_EQ(Request(kThird, 4), 1U);
-    EXPECT_EQ(Request(robbed, kSecond, 4), 1U);
-}
-
 TEST_F(ReadCachePolicy, TheLeastRecentlyUsedBufferIsRefilled) {
     UseBuffers(2);
     EXPECT_EQ(RequestAt(10, kFirst), 1U);
@@ -325,17 +317,6 @@ TEST_F(ReadCachePolicy, AgeIsRightWhenTheTickCountWraps) {
     EXPECT_EQ(RequestAt(3, kSecond), 1U);
     EXPECT_EQ(RequestAt(10, kThird), 1U);
     EXPECT_EQ(RequestAt(11, kSecond), 0U);
-}
-
-TEST_F(ReadCachePolicy, TheEntryHandedOutCarriesTheTimeOfItsUse) {
-    UseBuffers(1);
-    ReadBuffer reader;
-    SetTickCount(100);
-    EXPECT_EQ(Request(reader, kFirst, 4), 1U);
-    EXPECT_EQ(reader.lastUse, 100U);
-    SetTickCount(200);
-    EXPECT_EQ(Request(reader, kFirst, 4), 0U);
-    EXPECT_EQ(reader.lastUse, 200U);
 }
 
 class ReadCacheFailures : public ReadCacheTest {

@@ -165,14 +165,6 @@ TEST_F(FirstCommit, SaysWhatFailedAndIsFoundAfterwards) {
     ExpectInfo(0, true);
 }
 
-TEST_F(FirstCommit, NeedsNoSeekAfterOpening) {
-    Open(TwoTransactions());
-    ExpectInfo(0, true);
-    EXPECT_EQ(CallCount(SystemCall::kSeek), 0U);
-    ExpectInfo(0, true);
-    EXPECT_EQ(CallCount(SystemCall::kSeek), 1U);
-}
-
 class RecordAt : public SolidTest {
   protected:
     RecordAt() { Open(TwoTransactions()); }

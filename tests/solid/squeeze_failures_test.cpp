@@ -80,27 +80,6 @@ TEST_F(SqueezeFailure, OfALeftoverTemporaryFile) {
     EXPECT_EQ(WrittenBytes(), RaisedBytes());
 }
 
-TEST_F(SqueezeFailure, OfAShortTransfer) {
-    const std::string noSpace = SysErr(SystemErrorKind::kNoSpace);
-    const struct {
-        u32 nthRead;  // 0: the third write
-        u32 bytes;
-        std::string error;
-    } transfers[] = {{1, 1000, "Failed to read file header; sys-err 0"},
-                     {2, 31, "Failed to read block;sys-err 0,offset 1199"},
-                     {3, 100, "Failed to read block;sys-err 0,offset 1171"},
-                     {0, 100, "Failed to write block;" + noSpace + ",offset 1171"}};
-    for (const auto& [nthRead, bytes, error] : transfers) {
-        OpenScanned(ThreeTransactions());
-        nthRead != 0 ? ShortRead(nthRead, bytes) : ShortWrite(3, bytes);
-        EXPECT_EQ(Squeeze(), RC_SYSTEM_ERROR);
-        EXPECT_EQ(Errors(), Texts{error});
-        EXPECT_TRUE(m_solid.IsOpen());
-        ExpectOnlyTheOldFile(Left::kRaised);
-        EXPECT_EQ(Enumerated(1, 9).size(), 5U);
-    }
-}
-
 TEST_F(SqueezeFailure, OfAPlaceThatIsNoCommitBlock) {
     SqueezeRequest request = Request();
     request.commitOffset = kCopyFrom;
@@ -135,15 +114,6 @@ TEST_F(SqueezeFailure, OfTheMemoryForTheFirstBytesOrTheCopy) {
     EXPECT_TRUE(m_solid.IsOpen());
     ExpectOnlyTheOldFile(Left::kRaised);
     EXPECT_EQ(Squeeze(), RC_OK);
-}
-
-TEST_F(SqueezeFailure, OfClosingChangesNothing) {
-    for (const u32 nth : {1U, 2U, 3U}) {
-        OpenScanned(ThreeTransactions());
-        Fail(kClose, nth);
-        EXPECT_EQ(Squeeze(), RC_OK);
-        EXPECT_EQ(WrittenBytes(), NewBytes());
-    }
 }
 
 TEST_F(SqueezeFailure, OfChangingNamesWithoutABackup) {

@@ -68,14 +68,6 @@ TEST_F(Squeezed, SaysWhatItDoes) {
     EXPECT_EQ(m_log.Texts(K9SYS_LOG_INFO), m_log.Texts());
 }
 
-TEST_F(Squeezed, OfEverythingChangesOnlyWhatItAppends) {
-    EXPECT_EQ(Squeeze({.clearRev = 0, .copyFrom = 1056, .commitOffset = 1110}), RC_OK);
-    EXPECT_EQ(m_shift, 0);
-    FileBytes expected = RaisedBytes();
-    expected.at(kOldEnd + 16) = 0;  // the clear revision
-    EXPECT_EQ(WrittenBytes(), expected);
-}
-
 TEST_F(Squeezed, OpensAThirdHandleForALockThatCameWithTheNewFile) {
     const std::size_t descriptors = OpenDescriptors();
     for (const bool locked : {true, true, false}) {
@@ -187,39 +179,6 @@ TEST_F(Squeezed, IsGivenUpWhenTheAnswerIsNo) {
     EXPECT_EQ(WriteTransaction(6, "six"), kOldEnd + kCommitBlockSize);
     EXPECT_EQ(Enumerated(1, 9).size(), 6U);
     EXPECT_EQ(ItemsOfFile().back(), "commit 4 6");
-}
-
-class SqueezedInAVisit : public SqueezeTest {
-  protected:
-    // Squeezes at the first record and stops.
-    u32 EnumerateAndSqueeze() {
-        return m_solid.EnumFileRecs(
-            {.fromRev = 1, .toRev = 9},
-            [](i64, const K9eReplRec*, void* ctx) -> u32 {
-                auto& test = *static_cast<SqueezedInAVisit*>(ctx);
-                test.m_result = test.Squeeze();
-                return RC_ENUM_STOP;
-            },
-            this, &m_completed);
-    }
-    u32 m_result = 12345;
-};
-
-TEST_F(SqueezedInAVisit, TheEnumerationEndsAndTheNextReadsTheNewFile) {
-    EXPECT_EQ(EnumerateAndSqueeze(), RC_ENUM_STOP);
-    EXPECT_FALSE(m_completed);
-    EXPECT_EQ(m_result, RC_OK);
-    EXPECT_EQ(Enumerated(1, 9), (Items{"record 4 at 1056: four", "record 5 at 1116: five"}));
-    EXPECT_EQ(WrittenBytes(), NewBytes());
-}
-
-TEST_F(SqueezedInAVisit, AFailureThatClosesTheFileEndsItToo) {
-    FailRename(1);
-    EXPECT_EQ(EnumerateAndSqueeze(), RC_ENUM_STOP);
-    EXPECT_EQ(m_result, RC_SYSTEM_ERROR);
-    EXPECT_FALSE(m_solid.IsOpen());
-    EXPECT_EQ(EnumerateRevs(1, 9), RC_NO_WRITER);
-    ExpectNothingLost();
 }
 
 class SqueezeNamesTest : public SqueezeTest {

@@ -60,16 +60,13 @@ TEST_F(CreateStorageFileTest, WritesHeaderFirstCommitBlockAndEightZeros) {
     EXPECT_EQ(Scanned(), Items{"commit 0 0"});
 }
 
-TEST_F(CreateStorageFileTest, WithoutFlagsRefusesAnExistingFile) {
-    WriteText(Path(), "something else");
+TEST_F(CreateStorageFileTest, WithoutFlagsRefusesAnExistingFileWhichFlag1Replaces) {
+    const std::vector<u8> before(5000, 0xEE);
+    WriteBytes(Path(), before);
     EXPECT_EQ(Create(0), RC_SYSTEM_ERROR);
     EXPECT_EQ(m_log.CodeOf(FailedToCreate(SystemErrorKind::kAlreadyExists)), RC_SYSTEM_ERROR)
         << m_log;
-    EXPECT_EQ(ReadText(Path()), "something else");
-}
-
-TEST_F(CreateStorageFileTest, Flag1ReplacesAnExistingFile) {
-    WriteBytes(Path(), FileBuilder().Fill(5000, 0xEE).Bytes());
+    EXPECT_EQ(ReadBytes(Path()), before);
     EXPECT_EQ(Create(1), RC_OK);
     EXPECT_EQ(ReadBytes(Path()), NewFile());
 }

@@ -1,11 +1,12 @@
-// The storage file's write entry: the revision check, the flushed revision, transactions. Raising
-// the clear revision: one commit block behind the data, or nothing at all, also where other work is
-// still queued in the asynchronous writer.
+// What is written into the storage file: the revision check, the flushed revision and transactions
+// of the write entry; raising the clear revision, by one commit block or nothing at all, also where
+// other work is still queued; starting the file over, behind which nothing returns.
+#include <algorithm>
+#include <atomic>
 #include <vector>
 
-#include "platform/system_calls.h"
-#include "platform/thread.h"
 #include "solid/solid_fixture.h"
+#include "support/file_bytes.h"
 #include "writers/async_calls.h"
 
 namespace k9erepl::test {
@@ -181,12 +182,6 @@ class NestedClearRev : public ClearRev {
     }
 };
 
-TEST_F(NestedClearRev, TheNotificationMayWrite) {
-    SKIP_WHEN_ASYNC("the notification may write");
-    EXPECT_EQ(m_solid.SetClearRev(2), RC_OK);
-    EXPECT_EQ(ItemsOfFile(), With({"commit 2 3", "record 4 at 1235: four", "commit 2 4"}));
-}
-
 TEST_F(NestedClearRev, StaysUnderWhatTheNotificationWrote) {
     SKIP_WHEN_ASYNC("the notification may write");
     FailFlush(2);  // the notification's own is the first
@@ -201,8 +196,6 @@ TEST_F(NestedClearRev, StaysUnderWhatTheNotificationWrote) {
 class AsyncClearRev : public SolidTest {
   protected:
     AsyncClearRev() {
-        s_test = this;
-        platform::TheSystemCalls().allocMemory = Alloc;
         Open(TwoTransactions(), "async_mode=yes");
         EXPECT_EQ(Scan(), RC_OK);
     }
@@ -211,63 +204,166 @@ class AsyncClearRev : public SolidTest {
         m_solid.Close();
     }
 
-    // The commit block finds no memory, and what was queued before it reaches the file meanwhile.
-    void FailTheCommitBlockWhileTheQueueIsWritten() { m_failing = true; }
-    void RunAll() {
-        m_calls.m_tasks.Open();
-        ASSERT_EQ(m_solid.CompleteAsyncTasks(), RC_OK);
-    }
-    TCommitBlock CommitBlockAt(i64 offset) const {
-        return LoadUnaligned<TCommitBlock>(ReadBytes(Path()).data() + offset);
-    }
-    u32 QueueRecord(i64 rev, i64 commitRev) {
-        FileBuilder items;
-        items.Record(rev, "data").Commit(0, commitRev);
-        m_block = items.Bytes();
-        const auto size = static_cast<u32>(m_block.size());
-        auto* const commitBlock =
-            reinterpret_cast<TCommitBlock*>(m_block.data() + size - kCommitBlockSize);
-        return m_solid.WriteItems(m_block.data(), size, commitBlock, &m_head, commitRev,
-                                  &m_position);
-    }
-
     AsyncCalls m_calls;
-    std::vector<u8> m_block;
     K9eReplBlock m_head{};
     std::atomic<i64> m_position{kUnknownOffset};
-
-  private:
-    static void* Alloc(std::size_t size) {
-        if (size != kCommitBlockSize || !s_test->m_failing) {
-            return platform::NativeSystemCalls().allocMemory(size);
-        }
-        s_test->m_failing = false;
-        s_test->m_calls.m_tasks.LetOnePass();
-        s_test->m_calls.m_tasks.WaitUntilHeld();
-        return nullptr;
-    }
-
-    static inline AsyncClearRev* s_test = nullptr;
-    std::atomic<bool> m_failing{false};
 };
 
-TEST_F(AsyncClearRev, ThatCannotBeQueuedStaysAsItWas) {
-    ASSERT_EQ(QueueRecord(4, 4), RC_OK);
-    FailTheCommitBlockWhileTheQueueIsWritten();
-    EXPECT_EQ(m_solid.SetClearRev(2), RC_NO_MEMORY);
-    EXPECT_EQ(m_head.pendingWrites, 0);
-    ASSERT_EQ(QueueRecord(5, 5), RC_OK);
-    RunAll();
-    EXPECT_EQ(ItemsOfFile().back(), "commit 0 5");
+TEST_F(AsyncClearRev, DoesNotReachACommitBlockQueuedBefore) {
+    std::vector<u8> run = FileBuilder().Record(4, "data").Commit(0, 4).Bytes();
+    const auto size = static_cast<u32>(run.size());
+    auto* const block = reinterpret_cast<TCommitBlock*>(run.data() + size - kCommitBlockSize);
+    ASSERT_EQ(m_solid.WriteItems(run.data(), size, block, &m_head, 4, &m_position), RC_OK);
+    ASSERT_EQ(m_solid.SetClearRev(2), RC_OK);
+    m_calls.m_tasks.Open();
+    ASSERT_EQ(m_solid.CompleteAsyncTasks(), RC_OK);
+    Items expected = TwoTransactionsItems();
+    expected.insert(expected.end(), {"record 4 at 1203: data", "commit 0 4", "commit 2 4"});
+    EXPECT_EQ(ItemsOfFile(), expected);
 }
 
-TEST_F(AsyncClearRev, DoesNotReachACommitBlockQueuedBefore) {
-    ASSERT_EQ(QueueRecord(4, 4), RC_OK);
-    ASSERT_EQ(m_solid.SetClearRev(2), RC_OK);
-    RunAll();
-    EXPECT_EQ(CommitBlockAt(kTwoTransactionsEnd + 28).clearRev, 0);
-    EXPECT_EQ(CommitBlockAt(kTwoTransactionsEnd + 28 + kCommitBlockSize).clearRev, 2);
-    EXPECT_EQ(ItemsOfFile().back(), "commit 2 4");
+class TruncateFile : public SolidTest {
+  protected:
+    TruncateFile() { OpenScanned(""); }
+
+    void OpenScanned(const std::string& settings) {
+        m_solid.Close();
+        Open(TwoTransactions(), settings);
+        EXPECT_EQ(Scan(), RC_OK);
+        m_log.Clear();
+    }
+    // The first 1064 bytes of a file that was started over.
+    static FileBuilder Beginning(u32 sequence, i64 rev, u32 lifenum = 0, i64 clearOldRev = 0) {
+        TCommitBlock block = NewCommitBlock(sequence, rev);
+        block.prevSequence = TwoTransactions().LastSequence();
+        block.clearRev = rev;
+        return FileBuilder().Header(lifenum, clearOldRev).RawCommit(block).Zeros(8);
+    }
+    // That, and behind it what lay there before.
+    static std::vector<u8> OverTwoTransactions(FileBuilder beginning) {
+        const std::vector<u8> old = TwoTransactions().Bytes();
+        return beginning.Raw(old.data() + kNewFileSize, old.size() - kNewFileSize).Bytes();
+    }
+    TCommitBlock CommitBlockAt(i64 offset) {
+        return LoadUnaligned<TCommitBlock>(WrittenBytes().data() + offset);
+    }
+    bool AllZeroFrom(i64 offset) {
+        const std::vector<u8> bytes = WrittenBytes();
+        return std::all_of(At(bytes, offset), bytes.end(), [](u8 byte) { return byte == 0; });
+    }
+};
+
+TEST_F(TruncateFile, WritesAFirstCommitBlockWithTheRevision) {
+    SetTimeStampCounter(0x9'0000'0077, 1);
+    EXPECT_EQ(m_solid.SetLifenum(9), RC_OK);
+    u32 notices = 0;
+    m_solid.SetWrittenRevisionCallback([](std::int64_t, void* ctx) { ++*static_cast<u32*>(ctx); },
+                                       &notices);
+    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
+    EXPECT_EQ(notices, 0U);
+    EXPECT_EQ(CallCount(SystemCall::kFlush), 1U) << "it is on the disk";
+    EXPECT_EQ(LoggedTexts(), Texts{"File was truncated;clear rev 3"});
+    EXPECT_TRUE(m_log.Has(K9SYS_LOG_INFO, "File was truncated;clear rev 3"));
+    EXPECT_EQ(WrittenBytes(), OverTwoTransactions(Beginning(0x77, 3)));
+    EXPECT_EQ(ItemsOfFile(), Items{"commit 3 3"});
+}
+
+TEST_F(TruncateFile, WritesTheGivenHeaderFields) {
+    SetTimeStampCounter(0x77, 1);
+    EXPECT_EQ(m_solid.SetLifenum(9), RC_OK);
+    EXPECT_EQ(m_solid.TruncateToClearRev(3, 5, -6), RC_OK);
+    EXPECT_EQ(WrittenBytes(), OverTwoTransactions(Beginning(0x77, 3, 5, -6)));
+}
+
+TEST_F(TruncateFile, ServesNothingAfterwards) {
+    EXPECT_EQ(Enumerated(1, 9).size(), 3U);
+    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
+    EXPECT_EQ(Enumerated(1, 9), Items{});
+    EXPECT_EQ(FlushedRev(), 0);
+    EXPECT_EQ(m_solid.FileSize(), kNewFileSize);
+}
+
+TEST_F(TruncateFile, TheNextWriteBeginsTheFileAndCarriesTheRevision) {
+    SetTimeStampCounter(0x77, 1);
+    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
+    EXPECT_EQ(WriteTransaction(4, "four"), kFirstItemOffset);
+    const TCommitBlock next = CommitBlockAt(kFirstItemOffset + 28);
+    EXPECT_EQ(u32{next.prevSequence}, 0x77U);
+    EXPECT_EQ(i64{next.clearRev}, 3);
+    EXPECT_EQ(ItemsOfFile(), (Items{"commit 3 3", "record 4 at 1056: four", "commit 3 4"}));
+}
+
+TEST_F(TruncateFile, ALoadTakesRecordsFromTheRevisionOn) {
+    EXPECT_EQ(m_solid.BeginTransaction(), RC_OK);
+    EXPECT_EQ(m_solid.TruncateToClearRev(5, 0, 0), RC_OK);
+    EXPECT_EQ(m_solid.RollbackWrites(), RC_OK) << "the transaction is forgotten";
+    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK) << "it may be repeated";
+    EXPECT_EQ(WriteTransaction(3, "three"), kFirstItemOffset);
+    EXPECT_EQ(ItemsOfFile(), (Items{"commit 3 3", "record 3 at 1056: three", "commit 3 3"}));
+    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
+    WriteTransaction(2, "two");
+    EXPECT_EQ(ItemsOfFile(), Items{"commit 3 3"});
+    EXPECT_TRUE(m_log.Has("Found rec with rev (2) less than lastCommitted at offset 1056"));
+}
+
+TEST_F(TruncateFile, OldItemsDoNotReturnWhenTheDataReachesThem) {
+    for (const bool reopens : {false, true}) {
+        OpenScanned("");
+        EXPECT_EQ(m_solid.TruncateToClearRev(0, 0, 0), RC_OK);
+        EXPECT_EQ(WrittenSize(), kTwoTransactionsEnd);
+        if (reopens) {
+            Reopen();
+            EXPECT_EQ(Scanned(), Items{"commit 0 0"});
+        }
+        // Ends where the second transaction's record 3 lies in the old file.
+        EXPECT_EQ(WriteTransaction(1, std::string(30, 'x')), kFirstItemOffset);
+        EXPECT_TRUE(AllZeroFrom(kFirstItemOffset + 54 + 32));
+        EXPECT_EQ(WrittenSize(), kTwoTransactionsEnd);
+        EXPECT_EQ(ItemsOfFile(),
+                  (Items{"commit 0 0", "record 1 at 1056: " + std::string(30, 'x'), "commit 0 1"}));
+    }
+}
+
+TEST_F(TruncateFile, SetsTheInitialSize) {
+    OpenScanned("file_initial_size=1");
+    SetTimeStampCounter(0x77, 1);
+    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
+    std::vector<u8> expected = OverTwoTransactions(Beginning(0x77, 3));
+    expected.resize(kMebibyte);
+    EXPECT_EQ(WrittenBytes(), expected);
+    EXPECT_EQ(m_solid.FileSize(), kMebibyte);
+}
+
+TEST_F(TruncateFile, GrowsByTheStepFromTheNewSize) {
+    OpenScanned("file_size_delta=1");
+    EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
+    WriteTransaction(4, "four");
+    EXPECT_EQ(WrittenSize(), kNewFileSize + kMebibyte);
+    EXPECT_EQ(m_solid.FileSize(), kNewFileSize + kMebibyte);
+    EXPECT_TRUE(AllZeroFrom(kFirstItemOffset + 28 + 32));
+}
+
+TEST_F(TruncateFile, ThatFailsIsReportedAndMayBeTriedAgain) {
+    constexpr struct {
+        SystemCall call;
+        u32 nth;
+        const char* message;
+    } kFaults[] = {{SystemCall::kSeek, 1, "Cannot seek to offset 0;"},
+                   {SystemCall::kWrite, 1, "Cannot write file header to file;"},
+                   {SystemCall::kSetEnd, 1, "Cannot set initial file size (1048576);"},
+                   {SystemCall::kSeek, 2, "Cannot seek to offset 1056;"},
+                   {SystemCall::kFlush, 1, "Cannot flush file;"}};
+    for (const auto& fault : kFaults) {
+        OpenScanned("file_initial_size=1");
+        Fail(fault.call, fault.nth);
+        const std::string text = fault.message + SysErr(SystemErrorKind::kInputOutput);
+        EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_SYSTEM_ERROR);
+        EXPECT_EQ(LoggedTexts(), Texts{text});
+        EXPECT_EQ(m_log.CodeOf(text), RC_SYSTEM_ERROR);
+        EXPECT_EQ(m_solid.TruncateToClearRev(3, 0, 0), RC_OK);
+        WriteTransaction(4, "four");
+        EXPECT_EQ(ItemsOfFile(), (Items{"commit 3 3", "record 4 at 1056: four", "commit 3 4"}));
+    }
 }
 
 }  // namespace

@@ -311,16 +311,6 @@ TEST_F(AsyncPending, ABlockOfWhichMoreIsQueuedIsNotReleased) {
     EXPECT_EQ(block.Pending(), 0);
 }
 
-TEST_F(AsyncPending, WaitReleaseBlockReturnsWhenABlockIsReleased) {
-    for (const u32 size : {10U, 101U}) {  // buffered, direct
-        TestBlock& block = QueueBlock(size);
-        RunBatch();
-        EXPECT_EQ(Async().WaitReleaseBlock(), RC_OK);
-        EXPECT_EQ(block.Pending(), 0);
-        EXPECT_EQ(m_calls.ClientTimeout(), kAsyncWaitMs);
-    }
-}
-
 TEST_F(AsyncPending, TheEventIsSetOnceForABufferOfManyBlocksAndNotForNone) {
     QueueBlock(10);
     QueueBlock(20);

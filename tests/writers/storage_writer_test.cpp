@@ -1,5 +1,6 @@
 // What a write of the synchronous writer puts into the file and tells, how the file grows ahead of
-// the data, when it is forced to the disk, and what a failed write leaves.
+// the data, when it is forced to the disk, and what a failed write leaves. With commit_barrier,
+// what a commit block commits is on the disk before the block is written.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -164,13 +165,6 @@ TEST_F(Growth, OneByteMoreExpandsByOneStepBeforeItIsWritten) {
     EXPECT_EQ(texts[2], "Written data size 9, last rev 0");
 }
 
-TEST_F(Growth, TheWriteLandsRightWhereExpandingMovesThePointer) {
-    platform::TheSystemCalls().setFileEnd = SetEndMovingThePointer;
-    ASSERT_EQ(Append(Bytes(9, 0xEE)), RC_OK);
-    EXPECT_EQ(FileBytes(kStart, 9), Bytes(9, 0xEE));
-    EXPECT_EQ(FileLength(), kNewFileSize + kStep);
-}
-
 TEST_F(Growth, WithoutAStepTheFileGrowsOnlyByWrites) {
     for (const i64 step : {i64{0}, i64{-1}}) {
         StorageFileState state;
@@ -217,14 +211,17 @@ TEST_F(Growth, AFailedExpansionIsReportedAndItsSizeStaysRecorded) {
     EXPECT_EQ(SetEnds(), 1U);
 }
 
-TEST_F(Growth, AnExpansionThatFailedAfterMovingThePointerMisplacesNothing) {
+TEST_F(Growth, TheWriteLandsRightWhereExpandingMovesThePointerAndMayFailBehindThat) {
     Writer();
     platform::TheSystemCalls().setFileEnd = [](platform::NativeFile file, i64 size) {
         return SetEndMovingThePointer(file, size) && false;
     };
     ASSERT_EQ(Append(Bytes(9)), RC_SYSTEM_ERROR);
     ASSERT_EQ(Append(BytesOf("123456789")), RC_OK);
-    EXPECT_EQ(FileBytes(kStart, 9), BytesOf("123456789"));
+    platform::TheSystemCalls().setFileEnd = SetEndMovingThePointer;
+    ASSERT_EQ(Append(Bytes(2000, 0xEE)), RC_OK);
+    EXPECT_EQ(FileBytes(kStart, 2009), BytesOf("123456789") + Bytes(2000, 0xEE));
+    EXPECT_EQ(m_state.fileSize, kNewFileSize + 2 * kStep);
 }
 
 TEST_F(Growth, AFailedSeekBackIsReportedAndTheNextWriteMakesUpForIt) {
@@ -252,6 +249,127 @@ TEST_F(FlushFile, FlushesOnlyWithForceFlushAndNamesTheFlushedRevision) {
     EXPECT_EQ(Flushes(), 1U);
     const LoggedMessage expected{K9SYS_LOG_INFO, "k9eRepl-storage", "FlushFile flushedRev 7", 0};
     EXPECT_EQ(m_log.Messages(), std::vector{expected}) << m_log;
+}
+
+using Calls = std::vector<std::string>;
+
+// The writes and flushes that reached the system, in order.
+Calls g_calls;
+platform::SystemCalls g_next;
+
+i64 RecordWrite(platform::NativeFile file, const void* data, u32 size) {
+    const i64 put = g_next.writeFile(file, data, size);
+    g_calls.push_back("write " + std::to_string(put));
+    return put;
+}
+
+bool RecordFlush(platform::NativeFile file) {
+    const bool flushed = g_next.flushFile(file);
+    g_calls.emplace_back(flushed ? "flush" : "failed flush");
+    return flushed;
+}
+
+class CommitBarrier : public WriterTest {
+  protected:
+    CommitBarrier() {
+        g_calls.clear();
+        g_next = platform::TheSystemCalls();
+        platform::TheSystemCalls().writeFile = RecordWrite;
+        platform::TheSystemCalls().flushFile = RecordFlush;
+        m_state.forceFlush = true;
+        m_state.commitBarrier = true;
+    }
+};
+
+TEST_F(CommitBarrier, FlushesTheRecordsBeforeTheirCommitBlockIsWritten) {
+    ASSERT_EQ(CommitRecord(1, 2000), RC_OK);
+    EXPECT_EQ(g_calls, (Calls{"write 34", "flush", "write 32"}));
+    EXPECT_EQ(Items(m_path), "C0 R1 C1");
+    EXPECT_TRUE(m_log.Has(K9SYS_LOG_INFO, "Flush before commit block;offset 1090")) << m_log;
+    EXPECT_TRUE(m_log.Has(K9SYS_LOG_INFO, "Written data size 66, last rev 1")) << m_log;
+}
+
+TEST_F(CommitBarrier, FlushesTheRecordsOfEarlierWritesTooButNothingThatIsOnTheDisk) {
+    ASSERT_EQ(AppendRecord(1), RC_OK);
+    ASSERT_EQ(AppendRun({}, 1, 2000), RC_OK);
+    EXPECT_EQ(g_calls, (Calls{"write 34", "flush", "write 32"}));
+    ASSERT_EQ(Writer().FlushFile(), RC_OK);
+    g_calls.clear();
+    m_log.Clear();
+    ASSERT_EQ(AppendRun({}, 1, 3000), RC_OK);
+    EXPECT_EQ(g_calls, Calls{"write 32"});
+    EXPECT_EQ(m_log.CountContaining("Flush before"), 0U);
+}
+
+TEST_F(CommitBarrier, TakesNothingForGrantedOfWhatLayInTheFileBefore) {
+    ASSERT_EQ(AppendRun({}, 0, 2000), RC_OK);
+    EXPECT_EQ(g_calls, (Calls{"flush", "write 32"}));
+}
+
+TEST_F(CommitBarrier, MakesTheFileGrowBeforeTheFlush) {
+    m_state.fileSizeDelta = 100;
+    // The records fit the file, their commit block does not.
+    ASSERT_EQ(AppendRecord(1), RC_OK);
+    g_calls.clear();
+    const u32 setEnds = SetEnds();
+    ASSERT_EQ(AppendRun(Record(2, 30), 2, 2000), RC_OK);
+    EXPECT_EQ(SetEnds(), setEnds + 1);
+    EXPECT_EQ(FileLength(), kNewFileSize + 200);
+    EXPECT_EQ(g_calls, (Calls{"write 54", "flush", "write 32"}));
+}
+
+TEST_F(CommitBarrier, IsOffByDefaultAndHasNoEffectWithoutForceFlush) {
+    EXPECT_FALSE(StorageFileState().commitBarrier);
+    for (const bool barrier : {true, false}) {
+        m_state.commitBarrier = barrier;
+        m_state.forceFlush = !barrier;
+        ASSERT_EQ(CommitRecord(barrier ? 1 : 2, barrier ? 2000 : 3000), RC_OK);
+    }
+    EXPECT_EQ(g_calls, (Calls{"write 66", "write 66"}));
+}
+
+TEST_F(CommitBarrier, AFailedFlushLeavesEverythingAsItWas) {
+    int notified = 0;
+    m_state.onWritten.Set([](i64, void* count) { ++*static_cast<int*>(count); }, &notified);
+    Writer();
+    FailFlush(1);
+    EXPECT_EQ(CommitRecord(1, 2000), RC_SYSTEM_ERROR);
+    EXPECT_EQ(m_log.CodeOf("FlushFileBuffers failed;" + SysErr(SystemErrorKind::kInputOutput)),
+              RC_SYSTEM_ERROR)
+        << m_log;
+    EXPECT_EQ(Writer().WritePos(), kStart);
+    EXPECT_EQ(m_state.lastCommitSequence, kFirstSequence);
+    EXPECT_EQ(notified, 0);
+    EXPECT_EQ(g_calls, (Calls{"write 34", "failed flush"}));
+}
+
+TEST_F(CommitBarrier, AfterAFailedFlushEverythingIsWrittenAgainOverZeros) {
+    Writer();
+    FailFlush(1);
+    ASSERT_EQ(CommitRecord(1, 2000), RC_SYSTEM_ERROR);
+    g_calls.clear();
+    ASSERT_EQ(CommitRecord(1, 3000), RC_OK);
+    // The first flush is that of the zeros.
+    EXPECT_EQ(g_calls, (Calls{"write 8", "flush", "write 34", "flush", "write 32"}));
+    EXPECT_EQ(Items(m_path), "C0 R1 C1");
+}
+
+TEST_F(CommitBarrier, ACommitBlockThatCannotBeWrittenTakesItsRecordsBack) {
+    Writer();
+    FailWrite(2);
+    ASSERT_EQ(CommitRecord(1, 2000), RC_SYSTEM_ERROR);
+    EXPECT_EQ(Writer().WritePos(), kStart);
+    ASSERT_EQ(CommitRecord(1, 3000), RC_OK);
+    EXPECT_EQ(Items(m_path), "C0 R1 C1");
+}
+
+TEST_F(CommitBarrier, AFailedFlushIsTriedAgainByTheNextCommitBlock) {
+    ASSERT_EQ(AppendRecord(1), RC_OK);
+    FailFlush(1);
+    ASSERT_EQ(AppendRun({}, 1, 2000), RC_SYSTEM_ERROR);
+    g_calls.clear();
+    ASSERT_EQ(AppendRun({}, 1, 3000), RC_OK);
+    EXPECT_EQ(g_calls, (Calls{"flush", "write 32"}));
 }
 
 }  // namespace

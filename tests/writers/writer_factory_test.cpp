@@ -63,16 +63,6 @@ TEST_F(WriterFile, SetWritePosMovesThePointerAtOnceOnlyWhenAsked) {
     }
 }
 
-TEST_F(WriterFile, ALateSeekThatFailsIsReportedByTheWrite) {
-    ASSERT_EQ(Writer().SetWritePos(kStart, false), RC_OK);
-    FailSeek(1);
-    EXPECT_EQ(AppendRecord(1), RC_SYSTEM_ERROR);
-    EXPECT_TRUE(m_log.Has("Cannot seek to offset 1056;" + SysErr(SystemErrorKind::kInputOutput)))
-        << m_log;
-    ASSERT_EQ(AppendRecord(1), RC_OK);
-    EXPECT_EQ(Items(m_path), "C0 R1");
-}
-
 TEST_F(WriterFile, ReopenFileWritesIntoTheNewFile) {
     const std::string other = m_folder.File("other");
     WriteBytes(other, FileBytes());
