@@ -1,7 +1,6 @@
 // A write that fails on the writing thread: whom it is told, that nobody waits in vain, and that a
 // reopened storage holds everything that OnWriteToFile reported.
 #include "engine/write_gate.h"
-#include "support/file_bytes.h"
 #include "support/log_capture.h"
 
 namespace k9erepl::test {

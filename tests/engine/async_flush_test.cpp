@@ -3,7 +3,6 @@
 #include <atomic>
 
 #include "engine/write_gate.h"
-#include "support/file_bytes.h"
 #include "support/log_capture.h"
 
 namespace k9erepl::test {

@@ -5,7 +5,6 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
-#include <optional>
 #include <stdexcept>
 #include <thread>
 
@@ -111,20 +110,26 @@ TEST(OnFlushWithoutAFile, MayClearAndTruncate) {
     EXPECT_EQ(storage.NextRev(), 1);
 }
 
+namespace {
+
+// What a callback removes of the records 1 to 20, and what is left.
+const std::vector<std::pair<std::function<void(TestStorage&)>, Revs>> kRemovalsOfACallback = {
+    {[](auto& storage) {
+         for (const i64 rev : {3, 6, 9, 12}) {
+             EXPECT_EQ(storage.Clear(rev, kLogical), RC_OK);
+             EXPECT_EQ(storage.Clear(rev + 1, kSqueezeBackup), RC_OK);
+         }
+     },
+     RevRange(13, 20)},
+    {[](auto& storage) { EXPECT_EQ(storage.Truncate(), RC_OK); }, {}},
+    {[](auto& storage) { EXPECT_EQ(storage.Clear(21, kLogical), RC_OK); }, {}}};
+
+}  // namespace
+
 // OnFlush of a flush that the index thread makes on its own: it may remove records, more than once,
 // although each removal saves the index.
 TEST(OnFlushOfTheIndexThread, MayRemoveAgainAndAgain) {
-    const std::vector<std::pair<std::function<void(TestStorage&)>, Revs>> removals = {
-        {[](auto& storage) {
-             for (const i64 rev : {3, 6, 9, 12}) {
-                 EXPECT_EQ(storage.Clear(rev, kLogical), RC_OK);
-                 EXPECT_EQ(storage.Clear(rev + 1, kSqueezeBackup), RC_OK);
-             }
-         },
-         RevRange(13, 20)},
-        {[](auto& storage) { EXPECT_EQ(storage.Truncate(), RC_OK); }, {}},
-        {[](auto& storage) { EXPECT_EQ(storage.Clear(21, kLogical), RC_OK); }, {}}};
-    for (const auto& [remove, left] : removals) {
+    for (const auto& [remove, left] : kRemovalsOfACallback) {
         const ScopedSystemCalls systemCalls;
         SetTickCount(1000);  // no time goes by, which would let a commit flush
         std::thread::id thread;

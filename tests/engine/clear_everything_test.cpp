@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <thread>
 
 #include "engine/clear_fixture.h"
 #include "engine/write_gate.h"

@@ -249,22 +249,28 @@ TEST(ReopenedWithAnOlderIndex, ServesTheSame) {
     }
 }
 
+namespace {
+
+struct Removal {
+    i64 rev;  // 1000: everything
+    u32 mode;
+};
+
+const std::vector<std::vector<Removal>> kLivesOfRemovals = {{},
+                                                            {{4, kSqueeze}},
+                                                            {{4, kSqueezeBackup}, {6, kSqueeze}},
+                                                            {{3, kLogical}, {1, kSqueeze}},
+                                                            {{-3, kLogical}, {0, kSqueeze}},
+                                                            {{1000, kLogical}}};
+
+}  // namespace
+
 // A negative clear revision in the file's first commit block, as one flipped bit leaves it: the
 // load takes it, the writer carries it on, and nothing that is written falls below it or hides what
 // follows.
 TEST(NegativeClearRev, OutlastsEveryClearButThatOfEverything) {
-    struct Removal {
-        i64 rev;  // 1000: everything
-        u32 mode;
-    };
-    const std::vector<std::vector<Removal>> lives = {{},
-                                                     {{4, kSqueeze}},
-                                                     {{4, kSqueezeBackup}, {6, kSqueeze}},
-                                                     {{3, kLogical}, {1, kSqueeze}},
-                                                     {{-3, kLogical}, {0, kSqueeze}},
-                                                     {{1000, kLogical}}};
     for (const i64 clearRev : {std::numeric_limits<i64>::min(), i64{-1}, i64{-1000}}) {
-        for (const auto& life : lives) {
+        for (const auto& life : kLivesOfRemovals) {
             for (const u32 before : {0U, 9U}) {  // records written before the bit flips
                 ClearableStorage storage(KeepOnDisk());
                 storage.Put(before);

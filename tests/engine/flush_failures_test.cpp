@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "engine/flush_fixture.h"
-#include "format/storage_file_format.h"
 #include "support/fault_injection.h"
 #include "support/file_bytes.h"
 #include "support/fixed_log.h"

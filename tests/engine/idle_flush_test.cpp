@@ -3,6 +3,7 @@
 // storage during a save.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <thread>
 
 #include "engine/flush_fixture.h"

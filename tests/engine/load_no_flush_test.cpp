@@ -2,7 +2,8 @@
 // names, which stays as it is; what a commit tells, and truncation.
 #include <gtest/gtest.h>
 
-#include "engine/clear_fixture.h"
+#include "engine/flush_fixture.h"
+#include "engine/load_fixture.h"
 #include "support/fault_injection.h"
 #include "support/file_bytes.h"
 #include "support/log_capture.h"

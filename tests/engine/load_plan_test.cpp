@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <optional>
 
 #include "engine/index_test.h"
 #include "engine/load_fixture.h"

@@ -133,41 +133,41 @@ i64 Hint(const OpenSettings& settings) {
     return settings.indexHint;
 }
 
+struct Taken {
+    const char* settings;
+    Member member;
+    i64 value;
+    LoggedMessage message;  // among others; no text: not compared
+};
+const Taken kTaken[] = {
+    {"cache_type=Last5x", CacheBlocks, 5, Info("Use cache_type Last5")},
+    {"cache_type=Last99999999999;memory_reserve=1", CacheBlocks, 4294967295, Info("")},
+    {"cache_type=AllInMem", CacheBlocks, -1, Info("Use cache_type AllInMem")},
+    {"cache_type=AllInMemory", CacheBlocks, -1, Info("Use cache_type AllInMem")},
+    {"cache_type=allinmem", CacheBlocks, 100,
+     Warning("Unknown cache_type allinmem,use default cache_type=Last100")},
+    {"block_size=138", BlockSize, 138, Info("Use block_size 138")},
+    {"block_size=4294967199", BlockSize, 4294967199, Info("")},
+    {"flush_trans_num=3;flush_data_size=5", TransNum, 10, Info("")},
+    {"flush_mode=PerTransaction", TransNum, 10, Warning("Use default setting flush_trans_num 10")},
+    {"flush_mode=PerTransaction", TransNum, 10, Info("Use flush_mode PerTrans")},
+    {"flush_mode=PerTrans;flush_trans_num=-1", TransNum, -1, Info("")},
+    {"flush_mode=PerTrans;flush_trans_num=0", TransNum, 0, Info("")},
+    {"flush_mode=PerTrans;flush_trans_num=many", TransNum, 0, Info("")},
+    {"flush_mode=PerData", DataSize, 4096, Warning("Use default setting flush_data_size 4096")},
+    {"flush_mode=PerData", DataSize, 4096, Info("Use flush_mode PerData")},
+    {"flush_mode=PerData;flush_data_size=-5", DataSize, -5, Info("Use setting flush_data_size -5")},
+    {"flush_timeout=1", Timeout, 1, Info("")},
+    {"memory_reserve=0", Reserve, 100,
+     Warning("Wrong memory_reserve value (0), using default (100)")},
+    {"cache_type=Last20", Reserve, 20, Info("")},
+    {"cache_type=Last20;memory_reserve=-1", Reserve, 20,
+     Warning("Wrong memory_reserve value (-1), using default (20)")},
+    {"cache_type=AllInMem", Reserve, 100, Info("")},
+    {"index_hint=0", Hint, 50, Warning("Wrong index_hint value (0), using default (50)")}};
+
 TEST(OpenSettings, TakesEveryOtherValueAsItsBeginningSays) {
-    const struct {
-        const char* settings;
-        Member member;
-        i64 value;
-        LoggedMessage message;  // among others; no text: not compared
-    } cases[] = {
-        {"cache_type=Last5x", CacheBlocks, 5, Info("Use cache_type Last5")},
-        {"cache_type=Last99999999999;memory_reserve=1", CacheBlocks, 4294967295, Info("")},
-        {"cache_type=AllInMem", CacheBlocks, -1, Info("Use cache_type AllInMem")},
-        {"cache_type=AllInMemory", CacheBlocks, -1, Info("Use cache_type AllInMem")},
-        {"cache_type=allinmem", CacheBlocks, 100,
-         Warning("Unknown cache_type allinmem,use default cache_type=Last100")},
-        {"block_size=138", BlockSize, 138, Info("Use block_size 138")},
-        {"block_size=4294967199", BlockSize, 4294967199, Info("")},
-        {"flush_trans_num=3;flush_data_size=5", TransNum, 10, Info("")},
-        {"flush_mode=PerTransaction", TransNum, 10,
-         Warning("Use default setting flush_trans_num 10")},
-        {"flush_mode=PerTransaction", TransNum, 10, Info("Use flush_mode PerTrans")},
-        {"flush_mode=PerTrans;flush_trans_num=-1", TransNum, -1, Info("")},
-        {"flush_mode=PerTrans;flush_trans_num=0", TransNum, 0, Info("")},
-        {"flush_mode=PerTrans;flush_trans_num=many", TransNum, 0, Info("")},
-        {"flush_mode=PerData", DataSize, 4096, Warning("Use default setting flush_data_size 4096")},
-        {"flush_mode=PerData", DataSize, 4096, Info("Use flush_mode PerData")},
-        {"flush_mode=PerData;flush_data_size=-5", DataSize, -5,
-         Info("Use setting flush_data_size -5")},
-        {"flush_timeout=1", Timeout, 1, Info("")},
-        {"memory_reserve=0", Reserve, 100,
-         Warning("Wrong memory_reserve value (0), using default (100)")},
-        {"cache_type=Last20", Reserve, 20, Info("")},
-        {"cache_type=Last20;memory_reserve=-1", Reserve, 20,
-         Warning("Wrong memory_reserve value (-1), using default (20)")},
-        {"cache_type=AllInMem", Reserve, 100, Info("")},
-        {"index_hint=0", Hint, 50, Warning("Wrong index_hint value (0), using default (50)")}};
-    for (const auto& wanted : cases) {
+    for (const Taken& wanted : kTaken) {
         const Reading reading(wanted.settings);
         EXPECT_EQ(reading.rc, RC_OK) << wanted.settings;
         EXPECT_EQ(wanted.member(reading.settings), wanted.value) << wanted.settings;
