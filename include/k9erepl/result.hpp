@@ -35,9 +35,9 @@ class StorageError : public std::runtime_error {
 };
 
 // What both kinds of result have in common.
-class ResultCode {
+class ResultBase {
   public:
-    explicit ResultCode(std::uint32_t code) noexcept : m_code(code) {}
+    explicit ResultBase(std::uint32_t code) noexcept : m_code(code) {}
 
     // True for a success.
     bool Ok() const noexcept { return m_code == RC_OK; }
@@ -65,9 +65,9 @@ class ResultCode {
 };
 
 template <typename T>
-class [[nodiscard]] Result : public ResultCode {
+class [[nodiscard]] Result : public ResultBase {
   public:
-    Result(T value) : ResultCode(RC_OK), m_value(std::move(value)) {}
+    Result(T value) : ResultBase(RC_OK), m_value(std::move(value)) {}
     // REQUIRES: a failure's code.
     static Result Failure(std::uint32_t code) { return Result(FailureTag{}, code); }
 
@@ -87,15 +87,15 @@ class [[nodiscard]] Result : public ResultCode {
 
   private:
     struct FailureTag {};
-    Result(FailureTag, std::uint32_t code) : ResultCode(code) { assert(code != RC_OK); }
+    Result(FailureTag, std::uint32_t code) : ResultBase(code) { assert(code != RC_OK); }
 
     std::optional<T> m_value;  // empty for a failure
 };
 
 template <>
-class [[nodiscard]] Result<void> : public ResultCode {
+class [[nodiscard]] Result<void> : public ResultBase {
   public:
-    explicit Result(std::uint32_t code) noexcept : ResultCode(code) {}
+    explicit Result(std::uint32_t code) noexcept : ResultBase(code) {}
 
     // Throws StorageError for a failure.
     void Value() const { ThrowUnlessOk(); }

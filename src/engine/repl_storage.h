@@ -115,7 +115,7 @@ class CK9eReplStorage final : public IK9eReplStorage {
     class FileOwner final : public SolidStorageOwner {
       public:
         explicit FileOwner(CK9eReplStorage& storage) : m_storage(storage) {}
-        u32 RunAsCall(u32 (*work)(void* ctx), void* ctx) override;
+        [[nodiscard]] u32 RunAsCall(u32 (*work)(void* ctx), void* ctx) override;
 
       private:
         CK9eReplStorage& m_storage;

@@ -36,7 +36,7 @@ class IndexFileWriter {
 
   private:
     [[nodiscard]] u32 WriteWhole(const IndexImage& image);
-    u32 WriteTail(const IndexImage& image);
+    [[nodiscard]] u32 WriteTail(const IndexImage& image);
     // `position` is in bytes from the file's beginning.
     [[nodiscard]] bool WriteAt(i64 position, const u8* data, u32 size);
     // Logs that the writing of `part` ("full", "tail", "header", "flush") failed.

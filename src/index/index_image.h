@@ -78,7 +78,7 @@ class IndexImage {
     void BeginWhole();
     void BeginTail();
     [[nodiscard]] bool TakeIn(BlockIndex::const_iterator from, BlockIndex::const_iterator end);
-    bool Append(const TIndexEntry& entry);
+    [[nodiscard]] bool Append(const TIndexEntry& entry);
     void CountIn(const TIndexEntry& entry);
     void CountOut(const TIndexEntry& entry);
     void Seal();

@@ -79,7 +79,7 @@ class IndexObject {
     static constexpr u32 kStopWaitMs = 20000;
 
     [[nodiscard]] bool MakeWorker();
-    u32 RunThread(IndexWorker& worker);
+    [[nodiscard]] u32 RunThread(IndexWorker& worker);
     void AbandonLaunch(IndexWorker& worker);
     [[nodiscard]] u32 RequestWithoutWorker(IndexSaveMode mode) const;
     u32 WaitForSave(const IndexWorker& worker);

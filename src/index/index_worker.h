@@ -69,7 +69,7 @@ class IndexWorker {
   private:
     // The thread calls these; requesters call TakeTurn, CopyNew and, for kSync, WriteFile.
     [[nodiscard]] u32 Run();
-    u32 ServeUntilStopped();
+    [[nodiscard]] u32 ServeUntilStopped();
     [[nodiscard]] u32 Serve();
     void TakeTurn();
     [[nodiscard]] u32 CarryOutSave();

@@ -80,7 +80,7 @@ class ReadCacheManager {
     // not used for the longest time.
     std::size_t ChooseVictim(const ReadBuffer& current) const;
     [[nodiscard]] u32 Fill(std::size_t index, i64 offset, u32 length, ReadBuffer* current);
-    u32 SeekTo(i64 offset);
+    [[nodiscard]] u32 SeekTo(i64 offset);
     void Reorder(std::size_t index);
 
     platform::TrackedFile& m_file;

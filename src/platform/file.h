@@ -38,10 +38,10 @@ class File {
     [[nodiscard]] bool Write(const void* data, u32 size, u32* put);
 
     [[nodiscard]] bool Seek(i64 position);  // from the beginning of the file
-    bool Tell(i64* position);
+    [[nodiscard]] bool Tell(i64* position);
     // Cuts the file, or extends it with zeros. Afterwards the pointer may stand anywhere.
     [[nodiscard]] bool SetEnd(i64 size);
-    bool GetSize(i64* size) const;
+    [[nodiscard]] bool GetSize(i64* size) const;
     // Returns when everything written and the size of the file are on the disk. After a failure the
     // system may have dropped what it could not write: write it again before the next call.
     [[nodiscard]] bool FlushToDisk();

@@ -70,7 +70,7 @@ class RecursiveLock {
         }
         m_owner.store(me, std::memory_order_relaxed);
     }
-    bool TryLockAs(ThreadMark me) {
+    [[nodiscard]] bool TryLockAs(ThreadMark me) {
         if (TakeIfFree()) {
             m_owner.store(me, std::memory_order_relaxed);
             return true;
@@ -81,7 +81,7 @@ class RecursiveLock {
         }
         return false;
     }
-    bool TakeIfFree() {
+    [[nodiscard]] bool TakeIfFree() {
         u32 use = kFree;
         return m_use.compare_exchange_strong(use, kHeld, std::memory_order_acquire,
                                              std::memory_order_relaxed);

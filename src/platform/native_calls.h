@@ -25,15 +25,15 @@ void FileStartFlush(NativeFile file, i64 position, i64 size);
 
 // The writer's lock and the identity of files: file_locks.cpp.
 [[nodiscard]] bool FileLock(NativeFile file);
-bool FileUnlock(NativeFile file);
+[[nodiscard]] bool FileUnlock(NativeFile file);
 [[nodiscard]] bool FileIdentify(NativeFile file, FileIdentity* identity);
-bool NameIdentify(const char* path, FileIdentity* identity);
+[[nodiscard]] bool NameIdentify(const char* path, FileIdentity* identity);
 
 // File names: names.cpp.
 [[nodiscard]] bool NameRename(const char* from, const char* to);
-bool NameLink(const char* existing, const char* name);
+[[nodiscard]] bool NameLink(const char* existing, const char* name);
 [[nodiscard]] bool NameRemove(const char* path);
-bool NameMakeDirectory(const char* path);
+[[nodiscard]] bool NameMakeDirectory(const char* path);
 [[nodiscard]] bool NameFlushDirectory(const char* path);
 
 // The C heap: memory.cpp.
@@ -44,14 +44,14 @@ void MemoryFree(void* memory);
 void* EventCreate();
 void EventDestroy(void* event);
 [[nodiscard]] bool EventSet(void* event);
-WaitResult EventWait(void* event, u32 timeoutMs);
+[[nodiscard]] WaitResult EventWait(void* event, u32 timeoutMs);
 
 // Threads: threads.cpp.
 void* ThreadCreate(ThreadBody body, void* argument);
 [[nodiscard]] bool ThreadSetAffinity(void* thread, u64 mask);
-bool ThreadResume(void* thread);
+[[nodiscard]] bool ThreadResume(void* thread);
 [[nodiscard]] WaitResult ThreadJoin(void* thread, u32 timeoutMs);
-bool ThreadTerminate(void* thread, u32 exitCode);
+[[nodiscard]] bool ThreadTerminate(void* thread, u32 exitCode);
 void ThreadDestroy(void* thread);
 
 // Clocks: clocks.cpp.

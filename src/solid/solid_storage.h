@@ -78,7 +78,8 @@ class CSolidStorage final : public IK9eReplLLStorage {
     // and goes up to the write position, because an item behind that belongs to a transaction that
     // was undone. A callback may use the storage. One that loads, squeezes, truncates or clears
     // everything ends the scan with RC_ENUM_STOP, because the items have moved.
-    u32 ScanFile(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb, void* ctx) override;
+    [[nodiscard]] u32 ScanFile(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb,
+                               void* ctx) override;
 
     // The load scan: checks every item from the file offset `startOffset` on (0, 1024 and 1056:
     // from the file's first commit block), hands the items out, and places the write position

@@ -12,7 +12,7 @@ class SolidStorageOwner {
   public:
     // Runs `work` as one call of the storage: under its lock, and so that the storage outlives it.
     // Returns the result of `work`.
-    virtual u32 RunAsCall(u32 (*work)(void* ctx), void* ctx) = 0;
+    [[nodiscard]] virtual u32 RunAsCall(u32 (*work)(void* ctx), void* ctx) = 0;
 
   protected:
     ~SolidStorageOwner() = default;

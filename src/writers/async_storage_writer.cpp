@@ -291,7 +291,7 @@ bool AsyncStorageWriter::Shutdown() {
         return false;
     }
     if (m_file.IsOpen()) {
-        FlushNow();
+        (void)FlushNow();  // dropped: it is logged, and nothing is left to be taken back
     }
     return true;
 }

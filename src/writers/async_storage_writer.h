@@ -56,7 +56,7 @@ class AsyncStorageWriter final : public StorageWriter {
     // Both wait at most 60 s. Errors: RC_TIMEOUT, RC_SYSTEM_ERROR, the sticky code; from
     // CompleteAsyncTasks also RC_NO_MEMORY.
     [[nodiscard]] u32 CompleteAsyncTasks() override;
-    u32 WaitReleaseBlock() override;
+    [[nodiscard]] u32 WaitReleaseBlock() override;
     // Waits as CompleteAsyncTasks does. A wait that fails makes its code sticky: otherwise what is
     // queued would still be written in spite of the rollback.
     [[nodiscard]] u32 Rollback() override;
@@ -77,28 +77,28 @@ class AsyncStorageWriter final : public StorageWriter {
   private:
     // --- The client's side: called under the storage's lock
     [[nodiscard]] u32 StartThread(u32 affinity);
-    u32 PushToAsyncQueue(const CAsyncQueueElem& work);
+    [[nodiscard]] u32 PushToAsyncQueue(const CAsyncQueueElem& work);
     [[nodiscard]] u32 PushPiece(const CAsyncQueueElem& piece);
     void PushStop();
     [[nodiscard]] u32 CopyCommitBlock(CAsyncQueueElem* elem);
-    u32 WaitFor(platform::AutoResetEvent& event, u32 beganMs);
+    [[nodiscard]] u32 WaitFor(platform::AutoResetEvent& event, u32 beganMs);
     u32 StickyError() const { return m_stickyError.load(std::memory_order_acquire); }
 
     // --- The writing thread's side. `last`: nothing more of this batch follows, so what is
     // buffered is written out. `place` tells the calls of one function apart in the log.
     static u32 ThreadBody(void* writer);
     [[nodiscard]] u32 Run();
-    u32 ProcessBatch(AsyncElems& batch);
+    [[nodiscard]] u32 ProcessBatch(AsyncElems& batch);
     [[nodiscard]] u32 ProcessElem(const CAsyncQueueElem& elem, bool last);
-    u32 BufferedWrite(const CAsyncQueueElem& elem, bool last);
+    [[nodiscard]] u32 BufferedWrite(const CAsyncQueueElem& elem, bool last);
     [[nodiscard]] u32 WriteDirectly(const CAsyncQueueElem& elem, const char* place);
-    u32 Place(const CAsyncQueueElem& elem, const char* place);
+    [[nodiscard]] u32 Place(const CAsyncQueueElem& elem, const char* place);
     [[nodiscard]] u32 WriteOut(const char* place);
-    u32 WriteOutBuffer();
+    [[nodiscard]] u32 WriteOutBuffer();
     [[nodiscard]] u32 SetComplete();
-    u32 SetReleased(const char* place);
+    [[nodiscard]] u32 SetReleased(const char* place);
     [[nodiscard]] u32 BeginTransactionAt(i64 lastFlushedRev);
-    u32 Notify(i64 commitRev);
+    [[nodiscard]] u32 Notify(i64 commitRev);
     void FreeCommitCopy(const CAsyncQueueElem& elem);
     void Fail(u32 rc);
 

@@ -55,7 +55,7 @@ class StorageWriter {
     // block has no queued write any more. Unless the writer is asynchronous nothing is ever queued,
     // and both return at once.
     [[nodiscard]] virtual u32 CompleteAsyncTasks() { return RC_OK; }
-    virtual u32 WaitReleaseBlock() { return RC_OK; }
+    [[nodiscard]] virtual u32 WaitReleaseBlock() { return RC_OK; }
 
     // Remembers the write position, the last commit sequence and the last flushed revision.
     [[nodiscard]] virtual u32 BeginTransaction() = 0;
@@ -134,9 +134,9 @@ class StorageWriter {
     }
     // Makes Rollback go back to `position`, `lastFlushedRev` and the present sequence.
     [[nodiscard]] u32 RememberTransactionStart(i64 position, i64 lastFlushedRev);
-    u32 RollbackNow();
+    [[nodiscard]] u32 RollbackNow();
     [[nodiscard]] u32 ClearUndoneNow();
-    u32 FlushNow();
+    [[nodiscard]] u32 FlushNow();
 
     // Tells whether ClearUndone has something to do; asked by any thread.
     bool HasUndone() const { return m_tail.load(std::memory_order_relaxed) == Tail::kUndone; }
@@ -179,12 +179,12 @@ class StorageWriter {
     [[nodiscard]] u32 WritePiece(u8* data, u32 size, TCommitBlock* commitBlock, i64 lastRevision,
                                  std::atomic<i64>* filePosition, bool barrier);
     [[nodiscard]] u32 WriteBehindBarrier(const u8* data, u32 size);
-    u32 ForceToDisk();
+    [[nodiscard]] u32 ForceToDisk();
     void RaiseTail(Tail tail);
     [[nodiscard]] u32 ClearAbandonedTail();
-    bool ZeroTail(i64 position);
+    [[nodiscard]] bool ZeroTail(i64 position);
     [[nodiscard]] u32 SeekToWritePos();
-    u32 ExpandFile();
+    [[nodiscard]] u32 ExpandFile();
 
     const i64 m_growthStep;                        // setting file_size_delta in bytes; 0: none
     std::optional<TransactionStart> m_transStart;  // empty: Rollback does nothing

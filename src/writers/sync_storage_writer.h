@@ -21,9 +21,9 @@ class SyncStorageWriter final : public StorageWriter {
                             K9eReplBlock* memoryBlock, i64 lastRevision,
                             std::atomic<i64>* filePosition) override;
     [[nodiscard]] u32 BeginTransaction() override;
-    u32 Rollback() override;
+    [[nodiscard]] u32 Rollback() override;
     [[nodiscard]] u32 ClearUndone() override;
-    u32 FlushFile() override;
+    [[nodiscard]] u32 FlushFile() override;
 };
 
 }  // namespace k9erepl
