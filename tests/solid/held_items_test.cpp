@@ -60,8 +60,8 @@ TEST_F(HeldItems, AnEnumerationOfAnyRangeHandsOutThatRange) {
     Collect(NineRecords());
     Open();
     ASSERT_EQ(Scan(), RC_OK);
-    for (i64 from = 1; from <= 9; ++from) {
-        for (i64 to = from; to <= 9; ++to) {
+    for (int from = 1; from <= 9; ++from) {
+        for (int to = from; to <= 9; ++to) {
             const Items expected(m_enumerated.begin() + (from - 1), m_enumerated.begin() + to);
             ASSERT_EQ(Enumerated(from, to), expected);
         }
