@@ -39,6 +39,7 @@ class Settings {
     Settings& BlockSize(std::uint32_t bytes) { return Set("block_size", bytes); }
     Settings& MemoryReserve(std::uint32_t blocks) { return Set("memory_reserve", blocks); }
     Settings& ReadBuffersCount(std::uint32_t buffers) { return Set("read_buffers_count", buffers); }
+    Settings& RangeIndexMemory(std::uint32_t bytes) { return Set("range_index_memory", bytes); }
 
     // --- Flushing
     Settings& FlushEveryTransactions(std::uint32_t transactions) {

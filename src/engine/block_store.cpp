@@ -11,6 +11,7 @@
 #include <new>
 
 #include "engine/block_records.h"
+#include "engine/revision.h"
 #include "format/storage_file_format.h"
 #include "support/log.h"
 
@@ -96,13 +97,17 @@ u64 BlockStore::OffsetFor(K9eReplBlock& block, i64 rev) const {
     if (note == nullptr) {
         return 0;
     }
-    BlockRecord record;
-    if (note->offset < block.used && ReadBlockRecord(block, note->offset, &record) &&
-        record.rec->rev == note->rev) {
+    if (NoteHolds(block, *note)) {
         return note->offset;
     }
     notes.Forget();
     return 0;
+}
+
+bool BlockStore::NoteHolds(const K9eReplBlock& block, const BlockNote& note) {
+    BlockRecord record;
+    return note.offset < block.used && ReadBlockRecord(block, note.offset, &record) &&
+           record.rec->rev == note.rev;
 }
 
 u32 BlockStore::FindRoom(i64 rev, u64 need, i64 fileOffset, K9eReplBlock** room) {
@@ -224,6 +229,7 @@ u32 BlockStore::EraseBlocksAfter(i64 rev) {
 
 void BlockStore::EraseIndexAfter(i64 rev) {
     Touch();
+    m_notesInFile.ForgetAbove(rev);
     m_index.erase(m_index.upper_bound(rev), m_index.end());
 }
 
@@ -232,6 +238,7 @@ void BlockStore::EraseAll() {
     // Dropped: a key without its block was logged, and nothing more can be done about it.
     (void)EraseBlocksAfter(0);
     m_index.clear();
+    m_notesInFile.Clear();
 }
 
 void BlockStore::Abandon() {
@@ -243,6 +250,7 @@ void BlockStore::Abandon() {
     // Never freed, on purpose: another thread may still use it.
     [[maybe_unused]] const auto* const abandoned =
         new Abandoned{std::move(m_blocks), std::move(m_index)};
+    m_notesInFile.Clear();
     m_blocks.clear();  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks)
     m_index.clear();
 }
@@ -268,6 +276,7 @@ u32 BlockStore::Shrink(std::size_t keep, i64 flushedRev) {
             block->pendingWrites.load(std::memory_order_acquire) > 0) {
             break;
         }
+        m_notesInFile.Take(it->first, NotesOf(*block));
         DetachFromIndex(it->first);
         m_pool.ReleaseBlock(block);
     }
@@ -295,6 +304,7 @@ void BlockStore::DropBelow(i64 rev) {
         assert(m_index.begin()->second.block == nullptr);
         m_index.erase(m_index.begin());
     }
+    m_notesInFile.ForgetBelow(m_index.empty() ? kEndOfRevs : m_index.begin()->first);
 }
 
 u32 BlockStore::CutAfter(i64 rev) {
@@ -349,6 +359,7 @@ void BlockStore::DropFirst() {
         m_pool.ReleaseBlock(entry->second.block);
         m_blocks.erase(entry->first);
     }
+    m_notesInFile.Forget(entry->first);
     m_index.erase(entry);
 }
 
@@ -361,6 +372,7 @@ void BlockStore::DropBefore(i64 key, i64 firstRev) {
 }
 
 void BlockStore::MoveOffsets(i64 shift) {
+    m_notesInFile.Clear();
     for (auto& [firstRev, entry] : m_index) {
         if (entry.fileOffset != kUnknownOffset) {
             entry.fileOffset += shift;
@@ -381,6 +393,8 @@ void BlockStore::RekeyFirst(i64 key, i64 firstRev, i64 fileOffset, u64 cutBytes)
     assert(!m_index.empty());
     Touch();
     const i64 oldKey = m_index.begin()->first;
+    m_notesInFile.Forget(oldKey);
+    m_notesInFile.Forget(key);
     auto entry = m_index.extract(m_index.begin());
     assert(key <= firstRev && fileOffset >= kFirstItemOffset);
     assert(m_index.empty() || key < m_index.begin()->first);

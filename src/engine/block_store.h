@@ -13,6 +13,7 @@
 #include <map>
 
 #include "index/block_index.h"
+#include "index/file_notes.h"
 #include "memory/block_notes.h"
 #include "memory/blocks_pool_manager.h"
 #include "memory/repl_block.h"
@@ -76,6 +77,11 @@ class BlockStore {
     // start of its data: no such record lies before it. A note that does not hold makes the block
     // forget its notes.
     u64 OffsetFor(K9eReplBlock& block, i64 rev) const;
+    // True when the record that the note names begins where it says.
+    static bool NoteHolds(const K9eReplBlock& block, const BlockNote& note);
+    // The notes of blocks that are only in the file, for walks to use and to complete. Off until a
+    // limit is set.
+    FileNotes& NotesInFile() { return m_notesInFile; }
     // The place where the index entry under `key` keeps the block's file offset, for a writer to
     // fill in. It stays valid while the entry exists. Null when the index has no such entry.
     std::atomic<i64>* FileOffsetOf(i64 key);
@@ -206,6 +212,8 @@ class BlockStore {
     MemoryBlocks m_blocks;
     // One entry for each block of the storage.
     BlockIndex m_index;
+    // Of blocks of m_index; in step with it.
+    FileNotes m_notesInFile;
     u64 m_generation = 0;       // see Generation(); starts at 0
     i64 m_oldestRev = 0;        // see OldestRev(); 0: everything is served
     i64 m_flushedRev = 0;       // see FlushedRev(); 0: nothing is in the file

@@ -60,12 +60,16 @@ i64 MemorySearch::FileOffsetOf(const IndexEntry& entry, const Place& place) {
     }
     const BlockNotes notes = m_blocks.NotesOf(block);
     const BlockNote* const note = notes.Find(place.rev);
+    if (note != nullptr && (note->offset > place.offset || !m_blocks.NoteHolds(block, *note))) {
+        return kUnknownOffset;
+    }
     const u32 shift = note == nullptr ? 0 : note->fileShift;
     if (shift == BlockNotes::kUnknownShift) {
         return kUnknownOffset;
     }
     const BlockNote* const next = note == nullptr ? notes.Notes() : note + 1;
-    const bool sameShift = next < notes.Notes() + notes.Count() && next->fileShift == shift;
+    const bool sameShift = next < notes.Notes() + notes.Count() && next->fileShift == shift &&
+                           next->offset > place.offset && m_blocks.NoteHolds(block, *next);
     const u64 noteOffset = note == nullptr ? 0 : note->offset;
     if (place.offset == noteOffset || sameShift) {
         return base + static_cast<i64>(place.offset) + shift;

@@ -184,6 +184,12 @@ void OpenSettings::ReadMemoryReserve(const char* connStr) {
     }
 }
 
+void OpenSettings::ReadRangeIndexMemory(const char* connStr) {
+    if (GetParamUInt(connStr, "range_index_memory", &rangeIndexMemory)) {
+        LOG_INFO(kLogStorage, "Use range_index_memory %u", rangeIndexMemory);
+    }
+}
+
 void OpenSettings::ReadIndexHint(const char* connStr) {
     i32 value = 0;
     if (!GetParamInt(connStr, "index_hint", &value)) {

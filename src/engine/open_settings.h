@@ -39,6 +39,8 @@ struct OpenSettings {
     // Setting memory_reserve: how many free blocks are kept for reuse, 1 or more. Its default is
     // the N of LastN, or 100 with AllInMem.
     u32 memoryReserve = 100;
+    // Setting range_index_memory: bytes that notes of blocks in the file may use; 0: none are kept.
+    u32 rangeIndexMemory = 8 * 1024 * 1024;
     // Setting index_hint: new blocks between two saves of the index, at least 1.
     u32 indexHint = 50;
     // Setting read_only: nothing is ever written, and the storage file may be another process's.
@@ -60,6 +62,9 @@ struct OpenSettings {
     void ReadMemoryReserve(const char* connStr);
     // Reads index_hint; a value below 1 is logged and not used.
     void ReadIndexHint(const char* connStr);
+    // Reads range_index_memory. Logs nothing when the key is absent, so existing logs do not
+    // change.
+    void ReadRangeIndexMemory(const char* connStr);
 
   private:
     // Each reads one setting and logs it. Those that return a code refuse with RC_INVALID_ARG.

@@ -24,6 +24,10 @@ u32 Opener::Open(const char* connStr, IK9eReplDS& storage, std::string* accepted
     m_settings.ReadMemoryReserve(connStr);
     m_blocks.SetUp(m_settings.blockSize, m_settings.memoryReserve,
                    hasFile ? u64{kFileRecordSizeMax} : BlockStore::kAnyRecordSize);
+    if (hasFile && m_settings.MayEvict()) {
+        m_settings.ReadRangeIndexMemory(connStr);
+        m_blocks.NotesInFile().SetLimit(m_settings.rangeIndexMemory);
+    }
     *accepted = connStr;
     if (hasFile && !m_settings.readOnly) {
         if (u32 rc = m_index.Make(connStr, storage); rc != RC_OK) {

@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cassert>
+#include <iterator>
+#include <limits>
 
 #include "engine/block_records.h"
 #include "engine/revision.h"
@@ -86,10 +88,14 @@ RecordWalk::Walk RecordWalk::Visit(i64 offset, const K9eReplRec* rec) {
 
 u32 RecordWalk::VisitFromFile(i64 offset, const K9eReplRec* rec, void* ctx) {
     auto& walk = *static_cast<RecordWalk*>(ctx);
-    if (walk.Visit(offset, rec) == Walk::kOn) {
+    return offset < walk.m_lookAt ? walk.VisitInRange(offset, rec) : walk.LookAndVisit(offset, rec);
+}
+
+u32 RecordWalk::VisitInRange(i64 offset, const K9eReplRec* rec) {
+    if (Visit(offset, rec) == Walk::kOn) {
         return RC_OK;
     }
-    return walk.m_placeLost ? RC_ENUM_STOP : walk.m_result;
+    return m_placeLost ? RC_ENUM_STOP : m_result;
 }
 
 RecordWalk::Walk RecordWalk::CheckOnDisk(i64 firstRev, const IndexEntry& entry) {
@@ -118,12 +124,9 @@ RecordWalk::Walk RecordWalk::WalkFile(BlockIndex::const_iterator& it, i64 startR
     const i64 nextKey = goesOn ? lowest->first : 0;
     const i64 passTo = goesOn ? nextKey - 1 : m_toRev;
     LOG_INFO(kLogStorage, "Enum from disk %I64d-%I64d", startRev, passTo);
-    const FileEnumRange range{.fromRev = startRev,
-                              .toRev = passTo,
-                              .startOffset = it->second.fileOffset,
-                              .reachesTo = OffsetReached(passTo)};
+    m_startRev = startRev;
     bool completed = true;
-    const u32 rc = m_source.file.EnumFileRecs(range, &VisitFromFile, this, &completed);
+    const u32 rc = EnumFile(it, passTo, &completed);
     if (m_placeLost) {
         return Walk::kEnd;
     }
@@ -136,6 +139,67 @@ RecordWalk::Walk RecordWalk::WalkFile(BlockIndex::const_iterator& it, i64 startR
     }
     it = m_blocks.Index().lower_bound(nextKey);
     return Walk::kOn;
+}
+
+u32 RecordWalk::EnumFile(BlockIndex::const_iterator it, i64 passTo, bool* completed) {
+    const i64 blockOffset = it->second.fileOffset;
+    FileNotes& notes = m_source.notesInFile;
+    m_notedBlock = it;
+    m_noteAt = blockOffset;
+    m_lookAt = notes.IsOn() ? 0 : std::numeric_limits<i64>::max();
+    FileEnumRange range{.fromRev = m_startRev,
+                        .toRev = passTo,
+                        .startOffset = blockOffset,
+                        .alsoPassed = notes.IsOn(),
+                        .reachesTo = OffsetReached(passTo)};
+    if (const FileNote* const note = notes.Find(it->first, m_startRev)) {
+        range.startOffset = blockOffset + note->distance;
+        range.startRev = note->rev;
+        const u32 rc = m_source.file.EnumFileRecs(range, &VisitFromFile, this, completed);
+        if (rc != kNoSuchRecord || !*completed) {
+            return rc;
+        }
+        notes.Forget(it->first);
+        range.startOffset = blockOffset;
+        range.startRev.reset();
+    }
+    return m_source.file.EnumFileRecs(range, &VisitFromFile, this, completed);
+}
+
+u32 RecordWalk::LookAndVisit(i64 offset, const K9eReplRec* rec) {
+    if (offset >= m_noteAt) {
+        NoteFileRecord(offset, rec->rev);
+    }
+    if (rec->rev < m_startRev) {
+        return RC_OK;
+    }
+    m_lookAt = m_noteAt;
+    return VisitInRange(offset, rec);
+}
+
+void RecordWalk::NoteFileRecord(i64 offset, i64 rev) {
+    const auto end = m_blocks.Index().end();
+    auto next = std::next(m_notedBlock);
+    const auto beginsAt = [](const IndexEntry& entry) {
+        const i64 begin = entry.fileOffset.load(std::memory_order_acquire);
+        return begin == kUnknownOffset ? std::numeric_limits<i64>::max() : begin;
+    };
+    while (next != end && beginsAt(next->second) <= offset) {
+        m_notedBlock = next++;
+    }
+    FileNotes& notes = m_source.notesInFile;
+    const i64 key = m_notedBlock->first;
+    const i64 blockOffset = m_notedBlock->second.fileOffset;
+    const i64 distance = offset - blockOffset;
+    if (distance >= 0 && distance <= std::numeric_limits<u32>::max()) {
+        notes.Add(key, {rev, static_cast<u32>(distance)});
+    }
+    const i64 wanted = blockOffset + static_cast<i64>(notes.NextDistance(key));
+    // Without memory for more notes the table has forgotten the block.
+    m_noteAt = wanted > offset ? wanted : offset + FileNotes::kInterval;
+    if (next != end) {
+        m_noteAt = std::min(m_noteAt, beginsAt(next->second));
+    }
 }
 
 // The file offset up to which every record is at or below `toRev`. That is where a block begins:

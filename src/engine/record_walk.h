@@ -42,6 +42,7 @@ class RecordWalk {
         StorageStatus& status;
         const BlockStore& blocks;
         CSolidStorage& file;
+        FileNotes& notesInFile;  // those of `blocks`
     };
 
     RecordWalk(const Source& source, RecordVisitor visitor, void* ctx)
@@ -65,6 +66,16 @@ class RecordWalk {
     Walk WalkMemory(i64 firstRev, const IndexEntry& entry, i64 startRev);
     // Visits the records of blocks that are only in the file, in one pass.
     Walk WalkFile(BlockIndex::const_iterator& it, i64 startRev);
+    // Enumerates the file from the block `it` up to `passTo`: from a note, if there is one that
+    // holds.
+    [[nodiscard]] u32 EnumFile(BlockIndex::const_iterator it, i64 passTo, bool* completed);
+    // Visits a record of the file that lies in the range.
+    [[nodiscard]] u32 VisitInRange(i64 offset, const K9eReplRec* rec);
+    // For a record whose offset has reached m_lookAt: notes it where that helps a later walk, and
+    // visits it unless it lies before the range.
+    [[nodiscard]] u32 LookAndVisit(i64 offset, const K9eReplRec* rec);
+    // REQUIRES: offset has reached m_noteAt.
+    void NoteFileRecord(i64 offset, i64 rev);
     // kEnd, logged, when the block under the key `firstRev` cannot be read from the file.
     Walk CheckOnDisk(i64 firstRev, const IndexEntry& entry);
     // Hands one record to the visitor and learns whether it moved the blocks.
@@ -91,6 +102,17 @@ class RecordWalk {
     u32 m_result = RC_OK;      // the result of the walk so far
     i64 m_lastDelivered = 0;   // revision of the record visited last; 0: none yet
     bool m_placeLost = false;  // blocks moved or went during the last visit
+
+    // --- Of the enumeration of the file that is under way
+    // Records below it are noted but not visited.
+    i64 m_startRev = 0;
+    // The entry of the block that is being read. Valid while the blocks stay as they are.
+    BlockIndex::const_iterator m_notedBlock;
+    // The file offset from which on a record is to be noted, or lies in the next block.
+    i64 m_noteAt = 0;
+    // The file offset from which on LookAndVisit is called: 0 until the range begins, then
+    // m_noteAt. The largest number while nothing is noted.
+    i64 m_lookAt = 0;
 };
 
 }  // namespace k9erepl

@@ -147,7 +147,9 @@ u32 CK9eReplStorage::FlushWhenIdle() {
 
 u32 CK9eReplStorage::EnumWithVisitor(i64 fromRev, i64 toRev, RecordVisitor visitor, void* ctx) {
     const ScopedValue walking(m_walks, m_walks + 1);
-    return RecordWalk({m_settings, m_status, m_blocks, m_file}, visitor, ctx).Run(fromRev, toRev);
+    return RecordWalk({m_settings, m_status, m_blocks, m_file, m_blocks.NotesInFile()}, visitor,
+                      ctx)
+        .Run(fromRev, toRev);
 }
 
 std::uint32_t CK9eReplStorage::EnumRecords(std::int64_t fromRev, std::int64_t toRev,

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <limits>
 
 #include "format/stream_rules.h"
 #include "support/log.h"
@@ -60,6 +61,7 @@ struct RecordEnum::Receiver {
 u32 RecordEnum::TakeHeld(FileItems& items, const FileEnumRange& range,
                          const Receiver& receiver) const {
     const std::atomic<i64>& lastCommitted = m_file.State().lastFlushedRev;
+    const i64 visitFrom = range.alsoPassed ? std::numeric_limits<i64>::min() : range.fromRev;
     const u8* here = nullptr;
     u32 left = items.Held(&here);
     while (left >= std::max(kRecordHeadSize, kCommitBlockSize)) {
@@ -72,7 +74,7 @@ u32 RecordEnum::TakeHeld(FileItems& items, const FileEnumRange& range,
                 head.rev > lastCommitted || !items.TakeRising(head.rev)) {
                 return RC_OK;
             }
-            if (head.rev >= range.fromRev) {
+            if (head.rev >= visitFrom) {
                 if (u32 rc = receiver.Visit(items.Offset(), here + kRecordPrefixSize);
                     rc != RC_OK) {
                     return rc;
@@ -89,6 +91,21 @@ u32 RecordEnum::TakeHeld(FileItems& items, const FileEnumRange& range,
         left -= size;
     }
     return RC_OK;
+}
+
+u32 RecordEnum::CheckStart(FileItems& items, const FileEnumRange& range) {
+    assert(range.startOffset != 0);
+    if (items.Left() < i64{kRecordHeadSize}) {
+        return kNoSuchRecord;
+    }
+    const u8* bytes = nullptr;
+    if (u32 rc = items.Get(kRecordHeadSize, &bytes); rc != RC_OK) {
+        return rc;
+    }
+    const auto head = LoadUnaligned<TRecordHead>(bytes);
+    const bool holds = head.signature == kRecordSignature && SizesAgree(head) &&
+                       i64{head.size} <= items.Left() && head.rev == range.startRev;
+    return holds ? u32{RC_OK} : kNoSuchRecord;
 }
 
 u32 RecordEnum::LookAtItem(FileItems& items, const FileEnumRange& range, Item* item) const {
@@ -181,6 +198,11 @@ u32 RecordEnum::Run(const FileEnumRange& range, FileItemVisitor visitor, void* c
                     range.startOffset == 0 ? kFirstCommitOffset : range.startOffset,
                     range.reachesTo);
     const Receiver receiver{visitor, ctx, completed};
+    if (range.startRev) {
+        if (u32 rc = CheckStart(items, range); rc != RC_OK) {
+            return rc;
+        }
+    }
     while (items.Left() > 0) {
         Item item;
         if (u32 rc = LookAtItem(items, range, &item); rc != RC_OK || item.pastRange) {

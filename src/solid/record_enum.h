@@ -8,6 +8,7 @@
 #include <k9erepl/storage.h>
 
 #include <cassert>
+#include <optional>
 
 #include "format/storage_file_format.h"
 #include "platform/int_types.h"
@@ -22,6 +23,9 @@ namespace k9erepl {
 // The record is valid during the call. A result other than RC_OK stops the enumeration.
 using FileItemVisitor = u32 (*)(i64 offset, const K9eReplRec* rec, void* ctx);
 
+// The result of an enumeration whose startRev is wrong: not an error of the file, and not logged.
+inline constexpr u32 kNoSuchRecord = RC_NOT_FOUND;
+
 // What an enumeration of the file covers.
 struct FileEnumRange {
     i64 fromRev = 0;           // revision, inclusive
@@ -29,6 +33,11 @@ struct FileEnumRange {
     bool alsoCommits = false;  // visit commit blocks, too
     // The file offset where an item begins; 0 for the file's first commit block.
     i64 startOffset = 0;
+    // The revision of the record that begins at startOffset, as a note says. If no sound record
+    // with it begins there, nothing is visited and the result is kNoSuchRecord.
+    std::optional<i64> startRev = {};
+    // Visit records below fromRev, too, unless that takes a read of its own.
+    bool alsoPassed = false;
     // Up to this file offset every record is at or below toRev, as the caller knows from where its
     // blocks begin: a record that is not is damaged. 0: nothing is known.
     i64 reachesTo = 0;
@@ -66,6 +75,9 @@ class RecordEnum {
     // go this way; LookAtItem judges the item that it leaves. Errors: the visitor's result.
     [[nodiscard]] u32 TakeHeld(FileItems& items, const FileEnumRange& range,
                                const Receiver& receiver) const;
+    // Looks whether the record of range.startRev begins at the current offset. Errors:
+    // kNoSuchRecord, not logged; those of reading.
+    [[nodiscard]] static u32 CheckStart(FileItems& items, const FileEnumRange& range);
     // *item receives what is to be done with the item at the current offset.
     // Errors, logged: RC_BAD_DATA, RC_FILE_CORRUPT, those of reading.
     [[nodiscard]] u32 LookAtItem(FileItems& items, const FileEnumRange& range, Item* item) const;

@@ -33,7 +33,7 @@ Settings Everything() {
     settings.ForceFlush().CommitBarrier().FileLock(false).WriteThrough().KeepLastBlocks(3);
     settings.BlockSize(4).MemoryReserve(5).ReadBuffersCount(6).FlushEveryTransactions(7);
     settings.FlushEveryBytes(8).FlushTimeout(9).IndexHint(10).AuxAffinity(11).AsyncMode();
-    return settings.AsyncBufferSize(12);
+    return settings.AsyncBufferSize(12).RangeIndexMemory(13);
 }
 
 TEST(SettingsOf, NothingIsAnEmptyString) {
@@ -46,7 +46,7 @@ TEST(SettingsOf, EveryKeyIsWritten) {
               "force_flush=yes;commit_barrier=yes;file_lock=no;write_through=yes;cache_type=Last3;"
               "block_size=4;memory_reserve=5;read_buffers_count=6;flush_mode=PerData;"
               "flush_trans_num=7;flush_data_size=8;flush_timeout=9;index_hint=10;aux_affinity=11;"
-              "async_mode=yes;async_buffer_size=12");
+              "async_mode=yes;async_buffer_size=12;range_index_memory=13");
 }
 
 TEST(SettingsOf, EveryDocumentedKeyIsKnown) {

@@ -91,6 +91,7 @@ const std::vector<Setting>& KnownSettings() {
         {"block_size", ValueKind::kNumber},
         {"memory_reserve", ValueKind::kNumber},
         {"read_buffers_count", ValueKind::kNumber},
+        {"range_index_memory", ValueKind::kNumber},
         {"flush_mode", ValueKind::kWord, {"PerTrans", "PerData", "NoFlush"}},
         {"flush_trans_num", ValueKind::kNumber, {}, "flush_mode", "PerTrans"},
         {"flush_data_size", ValueKind::kNumber, {}, "flush_mode", "PerData"},
