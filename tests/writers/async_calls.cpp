@@ -105,7 +105,10 @@ i64 AsyncCalls::WriteFile(platform::NativeFile file, const void* data, u32 size)
 void* AsyncCalls::CreateThread(platform::ThreadBody body, void* argument) {
     m_body = body;
     m_argument = argument;
-    m_threadResult.reset();  // of a thread that has ended
+    {
+        const std::lock_guard guard(m_mutex);
+        m_threadResult.reset();  // of a thread that has ended
+    }
     return Below().createThread(RunBody, this);
 }
 
