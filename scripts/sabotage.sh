@@ -39,11 +39,13 @@ open my $in, '<', $bugs or die "$bugs: $!\n";
 my ($here, $file, $families, @old, @new) = (0);
 while (<$in>) {
     chomp;
-    if (/^== (\S+)/) { $here = $1 eq $name; next; }
+    if (/^== (\S+)(?: cases (\d+))?$/) {
+        $here = $1 eq $name;
+        $cases = $2 if $here && defined $2;
+        next;
+    }
     next unless $here;
-    if (/^file (\S+)/) { $file = $1; }
-    elsif (/^families (.+)/) { $families = $1; }
-    elsif (/^cases (\d+)/) { $cases = $1; }
+    if (/^in (\S+) by (.+)/) { ($file, $families) = ($1, $2); }
     elsif (/^- ?(.*)/) { push @old, $1; }
     elsif (/^\+ ?(.*)/) { push @new, $1; }
 }
@@ -135,10 +137,10 @@ try() {
     for family in $families; do
         status=0
         timeout "$(jobs=1 share_of "$end" "$left")" \
-            "$work/program" --family "$family" --count "$count" \
+            "$work/program" --family "$family" --count "$count" --stop-at-failure \
                 >"$work/$family.txt" 2>&1 || status=$?
         left=$((left - 1))
-        if [ "$status" -eq 124 ]; then
+        if [ "$status" -eq 124 ] && ! grep -q '^FAILED' "$work/$family.txt"; then
             undecided=yes
         elif [ "$status" -ne 0 ]; then
             echo "caught       $2 by $family"
@@ -177,14 +179,15 @@ build "$preset" reliability_run >/dev/null
 folder="$(mktemp -d "$(memory_folder)/k9erepl-sabotage.XXXXXX")"
 trap 'rm -rf "$folder"' EXIT
 names=("$@")
-[ "$#" -gt 0 ] || mapfile -t names < <(sed -n 's/^== //p' "$bugs")
+[ "$#" -gt 0 ] || mapfile -t names < <(sed -n 's/^== \(\S*\).*/\1/p' "$bugs")
 export -f plant object_of make_program prepare seconds_for share_of check_family try
 export root tree bugs cases folder minutes jobs
 printf '%s\n' "${names[@]}" | each prepare
 
 count_of() { find "$folder" -name "$1" | wc -l; }
 
-sed -n 's/^families //p' "$bugs" | tr ' ' '\n' | sort -u >"$folder/families"
+# Only the families that are asked.
+find "$folder" -name about -exec sed -n 2p {} \; | tr ' ' '\n' | sort -u >"$folder/families"
 begin checks "$(wc -l <"$folder/families")" 0.25
 each check_family checks <"$folder/families" || exit 2
 

@@ -1,5 +1,5 @@
-// The mixture of steps; see the header.
-#include "model/generator.h"
+// The mixture of steps of a script; see seed_run.h.
+#include "model/seed_run.h"
 
 #include <array>
 #include <span>

@@ -6,10 +6,32 @@
 #include <vector>
 
 #include "model/content.h"
-#include "model/flush_model.h"
 #include "model/settings.h"
 
 namespace k9erepl::model {
+
+// Whether something happens during an operation.
+enum class Expected : u8 { kNo, kMaybe, kYes };
+
+// The time-out is out of reach, so that a flush comes by count alone.
+class FlushModel {
+  public:
+    void Start(const Settings& settings);
+    // A transaction with `bytes` of records was committed; tells whether the storage flushes.
+    Expected Commit(u64 bytes);
+    // The storage flushed for another reason.
+    void Flushed();
+    // What was counted so far may be forgotten or not.
+    void LoseCount();
+
+  private:
+    bool Reached(u64 count) const;
+
+    FlushBy m_by = FlushBy::kNever;
+    i64 m_threshold = 0;
+    u64 m_most = 0;   // what the storage has counted since its last flush, at most
+    u64 m_least = 0;  // and at least
+};
 
 // What is certain about the storage file when an operation returns.
 enum class Written : u8 {

@@ -5,7 +5,10 @@
 #include <exception>
 #include <string>
 
+#include "model/runner.h"
 #include "model/seed_run.h"
+#include "support/posix/forked.h"
+#include "support/temp_folder.h"
 
 namespace {
 
@@ -67,6 +70,37 @@ void Declare(CLI::App& app, Options& options) {
     app.add_option("--timeout", options.secondsMax, "seconds after which a run counts as hanging")
         ->check(CLI::Range(1, 86400))
         ->capture_default_str();
+}
+
+// What a process with a run tells its parent, also when it crashes.
+struct Progress {
+    std::atomic<std::size_t> position;  // of the operation that runs
+    char what[200];                     // of a failure; empty: none
+    char details[400];
+};
+
+// Runs the script in a process of its own. One that ends by a signal, also for lack of progress
+// within `secondsMax`, is a failure at the operation where it happened.
+std::optional<Failure> RunInChild(const Script& script, u32 secondsMax) {
+    const k9erepl::test::Shared<Progress> progress;
+    const k9erepl::test::TempFolder folder;
+    const int answer = k9erepl::test::AnswerOf(k9erepl::test::StartForked([&] {
+        alarm(secondsMax);
+        const auto failure = Runner(folder.Path()).Run(script, &progress->position);
+        if (failure) {
+            progress->position = failure->position;
+            (void)std::snprintf(progress->what, sizeof progress->what, "%s", failure->what.c_str());
+            (void)std::snprintf(progress->details, sizeof progress->details, "%s",
+                                failure->details.c_str());
+        }
+        return 0;
+    }));
+    if (answer != 0) {
+        return Failure{progress->position, "ended by signal " + std::to_string(-answer), ""};
+    }
+    return progress->what[0] == '\0'
+               ? std::nullopt
+               : std::optional(Failure{progress->position, progress->what, progress->details});
 }
 
 void Print(const Script& script) {

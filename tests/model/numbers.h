@@ -48,7 +48,12 @@ class Random {
     bool OneIn(u32 count) { return Below(count) == 0; }
     template <typename T>
     T OneOf(std::initializer_list<T> choices) {
-        return std::data(choices)[Below(static_cast<u32>(choices.size()))];
+        return AnyOf(choices);
+    }
+    // REQUIRES: there is one.
+    template <typename Choices>
+    auto AnyOf(const Choices& choices) {
+        return *std::next(std::begin(choices), Below(static_cast<u32>(std::size(choices))));
     }
 
   private:

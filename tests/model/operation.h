@@ -1,14 +1,18 @@
 // One step of a script. Revisions and sizes are relative to what the storage holds when the step
-// runs, so that a script means the same when other steps are taken out of it.
+// runs, so that a script means the same when other steps are taken out of it; the model turns them
+// into numbers.
 #ifndef K9EREPL_TESTS_MODEL_OPERATION_H
 #define K9EREPL_TESTS_MODEL_OPERATION_H
 
 #include <string>
 #include <vector>
 
+#include "model/content.h"
 #include "model/settings.h"
 
 namespace k9erepl::model {
+
+class Model;
 
 enum class OpKind : u8 {
     kBegin,
@@ -96,6 +100,18 @@ using Script = std::vector<Operation>;
 const char* NameOf(OpKind kind);
 // One line.
 std::string Describe(const Operation& operation);
+
+i64 Resolve(const RevChoice& choice, const Model& model);
+
+// A record to hand in. What it claims is its data's size, except for a claim that nobody can meet.
+struct PlannedRecord {
+    Record record;
+    u32 dataSize = 0;
+
+    u64 Need() const { return u64{dataSize} + kRecordOverhead; }
+};
+// The data follow from the seed.
+PlannedRecord MakeRecord(const SizeChoice& choice, u32 blockSize, u32 seed);
 
 }  // namespace k9erepl::model
 

@@ -1,26 +1,43 @@
-// Runs the scripts of seeds and tells of failures. The test program runs them in its own process;
-// the program for long runs gives each one a process, so that a crash is a failure like any other.
+// Makes the scripts of seeds, runs them, shortens those that fail, and tells of the failures. The
+// test program runs them in its own process; the program for long runs gives each one a process, so
+// that a crash is a failure like any other.
 #ifndef K9EREPL_TESTS_MODEL_SEED_RUN_H
 #define K9EREPL_TESTS_MODEL_SEED_RUN_H
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "model/shrinker.h"
+#include "model/operation.h"
+#include "model/verdict.h"
 
 namespace k9erepl::model {
+
+// The script of a seed (generator.cpp). The first step opens the storage; seeds that follow one
+// another go through all combinations of cache type, block size and flush mode. A longer script of
+// the same seed begins like a shorter one. REQUIRES: length > 0.
+Script MakeScript(u64 seed, std::size_t length);
+// Whether most openings of the script use the asynchronous writer; else none does.
+bool RunsAsync(u64 seed);
+
+// Runs a script from nothing. The same script must always give the same answer.
+using RunScript = std::function<std::optional<Failure>(const Script&)>;
+
+// A failing script without the steps that it does not need to fail in the same way.
+struct Shrunk {
+    Script script;  // ends with the step that fails
+    Failure failure;
+};
+
+// REQUIRES: `run` answers `failure` for `script`. The first step stays. At most `runsMax` runs.
+Shrunk Shrink(const Script& script, const Failure& failure, const RunScript& run, u32 runsMax);
 
 // Refused records are logged as errors: from here on nothing is, unless K9SYS_LOG asks for it.
 void KeepQuiet();
 
 // Runs `script` in a folder of its own, which is removed afterwards.
 std::optional<Failure> RunHere(const Script& script);
-
-// The same in a process of its own. A process that ends by a signal, also for lack of progress
-// within `secondsMax`, is a failure at the operation where it happened. This process must have one
-// thread only. (posix/child_run.cpp)
-std::optional<Failure> RunInChild(const Script& script, u32 secondsMax);
 
 struct SeedRequest {
     u64 seed = 0;

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "model/choices.h"
+#include "model/operation.h"
 
 namespace k9erepl::model {
 

@@ -82,19 +82,7 @@ void Workout::Close() {
     Expect(m_writtenRev == m_flushedRev, "what was flushed is not written after the close");
 }
 
-void Workout::Round(u32 number, std::chrono::milliseconds time) {
-    Open(ConnString(number));
-    Start(u64{number} * 100, kEndless);
-    const auto end = std::chrono::steady_clock::now() + time;
-    while (std::chrono::steady_clock::now() < end && !HasProblem()) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    m_stop = true;
-    Join();
-    Close();
-}
-
-void Workout::RoundOfSteps(u32 number, u32 steps, u64 seed) {
+void Workout::Round(u32 number, u32 steps, u64 seed) {
     Open(ConnString(number));
     Start(seed, steps);
     Join();

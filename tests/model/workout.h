@@ -7,7 +7,6 @@
 #include <k9erepl/storage.h>
 
 #include <atomic>
-#include <chrono>
 #include <map>
 #include <mutex>
 #include <shared_mutex>
@@ -34,11 +33,10 @@ class Workout {
     // The storage file at `path` must exist.
     explicit Workout(const std::string& path, const Crew& crew = {}) : m_path(path), m_crew(crew) {}
 
-    // Opens the storage, lets the threads work for `time`, closes it. Each round has settings of
-    // its own. Ends early at the first problem.
-    void Round(u32 number, std::chrono::milliseconds time);
-    // The same until each thread but the idlers has done `steps` things, chosen by `seed`.
-    void RoundOfSteps(u32 number, u32 steps, u64 seed);
+    // Opens the storage, lets the threads work until each but the idlers has done `steps` things,
+    // chosen by `seed`, closes it. Each round has settings of its own. Ends early at the first
+    // problem.
+    void Round(u32 number, u32 steps, u64 seed);
     // Opens the storage again and compares it with the book; and once more, which must show the
     // same next and oldest revision; adds to it and compares again.
     void Compare();

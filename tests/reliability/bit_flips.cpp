@@ -3,10 +3,8 @@
 // has no checksum. The counts by field are published.
 #include <algorithm>
 
-#include "model/choices.h"
 #include "model/storage_client.h"
 #include "reliability/family.h"
-#include "reliability/file_fields.h"
 #include "reliability/hostile_opening.h"
 #include "reliability/steady_calls.h"
 
@@ -86,11 +84,6 @@ Base MakeBase(MemoryDisk& disk, u64 storage) {
     base.inMemory = OpenAndRead(ReadingConn()).seen;
     base.seen = OpenAndRead(WritingConn()).seen;
     return base;
-}
-
-Seen ShownBy(const std::string& bytes, const SlowScan& scan, bool inMemory) {
-    return {ServedRecords(bytes, scan), scan.nextRev, scan.clearRev, inMemory ? 0 : scan.lifenum,
-            inMemory ? 0 : scan.mark};
 }
 
 // What is left when the walk ends at an item, and nothing else is wrong.

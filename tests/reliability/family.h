@@ -9,6 +9,7 @@
 #define K9EREPL_TESTS_RELIABILITY_FAMILY_H
 
 #include <functional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,16 @@
 #include "reliability/disk_image.h"
 
 namespace k9erepl::reliability {
+
+// What a check may throw instead of returning what is wrong.
+struct BrokenPromise : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+inline void Require(bool holds, const std::string& problem) {
+    if (!holds) {
+        throw BrokenPromise(problem);
+    }
+}
 
 // One group, as the family's function sees it. Everything that is random must follow from Seed()
 // and the numbers of the cases.
@@ -50,9 +61,6 @@ class RegisteredFamily {
   public:
     explicit RegisteredFamily(const Family& family);
 };
-
-// In the order of their names.
-std::vector<Family> AllFamilies();
 
 }  // namespace k9erepl::reliability
 

@@ -9,7 +9,6 @@
 #include <memory>
 
 #include "reliability/driver.h"
-#include "reliability/history.h"
 #include "reliability/memory_disk.h"
 #include "reliability/oracle.h"
 

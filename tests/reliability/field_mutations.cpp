@@ -1,10 +1,10 @@
 // The family of changed fields: storage and index files in which single fields, items or stretches
 // of bytes are not what they were, opened under every kind of settings.
 #include <algorithm>
+#include <array>
 
 #include "model/numbers.h"
 #include "reliability/family.h"
-#include "reliability/file_fields.h"
 #include "reliability/hostile_opening.h"
 #include "reliability/steady_calls.h"
 #include "reliability/workload.h"
@@ -20,10 +20,6 @@ using model::Random;
 constexpr i64 kLowest = model::kLowestRev;
 constexpr i64 kHighest = model::kHighestRev;
 
-const FileField& AnyOf(const std::vector<FileField>& fields, Random& random) {
-    return fields[random.Below(static_cast<u32>(fields.size()))];
-}
-
 bool Lies(const std::string& bytes, const FileField& field) {
     return field.at + field.size <= bytes.size();
 }
@@ -34,31 +30,11 @@ std::string Text(const char* what, const FileField& field) {
 
 i64 BoundaryValue(const std::string& bytes, Random& random) {
     const auto size = static_cast<i64>(bytes.size());
-    return random.OneOf<i64>({0,
-                              1,
-                              2,
-                              -1,
-                              23,
-                              24,
-                              25,
-                              32,
-                              1023,
-                              1024,
-                              1056,
-                              1064,
-                              0x7FFFFFFF,
-                              0x80000000LL,
-                              0xFFFFFFFFLL,
-                              0xFFFFFFE8LL,
-                              0x100000000LL,
-                              10485759,
-                              10485760,
-                              10485761,
-                              kLowest,
-                              kHighest,
-                              kHighest - 1,
-                              size,
-                              size - 1});
+    return random.AnyOf(std::array<i64, 25>{
+        0,           1,        2,        -1,       23,         24,         25,           32,
+        1023,        1024,     1056,     1064,     0x7FFFFFFF, 0x80000000, 0xFFFFFFFF,   0xFFFFFFE8,
+        0x100000000, 10485759, 10485760, 10485761, kLowest,    kHighest,   kHighest - 1, size,
+        size - 1});
 }
 
 std::string SetNumber(std::string& bytes, const FileField& field, Random& random) {
@@ -84,7 +60,7 @@ std::string SetNumber(std::string& bytes, const FileField& field, Random& random
 // The places of one field become those of another one of its size, or both are exchanged.
 std::string Exchange(std::string& bytes, const FileField& field,
                      const std::vector<FileField>& fields, Random& random) {
-    const FileField& other = AnyOf(fields, random);
+    const FileField other = random.AnyOf(fields);
     if (other.size != field.size || !Lies(bytes, other)) {
         return SetNumber(bytes, field, random);
     }
@@ -98,15 +74,15 @@ std::string Exchange(std::string& bytes, const FileField& field,
 }
 
 std::string ChangeField(std::string& bytes, const std::vector<FileField>& fields, Random& random) {
-    const FileField* field = &AnyOf(fields, random);
-    for (u32 tries = 0; tries < 50 && !(field->IsNumber() && Lies(bytes, *field)); ++tries) {
-        field = &AnyOf(fields, random);
+    FileField field;
+    for (u32 tries = 0; tries < 50 && !(field.IsNumber() && Lies(bytes, field)); ++tries) {
+        field = random.AnyOf(fields);
     }
-    if (!field->IsNumber() || !Lies(bytes, *field)) {
+    if (!field.IsNumber() || !Lies(bytes, field)) {
         return "nothing";
     }
-    return random.OneIn(4) ? Exchange(bytes, *field, fields, random)
-                           : SetNumber(bytes, *field, random);
+    return random.OneIn(4) ? Exchange(bytes, field, fields, random)
+                           : SetNumber(bytes, field, random);
 }
 
 // Somewhere: mostly at a field's border, and mostly not in the long header.
@@ -114,7 +90,7 @@ std::size_t AnyPlace(const std::string& bytes, const std::vector<FileField>& fie
                      Random& random) {
     const std::size_t place =
         random.OneIn(4) ? random.Below(static_cast<u32>(bytes.size() + 1))
-                        : AnyOf(fields, random).at + random.OneOf<std::size_t>({0, 0, 0, 1, 3});
+                        : random.AnyOf(fields).at + random.OneOf<std::size_t>({0, 0, 0, 1, 3});
     return std::min(place, bytes.size());
 }
 
@@ -223,35 +199,16 @@ std::string MutateItems(std::string& bytes, const SlowScan& scan, Random& random
 // --- The family
 
 constexpr u32 kCasesOfAGroup = 200;
-constexpr std::size_t kZerosMost = 300;  // of those that a file is sized ahead with
 
-// A storage that was closed in good order, and what it is made of.
-struct Base {
-    HostileFiles files;
-    model::Settings settings;
-    SlowScan scan;
+struct Base : SoundFiles {
+    explicit Base(const History& history)
+        : SoundFiles(history),
+          storageFields(FieldsOfStorage(files.storage, scan)),
+          indexFields(FieldsOfIndex(files.index)) {}
+
     std::vector<FileField> storageFields;
     std::vector<FileField> indexFields;
 };
-
-Base MakeBase(const History& history) {
-    Base base;
-    DiskImage image = history.base;
-    for (const Change& change : history.changes) {
-        image.Apply(change);
-    }
-    base.files = FilesOf(image);
-    base.settings = history.settings;
-    base.settings.initialMebibytes = 0;
-    base.settings.deltaMebibytes = 0;
-    base.scan = ScanSlowly(base.files.storage);
-    if (base.files.storage.size() > base.scan.validEnd + kZerosMost) {
-        base.files.storage.resize(base.scan.validEnd + kZerosMost);
-    }
-    base.storageFields = FieldsOfStorage(base.files.storage, base.scan);
-    base.indexFields = FieldsOfIndex(base.files.index);
-    return base;
-}
 
 // Larger blocks than those of the base, or the same; any cache.
 void ChooseSettings(model::Settings& settings, model::Random& random) {
@@ -303,7 +260,7 @@ void RunGroup(GroupRun& run) {
     const WorkloadPlan plan{.operations = 25, .async = run.Number() % 2 == 1, .moreSettings = ""};
     const History history = MakeHistory(disk, plan, run.Seed());
     run.Case(0, [&] { return history.problem; });
-    const Base base = MakeBase(history);
+    const Base base(history);
     for (u64 number = 1; number <= kCasesOfAGroup; ++number) {
         run.Case(number, [&] { return RunCase(run, disk, base, number); });
     }

@@ -1,9 +1,10 @@
-// Openings, and the comparison with the slow reader; see the header.
+// Openings, the comparison with the slow reader, the tables of fields; see the header.
 #include "reliability/hostile_opening.h"
 
 #include <algorithm>
+#include <cassert>
+#include <span>
 
-#include "engine/storage_fixture.h"
 #include "model/storage_client.h"
 #include "reliability/steady_calls.h"
 
@@ -13,40 +14,21 @@ namespace {
 
 constexpr u32 kFirstStamp = 0x40000000;  // none that a history uses
 constexpr i64 kHighestAssigned = model::kHighestRev - 1;
-
-void ReadAll(const model::StorageClient& client, Opening* opening) {
-    i64 before = model::kLowestRev;
-    Seen& seen = opening->seen;
-    opening->readResult =
-        client.Enumerate(model::kLowestRev, model::kHighestRev, [&](const K9eReplRec& record) {
-            opening->rises = opening->rises && record.rev > before;
-            before = record.rev;
-            const auto* data = reinterpret_cast<const char*>(record.data);
-            seen.records[i64{record.rev}] = {record.userWord, std::string(data, record.dataSize)};
-            return u32{RC_OK};
-        });
-    seen.nextRev = client.NextRev();
-    auto* storage = static_cast<IK9eReplStorage*>(client.Handle());
-    seen.oldestRev = StorageAccess::OldestRev(*static_cast<CK9eReplStorage*>(storage));
-    K9eReplStorageGetLifenum(client.Handle(), &seen.lifenum);
-    K9eReplStorageGetClearOldRev(client.Handle(), &seen.mark);
-}
+constexpr std::size_t kZerosMost = 300;  // of those that a file is sized ahead with
 
 std::string Results(const Opening& opening) {
     return "opening answers " + std::to_string(opening.openResult) + ", loading " +
-           std::to_string(opening.loadResult) + ", reading " + std::to_string(opening.readResult);
+           std::to_string(opening.loadResult) + ", reading " + std::to_string(opening.readResult) +
+           ", " + Describe(opening.seen);
 }
 
-SlowLoad LoadOf(const model::Settings& settings) {
-    return settings.kind == model::SessionKind::kFile ? SlowLoad::kForWriting
-                                                      : SlowLoad::kIntoMemory;
+SlowScan ScanOf(const HostileCase& hostile, std::size_t start = 0) {
+    return ScanSlowly(hostile.files.storage, start,
+                      hostile.InMemory() ? SlowLoad::kIntoMemory : SlowLoad::kForWriting);
 }
 
-// What the storage shows when it was loaded so. Read into memory, it leaves the marks in the file.
-Seen ShownBy(const std::string& bytes, const SlowScan& scan, const model::Settings& settings) {
-    const bool inMemory = settings.kind != model::SessionKind::kFile;
-    return {ServedRecords(bytes, scan), scan.nextRev, scan.clearRev, inMemory ? 0 : scan.lifenum,
-            inMemory ? 0 : scan.mark};
+Seen ShownBy(const HostileCase& hostile, const SlowScan& scan) {
+    return reliability::ShownBy(hostile.files.storage, scan, hostile.InMemory());
 }
 
 class Judgement {
@@ -55,23 +37,18 @@ class Judgement {
         : m_hostile(hostile), m_opening(opening) {}
 
     Problem Run(Fate* fate) const {
-        const SlowScan scan = ScanSlowly(m_hostile.files.storage, 0, LoadOf(m_hostile.settings));
+        const SlowScan scan = ScanOf(m_hostile);
         if (m_opening.IsLoaded() && !m_opening.rises) {
             return "revisions do not rise";
         }
-        if (Agrees(scan, fate)) {
+        if (Agrees(scan, fate) || (m_hostile.indexMayPassOver && IsPassedOver(fate))) {
             return "";
         }
-        if (m_hostile.indexMayPassOver && IsPassedOver(fate)) {
-            return "";
-        }
-        if (scan.IsRefused()) {
-            return Results(m_opening) + ", " + Describe(m_opening.seen) +
-                   "; the slow reader refuses: " + scan.refusal;
-        }
-        return Results(m_opening) + ", " + Describe(m_opening.seen) + "; the slow reader sees " +
-               Describe(ShownBy(m_hostile.files.storage, scan, m_hostile.settings)) +
-               " and stops at " + std::to_string(scan.stopAt) + ": " + scan.stop;
+        const std::string seen = Results(m_opening) + "; the slow reader ";
+        return scan.IsRefused()
+                   ? seen + "refuses: " + scan.refusal
+                   : seen + "sees " + Describe(ShownBy(m_hostile, scan)) + " and stops at " +
+                         std::to_string(scan.stopAt) + ": " + scan.stop;
     }
 
   private:
@@ -85,8 +62,7 @@ class Judgement {
             return m_opening.openResult == RC_OK && HasTooLarge(scan.items);
         }
         *fate = Fate::kSame;
-        return m_opening.readResult == RC_OK &&
-               m_opening.seen == ShownBy(m_hostile.files.storage, scan, m_hostile.settings);
+        return m_opening.readResult == RC_OK && m_opening.seen == ShownBy(m_hostile, scan);
     }
 
     bool HasTooLarge(const std::vector<SlowItem>& items) const {
@@ -108,9 +84,7 @@ class Judgement {
         const SlowIndex index = ReadIndexSlowly(m_hostile.files.index);
         return std::any_of(
             index.entries.begin(), index.entries.end(), [&](const SlowIndexEntry& entry) {
-                const SlowScan scan =
-                    ScanSlowly(m_hostile.files.storage, static_cast<std::size_t>(entry.offset),
-                               LoadOf(m_hostile.settings));
+                const SlowScan scan = ScanOf(m_hostile, static_cast<std::size_t>(entry.offset));
                 return !scan.IsRefused() && IsLoadedFrom(scan, index, fate);
             });
     }
@@ -123,7 +97,7 @@ class Judgement {
             return m_opening.openResult == RC_OK &&
                    (tooLarge || m_opening.loadResult == RC_BAD_DATA);
         }
-        const Seen shown = ShownBy(m_hostile.files.storage, scan, m_hostile.settings);
+        const Seen shown = ShownBy(m_hostile, scan);
         *fate = m_opening.readResult != RC_OK ? Fate::kReported
                 : AreAllSeen(shown.records)   ? Fate::kPassedOver
                                               : Fate::kCutShort;
@@ -165,15 +139,14 @@ Problem Differ(const char* when, const Opening& opening, const Seen& expected) {
     const bool same = opening.IsLoaded() && opening.readResult == RC_OK && opening.rises &&
                       opening.seen == expected;
     return same ? ""
-                : std::string(when) + ": " + Results(opening) + ", " + Describe(opening.seen) +
-                      "; expected " + Describe(expected);
+                : std::string(when) + ": " + Results(opening) + "; expected " + Describe(expected);
 }
 
 // Appends, unless there is no revision left.
 class GoingOn {
   public:
     GoingOn(const HostileCase& hostile, u64 seed)
-        : m_settings(hostile.settings), m_connString(m_settings.ConnString(StoragePath())) {
+        : m_connString(hostile.settings.ConnString(StoragePath())) {
         model::Random random(seed);
         const u32 sizeMax = std::min<u32>(hostile.settings.blockSize - model::kRecordOverhead, 100);
         m_appending = {1 + random.Below(2), random.Below(sizeMax), static_cast<u32>(random.Next())};
@@ -205,7 +178,7 @@ class GoingOn {
         const i64 appended = expected.nextRev - 1;
         const std::string bytes = FilesOf(disk.Image()).storage;
         return last.seen.records.contains(appended) || last.readResult == RC_BAD_DATA ||
-                       last.seen == ShownBy(bytes, ScanSlowly(bytes), m_settings) ||
+                       last.seen == reliability::ShownBy(bytes, ScanSlowly(bytes), false) ||
                        KeepsTail(disk, bytes)
                    ? ""
                    : Differ("opened after appending beside damage", last, expected);
@@ -218,7 +191,6 @@ class GoingOn {
         return tail != nullptr && bytes.ends_with(tail->Whole());
     }
 
-    const model::Settings m_settings;
     const std::string m_connString;
     Appending m_appending;
 };
@@ -233,7 +205,9 @@ Opening OpenAndRead(const std::string& connString) {
         opening.loadResult = K9eReplStorageLoad(client.Handle());
     }
     if (opening.IsLoaded()) {
-        ReadAll(client, &opening);
+        opening.readResult = ReadRange(client, model::kLowestRev, model::kHighestRev,
+                                       &opening.seen.records, &opening.rises);
+        ReadMarks(client, &opening.seen);
     }
     return opening;
 }
@@ -261,22 +235,26 @@ DiskImage ImageOf(const HostileFiles& files) {
     return image;
 }
 
+Seen ShownBy(const std::string& bytes, const SlowScan& scan, bool inMemory) {
+    return {ServedRecords(bytes, scan), scan.nextRev, scan.clearRev, inMemory ? 0 : scan.lifenum,
+            inMemory ? 0 : scan.mark};
+}
+
+SoundFiles::SoundFiles(const History& history)
+    : files(FilesOf(history.Last())), settings(history.settings), scan(ScanSlowly(files.storage)) {
+    settings.initialMebibytes = 0;
+    settings.deltaMebibytes = 0;
+    files.storage.resize(std::min(files.storage.size(), scan.validEnd + kZerosMost));
+}
+
 const char* NameOf(Fate fate) {
-    switch (fate) {
-        case Fate::kRefused:
-            return "refused";
-        case Fate::kTooLarge:
-            return "record larger than the blocks";
-        case Fate::kSame:
-            return "as the slow reader";
-        case Fate::kPassedOver:
-            return "damage passed over by the index";
-        case Fate::kCutShort:
-            return "records hidden by damage that the index passed over";
-        case Fate::kReported:
-            return "damage reported while reading";
-    }
-    return "";
+    static constexpr const char* kNames[] = {"refused",
+                                             "record larger than the blocks",
+                                             "as the slow reader",
+                                             "damage passed over by the index",
+                                             "records hidden by damage that the index passed over",
+                                             "damage reported while reading"};
+    return kNames[static_cast<std::size_t>(fate)];
 }
 
 Problem ExamineHostile(MemoryDisk& disk, const HostileCase& hostile, u64 seed, Fate* fate) {
@@ -286,8 +264,7 @@ Problem ExamineHostile(MemoryDisk& disk, const HostileCase& hostile, u64 seed, F
     if (Problem problem = Judgement(hostile, opening).Run(fate); !problem.empty()) {
         return problem;
     }
-    if (!opening.IsLoaded() || hostile.settings.kind != model::SessionKind::kFile ||
-        opening.seen.nextRev > kHighestAssigned - 2) {
+    if (!opening.IsLoaded() || hostile.InMemory() || opening.seen.nextRev > kHighestAssigned - 2) {
         return "";
     }
     GoingOn goingOn(hostile, seed);
@@ -303,6 +280,92 @@ Problem ExamineHostile(GroupRun& run, MemoryDisk& disk, const HostileCase& hosti
     return problem.empty()
                ? ""
                : change + "; " + hostile.settings.ConnString(StoragePath()) + ": " + problem;
+}
+
+namespace {
+
+constexpr FileField kHeaderFields[] = {{"header: signature", 0, 8},
+                                       {"header: version", 8, 4},
+                                       {"header: lifenum", 12, 4},
+                                       {"header: clearOldRev", 16, 8},
+                                       {"header: reserved", 24, 1000}};
+constexpr FileField kFirstCommitFields[] = {
+    {"first commit block: signature", 0, 4}, {"first commit block: prevSequence", 4, 4},
+    {"first commit block: sequence", 8, 4},  {"first commit block: zero", 12, 4},
+    {"first commit block: clearRev", 16, 8}, {"first commit block: commitRev", 24, 8}};
+constexpr FileField kCommitFields[] = {
+    {"commit block: signature", 0, 4}, {"commit block: prevSequence", 4, 4},
+    {"commit block: sequence", 8, 4},  {"commit block: zero", 12, 4},
+    {"commit block: clearRev", 16, 8}, {"commit block: commitRev", 24, 8}};
+constexpr FileField kRecordFields[] = {{"record: signature", 0, 4},
+                                       {"record: size", 4, 4},
+                                       {"record: rev", 8, 8},
+                                       {"record: userWord", 16, 4},
+                                       {"record: dataSize", 20, 4}};
+constexpr FileField kIndexHeaderFields[] = {
+    {"index: magic", 0, 12},      {"index: version", 12, 4},  {"index: count", 16, 4},
+    {"index: block size", 20, 4}, {"index: checksum", 24, 4}, {"index: reserved", 28, 4}};
+constexpr FileField kEntryFields[] = {{"index entry: revision", 0, 8},
+                                      {"index entry: offset", 8, 8}};
+
+class Fields {
+  public:
+    void Add(std::span<const FileField> fields) {
+        const std::size_t base = m_end;
+        for (const FileField& field : fields) {
+            AddOne(field.name, base + field.at, field.size);
+        }
+    }
+    void AddUpTo(const char* name, std::size_t end) { AddOne(name, m_end, end - m_end); }
+    std::vector<FileField> Take() { return std::move(m_fields); }
+
+  private:
+    void AddOne(const char* name, std::size_t at, std::size_t size) {
+        assert(at == m_end);
+        if (size > 0) {
+            m_fields.push_back({name, at, size});
+        }
+        m_end = at + size;
+    }
+
+    std::vector<FileField> m_fields;
+    std::size_t m_end = 0;
+};
+
+}  // namespace
+
+std::vector<FileField> FieldsOfStorage(const std::string& bytes, const SlowScan& scan) {
+    Fields fields;
+    fields.Add(kHeaderFields);
+    for (std::size_t i = 0; i < scan.validItems; ++i) {
+        const SlowItem& item = scan.items[i];
+        if (item.kind == ItemKind::kRecord) {
+            fields.Add(kRecordFields);
+            fields.AddUpTo("record: data", item.at + item.size);
+        } else if (i == 0) {
+            fields.Add(kFirstCommitFields);
+        } else {
+            fields.Add(kCommitFields);
+        }
+    }
+    fields.AddUpTo("behind the data", bytes.size());
+    return fields.Take();
+}
+
+std::vector<FileField> FieldsOfIndex(const std::string& bytes) {
+    Fields fields;
+    fields.Add(kIndexHeaderFields);
+    for (std::size_t at = 32; at < bytes.size(); at += 16) {
+        fields.Add(kEntryFields);
+    }
+    return fields.Take();
+}
+
+const FileField& FieldAt(const std::vector<FileField>& fields, std::size_t at) {
+    const auto behind = std::upper_bound(
+        fields.begin(), fields.end(), at,
+        [](std::size_t place, const FileField& field) { return place < field.at; });
+    return *(behind - 1);
 }
 
 }  // namespace k9erepl::reliability

@@ -1,11 +1,13 @@
 // Opens files that something has changed, and judges what the library makes of them by the slow
-// reader: the same content, or the same refusal; then the storage goes on from there.
+// reader: the same content, or the same refusal; then the storage goes on from there. Knows which
+// field each byte of such a file belongs to, as docs/storage-file.md and docs/index-file.md say.
 #ifndef K9EREPL_TESTS_RELIABILITY_HOSTILE_OPENING_H
 #define K9EREPL_TESTS_RELIABILITY_HOSTILE_OPENING_H
 
 #include <k9erepl/storage.h>
 
 #include <string>
+#include <vector>
 
 #include "model/settings.h"
 #include "reliability/family.h"
@@ -37,6 +39,19 @@ DiskImage ImageOf(const HostileFiles& files);
 // The name of the index file of StoragePath().
 std::string IndexPath();
 
+// What the storage shows when it was loaded so. Read into memory, it leaves the marks in the file.
+Seen ShownBy(const std::string& bytes, const SlowScan& scan, bool inMemory);
+
+// A storage that was closed in good order, with a few zeros behind its data, and what it is made
+// of.
+struct SoundFiles {
+    explicit SoundFiles(const History& history);
+
+    HostileFiles files;
+    model::Settings settings;
+    SlowScan scan;
+};
+
 // What became of the files, for the counts.
 enum class Fate : u8 {
     kRefused,     // by both readers
@@ -52,6 +67,8 @@ struct HostileCase {
     HostileFiles files;
     model::Settings settings;
     bool indexMayPassOver = false;  // the storage file was changed, its index was kept
+
+    bool InMemory() const { return settings.kind != model::SessionKind::kFile; }
 };
 
 // Opens, compares, appends, opens again. `seed` chooses what is appended.
@@ -61,6 +78,23 @@ Problem ExamineHostile(MemoryDisk& disk, const HostileCase& hostile, u64 seed, F
 // `change`, what was done to the files.
 Problem ExamineHostile(GroupRun& run, MemoryDisk& disk, const HostileCase& hostile, u64 seed,
                        const std::string& change);
+
+struct FileField {
+    const char* name = "";  // such as "record: size"
+    std::size_t at = 0;
+    std::size_t size = 0;
+
+    bool IsNumber() const { return size == 4 || size == 8; }
+};
+
+// In the order of their places, without gaps. REQUIRES: `scan` is that of the whole file, which it
+// does not refuse.
+std::vector<FileField> FieldsOfStorage(const std::string& bytes, const SlowScan& scan);
+// REQUIRES: an index file of whole entries.
+std::vector<FileField> FieldsOfIndex(const std::string& bytes);
+
+// The one that holds the byte at `at`. REQUIRES: there is one.
+const FileField& FieldAt(const std::vector<FileField>& fields, std::size_t at);
 
 }  // namespace k9erepl::reliability
 

@@ -17,33 +17,22 @@ using Entries = std::vector<SlowIndexEntry>;
 
 constexpr u32 kCasesOfAGroup = 50;
 
-// Storages that were closed in good order, and every index file that one of them had in its life.
-struct Base {
-    HostileFiles files;
-    model::Settings settings;
-    SlowScan scan;
-    std::vector<std::string> indexes;
-};
-
-Base MakeBase(const History& history) {
-    Base base;
-    DiskImage image = history.base;
-    for (const Change& change : history.changes) {
-        image.Apply(change);
-        const FileBytes* index = image.Find(IndexPath());
-        if (index != nullptr && image.NumberOf(IndexPath()) == change.file) {
-            const SlowIndex read = ReadIndexSlowly(index->Whole());
-            if (read.refusal.empty() && !read.entries.empty()) {
-                base.indexes.push_back(index->Whole());
+// With every index file that the storage had in its life.
+struct Base : SoundFiles {
+    explicit Base(const History& history) : SoundFiles(history) {
+        DiskImage image = history.base;
+        for (const Change& change : history.changes) {
+            image.Apply(change);
+            const FileBytes* index = image.Find(IndexPath());
+            if (index != nullptr && image.NumberOf(IndexPath()) == change.file &&
+                !ReadIndexSlowly(index->Whole()).entries.empty()) {
+                indexes.push_back(index->Whole());
             }
         }
     }
-    base.files = FilesOf(image);
-    base.settings = history.settings;
-    base.scan = ScanSlowly(base.files.storage);
-    base.files.storage.resize(std::min(base.files.storage.size(), base.scan.validEnd + 300));
-    return base;
-}
+
+    std::vector<std::string> indexes;
+};
 
 History HistoryOf(MemoryDisk& disk, u64 seed) {
     model::Random random(seed);
@@ -78,10 +67,10 @@ class Liar {
         switch (m_random.Below(6)) {
             case 0:
                 *text = "an index of another moment";
-                return m_base.indexes.empty() ? "" : AnyOf(m_base.indexes);
+                return m_base.indexes.empty() ? "" : m_random.AnyOf(m_base.indexes);
             case 1:
                 *text = "an index of another storage";
-                return m_other.indexes.empty() ? "" : AnyOf(m_other.indexes);
+                return m_other.indexes.empty() ? "" : m_random.AnyOf(m_other.indexes);
             case 2:
                 *text = "true places of some records";
                 entries = Some(EntriesOfRecords(m_base.scan));
@@ -106,11 +95,6 @@ class Liar {
     }
 
   private:
-    template <typename T>
-    const T& AnyOf(const std::vector<T>& values) {
-        return values[m_random.Below(static_cast<u32>(values.size()))];
-    }
-
     Entries Some(const Entries& all) {
         const u32 oneIn = m_random.OneOf<u32>({1, 2, 5, 20});
         Entries some;
@@ -180,8 +164,8 @@ void RunGroup(GroupRun& run) {
     const History history = HistoryOf(disk, run.Seed());
     const History otherHistory = HistoryOf(disk, Mix(run.Seed(), 1));
     run.Case(0, [&] { return history.problem + otherHistory.problem; });
-    const Base base = MakeBase(history);
-    const Base other = MakeBase(otherHistory);
+    const Base base(history);
+    const Base other(otherHistory);
     for (u64 number = 1; number <= kCasesOfAGroup; ++number) {
         run.Case(number, [&] { return RunCase(run, disk, base, other, number); });
     }

@@ -2,6 +2,7 @@
 #include "reliability/memory_disk.h"
 
 #include <algorithm>
+#include <array>
 #include <utility>
 
 #include "platform/system_error.h"
@@ -25,8 +26,20 @@ bool Refuse(SystemErrorKind kind) {
 Change Of(ChangeKind kind, FileNumber file, i64 at, std::string bytes = {}) {
     return {.kind = kind, .file = file, .at = at, .bytes = std::move(bytes), .name = {}, .to = {}};
 }
+Change Named(ChangeKind kind, FileNumber file, const char* name, const char* to = "") {
+    return {.kind = kind, .file = file, .at = 0, .bytes = {}, .name = name, .to = to};
+}
 
 }  // namespace
+
+const char* NameOf(SystemCall call) {
+    static constexpr std::array<const char*, 15> kNames = {
+        "open",   "close",      "read",        "write",          "seek",
+        "tell",   "set end of", "get size of", "flush",          "own",
+        "rename", "link",       "remove",      "make directory", "flush directory"};
+    const auto at = static_cast<std::size_t>(call);
+    return at < kNames.size() ? kNames.at(at) : "other";
+}
 
 MemoryDisk::MemoryDisk() {
     using test::CallTable;
@@ -189,9 +202,7 @@ NativeFile MemoryDisk::Open(const char* path, const platform::FileOpenRequest& r
     }
     if (!file) {
         file = m_nextFile++;
-        Change change = Of(ChangeKind::kCreate, *file, 0);
-        change.name = path;
-        Do(std::move(change));
+        Do(Named(ChangeKind::kCreate, *file, path));
     } else if (request.disposition == FileDisposition::kCreateAlways) {
         Do(Of(ChangeKind::kSetEnd, *file, 0));
     }
@@ -296,6 +307,110 @@ bool MemoryDisk::TakeOwner(NativeFile file, const char* /*from*/) {
     const std::lock_guard lock(m_mutex);
     Handle* handle = Find(file);
     return handle != nullptr && Pass(SystemCall::kTakeOwnerAndMode, *handle);
+}
+
+// --- Calls about names
+
+bool MemoryDisk::Lock(NativeFile file) {
+    const std::lock_guard lock(m_mutex);
+    Handle* handle = Find(file);
+    if (handle == nullptr || !Pass(SystemCall::kLockFile, *handle)) {
+        return false;
+    }
+    for (const Handle& other : m_handles) {
+        if (&other != handle && other.file == handle->file && other.locked) {
+            return Refuse(SystemErrorKind::kLocked);
+        }
+    }
+    return handle->locked = true;
+}
+
+bool MemoryDisk::Unlock(NativeFile file) {
+    const std::lock_guard lock(m_mutex);
+    Handle* handle = Find(file);
+    if (handle != nullptr) {
+        handle->locked = false;
+    }
+    return handle != nullptr;
+}
+
+bool MemoryDisk::Identify(NativeFile file, platform::FileIdentity* identity) {
+    const std::lock_guard lock(m_mutex);
+    Handle* handle = Find(file);
+    if (handle == nullptr || !Pass(SystemCall::kFileIdentity, *handle)) {
+        return false;
+    }
+    *identity = {.volume = 0, .number = handle->file};
+    return true;
+}
+
+bool MemoryDisk::IdentifyName(const char* path, platform::FileIdentity* identity) {
+    const std::lock_guard lock(m_mutex);
+    if (!Pass({SystemCall::kNameIdentity, path})) {
+        return false;
+    }
+    const std::optional<FileNumber> file = m_image.NumberOf(path);
+    if (!file) {
+        return Refuse(SystemErrorKind::kNotFound);
+    }
+    *identity = {.volume = 0, .number = *file};
+    return true;
+}
+
+bool MemoryDisk::Rename(const char* from, const char* to) {
+    const std::lock_guard lock(m_mutex);
+    if (!Pass({SystemCall::kRename, from})) {
+        return false;
+    }
+    const std::optional<FileNumber> file = m_image.NumberOf(from);
+    if (!file) {
+        return Refuse(SystemErrorKind::kNotFound);
+    }
+    if (m_image.NumberOf(to) == file) {
+        return true;  // two names of one file: nothing happens
+    }
+    Do(Named(ChangeKind::kRename, *file, from, to));
+    return true;
+}
+
+bool MemoryDisk::Link(const char* existing, const char* name) {
+    const std::lock_guard lock(m_mutex);
+    if (!Pass({SystemCall::kLink, existing})) {
+        return false;
+    }
+    const std::optional<FileNumber> file = m_image.NumberOf(existing);
+    if (!file || m_image.NumberOf(name)) {
+        return Refuse(file ? SystemErrorKind::kAlreadyExists : SystemErrorKind::kNotFound);
+    }
+    Do(Named(ChangeKind::kLink, *file, name));
+    return true;
+}
+
+bool MemoryDisk::Remove(const char* path) {
+    const std::lock_guard lock(m_mutex);
+    if (!Pass({SystemCall::kRemove, path})) {
+        return false;
+    }
+    const std::optional<FileNumber> file = m_image.NumberOf(path);
+    if (!file) {
+        return Refuse(SystemErrorKind::kNotFound);
+    }
+    Do(Named(ChangeKind::kRemove, *file, path));
+    return true;
+}
+
+bool MemoryDisk::MakeDirectory(const char* path) {
+    const std::lock_guard lock(m_mutex);
+    return Pass({SystemCall::kMakeDirectory, path}) && Refuse(SystemErrorKind::kAlreadyExists);
+}
+
+bool MemoryDisk::FlushDirectory(const char* path) {
+    const std::lock_guard lock(m_mutex);
+    if (!Pass({SystemCall::kFlushDirectory, path})) {
+        return false;
+    }
+    Do(Named(ChangeKind::kFlushDirectory, 0, path));
+    return true;
 }
 
 }  // namespace k9erepl::reliability

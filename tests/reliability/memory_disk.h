@@ -31,6 +31,9 @@ struct Attempt {
     i64 at = 0;        // the file pointer; the size for an end to set
     u32 size = 0;      // of a transfer
 };
+// The call as a reader knows it.
+const char* NameOf(test::SystemCall call);
+
 // What becomes of it. At most `sizeMax` bytes are transferred. `others` are changes that another
 // process makes before the call; they are not recorded.
 struct Permit {

@@ -3,7 +3,7 @@
 // behind it must be, and everything behind it kept beside the file.
 #include <algorithm>
 
-#include "reliability/crash_points.h"
+#include "reliability/crash_images.h"
 #include "reliability/family.h"
 #include "reliability/hostile_opening.h"
 #include "reliability/steady_calls.h"
@@ -25,7 +25,7 @@ class MiddleDamage {
     Problem Run() {
         switch (m_random.Below(6)) {
             case 0:
-                return TornEnd();
+                return ExpectNoReport(AnyCrash(), "torn end");
             case 1:
                 return TornAgain();
             case 2:
@@ -44,38 +44,24 @@ class MiddleDamage {
 
     // --- Not to be reported
 
-    const CrashPoint& AnyOf(const std::vector<CrashPoint>& points) {
-        return points[m_random.Below(static_cast<u32>(points.size()))];
-    }
-
     DiskImage AnyCrash() {
         const auto points = CrashPointsOf(m_history.changes, kPoints, m_random.Next());
-        return ImageMaker(m_history.base, m_history.changes).At(AnyOf(points));
+        return ImageMaker(m_history.base, m_history.changes).At(m_random.AnyOf(points));
     }
-
-    Problem TornEnd() { return ExpectNoReport(AnyCrash(), "torn end"); }
 
     // The session that came after a crash was killed, too.
     Problem TornAgain() {
-        const DiskImage base = AnyCrash();
-        SteadyCalls::SetStamp(kSecondStamp);
-        m_disk.Mount(base);
-        m_disk.StartRecording();
-        Seen seen;
-        const Appending appending{3, 20, static_cast<u32>(m_random.Next())};
-        const Problem problem = Visit(m_history.ConnString(), appending, &seen);
-        const Changes changes = m_disk.TakeChanges();
-        if (!problem.empty()) {
-            return problem;
-        }
-        const auto points = CrashPointsOf(changes, kPoints, m_random.Next());
-        return ExpectNoReport(ImageMaker(base, changes).At(AnyOf(points)), "torn end again");
+        DiskImage image = AnyCrash();
+        reliability::Judge any = [](const Seen& /*seen*/) { return ""; };
+        const Problem problem =
+            CrashAgain(m_disk, m_history, kSecondStamp, 1, m_random, &image, &any);
+        return problem.empty() ? ExpectNoReport(image, "torn end again") : problem;
     }
 
     // The last flush was torn or undone, and its commit block survived: any bytes in front of that
     // block, or in it, are not there.
     Problem GhostCommit() {
-        HostileFiles files = LastFiles();
+        HostileFiles files = FilesOf(m_history.Last());
         const SlowScan scan = ScanSlowly(files.storage);
         if (scan.validItems < 2) {
             return ExpectNoReport(ImageOf(files), "sound");
@@ -101,7 +87,7 @@ class MiddleDamage {
     // --- To be reported
 
     Problem Damage() {
-        HostileFiles files = LastFiles();
+        HostileFiles files = FilesOf(m_history.Last());
         files.index.clear();  // it would lead past most damage
         const SlowScan before = ScanSlowly(files.storage);
         const std::optional<std::size_t> end = EndOfDamage(before);
@@ -159,11 +145,6 @@ class MiddleDamage {
     static bool StopsAtZeros(const HostileFiles& files, const SlowScan& scan) {
         return scan.stopAt + 4 > files.storage.size() ||
                NumberAt(files.storage, scan.stopAt, 4) == 0;
-    }
-
-    HostileFiles LastFiles() const {
-        return FilesOf(
-            ImageMaker(m_history.base, m_history.changes).At({m_history.changes.size(), 0}));
     }
 
     const FileBytes* KeptTail() {

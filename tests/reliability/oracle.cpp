@@ -1,23 +1,61 @@
-// Openings and comparisons; see the header.
+// Which states a moment allows, openings and comparisons; see the header.
 #include "reliability/oracle.h"
 
 #include <algorithm>
 
 #include "engine/storage_fixture.h"
-#include "model/choices.h"
+#include "model/operation.h"
 #include "model/storage_client.h"
+#include "reliability/crash_images.h"
 #include "reliability/steady_calls.h"
 
 namespace k9erepl::reliability {
 
 namespace {
 
-constexpr u32 kFirstStamp = 0x40000000;  // none that a history uses
-
-i64 OldestRev(void* handle) {
-    auto* storage = static_cast<IK9eReplStorage*>(handle);
-    return StorageAccess::OldestRev(*static_cast<CK9eReplStorage*>(storage));
+// The last mark that stands at or before a moment.
+const Mark& MarkBefore(const std::vector<Mark>& marks, std::size_t changes) {
+    const auto behind =
+        std::upper_bound(marks.begin(), marks.end(), changes,
+                         [](std::size_t at, const Mark& mark) { return at < mark.changes; });
+    return *(behind - 1);
 }
+
+}  // namespace
+
+std::string StoragePath() {
+    return std::string(kFolder) + "storage.edb";
+}
+
+std::string History::ConnString() const {
+    return moreSettings + settings.ConnString(StoragePath());
+}
+
+DiskImage History::Last() const {
+    return ImageMaker(base, changes).At({changes.size(), 0});
+}
+
+// Operations that changed nothing end at one moment: what the last of them led to has begun there.
+std::size_t History::BegunAt(std::size_t at) const {
+    const auto ended =
+        std::lower_bound(marks.begin(), marks.end(), at,
+                         [](const Mark& mark, std::size_t count) { return mark.changes < count; });
+    const std::size_t next = ended == marks.end() ? states.size() - 1 : ended->begun;
+    return std::max(next, MarkBefore(marks, at).begun);
+}
+
+StateRange History::AfterKill(std::size_t at, bool partOfNext) const {
+    return {MarkBefore(marks, at).acknowledged, BegunAt(partOfNext ? at + 1 : at)};
+}
+
+StateRange History::AfterPowerCut(std::size_t at) const {
+    return {MarkBefore(marks, at).flushed, BegunAt(at)};
+}
+
+namespace {
+
+constexpr u32 kFirstStamp = 0x40000000;  // none that a history uses
+constexpr std::size_t kPoints = 2000;    // of a session that is killed
 
 Problem Append(model::StorageClient& client, const Appending& appending, Seen* seen) {
     void* const handle = client.Handle();
@@ -81,20 +119,31 @@ std::string Describe(const Seen& seen) {
            ", mark " + std::to_string(seen.mark);
 }
 
-Problem Read(const model::StorageClient& client, Seen* seen) {
-    *seen = Seen();
-    const u32 rc =
-        client.Enumerate(model::kLowestRev, model::kHighestRev, [&](const K9eReplRec& record) {
-            const auto* data = reinterpret_cast<const char*>(record.data);
-            seen->records.emplace_hint(
-                seen->records.end(), i64{record.rev},
-                model::Record{record.userWord, std::string(data, record.dataSize)});
-            return u32{RC_OK};
-        });
+u32 ReadRange(const model::StorageClient& client, i64 from, i64 to, model::Records* records,
+              bool* rises) {
+    return client.Enumerate(from, to, [&](const K9eReplRec& record) {
+        if (rises != nullptr && !records->empty()) {
+            *rises = *rises && record.rev > records->rbegin()->first;
+        }
+        const auto* data = reinterpret_cast<const char*>(record.data);
+        records->emplace_hint(records->end(), i64{record.rev},
+                              model::Record{record.userWord, std::string(data, record.dataSize)});
+        return u32{RC_OK};
+    });
+}
+
+void ReadMarks(const model::StorageClient& client, Seen* seen) {
+    auto* storage = static_cast<IK9eReplStorage*>(client.Handle());
     seen->nextRev = client.NextRev();
-    seen->oldestRev = OldestRev(client.Handle());
+    seen->oldestRev = StorageAccess::OldestRev(*static_cast<CK9eReplStorage*>(storage));
     K9eReplStorageGetLifenum(client.Handle(), &seen->lifenum);
     K9eReplStorageGetClearOldRev(client.Handle(), &seen->mark);
+}
+
+Problem Read(const model::StorageClient& client, Seen* seen) {
+    *seen = Seen();
+    const u32 rc = ReadRange(client, model::kLowestRev, model::kHighestRev, &seen->records);
+    ReadMarks(client, seen);
     return rc == RC_OK ? "" : "enumeration answers " + std::to_string(rc);
 }
 
@@ -136,6 +185,10 @@ Problem JudgeByStates(const History& history, StateRange range, const Seen& seen
     return "";
 }
 
+Judge ByStates(const History& history, StateRange range) {
+    return [&history, range](const Seen& seen) { return JudgeByStates(history, range, seen); };
+}
+
 Problem Examine(MemoryDisk& disk, const DiskImage& image, const History& history, u64 seed,
                 const Judge& judge) {
     SteadyCalls::SetStamp(kFirstStamp);
@@ -166,6 +219,35 @@ Problem Examine(MemoryDisk& disk, const DiskImage& image, const History& history
     Seen last;
     problem = Visit(connString, {}, &last);
     return problem.empty() ? Compare("opened after appending", last, expected) : problem;
+}
+
+Problem CrashAgain(MemoryDisk& disk, const History& history, u32 firstStamp, u32 recordsMin,
+                   model::Random& random, DiskImage* image, Judge* judge) {
+    SteadyCalls::SetStamp(firstStamp);
+    disk.Mount(*image);
+    disk.StartRecording();
+    const Appending appending{recordsMin + random.Below(3),
+                              history.recordSize > 0 ? history.recordSize : random.Below(100),
+                              static_cast<u32>(random.Next())};
+    Seen found;
+    Seen left;
+    Problem problem = Visit(history.ConnString(), appending, &found, &left);
+    const Changes changes = disk.TakeChanges();
+    problem = problem.empty() ? (*judge)(found) : problem;
+    if (!problem.empty()) {
+        return problem;
+    }
+    left = appending.records == 0 ? found : left;
+    const CrashPoint point = random.AnyOf(CrashPointsOf(changes, kPoints, random.Next()));
+    *image = ImageMaker(*image, changes).At(point);
+    found = point.changes == changes.size() ? left : found;
+    *judge = [found, left](const Seen& seen) -> Problem {
+        return seen == found || seen == left
+                   ? ""
+                   : "found " + Describe(seen) + " after an opening that had found " +
+                         Describe(found) + " and would have left " + Describe(left);
+    };
+    return "";
 }
 
 }  // namespace k9erepl::reliability

@@ -11,8 +11,6 @@
 #include "engine/storage_fixture.h"
 #include "model/storage_client.h"
 #include "reliability/family.h"
-#include "reliability/history.h"
-#include "reliability/memory_disk.h"
 #include "reliability/oracle.h"
 #include "reliability/steady_calls.h"
 

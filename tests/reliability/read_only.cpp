@@ -3,10 +3,8 @@
 // content that the storage had in the meantime, and every enumeration what was loaded, or end with
 // an error.
 #include <algorithm>
-#include <functional>
 
-#include "model/choices.h"
-#include "reliability/crash_points.h"
+#include "reliability/crash_images.h"
 #include "reliability/family.h"
 #include "reliability/oracle.h"
 #include "reliability/steady_calls.h"

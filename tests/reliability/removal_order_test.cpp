@@ -8,8 +8,8 @@
 #include <map>
 
 #include "model/storage_client.h"
-#include "reliability/history.h"
 #include "reliability/memory_disk.h"
+#include "reliability/oracle.h"
 #include "reliability/steady_calls.h"
 
 namespace k9erepl::reliability {

@@ -7,10 +7,10 @@
 #include <algorithm>
 
 #include "model/storage_client.h"
-#include "reliability/crash_points.h"
+#include "reliability/crash_images.h"
 #include "reliability/family.h"
-#include "reliability/removal_history.h"
 #include "reliability/steady_calls.h"
+#include "reliability/workload.h"
 
 namespace k9erepl::reliability {
 
@@ -110,9 +110,8 @@ class Crashes {
     }
 
     Problem Examined(const DiskImage& image, StateRange range, u64 number) {
-        return Examine(m_disk, image, m_removal.history, number, [&](const Seen& seen) {
-            return JudgeByStates(m_removal.history, range, seen);
-        });
+        return Examine(m_disk, image, m_removal.history, number,
+                       ByStates(m_removal.history, range));
     }
 
     // Without hard links there is such a moment. Opening refuses and makes nothing; each of the two
@@ -206,10 +205,7 @@ class Crashes {
     }
 
     Problem LeavesItsBackup() {
-        DiskImage image = m_removal.history.base;
-        for (const Change& change : m_removal.history.changes) {
-            image.Apply(change);
-        }
+        const DiskImage image = m_removal.history.Last();
         if (image.Find(TemporaryPath()) != nullptr) {
             return "the temporary file is left";
         }

@@ -1,7 +1,7 @@
-// The family of threads: clients, a reader, one that clears, one that flushes as an idle host does,
-// and the library's own threads on one storage, in an order that differs from seed to seed. What
-// was committed is there at the end, and after reopenings. Under ThreadSanitizer it finds races,
-// too.
+// The families that compare the writers, whose same operations leave the same data in the file,
+// byte for byte, and the same backup; and that let clients, a reader, one that clears, one that
+// flushes as an idle host does, and the library's own threads work on one storage, in an order that
+// differs from seed to seed: what was committed is there at the end, and after reopenings.
 #include <k9erepl/storage.h>
 
 #include <atomic>
@@ -10,12 +10,76 @@
 #include "model/numbers.h"
 #include "model/workout.h"
 #include "reliability/family.h"
+#include "reliability/oracle.h"
+#include "reliability/slow_reader.h"
+#include "reliability/steady_calls.h"
+#include "reliability/workload.h"
 #include "support/call_layer.h"
 #include "support/temp_folder.h"
 
 namespace k9erepl::reliability {
 
 namespace {
+
+constexpr u32 kPairsOfAGroup = 50;
+
+// Up to the last commit block. Behind it lie bytes that were rolled back, which an asynchronous
+// writer need not have written, and zeros, which depend on the sizes of writes.
+std::string DataOf(const DiskImage& image, const std::string& name) {
+    const FileBytes* file = image.Find(name);
+    if (file == nullptr) {
+        return "";
+    }
+    const std::string bytes = file->Whole();
+    return bytes.substr(0, ScanSlowly(bytes).validEnd);
+}
+
+Problem Compare(const std::string& sync, const std::string& async) {
+    if (sync == async) {
+        return "";
+    }
+    const auto [at, other] = std::mismatch(sync.begin(), sync.end(), async.begin(), async.end());
+    return std::to_string(sync.size()) + " bytes of the one, " + std::to_string(async.size()) +
+           " of the other, different from " + std::to_string(at - sync.begin()) + " on";
+}
+
+Problem CompareWriters(GroupRun& run, MemoryDisk& disk, u64 seed) {
+    model::Random random(seed);
+    WorkloadPlan plan{.operations = 20 + random.Below(60), .moreSettings = ""};
+    plan.forceFlush = random.OneIn(4);
+    plan.commitBarrier = plan.forceFlush && random.OneIn(2);
+    const History sync = MakeHistory(disk, plan, seed);
+    const DiskImage bySync = disk.Image();
+    plan.async = true;
+    const History async = MakeHistory(disk, plan, seed);
+    const DiskImage byAsync = disk.Image();
+    if (!sync.problem.empty() || !async.problem.empty()) {
+        return sync.problem + "; " + async.problem;
+    }
+    for (const std::string& name : {StoragePath(), StoragePath() + ".backup"}) {
+        const std::string data = DataOf(bySync, name);
+        run.Count("bytes compared", data.size());
+        if (Problem problem = Compare(data, DataOf(byAsync, name)); !problem.empty()) {
+            return name + ": " + problem;
+        }
+    }
+    return "";
+}
+
+void RunWriters(GroupRun& run) {
+    const SteadyCalls steady;
+    MemoryDisk disk;
+    for (u64 number = 0; number < kPairsOfAGroup; ++number) {
+        run.Case(number, [&] { return CompareWriters(run, disk, Mix(run.Seed(), number)); });
+    }
+}
+
+const RegisteredFamily kWriters({.name = "sync-against-async",
+                                 .title = "synchronous against asynchronous writer: the same bytes",
+                                 .cases = 500,
+                                 .runGroup = &RunWriters});
+
+// --- Threads. Under ThreadSanitizer this family finds races, too.
 
 constexpr u32 kCasesOfAGroup = 10;
 constexpr u32 kRounds = 2;  // the second one begins with what the first one left
@@ -87,7 +151,7 @@ std::string WorkAndCompare(GroupRun& run, u64 seed) {
                                   .async = random.OneIn(2)});
     for (u32 round = 0; round < kRounds && workout.Problem().empty(); ++round) {
         const u32 steps = kStepsMin + random.Below(kStepsMore);
-        workout.RoundOfSteps(random.Below(1000), steps, random.Next());
+        workout.Round(random.Below(1000), steps, random.Next());
         workout.Compare();
     }
     run.Count("yields", yielding.Yields());
@@ -98,16 +162,16 @@ std::string WorkAndCompare(GroupRun& run, u64 seed) {
     return workout.Problem();
 }
 
-void RunGroup(GroupRun& run) {
+void RunThreads(GroupRun& run) {
     for (u64 number = 0; number < kCasesOfAGroup; ++number) {
         run.Case(number, [&] { return WorkAndCompare(run, Mix(run.Seed(), number)); });
     }
 }
 
-const RegisteredFamily kFamily({.name = "threads",
-                                .title = "threads with seeded yields",
-                                .cases = 500,
-                                .runGroup = &RunGroup});
+const RegisteredFamily kThreads({.name = "threads",
+                                 .title = "threads with seeded yields",
+                                 .cases = 500,
+                                 .runGroup = &RunThreads});
 
 }  // namespace
 

@@ -4,29 +4,41 @@
 #define K9EREPL_TESTS_RELIABILITY_POSIX_KINDS_H
 
 #include <string>
+#include <type_traits>
 
 #include "reliability/family.h"
 #include "reliability/oracle.h"
 
 namespace k9erepl::reliability {
 
-// One kind: what is told when it fails, and its function over a place or a scene.
-template <typename Scene>
+// One kind: what is told when it fails, and its function over a scene, which is made of a seed and
+// has the last word in Judge(run, problem).
+template <typename TheScene>
 struct Kind {
+    using Scene = TheScene;
     const char* name;
     Problem (*run)(Scene& scene);
 };
 
-// Each kind is a case of the group; `check(kind, number)` makes its scene and runs it.
-template <typename Kinds, typename Check>
-void RunKinds(GroupRun& run, const Kinds& kinds, Check check) {
-    for (u64 number = 0; number < kinds.size(); ++number) {
-        const auto& kind = kinds.at(number);
+// Each kind is a case of the group, in a scene of its own.
+template <const auto& kKinds>
+void RunKinds(GroupRun& run) {
+    for (u64 number = 0; number < kKinds.size(); ++number) {
+        const auto& kind = kKinds.at(number);
         run.Case(number, [&]() -> Problem {
-            const Problem problem = check(kind, number);
+            typename std::decay_t<decltype(kind)>::Scene scene(Mix(run.Seed(), number));
+            run.Count(kind.name);
+            const Problem problem = scene.Judge(run, kind.run(scene));
             return problem.empty() ? "" : std::string(kind.name) + ": " + problem;
         });
     }
+}
+
+// "" when a call answers what it should.
+inline Problem Expect(const char* what, u32 got, u32 expected) {
+    return got == expected ? ""
+                           : std::string(what) + " answers " + std::to_string(got) + ", not " +
+                                 std::to_string(expected) + "; ";
 }
 
 }  // namespace k9erepl::reliability

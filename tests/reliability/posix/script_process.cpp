@@ -1,64 +1,213 @@
-// Environment, shared memory and files of the process; see the header.
+// The operations of a script, what survives when, and the process; see the header.
 #include "reliability/posix/script_process.h"
 
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <unistd.h>
+#include <k9erepl/storage.h>
 
-#include <cerrno>
+#include <atomic>
 #include <filesystem>
-#include <new>
-#include <system_error>
+#include <mutex>
 #include <thread>
+#include <utility>
 
-#include "reliability/memory_disk.h"
-#include "reliability/preload/fault_environment.h"
-#include "support/child_process.h"
+#include "reliability/driver.h"
+#include "reliability/gated_files.h"
 #include "support/file_bytes.h"
+#include "support/posix/forked.h"
+#include "support/temp_folder.h"
 
 namespace k9erepl::reliability {
 
 namespace {
 
-class SharedMemory {
+constexpr u32 kOperations = 30;
+
+// Which operation the revisions that the writing thread tells belong to.
+class WrittenWatch {
   public:
-    explicit SharedMemory(const std::string& path) {
-        const int file = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-        if (file < 0 || ftruncate(file, sizeof(FaultShared)) != 0) {
-            throw std::system_error(errno, std::generic_category(), path);
-        }
-        m_memory = mmap(nullptr, sizeof(FaultShared), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
-        close(file);
-        if (m_memory == MAP_FAILED) {
-            throw std::system_error(errno, std::generic_category(), path);
+    explicit WrittenWatch(const ScriptHooks& hooks) : m_hooks(hooks) {}
+
+    // Before the commit that may write up to `rev`.
+    void Expect(i64 rev, u32 operation) {
+        const std::lock_guard lock(m_mutex);
+        m_expected.emplace_back(rev, operation);
+    }
+    // Everything so far is written: revisions may fall from now on.
+    void Settle(u32 operation) {
+        const std::lock_guard lock(m_mutex);
+        m_expected.clear();
+        Tell(operation);
+    }
+    static void K9EREPL_CALL OnWritten(i64 rev, void* watch) {
+        auto& self = *static_cast<WrittenWatch*>(watch);
+        const std::lock_guard lock(self.m_mutex);
+        for (auto at = self.m_expected.rbegin(); at != self.m_expected.rend(); ++at) {
+            if (at->first <= rev) {
+                return self.Tell(at->second);
+            }
         }
     }
-    ~SharedMemory() { munmap(m_memory, sizeof(FaultShared)); }
-    SharedMemory(const SharedMemory&) = delete;
-    SharedMemory& operator=(const SharedMemory&) = delete;
-
-    const FaultShared& Get() const { return *static_cast<const FaultShared*>(m_memory); }
 
   private:
-    void* m_memory = nullptr;
+    void Tell(u32 operation) const {
+        if (m_hooks.acknowledges) {
+            m_hooks.acknowledges(operation);
+        }
+    }
+
+    const ScriptHooks& m_hooks;
+    std::mutex m_mutex;
+    std::vector<std::pair<i64, u32>> m_expected;  // guarded by m_mutex
 };
 
-std::vector<std::string> EnvironmentOf(const ProcessFault& fault, const std::string& folder,
-                                       const std::string& shared) {
-    std::vector<std::string> environment{
-        std::string("LD_PRELOAD=") + FAULT_LIBRARY, "K9EREPL_FAULT_FOLDER=" + folder,
-        "K9EREPL_FAULT_SHARED=" + shared, "K9EREPL_FAULT_AT=" + std::to_string(fault.at),
-        "K9EREPL_FAULT_ACTION=" + fault.action};
-    if (!fault.call.empty()) {
-        environment.push_back("K9EREPL_FAULT_CALL=" + fault.call);
+class Script final : public Driver {
+  public:
+    Script(const std::string& path, const ScriptPlan& plan, u64 seed, const ScriptHooks& hooks)
+        : Driver(seed), m_plan(plan), m_hooks(hooks), m_written(hooks) {
+        model::Settings& settings = m_result.history.settings = AnySettings();
+        settings.flushBy = model::FlushBy::kTransactions;
+        settings.flushThreshold = 1;
+        settings.forceFlush = plan.forceFlush;
+        settings.async = plan.async;
+        m_connString = settings.ConnString(path);
     }
-    if (!fault.skip.empty()) {
-        environment.push_back("K9EREPL_FAULT_SKIP=" + fault.skip);
+
+    ScriptResult Run() {
+        Run([this] { Create(); });
+        Run([this] { Open(); });
+        while (!Ended() && m_number < kOperations) {
+            Run([this] { Step(); });
+        }
+        Run([this] { Close(); });
+        m_client.Close();
+        return std::move(m_result);
     }
-    return environment;
+
+  private:
+    bool Ended() const override { return !m_result.history.problem.empty(); }
+
+    template <typename Body>
+    void Run(Body body) {
+        if (Ended()) {
+            return;
+        }
+        if (m_hooks.begins) {
+            m_hooks.begins(m_number);
+        }
+        m_settles = !m_plan.async;
+        body();
+        if (!Ended()) {
+            m_result.history.states.push_back(m_model.File());
+            if (m_settles) {
+                m_written.Settle(m_number);
+            }
+            ++m_number;
+        }
+    }
+
+    void Step() {
+        const u32 ticket = m_random.Below(100);
+        if (ticket < 64) {
+            Transaction(5);
+        } else if (ticket < 84) {
+            Clear();
+        } else if (ticket < 88 && m_plan.startsOver) {
+            StartOver();
+        } else if (ticket < 92) {
+            SetMark();
+        } else {
+            Close();
+            Open();
+        }
+    }
+
+    void Do(Operation operation, const Call& call, const Call& expect) override {
+        if (operation == Operation::kCommit) {
+            m_written.Expect(m_model.NextRev() - 1, m_number);
+        }
+        const u32 got = call();
+        Expect(NameOf(operation), got, expect());
+        m_settles |= m_model.LastEffects().written != model::Written::kSoFar;
+        TellFlushes();
+    }
+
+    void Create() {
+        Expect("Create", K9eReplStorageCreate(m_connString.c_str(), 0), RC_OK);
+        m_settles = true;
+    }
+
+    void Open() {
+        Expect("Open", m_client.Open(m_connString), RC_OK);
+        if (Ended()) {
+            return;
+        }
+        K9eReplStorageSetOnWriteToFileCallback(m_client.Handle(), &WrittenWatch::OnWritten,
+                                               &m_written);
+        m_model.Open(m_result.history.settings);
+        const u32 expected = m_model.Load();
+        Expect("Load", K9eReplStorageLoad(m_client.Handle()), expected);
+        if (!Ended() && !m_model.AdoptNextRev(m_client.NextRev())) {
+            m_result.history.problem = "Load: next revision";
+        }
+        m_settles = true;
+    }
+
+    void Close() {
+        m_model.BeginClose();
+        K9eReplStorageSetOnWriteToFileCallback(m_client.Handle(), nullptr, nullptr);
+        m_client.Close();
+        TellFlushes();
+        m_model.EndClose();
+        m_settles = true;
+    }
+
+    void Expect(const char* name, u32 got, u32 expected) {
+        if (got != expected && !Ended()) {
+            m_result.history.problem = std::string(name) + " answers " + std::to_string(got);
+            m_result.failed = m_number;
+            m_result.code = got;
+        }
+    }
+
+    const ScriptPlan m_plan;
+    const ScriptHooks& m_hooks;
+    WrittenWatch m_written;
+    std::string m_connString;
+    ScriptResult m_result;
+    u32 m_number = 0;
+    bool m_settles = false;  // the present operation leaves nothing to be written
+};
+
+// What the process tells its parent, also when it is killed.
+struct Told {
+    std::atomic<u64> calls;
+    std::atomic<u64> struck;
+    std::atomic<u32> begun;
+    std::atomic<u32> acknowledged;
+    std::atomic<u32> failed;
+    std::atomic<u32> code;
+    std::atomic<bool> ended;
+};
+
+// In the process.
+int RunStruck(const std::string& folder, const ScriptPlan& plan, u64 seed, const Strike& strike,
+              Told& told) {
+    platform::TheSystemCalls() = platform::NativeSystemCalls();
+    const GatedFiles files([&](const Attempt& attempt) {
+        const u64 number = ++told.calls;
+        const std::optional<Permit> permit = strike ? strike(number, attempt) : std::nullopt;
+        told.struck += permit ? 1 : 0;
+        return permit.value_or(Permit{});
+    });
+    const ScriptHooks hooks{[&](u32 operation) { told.begun = operation; },
+                            [&](u32 operation) { told.acknowledged = operation; }};
+    const ScriptResult result = RunScript(folder + "/storage.edb", plan, seed, hooks);
+    told.failed = result.failed;
+    told.code = result.code;
+    told.ended = true;
+    return 0;
 }
 
-DiskImage Read(const std::string& folder) {
+DiskImage ImageOf(const std::string& folder) {
     DiskImage image;
     for (const auto& entry : std::filesystem::directory_iterator(folder)) {
         const auto bytes = test::ReadBytes(entry.path().string());
@@ -69,40 +218,33 @@ DiskImage Read(const std::string& folder) {
     return image;
 }
 
-// Busy: any waiting would choose the moments.
-void KillAfter(test::ChildProcess& child, const FaultShared& shared, u64 calls) {
-    while (shared.calls < calls && shared.ended == 0) {
-        std::this_thread::yield();
-    }
-    child.Kill();
-}
-
 }  // namespace
 
-ProcessEnd RunProcess(const ScriptPlan& plan, u64 seed, const ProcessFault& fault) {
+ScriptResult RunScript(const std::string& path, const ScriptPlan& plan, u64 seed,
+                       const ScriptHooks& hooks) {
+    return Script(path, plan, seed, hooks).Run();
+}
+
+ProcessEnd RunProcess(const ScriptPlan& plan, u64 seed, const Strike& strike, u64 killAfter) {
     const test::TempFolder folder;
-    const std::string files = folder.File("files");
-    std::filesystem::create_directory(files);
-    const SharedMemory shared(folder.File("shared"));
-    test::ChildProcess child(
-        {.arguments = {SCRIPT_CLIENT, files + "/storage.edb", std::to_string(seed),
-                       std::to_string(plan.operations), plan.async ? "1" : "0",
-                       plan.forceFlush ? "1" : "0", plan.startsOver ? "1" : "0"},
-         .environment = EnvironmentOf(fault, files, folder.File("shared"))});
-    if (fault.killAfter > 0) {
-        KillAfter(child, shared.Get(), fault.killAfter);
+    const test::Shared<Told> told;
+    const pid_t process =
+        test::StartForked([&] { return RunStruck(folder.Path(), plan, seed, strike, *told); });
+    // Busy: any waiting would choose the moments.
+    while (killAfter > 0 && told->calls < killAfter && !told->ended) {
+        std::this_thread::yield();
     }
-    const test::ChildEnd end = child.Wait();
-    const FaultShared& told = shared.Get();
-    return {.killed = end.signal == test::kKillSignal,
-            .exitStatus = end.signal == test::kKillSignal ? 0 : end.exitStatus + end.signal,
-            .calls = told.calls,
-            .struck = told.struck,
-            .begun = told.begun,
-            .acknowledged = told.acknowledged,
-            .failed = static_cast<u32>(told.failed),
-            .code = static_cast<u32>(told.code),
-            .left = Read(files)};
+    if (killAfter > 0) {
+        kill(process, SIGKILL);
+    }
+    return {.answer = test::AnswerOf(process),
+            .calls = told->calls,
+            .struck = told->struck,
+            .begun = told->begun,
+            .acknowledged = told->acknowledged,
+            .failed = told->failed,
+            .code = told->code,
+            .left = ImageOf(folder.Path())};
 }
 
 }  // namespace k9erepl::reliability

@@ -3,16 +3,14 @@
 // and file systems without locks. There is one writer at any time, whoever is refused changes
 // nothing, and what was acknowledged is there.
 #include <fcntl.h>
+#include <k9erepl/storage.h>
 #include <sched.h>
 
 #include <array>
 #include <thread>
 
-#include "platform/system_error.h"
-#include "reliability/family.h"
-#include "reliability/posix/kinds.h"
-#include "reliability/posix/writers_scene.h"
-#include "support/call_layer.h"
+#include "reliability/gated_files.h"
+#include "reliability/posix/writing_session.h"
 
 namespace k9erepl::reliability {
 
@@ -24,26 +22,25 @@ Problem Threads(Scene& scene) {
         threads.emplace_back([&scene, writer, seed = scene.random.Next()] {
             model::Random random(seed);
             for (u32 turn = 0; turn < 3; ++turn) {
-                scene.board->Tell(
-                    WriteForAWhile(scene.plan, *scene.board, writer, 1 + random.Below(4), random));
+                scene.board->Tell(scene.Write(writer, 1 + random.Below(4), random));
             }
         });
     }
     for (std::thread& thread : threads) {
         thread.join();
     }
-    const Problem problem = OnlyRefusals(scene);
+    const Problem problem = scene.OnlyRefusals();
     return problem.empty() ? scene.End() : problem;
 }
 
-pid_t StartWriter(const Scene& scene, u32 writer, u32 turns, u64 seed) {
-    return Start(scene, [&scene, writer, turns, seed] {
+pid_t StartWriter(Scene& scene, u32 writer, u32 turns) {
+    return scene.Start([&scene, writer, turns, seed = scene.random.Next()] {
         model::Random random(seed);
         Problem problem;
         for (u32 turn = 0; turn < turns && problem.empty(); ++turn) {
-            problem = WriteForAWhile(scene.plan, *scene.board, writer, 1 + random.Below(4), random);
+            problem = scene.Write(writer, 1 + random.Below(4), random);
         }
-        const Problem logged = OnlyRefusals(scene);
+        const Problem logged = scene.OnlyRefusals();
         return problem.empty() ? logged : problem;
     });
 }
@@ -51,10 +48,10 @@ pid_t StartWriter(const Scene& scene, u32 writer, u32 turns, u64 seed) {
 Problem Processes(Scene& scene) {
     std::array<pid_t, 3> writers{};
     for (u32 i = 0; i < writers.size(); ++i) {
-        writers.at(i) = StartWriter(scene, i + 1, 3, scene.random.Next());
+        writers.at(i) = StartWriter(scene, i + 1, 3);
     }
     for (const pid_t writer : writers) {
-        scene.board->Tell(EndedWell(writer) ? "" : "a writing process died");
+        scene.board->Tell(test::AnswerOf(writer) == 0 ? "" : "a writing process died");
     }
     return scene.End();
 }
@@ -63,10 +60,10 @@ Problem Processes(Scene& scene) {
 Problem KilledProcesses(Scene& scene) {
     constexpr u32 kEndless = 1'000'000;
     u32 writer = 0;
-    pid_t living = StartWriter(scene, ++writer, kEndless, scene.random.Next());
+    pid_t living = StartWriter(scene, ++writer, kEndless);
     for (u32 kills = 0; kills < 4; ++kills) {
         const pid_t victim = living;
-        living = StartWriter(scene, writer + 1, kEndless, scene.random.Next());
+        living = StartWriter(scene, writer + 1, kEndless);
         const u32 until = scene.board->operations + scene.random.Below(8);
         for (u32 spins = scene.random.Below(2000);
              (scene.board->operations < until || spins > 0) && !scene.board->hasProblem;
@@ -74,18 +71,18 @@ Problem KilledProcesses(Scene& scene) {
             sched_yield();
         }
         scene.board->killed |= u64{1} << writer++;
-        Kill(victim);
+        test::KillForked(victim);
     }
     scene.board->killed |= u64{1} << writer;
-    Kill(living);
+    test::KillForked(living);
     return scene.End();
 }
 
 // What any other process, and this one, may ask for while a writer lives.
 Problem Ask(const Scene& scene, bool* changed) {
-    const char* const conn = scene.plan.connString.c_str();
+    const char* const conn = scene.connString.c_str();
     void* handle = nullptr;
-    const Files before = scene.Everything();
+    const Scene::Files before = scene.Everything();
     const std::size_t told = scene.log.Count(scene.InUse());
     Problem problem = Expect("Open", K9eReplStorageOpen(conn, &handle), RC_SYSTEM_ERROR);
     problem += Expect("Create to replace", K9eReplStorageCreate(conn, K9EREPL_CREATE_REPLACE),
@@ -113,39 +110,23 @@ Problem AskBesideAWriter(const Scene& scene) {
 }
 
 // A writer that stands still while others ask, then goes on.
-class Holder {
-  public:
+struct Holder : model::StorageClient {
     explicit Holder(Scene& scene) {
         scene.board->Tell(scene.Write(1, 3));
-        m_rc = K9eReplStorageOpen(scene.plan.connString.c_str(), &m_handle);
-        m_rc = m_rc == RC_OK ? K9eReplStorageLoad(m_handle) : m_rc;
+        const u32 rc = Open(scene.connString);
+        opened = Expect("the first Open", rc == RC_OK ? K9eReplStorageLoad(Handle()) : rc, RC_OK);
     }
-    ~Holder() { Close(); }
-    Holder(const Holder&) = delete;
-    Holder& operator=(const Holder&) = delete;
-
-    Problem Opened() const { return Expect("the first Open", m_rc, RC_OK); }
-    void* Handle() const { return m_handle; }
-    void Close() {
-        if (m_handle != nullptr) {
-            K9eReplStorageClose(m_handle);
-            m_handle = nullptr;
-        }
-    }
-
-  private:
-    void* m_handle = nullptr;
-    u32 m_rc = RC_OK;
+    Problem opened;
 };
 
 Problem BesideALivingWriter(Scene& scene) {
     Holder holder(scene);
-    Problem problem = holder.Opened();
+    Problem problem = holder.opened;
     if (problem.empty()) {
         const bool here = scene.random.OneIn(2);
         problem = here ? AskBesideAWriter(scene) : "";
         const bool well =
-            here || EndedWell(Start(scene, [&scene] { return AskBesideAWriter(scene); }));
+            here || test::AnswerOf(scene.Start([&] { return AskBesideAWriter(scene); })) == 0;
         problem += well ? "" : "the other process has a problem; ";
     }
     holder.Close();
@@ -155,38 +136,34 @@ Problem BesideALivingWriter(Scene& scene) {
 // A process that asks all the time finds no moment at which the file is free.
 Problem SqueezesUnderTheLock(Scene& scene) {
     Holder holder(scene);
-    Problem problem = holder.Opened();
-    const pid_t other = Start(scene, [&scene]() -> Problem {
-        void* handle = nullptr;
+    Problem problem = holder.opened;
+    const pid_t other = scene.Start([&scene]() -> Problem {
+        model::StorageClient client;
         while (scene.board->owner == 0) {
-            if (K9eReplStorageOpen(scene.plan.connString.c_str(), &handle) != RC_SYSTEM_ERROR) {
+            if (client.Open(scene.connString) != RC_SYSTEM_ERROR) {
                 return "another process opened the file in the middle of a squeeze";
             }
             ++scene.board->refused;
         }
-        return OnlyRefusals(scene);
+        return scene.OnlyRefusals();
     });
     const u32 squeezes = 4 + scene.random.Below(8);
     for (u32 i = 0; i < squeezes && problem.empty(); ++i) {
         const u32 refused = scene.board->refused;
         i64 rev = 0;
-        K9eReplStorageGetNextRev(holder.Handle(), &rev);
-        K9eReplRec record{};
         const u32 mode =
             scene.random.OneIn(2) ? K9EREPL_CLEAR_SQUEEZE : K9EREPL_CLEAR_SQUEEZE_BACKUP;
-        problem += Expect("Begin", K9eReplStorageBeginTransaction(holder.Handle()), RC_OK);
-        problem += Expect("Insert", K9eReplStorageInsert(holder.Handle(), &record), RC_OK);
-        problem += Expect("Commit", K9eReplStorageCommit(holder.Handle()), RC_OK);
+        problem += Expect("Insert", holder.Insert({}, nullptr, &rev), RC_OK);
         problem += Expect("Clear", K9eReplStorageClearOldRev(holder.Handle(), rev, mode), RC_OK);
         while (scene.board->refused == refused && !scene.board->hasProblem) {
             sched_yield();
         }
     }
     scene.board->owner = 1;
-    problem += EndedWell(other) ? "" : std::string(scene.board->problem) + "; ";
+    problem += test::AnswerOf(other) == 0 ? "" : std::string(scene.board->problem) + "; ";
     holder.Close();
     Seen seen;
-    problem += problem.empty() ? Visit(scene.plan.connString, {1, 5, 1}, &seen) : "";
+    problem += problem.empty() ? Visit(scene.connString, {1, 5, 1}, &seen) : "";
     return problem.empty() && seen.records.size() != 1 ? "holds " + Describe(seen) : problem;
 }
 
@@ -198,7 +175,7 @@ Problem KilledHolder(Scene& scene) {
     if (pipe2(ends, O_CLOEXEC) != 0) {
         return "no pipe";
     }
-    const pid_t process = Start(scene, [&]() -> Problem {
+    const pid_t process = scene.Start([&]() -> Problem {
         Holder holder(scene);
         const pid_t heir = forks ? fork() : 0;
         if (forks && heir == 0) {
@@ -212,22 +189,17 @@ Problem KilledHolder(Scene& scene) {
     Problem problem = read(ends[0], &heir, sizeof heir) == sizeof heir ? "" : "no word; ";
     close(ends[0]);
     close(ends[1]);
-    void* handle = nullptr;
-    const char* const conn = scene.plan.connString.c_str();
-    problem += Expect("Open", K9eReplStorageOpen(conn, &handle), RC_SYSTEM_ERROR);
-    Kill(process);
+    model::StorageClient client;
+    problem += Expect("Open", client.Open(scene.connString), RC_SYSTEM_ERROR);
+    test::KillForked(process);
     if (forks) {
-        problem +=
-            Expect("Open beside the heir", K9eReplStorageOpen(conn, &handle), RC_SYSTEM_ERROR);
+        problem += Expect("Open beside the heir", client.Open(scene.connString), RC_SYSTEM_ERROR);
         kill(heir, SIGKILL);
-        while (kill(heir, 0) == 0) {  // no child of ours
-            u32 rc = K9eReplStorageOpen(conn, &handle);
-            if (rc == RC_OK) {
-                K9eReplStorageClose(handle);
-                break;
-            }
+        // No child of ours: whoever can open comes behind its end.
+        while (kill(heir, 0) == 0 && client.Open(scene.connString) != RC_OK) {
             sched_yield();
         }
+        client.Close();
     }
     return problem.empty() ? scene.End() : problem;
 }
@@ -239,37 +211,27 @@ Problem ForkedChild(Scene& scene) {
     if (pipe2(ends, O_CLOEXEC) != 0) {
         return "no pipe";
     }
-    const pid_t child = Start(scene, [&]() -> Problem {
+    const pid_t child = scene.Start([&]() -> Problem {
         close(ends[1]);
         char byte = 0;
         return read(ends[0], &byte, 1) == 0 ? "" : "no end";
     });
     close(ends[0]);
-    void* handle = nullptr;
-    const char* const conn = scene.plan.connString.c_str();
-    Problem problem = holder.Opened();
-    problem += Expect("Open", K9eReplStorageOpen(conn, &handle), RC_SYSTEM_ERROR);
+    model::StorageClient client;
+    Problem problem = holder.opened;
+    problem += Expect("Open", client.Open(scene.connString), RC_SYSTEM_ERROR);
     holder.Close();
     problem += scene.End();
     close(ends[1]);
-    return problem + (EndedWell(child) ? "" : "the child died");
+    return problem + (test::AnswerOf(child) == 0 ? "" : "the child died");
 }
 
 // While it lives no file can be locked, for this reason.
-class LockFault : test::CallLayer<LockFault> {
-  public:
-    explicit LockFault(platform::SystemErrorKind kind) : m_kind(kind) {
-        Take<&test::CallTable::lockFile, &LockFault::Lock>();
-    }
-
-  private:
-    friend CallLayer;
-    bool Lock(platform::NativeFile /*file*/) {
-        platform::SetLastSystemError(platform::SystemErrorOf(m_kind));
-        return false;
-    }
-
-    const platform::SystemErrorKind m_kind;
+struct LockFault : GatedFiles {
+    explicit LockFault(platform::SystemErrorKind kind)
+        : GatedFiles([kind](const Attempt& attempt) {
+              return attempt.call == test::SystemCall::kLockFile ? Permit{kind} : Permit{};
+          }) {}
 };
 
 Problem NoLocks(Scene& scene) {
@@ -289,18 +251,18 @@ Problem NoLocks(Scene& scene) {
 // on when the system works again.
 Problem FailingLocks(Scene& scene) {
     scene.board->Tell(scene.Write(1, 4));
-    const char* const conn = scene.plan.connString.c_str();
+    const char* const conn = scene.connString.c_str();
     Problem problem;
     {
         const LockFault fault(platform::SystemErrorKind::kInputOutput);
-        const Files before = scene.Everything();
+        const Scene::Files before = scene.Everything();
         void* handle = nullptr;
         problem = Expect("Open", K9eReplStorageOpen(conn, &handle), RC_SYSTEM_ERROR);
         problem += Expect("Create to replace", K9eReplStorageCreate(conn, K9EREPL_CREATE_REPLACE),
                           RC_SYSTEM_ERROR);
         problem += Expect("Delete", K9eReplStorageDelete(conn), RC_SYSTEM_ERROR);
         problem += scene.Everything() == before ? "" : "files changed; ";
-        problem += scene.log.CountContaining("Cannot lock storage file '" + scene.plan.path) == 3
+        problem += scene.log.CountContaining("Cannot lock storage file '" + scene.path) == 3
                        ? ""
                        : "not told why; ";
     }
@@ -328,22 +290,10 @@ constexpr std::array<Kind<Scene>, 9> kKinds{{{"threads", &Threads},
                                              {"no locks", &NoLocks},
                                              {"failing locks", &FailingLocks}}};
 
-void RunGroup(GroupRun& run) {
-    RunKinds(run, kKinds, [&run](const auto& kind, u64 number) {
-        Scene scene(Mix(run.Seed(), number));
-        Problem problem = scene.board->hasProblem ? scene.board->problem : kind.run(scene);
-        problem = problem.empty() && scene.board->hasProblem ? scene.board->problem : problem;
-        run.Count("refused", scene.board->refused);
-        run.Count("squeezes", scene.board->squeezes);
-        run.Count("transactions and clears", scene.board->operations);
-        return problem;
-    });
-}
-
 const RegisteredFamily kFamily({.name = "two-writers",
                                 .title = "several writers of one file, killed holders, no locks",
                                 .cases = 450,
-                                .runGroup = &RunGroup});
+                                .runGroup = &RunKinds<kKinds>});
 
 }  // namespace
 

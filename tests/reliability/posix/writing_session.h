@@ -1,19 +1,22 @@
-// One writer's time with a storage that others want to write, too: it opens, compares everything
-// with what all writers have told so far, appends and clears, and closes. The family of two writers
-// runs it in threads and in processes, some of which are killed.
+// Several writers of one storage: what they tell one another, one writer's time with the storage,
+// and the scene in which the family of two writers runs them in threads and in processes, some of
+// which are killed.
 #ifndef K9EREPL_TESTS_RELIABILITY_POSIX_WRITING_SESSION_H
 #define K9EREPL_TESTS_RELIABILITY_POSIX_WRITING_SESSION_H
 
 #include <atomic>
+#include <map>
 #include <string>
+#include <vector>
 
-#include "model/numbers.h"
-#include "reliability/oracle.h"
+#include "reliability/posix/kinds.h"
+#include "support/log_capture.h"
+#include "support/posix/forked.h"
+#include "support/temp_folder.h"
 
 namespace k9erepl::reliability {
 
-// What the writers of one storage tell one another, in memory that their processes share. Only who
-// has the storage open changes the revisions.
+// In memory that the processes share. Only who has the storage open changes the revisions.
 struct WritersBoard {
     std::atomic<u32> owner{0};       // the writer that has the storage open; 0: none, or unknown
     std::atomic<u64> killed{0};      // by bits, the writers that were, or are about to be, killed
@@ -30,24 +33,51 @@ struct WritersBoard {
     void Tell(const Problem& text);
 };
 
-struct WritersPlan {
-    std::string path;  // of the storage file
-    std::string connString;
-    u64 seed = 0;          // of the records' data
-    bool async = false;    // OnWriteToFile tells what is written, else the commit's answer
-    bool squeezes = true;  // some clears are squeezes
-};
-
 inline constexpr u32 kWritersMost = 63;
-inline constexpr i64 kRecordsOfATransaction = 3;
 
-// Creates the storage of the plan.
-Problem CreateForWriters(const WritersPlan& plan);
+// A storage in a folder of its own, what its writers tell one another, and what is logged.
+class Scene {
+  public:
+    using Files = std::map<std::string, std::vector<u8>>;
 
-// Waits until the storage can be opened, compares its content, makes `steps` transactions and
-// clears, and closes. `writer` is 1 to kWritersMost, and in use once at a time.
-Problem WriteForAWhile(const WritersPlan& plan, WritersBoard& board, u32 writer, u32 steps,
-                       model::Random& random);
+    explicit Scene(u64 seed);
+
+    // Waits until the storage can be opened, compares everything with what all writers have told so
+    // far, makes `steps` transactions and clears, and closes. `writer` is 1 to kWritersMost, and in
+    // use once at a time.
+    Problem Write(u32 writer, u32 steps, model::Random& dice);
+    Problem Write(u32 writer, u32 steps) { return Write(writer, steps, random); }
+    // A process that does `work`. Answers 0; 1 when there was a problem, which the board has.
+    template <typename Work>
+    pid_t Start(Work work) const {
+        return test::StartForked([&] {
+            const Problem problem = work();
+            board->Tell(problem);
+            return problem.empty() ? 0 : 1;
+        });
+    }
+    // What the folder holds.
+    Files Everything() const;
+    std::string InUse() const {
+        return "Storage file is in use by another writer;file path '" + path + "'";
+    }
+    // Whoever is refused is told so by one error, beside those of its callers.
+    Problem OnlyRefusals() const;
+    // The problem that a writer told, or else that the content is not what all have told.
+    Problem End() {
+        return board->hasProblem ? std::string(board->problem) : Write(kWritersMost, 2);
+    }
+    Problem Judge(GroupRun& run, const Problem& problem) const;
+
+    model::Random random;
+    const test::TempFolder folder;
+    const std::string path;  // of the storage file
+    const u64 dataSeed;      // of the records
+    const bool async;        // OnWriteToFile tells what is written, else the commit's answer
+    const std::string connString;
+    const test::Shared<WritersBoard> board;
+    const test::LogCapture log;
+};
 
 }  // namespace k9erepl::reliability
 

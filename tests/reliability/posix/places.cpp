@@ -1,174 +1,21 @@
-// The family of names: the index file, the backup, the temporary file and the backup's index of a
-// storage have names that lead to the storage itself, to another storage, or to one another, by
-// every kind of link and path. No storage is emptied, overwritten or deleted that way.
+// The families of what a storage meets around itself. Names: the index file, the backup, the
+// temporary file and the backup's index of a storage have names that lead to the storage itself, to
+// another storage, or to one another, by every kind of link and path; no storage is emptied,
+// overwritten or deleted that way. Surroundings: permissions, links, what is no file, and a process
+// that writes while another one reads.
 #include <k9erepl/storage.h>
-#include <unistd.h>
 
 #include <array>
-#include <filesystem>
-#include <map>
-#include <vector>
 
-#include "model/choices.h"
-#include "model/numbers.h"
-#include "model/storage_client.h"
-#include "reliability/oracle.h"
-#include "reliability/posix/kinds.h"
-#include "support/file_bytes.h"
+#include "reliability/posix/place.h"
 #include "support/log_capture.h"
-#include "support/temp_folder.h"
+#include "support/posix/forked.h"
 
 namespace k9erepl::reliability {
 
 namespace {
 
-namespace fs = std::filesystem;
-using Files = std::map<std::string, std::vector<u8>>;
-
-// How a path leads to the file "target" of the folder.
-enum class Way : u8 {
-    kPlain,
-    kDot,            // ./target
-    kThroughFolder,  // folder/../target
-    kRelative,       // from the current folder
-    kHardLink,
-    kSymbolicLink,
-    kChain,         // a symbolic link to a symbolic link
-    kLinkedFolder,  // a symbolic link to the folder, and the name in it
-    kHardInFolder,  // a hard link in another folder
-};
-constexpr u32 kWays = 9;
-
-bool NeedsTarget(Way way) {
-    return way == Way::kHardLink || way == Way::kHardInFolder;
-}
-
-class Place {
-  public:
-    explicit Place(u64 seed) : m_random(seed) {
-        fs::create_directory(File("sub"));
-        m_settings = std::string(";block_size=") + m_random.OneOf<const char*>({"400", "3000"}) +
-                     ";cache_type=Last1;flush_mode=PerTrans;flush_trans_num=1;" +
-                     "flush_timeout=1000000;async_mode=" + (m_random.OneIn(2) ? "yes" : "no");
-    }
-
-    std::string File(const std::string& name) const { return m_folder.File(name); }
-    model::Random& Dice() { return m_random; }
-
-    std::string Conn(const std::string& storage, const std::string& index = "") const {
-        return "file=" + storage + m_settings + (index.empty() ? "" : ";index_file=" + index);
-    }
-
-    // A closed storage of some records; what it holds is in *seen.
-    Problem Make(const std::string& name, Seen* seen) {
-        const std::string conn = Conn(File(name));
-        const u32 rc = K9eReplStorageCreate(conn.c_str(), 0);
-        if (rc != RC_OK) {
-            return "Create answers " + std::to_string(rc);
-        }
-        Seen before;
-        return Visit(
-            conn, {2 + m_random.Below(20), m_random.Below(60), static_cast<u32>(m_random.Next())},
-            &before, seen);
-    }
-    // Two of them, "a.edb" and "b.edb".
-    Problem MakeBoth(Seen* first, Seen* second) {
-        Problem problem = Make("a.edb", first);
-        problem += Make("b.edb", second);
-        return problem;
-    }
-    // The storage holds this, whatever index file there is.
-    Problem Holds(const std::string& name, const Seen& expected) const {
-        Seen seen;
-        Problem problem =
-            Visit("cache_type=AllInMem;flush_mode=NoFlush;file=" + File(name), {}, &seen);
-        return !problem.empty() || seen.records == expected.records
-                   ? problem
-                   : name + " holds " + Describe(seen) + ", not " + Describe(expected);
-    }
-
-    // Gives "a.edb" or "b.edb" the name `link`, too, by a link of either kind. Returns which.
-    std::string LinkToOne(const std::string& link) {
-        const std::string target = m_random.OneIn(2) ? "a.edb" : "b.edb";
-        if (m_random.OneIn(2)) {
-            fs::create_symlink(target, File(link));
-        } else {
-            fs::create_hard_link(File(target), File(link));
-        }
-        return target;
-    }
-
-    // A path that leads to `target`, a name in the folder. Makes the links that it needs.
-    std::string PathBy(Way way, const std::string& target) {
-        const std::string link = "link" + std::to_string(++m_links);
-        switch (way) {
-            case Way::kPlain:
-                return File(target);
-            case Way::kDot:
-                return File("./" + target);
-            case Way::kThroughFolder:
-                return File("sub/../" + target);
-            case Way::kRelative:
-                return fs::relative(m_folder.Path()).string() + "/" + target;
-            case Way::kHardLink:
-                fs::create_hard_link(File(target), File(link));
-                return File(link);
-            case Way::kSymbolicLink:
-                fs::create_symlink(target, File(link));
-                return File(link);
-            case Way::kChain:
-                fs::create_symlink(target, File(link));
-                fs::create_symlink(File(link), File("sub/" + link));
-                return File("sub/" + link);
-            case Way::kLinkedFolder:
-                fs::create_directory_symlink("..", File("sub/" + link));
-                return File("sub/" + link + "/" + target);
-            case Way::kHardInFolder:
-                fs::create_hard_link(File(target), File("sub/" + link));
-                break;
-        }
-        return File("sub/" + link);
-    }
-    Way AnyWay() { return static_cast<Way>(m_random.Below(kWays)); }
-    Way AnyWayTo(const std::string& target) {
-        Way way = AnyWay();
-        while (NeedsTarget(way) && !fs::exists(File(target))) {
-            way = AnyWay();
-        }
-        return way;
-    }
-
-    // Everything in the folder: names, what links say, and bytes.
-    Files Everything() const {
-        Files files;
-        for (const auto& entry : fs::recursive_directory_iterator(m_folder.Path())) {
-            if (entry.is_symlink()) {
-                const std::string target = fs::read_symlink(entry.path());
-                files[entry.path()].assign(target.begin(), target.end());
-            } else if (entry.is_regular_file()) {
-                files[entry.path()] = test::ReadBytes(entry.path());
-            }
-        }
-        return files;
-    }
-
-  private:
-    const test::TempFolder m_folder;
-    model::Random m_random;
-    std::string m_settings;
-    u32 m_links = 0;
-};
-
-Problem Expect(const char* what, u32 got, u32 expected) {
-    return got == expected ? ""
-                           : std::string(what) + " answers " + std::to_string(got) + ", not " +
-                                 std::to_string(expected) + "; ";
-}
-
-u32 OpenOnly(const std::string& conn) {
-    model::StorageClient client;
-    return client.Open(conn);
-}
+// --- Names
 
 // Every call that changes something answers 2, each with one error that names both paths, and
 // nothing changes.
@@ -176,7 +23,8 @@ Problem ExpectRefused(const Place& place, const std::string& storage, const std:
     const test::LogCapture log;
     const std::string conn = place.Conn(storage, index);
     const Files before = place.Everything();
-    Problem problem = Expect("Open", OpenOnly(conn), RC_INVALID_ARG);
+    model::StorageClient client;
+    Problem problem = Expect("Open", client.Open(conn), RC_INVALID_ARG);
     for (const u32 flags : {0U, 1U, 2U, 3U}) {
         problem += Expect("Create", K9eReplStorageCreate(conn.c_str(), flags), RC_INVALID_ARG);
     }
@@ -206,8 +54,7 @@ Problem IndexIsTheStorage(Place& place) {
 Problem IndexIsAnotherStorage(Place& place) {
     Seen first;
     Seen second;
-    Problem problem = place.Make("a.edb", &first);
-    problem += place.Make("b.edb", &second);
+    Problem problem = place.MakeBoth(&first, &second);
     if (problem.empty()) {
         problem = ExpectRefused(place, place.PathBy(place.AnyWay(), "a.edb"),
                                 place.PathBy(place.AnyWay(), "b.edb"));
@@ -314,7 +161,7 @@ Problem NamesThatDiffer(Place& place) {
     return problem.empty() ? "" : std::string(name) + ": " + problem;
 }
 
-constexpr std::array<Kind<Place>, 6> kKinds{
+constexpr std::array<Kind<Place>, 6> kNames{
     {{"index is the storage", &IndexIsTheStorage},
      {"index is another storage", &IndexIsAnotherStorage},
      {"index has a squeeze's name", &IndexHasANameOfASqueeze},
@@ -322,18 +169,143 @@ constexpr std::array<Kind<Place>, 6> kKinds{
      {"squeeze beside links", &SqueezeBesideLinks},
      {"names that differ", &NamesThatDiffer}}};
 
-void RunGroup(GroupRun& run) {
-    RunKinds(run, kKinds, [&run](const auto& kind, u64 number) {
-        Place place(Mix(run.Seed(), number));
-        run.Count(kind.name);
-        return kind.run(place);
-    });
+const RegisteredFamily kNamesFamily({.name = "names",
+                                     .title = "names that lead to one file, by every kind of link",
+                                     .cases = 1200,
+                                     .runGroup = &RunKinds<kNames>});
+
+// --- Surroundings
+
+// In a process that permissions bind. Its answer is a code of one byte.
+template <typename Work>
+u32 AsNobody(Work work) {
+    return static_cast<u32>(test::AnswerOf(test::StartForked([&]() -> u32 {
+        const bool bound = getuid() != 0 || (setgid(kNobody) == 0 && setuid(kNobody) == 0);
+        return bound ? work() : 255;
+    })));
 }
 
-const RegisteredFamily kFamily({.name = "names",
-                                .title = "names that lead to one file, by every kind of link",
-                                .cases = 1200,
-                                .runGroup = &RunGroup});
+Problem FileWithoutPermission(Place& place, mode_t mode) {
+    Seen seen;
+    if (Problem problem = place.Make("a.edb", &seen, kRecords); !problem.empty()) {
+        return problem;
+    }
+    const auto before = test::ReadBytes(place.File("a.edb"));
+    place.LetIn("a.edb", 0755, mode);
+    const u32 rc = AsNobody([&] { return place.TryOpen("a.edb"); });
+    return before == test::ReadBytes(place.File("a.edb")) ? Expect("Open", rc, RC_SYSTEM_ERROR)
+                                                          : "the file changed";
+}
+
+Problem ReadOnlyFile(Place& place) {
+    return FileWithoutPermission(place, 0444);
+}
+Problem ClosedFile(Place& place) {
+    return FileWithoutPermission(place, 0);
+}
+
+// Without a place for a copy: appending works, a squeeze is refused and loses nothing.
+Problem ReadOnlyFolder(Place& place) {
+    Seen seen;
+    if (Problem problem = place.Make("a.edb", &seen, kRecords); !problem.empty()) {
+        return problem;
+    }
+    (void)chown(place.File("a.edb-idx").c_str(), kNobody, kNobody);
+    place.LetIn("a.edb", 0555, 0644);
+    const u32 appended =
+        AsNobody([&] { return place.Append("a.edb", 2, nullptr).empty() ? 0U : 1U; });
+    const u32 squeezed = AsNobody([&] { return place.Squeeze("a.edb", K9EREPL_CLEAR_SQUEEZE); });
+    (void)chmod(place.Folder().c_str(), 0755);
+    Problem problem = Expect("appending", appended, RC_OK);
+    problem += Expect("Clear", squeezed, RC_SYSTEM_ERROR);
+    return problem.empty() ? place.Holds("a.edb", kRecords / 2, kRecords + 2) : problem;
+}
+
+Problem Link(Place& place) {
+    Seen seen;
+    if (Problem problem = place.Make("a.edb", &seen, kRecords); !problem.empty()) {
+        return problem;
+    }
+    fs::create_symlink("a.edb", place.File("link"));
+    Problem problem = Expect("Clear", place.Squeeze("link", K9EREPL_CLEAR_SQUEEZE_BACKUP), RC_OK);
+    problem += fs::is_symlink(place.File("link")) ? "" : "the link is replaced";
+    problem += fs::exists(place.File("a.edb.backup")) ? "" : "no backup";
+    return problem.empty() ? place.Holds("a.edb", kRecords / 2, kRecords) : problem;
+}
+
+Problem DanglingLink(Place& place) {
+    fs::create_symlink("none.edb", place.File("link"));
+    const Problem problem = Expect("Open", place.TryOpen("link"), RC_SYSTEM_ERROR);
+    return fs::exists(place.File("none.edb")) ? "a file was made" : problem;
+}
+
+Problem NoFile(Place& place, const std::string& name) {
+    return Expect("Open", place.TryOpen(name), RC_SYSTEM_ERROR) +
+           Expect(
+               "Create",
+               K9eReplStorageCreate(place.Conn(place.File(name)).c_str(), K9EREPL_CREATE_REPLACE),
+               RC_SYSTEM_ERROR);
+}
+
+Problem Fifo(Place& place) {
+    return mkfifo(place.File("fifo").c_str(), 0600) == 0 ? NoFile(place, "fifo") : "no fifo";
+}
+Problem Device(Place& place) {
+    fs::create_symlink("/dev/null", place.File("null"));
+    return NoFile(place, "null");
+}
+Problem Directory(Place& place) {
+    return NoFile(place, "sub");
+}
+
+// A reader that leaves the file alone sees whole transactions, no fewer than when it began to read.
+Problem ReadBesideAWriter(Place& place) {
+    Seen seen;
+    if (Problem problem = place.Make("a.edb", &seen, kRecords); !problem.empty()) {
+        return problem;
+    }
+    const pid_t writer = test::StartForked([&] {
+        const bool appends =
+            place.Append("a.edb", 3, nullptr).empty() && place.Append("a.edb", 3, nullptr).empty();
+        return appends ? 0 : 1;
+    });
+    int status = -1;
+    bool ended = false;
+    Problem problem;
+    for (i64 least = kRecords; !ended && problem.empty();) {
+        ended = waitpid(writer, &status, WNOHANG) == writer;
+        problem =
+            Visit("cache_type=AllInMem;flush_mode=NoFlush;file=" + place.File("a.edb"), {}, &seen);
+        const i64 last = seen.nextRev - 1;
+        if (problem.empty() && (last < least || (last - kRecords) % 3 != 0 ||
+                                seen.records.size() != static_cast<std::size_t>(last))) {
+            problem = "a reader sees " + Describe(seen);
+        }
+        least = last;
+    }
+    if (!ended) {
+        waitpid(writer, &status, 0);
+    }
+    problem += status == 0 ? "" : "the writer failed";
+    return problem.empty() ? place.Holds("a.edb", 1, kRecords + 6) : problem;
+}
+
+constexpr std::array<Kind<Place>, 9> kSurroundings{
+    {{"read-only file", &ReadOnlyFile},
+     {"file without permissions", &ClosedFile},
+     {"read-only folder", &ReadOnlyFolder},
+     {"link", &Link},
+     {"dangling link", &DanglingLink},
+     {"FIFO", &Fifo},
+     {"device", &Device},
+     {"directory", &Directory},
+     {"reader beside a writer", &ReadBesideAWriter}}};
+
+const RegisteredFamily kSurroundingsFamily(
+    {.name = "surroundings",
+     .title = "permissions, links, what is no file, two processes",
+     .cases = 108,
+     .runGroup = &RunKinds<kSurroundings>});
 
 }  // namespace
 
