@@ -25,118 +25,84 @@ u64 HashOf(const void* data, std::size_t size) {
     return hash;
 }
 
-// --- FarPages
-
-namespace {
-
-bool IsZero(const char* bytes, i64 size) {
-    return bytes[0] == 0 && std::memcmp(bytes, bytes + 1, static_cast<std::size_t>(size) - 1) == 0;
-}
-
-}  // namespace
-
-i64 FarPages::End() const {
-    return m_pages.empty() ? 0 : m_pages.rbegin()->first + kPageSize;
-}
-
-void FarPages::Read(i64 offset, char* buffer, i64 size) const {
-    for (auto at = m_pages.lower_bound(offset - kPageSize + 1);
-         at != m_pages.end() && at->first < offset + size; ++at) {
-        const i64 first = std::max(at->first, offset);
-        const i64 end = std::min(at->first + kPageSize, offset + size);
-        std::memcpy(buffer + (first - offset), at->second.data() + (first - at->first),
-                    static_cast<std::size_t>(end - first));
-    }
-}
-
-void FarPages::Write(i64 offset, const char* data, i64 size) {
-    while (size > 0) {
-        const i64 begin = offset - offset % kPageSize;
-        const i64 part = std::min(begin + kPageSize - offset, size);
-        auto page = m_pages.find(begin);
-        if (page == m_pages.end() && !IsZero(data, part)) {
-            page = m_pages.emplace(begin, Page{}).first;
-        }
-        if (page != m_pages.end()) {
-            std::memcpy(page->second.data() + (offset - begin), data,
-                        static_cast<std::size_t>(part));
-        }
-        offset += part;
-        data += part;
-        size -= part;
-    }
-}
-
-void FarPages::Cut(i64 size) {
-    const i64 begin = size - size % kPageSize;
-    if (const auto page = m_pages.find(begin); page != m_pages.end() && begin != size) {
-        std::fill(page->second.begin() + (size - begin), page->second.end(), '\0');
-    }
-    m_pages.erase(m_pages.lower_bound(begin == size ? size : begin + kPageSize), m_pages.end());
-}
-
-u64 FarPages::Hash(u64 hash) const {
-    for (const auto& [offset, page] : m_pages) {
-        hash = Mix(hash, Mix(static_cast<u64>(offset), HashOf(page.data(), page.size())));
-    }
-    return hash;
-}
-
 // --- FileBytes
-
-i64 FileBytes::StoredSize() const {
-    return std::max(static_cast<i64>(m_bytes.size()), std::min(m_far.End(), m_size));
-}
 
 u32 FileBytes::Read(i64 offset, void* buffer, u32 size) const {
     const i64 got = std::clamp<i64>(m_size - offset, 0, size);
-    const i64 stored =
-        std::clamp<i64>(static_cast<i64>(m_bytes.size()) - std::max<i64>(offset, 0), 0, got);
     auto* to = static_cast<char*>(buffer);
-    if (stored > 0) {
-        std::memcpy(to, m_bytes.data() + offset, static_cast<std::size_t>(stored));
-    }
-    std::memset(to + stored, 0, static_cast<std::size_t>(got - stored));
-    if (!m_far.Empty()) {
-        m_far.Read(offset, to, got);
+    std::memset(to, 0, static_cast<std::size_t>(got));
+    for (auto at = m_pages.lower_bound(offset - kPageSize + 1);
+         at != m_pages.end() && at->first < offset + got; ++at) {
+        const i64 first = std::max(at->first, offset);
+        const i64 end = std::min(at->first + kPageSize, offset + got);
+        std::memcpy(to + (first - offset), at->second->data() + (first - at->first),
+                    static_cast<std::size_t>(end - first));
     }
     return static_cast<u32>(got);
 }
 
+FileBytes::Page& FileBytes::Changing(i64 begin) {
+    std::shared_ptr<Page>& page = m_pages[begin];
+    if (page == nullptr) {
+        page = std::make_shared<Page>();
+    } else if (page.use_count() > 1) {
+        page = std::make_shared<Page>(*page);
+    }
+    return *page;
+}
+
 void FileBytes::Write(i64 offset, const void* data, u32 size) {
     const auto* from = static_cast<const char*>(data);
-    const i64 near = std::clamp<i64>(kNearMax - offset, 0, size);
-    const auto nearEnd = static_cast<std::size_t>(offset + near);
-    if (near > 0) {
-        m_bytes.resize(std::max(m_bytes.size(), nearEnd));
-        std::memcpy(m_bytes.data() + offset, from, static_cast<std::size_t>(near));
+    for (i64 left = size; left > 0;) {
+        const i64 begin = offset - offset % kPageSize;
+        const i64 part = std::min(begin + kPageSize - offset, left);
+        // Zeros are no reason for a page.
+        const bool zeros = std::all_of(from, from + part, [](char byte) { return byte == 0; });
+        if (!zeros || m_pages.contains(begin)) {
+            std::memcpy(Changing(begin).data() + (offset - begin), from,
+                        static_cast<std::size_t>(part));
+        }
+        offset += part;
+        from += part;
+        left -= part;
     }
-    m_far.Write(offset + near, from + near, size - near);
-    m_size = size > 0 ? std::max(m_size, offset + size) : m_size;
+    if (size > 0) {
+        m_stored = std::max(m_stored, offset);
+        m_size = std::max(m_size, offset);
+    }
     m_hash.reset();
 }
 
 void FileBytes::SetEnd(i64 size) {
-    if (static_cast<i64>(m_bytes.size()) > size) {
-        m_bytes.resize(static_cast<std::size_t>(size));
+    const i64 begin = size - size % kPageSize;
+    if (begin != size && m_pages.contains(begin)) {
+        Page& page = Changing(begin);
+        std::fill(page.begin() + (size - begin), page.end(), '\0');
     }
-    m_far.Cut(size);
+    m_pages.erase(m_pages.lower_bound(begin == size ? size : begin + kPageSize), m_pages.end());
+    m_stored = std::min(m_stored, size);
     m_size = size;
     m_hash.reset();
 }
 
+// Pages of zeros make no difference.
 u64 FileBytes::Hash() const {
     if (!m_hash) {
-        const u64 near = Mix(HashOf(m_bytes.data(), m_bytes.size()), static_cast<u64>(m_size));
-        m_hash = m_far.Hash(near);
+        static constexpr Page kZeros{};
+        u64 hash = static_cast<u64>(m_size);
+        for (const auto& [offset, page] : m_pages) {
+            if (*page != kZeros) {
+                hash = Mix(hash, Mix(static_cast<u64>(offset), HashOf(page->data(), page->size())));
+            }
+        }
+        m_hash = hash;
     }
     return *m_hash;
 }
 
 std::string FileBytes::Whole() const {
     std::string whole(static_cast<std::size_t>(m_size), '\0');
-    std::copy(m_bytes.begin(), m_bytes.end(), whole.begin());
-    m_far.Read(0, whole.data(), m_size);
+    Read(0, whole.data(), static_cast<u32>(m_size));
     return whole;
 }
 

@@ -19,38 +19,13 @@ namespace k9erepl::reliability {
 using FileNumber = u32;
 using Names = std::map<std::string, FileNumber>;
 
-// The part of a file that lies far from its beginning: pages, and holes between them that cost
-// nothing, so that a file may be larger than the memory. Offsets are those of the file. What was
-// never written is zero.
-class FarPages {
-  public:
-    bool Empty() const { return m_pages.empty(); }
-    // Behind it everything is zero; 0 when everything is.
-    i64 End() const;
-    // Replaces those bytes of `buffer`, which stands for the file from `offset` on and is zero,
-    // that were written.
-    void Read(i64 offset, char* buffer, i64 size) const;
-    // Zeros are no reason for a page.
-    void Write(i64 offset, const char* data, i64 size);
-    // From `size` on the file is zero.
-    void Cut(i64 size);
-    // Mixed into `hash`.
-    u64 Hash(u64 hash) const;
-
-  private:
-    static constexpr i64 kPageSize = 4096;
-    using Page = std::array<char, kPageSize>;
-
-    std::map<i64, Page> m_pages;  // by the offsets of their first bytes
-};
-
-// Behind `bytes` the file is zero up to `size`, so that a file may be sized ahead for nothing; but
-// for the pages of its far part, so that it may have holes.
+// Bytes in pages that copies share until one of them writes, so that a file may be copied for
+// little and be larger than the memory: what was never written is zero and costs nothing.
 class FileBytes {
   public:
     i64 Size() const { return m_size; }
     // Behind it everything is zero.
-    i64 StoredSize() const;
+    i64 StoredSize() const { return m_stored; }
     // Bytes got; fewer than asked at the end.
     u32 Read(i64 offset, void* buffer, u32 size) const;
     void Write(i64 offset, const void* data, u32 size);
@@ -60,11 +35,13 @@ class FileBytes {
     std::string Whole() const;
 
   private:
-    // What lies further from the beginning goes into pages.
-    static constexpr i64 kNearMax = 4 * 1024 * 1024;
+    static constexpr i64 kPageSize = 4096;
+    using Page = std::array<char, kPageSize>;
 
-    std::string m_bytes;
-    FarPages m_far;
+    Page& Changing(i64 begin);
+
+    std::map<i64, std::shared_ptr<Page>> m_pages;  // by the offsets of their first bytes
+    i64 m_stored = 0;                              // the end of what was written, or cut since
     i64 m_size = 0;
     mutable std::optional<u64> m_hash;
 };

@@ -15,8 +15,8 @@ const char* NameOf(Operation operation) {
     return kNames[static_cast<std::size_t>(operation)];
 }
 
-model::Settings Driver::AnySettings() {
-    model::Settings settings;
+Driver::Driver(History& history, u64 seed) : m_history(history), m_random(seed) {
+    model::Settings& settings = m_history.settings;
     settings.blockSize = m_random.OneOf<u32>({200, 400, 1024, 4096});
     settings.cacheBlocks = m_random.OneOf<u32>({0, 1, 2, 7});
     settings.flushThreshold = m_random.OneOf({1, 1, 1, 3});
@@ -28,7 +28,29 @@ model::Settings Driver::AnySettings() {
     settings.initialMebibytes = m_random.OneIn(6) ? 1 : 0;
     settings.deltaMebibytes = m_random.OneIn(4) ? 1 : 0;
     settings.asyncKilobytes = m_random.OneOf<std::optional<u32>>({std::nullopt, 0, 1, 64});
-    return settings;
+}
+
+void Driver::Expect(const char* name, u32 got, u32 expected) {
+    if (got != expected && m_history.problem.empty()) {
+        m_unexpected = got;
+        m_history.problem = std::string(name) + ": " + std::to_string(got) + ", expected " +
+                            std::to_string(expected);
+    }
+}
+
+void Driver::CreateAt(const std::string& connString) {
+    Expect("Create", K9eReplStorageCreate(connString.c_str(), 0), RC_OK);
+}
+
+void Driver::OpenAt(const std::string& connString) {
+    Expect("Open", m_client.Open(connString), RC_OK);
+    m_model.Open(m_history.settings);
+    if (!Ended()) {
+        const u32 loaded = K9eReplStorageLoad(m_client.Handle());
+        Expect("Load", loaded, m_model.Load());
+        const bool adopts = Ended() || m_model.AdoptNextRev(m_client.NextRev());
+        m_history.problem += adopts ? "" : "Load: next revision";
+    }
 }
 
 void Driver::Transaction(u32 recordsMax, u32 rollbackIn) {

@@ -26,9 +26,14 @@ bool IsTheSame(const K9eReplRec& record, const model::Records::value_type& expec
 
 class Trial final : public Driver {
   public:
-    Trial(MemoryDisk& disk, const TrialPlan& plan, Fault& fault, u64 seed)
-        : Driver(seed), m_disk(disk), m_plan(plan), m_fault(fault), m_choices(~seed) {
-        model::Settings& settings = History().settings = AnySettings();
+    Trial(MemoryDisk& disk, const TrialPlan& plan, Fault& fault, u64 seed, TrialResult& result)
+        : Driver(result.history, seed),
+          m_disk(disk),
+          m_plan(plan),
+          m_fault(fault),
+          m_choices(~seed),
+          m_result(result) {
+        model::Settings& settings = m_history.settings;
         settings.blockSize = plan.blockSize > 0 ? plan.blockSize : settings.blockSize;
         settings.initialMebibytes = plan.preallocates ? settings.initialMebibytes : 0;
         settings.deltaMebibytes = plan.preallocates ? settings.deltaMebibytes : 0;
@@ -38,12 +43,12 @@ class Trial final : public Driver {
         m_recordSize = plan.recordSize > 0 ? plan.recordSize
                        : m_random.OneIn(3) ? m_random.OneOf<u32>({1, 24, 100})
                                            : 0;
-        History().recordSize = m_recordSize;
-        History().moreSettings = plan.moreSettings;
-        m_connStr = History().ConnString();
+        m_history.recordSize = m_recordSize;
+        m_history.moreSettings = plan.moreSettings;
+        m_connStr = m_history.ConnString();
     }
 
-    TrialResult Run() {
+    void Run() {
         Mount();
         m_fault.Resume();
         Create();
@@ -56,16 +61,13 @@ class Trial final : public Driver {
         Judge();
         Delete();
         m_fault.Heal();
-        return std::move(m_result);
     }
 
   private:
-    reliability::History& History() { return m_result.history; }
     StorageState State() const {
         auto* storage = static_cast<IK9eReplStorage*>(m_client.Handle());
         return StorageAccess::State(*static_cast<CK9eReplStorage*>(storage));
     }
-    // No more operations on this handle.
     bool Ended() const override { return m_over || !m_result.problem.empty(); }
     void Complain(const std::string& problem) {
         if (m_result.problem.empty()) {
@@ -77,28 +79,31 @@ class Trial final : public Driver {
         SteadyCalls::SetStamp(kFirstStamp);
         m_disk.Mount({});
         m_disk.StartRecording();
-        History().states.emplace_back();
-        History().marks.emplace_back();
+        m_history.states.emplace_back();
+        m_history.marks.emplace_back();
     }
 
     // --- Operations
 
+    // A call that answers RC_OK when nothing goes wrong.
+    void DoWell(Operation operation, const Call& call) {
+        Do(operation, call, [] { return u32{RC_OK}; });
+    }
+
     void Create() {
         u32 flags = 0;
         // What a failed attempt left may be replaced.
-        Do(
-            Operation::kCreate, [&] { return K9eReplStorageCreate(m_connStr.c_str(), flags++); },
-            [] { return u32{RC_OK}; });
+        DoWell(Operation::kCreate,
+               [&] { return K9eReplStorageCreate(m_connStr.c_str(), flags++); });
         EndOperation();
     }
 
     void Open() {
-        Do(
-            Operation::kOpen, [&] { return m_client.Open(m_connStr); }, [] { return u32{RC_OK}; });
+        DoWell(Operation::kOpen, [&] { return m_client.Open(m_connStr); });
         if (Ended()) {
             return;
         }
-        m_model.Open(History().settings);
+        m_model.Open(m_history.settings);
         Do(
             Operation::kLoad, [&] { return K9eReplStorageLoad(m_client.Handle()); },
             [&] { return m_model.Load(); });
@@ -117,7 +122,7 @@ class Trial final : public Driver {
         m_model.BeginClose();
         const Content whole = m_model.FileOnceFlushed();
         CallLibrary([&] { return m_client.Close(); });
-        TellFlushes(m_model);
+        TellFlushes();
         m_model.EndClose();
         const Content file = m_model.File();
         const bool complete = file.records.size() == whole.records.size();
@@ -191,16 +196,13 @@ class Trial final : public Driver {
             next = next == expected.end() ? next : std::next(next);
             return u32{RC_OK};
         };
-        Do(
-            Operation::kEnumerate,
-            [&] {
-                next = expected.begin();
-                differs = false;
-                const u32 rc = m_client.Enumerate(model::kLowestRev, model::kHighestRev, compare);
-                differs |= rc == RC_OK && next != expected.end();
-                return rc;
-            },
-            [] { return u32{RC_OK}; });
+        DoWell(Operation::kEnumerate, [&] {
+            next = expected.begin();
+            differs = false;
+            const u32 rc = m_client.Enumerate(model::kLowestRev, model::kHighestRev, compare);
+            differs |= rc == RC_OK && next != expected.end();
+            return rc;
+        });
         if (differs) {
             Complain("enumeration delivers other records");
         }
@@ -211,9 +213,7 @@ class Trial final : public Driver {
             return;
         }
         m_fault.Resume();
-        Do(
-            Operation::kDelete, [&] { return K9eReplStorageDelete(m_connStr.c_str()); },
-            [] { return u32{RC_OK}; });
+        DoWell(Operation::kDelete, [&] { return K9eReplStorageDelete(m_connStr.c_str()); });
         if (m_disk.Image().NumberOf(StoragePath())) {
             Complain("deletion leaves the file");
         }
@@ -239,7 +239,7 @@ class Trial final : public Driver {
         const u32 got = CallLibrary(call);
         const std::vector<i64> flushed = m_client.TakeFlushed();
         const u32 expected = expect();
-        Tell(flushed, m_model);
+        Tell(flushed);
         if (got == expected) {
             return;
         }
@@ -248,7 +248,7 @@ class Trial final : public Driver {
         m_unsure = true;
         RememberWhatMayBe(operation);
         m_model = before;
-        Tell(flushed, m_model);
+        Tell(flushed);
         RememberWhatMayBe(operation);
         Examine(operation, got);
         if (m_result.problem.empty()) {
@@ -316,10 +316,10 @@ class Trial final : public Driver {
         if (deletes) {
             // The index file goes first, and may be all that went.
             const bool exists = m_disk.Image().NumberOf(StoragePath()).has_value();
-            Expect("Delete again", call(), exists ? u32{RC_OK} : u32{RC_SYSTEM_ERROR});
+            ExpectAfter("Delete again", call(), exists ? u32{RC_OK} : u32{RC_SYSTEM_ERROR});
         } else if (again) {
             const u32 expected = expect();
-            Expect(NameOf(operation), CallLibrary(call), expected);
+            ExpectAfter(NameOf(operation), CallLibrary(call), expected);
             m_result.wentOn = true;
         } else if (State() == StorageState::kBroken) {
             m_mayBeDamaged = operation == Operation::kStartOver || m_clearsAll;
@@ -338,19 +338,20 @@ class Trial final : public Driver {
             return false;
         }
         const u32 got = CallLibrary([&] { return K9eReplStorageCommit(m_client.Handle()); });
+        if (got == RC_OK) {
+            m_model.Commit();
+        }
+        TellFlushes();
         if (got != RC_OK) {
-            TellFlushes(m_model);
             Examine(Operation::kCommit, got);
             return false;
         }
-        m_model.Commit();
-        TellFlushes(m_model);
         m_fault.Heal();
         m_result.wentOn = true;
         return true;
     }
 
-    void Expect(const char* what, u32 got, u32 expected) {
+    void ExpectAfter(const char* what, u32 got, u32 expected) {
         if (got != expected) {
             Complain(std::string(what) + " after the failure answers " + std::to_string(got) +
                      ", expected " + std::to_string(expected));
@@ -365,16 +366,16 @@ class Trial final : public Driver {
     void ExpectNothingWorks() {
         void* const handle = m_client.Handle();
         m_client.Prepare({});
-        Expect("Insert", m_client.InsertPrepared(nullptr), RC_WRONG_STATE);
-        Expect("Load", K9eReplStorageLoad(handle), RC_WRONG_STATE);
-        Expect("Commit", K9eReplStorageCommit(handle), RC_WRONG_STATE);
+        ExpectAfter("Insert", m_client.InsertPrepared(nullptr), RC_WRONG_STATE);
+        ExpectAfter("Load", K9eReplStorageLoad(handle), RC_WRONG_STATE);
+        ExpectAfter("Commit", K9eReplStorageCommit(handle), RC_WRONG_STATE);
     }
 
     // Commit tries again, Rollback gives up; an asynchronous writer that has failed stays so.
     void LeaveFlushFailed() {
         void* const handle = m_client.Handle();
         m_client.Prepare({});
-        Expect("Insert", m_client.InsertPrepared(nullptr), RC_WRONG_STATE);
+        ExpectAfter("Insert", m_client.InsertPrepared(nullptr), RC_WRONG_STATE);
         const bool rollsBack = m_choices.OneIn(2);
         const u32 got = CallLibrary([&] {
             return rollsBack ? K9eReplStorageRollback(handle) : K9eReplStorageCommit(handle);
@@ -383,9 +384,9 @@ class Trial final : public Driver {
             GiveUp();
             return;
         }
-        Expect(rollsBack ? "Rollback" : "Commit", got,
-               rollsBack ? m_model.Rollback() : m_model.Commit());
-        TellFlushes(m_model);
+        ExpectAfter(rollsBack ? "Rollback" : "Commit", got,
+                    rollsBack ? m_model.Rollback() : m_model.Commit());
+        TellFlushes();
         if (State() != StorageState::kOpen) {
             Complain("the storage is not open again");
         }
@@ -397,18 +398,18 @@ class Trial final : public Driver {
 
     // --- What the file holds
 
-    void Tell(const std::vector<i64>& flushed, model::Model& model) {
+    void Tell(const std::vector<i64>& flushed) {
         for (const i64 rev : flushed) {
-            model.Flushed(rev);
+            m_model.Flushed(rev);
             m_flushes = true;
         }
     }
-    void TellFlushes(model::Model& model) { Tell(m_client.TakeFlushed(), model); }
+    void TellFlushes() { Tell(m_client.TakeFlushed()); }
 
-    void MayHold(const Content& content) { History().states.push_back(content); }
+    void MayHold(const Content& content) { m_history.states.push_back(content); }
     void Holds(const Content& content) {
         MayHold(content);
-        m_held = History().states.size() - 1;
+        m_held = m_history.states.size() - 1;
     }
 
     // What was acknowledged is in the file; nothing that was given up is, once something was
@@ -420,28 +421,28 @@ class Trial final : public Driver {
             m_unsure = m_unsure && !sure;
         }
         m_flushes = false;
-        History().marks.push_back(
-            {m_disk.ChangeCount(), History().states.size() - 1, m_held, m_held});
+        m_history.marks.push_back(
+            {m_disk.ChangeCount(), m_history.states.size() - 1, m_held, m_held});
     }
 
     // --- The end
 
     void Judge() {
         m_result.left = m_disk.Image();
-        History().changes = m_disk.TakeChanges();
+        m_history.changes = m_disk.TakeChanges();
         if (!m_result.problem.empty()) {
             return;
         }
-        const StateRange range{m_held, History().states.size() - 1};
+        const StateRange range{m_held, m_history.states.size() - 1};
         const Problem problem = reliability::Examine(
-            m_disk, m_result.left, History(), m_choices.Next(), [&](Seen seen) {
+            m_disk, m_result.left, m_history, m_choices.Next(), [&](Seen seen) {
                 if (m_refusedLifenum == seen.lifenum) {
                     seen.lifenum = m_model.Lifenum();
                 }
                 if (m_refusedMark == seen.mark) {
                     seen.mark = m_model.Mark();
                 }
-                return JudgeByStates(History(), range, seen);
+                return JudgeByStates(m_history, range, seen);
             });
         m_result.damaged = m_mayBeDamaged && (problem.starts_with("opening answers") ||
                                               problem.starts_with("loading answers"));
@@ -456,7 +457,7 @@ class Trial final : public Driver {
     model::Random m_choices;  // what it does about failures; m_random: what it does
     test::FixedLog m_log;
     std::string m_connStr;
-    TrialResult m_result;
+    TrialResult& m_result;
     std::size_t m_held = 0;  // the state that the file holds for sure, or a later one
     bool m_over = false;
     bool m_flushes = false;       // since the last operation's end
@@ -470,7 +471,9 @@ class Trial final : public Driver {
 }  // namespace
 
 TrialResult RunTrial(MemoryDisk& disk, const TrialPlan& plan, Fault& fault, u64 seed) {
-    return Trial(disk, plan, fault, seed).Run();
+    TrialResult result;
+    Trial(disk, plan, fault, seed, result).Run();
+    return result;
 }
 
 }  // namespace k9erepl::reliability

@@ -52,8 +52,8 @@ TEST(MemoryDisk, ReadsZerosInGapsAndBehindAnEndThatWasSet) {
     EXPECT_EQ(TextOf(disk.Image(), "a"), std::string("on\0\0", 4));
 }
 
-// Beyond 4 MiB a file is kept as pages of 4 KiB, unless they are zero.
-TEST(MemoryDisk, KeepsWhatLiesBehindHolesAndCrossesIntoItsFarPart) {
+// A file is kept as pages of 4 KiB, unless they are zero.
+TEST(MemoryDisk, KeepsWhatLiesBehindHolesAndCrossesPages) {
     constexpr i64 kBorder = 4 * 1024 * 1024;
     constexpr i64 kFar = (i64{1} << 33) - 2;  // the end of a page
     const MemoryDisk disk;

@@ -174,19 +174,33 @@ void MemoryDisk::Do(Change change) {
     }
 }
 
+// --- Files
+
+template <typename Result, typename Deed>
+Result MemoryDisk::OnFile(NativeFile file, SystemCall call, Result refused, Deed deed) {
+    const std::lock_guard lock(m_mutex);
+    Handle* handle = Find(file);
+    return handle != nullptr && Pass(call, *handle) ? deed(*handle) : refused;
+}
+
+template <typename Deed>
+bool MemoryDisk::OnName(const char* name, SystemCall call, Deed deed) {
+    const std::lock_guard lock(m_mutex);
+    if (!Pass({call, name})) {
+        return false;
+    }
+    const std::optional<FileNumber> file = m_image.NumberOf(name);
+    return file ? deed(*file) : Refuse(SystemErrorKind::kNotFound);
+}
+
 NativeFile MemoryDisk::AddHandle(FileNumber file, const std::string& path,
                                  const platform::FileOpenRequest& request) {
-    const auto closed = std::find_if(m_handles.begin(), m_handles.end(),
-                                     [](const Handle& handle) { return handle.file == 0; });
-    const auto at = static_cast<NativeFile>(closed - m_handles.begin());
-    const bool writes = request.access != platform::FileAccess::kRead;
-    const Handle handle{file, 0, path, writes, request.writeThrough, false};
-    if (closed == m_handles.end()) {
-        m_handles.push_back(handle);
-    } else {
-        *closed = handle;
-    }
-    return kFirstHandle + at;
+    auto place = std::find_if(m_handles.begin(), m_handles.end(),
+                              [](const Handle& handle) { return handle.file == 0; });
+    place = place == m_handles.end() ? m_handles.insert(place, Handle{}) : place;
+    *place = {file, 0, path, request.access != platform::FileAccess::kRead, request.writeThrough,
+              false};
+    return kFirstHandle + static_cast<NativeFile>(place - m_handles.begin());
 }
 
 NativeFile MemoryDisk::Open(const char* path, const platform::FileOpenRequest& request) {
@@ -256,22 +270,17 @@ i64 MemoryDisk::Write(NativeFile file, const void* data, u32 size) {
 }
 
 i64 MemoryDisk::Seek(NativeFile file, i64 position) {
-    const std::lock_guard lock(m_mutex);
-    Handle* handle = Find(file);
-    if (handle == nullptr || !Pass(SystemCall::kSeek, *handle)) {
-        return -1;
-    }
-    if (position < 0) {
-        platform::SetLastSystemError(platform::SystemErrorOf(SystemErrorKind::kNotSupported));
-        return -1;
-    }
-    return handle->position = position;
+    return OnFile(file, SystemCall::kSeek, i64{-1}, [&](Handle& handle) {
+        if (position < 0) {
+            Refuse(SystemErrorKind::kNotSupported);
+            return i64{-1};
+        }
+        return handle.position = position;
+    });
 }
 
 i64 MemoryDisk::Tell(NativeFile file) {
-    const std::lock_guard lock(m_mutex);
-    Handle* handle = Find(file);
-    return handle == nullptr || !Pass(SystemCall::kTell, *handle) ? -1 : handle->position;
+    return OnFile(file, SystemCall::kTell, i64{-1}, [](Handle& handle) { return handle.position; });
 }
 
 bool MemoryDisk::SetEnd(NativeFile file, i64 size) {
@@ -286,43 +295,30 @@ bool MemoryDisk::SetEnd(NativeFile file, i64 size) {
 }
 
 i64 MemoryDisk::SizeOf(NativeFile file) {
-    const std::lock_guard lock(m_mutex);
-    Handle* handle = Find(file);
-    return handle == nullptr || !Pass(SystemCall::kFileSize, *handle)
-               ? -1
-               : m_image.At(handle->file).Size();
+    return OnFile(file, SystemCall::kFileSize, i64{-1},
+                  [&](Handle& handle) { return m_image.At(handle.file).Size(); });
 }
 
 bool MemoryDisk::Flush(NativeFile file) {
-    const std::lock_guard lock(m_mutex);
-    Handle* handle = Find(file);
-    if (handle == nullptr || !Pass(SystemCall::kFlush, *handle)) {
-        return false;
-    }
-    Do(Of(ChangeKind::kFlush, handle->file, 0));
-    return true;
+    return OnFile(file, SystemCall::kFlush, false, [&](Handle& handle) {
+        Do(Of(ChangeKind::kFlush, handle.file, 0));
+        return true;
+    });
 }
 
 bool MemoryDisk::TakeOwner(NativeFile file, const char* /*from*/) {
-    const std::lock_guard lock(m_mutex);
-    Handle* handle = Find(file);
-    return handle != nullptr && Pass(SystemCall::kTakeOwnerAndMode, *handle);
+    return OnFile(file, SystemCall::kTakeOwnerAndMode, false, [](Handle&) { return true; });
 }
 
-// --- Calls about names
-
 bool MemoryDisk::Lock(NativeFile file) {
-    const std::lock_guard lock(m_mutex);
-    Handle* handle = Find(file);
-    if (handle == nullptr || !Pass(SystemCall::kLockFile, *handle)) {
-        return false;
-    }
-    for (const Handle& other : m_handles) {
-        if (&other != handle && other.file == handle->file && other.locked) {
-            return Refuse(SystemErrorKind::kLocked);
+    return OnFile(file, SystemCall::kLockFile, false, [&](Handle& handle) {
+        for (const Handle& other : m_handles) {
+            if (&other != &handle && other.file == handle.file && other.locked) {
+                return Refuse(SystemErrorKind::kLocked);
+            }
         }
-    }
-    return handle->locked = true;
+        return handle.locked = true;
+    });
 }
 
 bool MemoryDisk::Unlock(NativeFile file) {
@@ -335,68 +331,45 @@ bool MemoryDisk::Unlock(NativeFile file) {
 }
 
 bool MemoryDisk::Identify(NativeFile file, platform::FileIdentity* identity) {
-    const std::lock_guard lock(m_mutex);
-    Handle* handle = Find(file);
-    if (handle == nullptr || !Pass(SystemCall::kFileIdentity, *handle)) {
-        return false;
-    }
-    *identity = {.volume = 0, .number = handle->file};
-    return true;
+    return OnFile(file, SystemCall::kFileIdentity, false, [&](Handle& handle) {
+        *identity = {.volume = 0, .number = handle.file};
+        return true;
+    });
 }
 
+// --- Names
+
 bool MemoryDisk::IdentifyName(const char* path, platform::FileIdentity* identity) {
-    const std::lock_guard lock(m_mutex);
-    if (!Pass({SystemCall::kNameIdentity, path})) {
-        return false;
-    }
-    const std::optional<FileNumber> file = m_image.NumberOf(path);
-    if (!file) {
-        return Refuse(SystemErrorKind::kNotFound);
-    }
-    *identity = {.volume = 0, .number = *file};
-    return true;
+    return OnName(path, SystemCall::kNameIdentity, [&](FileNumber file) {
+        *identity = {.volume = 0, .number = file};
+        return true;
+    });
 }
 
 bool MemoryDisk::Rename(const char* from, const char* to) {
-    const std::lock_guard lock(m_mutex);
-    if (!Pass({SystemCall::kRename, from})) {
-        return false;
-    }
-    const std::optional<FileNumber> file = m_image.NumberOf(from);
-    if (!file) {
-        return Refuse(SystemErrorKind::kNotFound);
-    }
-    if (m_image.NumberOf(to) == file) {
-        return true;  // two names of one file: nothing happens
-    }
-    Do(Named(ChangeKind::kRename, *file, from, to));
-    return true;
+    return OnName(from, SystemCall::kRename, [&](FileNumber file) {
+        if (m_image.NumberOf(to) != file) {  // else two names of one file: nothing happens
+            Do(Named(ChangeKind::kRename, file, from, to));
+        }
+        return true;
+    });
 }
 
 bool MemoryDisk::Link(const char* existing, const char* name) {
-    const std::lock_guard lock(m_mutex);
-    if (!Pass({SystemCall::kLink, existing})) {
-        return false;
-    }
-    const std::optional<FileNumber> file = m_image.NumberOf(existing);
-    if (!file || m_image.NumberOf(name)) {
-        return Refuse(file ? SystemErrorKind::kAlreadyExists : SystemErrorKind::kNotFound);
-    }
-    Do(Named(ChangeKind::kLink, *file, name));
-    return true;
+    return OnName(existing, SystemCall::kLink, [&](FileNumber file) {
+        if (m_image.NumberOf(name)) {
+            return Refuse(SystemErrorKind::kAlreadyExists);
+        }
+        Do(Named(ChangeKind::kLink, file, name));
+        return true;
+    });
 }
 
 bool MemoryDisk::Remove(const char* path) {
-    const std::lock_guard lock(m_mutex);
-    if (!Pass({SystemCall::kRemove, path})) {
-        return false;
-    }
-    const std::optional<FileNumber> file = m_image.NumberOf(path);
-    if (!file) {
-        return Refuse(SystemErrorKind::kNotFound);
-    }
-    Do(Named(ChangeKind::kRemove, *file, path));
-    return true;
+    return OnName(path, SystemCall::kRemove, [&](FileNumber file) {
+        Do(Named(ChangeKind::kRemove, file, path));
+        return true;
+    });
 }
 
 bool MemoryDisk::MakeDirectory(const char* path) {
@@ -406,11 +379,11 @@ bool MemoryDisk::MakeDirectory(const char* path) {
 
 bool MemoryDisk::FlushDirectory(const char* path) {
     const std::lock_guard lock(m_mutex);
-    if (!Pass({SystemCall::kFlushDirectory, path})) {
-        return false;
+    const bool passes = Pass({SystemCall::kFlushDirectory, path});
+    if (passes) {
+        Do(Named(ChangeKind::kFlushDirectory, 0, path));
     }
-    Do(Named(ChangeKind::kFlushDirectory, 0, path));
-    return true;
+    return passes;
 }
 
 }  // namespace k9erepl::reliability

@@ -110,6 +110,12 @@ class MemoryDisk : test::CallLayer<MemoryDisk> {
     // *sizeMax, unless null: the bytes of a write that fit.
     bool Fits(FileNumber file, i64 end, u32* sizeMax);
     void Do(Change change);
+    // `deed` on what an open file or a name leads to; `refused` when there is none, or the gate
+    // refuses.
+    template <typename Result, typename Deed>
+    Result OnFile(platform::NativeFile file, test::SystemCall call, Result refused, Deed deed);
+    template <typename Deed>
+    bool OnName(const char* name, test::SystemCall call, Deed deed);
     platform::NativeFile AddHandle(FileNumber file, const std::string& path,
                                    const platform::FileOpenRequest& request);
 

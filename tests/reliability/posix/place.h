@@ -57,54 +57,65 @@ class Place {
         return "file=" + storage + m_settings + (index.empty() ? "" : ";index_file=" + index);
     }
 
-    // A closed storage of some records; what it holds is in *seen.
-    Problem Make(const std::string& name, Seen* seen, u32 records = 0) {
-        const u32 rc = K9eReplStorageCreate(Conn(File(name)).c_str(), 0);
-        if (rc != RC_OK) {
-            return "Create answers " + std::to_string(rc);
-        }
-        return Append(name, records > 0 ? records : 2 + m_random.Below(20), seen);
+    // It leaves the file alone.
+    std::string ReadingConn(const std::string& name) const {
+        return "cache_type=AllInMem;flush_mode=NoFlush;file=" + File(name);
     }
-    Problem Append(const std::string& name, u32 records, Seen* seen) {
+
+    // A closed storage of some records, or so many, which it should hold from now on.
+    void Make(const std::string& name, u32 records = 0) {
+        ExpectCode("Create", K9eReplStorageCreate(Conn(File(name)).c_str(), 0), RC_OK);
+        const Problem problem =
+            Append(name, records > 0 ? records : 2 + m_random.Below(20), &m_held[name]);
+        Require(problem.empty(), problem);
+    }
+    // Two of them, "a.edb", whose content it returns, and "b.edb".
+    Seen MakeBoth() {
+        Make("a.edb");
+        Make("b.edb");
+        return m_held["a.edb"];
+    }
+    Problem Append(const std::string& name, u32 records, Seen* after = nullptr) {
         Seen before;
         return Visit(Conn(File(name)),
                      {records, m_random.Below(60), static_cast<u32>(m_random.Next())}, &before,
-                     seen);
+                     after);
     }
-    // Two of them, "a.edb" and "b.edb".
-    Problem MakeBoth(Seen* first, Seen* second) {
-        Problem problem = Make("a.edb", first);
-        problem += Make("b.edb", second);
-        return problem;
-    }
-    // The storage holds this, whatever index file there is.
-    Problem Holds(const std::string& name, const Seen& expected) const {
-        Seen seen;
-        Problem problem =
-            Visit("cache_type=AllInMem;flush_mode=NoFlush;file=" + File(name), {}, &seen);
-        return !problem.empty() || seen.records == expected.records
-                   ? problem
-                   : name + " holds " + Describe(seen) + ", not " + Describe(expected);
-    }
-    // The same of a storage whose records are these.
-    Problem Holds(const std::string& name, i64 first, i64 last) const {
-        Seen seen;
-        Problem problem = Visit(Conn(File(name)), {}, &seen);
-        const bool holds = !seen.records.empty() && seen.records.begin()->first == first &&
-                           seen.records.rbegin()->first == last;
-        return !problem.empty() || holds ? problem : "holds " + Describe(seen);
-    }
-    u32 TryOpen(const std::string& name) const {
-        model::StorageClient client;
-        return client.Open(Conn(File(name)));
-    }
-    // Opens, loads, and clears half of kRecords.
-    u32 Squeeze(const std::string& name, u32 mode) const {
+    // Opens, loads, and clears what it should hold below `rev`.
+    u32 Clear(const std::string& name, i64 rev, u32 mode) {
         model::StorageClient client;
         u32 rc = client.Open(Conn(File(name)));
         rc = rc == RC_OK ? K9eReplStorageLoad(client.Handle()) : rc;
-        return rc == RC_OK ? K9eReplStorageClearOldRev(client.Handle(), kRecords / 2, mode) : rc;
+        model::Records& held = m_held[name].records;
+        held.erase(held.begin(), held.lower_bound(rev));
+        return rc == RC_OK ? K9eReplStorageClearOldRev(client.Handle(), rev, mode) : rc;
     }
+    u32 TryOpen(const std::string& name) const {
+        return model::StorageClient().Open(Conn(File(name)));
+    }
+
+    // The storage holds this, whatever index file there is.
+    void Holds(const std::string& name, const model::Records& expected) const {
+        Seen seen;
+        const Problem problem = Visit(ReadingConn(name), {}, &seen);
+        Require(problem.empty(), name + ": " + problem);
+        Require(seen.records == expected, name + " holds " + Describe(seen));
+    }
+    const model::Records& RecordsOf(const std::string& name) { return m_held[name].records; }
+    // What was made.
+    void HoldsAll() const {
+        for (const auto& [name, held] : m_held) {
+            Holds(name, held.records);
+        }
+    }
+    void HoldsRange(const std::string& name, i64 first, i64 last) const {
+        Seen seen;
+        const Problem problem = Visit(Conn(File(name)), {}, &seen);
+        Require(problem.empty() && !seen.records.empty() && seen.records.begin()->first == first &&
+                    seen.records.rbegin()->first == last,
+                problem + " holds " + Describe(seen));
+    }
+
     // Gives folder and file to somebody whom these permissions bind.
     void LetIn(const std::string& name, mode_t ofFolder, mode_t ofFile) const {
         (void)chown(m_folder.Path().c_str(), kNobody, kNobody);
@@ -114,6 +125,10 @@ class Place {
     }
     const std::string& Folder() const { return m_folder.Path(); }
 
+    // Of a name that a squeeze gives.
+    std::string AnySuffix() {
+        return m_random.OneOf<const char*>({".temporary", ".backup", ".backup-idx"});
+    }
     // Gives "a.edb" or "b.edb" the name `link`, too, by a link of either kind. Returns which.
     std::string LinkToOne(const std::string& link) {
         const std::string target = m_random.OneIn(2) ? "a.edb" : "b.edb";
@@ -179,13 +194,11 @@ class Place {
         return files;
     }
 
-    // What a case answers in the end.
-    static Problem Judge(GroupRun& /*run*/, const Problem& problem) { return problem; }
-
   private:
     const test::TempFolder m_folder;
     model::Random m_random;
     std::string m_settings;
+    std::map<std::string, Seen> m_held;  // what each storage should hold
     u32 m_links = 0;
 };
 

@@ -61,9 +61,14 @@ class WrittenWatch {
 
 class Script final : public Driver {
   public:
-    Script(const std::string& path, const ScriptPlan& plan, u64 seed, const ScriptHooks& hooks)
-        : Driver(seed), m_plan(plan), m_hooks(hooks), m_written(hooks) {
-        model::Settings& settings = m_result.history.settings = AnySettings();
+    Script(const std::string& path, const ScriptPlan& plan, u64 seed, const ScriptHooks& hooks,
+           ScriptResult& result)
+        : Driver(result.history, seed),
+          m_plan(plan),
+          m_hooks(hooks),
+          m_written(hooks),
+          m_result(result) {
+        model::Settings& settings = m_history.settings;
         settings.flushBy = model::FlushBy::kTransactions;
         settings.flushThreshold = 1;
         settings.forceFlush = plan.forceFlush;
@@ -71,20 +76,20 @@ class Script final : public Driver {
         m_connString = settings.ConnString(path);
     }
 
-    ScriptResult Run() {
-        Run([this] { Create(); });
+    void Run() {
+        Run([this] {
+            CreateAt(m_connString);
+            m_settles = true;
+        });
         Run([this] { Open(); });
         while (!Ended() && m_number < kOperations) {
             Run([this] { Step(); });
         }
         Run([this] { Close(); });
         m_client.Close();
-        return std::move(m_result);
     }
 
   private:
-    bool Ended() const override { return !m_result.history.problem.empty(); }
-
     template <typename Body>
     void Run(Body body) {
         if (Ended()) {
@@ -95,13 +100,16 @@ class Script final : public Driver {
         }
         m_settles = !m_plan.async;
         body();
-        if (!Ended()) {
-            m_result.history.states.push_back(m_model.File());
-            if (m_settles) {
-                m_written.Settle(m_number);
-            }
-            ++m_number;
+        if (Ended()) {
+            m_result.failed = m_number;
+            m_result.code = m_unexpected;
+            return;
         }
+        m_history.states.push_back(m_model.File());
+        if (m_settles) {
+            m_written.Settle(m_number);
+        }
+        ++m_number;
     }
 
     void Step() {
@@ -130,23 +138,11 @@ class Script final : public Driver {
         TellFlushes();
     }
 
-    void Create() {
-        Expect("Create", K9eReplStorageCreate(m_connString.c_str(), 0), RC_OK);
-        m_settles = true;
-    }
-
     void Open() {
-        Expect("Open", m_client.Open(m_connString), RC_OK);
-        if (Ended()) {
-            return;
-        }
-        K9eReplStorageSetOnWriteToFileCallback(m_client.Handle(), &WrittenWatch::OnWritten,
-                                               &m_written);
-        m_model.Open(m_result.history.settings);
-        const u32 expected = m_model.Load();
-        Expect("Load", K9eReplStorageLoad(m_client.Handle()), expected);
-        if (!Ended() && !m_model.AdoptNextRev(m_client.NextRev())) {
-            m_result.history.problem = "Load: next revision";
+        OpenAt(m_connString);
+        if (!Ended()) {
+            K9eReplStorageSetOnWriteToFileCallback(m_client.Handle(), &WrittenWatch::OnWritten,
+                                                   &m_written);
         }
         m_settles = true;
     }
@@ -160,19 +156,11 @@ class Script final : public Driver {
         m_settles = true;
     }
 
-    void Expect(const char* name, u32 got, u32 expected) {
-        if (got != expected && !Ended()) {
-            m_result.history.problem = std::string(name) + " answers " + std::to_string(got);
-            m_result.failed = m_number;
-            m_result.code = got;
-        }
-    }
-
     const ScriptPlan m_plan;
     const ScriptHooks& m_hooks;
     WrittenWatch m_written;
     std::string m_connString;
-    ScriptResult m_result;
+    ScriptResult& m_result;
     u32 m_number = 0;
     bool m_settles = false;  // the present operation leaves nothing to be written
 };
@@ -222,7 +210,9 @@ DiskImage ImageOf(const std::string& folder) {
 
 ScriptResult RunScript(const std::string& path, const ScriptPlan& plan, u64 seed,
                        const ScriptHooks& hooks) {
-    return Script(path, plan, seed, hooks).Run();
+    ScriptResult result;
+    Script(path, plan, seed, hooks, result).Run();
+    return result;
 }
 
 ProcessEnd RunProcess(const ScriptPlan& plan, u64 seed, const Strike& strike, u64 killAfter) {

@@ -280,15 +280,24 @@ Problem FailingLocks(Scene& scene) {
     return problem.empty() ? scene.End() : problem;
 }
 
-constexpr std::array<Kind<Scene>, 9> kKinds{{{"threads", &Threads},
-                                             {"processes", &Processes},
-                                             {"killed processes", &KilledProcesses},
-                                             {"beside a living writer", &BesideALivingWriter},
-                                             {"squeezes under the lock", &SqueezesUnderTheLock},
-                                             {"killed holder", &KilledHolder},
-                                             {"forked child", &ForkedChild},
-                                             {"no locks", &NoLocks},
-                                             {"failing locks", &FailingLocks}}};
+// The problem of the case, or of a writer.
+template <Problem (*kRun)(Scene& scene)>
+void Run(Scene& scene) {
+    const Problem problem = kRun(scene);
+    Require(problem.empty(), problem);
+    Require(!scene.board->hasProblem, scene.board->problem);
+}
+
+constexpr std::array<Kind<Scene>, 9> kKinds{
+    {{"threads", &Run<Threads>},
+     {"processes", &Run<Processes>},
+     {"killed processes", &Run<KilledProcesses>},
+     {"beside a living writer", &Run<BesideALivingWriter>},
+     {"squeezes under the lock", &Run<SqueezesUnderTheLock>},
+     {"killed holder", &Run<KilledHolder>},
+     {"forked child", &Run<ForkedChild>},
+     {"no locks", &Run<NoLocks>},
+     {"failing locks", &Run<FailingLocks>}}};
 
 const RegisteredFamily kFamily({.name = "two-writers",
                                 .title = "several writers of one file, killed holders, no locks",

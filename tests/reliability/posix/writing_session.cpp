@@ -197,11 +197,4 @@ Problem Scene::OnlyRefusals() const {
     return "";
 }
 
-Problem Scene::Judge(GroupRun& run, const Problem& problem) const {
-    run.Count("refused", board->refused);
-    run.Count("squeezes", board->squeezes);
-    run.Count("transactions and clears", board->operations);
-    return problem.empty() && board->hasProblem ? board->problem : problem;
-}
-
 }  // namespace k9erepl::reliability

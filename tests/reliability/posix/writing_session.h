@@ -56,6 +56,11 @@ class Scene {
             return problem.empty() ? 0 : 1;
         });
     }
+    void Count(GroupRun& run) const {
+        run.Count("refused", board->refused);
+        run.Count("squeezes", board->squeezes);
+        run.Count("transactions and clears", board->operations);
+    }
     // What the folder holds.
     Files Everything() const;
     std::string InUse() const {
@@ -67,7 +72,6 @@ class Scene {
     Problem End() {
         return board->hasProblem ? std::string(board->problem) : Write(kWritersMost, 2);
     }
-    Problem Judge(GroupRun& run, const Problem& problem) const;
 
     model::Random random;
     const test::TempFolder folder;
