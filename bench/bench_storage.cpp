@@ -14,7 +14,7 @@ namespace fs = std::filesystem;
 
 void Require(bool holds, const char* what) {
     if (!holds) {
-        std::fprintf(stderr, "benchmark failed: %s\n", what);
+        (void)std::fprintf(stderr, "benchmark failed: %s\n", what);
         std::exit(1);
     }
 }

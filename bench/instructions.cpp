@@ -35,7 +35,7 @@ constexpr int kManyCalls = 120;
 constexpr int kInRange = 100;  // records
 
 void Measure(const char* path, int count, const std::function<void(int)>& work) {
-    std::printf("%s %d\n", path, count);
+    (void)std::printf("%s %d\n", path, count);
     MeasuredWork(work, count);
 }
 

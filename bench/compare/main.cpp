@@ -114,7 +114,8 @@ bool Run(const Options& options, Rows rows) {
     const std::string text = options.json       ? JsonReport(report)
                              : options.markdown ? MarkdownReport(report)
                                                 : TextReport(report);
-    std::fputs(text.c_str(), stdout);
+    const bool printed = std::fputs(text.c_str(), stdout) >= 0 && std::fflush(stdout) == 0;
+    Require(printed, "printing the table");
     if (!options.htmlFile.empty()) {
         std::ofstream page(options.htmlFile);
         page << HtmlReport(report);
@@ -157,7 +158,7 @@ int main(int argc, char** argv) {
     try {
         return k9erepl::bench::Main(argc, argv);
     } catch (const std::exception& failure) {
-        std::fprintf(stderr, "bench_compare: %s\n", failure.what());
+        (void)std::fprintf(stderr, "bench_compare: %s\n", failure.what());
         return 1;
     }
 }

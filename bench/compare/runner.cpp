@@ -25,7 +25,7 @@ const ContenderResult* Find(const RowResult& result, Role role, const std::strin
 void Measure(const Row& row, int rounds, RowResult* result) {
     std::vector<bool> failed(row.contenders.size(), false);
     for (int round = 0; round < rounds; ++round) {
-        std::fprintf(stderr, "%s: round %d of %d\n", row.id.c_str(), round + 1, rounds);
+        (void)std::fprintf(stderr, "%s: round %d of %d\n", row.id.c_str(), round + 1, rounds);
         for (std::size_t turn = 0; turn < row.contenders.size(); ++turn) {
             // Another contender begins each round, so none always follows the same one.
             const std::size_t at = (turn + static_cast<std::size_t>(round)) % row.contenders.size();

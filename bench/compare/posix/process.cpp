@@ -21,7 +21,7 @@ namespace {
         const double result = work();
         status = ::write(results, &result, sizeof(result)) == sizeof(result) ? 0 : 1;
     } catch (const std::exception& failure) {
-        std::fprintf(stderr, "benchmark failed: %s\n", failure.what());
+        (void)std::fprintf(stderr, "benchmark failed: %s\n", failure.what());
     }
     // The parent's objects, such as folders that it will remove, are not this process's to destroy.
     ::_exit(status);
@@ -38,7 +38,7 @@ double CpuSeconds(clockid_t clock) {
 std::optional<double> RunInChild(const std::function<double()>& work) {
     int ends[2];
     Require(::pipe(ends) == 0, "making a pipe");
-    std::fflush(nullptr);
+    (void)std::fflush(nullptr);
     const pid_t child = ::fork();
     Require(child >= 0, "starting a process");
     if (child == 0) {
