@@ -18,6 +18,7 @@ KEYS = (
     "block_size",
     "memory_reserve",
     "read_buffers_count",
+    "range_index_memory",
     "flush_mode",
     "flush_trans_num",
     "flush_data_size",
