@@ -114,7 +114,7 @@ void RunPages(GroupRun& run) {
     run.Case(0, [&] { return history.problem; });
     PowerCut cut(history.base);
     for (u64 number = 1; number <= (history.changes.size() + 1) * kPageFates; ++number) {
-        const std::size_t done = (number - 1) / kPageFates;
+        const auto done = static_cast<std::size_t>((number - 1) / kPageFates);
         const u64 fate = (number - 1) % kPageFates;
         if (fate == 0 && done > 0) {
             cut.Do(history.changes[done - 1]);

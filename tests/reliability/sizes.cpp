@@ -443,7 +443,8 @@ void RunGroup(GroupRun& run) {
     }
     run.Case(++number, [&] { return RefuseNegativeSettings(disk); });
     for (const u64 turn : {2U, 0U, 1U}) {
-        for (u64 place = (turn + 2 * run.Number()) % 3; place < kPlaces.size(); place += 3) {
+        for (auto place = static_cast<std::size_t>((turn + 2 * run.Number()) % 3);
+             place < kPlaces.size(); place += 3) {
             for (const i64 border : {8 * kGiB, 4 * kGiB, 2 * kGiB}) {
                 ++number;
                 const Scans scans{border < 8 * kGiB || turn == 0, border == 2 * kGiB || turn == 1};

@@ -23,7 +23,7 @@ struct Kind {
 // Each kind is a case of the group, in a scene of its own.
 template <const auto& kKinds>
 void RunKinds(GroupRun& run) {
-    for (u64 number = 0; number < kKinds.size(); ++number) {
+    for (std::size_t number = 0; number < kKinds.size(); ++number) {
         const auto& kind = kKinds.at(number);
         run.Case(number, [&]() -> Problem {
             run.Count(kind.name);
