@@ -127,8 +127,6 @@ TEST(OpeningInMemory, NeedsNoFileAndReadsNoIndexHint) {
     EXPECT_EQ(StorageAccess::Index(storage.Object()), nullptr);
 }
 
-// --- References --------------------------------------------------------------------------------
-
 TEST(References, TheLastOneDestroysTheStorage) {
     TestStorage storage(kFlushNever);
     storage.InsertCommitted({"one"});
@@ -145,8 +143,6 @@ TEST(References, TheLastOneDestroysTheStorage) {
     storage.Close();
     EXPECT_EQ(FileItems(storage), Strings({"c0", "r1", "c1"}));
 }
-
-// --- Closing -----------------------------------------------------------------------------------
 
 TEST(Closing, FlushesWhatWasCommittedAndLosesAnOpenTransaction) {
     TestStorage storage(kFlushNever);

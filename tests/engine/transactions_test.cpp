@@ -42,8 +42,6 @@ TEST(ImplicitTransaction, AFailedCommitIsRolledBackAndItsCodeReturned) {
     EXPECT_EQ(storage.Records(), SeenRecords({{1, 0, "kept"}}));
 }
 
-// --- Nesting -----------------------------------------------------------------------------------
-
 TEST(NestedTransaction, OnlyTheOutermostCommitFlushes) {
     TestStorage storage(kFlushAlways);
     LogCapture log({"k9eRepl-storage"});
@@ -87,8 +85,6 @@ TEST(NestedTransaction, ALevelThatIsRolledBackTakesNoBeginAndNoCommit) {
     EXPECT_EQ(storage.Rollback(), RC_OK);
     EXPECT_EQ(storage.Rollback(), RC_NO_TRANSACTION_TO_ROLLBACK);
 }
-
-// --- Inserting ---------------------------------------------------------------------------------
 
 TEST(Insert, WritesTheRevisionIntoTheRecord) {
     TestStorage storage;
@@ -172,8 +168,6 @@ TEST(LastRevision, CanBeUsedAndNothingComesAfterIt) {
     }
 }
 
-// --- Rolling back ------------------------------------------------------------------------------
-
 namespace {
 
 std::vector<i64> MemoryKeys(TestStorage& storage) {
@@ -254,8 +248,6 @@ TEST(Rollback, WithABlockMissingAnswersBadDataAndKeepsTheState) {
     EXPECT_EQ(storage.NextRev(), 3);
     blocks.at(2) = lost;
 }
-
-// --- States ------------------------------------------------------------------------------------
 
 namespace {
 
