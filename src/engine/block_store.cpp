@@ -43,16 +43,6 @@ u32 RefuseSize(u64 need, u64 limit) {
     return RC_INVALID_ARG;
 }
 
-void Append(K9eReplBlock& block, const K9eReplRec& rec, u64 need) {
-    assert(need >= kRecordHeadSize);
-    u8* to = block.Data() + block.used;
-    const u32 prefix[2] = {kRecordSignature, static_cast<u32>(need)};
-    std::memcpy(to, prefix, kRecordPrefixSize);
-    std::memcpy(to + kRecordPrefixSize, &rec, static_cast<std::size_t>(need - kRecordPrefixSize));
-    block.used += need;
-    block.lastRev = rec.rev;
-}
-
 }  // namespace
 
 void BlockStore::SetUp(u32 blockSize, u32 freeBlocks, u64 maxRecordSize) {
@@ -110,54 +100,28 @@ bool BlockStore::NoteHolds(const K9eReplBlock& block, const BlockNote& note) {
            record.rec->rev == note.rev;
 }
 
-u32 BlockStore::FindRoom(i64 rev, u64 need, i64 fileOffset, K9eReplBlock** room) {
-    if (!m_blocks.empty()) {
-        *room = &Newest();
-        assert((*room)->used <= m_capacity && (*room)->roomEnd <= m_capacity);
-        if ((*room)->used + need <= (*room)->roomEnd) [[likely]] {
-            return RC_OK;
-        }
+BlockStore::Held BlockStore::FindNewest() {
+    if (m_blocks.empty()) {
+        return {};
     }
-    return MakeRoom(rev, need, fileOffset, room);
+    const auto& [key, block] = *m_blocks.rbegin();
+    const auto entry = m_index.find(key);
+    return {block, entry == m_index.end() ? nullptr : &entry->second};
 }
 
-u32 BlockStore::MakeRoom(i64 rev, u64 need, i64 fileOffset, K9eReplBlock** room) {
-    if (!m_blocks.empty() && m_capacity - Newest().used >= need) {
-        *room = &Newest();
-        NotesOf(**room).Add(rev, fileOffset);
+u32 BlockStore::MakeRoom(i64 rev, u64 need, i64 fileOffset) {
+    if (need > m_maxRecordSize) {
+        return RefuseSize(need, m_maxRecordSize);
+    }
+    if (m_newest.block != nullptr && m_capacity - m_newest.block->used >= need) {
+        NotesOf(*m_newest.block).Add(rev, fileOffset);
         return RC_OK;
     }
     if (u32 rc = AddBlock(rev); rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to alloc next data block");
         return rc;
     }
-    *room = &Newest();
     return m_capacity >= need ? RC_OK : RefuseSize(need, m_capacity);
-}
-
-u32 BlockStore::Place(const K9eReplRec& rec, i64 fileOffset) {
-    assert(m_capacity > 0);
-    const u64 need = u64{rec.dataSize} + kRecordHeadSize;
-    if (need > m_maxRecordSize) {
-        return RefuseSize(need, m_maxRecordSize);
-    }
-    K9eReplBlock* block = nullptr;
-    if (u32 rc = FindRoom(rec.rev, need, fileOffset, &block); rc != RC_OK) {
-        return rc;
-    }
-    IndexEntry& entry = m_index.rbegin()->second;
-    assert(entry.block == block);
-    if (block->used == 0) {
-        // A record that did not fit may have left the block behind, under its own revision.
-        entry.firstRev = rec.rev;
-        block->fileBase = fileOffset;
-    }
-    assert(block->used == 0 || block->lastRev < rec.rev);
-    Append(*block, rec, need);
-    if (fileOffset != kUnknownOffset && entry.fileOffset == kUnknownOffset) {
-        entry.fileOffset = fileOffset;
-    }
-    return RC_OK;
 }
 
 u32 BlockStore::AddBlock(i64 firstRev) {
@@ -183,6 +147,7 @@ u32 BlockStore::AddBlock(i64 firstRev) {
         LOG_ERROR_CODE(RC_NO_MEMORY, kLogStorage, "Failed to add a new block");
         return RC_NO_MEMORY;
     }
+    RememberNewest();
     Touch();
     LOG_INFO(kLogStorage, "Add block %P,rev %I64d", ordinal, firstRev);
     return RC_OK;
@@ -215,6 +180,7 @@ u32 BlockStore::EraseBlocksAfter(i64 rev) {
         if (it->second == nullptr) {
             LOG_ERROR_CODE(RC_BAD_DATA, kLogStorage, "Failed to erase block - NULL;block rev %I64d",
                            it->first);
+            RememberNewest();
             return RC_BAD_DATA;
         }
         DetachFromIndex(it->first);
@@ -223,6 +189,7 @@ u32 BlockStore::EraseBlocksAfter(i64 rev) {
         it->second = nullptr;
     }
     m_blocks.erase(first, m_blocks.end());
+    RememberNewest();
     assert(m_blocks.empty() || m_blocks.rbegin()->first <= rev);
     return RC_OK;
 }
@@ -231,6 +198,7 @@ void BlockStore::EraseIndexAfter(i64 rev) {
     Touch();
     m_notesInFile.ForgetAbove(rev);
     m_index.erase(m_index.upper_bound(rev), m_index.end());
+    RememberNewest();
 }
 
 void BlockStore::EraseAll() {
@@ -239,6 +207,7 @@ void BlockStore::EraseAll() {
     (void)EraseBlocksAfter(0);
     m_index.clear();
     m_notesInFile.Clear();
+    RememberNewest();
 }
 
 void BlockStore::Abandon() {
@@ -253,6 +222,7 @@ void BlockStore::Abandon() {
     m_notesInFile.Clear();
     m_blocks.clear();  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks)
     m_index.clear();
+    RememberNewest();
 }
 
 u32 BlockStore::Shrink(std::size_t keep, i64 flushedRev) {
@@ -281,6 +251,7 @@ u32 BlockStore::Shrink(std::size_t keep, i64 flushedRev) {
         m_pool.ReleaseBlock(block);
     }
     m_blocks.erase(m_blocks.begin(), it);
+    RememberNewest();
     Touch();
     assert(m_blocks.size() >= keep);
     if (rc == RC_OK) {
@@ -305,6 +276,7 @@ void BlockStore::DropBelow(i64 rev) {
         m_index.erase(m_index.begin());
     }
     m_notesInFile.ForgetBelow(m_index.empty() ? kEndOfRevs : m_index.begin()->first);
+    RememberNewest();
 }
 
 u32 BlockStore::CutAfter(i64 rev) {
@@ -361,6 +333,7 @@ void BlockStore::DropFirst() {
     }
     m_notesInFile.Forget(entry->first);
     m_index.erase(entry);
+    RememberNewest();
 }
 
 void BlockStore::DropBefore(i64 key, i64 firstRev) {
@@ -405,6 +378,7 @@ void BlockStore::RekeyFirst(i64 key, i64 firstRev, i64 fileOffset, u64 cutBytes)
 
     auto block = m_blocks.extract(oldKey);
     if (block.empty()) {
+        RememberNewest();
         return;
     }
     K9eReplBlock& cut = *block.mapped();
@@ -422,6 +396,7 @@ void BlockStore::RekeyFirst(i64 key, i64 firstRev, i64 fileOffset, u64 cutBytes)
     notes.CutFront(oldKey < key ? cutBytes : 0, fileOffset, fileOffset - oldOffset);
     block.key() = key;
     m_blocks.insert(std::move(block));
+    RememberNewest();
 }
 
 }  // namespace k9erepl

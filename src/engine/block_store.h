@@ -9,9 +9,11 @@
 
 #include <atomic>
 #include <cassert>
+#include <cstring>
 #include <limits>
 #include <map>
 
+#include "format/storage_file_format.h"
 #include "index/block_index.h"
 #include "index/file_notes.h"
 #include "memory/block_notes.h"
@@ -64,8 +66,13 @@ class BlockStore {
     // The block with the highest key, to which records are appended.
     // REQUIRES: a block is held in memory.
     K9eReplBlock& Newest() {
-        assert(!m_blocks.empty());
-        return *m_blocks.rbegin()->second;
+        assert(m_newest.block != nullptr && m_newest == FindNewest());
+        return *m_newest.block;
+    }
+    // Used bytes of that block; 0 when no block is held in memory.
+    u64 NewestUsed() {
+        assert(m_newest == FindNewest());
+        return m_newest.block == nullptr ? 0 : m_newest.block->used;
     }
     // The index entry of the block that holds `rev`, or would hold it if there was such a record:
     // the last entry whose key is not above `rev`, or the first entry when `rev` is below all keys.
@@ -119,7 +126,28 @@ class BlockStore {
     // `maxRecordSize`, with nothing changed, or for one that fits no block, which leaves an empty
     // block behind.
     // REQUIRES: SetUp was called; the revision is above that of every record.
-    [[nodiscard]] u32 Place(const K9eReplRec& rec, i64 fileOffset);
+    [[nodiscard]] u32 Place(const K9eReplRec& rec, i64 fileOffset) {
+        assert(m_capacity > 0 && m_newest == FindNewest());
+        const u64 need = u64{rec.dataSize} + kRecordHeadSize;
+        if (!HasRoom(need)) [[unlikely]] {
+            if (u32 rc = MakeRoom(rec.rev, need, fileOffset); rc != RC_OK) {
+                return rc;
+            }
+        }
+        K9eReplBlock& block = *m_newest.block;
+        IndexEntry& entry = *m_newest.entry;
+        assert(entry.block == &block);
+        if (block.used == 0) {
+            // A record that did not fit may have left the block behind, under its own revision.
+            entry.firstRev = rec.rev;
+            block.fileBase = fileOffset;
+        }
+        Append(block, rec, need);
+        if (fileOffset != kUnknownOffset && entry.fileOffset == kUnknownOffset) {
+            entry.fileOffset = fileOffset;
+        }
+        return RC_OK;
+    }
     // Adds an empty block from the pool under the key `firstRev`.
     // Errors, logged: RC_NO_MEMORY, with nothing changed.
     // REQUIRES: `firstRev` is above every key.
@@ -183,11 +211,37 @@ class BlockStore {
     // Lets the tests look inside.
     friend struct StorageAccess;
 
-    // *room receives the block into which `need` bytes of a record with revision `rev` fit: the
-    // newest one, which notes the record now and then, or a new one. Errors: as Place.
-    [[nodiscard]] u32 FindRoom(i64 rev, u64 need, i64 fileOffset, K9eReplBlock** room);
-    // The rest of FindRoom, for a record that ends behind the newest block's roomEnd.
-    [[nodiscard]] u32 MakeRoom(i64 rev, u64 need, i64 fileOffset, K9eReplBlock** room);
+    // A block that is held in memory, with its index entry. Both are null when there is no block.
+    struct Held {
+        K9eReplBlock* block = nullptr;
+        IndexEntry* entry = nullptr;  // null also when the index has lost the entry
+        friend bool operator==(const Held&, const Held&) = default;
+    };
+
+    // True when a record of `need` bytes may be placed, and the newest block takes it without a
+    // note.
+    bool HasRoom(u64 need) const {
+        return m_newest.block != nullptr && need <= m_maxRecordSize &&
+               m_newest.block->used + need <= m_newest.block->roomEnd;
+    }
+    // What Place does first for any other record of `need` bytes with the revision `rev`, which is
+    // to lie at `fileOffset`: the newest block notes it, or a new block is added. Errors: as Place.
+    [[nodiscard]] u32 MakeRoom(i64 rev, u64 need, i64 fileOffset);
+    // Copies a record of `need` bytes behind the last one of the block.
+    static void Append(K9eReplBlock& block, const K9eReplRec& rec, u64 need) {
+        assert(need >= kRecordHeadSize && (block.used == 0 || block.lastRev < rec.rev));
+        u8* to = block.Data() + block.used;
+        const u32 prefix[2] = {kRecordSignature, static_cast<u32>(need)};
+        std::memcpy(to, prefix, kRecordPrefixSize);
+        std::memcpy(to + kRecordPrefixSize, &rec,
+                    static_cast<std::size_t>(need - kRecordPrefixSize));
+        block.used += need;
+        block.lastRev = rec.rev;
+    }
+    // Looks up what m_newest remembers.
+    Held FindNewest();
+    // To be called wherever a block or an index entry has come or gone.
+    void RememberNewest() { m_newest = FindNewest(); }
     // The block under `key` leaves memory: its index entry loses the pointer, or goes if the block
     // is empty. Without such an entry: nothing.
     void DetachFromIndex(i64 key);
@@ -214,6 +268,9 @@ class BlockStore {
     BlockIndex m_index;
     // Of blocks of m_index; in step with it.
     FileNotes m_notesInFile;
+    // The block with the highest key in m_blocks. It is remembered because each record that is
+    // placed needs it, and a walk through two maps costs more than the rest of placing.
+    Held m_newest;
     u64 m_generation = 0;       // see Generation(); starts at 0
     i64 m_oldestRev = 0;        // see OldestRev(); 0: everything is served
     i64 m_flushedRev = 0;       // see FlushedRev(); 0: nothing is in the file

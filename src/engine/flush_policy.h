@@ -21,11 +21,30 @@ class FlushPolicy {
 
     // False while the mode's counter is 0. Otherwise true when the counter has reached the mode's
     // threshold, or when the time-out has passed since the last flush.
-    bool FlushNeeded(const OpenSettings& settings) const;
+    bool FlushNeeded(const OpenSettings& settings) const {
+        if (settings.flushMode == FlushMode::kPerTrans) {
+            const u32 count = m_transSinceFlush.load(std::memory_order_relaxed);
+            // Compared as an unsigned number, so a negative setting never flushes by count.
+            return count != 0 && (count >= static_cast<u32>(settings.flushTransNum) ||
+                                  HasTimedOut(settings.flushTimeout));
+        }
+        if (settings.flushMode == FlushMode::kPerData) {
+            const u64 size = m_dataSinceFlush.load(std::memory_order_relaxed);
+            return size != 0 && (static_cast<i64>(size) >= settings.flushDataSize ||
+                                 HasTimedOut(settings.flushTimeout));
+        }
+        return false;
+    }
 
     // A transaction with `dataSize` bytes of records, heads included, was committed. Only the
     // counter of `mode` rises; NoFlush has none.
-    void CountCommit(FlushMode mode, u64 dataSize);
+    void CountCommit(FlushMode mode, u64 dataSize) {
+        if (mode == FlushMode::kPerTrans) {
+            Add(m_transSinceFlush, u32{1});
+        } else if (mode == FlushMode::kPerData) {
+            Add(m_dataSinceFlush, dataSize);
+        }
+    }
 
     // What was counted at one moment. A flush takes it at its beginning, and hands it back when it
     // has succeeded.
@@ -33,17 +52,34 @@ class FlushPolicy {
         u32 transactions = 0;  // committed transactions
         u64 dataSize = 0;      // bytes, heads included
     };
-    Counted Now() const { return {m_transSinceFlush, m_dataSinceFlush}; }
+    Counted Now() const {
+        return {m_transSinceFlush.load(std::memory_order_relaxed),
+                m_dataSinceFlush.load(std::memory_order_relaxed)};
+    }
     // Subtracts what a flush covered; commits that came during the flush stay counted.
     // REQUIRES: `covered` came from Now(), and nothing of it was subtracted since.
     void Flushed(const Counted& covered);
 
     // Starts the time-out again. Needs no lock.
-    void RecordFlushTime() { m_lastFlushTick = platform::TickCountMs(); }
+    void RecordFlushTime() {
+        m_lastFlushTick.store(platform::TickCountMs(), std::memory_order_relaxed);
+    }
     // Sets both counters to 0, so no flush is needed. The time-out goes on.
     void Clear() { Flushed(Now()); }
 
   private:
+    // Only the thread that holds the storage's lock writes: nothing comes between its load and its
+    // store. The sum wraps around: to subtract is to add the difference from zero.
+    template <typename T>
+    static void Add(std::atomic<T>& counter, T value) {
+        counter.store(counter.load(std::memory_order_relaxed) + value, std::memory_order_relaxed);
+    }
+    // The unsigned difference survives the wrap of the tick count.
+    bool HasTimedOut(u32 timeoutMs) const {
+        return platform::TickCountMs() - m_lastFlushTick.load(std::memory_order_relaxed) >=
+               timeoutMs;
+    }
+
     // The tick count in milliseconds at the last flush; it wraps around, so only differences count.
     std::atomic<u32> m_lastFlushTick{0};
     // Transactions committed since the last flush; counted in the mode PerTrans only, else 0.

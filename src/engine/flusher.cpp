@@ -271,13 +271,6 @@ void Flusher::NotifyFlushed(i64 lastRev) {
     timing.Stop();
 }
 
-void Flusher::ShrinkCacheIfPending() {
-    if (m_settings.MayEvict() && m_shrinkPending) {
-        // Dropped: a failure is logged, the commit has succeeded, and the next one tries again.
-        (void)ShrinkCache();
-    }
-}
-
 u32 Flusher::ShrinkCache() {
     assert(m_settings.MayEvict());
     const u32 rc = m_blocks.Shrink(m_settings.cacheBlocks, m_blocks.FlushedRev());

@@ -99,7 +99,12 @@ class Flusher {
     // Shrinks the cache to the number of blocks that the setting cache_type allows if the last
     // flush left more. A failure is logged and changes nothing for the commit; the next one tries
     // again.
-    void ShrinkCacheIfPending();
+    void ShrinkCacheIfPending() {
+        if (m_shrinkPending && m_settings.MayEvict()) {
+            // Dropped: a failure is logged, the commit has succeeded, and the next one tries again.
+            (void)ShrinkCache();
+        }
+    }
 
   private:
     // Lets the tests look inside.

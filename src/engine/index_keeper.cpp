@@ -57,12 +57,8 @@ void IndexKeeper::Stop() {
     }
 }
 
-void IndexKeeper::SaveIfGrown() {
+void IndexKeeper::SaveGrown(std::size_t count) {
     assert(m_object != nullptr);
-    const std::size_t count = m_blocks.Index().size();
-    if (count < m_savedCount + m_settings.indexHint) {
-        return;
-    }
     if (!RestartIfFinished()) {
         if (m_object->IsBusy()) {
             LOG_WARNING(kLogStorage, "Index thread is busy");

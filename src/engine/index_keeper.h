@@ -57,7 +57,12 @@ class IndexKeeper {
     // since the last attempt. Never fails: a save that cannot be made now is skipped.
     // REQUIRES: there is an index object. Not in the middle of a flush, whose failure would take
     // file offsets back.
-    void SaveIfGrown();
+    void SaveIfGrown() {
+        const std::size_t count = m_blocks.Index().size();
+        if (count >= m_savedCount + m_settings.indexHint) {
+            SaveGrown(count);
+        }
+    }
     // Saves the whole block index after a clear. After a squeeze the file is written on return, if
     // it can be written; otherwise the thread writes it, or nobody if the thread is busy. Never
     // fails.
@@ -74,6 +79,9 @@ class IndexKeeper {
     [[nodiscard]] u32 Empty();
 
   private:
+    // The save that SaveIfGrown asks for, of an index of `count` blocks.
+    void SaveGrown(std::size_t count);
+
     // Lets the tests look inside.
     friend struct StorageAccess;
 

@@ -24,12 +24,6 @@ void StorageStatus::EnterFlushFailed() {
     }
 }
 
-void StorageStatus::LeaveFlushFailed() {
-    if (State() == StorageState::kFlushFailed) {
-        Set(StorageState::kOpen);
-    }
-}
-
 ScopedValue<bool> StorageStatus::BeginClear() {
     assert(MayRemove());
     return {m_clearing, true};

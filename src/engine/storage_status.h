@@ -59,7 +59,11 @@ class StorageStatus {
     void EnterFlushFailed();
     // To be called when a flush succeeded: what failed before is in the file now, so kFlushFailed
     // becomes kOpen. Other states stay.
-    void LeaveFlushFailed();
+    void LeaveFlushFailed() {
+        if (State() == StorageState::kFlushFailed) {
+            Set(StorageState::kOpen);
+        }
+    }
 
     // True when nothing is being done to the file.
     bool FileIsIdle() const { return m_fileWork == FileWork::kNone; }

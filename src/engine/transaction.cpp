@@ -26,7 +26,7 @@ u32 Transaction::BeginOutermost() {
     assert(m_status.IsOpen() && !IsOpen());
     m_rolledBack = false;
     m_depth = 1;
-    m_start = {m_blocks.NextRev(), m_blocks.Blocks().empty() ? 0 : m_blocks.Newest().used};
+    m_start = {m_blocks.NextRev(), m_blocks.NewestUsed()};
     m_dataSize = 0;
     // When a callback of a flush begins a transaction, none is begun in the file: the flush has one
     // open there and must be able to go back to its own beginning.
@@ -47,13 +47,6 @@ u32 Transaction::BeginOutermost() {
     return RC_OK;
 }
 
-u32 Transaction::Insert(K9eReplRec* rec) {
-    if (u32 rc = m_status.RefuseUnless(MayChange(), "Failed to insert"); rc != RC_OK) {
-        return rc;
-    }
-    return InsertAt(rec, m_blocks.NextRev());
-}
-
 u32 Transaction::InsertP(K9eReplRec* rec) {
     if (u32 rc = m_status.RefuseUnless(MayChange(), "Failed to insert prepared"); rc != RC_OK) {
         return rc;
@@ -67,17 +60,13 @@ u32 Transaction::InsertP(K9eReplRec* rec) {
     return InsertAt(rec, rev);
 }
 
-// Outside of a transaction the record gets one of its own.
-u32 Transaction::InsertAt(K9eReplRec* rec, i64 rev) {
-    assert(rev >= m_blocks.NextRev());
+u32 Transaction::InsertAlone(K9eReplRec* rec, i64 rev) {
     if (rev > kMaxRev) {
         LOG_ERROR_CODE(RC_INVALID_ARG, kLogStorage, "No revision left;rev %I64d,maximum %I64d", rev,
                        kMaxRev);
         return RC_INVALID_ARG;
     }
-    if (IsOpen()) {
-        return Place(rec, rev);
-    }
+    assert(!IsOpen());
     if (u32 rc = BeginOutermost(); rc != RC_OK) {
         return rc;
     }
@@ -90,18 +79,6 @@ u32 Transaction::InsertAt(K9eReplRec* rec, i64 rev) {
         (void)Rollback();
     }
     return rc;
-}
-
-// The revision is used up before the record is placed, and stays so when that fails.
-u32 Transaction::Place(K9eReplRec* rec, i64 rev) {
-    assert(IsOpen() && rev >= m_blocks.NextRev() && rev <= kMaxRev);
-    rec->rev = rev;
-    m_blocks.SetNextRev(rev + 1);
-    if (u32 rc = m_blocks.Place(*rec, kUnknownOffset); rc != RC_OK) {
-        return rc;
-    }
-    m_dataSize += u64{rec->dataSize} + kRecordHeadSize;
-    return RC_OK;
 }
 
 u32 Transaction::Commit() {

@@ -6,10 +6,13 @@
 
 #include <k9erepl/storage.h>
 
+#include <cassert>
+
 #include "engine/block_store.h"
 #include "engine/flusher.h"
 #include "engine/index_keeper.h"
 #include "engine/open_settings.h"
+#include "engine/revision.h"
 #include "engine/storage_status.h"
 #include "platform/int_types.h"
 #include "solid/solid_storage.h"
@@ -45,7 +48,12 @@ class Transaction {
     // Gives `rec` the next revision and copies it into memory. Outside of a transaction the record
     // gets one of its own. A revision stays used up when its record could not be placed inside a
     // transaction.
-    [[nodiscard]] u32 Insert(K9eReplRec* rec);
+    [[nodiscard]] u32 Insert(K9eReplRec* rec) {
+        if (u32 rc = m_status.RefuseUnless(MayChange(), "Failed to insert"); rc != RC_OK) {
+            return rc;
+        }
+        return InsertAt(rec, m_blocks.NextRev());
+    }
     // Does the same with the revision that `rec` has. RC_INVALID_ARG, logged, when that is below
     // the next one.
     [[nodiscard]] u32 InsertP(K9eReplRec* rec);
@@ -86,9 +94,24 @@ class Transaction {
     [[nodiscard]] u32 BeginOutermost();
     // Inserts `rec` with the revision `rev`. RC_INVALID_ARG, logged, above kMaxRev.
     // REQUIRES: rev is not below the next revision.
-    [[nodiscard]] u32 InsertAt(K9eReplRec* rec, i64 rev);
-    // Copies `rec` into the open transaction. Errors: as BlockStore::Place.
-    [[nodiscard]] u32 Place(K9eReplRec* rec, i64 rev);
+    [[nodiscard]] u32 InsertAt(K9eReplRec* rec, i64 rev) {
+        assert(rev >= m_blocks.NextRev());
+        return rev <= kMaxRev && IsOpen() ? Place(rec, rev) : InsertAlone(rec, rev);
+    }
+    // Inserts `rec` in a transaction of its own, or refuses the revision. Errors: as InsertAt.
+    [[nodiscard]] u32 InsertAlone(K9eReplRec* rec, i64 rev);
+    // Copies `rec` into the open transaction. The revision is used up before that, and stays so
+    // when the record cannot be placed. Errors: as BlockStore::Place.
+    [[nodiscard]] u32 Place(K9eReplRec* rec, i64 rev) {
+        assert(IsOpen() && rev >= m_blocks.NextRev() && rev <= kMaxRev);
+        rec->rev = rev;
+        m_blocks.SetNextRev(rev + 1);
+        if (u32 rc = m_blocks.Place(*rec, kUnknownOffset); rc != RC_OK) {
+            return rc;
+        }
+        m_dataSize += u64{rec->dataSize} + kRecordHeadSize;
+        return RC_OK;
+    }
     // What follows the end of the outermost level: flush or notification, a save of the index, a
     // smaller cache.
     [[nodiscard]] u32 CommitOutermost();

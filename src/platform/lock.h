@@ -32,7 +32,7 @@ class RecursiveLock {
     // REQUIRES: the calling thread holds the lock.
     void unlock() {
         assert(m_owner.load(std::memory_order_relaxed) != kNoThread);
-        if (m_again != 0) {
+        if (m_again != 0) [[unlikely]] {
             --m_again;
             return;
         }
@@ -61,30 +61,29 @@ class RecursiveLock {
 
     // lock() and try_lock() of the thread `me`.
     void LockAs(ThreadMark me) {
-        if (!TakeIfFree()) [[unlikely]] {
-            if (m_owner.load(std::memory_order_relaxed) == me) {
-                ++m_again;
-                return;
-            }
-            TakeAfterWait();
+        if (!TakeIfFree(me)) [[unlikely]] {
+            LockInUse(me);
+        }
+    }
+    [[nodiscard]] bool TryLockAs(ThreadMark me) { return TakeIfFree(me) || TakeAgain(me); }
+    // What lock() does when the lock is in use, perhaps by the thread `me` itself.
+    void LockInUse(ThreadMark me);
+
+    [[nodiscard]] bool TakeIfFree(ThreadMark me) {
+        u32 use = kFree;
+        if (!m_use.compare_exchange_strong(use, kHeld, std::memory_order_acquire,
+                                           std::memory_order_relaxed)) [[unlikely]] {
+            return false;
         }
         m_owner.store(me, std::memory_order_relaxed);
+        return true;
     }
-    [[nodiscard]] bool TryLockAs(ThreadMark me) {
-        if (TakeIfFree()) {
-            m_owner.store(me, std::memory_order_relaxed);
-            return true;
+    [[nodiscard]] bool TakeAgain(ThreadMark me) {
+        if (m_owner.load(std::memory_order_relaxed) != me) {
+            return false;
         }
-        if (m_owner.load(std::memory_order_relaxed) == me) {
-            ++m_again;
-            return true;
-        }
-        return false;
-    }
-    [[nodiscard]] bool TakeIfFree() {
-        u32 use = kFree;
-        return m_use.compare_exchange_strong(use, kHeld, std::memory_order_acquire,
-                                             std::memory_order_relaxed);
+        ++m_again;
+        return true;
     }
     // Sleeps until the lock was free and is this thread's. It leaves the lock as awaited, because
     // others may still sleep: then the unlock wakes one in vain at worst.

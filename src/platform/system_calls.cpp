@@ -45,14 +45,10 @@ constexpr SystemCalls kNativeCalls = {
     .timeStampCounter = native::ClockTimeStampCounter,
 };
 
-// Filled before any code runs, because the load guard works during static initialisation.
-constinit SystemCalls g_calls = kNativeCalls;
-
 }  // namespace
 
-SystemCalls& TheSystemCalls() {
-    return g_calls;
-}
+// Filled before any code runs, because the load guard works during static initialisation.
+constinit SystemCalls detail::g_systemCalls = kNativeCalls;
 
 const SystemCalls& NativeSystemCalls() {
     return kNativeCalls;

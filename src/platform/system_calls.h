@@ -89,7 +89,12 @@ struct SystemCalls {
 };
 
 // The one table of this copy of the library. Only tests write to it, while no other thread uses it.
-SystemCalls& TheSystemCalls();
+namespace detail {
+extern SystemCalls g_systemCalls;
+}
+inline SystemCalls& TheSystemCalls() {
+    return detail::g_systemCalls;
+}
 
 // The operating system's own entries, with which the table starts.
 const SystemCalls& NativeSystemCalls();
