@@ -22,18 +22,13 @@ class FlushPolicy {
     // False while the mode's counter is 0. Otherwise true when the counter has reached the mode's
     // threshold, or when the time-out has passed since the last flush.
     bool FlushNeeded(const OpenSettings& settings) const {
-        if (settings.flushMode == FlushMode::kPerTrans) {
-            const u32 count = m_transSinceFlush.load(std::memory_order_relaxed);
-            // Compared as an unsigned number, so a negative setting never flushes by count.
-            return count != 0 && (count >= static_cast<u32>(settings.flushTransNum) ||
-                                  HasTimedOut(settings.flushTimeout));
-        }
-        if (settings.flushMode == FlushMode::kPerData) {
-            const u64 size = m_dataSinceFlush.load(std::memory_order_relaxed);
-            return size != 0 && (static_cast<i64>(size) >= settings.flushDataSize ||
-                                 HasTimedOut(settings.flushTimeout));
-        }
-        return false;
+        return FlushNeeded(settings, [this](u32 timeoutMs) { return HasTimedOut(timeoutMs); });
+    }
+    // The same for a commit, which asks so often that it looks at the coarse clock: a time-out that
+    // has just passed may be missed, and then the next commit or the idle call flushes.
+    bool FlushNeededAtCommit(const OpenSettings& settings) const {
+        return FlushNeeded(settings,
+                           [this](u32 timeoutMs) { return HasSurelyTimedOut(timeoutMs); });
     }
 
     // A transaction with `dataSize` bytes of records, heads included, was committed. Only the
@@ -68,6 +63,23 @@ class FlushPolicy {
     void Clear() { Flushed(Now()); }
 
   private:
+    // Both of the functions above; `hasTimedOut` is asked only when the counter alone does not
+    // decide.
+    template <typename HasTimedOut>
+    bool FlushNeeded(const OpenSettings& settings, HasTimedOut hasTimedOut) const {
+        if (settings.flushMode == FlushMode::kPerTrans) {
+            const u32 count = m_transSinceFlush.load(std::memory_order_relaxed);
+            // Compared as an unsigned number, so a negative setting never flushes by count.
+            return count != 0 && (count >= static_cast<u32>(settings.flushTransNum) ||
+                                  hasTimedOut(settings.flushTimeout));
+        }
+        if (settings.flushMode == FlushMode::kPerData) {
+            const u64 size = m_dataSinceFlush.load(std::memory_order_relaxed);
+            return size != 0 && (static_cast<i64>(size) >= settings.flushDataSize ||
+                                 hasTimedOut(settings.flushTimeout));
+        }
+        return false;
+    }
     // Only the thread that holds the storage's lock writes: nothing comes between its load and its
     // store. The sum wraps around: to subtract is to add the difference from zero.
     template <typename T>
@@ -78,6 +90,13 @@ class FlushPolicy {
     bool HasTimedOut(u32 timeoutMs) const {
         return platform::TickCountMs() - m_lastFlushTick.load(std::memory_order_relaxed) >=
                timeoutMs;
+    }
+    // The coarse clock may still stand before the last flush, which is no time at all, and not the
+    // 49 days that the unsigned difference would be without the lag.
+    bool HasSurelyTimedOut(u32 timeoutMs) const {
+        const u32 elapsed = platform::CoarseTickCountMs() + platform::kCoarseTickLagMs -
+                            m_lastFlushTick.load(std::memory_order_relaxed);
+        return elapsed >= u64{timeoutMs} + platform::kCoarseTickLagMs;
     }
 
     // The tick count in milliseconds at the last flush; it wraps around, so only differences count.

@@ -61,6 +61,10 @@ class Flusher {
     bool IsDue() const { return m_policy.FlushNeeded(m_settings); }
     // True when the flush mode asks for a flush and nothing is being done to the file.
     bool FlushNeeded() const { return m_status.FileIsIdle() && IsDue(); }
+    // The same for a commit; see FlushPolicy::FlushNeededAtCommit.
+    bool FlushNeededAtCommit() const {
+        return m_status.FileIsIdle() && m_policy.FlushNeededAtCommit(m_settings);
+    }
     // Starts the time-out of the setting flush_timeout again. Needs no lock.
     void RecordFlushTime() { m_policy.RecordFlushTime(); }
     // Sets the commit counters to 0, so no flush is due.

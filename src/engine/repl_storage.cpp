@@ -21,21 +21,10 @@ u32 CK9eReplStorage::FileOwner::RunAsCall(u32 (*work)(void* ctx), void* ctx) {
     });
 }
 
-u32 CK9eReplStorage::RefuseIfReadOnly(const char* call) const {
-    if (!m_settings.readOnly) {
-        return RC_OK;
-    }
+u32 CK9eReplStorage::RefuseReadOnly(const char* call) const {
+    assert(m_settings.readOnly);
     LOG_ERROR_CODE(RC_NOT_SUPPORTED, kLogStorage, "Storage is read-only;refused %s", call);
     return RC_NOT_SUPPORTED;
-}
-
-template <typename Work>
-u32 CK9eReplStorage::Change(const char* call, Work work) {
-    if (u32 rc = RefuseIfReadOnly(call); rc != RC_OK) {
-        return rc;
-    }
-    const Guard guard(m_lock);
-    return work();
 }
 
 u32 CK9eReplStorage::RefuseQuery(const void* out) const {
@@ -96,20 +85,8 @@ std::uint32_t CK9eReplStorage::Load() {
 
 // --- Transactions
 
-std::uint32_t CK9eReplStorage::BeginTransaction() {
-    return Change("BeginTransaction", [this] { return m_transaction.Begin(); });
-}
-
-std::uint32_t CK9eReplStorage::Insert(K9eReplRec* rec) {
-    return Change("Insert", [&] { return m_transaction.Insert(rec); });
-}
-
 std::uint32_t CK9eReplStorage::InsertP(K9eReplRec* rec) {
     return Change("InsertP", [&] { return m_transaction.InsertP(rec); });
-}
-
-std::uint32_t CK9eReplStorage::Commit() {
-    return Change("Commit", [this] { return m_transaction.Commit(); });
 }
 
 std::uint32_t CK9eReplStorage::Rollback() {

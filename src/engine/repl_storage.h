@@ -78,10 +78,16 @@ class CK9eReplStorage final : public IK9eReplStorage {
     std::uint32_t GetLifenum(std::uint32_t* out) override;
     std::uint32_t Load() override;
     std::uint32_t Truncate() override;
-    std::uint32_t BeginTransaction() override;
-    std::uint32_t Commit() override;
+    std::uint32_t BeginTransaction() override {
+        return Change("BeginTransaction", [this] { return m_transaction.Begin(); });
+    }
+    std::uint32_t Commit() override {
+        return Change("Commit", [this] { return m_transaction.Commit(); });
+    }
     std::uint32_t Rollback() override;
-    std::uint32_t Insert(K9eReplRec* rec) override;
+    std::uint32_t Insert(K9eReplRec* rec) override {
+        return Change("Insert", [&] { return m_transaction.Insert(rec); });
+    }
     std::uint32_t InsertP(K9eReplRec* rec) override;
     std::uint32_t EnumRecords(std::int64_t fromRev, std::int64_t toRev, K9eReplEnumCb cb,
                               void* cbContext) override;
@@ -124,9 +130,16 @@ class CK9eReplStorage final : public IK9eReplStorage {
     // Does `work`, which changes the storage, under the lock. In a read-only storage it answers
     // RC_NOT_SUPPORTED, which is logged with `call`, the name that clients know.
     template <typename Work>
-    [[nodiscard]] u32 Change(const char* call, Work work);
-    // RC_OK, or RC_NOT_SUPPORTED, logged. Needs no lock: settings are constant after Open.
-    [[nodiscard]] u32 RefuseIfReadOnly(const char* call) const;
+    [[nodiscard]] u32 Change(const char* call, Work work) {
+        // Needs no lock: settings are constant after Open.
+        if (m_settings.readOnly) [[unlikely]] {
+            return RefuseReadOnly(call);
+        }
+        const Guard guard(m_lock);
+        return work();
+    }
+    // RC_NOT_SUPPORTED, logged.
+    [[nodiscard]] u32 RefuseReadOnly(const char* call) const;
     // Does `work` for a host that calls through an interface and not through an exported function:
     // no exception gets out, and in a forked child it answers RC_WRONG_STATE.
     template <typename Work>

@@ -8,20 +8,6 @@
 
 namespace k9erepl {
 
-u32 Transaction::Begin() {
-    if (u32 rc = m_status.RefuseUnless(MayChange(), "Failed to begin trans"); rc != RC_OK) {
-        return rc;
-    }
-    if (!IsOpen()) {
-        return BeginOutermost();
-    }
-    if (m_rolledBack) {
-        return RC_BEGIN_AFTER_ROLLBACK;
-    }
-    ++m_depth;
-    return RC_OK;
-}
-
 u32 Transaction::BeginOutermost() {
     assert(m_status.IsOpen() && !IsOpen());
     m_rolledBack = false;
@@ -112,8 +98,10 @@ u32 Transaction::CommitOutermost() {
     assert(!IsOpen() && !m_rolledBack);
     if (m_settings.HasFile()) {
         m_flusher.CountCommit(m_dataSize);
-        if (u32 rc = FlushIfNeeded(); rc != RC_OK) {
-            return rc;
+        if (m_flusher.FlushNeededAtCommit()) {
+            if (u32 rc = FlushDue(); rc != RC_OK) {
+                return rc;
+            }
         }
         m_status.LeaveFlushFailed();
         // In the middle of a flush entries have offsets that a failure would take back.
@@ -133,11 +121,8 @@ u32 Transaction::CommitOutermost() {
 
 // When the flush fails, the client may commit again or roll back. What callbacks of the flush
 // inserted meanwhile lies behind the transaction's records and becomes part of it.
-u32 Transaction::FlushIfNeeded() {
+u32 Transaction::FlushDue() {
     assert(!IsOpen() && m_settings.HasFile());
-    if (!m_flusher.FlushNeeded()) {
-        return RC_OK;
-    }
     const Start start = m_start;
     const u32 rc = m_flusher.Flush(LastCommittedRev());
     if (rc == RC_OK) {

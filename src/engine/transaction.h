@@ -44,7 +44,19 @@ class Transaction {
 
     // Opens a transaction or nests one level deeper. A storage file that cannot begin breaks the
     // storage.
-    [[nodiscard]] u32 Begin();
+    [[nodiscard]] u32 Begin() {
+        if (u32 rc = m_status.RefuseUnless(MayChange(), "Failed to begin trans"); rc != RC_OK) {
+            return rc;
+        }
+        if (!IsOpen()) {
+            return BeginOutermost();
+        }
+        if (m_rolledBack) {
+            return RC_BEGIN_AFTER_ROLLBACK;
+        }
+        ++m_depth;
+        return RC_OK;
+    }
     // Gives `rec` the next revision and copies it into memory. Outside of a transaction the record
     // gets one of its own. A revision stays used up when its record could not be placed inside a
     // transaction.
@@ -115,8 +127,9 @@ class Transaction {
     // What follows the end of the outermost level: flush or notification, a save of the index, a
     // smaller cache.
     [[nodiscard]] u32 CommitOutermost();
-    // Errors: those of the flush, with the transaction open again.
-    [[nodiscard]] u32 FlushIfNeeded();
+    // The flush that a commit makes when it is due. Errors: those of the flush, with the
+    // transaction open again.
+    [[nodiscard]] u32 FlushDue();
     // Tries a failed flush again when no transaction is open.
     void RetryFlush();
 

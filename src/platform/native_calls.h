@@ -56,6 +56,7 @@ void ThreadDestroy(void* thread);
 
 // Clocks: clocks.cpp.
 u32 ClockTickCount();
+u32 ClockCoarseTickCount();
 [[nodiscard]] bool ClockPerformanceFrequency(i64* ticksPerSecond);
 i64 ClockPerformanceCounter();
 u64 ClockTimeStampCounter();

@@ -40,6 +40,7 @@ constexpr SystemCalls kNativeCalls = {
     .terminateThread = native::ThreadTerminate,
     .destroyThread = native::ThreadDestroy,
     .tickCount = native::ClockTickCount,
+    .coarseTickCount = native::ClockCoarseTickCount,
     .performanceFrequency = native::ClockPerformanceFrequency,
     .performanceCounter = native::ClockPerformanceCounter,
     .timeStampCounter = native::ClockTimeStampCounter,

@@ -82,7 +82,8 @@ struct SystemCalls {
     void (*destroyThread)(void* thread);
 
     // Clocks.
-    u32 (*tickCount)();  // milliseconds, wraps
+    u32 (*tickCount)();        // milliseconds, wraps
+    u32 (*coarseTickCount)();  // the same clock at the system's last tick
     bool (*performanceFrequency)(i64* ticksPerSecond);
     i64 (*performanceCounter)();
     u64 (*timeStampCounter)();

@@ -7,10 +7,6 @@
 
 namespace k9erepl {
 
-u32 FileWrites::BeginTransaction() {
-    return m_file.HasWriter() ? m_file.Writer().BeginTransaction() : u32{RC_NO_WRITER};
-}
-
 u32 FileWrites::Commit() {
     if (!m_file.HasWriter()) {
         return RC_NO_WRITER;

@@ -19,7 +19,9 @@ class FileWrites {
   public:
     FileWrites(StorageFile& file, DamagedTail& tail) : m_file(file), m_tail(tail) {}
 
-    [[nodiscard]] u32 BeginTransaction();
+    [[nodiscard]] u32 BeginTransaction() {
+        return m_file.HasWriter() ? m_file.Writer().BeginTransaction() : u32{RC_NO_WRITER};
+    }
     [[nodiscard]] u32 Commit();
     [[nodiscard]] u32 Rollback();
     [[nodiscard]] u32 ClearUndone();

@@ -153,26 +153,12 @@ u32 CSolidStorage::FindRevBefore(i64 offset, i64* rev) {
     return k9erepl::FindRevBefore(m_file, offset, rev);
 }
 
-u32 CSolidStorage::BeginTransaction() {
-    return m_writes.BeginTransaction();
-}
-
-u32 CSolidStorage::Commit() {
-    return m_writes.Commit();
-}
-
 u32 CSolidStorage::RollbackWrites() {
     return m_writes.Rollback();
 }
 
 u32 CSolidStorage::ClearUndone() {
     return m_writes.ClearUndone();
-}
-
-u32 CSolidStorage::WriteItems(u8* data, u32 size, TCommitBlock* commitBlock,
-                              K9eReplBlock* memoryBlock, i64 lastRevision,
-                              std::atomic<i64>* filePosition) {
-    return m_writes.WriteItems(data, size, commitBlock, memoryBlock, lastRevision, filePosition);
 }
 
 u32 CSolidStorage::CompleteAsyncTasks() {

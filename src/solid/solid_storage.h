@@ -162,9 +162,9 @@ class CSolidStorage final : public IK9eReplLLStorage {
     bool ForcesFlushes() const { return m_file.State().forceFlush; }
 
     // Remembers the place to which RollbackWrites goes back.
-    [[nodiscard]] u32 BeginTransaction();
+    [[nodiscard]] u32 BeginTransaction() { return m_writes.BeginTransaction(); }
     // Flushes to the disk, with force_flush, and makes the read buffers forget what they hold.
-    [[nodiscard]] u32 Commit();
+    [[nodiscard]] u32 Commit() { return m_writes.Commit(); }
     // Goes back to BeginTransaction: the bytes written since then are dead, and the next write
     // overwrites them.
     [[nodiscard]] u32 RollbackWrites();
@@ -176,7 +176,10 @@ class CSolidStorage final : public IK9eReplLLStorage {
     // flushed revision.
     [[nodiscard]] u32 WriteItems(u8* data, u32 size, TCommitBlock* commitBlock,
                                  K9eReplBlock* memoryBlock, i64 lastRevision,
-                                 std::atomic<i64>* filePosition);
+                                 std::atomic<i64>* filePosition) {
+        return m_writes.WriteItems(data, size, commitBlock, memoryBlock, lastRevision,
+                                   filePosition);
+    }
 
     // The file offset at which the next WriteItems puts its run, once everything queued is written.
     // REQUIRES: the file is open for writing.

@@ -112,6 +112,25 @@ TEST_F(FlushTimeout, SurvivesTheWrapOfTheTickCount) {
     EXPECT_TRUE(policy.FlushNeeded(PerTrans(10)));
 }
 
+// The coarse clock may stand a little before the last flush, also over the wrap.
+TEST_F(FlushTimeout, AtACommitIsReadFromTheCoarseClock) {
+    const OpenSettings settings = PerTrans(10);
+    u32 (*&coarse)() = platform::TheSystemCalls().coarseTickCount;
+    CommitOf(settings);
+    coarse = [] { return u32{4996}; };
+    EXPECT_FALSE(policy.FlushNeededAtCommit(settings));
+    coarse = [] { return u32{5999}; };
+    EXPECT_FALSE(policy.FlushNeededAtCommit(settings));
+    coarse = [] { return u32{6000}; };
+    EXPECT_TRUE(policy.FlushNeededAtCommit(settings));
+    SetTickCount(3);
+    policy.RecordFlushTime();
+    coarse = [] { return u32{0xFFFFFFFF}; };
+    EXPECT_FALSE(policy.FlushNeededAtCommit(settings));
+    coarse = [] { return u32{1003}; };
+    EXPECT_TRUE(policy.FlushNeededAtCommit(settings));
+}
+
 TEST_F(FlushTimeout, ClearedCountersNeedNoFlushHoweverLate) {
     CommitOf(PerTrans(1));
     CommitOf(PerData(1), 10);

@@ -12,6 +12,18 @@ TEST(Clocks, TheTickCountGoesOn) {
     EXPECT_TRUE(Eventually([&] { return platform::TickCountMs() - start >= 20; }));
 }
 
+TEST(Clocks, TheCoarseTickCountFollowsTheTickCount) {
+    u32 lowest = platform::CoarseTickCountMs();
+    const u32 start = lowest;
+    EXPECT_TRUE(Eventually([&] {
+        const u32 coarse = platform::CoarseTickCountMs();
+        EXPECT_LE(platform::TickCountMs() - coarse, platform::kCoarseTickLagMs);
+        EXPECT_LE(coarse - lowest, platform::kCoarseTickLagMs) << "it went back";
+        lowest = coarse;
+        return coarse - start >= 20;
+    }));
+}
+
 TEST(Clocks, ThePerformanceCounterGoesOnAndNeverBack) {
     i64 last = platform::PerformanceCounter();
     const i64 start = last;

@@ -122,6 +122,7 @@ SteadyCalls::SteadyCalls() {
     calls.waitEvent = &WaitEvent;
     calls.createThread = &CreateThread;
     calls.tickCount = [] { return u32{1000}; };
+    calls.coarseTickCount = calls.tickCount;
     calls.timeStampCounter = [] { return g_stamp.fetch_add(1); };
 }
 

@@ -193,6 +193,11 @@ u32 TickCountHook() {
     return g_tickCount.isSet ? g_tickCount.now.load() : platform::NativeSystemCalls().tickCount();
 }
 
+u32 CoarseTickCountHook() {
+    return g_tickCount.isSet ? g_tickCount.now.load()
+                             : platform::NativeSystemCalls().coarseTickCount();
+}
+
 i64 PerformanceCounterHook() {
     return g_performanceCounter.isSet ? g_performanceCounter.now.load()
                                       : platform::NativeSystemCalls().performanceCounter();
@@ -221,6 +226,7 @@ void InstallSpecialHooks(SystemCalls& table) {
     table.closeFile = CloseHook;
     table.allocMemory = AllocHook;
     table.tickCount = TickCountHook;
+    table.coarseTickCount = CoarseTickCountHook;
     table.performanceCounter = PerformanceCounterHook;
     table.performanceFrequency = PerformanceFrequencyHook;
     table.timeStampCounter = TimeStampHook;

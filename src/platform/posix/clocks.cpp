@@ -12,7 +12,8 @@ namespace k9erepl::platform::native {
 namespace {
 
 constexpr i64 kNanosecondsPerSecond = 1'000'000'000;
-constexpr i64 kNanosecondsPerMillisecond = 1'000'000;
+constexpr u32 kNanosecondsPerMillisecond = 1'000'000;
+constexpr u32 kMillisecondsPerSecond = 1000;
 
 i64 MonotonicNanoseconds() {
     timespec now = {};
@@ -20,10 +21,26 @@ i64 MonotonicNanoseconds() {
     return i64{now.tv_sec} * kNanosecondsPerSecond + now.tv_nsec;
 }
 
+// Counts modulo 2^32, so seconds that do not fit do no harm.
+u32 Milliseconds(clockid_t clock) {
+    timespec now = {};
+    clock_gettime(clock, &now);
+    return static_cast<u32>(now.tv_sec) * kMillisecondsPerSecond +
+           static_cast<u32>(now.tv_nsec) / kNanosecondsPerMillisecond;
+}
+
 }  // namespace
 
 u32 ClockTickCount() {
-    return static_cast<u32>(MonotonicNanoseconds() / kNanosecondsPerMillisecond);
+    return Milliseconds(CLOCK_MONOTONIC);
+}
+
+u32 ClockCoarseTickCount() {
+#ifdef CLOCK_MONOTONIC_COARSE
+    return Milliseconds(CLOCK_MONOTONIC_COARSE);
+#else
+    return Milliseconds(CLOCK_MONOTONIC);
+#endif
 }
 
 bool ClockPerformanceFrequency(i64* ticksPerSecond) {

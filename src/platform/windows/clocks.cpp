@@ -10,6 +10,11 @@ u32 ClockTickCount() {
     return GetTickCount();
 }
 
+// GetTickCount is the system's last tick already.
+u32 ClockCoarseTickCount() {
+    return GetTickCount();
+}
+
 bool ClockPerformanceFrequency(i64* ticksPerSecond) {
     LARGE_INTEGER frequency = {};
     if (QueryPerformanceFrequency(&frequency) == FALSE || frequency.QuadPart == 0) {
