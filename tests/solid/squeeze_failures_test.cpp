@@ -1,6 +1,7 @@
 // The squeeze when the system fails one of its calls, each in turn: the file at the path is whole,
 // the temporary file is gone, and it is known whether the storage is still open.
 #include "solid/squeeze_fixture.h"
+#include "support/new_fault.h"
 
 namespace k9erepl::test {
 namespace {
@@ -114,6 +115,22 @@ TEST_F(SqueezeFailure, OfTheMemoryForTheFirstBytesOrTheCopy) {
     EXPECT_TRUE(m_solid.IsOpen());
     ExpectOnlyTheOldFile(Left::kRaised);
     EXPECT_EQ(Squeeze(), RC_OK);
+}
+
+TEST_F(SqueezeFailure, OfAnyAllocation) {
+    K9SysSetLogLevel(nullptr, K9SYS_LOG_OFF);  // collecting messages allocates, too
+    u32 struck = 0;
+    for (u32 rc = RC_NO_MEMORY; rc != RC_OK; ++struck) {
+        OpenScanned(ThreeTransactions());
+        {
+            const FailNthNew fault(struck + 1);
+            rc = Squeeze();
+            EXPECT_EQ(rc != RC_OK, fault.Struck()) << rc;
+        }
+        EXPECT_FALSE(Exists(Temporary())) << struck;
+        ExpectNothingLost();
+    }
+    EXPECT_GT(struck, 3U);  // the names
 }
 
 TEST_F(SqueezeFailure, OfChangingNamesWithoutABackup) {

@@ -12,6 +12,8 @@
 #include <vector>
 
 #include "platform/thread.h"
+#include "support/fixed_log.h"
+#include "support/new_fault.h"
 #include "writers/async_fixture.h"
 
 namespace k9erepl::test {
@@ -85,6 +87,21 @@ TEST_F(AsyncConstruction, WithoutWhatItNeedsFails) {
     m_options.bufferCapacity = 16385;
     FailAlloc(1, 16385);
     ExpectFails({"malloc failed"}, RC_NO_MEMORY);
+}
+
+TEST_F(AsyncConstruction, WithoutAnyOfItsObjectsFails) {
+    RunAll();
+    const FixedLog log;
+    for (u32 nth = 1;; ++nth) {
+        const FailNthNew fault(nth);
+        const u32 rc = ConstructionError();
+        if (!fault.Struck()) {
+            break;
+        }
+        EXPECT_TRUE(rc == RC_NO_MEMORY || rc == RC_SYSTEM_ERROR) << nth << ": " << rc;
+        EXPECT_EQ(CallCount(SystemCall::kClose), CallCount(SystemCall::kOpen));
+    }
+    EXPECT_TRUE(log.HasError("malloc failed", RC_NO_MEMORY));
 }
 
 TEST_F(AsyncConstruction, WithoutMemoryForTheThreadRecordFails) {
