@@ -1,12 +1,11 @@
-// What append puts into a storage comes back from cat, in every format.
+// What append puts into a storage comes back from cat, in every format; and the first program of
+// the README builds, runs and prints what the README says.
 #include <filesystem>
 #include <string>
 
-#include "tools/system_differences.h"
 #include "tools/tool_fixture.h"
 
 namespace k9erepl::test {
-
 namespace {
 
 // A record of the length-prefixed format.
@@ -26,40 +25,47 @@ std::string AllBytes() {
     return bytes;
 }
 
-class ToolRoundTrip : public ToolTest {};
+class ToolRoundTrip : public ToolTest {
+  protected:
+    // Appends `input` and expects that cat prints `output`.
+    void Expect(std::string_view input, const std::string& output, const Words& append = {},
+                const Words& cat = {}) {
+        const ToolRun run = Append(input, append);
+        EXPECT_EQ(run.exitStatus, 0) << run;
+        EXPECT_EQ(Cat(cat), output);
+    }
+    void ExpectSummary(std::string_view input, const std::string& summary) {
+        const ToolRun run = Append(input);
+        EXPECT_EQ(run.exitStatus, 0) << run;
+        EXPECT_EQ(UpTo(run.out, " in "), summary);
+        EXPECT_EQ(run.err, "");
+    }
 
-TEST_F(ToolRoundTrip, LinesComeBackAsTheyWere) {
-    const ToolRun run = Append("one\ntwo\nthree\n");
-    EXPECT_EQ(run.exitStatus, 0) << run;
-    EXPECT_EQ(run.out.substr(0, run.out.find(" in ")),
-              "appended 3 records, 11 bytes, revisions 1 to 3,");
-    EXPECT_EQ(run.err, "");
-    EXPECT_EQ(Cat(), "one\ntwo\nthree\n");
+    const Words m_prefixed = {"--format", "length-prefixed"};
+    const Words m_json = {"--format", "json"};
+};
+
+TEST_F(ToolRoundTrip, LinesComeBackAsTheyWereAndLaterRunsContinueTheRevisions) {
+    ExpectSummary("", "appended 0 records, 0 bytes,");
+    EXPECT_EQ(Cat(), "");
+    ExpectSummary("one\ntwo\nthree\n", "appended 3 records, 11 bytes, revisions 1 to 3,");
+    ExpectSummary("4\n", "appended 1 record, 1 bytes, revisions 4 to 4,");
+    EXPECT_EQ(Cat(), "one\ntwo\nthree\n4\n");
 }
 
-TEST_F(ToolRoundTrip, AnIncompleteLastLineIsARecord) {
-    EXPECT_EQ(Append("one\ntwo").exitStatus, 0);
-    EXPECT_EQ(Cat(), "one\ntwo\n");
-    EXPECT_EQ(Stat("nextRev"), "3");
+TEST_F(ToolRoundTrip, EveryByteOfALineCountsAndAnIncompleteLastOneIsARecord) {
+    Expect("one\r\n\x1A\nthree", "one\r\n\x1A\nthree\n");
+    EXPECT_EQ(Stat("nextRev"), "4");
 }
 
 TEST_F(ToolRoundTrip, EmptyLinesAreRecordsWithoutData) {
-    EXPECT_EQ(Append("\n\nx\n\n").exitStatus, 0);
-    EXPECT_EQ(Cat({"--format", "length-prefixed"}),
-              Prefixed("") + Prefixed("") + Prefixed("x") + Prefixed(""));
+    Expect("\n\nx\n\n", Prefixed("") + Prefixed("") + Prefixed("x") + Prefixed(""), {}, m_prefixed);
 }
 
-TEST_F(ToolRoundTrip, AnEmptyInputAppendsNothing) {
-    const ToolRun run = Append("");
-    EXPECT_EQ(run.exitStatus, 0) << run;
-    EXPECT_EQ(run.out.substr(0, run.out.find(" in ")), "appended 0 records, 0 bytes,");
-    EXPECT_EQ(Cat(), "");
-}
-
-TEST_F(ToolRoundTrip, AFileIsReadLikeStandardInput) {
+TEST_F(ToolRoundTrip, FilesAndTheNullDeviceAreReadLikeStandardInput) {
     WriteText(File("lines.txt"), "from\na file\n");
-    EXPECT_EQ(Append("", {File("lines.txt")}).exitStatus, 0);
-    EXPECT_EQ(Cat(), "from\na file\n");
+    Expect("", "from\na file\n", {File("lines.txt")});
+    Expect("", "from\na file\n", {kNullDevice});
 }
 
 TEST_F(ToolRoundTrip, APipeIsReadToItsEndUnchanged) {
@@ -72,17 +78,7 @@ TEST_F(ToolRoundTrip, APipeIsReadToItsEndUnchanged) {
     child.CloseInput();
     const ToolRun run = Finish(child);
     EXPECT_EQ(run.exitStatus, 0) << run;
-    EXPECT_EQ(Cat({"--format", "length-prefixed"}), records);
-}
-
-TEST_F(ToolRoundTrip, TheNullDeviceIsAnEmptyInput) {
-    EXPECT_EQ(Append("", {NullDevice()}).exitStatus, 0);
-    EXPECT_EQ(Cat(), "");
-}
-
-TEST_F(ToolRoundTrip, CarriageReturnsAndEndsOfTextAreBytesOfTheirLines) {
-    EXPECT_EQ(Append("one\r\n\x1A\nthree\n").exitStatus, 0);
-    EXPECT_EQ(Cat(), "one\r\n\x1A\nthree\n");
+    EXPECT_EQ(Cat(m_prefixed), records);
 }
 
 TEST_F(ToolRoundTrip, PathsMayHaveEverySeparatorOfTheSystem) {
@@ -97,54 +93,49 @@ TEST_F(ToolRoundTrip, PathsMayHaveEverySeparatorOfTheSystem) {
 TEST_F(ToolRoundTrip, BytesOfAnyValueComeBackByTheirLengths) {
     const std::string input = Prefixed(AllBytes()) + Prefixed("") + Prefixed("a\nb") +
                               Prefixed(std::string(100000, '\n'));
-    EXPECT_EQ(Append(input, {"--length-prefixed"}).exitStatus, 0);
-    EXPECT_EQ(Cat({"--format", "length-prefixed"}), input);
+    Expect(input, input, {"--length-prefixed"}, m_prefixed);
 }
 
 TEST_F(ToolRoundTrip, RawPutsNothingBetweenRecords) {
-    EXPECT_EQ(Append("one\n\ntwo\n").exitStatus, 0);
-    EXPECT_EQ(Cat({"--format", "raw"}), "onetwo");
+    Expect("one\n\ntwo\n", "onetwo", {}, {"--format", "raw"});
 }
 
-TEST_F(ToolRoundTrip, JsonIsOneObjectALine) {
-    EXPECT_EQ(Append("say \"hi\"\t\n\xC3\xA4\n").exitStatus, 0);
-    EXPECT_EQ(Cat({"--format", "json"}),
-              "{\"rev\":1,\"userWord\":0,\"size\":9,\"data\":\"say \\\"hi\\\"\\t\"}\n"
-              "{\"rev\":2,\"userWord\":0,\"size\":2,\"data\":\"\xC3\xA4\"}\n");
+TEST_F(ToolRoundTrip, JsonIsOneObjectALineAndKeepsValidUtf8OfEverySize) {
+    const std::string text = "a\xC2\x80\xE0\xA0\x80\xED\x9F\xBF\xF0\x90\x80\x80\xF4\x8F\xBF\xBF";
+    Expect("say \"hi\"\t\n" + text + "\n",
+           "{\"rev\":1,\"userWord\":0,\"size\":9,\"data\":\"say \\\"hi\\\"\\t\"}\n"
+           "{\"rev\":2,\"userWord\":0,\"size\":17,\"data\":\"" +
+               text + "\"}\n",
+           {}, m_json);
 }
 
 TEST_F(ToolRoundTrip, JsonEscapesTheCharactersThatAStringCannotHold) {
     std::string every;
-    for (char c = 0; c < 0x7F; ++c) {
-        every += c;
+    for (int c = 0; c <= 0x7F; ++c) {
+        every += static_cast<char>(c);
     }
-    ASSERT_EQ(Append(Prefixed(every + "\x7F"), {"--length-prefixed"}).exitStatus, 0);
-    EXPECT_EQ(Cat({"--format", "json"}),
-              "{\"rev\":1,\"userWord\":0,\"size\":128,\"data\":" + AsJson(every + "\x7F") + "}\n");
+    Expect(Prefixed(every),
+           "{\"rev\":1,\"userWord\":0,\"size\":128,\"data\":" + AsJson(every) + "}\n",
+           {"--length-prefixed"}, m_json);
 }
 
 TEST_F(ToolRoundTrip, JsonEncodesWhatIsNoUtf8) {
     // A lone continuation, an overlong slash, a surrogate, beyond U+10FFFF, a cut-off character.
-    const char* const invalid[] = {"\x80", "\xC0\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80",
-                                   "\xE2\x82"};
-    const char* const encoded[] = {"gA==", "wK8=", "7aCA", "9JCAgA==", "4oI="};
-    for (const char* text : invalid) {
-        ASSERT_EQ(Append(text).exitStatus, 0);
-    }
+    const std::string texts[][2] = {{"\x80", "gA=="},
+                                    {"\xC0\xAF", "wK8="},
+                                    {"\xED\xA0\x80", "7aCA"},
+                                    {"\xF4\x90\x80\x80", "9JCAgA=="},
+                                    {"\xE2\x82", "4oI="}};
+    std::string input;
     std::string expected;
-    for (std::size_t i = 0; i < 5; ++i) {
-        expected += "{\"rev\":" + std::to_string(i + 1) +
-                    ",\"userWord\":0,\"size\":" + std::to_string(std::string(invalid[i]).size()) +
-                    ",\"base64\":\"" + encoded[i] + "\"}\n";
+    int rev = 0;
+    for (const auto& [invalid, encoded] : texts) {
+        input += invalid + "\n";
+        expected += "{\"rev\":" + std::to_string(++rev) +
+                    ",\"userWord\":0,\"size\":" + std::to_string(invalid.size()) +
+                    ",\"base64\":\"" + encoded + "\"}\n";
     }
-    EXPECT_EQ(Cat({"--format", "json"}), expected);
-}
-
-TEST_F(ToolRoundTrip, JsonKeepsValidUtf8OfEverySize) {
-    const std::string text = "a\xC2\x80\xE0\xA0\x80\xED\x9F\xBF\xF0\x90\x80\x80\xF4\x8F\xBF\xBF";
-    EXPECT_EQ(Append(text).exitStatus, 0);
-    EXPECT_EQ(Cat({"--format", "json"}),
-              "{\"rev\":1,\"userWord\":0,\"size\":17,\"data\":\"" + text + "\"}\n");
+    Expect(input, expected, {}, m_json);
 }
 
 TEST_F(ToolRoundTrip, FromAndToChooseRevisionsInclusively) {
@@ -153,14 +144,6 @@ TEST_F(ToolRoundTrip, FromAndToChooseRevisionsInclusively) {
     EXPECT_EQ(Cat({"--from", "4"}), "4\n5\n");
     EXPECT_EQ(Cat({"--to", "1"}), "1\n");
     EXPECT_EQ(Cat({"--from", "6"}), "");
-}
-
-TEST_F(ToolRoundTrip, ALaterRunContinuesTheRevisions) {
-    EXPECT_EQ(Append("1\n2\n").exitStatus, 0);
-    const ToolRun second = Append("3\n");
-    EXPECT_EQ(second.out.substr(0, second.out.find(" in ")),
-              "appended 1 record, 1 bytes, revisions 3 to 3,");
-    EXPECT_EQ(Cat(), "1\n2\n3\n");
 }
 
 TEST_F(ToolRoundTrip, ManyBlocksComeBackFromDisk) {
@@ -174,13 +157,12 @@ TEST_F(ToolRoundTrip, ManyBlocksComeBackFromDisk) {
 }
 
 TEST_F(ToolRoundTrip, EverythingIsStoredHoweverHighTheThresholds) {
-    const char* const settings[] = {"flush_mode=PerTrans;flush_trans_num=1000000",
-                                    "flush_mode=PerTrans;flush_trans_num=-1",
-                                    "flush_mode=PerData;flush_data_size=1000000000"};
     std::string expected;
-    for (const char* setting : settings) {
-        const std::string mode = std::string(setting) + ";flush_timeout=3600000";
-        const ToolRun run = Run({"append", "--create", "--conn", Conn(mode)}, "a\nb\n");
+    for (const std::string settings :
+         {"flush_mode=PerTrans;flush_trans_num=1000000", "flush_mode=PerTrans;flush_trans_num=-1",
+          "flush_mode=PerData;flush_data_size=1000000000"}) {
+        const std::string conn = Conn(settings + ";flush_timeout=3600000");
+        const ToolRun run = Run({"append", "--create", "--conn", conn}, "a\nb\n");
         EXPECT_EQ(run.exitStatus, 0) << run;
         expected += "a\nb\n";
         EXPECT_EQ(Cat(), expected);
@@ -188,13 +170,43 @@ TEST_F(ToolRoundTrip, EverythingIsStoredHoweverHighTheThresholds) {
 }
 
 TEST_F(ToolRoundTrip, AStorageIsReadWithoutBeingWritten) {
-    EXPECT_EQ(Append("one\ntwo\n").exitStatus, 0);
-    const std::vector<u8> before = ReadBytes(StorageFile());
-    const std::string conn = Conn("cache_type=AllInMem;flush_mode=NoFlush");
-    EXPECT_EQ(Run({"cat", "--conn", conn}).out, "one\ntwo\n");
-    EXPECT_EQ(ReadBytes(StorageFile()), before);
+    Fill();
+    EXPECT_EQ(Run({"cat", "--conn", Conn(kNoFile)}).out, kEverything);
+    ExpectNothingChanged();
+}
+
+class FirstStorage : public ToolTest {
+  protected:
+    // Runs the example; its end of a line is one character.
+    ToolRun RunExample() {
+        ChildOptions options = PipedOptions({});
+        options.arguments = {FIRST_STORAGE_PROGRAM, "file=" + StorageFile()};
+        ChildProcess child(options);
+        ToolRun run = Finish(child);
+        std::erase(run.out, '\r');
+        std::erase(run.err, '\r');
+        return run;
+    }
+};
+
+TEST_F(FirstStorage, PrintsWhatItAppendsAndFindsItsRecordsAgain) {
+    const std::string records = "1: hello\n2: replicated world\n";
+    ExpectReport(RunExample(), records);
+    ExpectReport(RunExample(), records + "3: hello\n4: replicated world\n");
+}
+
+TEST_F(FirstStorage, IsTheProgramOfTheReadme) {
+    const std::string program = ReadText(SOURCE_FOLDER "/examples/first_storage.c");
+    EXPECT_NE(ReadText(SOURCE_FOLDER "/README.md").find("```c\n" + program + "```\n"),
+              std::string::npos);
+}
+
+TEST_F(FirstStorage, TellsAFailure) {
+    WriteText(StorageFile(), "no storage");
+    const ToolRun run = RunExample();
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_TRUE(run.err.ends_with("the storage failed with code 4\n")) << run;
 }
 
 }  // namespace
-
 }  // namespace k9erepl::test

@@ -7,7 +7,6 @@
 #include "tools/tool_fixture.h"
 
 namespace k9erepl::test {
-
 namespace {
 
 class Scripts : public ToolTest {
@@ -55,5 +54,4 @@ TEST_F(Scripts, RefuseAnUnknownOption) {
 }
 
 }  // namespace
-
 }  // namespace k9erepl::test
