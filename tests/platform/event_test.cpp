@@ -22,7 +22,12 @@ class EventTest : public ::testing::Test {
     AutoResetEvent m_event;
 };
 
-TEST_F(EventTest, IsNotSetAtFirst) {
+TEST_F(EventTest, IsNotSetAtFirstNorWhenItIsCreatedAgain) {
+    EXPECT_EQ(m_event.Wait(0), WaitResult::kTimedOut);
+    EXPECT_TRUE(m_event.Set());
+    m_event.Close();
+    EXPECT_FALSE(m_event.IsCreated());
+    ASSERT_TRUE(m_event.Create());
     EXPECT_EQ(m_event.Wait(0), WaitResult::kTimedOut);
 }
 
@@ -34,37 +39,29 @@ TEST_F(EventTest, AWaitLastsAsLongAsItsTimeOut) {
     EXPECT_GE((platform::PerformanceCounter() - start) * 1000 / frequency, 29);
 }
 
-TEST_F(EventTest, ASetLetsALaterWaitPassOnce) {
-    EXPECT_TRUE(m_event.Set());
-    EXPECT_EQ(m_event.Wait(0), WaitResult::kSignalled);
-    EXPECT_EQ(m_event.Wait(0), WaitResult::kTimedOut);
-}
-
-TEST_F(EventTest, TwoSetsCountOnce) {
-    EXPECT_TRUE(m_event.Set() && m_event.Set());
-    EXPECT_EQ(m_event.Wait(kWaitForever), WaitResult::kSignalled);
-    EXPECT_EQ(m_event.Wait(0), WaitResult::kTimedOut);
+TEST_F(EventTest, SetsLetALaterWaitPassOnce) {
+    for (const int sets : {1, 2}) {
+        for (int set = 0; set < sets; ++set) {
+            EXPECT_TRUE(m_event.Set());
+        }
+        EXPECT_EQ(m_event.Wait(kWaitForever), WaitResult::kSignalled);
+        EXPECT_EQ(m_event.Wait(0), WaitResult::kTimedOut);
+    }
 }
 
 TEST_F(EventTest, ASetWakesAWaiter) {
-    std::atomic<bool> waiting{false};
-    std::atomic<bool> passed{false};
-    TestThread waiter([&] {
-        waiting = true;
-        passed = m_event.Wait(kWaitForever) == WaitResult::kSignalled;
-    });
-    ASSERT_TRUE(waiter->Resume() && Eventually([&] { return waiting.load(); }));
-    EXPECT_TRUE(m_event.Set());
-    EXPECT_EQ(waiter->Join(kLongMs), WaitResult::kSignalled);
-    EXPECT_TRUE(passed);
-}
-
-TEST_F(EventTest, ASetWakesAWaiterWithATimeOut) {
-    std::atomic<bool> passed{false};
-    TestThread waiter([&] { passed = m_event.Wait(kLongMs) == WaitResult::kSignalled; });
-    ASSERT_TRUE(waiter->Resume() && m_event.Set());
-    EXPECT_EQ(waiter->Join(kLongMs), WaitResult::kSignalled);
-    EXPECT_TRUE(passed);
+    for (const u32 timeoutMs : {kWaitForever, kLongMs}) {
+        std::atomic<bool> waiting{false};
+        std::atomic<bool> passed{false};
+        TestThread waiter([&] {
+            waiting = true;
+            passed = m_event.Wait(timeoutMs) == WaitResult::kSignalled;
+        });
+        ASSERT_TRUE(waiter->Resume() && Eventually([&] { return waiting.load(); }));
+        EXPECT_TRUE(m_event.Set());
+        EXPECT_EQ(waiter->Join(kLongMs), WaitResult::kSignalled);
+        EXPECT_TRUE(passed);
+    }
 }
 
 TEST_F(EventTest, EachSetLetsExactlyOneOfTwoWaitersPass) {
@@ -83,29 +80,17 @@ TEST_F(EventTest, EachSetLetsExactlyOneOfTwoWaitersPass) {
     EXPECT_TRUE(Eventually([&] { return passed == 2; }));
 }
 
-TEST_F(EventTest, CanBeCreatedAgainAfterClosing) {
-    EXPECT_TRUE(m_event.Set());
-    m_event.Close();
-    EXPECT_FALSE(m_event.IsCreated());
-    ASSERT_TRUE(m_event.Create());
-    EXPECT_EQ(m_event.Wait(0), WaitResult::kTimedOut);
-}
-
-TEST(EventWithoutCreation, FailsEveryUse) {
-    AutoResetEvent event;
-    EXPECT_FALSE(event.Set());
-    EXPECT_TRUE(platform::LastSystemErrorIs(SystemErrorKind::kInvalidHandle));
-    EXPECT_EQ(event.Wait(0), WaitResult::kFailed);
-    event.Close();
-}
-
-TEST(EventFaults, AnEventThatCannotBeCreatedIsNot) {
+TEST(EventFaults, AnEventThatCannotBeCreatedFailsEveryUse) {
     const ScopedSystemCalls systemCalls;
     FailCreateEvent(1);
     AutoResetEvent event;
     EXPECT_FALSE(event.Create());
     EXPECT_FALSE(event.IsCreated());
     EXPECT_TRUE(platform::LastSystemErrorIs(SystemErrorKind::kOutOfMemory));
+    EXPECT_FALSE(event.Set());
+    EXPECT_TRUE(platform::LastSystemErrorIs(SystemErrorKind::kInvalidHandle));
+    EXPECT_EQ(event.Wait(0), WaitResult::kFailed);
+    event.Close();
 }
 
 #ifndef _WIN32  // whose events take no memory of the process
