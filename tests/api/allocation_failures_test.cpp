@@ -1,5 +1,6 @@
-// Exhausted memory at every allocation of an operation: code 1, no exception, nothing leaked, and
-// the storage goes on when memory returns.
+// Exhausted memory at every allocation of the functions that make and delete storages: code 1, no
+// exception, nothing leaked, and what is logged. (The reliability family alloc-failures has the
+// operations on open storages.)
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -21,55 +22,39 @@ using Step = std::function<void()>;
 using Operation = std::function<u32()>;
 using Check = std::function<void(u32)>;
 
-const Step kNothing = [] {};
+enum class Memory {
+    kObjects,  // of operator new
+    kBlocks    // and buffers, from the platform
+};
 
-// Runs `operation` with its first `operator new` failing, then the second, and so on, until it
-// makes fewer. `prepare` comes before each run; `check` looks at the result of each that was hit.
-void ForEachNew(const Step& prepare, const Operation& operation, const Check& check) {
-    for (u32 nth = 1;; ++nth) {
-        SCOPED_TRACE("new " + std::to_string(nth));
+// Runs `operation` with its first allocation of that kind failing, then the second, and so on,
+// until it makes fewer. `prepare` comes before each run; `check` looks at the result of each that
+// was hit.
+void ForEachAllocation(Memory memory, const Step& prepare, const Operation& operation,
+                       const Check& check) {
+    bool struck = true;
+    for (u32 nth = 1; struck; ++nth) {
+        SCOPED_TRACE("allocation " + std::to_string(nth));
         prepare();
         u32 rc = RC_OK;
-        bool struck = false;
-        {
+        if (memory == Memory::kObjects) {
             const FailNthNew fault(nth);
             rc = operation();
             struck = fault.Struck();
+        } else {
+            const u32 before = CallCount(SystemCall::kAlloc);
+            FailAlloc(nth);
+            rc = operation();
+            StopFailing(SystemCall::kAlloc);
+            struck = CallCount(SystemCall::kAlloc) - before >= nth;
         }
-        if (!struck) {
+        if (struck) {
+            check(rc);
+        } else {
             EXPECT_GT(nth, 1U) << "the operation allocates";
             EXPECT_EQ(rc, RC_OK);
-            return;
         }
-        check(rc);
     }
-}
-
-// The same for platform memory: blocks and buffers.
-void ForEachBlock(const Step& prepare, const Operation& operation, const Check& check) {
-    for (u32 nth = 1;; ++nth) {
-        SCOPED_TRACE("allocation " + std::to_string(nth));
-        prepare();
-        const u32 before = CallCount(SystemCall::kAlloc);
-        FailAlloc(nth);
-        const u32 rc = operation();
-        StopFailing(SystemCall::kAlloc);
-        if (CallCount(SystemCall::kAlloc) - before < nth) {
-            EXPECT_GT(nth, 1U) << "the operation allocates";
-            EXPECT_EQ(rc, RC_OK);
-            return;
-        }
-        check(rc);
-    }
-}
-
-void ExpectNoMemory(u32 rc) {
-    EXPECT_EQ(rc, RC_NO_MEMORY);
-}
-
-// For operations that can do without some of the memory: the index is only an aid.
-void ExpectNoMemoryOrSuccess(u32 rc) {
-    EXPECT_TRUE(rc == RC_NO_MEMORY || rc == RC_OK) << rc;
 }
 
 // A storage file with two records, opened and closed once, so that nothing is done for the first
@@ -77,170 +62,79 @@ void ExpectNoMemoryOrSuccess(u32 rc) {
 class Exhausted : public ::testing::Test {
   protected:
     Exhausted() {
-        storage.InsertCommitted({"one"});
-        storage.InsertCommitted({"two"});
-        storage.Close();
+        m_storage.InsertCommitted({"one"});
+        m_storage.InsertCommitted({"two"});
+        m_storage.Close();
     }
 
-    u32 Open() { return K9eReplStorageOpen(connStr.c_str(), &handle); }
-    u32 Insert() { return K9eReplStorageInsert(handle, record.Get()); }
-    void CloseHandle() {
-        EXPECT_EQ(K9eReplStorageClose(handle), RC_OK);
-        handle = nullptr;
+    u32 Open() { return K9eReplStorageOpen(m_connStr.c_str(), &m_handle); }
+    void Close() { EXPECT_EQ(K9eReplStorageClose(m_handle), RC_OK); }
+    // The operation failed with RC_NO_MEMORY and logged that, with a text that begins so.
+    Check ExpectLogged(std::string_view begin) {
+        return [this, begin](u32 rc) {
+            EXPECT_EQ(rc, RC_NO_MEMORY);
+            EXPECT_TRUE(m_log.HasError(begin, rc));
+        };
     }
 
-    const ScopedSystemCalls systemCalls;
-    TestStorage storage{kSettings};
-    const std::string connStr = storage.ConnStr();
-    const std::string path = storage.Path();
-    void* handle = nullptr;
-    Record record{BlockFull("text")};
+    const ScopedSystemCalls m_systemCalls;
+    TestStorage m_storage{kSettings};
+    const std::string m_connStr = m_storage.ConnStr();
+    void* m_handle = nullptr;
+    FixedLog m_log;
 };
 
-}  // namespace
-
-TEST_F(Exhausted, OpenAnswersNoMemoryAndGivesNoHandle) {
-    const FixedLog log;
-    ForEachNew(
-        kNothing, [&] { return Open(); },
+TEST_F(Exhausted, OpenGivesNoHandleAndLogsWhateverMemoryIsMissing) {
+    bool indexFailed = false;
+    ForEachAllocation(
+        Memory::kObjects, [&] { m_log.Clear(); }, [&] { return Open(); },
         [&](u32 rc) {
             // Events and a thread of the writer that find no memory are the system's failure.
             EXPECT_TRUE(rc == RC_NO_MEMORY || (RunsAsynchronously() && rc == RC_SYSTEM_ERROR));
-            EXPECT_EQ(handle, nullptr);
+            EXPECT_EQ(m_handle, nullptr);
+            EXPECT_TRUE(m_log.HasError("Failed to init storage;conn-str file=", rc));
+            indexFailed |=
+                m_log.HasError("Cannot create index object;conn-str file=", RC_NO_MEMORY);
         });
-    EXPECT_TRUE(log.HasError("Failed to init storage;conn-str file=", RC_NO_MEMORY));
     // The writing thread allocates beside them, and may take the failure meant for one of them.
-    if (!RunsAsynchronously()) {
-        EXPECT_TRUE(log.HasError("Cannot create index object;conn-str file=", RC_NO_MEMORY));
-    }
-    CloseHandle();
+    EXPECT_TRUE(indexFailed || RunsAsynchronously());
+    Close();
 }
 
 TEST_F(Exhausted, OpenWithoutReadBuffersAnswersNoMemory) {
-    ForEachBlock(
-        kNothing, [&] { return Open(); },
+    m_handle = nullptr;
+    ForEachAllocation(
+        Memory::kBlocks, [] {}, [&] { return Open(); },
         [&](u32 rc) {
-            ExpectNoMemory(rc);
-            EXPECT_EQ(handle, nullptr);
+            EXPECT_EQ(rc, RC_NO_MEMORY);
+            EXPECT_EQ(m_handle, nullptr);
         });
-    CloseHandle();
-}
-
-TEST_F(Exhausted, OpenLogsWhateverMemoryIsMissing) {
-    FixedLog log;
-    ForEachNew(
-        [&] { log.Clear(); }, [&] { return Open(); },
-        [&](u32 rc) { EXPECT_TRUE(log.HasError("Failed to init storage;conn-str file=", rc)); });
-    CloseHandle();
+    Close();
 }
 
 TEST_F(Exhausted, CreateAnswersNoMemoryAndLogsIt) {
-    FixedLog log;
     const auto prepare = [&] {
-        (void)std::remove(path.c_str());
-        log.Clear();
+        (void)std::remove(m_storage.Path().c_str());
+        m_log.Clear();
     };
     const auto create = [&] {
-        return K9eReplStorageCreate(connStr.c_str(), K9EREPL_CREATE_REPLACE);
+        return K9eReplStorageCreate(m_connStr.c_str(), K9EREPL_CREATE_REPLACE);
     };
-    ForEachNew(prepare, create, [&](u32 rc) {
-        ExpectNoMemory(rc);
-        EXPECT_TRUE(log.HasError("Out of memory while creating storage file;conn-str file=", rc));
-    });
-    ForEachBlock(prepare, create, [&](u32 rc) {
-        ExpectNoMemory(rc);
-        EXPECT_TRUE(log.HasError("Out of memory while writing first 1064 bytes", rc));
-    });
+    ForEachAllocation(Memory::kObjects, prepare, create,
+                      ExpectLogged("Out of memory while creating storage file;conn-str file="));
+    ForEachAllocation(Memory::kBlocks, prepare, create,
+                      ExpectLogged("Out of memory while writing first 1064 bytes"));
 }
 
 TEST_F(Exhausted, DeleteAnswersNoMemoryAndLogsIt) {
-    FixedLog log;
     const auto prepare = [&] {
-        EXPECT_EQ(K9eReplStorageCreate(connStr.c_str(), K9EREPL_CREATE_KEEP_EXISTING), RC_OK);
-        log.Clear();
+        EXPECT_EQ(K9eReplStorageCreate(m_connStr.c_str(), K9EREPL_CREATE_KEEP_EXISTING), RC_OK);
+        m_log.Clear();
     };
-    ForEachNew(
-        prepare, [&] { return K9eReplStorageDelete(connStr.c_str()); },
-        [&](u32 rc) {
-            ExpectNoMemory(rc);
-            EXPECT_TRUE(
-                log.HasError("Out of memory while deleting storage file;conn-str file=", rc));
-        });
+    ForEachAllocation(
+        Memory::kObjects, prepare, [&] { return K9eReplStorageDelete(m_connStr.c_str()); },
+        ExpectLogged("Out of memory while deleting storage file;conn-str file="));
 }
 
-TEST_F(Exhausted, LoadAnswersNoMemoryAndMayBeTriedAgain) {
-    const auto prepare = [&] {
-        i64 nextRev = 0;
-        if (handle != nullptr && K9eReplStorageGetNextRev(handle, &nextRev) == RC_OK &&
-            nextRev > 1) {
-            CloseHandle();  // the load went through without some aid
-        }
-        if (handle == nullptr) {
-            EXPECT_EQ(Open(), RC_OK);
-        }
-    };
-    const auto load = [&] { return K9eReplStorageLoad(handle); };
-    ForEachNew(prepare, load, [](u32 rc) {
-        // The system's thread wants memory too; that is a failure of the system.
-        EXPECT_TRUE(rc == RC_NO_MEMORY || rc == RC_SYSTEM_ERROR || rc == RC_OK) << rc;
-    });
-    ForEachBlock(prepare, load, ExpectNoMemoryOrSuccess);
-    SeenRecords seen;
-    EXPECT_EQ(K9eReplStorageEnumRecords(handle, 0, 9, &CollectRecord, &seen), RC_OK);
-    EXPECT_EQ(seen.size(), 2U);
-    CloseHandle();
-}
-
-TEST_F(Exhausted, InsertAnswersNoMemoryAndTakesTheRecordBack) {
-    ASSERT_EQ(Open(), RC_OK);
-    ASSERT_EQ(K9eReplStorageLoad(handle), RC_OK);
-    std::size_t kept = 2;
-    const auto insert = [&] {
-        const u32 rc = Insert();
-        kept += rc == RC_OK ? 1U : 0U;
-        return rc;
-    };
-    ForEachNew(kNothing, insert, ExpectNoMemoryOrSuccess);
-    ForEachBlock(kNothing, insert, ExpectNoMemoryOrSuccess);
-    CloseHandle();
-    ASSERT_EQ(Open(), RC_OK);
-    ASSERT_EQ(K9eReplStorageLoad(handle), RC_OK);
-    SeenRecords seen;
-    EXPECT_EQ(K9eReplStorageEnumRecords(handle, 0, 999, &CollectRecord, &seen), RC_OK);
-    EXPECT_EQ(seen.size(), kept);
-    CloseHandle();
-}
-
-TEST_F(Exhausted, CommitOfManyBlocksAnswersNoMemoryAndMayBeTriedAgain) {
-    ASSERT_EQ(Open(), RC_OK);
-    ASSERT_EQ(K9eReplStorageLoad(handle), RC_OK);
-    ASSERT_EQ(K9eReplStorageBeginTransaction(handle), RC_OK);
-    for (int i = 0; i < 6; ++i) {
-        ASSERT_EQ(Insert(), RC_OK);
-    }
-    u32 rc = RC_NO_MEMORY;
-    for (u32 nth = 1; rc != RC_OK; ++nth) {
-        const FailNthNew fault(nth);
-        rc = K9eReplStorageCommit(handle);
-        EXPECT_TRUE(rc == RC_NO_MEMORY || rc == RC_OK) << rc;
-    }
-    CloseHandle();
-    EXPECT_EQ(FileItems(storage),
-              Strings({"c0", "r1", "c1", "r2", "c2", "r3", "r4", "r5", "r6", "r7", "r8", "c8"}));
-}
-
-TEST_F(Exhausted, CloseAnswersOkWhateverFails) {
-    for (u32 nth = 1;; ++nth) {
-        ASSERT_EQ(Open(), RC_OK);
-        ASSERT_EQ(K9eReplStorageLoad(handle), RC_OK);
-        ASSERT_EQ(K9eReplStorageBeginTransaction(handle), RC_OK);
-        ASSERT_EQ(Insert(), RC_OK);
-        const FailNthNew fault(nth);
-        EXPECT_EQ(K9eReplStorageClose(handle), RC_OK);
-        if (!fault.Struck()) {
-            return;
-        }
-    }
-}
-
+}  // namespace
 }  // namespace k9erepl::test

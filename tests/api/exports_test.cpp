@@ -1,9 +1,11 @@
-// What the exported functions do beyond forwarding: creating, deleting, handing out the file.
+// What the exported functions do beyond forwarding: creating, deleting, handing out the file, and
+// refusing an index file that is a storage.
 #include <gtest/gtest.h>
 #include <k9erepl/storage_interfaces.h>
 
+#include <filesystem>
+
 #include "engine/flush_fixture.h"
-#include "support/fault_injection.h"
 #include "support/file_bytes.h"
 #include "support/log_capture.h"
 
@@ -13,8 +15,6 @@ namespace {
 std::string IndexPath(const TestStorage& storage) {
     return storage.Path() + "-idx";
 }
-
-}  // namespace
 
 TEST(StartupAndCleanup, DoNothing) {
     EXPECT_EQ(K9eReplStorageStartup(), RC_OK);
@@ -37,26 +37,18 @@ TEST(CreateExport, MakesTheFileWithoutOpeningAStorage) {
     EXPECT_FALSE(Exists(IndexPath(storage)));
 }
 
-TEST(DeleteExport, DeletesTheIndexFileAndTheStorageFile) {
+TEST(DeleteExport, DeletesTheStorageFileAndTheIndexFileIfThereIsOne) {
     TestStorage storage(kFlushAlways);
     storage.InsertCommitted({"one"});
     storage.Close();
-    ASSERT_TRUE(Exists(IndexPath(storage)));
-    EXPECT_EQ(K9eReplStorageDelete(storage.ConnStr().c_str()), RC_OK);
-    EXPECT_FALSE(Exists(storage.Path()));
-    EXPECT_FALSE(Exists(IndexPath(storage)));
-}
-
-TEST(DeleteExport, IgnoresWhatBecameOfTheIndexFile) {
-    TestStorage storage("", Start::kCreated);
-    ASSERT_FALSE(Exists(IndexPath(storage)));
-    EXPECT_EQ(K9eReplStorageDelete(storage.ConnStr().c_str()), RC_OK);
-    EXPECT_FALSE(Exists(storage.Path()));
-}
-
-TEST(DeleteExport, ReturnsTheResultOfTheStorageFile) {
-    TestStorage storage("", Start::kNothing);
-    EXPECT_EQ(K9eReplStorageDelete(storage.ConnStr().c_str()), RC_SYSTEM_ERROR);
+    for (const bool hasIndex : {true, false}) {
+        ASSERT_EQ(Exists(IndexPath(storage)), hasIndex);
+        EXPECT_EQ(K9eReplStorageDelete(storage.ConnStr().c_str()), RC_OK);
+        EXPECT_FALSE(Exists(storage.Path()));
+        EXPECT_FALSE(Exists(IndexPath(storage)));
+        EXPECT_EQ(K9eReplStorageDelete(storage.ConnStr().c_str()), RC_SYSTEM_ERROR);
+        EXPECT_EQ(storage.TryCreate(), RC_OK);
+    }
 }
 
 TEST(CloseExport, AnswersOkAlsoWhenItDestroysTheStorage) {
@@ -91,12 +83,65 @@ TEST(GetLLStorageExport, HandsOutTheFileOfTheStorage) {
     EXPECT_EQ(storage.DataSource().Release(), 1U);
 }
 
-TEST(GetLLStorageExport, NeedsAnOpenFile) {
-    TestStorage storage(kInMemory, Start::kNothing);
-    ASSERT_EQ(storage.TryOpenAndLoad(), RC_OK);
-    void* out = &storage;
-    EXPECT_EQ(K9eReplStorageGetLLStorage(storage.Handle(), &out), RC_FILE_NOT_OPEN);
-    EXPECT_EQ(out, &storage);
+// A storage with records, closed, in front of which an index file is named that is no index file.
+class IndexNames : public ::testing::Test {
+  protected:
+    IndexNames() {
+        m_storage.InsertCommitted({"one", "two"});
+        m_storage.Close();
+        m_bytes = ReadBytes(m_storage.Path());
+        m_log.Clear();
+    }
+    std::string With(const std::string& index) const {
+        return m_storage.ConnStr() + ";index_file=" + index;
+    }
+    static u32 TryOpen(const std::string& conn) {
+        void* handle = nullptr;
+        const u32 rc = K9eReplStorageOpen(conn.c_str(), &handle);
+        if (rc == RC_OK) {
+            K9eReplStorageClose(handle);
+        }
+        return rc;
+    }
+
+    LogCapture m_log;
+    TestStorage m_storage{kFlushAlways};
+    std::vector<u8> m_bytes;
+};
+
+TEST_F(IndexNames, ThatAreTheStorageItselfOrAnotherOneAreRefused) {
+    const std::string other = m_storage.Folder().File("other");
+    WriteBytes(other, m_bytes);
+    for (const std::string& index : {m_storage.Path(), other}) {
+        const std::string conn = With(index);
+        m_log.Clear();
+        EXPECT_EQ(TryOpen(conn), RC_INVALID_ARG);
+        EXPECT_EQ(m_log.Texts(K9SYS_LOG_ERROR).back(), "Failed to init storage;conn-str " + conn);
+        EXPECT_EQ(K9eReplStorageCreate(conn.c_str(), K9EREPL_CREATE_REPLACE), RC_INVALID_ARG);
+        EXPECT_EQ(K9eReplStorageDelete(conn.c_str()), RC_INVALID_ARG);
+        EXPECT_EQ(m_log.Count("Index file is another file of its storage;file path '" +
+                              m_storage.Path() + "',index file path '" + index + "'"),
+                  index == other ? 0U : 3U);
+        EXPECT_EQ(ReadBytes(index), m_bytes);
+    }
+    EXPECT_EQ(ReadBytes(m_storage.Path()), m_bytes);
 }
 
+// The file comes there between the opening and the load, which would make the index file anew.
+TEST_F(IndexNames, ThatBecomeAStorageMeanwhileFailTheLoad) {
+    const std::string other = m_storage.Folder().File("other");
+    void* handle = nullptr;
+    ASSERT_EQ(K9eReplStorageOpen(With(other).c_str(), &handle), RC_OK);
+    WriteBytes(other, m_bytes);
+    EXPECT_EQ(K9eReplStorageLoad(handle), RC_INVALID_ARG);
+    EXPECT_TRUE(m_log.Has(K9SYS_LOG_ERROR,
+                          "Index file is a storage file, nothing was changed;path '" + other + "'"))
+        << m_log;
+    std::filesystem::remove(other);
+    EXPECT_EQ(K9eReplStorageLoad(handle), RC_OK);
+    EXPECT_EQ(K9eReplStorageClose(handle), RC_OK);
+    EXPECT_EQ(ReadBytes(m_storage.Path()), m_bytes);
+}
+
+}  // namespace
 }  // namespace k9erepl::test

@@ -33,25 +33,17 @@ class SecondCopy : public ::testing::Test {
         probe.CloseInput();
         EXPECT_EQ(probe.Wait(), ChildEnd()) << Steps();
     }
-    const std::string& Copy() const { return m_copy; }
     std::string Steps() const { return TextOf(m_folder.File("steps")); }
     std::string Warnings() const { return TextOf(m_folder.File("warnings")); }
 
-  private:
     TempFolder m_folder;
     const std::string m_copy =
         (fs::path(m_folder.Path()) / fs::path(STORAGE_LIBRARY).filename()).string();
 };
 
-}  // namespace
-
-TEST_F(SecondCopy, IsLoadedWithAWarning) {
-    Probe(Copy());
+TEST_F(SecondCopy, IsLoadedWithAWarningWorksAndLeavesTheMarkToTheFirst) {
+    Probe(m_copy);
     EXPECT_EQ(Warnings(), "K9eReplStorage: Module has already been loaded\n");
-}
-
-TEST_F(SecondCopy, WorksAndLeavesTheMarkToTheFirst) {
-    Probe(Copy());
     EXPECT_EQ(Steps(),
               "before: not marked\n"
               "first loaded: marked\n"
@@ -69,4 +61,5 @@ TEST_F(SecondCopy, TheSameCopyTwiceGetsNoWarning) {
     EXPECT_NE(Steps().find("copies: one\n"), std::string::npos);
 }
 
+}  // namespace
 }  // namespace k9erepl::test

@@ -65,8 +65,6 @@ class SlotOrder : public ::testing::Test {
     const DataSourceSlots& sourceSlots = SlotsOf<DataSourceSlots>(source);
 };
 
-}  // namespace
-
 TEST_F(SlotOrder, OfTheTransactions) {
     Record record("text");
     EXPECT_EQ(slots.beginTransaction(handle), RC_OK);
@@ -152,4 +150,5 @@ TEST_F(SlotOrder, OfTheReservedOperationsAndTheIdleFlush) {
     EXPECT_EQ(sourceSlots.flushOnIdle(source), RC_WRONG_STATE);
 }
 
+}  // namespace
 }  // namespace k9erepl::test

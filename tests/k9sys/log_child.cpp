@@ -11,10 +11,9 @@
 #include <cstdlib>
 #include <string>
 #include <string_view>
-#include <thread>
-#include <vector>
 
 #include "support/log.h"
+#include "support/run_threads.h"
 
 namespace {
 
@@ -36,19 +35,11 @@ void LogCodes() {
 }
 
 void LogOnEightThreads() {
-    constexpr int kThreads = 8;
-    std::vector<std::thread> threads;
-    threads.reserve(kThreads);
-    for (int number = 0; number < kThreads; ++number) {
-        threads.emplace_back([number] {
-            for (int round = 0; round < 100; ++round) {
-                K9LogErrorEx("a", "thread %d round %d;%s", number, round, "some more text");
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    k9erepl::test::RunThreads(8, [](int number) {
+        for (int round = 0; round < 100; ++round) {
+            K9LogErrorEx("a", "thread %d round %d;%s", number, round, "some more text");
+        }
+    });
 }
 
 // The storage library's own way to log: the first round registers the sites, the second uses them.
@@ -72,25 +63,21 @@ void LogWhileTheProcessEnds() {
     K9LogErrorEx("a", "while it runs");
 }
 
-struct Mode {
+constexpr struct {
     std::string_view name;
     void (*run)();
-};
-constexpr Mode kModes[] = {{"levels", LogEveryLevel},
-                           {"codes", LogCodes},
-                           {"sites", LogAtCallSites},
-                           {"threads", LogOnEightThreads},
-                           {"end", LogWhileTheProcessEnds}};
+} kModes[] = {{"levels", LogEveryLevel},
+              {"codes", LogCodes},
+              {"sites", LogAtCallSites},
+              {"threads", LogOnEightThreads},
+              {"end", LogWhileTheProcessEnds}};
 
 // What a developer or a test runner has set does not count here: empty is like not set.
 void ForgetInheritedSettings() {
-    static char level[] = "K9SYS_LOG=";
-    static char file[] = "K9SYS_LOG_FILE=";
-    for (char* setting : {level, file}) {
-        const std::string_view text(setting);
-        const std::string name(text.substr(0, text.find('=')));
-        if (std::getenv(name.c_str()) != nullptr) {  // NOLINT(concurrency-mt-unsafe)
-            (void)putenv(setting);                   // NOLINT(concurrency-mt-unsafe)
+    for (const char* setting : {"K9SYS_LOG=", "K9SYS_LOG_FILE="}) {
+        const std::string name(setting, std::string_view(setting).size() - 1);
+        if (std::getenv(name.c_str()) != nullptr) {    // NOLINT(concurrency-mt-unsafe)
+            (void)putenv(const_cast<char*>(setting));  // NOLINT(concurrency-mt-unsafe)
         }
     }
 }
@@ -102,7 +89,7 @@ int main(int argc, char** argv) {
     for (int i = 2; i < argc; ++i) {
         (void)putenv(argv[i]);  // NOLINT(concurrency-mt-unsafe): the only thread
     }
-    for (const Mode& mode : kModes) {
+    for (const auto& mode : kModes) {
         if (argc > 1 && mode.name == argv[1]) {
             mode.run();
             return EXIT_SUCCESS;

@@ -5,69 +5,45 @@
 #include "k9sys/child_fixture.h"
 
 namespace k9erepl::test {
-
 namespace {
 
 using LogChild = ChildTest;
 
-}  // namespace
+const Lines kErrors = {"error a: an error", "error b: an error"};
 
-TEST_F(LogChild, OnlyErrorsAreLoggedWithoutALevel) {
-    ASSERT_TRUE(Run("levels", {}));
-    EXPECT_EQ(LinesOf(m_standardError), (Lines{"error a: an error", "error b: an error"}));
+TEST_F(LogChild, LevelsSayWhatIsLogged) {
+    const struct {
+        Lines environment;
+        Lines lines;
+    } runs[] = {
+        {{}, kErrors},
+        {{"K9SYS_LOG=off"}, {}},
+        {{"K9SYS_LOG=warning"},
+         {"error a: an error", "warning a: a warning", "error b: an error",
+          "warning b: a warning"}},
+        {{"K9SYS_LOG=info"},
+         {"error a: an error", "warning a: a warning", "info a: an info", "error b: an error",
+          "warning b: a warning", "info b: an info"}},
+        {{"K9SYS_LOG=off,b=warning"}, {"error b: an error", "warning b: a warning"}},
+        {{"K9SYS_LOG=loud"},
+         {"K9Sys: K9SYS_LOG is not understood, only errors are logged: \"loud\"", kErrors[0],
+          kErrors[1]}},
+        {{"K9SYS_LOG_FILE="}, kErrors},
+    };
+    for (const auto& [environment, lines] : runs) {
+        ASSERT_TRUE(Run("levels", environment));
+        EXPECT_EQ(LinesOf(m_standardError), lines);
+    }
 }
 
-TEST_F(LogChild, NothingIsLoggedWhenOff) {
-    ASSERT_TRUE(Run("levels", {"K9SYS_LOG=off"}));
-    EXPECT_EQ(LinesOf(m_standardError), Lines());
-}
-
-TEST_F(LogChild, WarningIncludesErrors) {
-    ASSERT_TRUE(Run("levels", {"K9SYS_LOG=warning"}));
-    EXPECT_EQ(LinesOf(m_standardError), (Lines{"error a: an error", "warning a: a warning",
-                                               "error b: an error", "warning b: a warning"}));
-}
-
-TEST_F(LogChild, InfoIncludesEverything) {
-    ASSERT_TRUE(Run("levels", {"K9SYS_LOG=info"}));
-    EXPECT_EQ(LinesOf(m_standardError),
-              (Lines{"error a: an error", "warning a: a warning", "info a: an info",
-                     "error b: an error", "warning b: a warning", "info b: an info"}));
-}
-
-TEST_F(LogChild, ModulesHaveLevelsOfTheirOwn) {
-    ASSERT_TRUE(Run("levels", {"K9SYS_LOG=off,b=warning"}));
-    EXPECT_EQ(LinesOf(m_standardError), (Lines{"error b: an error", "warning b: a warning"}));
-}
-
-TEST_F(LogChild, LevelsThatAreNotUnderstoodAreSaidAndErrorsLogged) {
-    ASSERT_TRUE(Run("levels", {"K9SYS_LOG=loud"}));
-    EXPECT_EQ(LinesOf(m_standardError),
-              (Lines{"K9Sys: K9SYS_LOG is not understood, only errors are logged: \"loud\"",
-                     "error a: an error", "error b: an error"}));
-}
-
-TEST_F(LogChild, TheLogFileTakesWhatStandardErrorWould) {
-    ASSERT_TRUE(Run("levels", {"K9SYS_LOG_FILE=" + m_logFile}));
-    EXPECT_EQ(LinesOf(m_logFile), (Lines{"error a: an error", "error b: an error"}));
-    EXPECT_EQ(LinesOf(m_standardError), Lines());
-}
-
-TEST_F(LogChild, TheLogFileIsAppendedTo) {
+TEST_F(LogChild, TheLogFileTakesWhatStandardErrorWouldBehindWhatItHas) {
+    const std::string setting = "K9SYS_LOG_FILE=" + m_logFile;
+    ASSERT_TRUE(Run("levels", {"K9SYS_LOG=off", setting}));
+    EXPECT_FALSE(Exists(m_logFile)) << "nothing is logged";
     WriteText(m_logFile, "what was there\n");
-    ASSERT_TRUE(Run("levels", {"K9SYS_LOG_FILE=" + m_logFile}));
-    EXPECT_EQ(LinesOf(m_logFile),
-              (Lines{"what was there", "error a: an error", "error b: an error"}));
-}
-
-TEST_F(LogChild, NoFileIsMadeWhenNothingIsLogged) {
-    ASSERT_TRUE(Run("levels", {"K9SYS_LOG=off", "K9SYS_LOG_FILE=" + m_logFile}));
-    EXPECT_FALSE(Exists(m_logFile));
-}
-
-TEST_F(LogChild, AnEmptyFileNameIsStandardError) {
-    ASSERT_TRUE(Run("levels", {"K9SYS_LOG_FILE="}));
-    EXPECT_EQ(LinesOf(m_standardError), (Lines{"error a: an error", "error b: an error"}));
+    ASSERT_TRUE(Run("levels", {setting}));
+    EXPECT_EQ(LinesOf(m_logFile), (Lines{"what was there", kErrors[0], kErrors[1]}));
+    EXPECT_EQ(LinesOf(m_standardError), Lines());
 }
 
 TEST_F(LogChild, AFileThatCannotBeOpenedFallsBackToStandardError) {
@@ -75,7 +51,7 @@ TEST_F(LogChild, AFileThatCannotBeOpenedFallsBackToStandardError) {
     ASSERT_TRUE(Run("levels", {"K9SYS_LOG_FILE=" + path}));
     EXPECT_EQ(LinesOf(m_standardError),
               (Lines{"K9Sys: cannot open the log file, logging to standard error: \"" + path + "\"",
-                     "error a: an error", "error b: an error"}));
+                     kErrors[0], kErrors[1]}));
 }
 
 TEST_F(LogChild, ALineHasTimeLevelModuleMessageAndCode) {
@@ -85,10 +61,6 @@ TEST_F(LogChild, ALineHasTimeLevelModuleMessageAndCode) {
     EXPECT_EQ(Shape(text.substr(0, text.find('\n') + 1)),
               "0000-00-00 00:00:00.000 error k0eRepl-storage: "
               "Failed to begin trans;state 0 (code 00)\n");
-}
-
-TEST_F(LogChild, CodesOfTheFamilyAreHexadecimalAndControlCharactersReplaced) {
-    ASSERT_TRUE(Run("codes", {}));
     EXPECT_EQ(LinesOf(m_standardError),
               (Lines{"error k9eRepl-storage: Failed to begin trans;state 3 (code 27)",
                      "error ***TP***: no transaction (code 0x8011)", "error a: two?lines?and ?"}));
@@ -122,4 +94,5 @@ TEST_F(LogChild, MessagesWhileTheProcessEndsAreWritten) {
               (Lines{"error a: while it runs", "error a: while the process ends"}));
 }
 
+}  // namespace
 }  // namespace k9erepl::test

@@ -1,6 +1,6 @@
 /* The least that a host's own system library can be: the functions that the storage library
  * imports, and nothing else. Every message goes to standard error behind "host"; directives are
- * not expanded. own_host_test.cpp puts it in the place of the stand-in. C99, as a host may be. */
+ * not expanded. only_posix_test.cpp puts it in the place of the stand-in. C99, as a host may be. */
 #include <k9sys/k9sys.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -12,37 +12,24 @@ static K9LogFlag* Print(const char* level, const char* module, const char* forma
     return &g_enabled;
 }
 
-void K9LogInfoEx(const char* module, const char* format, ...) {
-    (void)Print("info", module, format);
-}
-
-void K9LogWarningEx(const char* module, const char* format, ...) {
-    (void)Print("warning", module, format);
-}
-
-void K9LogErrorEx(const char* module, const char* format, ...) {
-    (void)Print("error", module, format);
-}
-
-void K9LogErrorWithCodeEx(uint32_t code, const char* module, const char* format, ...) {
-    (void)code;
-    (void)Print("error", module, format);
-}
-
-K9LogFlag* trcheckEx_K9LogInfoEx_(const char* module, const char* format, ...) {
-    return Print("info", module, format);
-}
+#define HOST_LOGS(name, registering, level)                               \
+    void name(const char* module, const char* format, ...) {              \
+        (void)Print(level, module, format);                               \
+    }                                                                     \
+    K9LogFlag* registering(const char* module, const char* format, ...) { \
+        return Print(level, module, format);                              \
+    }
+HOST_LOGS(K9LogInfoEx, trcheckEx_K9LogInfoEx_, "info")
+HOST_LOGS(K9LogWarningEx, trcheckEx_K9LogWarningEx_, "warning")
+HOST_LOGS(K9LogErrorEx, trcheckEx_K9LogErrorEx_, "error")
 
 K9LogFlag* trcheckEx_K9LogInfoEx_0(const char* module, const char* format, ...) {
     return Print("info", module, format);
 }
 
-K9LogFlag* trcheckEx_K9LogWarningEx_(const char* module, const char* format, ...) {
-    return Print("warning", module, format);
-}
-
-K9LogFlag* trcheckEx_K9LogErrorEx_(const char* module, const char* format, ...) {
-    return Print("error", module, format);
+void K9LogErrorWithCodeEx(uint32_t code, const char* module, const char* format, ...) {
+    (void)code;
+    (void)Print("error", module, format);
 }
 
 K9LogFlag* trcheckEx_K9LogErrorWithCodeEx_(uint32_t code, const char* module, const char* format,

@@ -1,5 +1,5 @@
 // The sum of a file without its stamps; see the header.
-#include "portability/file_digest.h"
+#include "portability/portable.h"
 
 #include <cstddef>
 #include <cstdio>

@@ -10,7 +10,7 @@
 #include "format/index_file_format.h"
 #include "format/storage_file_format.h"
 #include "platform/file.h"
-#include "portability/portable_client.h"
+#include "portability/portable.h"
 #include "portability/sparse_file.h"
 #include "support/file_bytes.h"
 #include "support/log_capture.h"
@@ -60,7 +60,7 @@ bool IsAsWritten(const K9eReplRec& rec) {
 
 u32 K9EREPL_CALL TakeRev(const K9eReplRec* rec, void* revs) {
     EXPECT_TRUE(IsAsWritten(*rec)) << rec->rev;
-    static_cast<std::vector<i64>*>(revs)->push_back(i64{rec->rev});
+    static_cast<Revs*>(revs)->push_back(i64{rec->rev});
     return RC_OK;
 }
 
@@ -113,8 +113,8 @@ class LargeStorage : public testing::Test {
 
     // Revisions of the records in the range. Adds a failure where a record has other bytes than it
     // should.
-    static std::vector<i64> ReadRevs(const portable::Client& client, i64 fromRev, i64 toRev) {
-        std::vector<i64> revs;
+    static Revs ReadRevs(const Client& client, i64 fromRev, i64 toRev) {
+        Revs revs;
         EXPECT_EQ(K9eReplStorageEnumRecords(client.Handle(), fromRev, toRev, &TakeRev, &revs),
                   u32{RC_OK});
         return revs;
@@ -164,25 +164,20 @@ class LargeStorage : public testing::Test {
 constexpr i64 kClearRev = kRevAtFourGiB + 5;
 constexpr i64 kDataEnd = OffsetOfLarge(kLastLargeRev + 1);
 
-TEST_F(LargeStorage, IsLoadedWithoutAnIndexAndGetsOne) {
+TEST_F(LargeStorage, IsLoadedFromBeyondFourGiBWithTheIndexThatALoadHasMade) {
     { const Client client(ConnString()); }
-    const LogCapture log;
-    const Client client(ConnString());
-    EXPECT_EQ(client.NextRev(), kLastLargeRev + 1);
-    EXPECT_TRUE(log.Has("Index file seems to be valid (420 idx, sz 10485760)")) << log;
-    const i64 start = OffsetOfLarge(kLastLargeRev - 1);
-    EXPECT_TRUE(log.Has("Index test passed; start loading from offset " + std::to_string(start)))
-        << log;
-}
-
-TEST_F(LargeStorage, IsLoadedFromBeyondFourGiBWithAnIndex) {
-    WriteIndex();
-    const LogCapture log;
-    const Client client(ConnString());
-    EXPECT_EQ(client.NextRev(), kLastLargeRev + 1);
-    const i64 start = OffsetOfLarge(kLastLargeRev - 1);
-    EXPECT_TRUE(log.Has("Index test passed; start loading from offset " + std::to_string(start)))
-        << log;
+    for (const bool byHand : {false, true}) {
+        if (byHand) {
+            WriteIndex();
+        }
+        const LogCapture log;
+        const Client client(ConnString());
+        EXPECT_EQ(client.NextRev(), kLastLargeRev + 1);
+        EXPECT_TRUE(log.Has("Index file seems to be valid (420 idx, sz 10485760)")) << log;
+        EXPECT_TRUE(log.Has("Index test passed; start loading from offset " +
+                            std::to_string(OffsetOfLarge(kLastLargeRev - 1))))
+            << log;
+    }
 }
 
 TEST_F(LargeStorage, DeliversTheRecordsAcrossBothBorders) {
@@ -196,10 +191,7 @@ TEST_F(LargeStorage, DeliversTheRecordsAcrossBothBorders) {
 
 TEST_F(LargeStorage, RaisesItsClearRevisionBeyondFourGiB) {
     WriteIndex();
-    {
-        Client client(ConnString());
-        client.Clear(kClearRev, K9EREPL_CLEAR_LOGICAL);
-    }
+    Client(ConnString()).Clear(kClearRev, K9EREPL_CLEAR_LOGICAL);
     EXPECT_EQ(FileSize(), kDataEnd + kCommitBlockSize);
     const Client client(ConnString());
     EXPECT_EQ(client.NextRev(), kLastLargeRev + 1);
@@ -209,10 +201,7 @@ TEST_F(LargeStorage, RaisesItsClearRevisionBeyondFourGiB) {
 TEST_F(LargeStorage, IsSqueezedToWhatLiesBeyondFourGiB) {
     constexpr i64 kKept = 2;
     WriteIndex();
-    {
-        Client client(ConnString());
-        client.Clear(kLastLargeRev - kKept + 1, K9EREPL_CLEAR_SQUEEZE);
-    }
+    Client(ConnString()).Clear(kLastLargeRev - kKept + 1, K9EREPL_CLEAR_SQUEEZE);
     EXPECT_EQ(FileSize(), kFirstItemOffset + kKept * kLargeItemSize + kCommitBlockSize);
     const Client client(ConnString());
     EXPECT_EQ(ReadRevs(client, 0, INT64_MAX), Revs({kLastLargeRev - 1, kLastLargeRev}));
@@ -242,20 +231,15 @@ TEST_P(LargeStorageWriter, AppendsBeyondFourGiB) {
 
 TEST_P(LargeStorageWriter, GrowsByStepsBeyondFourGiB) {
     WriteIndex();
-    {
-        Client client(WithWriter("file_size_delta=1;"));
-        client.Insert(1000);
-    }
+    Client(WithWriter("file_size_delta=1;")).Insert(1000);
     EXPECT_EQ(FileSize(), kDataEnd + 1024 * 1024);
     const Client client(WithWriter());
     EXPECT_EQ(client.NextRev(), kLastLargeRev + 2);
 }
 
-std::string WriterName(const testing::TestParamInfo<bool>& tested) {
+INSTANTIATE_TEST_SUITE_P(Both, LargeStorageWriter, testing::Bool(), [](const auto& tested) {
     return tested.param ? "Asynchronous" : "Synchronous";
-}
-
-INSTANTIATE_TEST_SUITE_P(Both, LargeStorageWriter, testing::Bool(), WriterName);
+});
 
 }  // namespace
 }  // namespace k9erepl::test

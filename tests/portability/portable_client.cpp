@@ -1,5 +1,5 @@
 // A client whose records have a pattern; see the header.
-#include "portability/portable_client.h"
+#include "portability/portable.h"
 
 #include <cstring>
 
@@ -57,10 +57,6 @@ Client::Client(const std::string& connString) {
     }
 }
 
-Client::~Client() {
-    K9eReplStorageClose(m_handle);
-}
-
 void Client::Begin() {
     Require(K9eReplStorageBeginTransaction(m_handle), "BeginTransaction");
 }
@@ -73,11 +69,13 @@ void Client::Rollback() {
     Require(K9eReplStorageRollback(m_handle), "Rollback");
 }
 
-void Client::Insert(u32 dataSize) {
-    std::vector<u8> bytes = RecordOf({.rev = NextRev(), .dataSize = dataSize});
-    auto* record = reinterpret_cast<K9eReplRec*>(bytes.data());
-    record->rev = 0;
-    Require(K9eReplStorageInsert(m_handle, record), "Insert");
+void Client::Insert(u32 dataSize, int count) {
+    for (int i = 0; i < count; ++i) {
+        std::vector<u8> bytes = RecordOf({.rev = NextRev(), .dataSize = dataSize});
+        auto* record = reinterpret_cast<K9eReplRec*>(bytes.data());
+        record->rev = 0;
+        Require(K9eReplStorageInsert(m_handle, record), "Insert");
+    }
 }
 
 void Client::InsertAs(i64 rev, u32 dataSize) {
@@ -88,6 +86,10 @@ void Client::InsertAs(i64 rev, u32 dataSize) {
 
 void Client::Clear(i64 rev, u32 mode) {
     Require(K9eReplStorageClearOldRev(m_handle, rev, mode), "ClearOldRev");
+}
+
+void Client::SetLifenum(u32 lifenum) {
+    Require(K9eReplStorageSetLifenum(m_handle, lifenum), "SetLifenum");
 }
 
 i64 Client::NextRev() const {

@@ -12,39 +12,26 @@
 #include <filesystem>
 #include <string>
 
-#include "portability/file_digest.h"
-#include "portability/portable_contents.h"
+#include "portability/portable.h"
 
 namespace {
 
 using namespace k9erepl::portable;
 
-void Write(const std::string& folder) {
-    std::filesystem::create_directories(folder);
-    WriteAll(folder);
-}
-
-void Check(const std::string& folder) {
-    for (const Content& content : Contents()) {
-        CheckWithIndex(content, folder);
-        CheckWithoutIndex(content, folder);
-        CheckAppending(content, folder);
-    }
-}
-
-void PrintDigests(const std::string& folder) {
-    for (const std::string& name : FileNames()) {
-        std::printf("%s %s\n", Digest(ReadFile(folder + "/" + name)).c_str(), name.c_str());
-    }
-}
-
 int Run(const std::string& command, const std::string& folder) {
     if (command == "write") {
-        Write(folder);
+        std::filesystem::create_directories(folder);
+        WriteAll(folder);
     } else if (command == "check") {
-        Check(folder);
+        for (const Content& content : Contents()) {
+            CheckWithIndex(content, folder);
+            CheckWithoutIndex(content, folder);
+            CheckAppending(content, folder);
+        }
     } else if (command == "digest") {
-        PrintDigests(folder);
+        for (const std::string& name : FileNames()) {
+            std::printf("%s %s\n", Digest(ReadFile(folder + "/" + name)).c_str(), name.c_str());
+        }
     } else {
         (void)std::fprintf(stderr, "portable_storage: unknown command '%s'\n", command.c_str());
         return 2;

@@ -1,5 +1,5 @@
 // Names the test that was running when a test program dies, on standard error: a crash that comes
-// once in many runs must not be anonymous. Called by main (test_main.cpp).
+// once in many runs must not be anonymous. main (death_notice.cpp) starts it.
 #ifndef K9EREPL_TESTS_SUPPORT_DEATH_NOTICE_H
 #define K9EREPL_TESTS_SUPPORT_DEATH_NOTICE_H
 
@@ -9,32 +9,19 @@
 
 namespace k9erepl::test {
 
-// The line that is written: built without memory, locks or the C library's streams, so that a
-// signal handler may do it. It begins with the running test; what does not fit is cut off.
-class DeathNotice {
-  public:
-    DeathNotice();
-    void Add(const char* text);
-    void AddHex(u64 number);  // as "0x1f"
+// Begins the line with the death and the running test; the caller adds the rest and ends it. False,
+// and nothing is begun, for all calls in this process but the first, so that a program which dies
+// in two threads at once, or dies while it tells of it, writes one line. The line is built without
+// memory, locks or the C library's streams, so that a signal handler may do it; what does not fit
+// is cut off.
+bool TellDeath();
+void Tell(const char* text);
+void TellHex(u64 number);  // as "0x1f"
+void TellEnd();
 
-    const char* Text() const { return m_text; }
-    std::size_t Size() const { return m_size; }
-
-    // True for the first caller in this process, so that a program which dies in two threads at
-    // once, or dies while it tells of it, writes one line.
-    static bool IsFirst();
-
-  private:
-    char m_text[1024];
-    std::size_t m_size = 0;
-};
-
-// From now on the notice names the running test, and each way to die writes it. After
-// InitGoogleTest, once.
-void NameTheTestThatDies();
-
-// The system's part of it, in posix/ and windows/: writes a notice at each deadly signal or
-// exception, and lets the program die as it would have without it.
+// The system's part of it, in posix/ and windows/. WatchForDeath sees to it that each deadly signal
+// or exception is told, and lets the program die as it would have without it.
+void WriteToStandardError(const char* text, std::size_t size);
 void WatchForDeath();
 
 }  // namespace k9erepl::test

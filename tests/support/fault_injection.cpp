@@ -1,4 +1,4 @@
-// System calls that fail when a test says so: a hook in every entry of the table.
+// System calls that fail when a test says so: a layer over the table of system calls.
 #include "support/fault_injection.h"
 
 #include <array>
@@ -6,7 +6,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
+#include <optional>
 #include <type_traits>
+#include <utility>
 
 namespace k9erepl::test {
 namespace {
@@ -47,7 +49,30 @@ struct Plan {
     std::atomic<u32> calls{0};
     Countdown failure;
     std::atomic<SystemErrorKind> kind{SystemErrorKind::kInputOutput};
+
+    bool Strikes() {
+        if (!failure.Strikes()) {
+            return false;
+        }
+        platform::SetLastSystemError(platform::SystemErrorOf(kind));
+        return true;
+    }
 };
+
+// In the order of SystemCall.
+using PlannedEntries =
+    CallEntries<&SystemCalls::openFile, &SystemCalls::closeFile, &SystemCalls::readFile,
+                &SystemCalls::writeFile, &SystemCalls::seekFile, &SystemCalls::tellFile,
+                &SystemCalls::setFileEnd, &SystemCalls::fileSize, &SystemCalls::flushFile,
+                &SystemCalls::takeOwnerAndMode, &SystemCalls::renameFile, &SystemCalls::linkFile,
+                &SystemCalls::removeFile, &SystemCalls::makeDirectory, &SystemCalls::flushDirectory,
+                &SystemCalls::allocMemory, &SystemCalls::createEvent, &SystemCalls::setEvent,
+                &SystemCalls::waitEvent, &SystemCalls::createThread,
+                &SystemCalls::setThreadAffinity, &SystemCalls::resumeThread,
+                &SystemCalls::joinThread, &SystemCalls::terminateThread,
+                &SystemCalls::performanceFrequency, &SystemCalls::lockFile,
+                &SystemCalls::fileIdentity, &SystemCalls::nameIdentity>;
+constexpr auto kSystemCallCount = static_cast<std::size_t>(SystemCall::kNameIdentity) + 1;
 
 // What the n-th read or write transfers, and what the attempt after it comes to.
 struct ShortTransfer {
@@ -68,12 +93,6 @@ struct TestClock {
     }
 };
 
-std::atomic<bool> g_active{false};
-
-void RequireActive() {
-    Require(g_active, "there is no ScopedSystemCalls");
-}
-
 std::array<Plan, kSystemCallCount> g_plans;
 ShortTransfer g_shortRead;
 ShortTransfer g_shortWrite;
@@ -89,13 +108,11 @@ Plan& PlanOf(SystemCall call) {
     return g_plans.at(static_cast<std::size_t>(call));
 }
 
-bool StrikesNow(SystemCall call) {
+// Counts the call; of those that do not matter for its plan, no more.
+bool StrikesNow(SystemCall call, bool matters = true) {
     Plan& plan = PlanOf(call);
-    if (!plan.failure.Strikes()) {
-        return false;
-    }
-    platform::SetLastSystemError(platform::SystemErrorOf(plan.kind));
-    return true;
+    ++plan.calls;
+    return matters && plan.Strikes();
 }
 
 template <typename Result>
@@ -111,27 +128,6 @@ Result FailureOf() {
     }
 }
 
-// The hook of one entry: counts, fails when its plan says so, else passes on to the system.
-template <SystemCall kCall, auto kEntry, typename Function>
-struct Hook;
-
-template <SystemCall kCall, auto kEntry, typename Result, typename... Arguments>
-struct Hook<kCall, kEntry, Result (*)(Arguments...)> {
-    static Result Call(Arguments... arguments) {
-        ++PlanOf(kCall).calls;
-        if (StrikesNow(kCall)) {
-            return FailureOf<Result>();
-        }
-        return (platform::NativeSystemCalls().*kEntry)(arguments...);
-    }
-};
-
-template <SystemCall kCall, auto kEntry>
-void Install(SystemCalls& table) {
-    using Function = std::remove_reference_t<decltype(table.*kEntry)>;
-    table.*kEntry = Hook<kCall, kEntry, Function>::Call;
-}
-
 // How much of a transfer of `size` bytes is made; arms `after` when it has to stay short.
 u32 Shortened(ShortTransfer& plan, u32 size, Countdown& after) {
     if (!plan.countdown.Strikes() || plan.bytes >= size) {
@@ -143,122 +139,99 @@ u32 Shortened(ShortTransfer& plan, u32 size, Countdown& after) {
     return plan.bytes;
 }
 
-i64 ReadHook(platform::NativeFile file, void* buffer, u32 size) {
-    ++PlanOf(SystemCall::kRead).calls;
-    if (StrikesNow(SystemCall::kRead)) {
-        return -1;
+// The layer that counts the calls and obeys the plans.
+class FaultLayer : public CallLayer<FaultLayer> {
+  public:
+    FaultLayer() {
+        PlanEach(PlannedEntries(), std::make_index_sequence<kSystemCallCount>());
+        Take<&SystemCalls::readFile, &FaultLayer::Read>();
+        Take<&SystemCalls::writeFile, &FaultLayer::Write>();
+        Take<&SystemCalls::closeFile, &FaultLayer::Close>();
+        Take<&SystemCalls::allocMemory, &FaultLayer::Alloc>();
+        Take<&SystemCalls::tickCount, &FaultLayer::TickCount>();
+        Take<&SystemCalls::coarseTickCount, &FaultLayer::CoarseTickCount>();
+        Take<&SystemCalls::performanceCounter, &FaultLayer::PerformanceCounter>();
+        Take<&SystemCalls::performanceFrequency, &FaultLayer::PerformanceFrequency>();
+        Take<&SystemCalls::timeStampCounter, &FaultLayer::TimeStamp>();
     }
-    const u32 given = Shortened(g_shortRead, size, g_endOfFile);
-    // Nothing given is the end of the file already, and the one that was to follow.
-    if ((given == 0 && size != 0) || given == size) {
-        if (g_endOfFile.Strikes()) {
+
+  private:
+    template <auto... kEntries, std::size_t... kCalls>
+    void PlanEach(CallEntries<kEntries...> /*entries*/, std::index_sequence<kCalls...> /*calls*/) {
+        static_assert(sizeof...(kEntries) == kSystemCallCount);
+        (PlanEntry<static_cast<SystemCall>(kCalls), kEntries>(kEntries), ...);
+    }
+    template <SystemCall kCall, auto kEntry, typename Result, typename... Arguments>
+    void PlanEntry(Result (*SystemCalls::* /*entry*/)(Arguments...)) {
+        Take<kEntry, &FaultLayer::Planned<kCall, kEntry, Result, Arguments...>>();
+    }
+    // Counts, fails when the call's plan says so, else passes on.
+    template <SystemCall kCall, auto kEntry, typename Result, typename... Arguments>
+    Result Planned(Arguments... arguments) {
+        return StrikesNow(kCall) ? FailureOf<Result>() : (Below().*kEntry)(arguments...);
+    }
+
+    i64 Read(platform::NativeFile file, void* buffer, u32 size) {
+        if (StrikesNow(SystemCall::kRead)) {
+            return -1;
+        }
+        const u32 given = Shortened(g_shortRead, size, g_endOfFile);
+        // Nothing given is the end of the file already, and the one that was to follow.
+        if (((given == 0 && size != 0) || given == size) && g_endOfFile.Strikes()) {
             return 0;
         }
+        return Below().readFile(file, buffer, given);
     }
-    return platform::NativeSystemCalls().readFile(file, buffer, given);
-}
-
-i64 WriteHook(platform::NativeFile file, const void* data, u32 size) {
-    Plan& plan = PlanOf(SystemCall::kWrite);
-    ++plan.calls;
-    if (StrikesNow(SystemCall::kWrite)) {
-        return -1;
+    i64 Write(platform::NativeFile file, const void* data, u32 size) {
+        if (StrikesNow(SystemCall::kWrite)) {
+            return -1;
+        }
+        Plan& plan = PlanOf(SystemCall::kWrite);
+        const u32 taken = Shortened(g_shortWrite, size, plan.failure);
+        // Nothing taken is the failure already that was to follow.
+        if (taken == 0 && plan.Strikes()) {
+            return -1;
+        }
+        return Below().writeFile(file, data, taken);
     }
-    const u32 taken = Shortened(g_shortWrite, size, plan.failure);
-    // Nothing taken is the failure already that was to follow.
-    if (taken == 0 && StrikesNow(SystemCall::kWrite)) {
-        return -1;
+    // The handle is gone all the same. One that stayed open would keep the file in its place on
+    // Windows.
+    bool Close(platform::NativeFile file) {
+        const bool closed = Below().closeFile(file);
+        return !StrikesNow(SystemCall::kClose) && closed;
     }
-    return platform::NativeSystemCalls().writeFile(file, data, taken);
-}
-
-// The handle is gone all the same. One that stayed open would keep the file in its place on
-// Windows.
-bool CloseHook(platform::NativeFile file) {
-    ++PlanOf(SystemCall::kClose).calls;
-    const bool closed = platform::NativeSystemCalls().closeFile(file);
-    return !StrikesNow(SystemCall::kClose) && closed;
-}
-
-void* AllocHook(std::size_t size) {
-    Plan& plan = PlanOf(SystemCall::kAlloc);
-    ++plan.calls;
-    if (size >= g_minFailedAlloc && StrikesNow(SystemCall::kAlloc)) {
-        return nullptr;
+    void* Alloc(std::size_t size) {
+        const bool counts = size >= g_minFailedAlloc;
+        return StrikesNow(SystemCall::kAlloc, counts) ? nullptr : Below().allocMemory(size);
     }
-    return platform::NativeSystemCalls().allocMemory(size);
-}
-
-u32 TickCountHook() {
-    return g_tickCount.isSet ? g_tickCount.now.load() : platform::NativeSystemCalls().tickCount();
-}
-
-u32 CoarseTickCountHook() {
-    return g_tickCount.isSet ? g_tickCount.now.load()
-                             : platform::NativeSystemCalls().coarseTickCount();
-}
-
-i64 PerformanceCounterHook() {
-    return g_performanceCounter.isSet ? g_performanceCounter.now.load()
-                                      : platform::NativeSystemCalls().performanceCounter();
-}
-
-bool PerformanceFrequencyHook(i64* ticksPerSecond) {
-    ++PlanOf(SystemCall::kPerformanceFrequency).calls;
-    if (StrikesNow(SystemCall::kPerformanceFrequency)) {
-        return false;
+    u32 TickCount() { return g_tickCount.isSet ? g_tickCount.now.load() : Below().tickCount(); }
+    u32 CoarseTickCount() {
+        return g_tickCount.isSet ? g_tickCount.now.load() : Below().coarseTickCount();
     }
-    if (!g_performanceFrequency.isSet) {
-        return platform::NativeSystemCalls().performanceFrequency(ticksPerSecond);
+    i64 PerformanceCounter() {
+        return g_performanceCounter.isSet ? g_performanceCounter.now.load()
+                                          : Below().performanceCounter();
     }
-    *ticksPerSecond = g_performanceFrequency.now;
-    return true;
-}
+    bool PerformanceFrequency(i64* ticksPerSecond) {
+        if (StrikesNow(SystemCall::kPerformanceFrequency)) {
+            return false;
+        }
+        if (!g_performanceFrequency.isSet) {
+            return Below().performanceFrequency(ticksPerSecond);
+        }
+        *ticksPerSecond = g_performanceFrequency.now;
+        return true;
+    }
+    u64 TimeStamp() {
+        return g_timeStamp.isSet ? g_timeStamp.now.fetch_add(g_timeStampStep)
+                                 : Below().timeStampCounter();
+    }
+};
 
-u64 TimeStampHook() {
-    return g_timeStamp.isSet ? g_timeStamp.now.fetch_add(g_timeStampStep)
-                             : platform::NativeSystemCalls().timeStampCounter();
-}
+std::optional<FaultLayer> g_layer;
 
-void InstallSpecialHooks(SystemCalls& table) {
-    table.readFile = ReadHook;
-    table.writeFile = WriteHook;
-    table.closeFile = CloseHook;
-    table.allocMemory = AllocHook;
-    table.tickCount = TickCountHook;
-    table.coarseTickCount = CoarseTickCountHook;
-    table.performanceCounter = PerformanceCounterHook;
-    table.performanceFrequency = PerformanceFrequencyHook;
-    table.timeStampCounter = TimeStampHook;
-}
-
-void InstallFileHooks(SystemCalls& table) {
-    Install<SystemCall::kOpen, &SystemCalls::openFile>(table);
-    Install<SystemCall::kSeek, &SystemCalls::seekFile>(table);
-    Install<SystemCall::kTell, &SystemCalls::tellFile>(table);
-    Install<SystemCall::kSetEnd, &SystemCalls::setFileEnd>(table);
-    Install<SystemCall::kFileSize, &SystemCalls::fileSize>(table);
-    Install<SystemCall::kFlush, &SystemCalls::flushFile>(table);
-    Install<SystemCall::kTakeOwnerAndMode, &SystemCalls::takeOwnerAndMode>(table);
-    Install<SystemCall::kLockFile, &SystemCalls::lockFile>(table);
-    Install<SystemCall::kFileIdentity, &SystemCalls::fileIdentity>(table);
-    Install<SystemCall::kNameIdentity, &SystemCalls::nameIdentity>(table);
-    Install<SystemCall::kRename, &SystemCalls::renameFile>(table);
-    Install<SystemCall::kLink, &SystemCalls::linkFile>(table);
-    Install<SystemCall::kRemove, &SystemCalls::removeFile>(table);
-    Install<SystemCall::kMakeDirectory, &SystemCalls::makeDirectory>(table);
-    Install<SystemCall::kFlushDirectory, &SystemCalls::flushDirectory>(table);
-}
-
-void InstallThreadHooks(SystemCalls& table) {
-    Install<SystemCall::kCreateEvent, &SystemCalls::createEvent>(table);
-    Install<SystemCall::kSetEvent, &SystemCalls::setEvent>(table);
-    Install<SystemCall::kWaitEvent, &SystemCalls::waitEvent>(table);
-    Install<SystemCall::kCreateThread, &SystemCalls::createThread>(table);
-    Install<SystemCall::kSetAffinity, &SystemCalls::setThreadAffinity>(table);
-    Install<SystemCall::kResumeThread, &SystemCalls::resumeThread>(table);
-    Install<SystemCall::kJoinThread, &SystemCalls::joinThread>(table);
-    Install<SystemCall::kTerminateThread, &SystemCalls::terminateThread>(table);
+void RequireActive() {
+    Require(g_layer.has_value(), "there is no ScopedSystemCalls");
 }
 
 void ForgetPlans() {
@@ -286,17 +259,13 @@ void PlanShort(ShortTransfer& plan, u32 nth, u32 bytes, bool staysShort) {
 }  // namespace
 
 ScopedSystemCalls::ScopedSystemCalls() {
-    Require(!g_active, "one ScopedSystemCalls at a time");
+    Require(!g_layer, "one ScopedSystemCalls at a time");
     ForgetPlans();
-    SystemCalls& table = platform::TheSystemCalls();
-    InstallFileHooks(table);
-    InstallThreadHooks(table);
-    InstallSpecialHooks(table);
-    g_active = true;
+    g_layer.emplace();
 }
 
 ScopedSystemCalls::~ScopedSystemCalls() {
-    g_active = false;
+    g_layer.reset();
 }
 
 void Fail(SystemCall call, u32 nth, SystemErrorKind kind, Repeat repeat) {

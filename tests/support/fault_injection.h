@@ -20,52 +20,27 @@ namespace k9erepl::test {
 
 using platform::SystemErrorKind;
 
+// The entries of the table that can fail; fault_injection.cpp lists them in this order.
+// clang-format off
 enum class SystemCall {
-    kOpen,
-    kClose,
-    kRead,
-    kWrite,
-    kSeek,
-    kTell,
-    kSetEnd,
-    kFileSize,
-    kFlush,
-    kTakeOwnerAndMode,
-    kRename,
-    kLink,
-    kRemove,
-    kMakeDirectory,
-    kFlushDirectory,
-    kAlloc,
-    kCreateEvent,
-    kSetEvent,
-    kWaitEvent,
-    kCreateThread,
-    kSetAffinity,
-    kResumeThread,
-    kJoinThread,
-    kTerminateThread,
-    kPerformanceFrequency,
-    kLockFile,
-    kFileIdentity,
-    kNameIdentity,
+    kOpen, kClose, kRead, kWrite, kSeek, kTell, kSetEnd, kFileSize, kFlush, kTakeOwnerAndMode,
+    kRename, kLink, kRemove, kMakeDirectory, kFlushDirectory, kAlloc, kCreateEvent, kSetEvent,
+    kWaitEvent, kCreateThread, kSetAffinity, kResumeThread, kJoinThread, kTerminateThread,
+    kPerformanceFrequency, kLockFile, kFileIdentity, kNameIdentity
 };
-inline constexpr std::size_t kSystemCallCount = 28;
+// clang-format on
 
 enum class Repeat { kOnce, kFromThenOn };
 
 // While it lives, the table of system calls counts and obeys the functions below; then the table is
 // as it was before. Begins with no fault, counts of zero and real clocks. It must begin before and
 // end after every other thread that uses the table. One at a time.
-class ScopedSystemCalls : CallLayer<ScopedSystemCalls> {
+class ScopedSystemCalls {
   public:
     ScopedSystemCalls();
     ~ScopedSystemCalls();
     ScopedSystemCalls(const ScopedSystemCalls&) = delete;
     ScopedSystemCalls& operator=(const ScopedSystemCalls&) = delete;
-
-  private:
-    friend CallLayer<ScopedSystemCalls>;
 };
 
 // --- Calls -------------------------------------------------------------------------------------
@@ -90,58 +65,32 @@ void SplitRead(u32 nth, u32 bytes);
 // Counts only allocations of at least `minSize` bytes.
 void FailAlloc(u32 nth, std::size_t minSize = 0, Repeat repeat = Repeat::kOnce);
 
-// Short names for what tests fail most.
-inline void FailOpen(u32 nth, SystemErrorKind kind = SystemErrorKind::kAccessDenied,
-                     Repeat repeat = Repeat::kOnce) {
-    Fail(SystemCall::kOpen, nth, kind, repeat);
-}
-inline void FailRead(u32 nth, SystemErrorKind kind = SystemErrorKind::kInputOutput,
-                     Repeat repeat = Repeat::kOnce) {
-    Fail(SystemCall::kRead, nth, kind, repeat);
-}
-inline void FailWrite(u32 nth, SystemErrorKind kind = SystemErrorKind::kNoSpace,
-                      Repeat repeat = Repeat::kOnce) {
-    Fail(SystemCall::kWrite, nth, kind, repeat);
-}
-inline void FailSeek(u32 nth, SystemErrorKind kind = SystemErrorKind::kInputOutput,
-                     Repeat repeat = Repeat::kOnce) {
-    Fail(SystemCall::kSeek, nth, kind, repeat);
-}
-inline void FailTell(u32 nth) {
-    Fail(SystemCall::kTell, nth);
-}
-inline void FailFileSize(u32 nth) {
-    Fail(SystemCall::kFileSize, nth);
-}
-inline void FailSetEnd(u32 nth, SystemErrorKind kind = SystemErrorKind::kNoSpace,
-                       Repeat repeat = Repeat::kOnce) {
-    Fail(SystemCall::kSetEnd, nth, kind, repeat);
-}
-inline void FailFlush(u32 nth, SystemErrorKind kind = SystemErrorKind::kInputOutput,
-                      Repeat repeat = Repeat::kOnce) {
-    Fail(SystemCall::kFlush, nth, kind, repeat);
-}
-inline void FailRename(u32 nth, SystemErrorKind kind = SystemErrorKind::kAccessDenied) {
-    Fail(SystemCall::kRename, nth, kind);
-}
-inline void FailRemove(u32 nth, SystemErrorKind kind = SystemErrorKind::kAccessDenied) {
-    Fail(SystemCall::kRemove, nth, kind);
-}
-inline void FailFlushDirectory(u32 nth) {
-    Fail(SystemCall::kFlushDirectory, nth);
-}
-inline void FailCreateEvent(u32 nth) {
-    Fail(SystemCall::kCreateEvent, nth, SystemErrorKind::kOutOfMemory);
-}
-inline void FailSetEvent(u32 nth) {
-    Fail(SystemCall::kSetEvent, nth, SystemErrorKind::kInvalidHandle);
-}
-inline void FailWaitEvent(u32 nth) {
-    Fail(SystemCall::kWaitEvent, nth, SystemErrorKind::kInvalidHandle);
-}
-inline void FailCreateThread(u32 nth) {
-    Fail(SystemCall::kCreateThread, nth, SystemErrorKind::kOutOfMemory);
-}
+// Short names for what tests fail most, as functions of the number, the kind and the repetition:
+// FailWrite(2) is Fail(SystemCall::kWrite, 2, SystemErrorKind::kNoSpace).
+template <SystemCall kCall, SystemErrorKind kUsualKind>
+struct FailCall {
+    void operator()(u32 nth, SystemErrorKind kind = kUsualKind,
+                    Repeat repeat = Repeat::kOnce) const {
+        Fail(kCall, nth, kind, repeat);
+    }
+};
+inline constexpr FailCall<SystemCall::kOpen, SystemErrorKind::kAccessDenied> FailOpen;
+inline constexpr FailCall<SystemCall::kRead, SystemErrorKind::kInputOutput> FailRead;
+inline constexpr FailCall<SystemCall::kWrite, SystemErrorKind::kNoSpace> FailWrite;
+inline constexpr FailCall<SystemCall::kSeek, SystemErrorKind::kInputOutput> FailSeek;
+inline constexpr FailCall<SystemCall::kTell, SystemErrorKind::kInputOutput> FailTell;
+inline constexpr FailCall<SystemCall::kFileSize, SystemErrorKind::kInputOutput> FailFileSize;
+inline constexpr FailCall<SystemCall::kSetEnd, SystemErrorKind::kNoSpace> FailSetEnd;
+inline constexpr FailCall<SystemCall::kFlush, SystemErrorKind::kInputOutput> FailFlush;
+inline constexpr FailCall<SystemCall::kRename, SystemErrorKind::kAccessDenied> FailRename;
+inline constexpr FailCall<SystemCall::kRemove, SystemErrorKind::kAccessDenied> FailRemove;
+inline constexpr FailCall<SystemCall::kFlushDirectory, SystemErrorKind::kInputOutput>
+    FailFlushDirectory;
+inline constexpr FailCall<SystemCall::kCreateEvent, SystemErrorKind::kOutOfMemory> FailCreateEvent;
+inline constexpr FailCall<SystemCall::kSetEvent, SystemErrorKind::kInvalidHandle> FailSetEvent;
+inline constexpr FailCall<SystemCall::kWaitEvent, SystemErrorKind::kInvalidHandle> FailWaitEvent;
+inline constexpr FailCall<SystemCall::kCreateThread, SystemErrorKind::kOutOfMemory>
+    FailCreateThread;
 
 // --- Clocks ------------------------------------------------------------------------------------
 

@@ -1,7 +1,6 @@
 // Receives messages through the sink of the system library's stand-in.
 #include "support/log_capture.h"
 
-#include <algorithm>
 #include <cassert>
 #include <cstdlib>
 #include <utility>
@@ -29,8 +28,6 @@ std::ostream& operator<<(std::ostream& out, const LoggedMessage& message) {
     }
     return out;
 }
-
-LogCapture::LogCapture() : LogCapture(std::vector<std::string>()) {}
 
 LogCapture::LogCapture(std::vector<std::string> modules)
     : m_modules(std::move(modules)), m_previous(g_current) {
@@ -64,28 +61,6 @@ void K9SYS_CALL LogCapture::Collect(K9SysLogLevel level, const char* module, con
     capture.m_messages.push_back({level, module, text, code});
 }
 
-bool LogCapture::Has(K9SysLogLevel level, std::string_view text) const {
-    const std::lock_guard lock(m_mutex);
-    return std::any_of(m_messages.begin(), m_messages.end(), [&](const LoggedMessage& message) {
-        return message.level == level && message.text == text;
-    });
-}
-
-std::size_t LogCapture::Count(std::string_view text) const {
-    const std::lock_guard lock(m_mutex);
-    return static_cast<std::size_t>(
-        std::count_if(m_messages.begin(), m_messages.end(),
-                      [&](const LoggedMessage& message) { return message.text == text; }));
-}
-
-std::size_t LogCapture::CountContaining(std::string_view part) const {
-    const std::lock_guard lock(m_mutex);
-    return static_cast<std::size_t>(
-        std::count_if(m_messages.begin(), m_messages.end(), [&](const LoggedMessage& message) {
-            return message.text.find(part) != std::string::npos;
-        }));
-}
-
 std::optional<std::uint32_t> LogCapture::CodeOf(std::string_view text) const {
     const std::lock_guard lock(m_mutex);
     for (const LoggedMessage& message : m_messages) {
@@ -101,18 +76,10 @@ std::vector<LoggedMessage> LogCapture::Messages() const {
     return m_messages;
 }
 
-std::vector<std::string> LogCapture::Texts() const {
+std::vector<std::string> LogCapture::Texts(std::optional<K9SysLogLevel> level) const {
     std::vector<std::string> texts;
     for (LoggedMessage& message : Messages()) {
-        texts.push_back(std::move(message.text));
-    }
-    return texts;
-}
-
-std::vector<std::string> LogCapture::Texts(K9SysLogLevel level) const {
-    std::vector<std::string> texts;
-    for (LoggedMessage& message : Messages()) {
-        if (message.level == level) {
+        if (!level || message.level == *level) {
             texts.push_back(std::move(message.text));
         }
     }

@@ -10,6 +10,7 @@
 
 #include <k9sys/k9sys.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
@@ -39,31 +40,46 @@ std::ostream& operator<<(std::ostream& out, const LoggedMessage& message);
 class LogCapture {
   public:
     // All modules, or only the given ones.
-    LogCapture();
-    explicit LogCapture(std::vector<std::string> modules);
+    explicit LogCapture(std::vector<std::string> modules = {});
     ~LogCapture();
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
     // Whether, and how often, a message with exactly this text was logged.
     bool Has(std::string_view text) const { return Count(text) != 0; }
-    bool Has(K9SysLogLevel level, std::string_view text) const;
-    std::size_t Count(std::string_view text) const;
+    bool Has(K9SysLogLevel level, std::string_view text) const {
+        return CountIf([&](const LoggedMessage& message) {
+                   return message.level == level && message.text == text;
+               }) != 0;
+    }
+    std::size_t Count(std::string_view text) const {
+        return CountIf([&](const LoggedMessage& message) { return message.text == text; });
+    }
     // How many messages have `part` in their text.
-    std::size_t CountContaining(std::string_view part) const;
+    std::size_t CountContaining(std::string_view part) const {
+        return CountIf([&](const LoggedMessage& message) {
+            return message.text.find(part) != std::string::npos;
+        });
+    }
     // The code of the first message with exactly this text; none when there is no such message.
     std::optional<std::uint32_t> CodeOf(std::string_view text) const;
 
-    // What was logged since the beginning or the last Clear, oldest first.
+    // What was logged since the beginning or the last Clear, oldest first; texts of all levels or
+    // of one.
     std::vector<LoggedMessage> Messages() const;
-    std::vector<std::string> Texts() const;
-    std::vector<std::string> Texts(K9SysLogLevel level) const;
+    std::vector<std::string> Texts(std::optional<K9SysLogLevel> level = {}) const;
     void Clear();
 
   private:
     static void K9SYS_CALL Collect(K9SysLogLevel level, const char* module, const char* text,
                                    std::uint32_t code, void* context);
     void Install();
+    template <typename Condition>
+    std::size_t CountIf(Condition condition) const {
+        const std::lock_guard lock(m_mutex);
+        return static_cast<std::size_t>(
+            std::count_if(m_messages.begin(), m_messages.end(), condition));
+    }
 
     const std::vector<std::string> m_modules;  // empty: all
     LogCapture* const m_previous;

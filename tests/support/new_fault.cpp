@@ -8,9 +8,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <initializer_list>
+#include <memory>
 #include <new>
-
-#include "support/aligned_memory.h"
 
 namespace k9erepl::test {
 namespace {
@@ -42,25 +41,30 @@ void* AllocOrNull(std::size_t size) {
     return FailsNow() ? nullptr : std::malloc(size == 0 ? 1 : size);
 }
 
-void* AllocOrThrow(std::size_t size) {
-    void* memory = AllocOrNull(size);
-    if (memory == nullptr) {
-        throw std::bad_alloc();
+// Aligned memory lies in a larger piece of the C heap, whose address stands before it.
+void* AllocOrNull(std::size_t size, std::align_val_t alignment) {
+    const std::size_t more = static_cast<std::size_t>(alignment) + sizeof(void*);
+    std::size_t room = size + more;
+    void* const piece = room < size ? nullptr : AllocOrNull(room);
+    if (piece == nullptr) {
+        return nullptr;
     }
+    void* memory = static_cast<char*>(piece) + sizeof(void*);
+    room -= sizeof(void*);
+    std::align(static_cast<std::size_t>(alignment), size, memory, room);
+    static_cast<void**>(memory)[-1] = piece;
     return memory;
 }
 
-void* AlignedAllocOrNull(std::size_t size, std::align_val_t alignment) {
-    if (FailsNow()) {
-        return nullptr;
+void FreeAligned(void* memory) {
+    if (memory != nullptr) {
+        std::free(static_cast<void**>(memory)[-1]);
     }
-    const auto align = static_cast<std::size_t>(alignment);
-    const std::size_t pieces = size / align + (size % align != 0 || size == 0 ? 1 : 0);
-    return AllocAligned(pieces * align, align);
 }
 
-void* AlignedAllocOrThrow(std::size_t size, std::align_val_t alignment) {
-    void* memory = AlignedAllocOrNull(size, alignment);
+template <typename... Alignment>
+void* AllocOrThrow(std::size_t size, Alignment... alignment) {
+    void* memory = AllocOrNull(size, alignment...);
     if (memory == nullptr) {
         throw std::bad_alloc();
     }
@@ -111,16 +115,16 @@ void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
     return AllocOrNull(size);
 }
 void* operator new(std::size_t size, std::align_val_t alignment) {
-    return AlignedAllocOrThrow(size, alignment);
+    return AllocOrThrow(size, alignment);
 }
 void* operator new[](std::size_t size, std::align_val_t alignment) {
-    return AlignedAllocOrThrow(size, alignment);
+    return AllocOrThrow(size, alignment);
 }
 void* operator new(std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
-    return AlignedAllocOrNull(size, alignment);
+    return AllocOrNull(size, alignment);
 }
 void* operator new[](std::size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
-    return AlignedAllocOrNull(size, alignment);
+    return AllocOrNull(size, alignment);
 }
 
 void operator delete(void* memory) noexcept {

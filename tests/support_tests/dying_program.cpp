@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <limits>
 #include <stdexcept>
 #include <thread>
 
@@ -14,11 +13,6 @@ void WriteToNoMemory() {
     *nowhere = 1;
 }
 
-int LargestNumber() {
-    volatile int largest = std::numeric_limits<int>::max();
-    return largest;
-}
-
 class DyingAfterwards : public testing::Test {
   public:
     static void TearDownTestSuite() { std::abort(); }
@@ -26,32 +20,17 @@ class DyingAfterwards : public testing::Test {
 
 }  // namespace
 
-TEST(Dying, NotAtAll) {
-    SUCCEED();
-}
-
+TEST(Dying, NotAtAll) {}
 TEST(Dying, OfAnAbort) {
     std::abort();
 }
-
 TEST(Dying, OfAnException) {
     std::thread([] { throw std::runtime_error("nobody catches this"); }).join();
 }
-
 TEST(Dying, OfAWildWrite) {
     WriteToNoMemory();
 }
-
 TEST(Dying, OfAWildWriteOnAThread) {
     std::thread(WriteToNoMemory).join();
 }
-
-// Where no sanitizer looks, it lives.
-TEST(Dying, OfUndefinedBehaviour) {
-    volatile int sum = LargestNumber() + 1;
-    EXPECT_LT(sum, 0);
-}
-
-TEST_F(DyingAfterwards, OfAnAbort) {
-    SUCCEED();
-}
+TEST_F(DyingAfterwards, OfAnAbort) {}

@@ -9,7 +9,6 @@
 #include <vector>
 
 namespace k9erepl::test {
-
 namespace {
 
 using Texts = std::vector<std::string>;
@@ -20,63 +19,27 @@ void LogOneOfEach() {
     K9LogErrorWithCodeEx(27, "a", "an error");
 }
 
-}  // namespace
-
-TEST(LogCapture, CollectsAllLevelsOfAllModules) {
-    const LogCapture log;
-    LogOneOfEach();
-    EXPECT_EQ(log.Messages(), (std::vector<LoggedMessage>{{K9SYS_LOG_INFO, "a", "an info", 0},
-                                                          {K9SYS_LOG_WARNING, "b", "a warning", 0},
-                                                          {K9SYS_LOG_ERROR, "a", "an error", 27}}));
-}
-
-TEST(LogCapture, CollectsOnlyTheModulesItIsTold) {
-    const LogCapture log({"b"});
-    LogOneOfEach();
-    EXPECT_EQ(log.Texts(), (Texts{"a warning"}));
-}
-
-TEST(LogCapture, FindsExactTexts) {
-    const LogCapture log;
-    LogOneOfEach();
-    EXPECT_TRUE(log.Has("an error"));
-    EXPECT_FALSE(log.Has("an err"));
-    EXPECT_TRUE(log.Has(K9SYS_LOG_ERROR, "an error"));
-    EXPECT_FALSE(log.Has(K9SYS_LOG_WARNING, "an error"));
-}
-
-TEST(LogCapture, CountsTextsAndParts) {
-    const LogCapture log;
-    LogOneOfEach();
-    LogOneOfEach();
-    EXPECT_EQ(log.Count("an info"), 2U);
-    EXPECT_EQ(log.Count("info"), 0U);
-    EXPECT_EQ(log.CountContaining("an "), 4U);
-}
-
-TEST(LogCapture, TellsTheCodeOfAText) {
-    const LogCapture log;
-    LogOneOfEach();
-    EXPECT_EQ(log.CodeOf("an error"), 27U);
-    EXPECT_EQ(log.CodeOf("an info"), 0U);
-    EXPECT_EQ(log.CodeOf("nothing"), std::nullopt);
-}
-
-TEST(LogCapture, TellsTextsOfALevel) {
-    const LogCapture log;
-    LogOneOfEach();
-    EXPECT_EQ(log.Texts(K9SYS_LOG_WARNING), (Texts{"a warning"}));
-    EXPECT_EQ(log.Texts(), (Texts{"an info", "a warning", "an error"}));
-}
-
-TEST(LogCapture, ForgetsWhenCleared) {
+TEST(LogCapture, CollectsWhatIsLoggedUntilItIsCleared) {
     LogCapture log;
     LogOneOfEach();
+    EXPECT_EQ(log.Texts(), (Texts{"an info", "a warning", "an error"}));
+    EXPECT_EQ(log.Texts(K9SYS_LOG_WARNING), (Texts{"a warning"}));
+    EXPECT_TRUE(log.Has(K9SYS_LOG_ERROR, "an error"));
+    EXPECT_FALSE(log.Has(K9SYS_LOG_WARNING, "an error"));
+    EXPECT_FALSE(log.Has("an err"));
+    EXPECT_EQ(log.CountContaining("an "), 2U);
+    EXPECT_EQ(log.CodeOf("an error"), 27U);
+    EXPECT_EQ(log.CodeOf("nothing"), std::nullopt);
+    std::ostringstream out;
+    out << log;
+    EXPECT_EQ(
+        out.str(),
+        "logged:\n  info a: an info\n  warning b: a warning\n  error a: an error (code 27)\n");
     log.Clear();
     EXPECT_EQ(log.Texts(), Texts());
 }
 
-TEST(LogCapture, AnInnerCaptureTakesTheMessagesWhileItLives) {
+TEST(LogCapture, AnInnerCaptureTakesTheMessagesOfItsModulesWhileItLives) {
     const LogCapture outer({"a"});
     {
         const LogCapture inner({"b"});
@@ -88,14 +51,5 @@ TEST(LogCapture, AnInnerCaptureTakesTheMessagesWhileItLives) {
     EXPECT_EQ(outer.Texts(), (Texts{"an info", "an error"}));
 }
 
-TEST(LogCapture, PrintsWhatWasLogged) {
-    const LogCapture log;
-    LogOneOfEach();
-    std::ostringstream out;
-    out << log;
-    EXPECT_EQ(
-        out.str(),
-        "logged:\n  info a: an info\n  warning b: a warning\n  error a: an error (code 27)\n");
-}
-
+}  // namespace
 }  // namespace k9erepl::test

@@ -1,19 +1,23 @@
 // The switch of a call site: what its first execution does, and what later ones do while the system
-// library turns the site on and off. Arguments are evaluated exactly when the system library is
-// called, so counting evaluations counts calls.
+// library turns the site on and off, also on many threads. Arguments are evaluated exactly when the
+// system library is called, so counting evaluations counts calls.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstddef>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include "support/log.h"
 #include "support/log_capture.h"
+#include "support/run_threads.h"
 
 namespace k9erepl::test {
-
 namespace {
+
+using Texts = std::vector<std::string>;
 
 constexpr const char* kModule = "log site test";
 
@@ -41,13 +45,12 @@ class LogSiteTest : public ::testing::Test {
     LogCapture m_log;
 };
 
-}  // namespace
-
-TEST_F(LogSiteTest, ADisabledSiteReachesTheSystemLibraryOnlyOnce) {
+TEST_F(LogSiteTest, EachDisabledSiteReachesTheSystemLibraryOnlyOnce) {
     for (int i = 0; i < 100; ++i) {
         LOG_INFO(kModule, "value %d", Evaluate(i));
+        LOG_INFO(kModule, "value %d", Evaluate(i));
     }
-    static int s_registrations = 1;  // none when the test is repeated
+    static int s_registrations = 2;  // none when the test is repeated
     EXPECT_EQ(g_evaluated, std::exchange(s_registrations, 0));
     EXPECT_EQ(m_log.Messages(), std::vector<LoggedMessage>());
 }
@@ -57,7 +60,7 @@ TEST_F(LogSiteTest, ASiteThatIsEnabledLaterStartsPrinting) {
         SetLevel(i < 3 ? K9SYS_LOG_OFF : K9SYS_LOG_INFO);
         LOG_INFO(kModule, "value %d", Evaluate(i));
     }
-    EXPECT_EQ(m_log.Texts(), (std::vector<std::string>{"value 3", "value 4", "value 5"}));
+    EXPECT_EQ(m_log.Texts(), (Texts{"value 3", "value 4", "value 5"}));
     static int s_registrations = 1;  // none when the test is repeated
     EXPECT_EQ(g_evaluated, std::exchange(s_registrations, 0) + 3);
 }
@@ -67,21 +70,8 @@ TEST_F(LogSiteTest, ASiteThatIsDisabledLaterStopsPrinting) {
         SetLevel(i < 3 ? K9SYS_LOG_INFO : K9SYS_LOG_OFF);
         LOG_INFO(kModule, "value %d", Evaluate(i));
     }
-    EXPECT_EQ(m_log.Texts(), (std::vector<std::string>{"value 0", "value 1", "value 2"}));
+    EXPECT_EQ(m_log.Texts(), (Texts{"value 0", "value 1", "value 2"}));
     EXPECT_EQ(g_evaluated, 3);
-}
-
-TEST_F(LogSiteTest, TheFirstExecutionOfAnEnabledSitePrintsOnce) {
-    SetLevel(K9SYS_LOG_INFO);
-    LOG_WARNING(kModule, "once");
-    EXPECT_EQ(m_log.Count("once"), 1U);
-}
-
-TEST_F(LogSiteTest, TwoSitesWithOneTextAreTwoSites) {
-    LOG_INFO(kModule, "value %d", Evaluate(1));
-    LOG_INFO(kModule, "value %d", Evaluate(1));
-    static int s_registrations = 2;  // none when the test is repeated
-    EXPECT_EQ(g_evaluated, std::exchange(s_registrations, 0));
 }
 
 TEST_F(LogSiteTest, LevelsAreSwitchedSeparately) {
@@ -91,8 +81,7 @@ TEST_F(LogSiteTest, LevelsAreSwitchedSeparately) {
         LOG_WARNING(kModule, "warning %d", i);
         LOG_ERROR(kModule, "error %d", i);
     }
-    EXPECT_EQ(m_log.Texts(),
-              (std::vector<std::string>{"warning 0", "error 0", "warning 1", "error 1"}));
+    EXPECT_EQ(m_log.Texts(), (Texts{"warning 0", "error 0", "warning 1", "error 1"}));
 }
 
 TEST_F(LogSiteTest, EachMacroLogsAtItsLevelFirstAndLater) {
@@ -128,10 +117,6 @@ TEST_F(LogSiteTest, ArgumentsOfEveryKindArriveWhole) {
                  std::size_t{5}, 6U, 0x8011U, u64{7}, 8.125);
     }
     EXPECT_EQ(m_log.Count("-1 2 three -4 5 6 0x8011 7 8.12"), 2U);
-}
-
-TEST_F(LogSiteTest, FieldsOfPackedRecordsMayBeLogged) {
-    SetLevel(K9SYS_LOG_INFO);
     const PackedRecord record = {1, 77};
     LOG_INFO(kModule, "Loaded rec;rev %I64d", record.rev);
     EXPECT_TRUE(m_log.Has("Loaded rec;rev 77"));
@@ -146,7 +131,7 @@ TEST_F(LogSiteTest, ASiteIsAStatementInAnyBranch) {
     else
         LOG_INFO(kModule, "no");
     // NOLINTEND(readability-braces-around-statements)
-    EXPECT_EQ(m_log.Texts(), (std::vector<std::string>{"yes"}));
+    EXPECT_EQ(m_log.Texts(), (Texts{"yes"}));
 }
 
 TEST_F(LogSiteTest, TheModuleNamesAreTheSystemsOwn) {
@@ -155,4 +140,40 @@ TEST_F(LogSiteTest, TheModuleNamesAreTheSystemsOwn) {
     EXPECT_STREQ(kLogTiming, "***TP***");
 }
 
+constexpr int kThreads = 8;
+constexpr int kRounds = 200;
+
+TEST(LogSiteThreads, AFreshSiteLogsEveryMessageOnce) {
+    const LogCapture log({kModule});
+    std::atomic<int> waiting{kThreads};
+    RunThreads(kThreads, [&](int) {
+        --waiting;
+        while (waiting != 0) {
+            std::this_thread::yield();
+        }
+        for (int round = 0; round < kRounds; ++round) {
+            LOG_INFO(kModule, "round %d", round);
+        }
+    });
+    for (int round = 0; round < kRounds; ++round) {
+        ASSERT_EQ(log.Count("round " + std::to_string(round)), static_cast<std::size_t>(kThreads));
+    }
+}
+
+TEST(LogSiteThreads, ALevelMayChangeWhileASiteIsUsed) {
+    const LogCapture log({kModule});
+    RunThreads(kThreads, [](int number) {
+        for (int round = 0; round < kRounds; ++round) {
+            if (number == 0) {
+                K9SysSetLogLevel(kModule, round % 2 == 0 ? K9SYS_LOG_OFF : K9SYS_LOG_INFO);
+            }
+            LOG_INFO(kModule, "text");
+        }
+    });
+    // The level ends at info, so the last message of the thread that sets it is there.
+    EXPECT_GE(log.Count("text"), 1U);
+    EXPECT_EQ(log.Count("text"), log.Messages().size());
+}
+
+}  // namespace
 }  // namespace k9erepl::test

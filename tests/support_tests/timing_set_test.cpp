@@ -13,207 +13,139 @@
 #include "support/new_fault.h"
 
 namespace k9erepl::test {
-
 namespace {
 
-constexpr i64 kTicksPerSecond = 10'000'000;  // ten a microsecond
+constexpr i64 kTicksPerSecond = 10'000'000;
 constexpr i64 kTicksPerMicrosecond = 10;
 
 class TimingSetTest : public ::testing::Test {
   protected:
-    TimingSetTest() {
+    static TimingSet WithTestClock() {
         SetPerformanceFrequency(kTicksPerSecond);
         SetPerformanceCounter(1000);
+        return TimingSet();
     }
-
-    static void Measure(TimingSet& timing, u32 index, i64 microseconds) {
-        timing.Start(index);
-        AdvancePerformanceCounter(microseconds * kTicksPerMicrosecond);
-        timing.Stop(index);
+    // Intervals of that many microseconds.
+    void Measure(u32 index, const std::vector<i64>& microseconds) {
+        for (const i64 interval : microseconds) {
+            m_timing.Start(index);
+            AdvancePerformanceCounter(interval * kTicksPerMicrosecond);
+            m_timing.Stop(index);
+        }
     }
-
-    // The line that a report logs.
-    std::string Report(TimingSet& timing) {
+    void ExpectError(const std::string& text) {
+        EXPECT_EQ(m_log.Messages(),
+                  (std::vector<LoggedMessage>{{K9SYS_LOG_ERROR, kLogTiming, text, 0}}));
+    }
+    // What is reported from here on is this one line.
+    void ExpectReport(const std::string& line) { ExpectReport(m_timing, line); }
+    void ExpectReport(TimingSet& timing, const std::string& line) {
         m_log.Clear();
         timing.Report();
-        const auto messages = m_log.Messages();
-        EXPECT_EQ(messages.size(), 1U) << m_log;
-        EXPECT_EQ(messages.at(0).level, K9SYS_LOG_INFO);
-        EXPECT_EQ(messages.at(0).module, kLogTiming);
-        return messages.at(0).text;
+        EXPECT_EQ(m_log.Messages(),
+                  (std::vector<LoggedMessage>{{K9SYS_LOG_INFO, kLogTiming, line, 0}}));
     }
 
     const ScopedSystemCalls m_systemCalls;
     LogCapture m_log;
+    TimingSet m_timing = WithTestClock();
 };
 
-}  // namespace
-
 TEST_F(TimingSetTest, CountersAreNumberedInTheOrderOfRegistration) {
-    TimingSet timing;
-    EXPECT_EQ(timing.Register("Flush"), 0U);
-    EXPECT_EQ(timing.Register("OnFlushCb"), 1U);
-    EXPECT_EQ(timing.Register("flush"), 2U);
-    EXPECT_EQ(m_log.Messages(), std::vector<LoggedMessage>());
+    EXPECT_EQ(m_timing.Register("Flush"), 0U);
+    EXPECT_EQ(m_timing.Register("OnFlushCb"), 1U);
+    EXPECT_EQ(m_timing.Register("flush"), 2U);
+    EXPECT_TRUE(m_log.Messages().empty());
+    EXPECT_EQ(m_timing.Register("OnFlushCb"), 1U);
+    ExpectError("Counter 'OnFlushCb' has already registered");
 }
 
-TEST_F(TimingSetTest, RegisteringANameTwiceIsLoggedAndReturnsTheFirstIndex) {
-    TimingSet timing;
-    timing.Register("Idx-Save");
-    const u32 first = timing.Register("Flush");
-    EXPECT_EQ(timing.Register("Flush"), first);
-    EXPECT_EQ(m_log.Messages(),
-              (std::vector<LoggedMessage>{
-                  {K9SYS_LOG_ERROR, kLogTiming, "Counter 'Flush' has already registered", 0}}));
-}
-
-TEST_F(TimingSetTest, SeveralIntervalsReportTheirSumCountAndMean) {
-    TimingSet timing;
-    const u32 flush = timing.Register("Flush");
-    Measure(timing, flush, 10);
-    Measure(timing, flush, 20);
-    Measure(timing, flush, 30);
-    EXPECT_EQ(Report(timing), "Flush: 60.00 mcs (3 x 20.00 mcs)  ");
-}
-
-TEST_F(TimingSetTest, OneIntervalReportsNoParenthesis) {
-    TimingSet timing;
-    Measure(timing, timing.Register("Flush"), 25);
-    EXPECT_EQ(Report(timing), "Flush: 25.00 mcs  ");
-}
-
-TEST_F(TimingSetTest, ACounterNeverMeasuredReportsZero) {
-    TimingSet timing;
-    timing.Register("Flush");
-    EXPECT_EQ(Report(timing), "Flush: 0.00 mcs  ");
+TEST_F(TimingSetTest, AReportHasSumCountAndMeanOfEveryCounterInOrder) {
+    const u32 save = m_timing.Register("Idx-Save");
+    const u32 sync = m_timing.Register("Idx-Sync");
+    m_timing.Register("Flush");
+    Measure(sync, {25});
+    Measure(save, {1, 2});
+    ExpectReport("Idx-Save: 3.00 mcs (2 x 1.50 mcs)  Idx-Sync: 25.00 mcs  Flush: 0.00 mcs  ");
 }
 
 TEST_F(TimingSetTest, PartsOfAMicrosecondHaveTwoDecimals) {
-    TimingSet timing;
-    const u32 flush = timing.Register("Flush");
-    timing.Start(flush);
+    const u32 flush = m_timing.Register("Flush");
+    m_timing.Start(flush);
     AdvancePerformanceCounter(123);
-    timing.Stop(flush);
-    EXPECT_EQ(Report(timing), "Flush: 12.30 mcs  ");
-}
-
-TEST_F(TimingSetTest, AReportHasEveryCounterInOrder) {
-    TimingSet timing;
-    const u32 save = timing.Register("Idx-Save");
-    const u32 sync = timing.Register("Idx-Sync");
-    Measure(timing, sync, 5);
-    Measure(timing, save, 1);
-    Measure(timing, save, 2);
-    EXPECT_EQ(Report(timing), "Idx-Save: 3.00 mcs (2 x 1.50 mcs)  Idx-Sync: 5.00 mcs  ");
+    m_timing.Stop(flush);
+    ExpectReport("Flush: 12.30 mcs  ");
 }
 
 TEST_F(TimingSetTest, AfterAReportEveryCounterReadsZero) {
-    TimingSet timing;
-    const u32 flush = timing.Register("Flush");
-    timing.Register("WriteData1");
-    Measure(timing, flush, 10);
-    Report(timing);
-    EXPECT_EQ(Report(timing), "Flush: 0.00 mcs  WriteData1: 0.00 mcs  ");
-    Measure(timing, flush, 7);
-    EXPECT_EQ(Report(timing), "Flush: 7.00 mcs  WriteData1: 0.00 mcs  ");
+    const u32 flush = m_timing.Register("Flush");
+    Measure(flush, {10});
+    ExpectReport("Flush: 10.00 mcs  ");
+    ExpectReport("Flush: 0.00 mcs  ");
+    Measure(flush, {7});
+    ExpectReport("Flush: 7.00 mcs  ");
 }
 
 TEST_F(TimingSetTest, StartingTwiceIsLoggedAndLosesWhatWasGathered) {
-    TimingSet timing;
-    const u32 flush = timing.Register("Flush");
-    Measure(timing, flush, 100);
-    timing.Start(flush);
+    const u32 flush = m_timing.Register("Flush");
+    Measure(flush, {100});
+    m_timing.Start(flush);
     AdvancePerformanceCounter(50 * kTicksPerMicrosecond);
-    Measure(timing, flush, 8);
-    EXPECT_EQ(m_log.Messages(),
-              (std::vector<LoggedMessage>{
-                  {K9SYS_LOG_ERROR, kLogTiming, "Counter 'Flush' has already started", 0}}));
-    EXPECT_EQ(Report(timing), "Flush: 8.00 mcs  ");
+    Measure(flush, {8});
+    ExpectError("Counter 'Flush' has already started");
+    ExpectReport("Flush: 8.00 mcs  ");
 }
 
-TEST_F(TimingSetTest, ARunningCounterIsNotReported) {
-    TimingSet timing;
-    const u32 flush = timing.Register("Flush");
-    timing.Start(flush);
+TEST_F(TimingSetTest, ARunningCounterIsNotReportedAndEndsWithTheReport) {
+    const u32 flush = m_timing.Register("Flush");
+    m_timing.Start(flush);
     AdvancePerformanceCounter(50 * kTicksPerMicrosecond);
-    EXPECT_EQ(Report(timing), "Flush: 0.00 mcs  ");
-}
-
-TEST_F(TimingSetTest, AReportEndsWhatIsRunning) {
-    TimingSet timing;
-    const u32 flush = timing.Register("Flush");
-    timing.Start(flush);
-    timing.Report();
+    ExpectReport("Flush: 0.00 mcs  ");
+    m_timing.Stop(flush);
+    ExpectReport("Flush: 0.00 mcs  ");
     m_log.Clear();
-    timing.Start(flush);
-    EXPECT_EQ(m_log.Messages(), std::vector<LoggedMessage>());
+    m_timing.Start(flush);
+    EXPECT_TRUE(m_log.Messages().empty());
 }
 
-TEST_F(TimingSetTest, ResettingKeepsTheCounters) {
-    TimingSet timing;
-    Measure(timing, timing.Register("Flush"), 10);
-    timing.Reset(false);
-    EXPECT_EQ(Report(timing), "Flush: 0.00 mcs  ");
+TEST_F(TimingSetTest, ResettingKeepsTheCountersOrRemovesThem) {
+    Measure(m_timing.Register("Flush"), {10});
+    m_timing.Reset(false);
+    ExpectReport("Flush: 0.00 mcs  ");
+    m_timing.Reset(true);
+    ExpectReport("");
+    EXPECT_EQ(m_timing.Register("WriteData1"), 0U);
 }
 
-TEST_F(TimingSetTest, ResettingAllRemovesTheCounters) {
-    TimingSet timing;
-    timing.Register("Flush");
-    timing.Reset(true);
-    EXPECT_EQ(Report(timing), "");
-    EXPECT_EQ(timing.Register("WriteData1"), 0U);
-}
-
-TEST_F(TimingSetTest, ALongNameIsCutToTheCountersText) {
-    TimingSet timing;
-    const std::string name(200, 'n');
-    timing.Register(name.c_str());
-    EXPECT_EQ(Report(timing), std::string(127, 'n') + "  ");
-}
-
-TEST_F(TimingSetTest, TheMeanIsCutToTheRoomThatIsLeft) {
-    TimingSet timing;
-    const std::string name(110, 'n');
-    const u32 index = timing.Register(name.c_str());
-    Measure(timing, index, 10);
-    Measure(timing, index, 20);
-    EXPECT_EQ(Report(timing), name + ": 30.00 mcs (2 x   ");
+TEST_F(TimingSetTest, ACountersTextIsCutToItsRoom) {
+    const std::string fits(110, 'n');
+    m_timing.Register(std::string(200, 'x').c_str());
+    Measure(m_timing.Register(fits.c_str()), {10, 20});
+    ExpectReport(std::string(127, 'x') + "  " + fits + ": 30.00 mcs (2 x   ");
 }
 
 TEST_F(TimingSetTest, WithoutAFrequencyDurationsAreNegative) {
     Fail(SystemCall::kPerformanceFrequency, 1);
     TimingSet timing;
-    EXPECT_EQ(m_log.Messages(),
-              (std::vector<LoggedMessage>{
-                  {K9SYS_LOG_ERROR, kLogTiming, "QueryPerformanceFrequency() failed", 0}}));
-    Measure(timing, timing.Register("Flush"), 10);
-    EXPECT_EQ(Report(timing), "Flush: -100.00 mcs  ");
+    ExpectError("QueryPerformanceFrequency() failed");
+    const u32 flush = timing.Register("Flush");
+    timing.Start(flush);
+    AdvancePerformanceCounter(100);
+    timing.Stop(flush);
+    ExpectReport(timing, "Flush: -100.00 mcs  ");
 }
 
 TEST_F(TimingSetTest, MeasuringAndReportingAllocateNothing) {
-    TimingSet timing;
     for (const char* name : {"Flush", "OnFlushCb", "ForcedFlush", "FlushOnIdle"}) {
-        timing.Register((name + std::string(100, 'n')).c_str());
+        m_timing.Register((name + std::string(100, 'n')).c_str());
     }
     K9SysSetLogLevel(kLogTiming, K9SYS_LOG_OFF);
-    timing.Report();
+    m_timing.Report();
+    const std::vector<i64> intervals(10, 10);
     const u64 before = NewCallsOfThisThread();
-    for (int i = 0; i < 10; ++i) {
-        Measure(timing, 0, 10);
-    }
-    timing.Report();
+    Measure(0, intervals);
+    m_timing.Report();
     EXPECT_EQ(NewCallsOfThisThread(), before);
-}
-
-TEST_F(TimingSetTest, StoppingACounterThatDoesNotRunDoesNothing) {
-    TimingSet timing;
-    const u32 flush = timing.Register("Flush");
-    timing.Stop(flush);
-    EXPECT_EQ(Report(timing), "Flush: 0.00 mcs  ");
-    timing.Start(flush);
-    Report(timing);
-    timing.Stop(flush);
-    EXPECT_EQ(Report(timing), "Flush: 0.00 mcs  ");
 }
 
 TEST_F(TimingSetTest, RegisteringWithoutMemoryThrowsAndAddsNothing) {
@@ -233,9 +165,9 @@ TEST_F(TimingSetTest, RegisteringWithoutMemoryThrowsAndAddsNothing) {
             struck = fault.Struck();
         }
         EXPECT_EQ(threw, struck);
-        EXPECT_EQ(Report(timing),
-                  struck ? "Flush: 0.00 mcs  " : "Flush: 0.00 mcs  " + longName + ": 0.00 mcs  ");
+        ExpectReport(timing, "Flush: 0.00 mcs  " + (struck ? "" : longName + ": 0.00 mcs  "));
     }
 }
 
+}  // namespace
 }  // namespace k9erepl::test

@@ -3,7 +3,6 @@
 #include <link.h>
 
 #include "api/dynamic_symbols.h"
-#include "api/file_image.h"
 
 namespace k9erepl::test {
 namespace {
@@ -17,7 +16,8 @@ void TakeSymbols(const FileImage& image, const Section& table, const Section& na
     for (std::size_t at = 0; at < table.sh_size; at += sizeof(Symbol)) {
         const auto symbol = image.At<Symbol>(table.sh_offset + at);
         const std::string name = image.TextAt(names.sh_offset + symbol.st_name);
-        if (!name.empty()) {
+        // The name of the binary interface's version is an absolute symbol.
+        if (!name.empty() && symbol.st_shndx != SHN_ABS) {
             (symbol.st_shndx == SHN_UNDEF ? symbols->imported : symbols->defined).insert(name);
         }
     }

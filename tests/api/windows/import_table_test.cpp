@@ -2,15 +2,10 @@
 // system library.
 #include <gtest/gtest.h>
 
-#include <set>
-#include <string>
-
 #include "api/dynamic_symbols.h"
 
 namespace k9erepl::test {
 namespace {
-
-using Names = std::set<std::string>;
 
 // Parts of Windows. The C library is one of the two, as the compiler has it.
 const Names kSystem{"KERNEL32.DLL", "USER32.DLL", "MSVCRT.DLL", "UCRTBASE.DLL"};
@@ -18,8 +13,6 @@ const Names kSystem{"KERNEL32.DLL", "USER32.DLL", "MSVCRT.DLL", "UCRTBASE.DLL"};
 bool IsPartOfTheSystem(const std::string& library) {
     return kSystem.contains(library) || library.starts_with("API-MS-WIN-CRT-");
 }
-
-}  // namespace
 
 TEST(ImportTable, NamesTheSystemAndTheHostsSystemLibraryOnly) {
     Names others;
@@ -42,4 +35,5 @@ TEST(ImportTable, TakesTheMessageBoxFromTheSystem) {
     EXPECT_EQ(symbols.importedFrom.at("USER32.DLL"), Names{"MessageBoxA"});
 }
 
+}  // namespace
 }  // namespace k9erepl::test

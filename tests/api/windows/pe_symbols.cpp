@@ -6,7 +6,6 @@
 #include <cstddef>
 
 #include "api/dynamic_symbols.h"
-#include "api/file_image.h"
 #include "platform/int_types.h"
 #include "platform/windows/win32.h"
 
@@ -51,7 +50,7 @@ class Dll {
             if (library.Name == 0) {
                 return;
             }
-            const std::set<std::string> names = Names(library.OriginalFirstThunk);
+            const Names names = NamesAt(library.OriginalFirstThunk);
             symbols->imported.insert(names.begin(), names.end());
             symbols->importedFrom[Capitals(LoadedText(library.Name))] = names;
         }
@@ -82,8 +81,8 @@ class Dll {
     }
     std::string LoadedText(u32 address) const { return m_image.TextAt(Offset(address)); }
 
-    std::set<std::string> Names(u32 thunks) const {
-        std::set<std::string> names;
+    Names NamesAt(u32 thunks) const {
+        Names names;
         for (u32 at = thunks;; at += u32{sizeof(Thunk)}) {
             const auto entry = Loaded<Thunk>(at).u1.Ordinal;
             if (entry == 0) {

@@ -38,49 +38,33 @@ struct Stream {
     int test = -1;
 };
 
-Stream OpenInput(const std::string& path) {
+// A file that the child reads or writes, or a pipe if there is no path.
+Stream Open(const std::string& path, bool childReads) {
     if (!path.empty()) {
-        return {Checked(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY), path.c_str()), -1};
+        const int flags = childReads ? O_RDONLY : O_WRONLY | O_CREAT | O_TRUNC;
+        return {Checked(open(path.c_str(), flags | O_CLOEXEC | O_NOCTTY, 0666), path.c_str()), -1};
     }
     int ends[2];
     Checked(pipe2(ends, O_CLOEXEC), "pipe");
-    return {ends[0], ends[1]};
+    return childReads ? Stream{ends[0], ends[1]} : Stream{ends[1], ends[0]};
 }
 
-Stream OpenOutput(const std::string& path) {
-    if (!path.empty()) {
-        constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY;
-        return {Checked(open(path.c_str(), kFlags, 0666), path.c_str()), -1};
+// What the child does before exec with its ends of the streams.
+void SetUp(const ChildOptions& options, int input, int output, int error) {
+    dup2(input, STDIN_FILENO);
+    dup2(output, STDOUT_FILENO);
+    if (error >= 0) {
+        dup2(error, STDERR_FILENO);
     }
-    int ends[2];
-    Checked(pipe2(ends, O_CLOEXEC), "pipe");
-    return {ends[1], ends[0]};
+    if (options.fileSizeMax != 0) {
+        const rlimit limit = {options.fileSizeMax, options.fileSizeMax};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        (void)signal(SIGXFSZ, SIG_IGN);  // a write past the limit fails with EFBIG
+    }
+    if (options.obeysPermissions) {
+        prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE);  // who may not drop it has not got it
+    }
 }
-
-// What the child does before exec.
-struct ChildSetup {
-    int input = -1;
-    int output = -1;
-    int error = -1;
-    u64 fileSizeMax = 0;
-    bool obeysPermissions = false;
-
-    void Apply() const {
-        dup2(input, STDIN_FILENO);
-        dup2(output, STDOUT_FILENO);
-        if (error >= 0) {
-            dup2(error, STDERR_FILENO);
-        }
-        if (fileSizeMax != 0) {
-            const rlimit limit = {fileSizeMax, fileSizeMax};
-            setrlimit(RLIMIT_FSIZE, &limit);
-            (void)signal(SIGXFSZ, SIG_IGN);  // a write past the limit fails with EFBIG
-        }
-        if (obeysPermissions) {
-            prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE);  // who may not drop it has not got it
-        }
-    }
-};
 
 // The test's environment with the changes that ChildOptions::environment asks for.
 std::vector<std::string> ChangedEnvironment(const std::vector<std::string>& changes) {
@@ -109,13 +93,13 @@ std::vector<char*> Pointers(const std::vector<std::string>& texts) {
     return pointers;
 }
 
-pid_t Start(const ChildOptions& options, const ChildSetup& setup) {
+pid_t Start(const ChildOptions& options, int input, int output, int error) {
     const std::vector<char*> arguments = Pointers(options.arguments);
     const std::vector<std::string> items = ChangedEnvironment(options.environment);
     const std::vector<char*> environment = Pointers(items);
     const pid_t process = Checked(fork(), "fork");
     if (process == 0) {
-        setup.Apply();
+        SetUp(options, input, output, error);
         execve(arguments[0], arguments.data(), environment.data());
         _exit(127);
     }
@@ -125,14 +109,13 @@ pid_t Start(const ChildOptions& options, const ChildSetup& setup) {
 }  // namespace
 
 ChildProcess::ChildProcess(const ChildOptions& options) {
-    Stream input = OpenInput(options.inputPath);
-    Stream output = OpenOutput(options.outputPath);
+    Stream input = Open(options.inputPath, true);
+    Stream output = Open(options.outputPath, false);
     Stream error;
     if (!options.errorPath.empty()) {
-        error = OpenOutput(options.errorPath);
+        error = Open(options.errorPath, false);
     }
-    m_process = Start(options, {input.child, output.child, error.child, options.fileSizeMax,
-                                options.obeysPermissions});
+    m_process = Start(options, input.child, output.child, error.child);
     m_input = input.test;
     m_output = output.test;
     CloseDescriptor(input.child);

@@ -36,25 +36,19 @@ std::array g_signals = {DeadlySignal{SIGABRT, "SIGABRT"}, DeadlySignal{SIGSEGV, 
                         DeadlySignal{SIGFPE, "SIGFPE"}};
 #endif
 
-void Write(DeathNotice& notice) {
-    notice.Add("\n");
-    (void)!write(STDERR_FILENO, notice.Text(), notice.Size());
-}
-
 void OnDeadlySignal(int number, siginfo_t* info, void*) {
     for (const DeadlySignal& deadly : g_signals) {
         if (deadly.number != number) {
             continue;
         }
         sigaction(number, &deadly.before, nullptr);
-        if (DeathNotice::IsFirst()) {
-            DeathNotice notice;
-            notice.Add(deadly.name);
+        if (TellDeath()) {
+            Tell(deadly.name);
             if (info->si_code > 0) {
-                notice.Add(" at address ");
-                notice.AddHex(reinterpret_cast<std::uintptr_t>(info->si_addr));
+                Tell(" at address ");
+                TellHex(reinterpret_cast<std::uintptr_t>(info->si_addr));
             }
-            Write(notice);
+            TellEnd();
         }
     }
     // A faulting instruction is repeated and faults again; a signal that somebody sent is not.
@@ -65,10 +59,9 @@ void OnDeadlySignal(int number, siginfo_t* info, void*) {
 
 #ifdef K9EREPL_SANITIZER_TELLS
 void OnSanitizersDeath() {
-    if (DeathNotice::IsFirst()) {
-        DeathNotice notice;
-        notice.Add("ended by a sanitizer");
-        Write(notice);
+    if (TellDeath()) {
+        Tell("ended by a sanitizer");
+        TellEnd();
     }
 }
 #endif
@@ -84,6 +77,10 @@ extern "C" __attribute__((visibility("default"))) const char* __ubsan_default_op
 #endif
 
 namespace k9erepl::test {
+
+void WriteToStandardError(const char* text, std::size_t size) {
+    (void)!write(STDERR_FILENO, text, size);
+}
 
 void WatchForDeath() {
 #ifdef K9EREPL_SANITIZER_TELLS

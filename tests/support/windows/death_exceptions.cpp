@@ -7,13 +7,6 @@
 namespace k9erepl::test {
 namespace {
 
-void Write(DeathNotice& notice) {
-    notice.Add("\n");
-    DWORD written = 0;
-    WriteFile(GetStdHandle(STD_ERROR_HANDLE), notice.Text(), static_cast<DWORD>(notice.Size()),
-              &written, nullptr);
-}
-
 // The program's image in memory: addresses are told as offsets in it, as its symbols need them.
 struct Image {
     DWORD_PTR begin = reinterpret_cast<DWORD_PTR>(GetModuleHandleA(nullptr));
@@ -30,7 +23,7 @@ struct Image {
 
 // Words of the stack that may be return addresses into the program, the innermost first. Frames
 // need no walking for that, and a damaged stack does not stop it.
-void AddStack(DeathNotice& notice, const CONTEXT& context, const Image& image) {
+void TellStack(const CONTEXT& context, const Image& image) {
 #ifdef _WIN64
     const DWORD_PTR top = context.Rsp;
 #else
@@ -40,48 +33,51 @@ void AddStack(DeathNotice& notice, const CONTEXT& context, const Image& image) {
         reinterpret_cast<DWORD_PTR>(reinterpret_cast<const NT_TIB*>(NtCurrentTeb())->StackBase);
     constexpr int kAddressesMax = 40;
     int told = 0;
-    notice.Add(", stack");
+    Tell(", stack");
     for (DWORD_PTR word = top; word + sizeof word <= end && told < kAddressesMax;
          word += sizeof word) {
         const DWORD_PTR value = *reinterpret_cast<const DWORD_PTR*>(word);
         if (image.Contains(value)) {
-            notice.Add(" ");
-            notice.AddHex(value - image.begin);
+            Tell(" ");
+            TellHex(value - image.begin);
             ++told;
         }
     }
 }
 
 LONG WINAPI OnUnhandledException(EXCEPTION_POINTERS* pointers) {
-    if (DeathNotice::IsFirst()) {
+    if (TellDeath()) {
         const EXCEPTION_RECORD& exception = *pointers->ExceptionRecord;
         const Image image;
-        DeathNotice notice;
-        notice.Add("exception ");
-        notice.AddHex(exception.ExceptionCode);
-        notice.Add(" in code at ");
-        notice.AddHex(reinterpret_cast<DWORD_PTR>(exception.ExceptionAddress));
+        Tell("exception ");
+        TellHex(exception.ExceptionCode);
+        Tell(" in code at ");
+        TellHex(reinterpret_cast<DWORD_PTR>(exception.ExceptionAddress));
         if (exception.NumberParameters >= 2) {
-            notice.Add(", address ");
-            notice.AddHex(exception.ExceptionInformation[1]);
+            Tell(", address ");
+            TellHex(exception.ExceptionInformation[1]);
         }
-        notice.Add(", program at ");
-        notice.AddHex(image.begin);
-        AddStack(notice, *pointers->ContextRecord, image);
-        Write(notice);
+        Tell(", program at ");
+        TellHex(image.begin);
+        TellStack(*pointers->ContextRecord, image);
+        TellEnd();
     }
     return EXCEPTION_EXECUTE_HANDLER;  // ends with the exception's code, and asks nobody
 }
 
 void OnAbort(int) {
-    if (DeathNotice::IsFirst()) {
-        DeathNotice notice;
-        notice.Add("aborted");
-        Write(notice);
+    if (TellDeath()) {
+        Tell("aborted");
+        TellEnd();
     }
 }
 
 }  // namespace
+
+void WriteToStandardError(const char* text, std::size_t size) {
+    DWORD written = 0;
+    WriteFile(GetStdHandle(STD_ERROR_HANDLE), text, static_cast<DWORD>(size), &written, nullptr);
+}
 
 void WatchForDeath() {
     SetUnhandledExceptionFilter(OnUnhandledException);

@@ -1,11 +1,8 @@
 // What stands for a module on Windows: its handle.
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
 #include <gtest/gtest.h>
-#include <windows.h>
 
-#include "k9sys/registration.h"
+#include "k9sys/stand_in_fixture.h"
+#include "platform/windows/win32.h"
 
 namespace k9erepl::test {
 

@@ -1,21 +1,24 @@
-// The stand-in without memory: nothing is thrown at the caller, and what cannot be kept is said.
-#include <gtest/gtest.h>
-
+// What can be tried on POSIX systems only: a module that any address in it names, the stand-in
+// without memory (a DLL of Windows has an operator new of its own), and a host's own library in the
+// place of the stand-in.
+#include <algorithm>
 #include <cstddef>
-#include <cstdint>
 
-#include "k9sys/sink_fixture.h"
+#include "k9sys/child_fixture.h"
+#include "k9sys/stand_in_fixture.h"
 #include "support/new_fault.h"
 
 namespace k9erepl::test {
-
 namespace {
 
 constexpr std::uint32_t kNoMemory = 1;
 
-using NoMemory = SinkFixture;
+TEST(ModuleStatistics, AnAddressInALibraryIsTheLibrary) {
+    const Registration registration(reinterpret_cast<void*>(&K9SysRegisteredModuleCount));
+    EXPECT_EQ(std::string(registration.name).substr(0, 8), "libK9Sys");
+}
 
-}  // namespace
+using NoMemory = SinkFixture;
 
 TEST_F(NoMemory, AFreshModuleStillHasAFlagOfTheDefaultLevel) {
     const std::string module(100, 'm');
@@ -70,17 +73,44 @@ TEST_F(NoMemory, AListOfLevelsIsRefusedWithoutAnyChange) {
 TEST_F(NoMemory, AModuleIsNotRegistered) {
     const std::uint32_t before = K9SysRegisteredModuleCount();
     bool struck = true;
-    std::uint32_t id = UINT32_MAX;
     for (std::uint32_t nth = 1; struck; ++nth) {
         const FailNthNew fault(nth);
-        const std::uint32_t result =
-            K9MQStatSetBinaryModuleVersion(nullptr, "p", "v", &id, nullptr, 0, nullptr, 0);
+        const Registration registration;
         struck = fault.Struck();
-        EXPECT_EQ(result, struck ? kNoMemory : 0U);
-        EXPECT_EQ(id == UINT32_MAX, struck);
+        EXPECT_EQ(registration.result, struck ? kNoMemory : 0U);
+        EXPECT_EQ(K9SysRegisteredModuleCount(), struck ? before : before + 1);
     }
-    EXPECT_EQ(K9SysRegisteredModuleCount(), before + 1);
-    K9MQStatUnregisterModule(id);
 }
 
+// LD_BIND_NOW: an import that the host's library lacks would end the program.
+class OwnHost : public ChildTest {
+  protected:
+    OwnHost() { m_environment = {"LD_BIND_NOW=1", "LD_LIBRARY_PATH=" K9SYS_OWN_HOST_FOLDER}; }
+};
+
+TEST_F(OwnHost, TakesThePlaceOfTheStandInAtEveryCall) {
+    ASSERT_TRUE(Run("levels", {"K9SYS_LOG=off"}));
+    EXPECT_EQ(
+        LinesOf(m_standardError),
+        (Lines{"host error a: an error", "host warning a: a warning", "host info a: an info",
+               "host error b: an error", "host warning b: a warning", "host info b: an info"}));
+    ASSERT_TRUE(Run("sites", {}));
+    EXPECT_EQ(
+        LinesOf(m_standardError),
+        (Lines{"host info k9eRepl-storage: round %d", "host info k9eRepl-storage: round %d",
+               "host error k9eRepl-storage: state %d", "host error k9eRepl-storage: state %d"}));
+}
+
+TEST_F(OwnHost, IsAllThatTheStorageLibraryNeeds) {
+    ASSERT_TRUE(RunProgram({K9SYS_OWN_HOST_CLIENT}));
+    const Lines lines = LinesOf(m_standardError);
+    EXPECT_FALSE(lines.empty());
+    for (const std::string& line : lines) {
+        EXPECT_EQ(line.substr(0, 5), "host ") << line;
+    }
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "host unregisters module 0"), 1)
+        << "with the id that it gave";
+}
+
+}  // namespace
 }  // namespace k9erepl::test
