@@ -6,6 +6,7 @@
 
 #include "engine/repl_storage.h"
 #include "support/exception_barrier.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -22,7 +23,7 @@ inline CK9eReplStorage& StorageOf(void* handle) {
 // EndException). By then the storage may be gone: a callback may have closed the last handle before
 // it threw, so nothing touches the storage behind `work`. Takes no lock itself; the storage does.
 template <typename Work>
-[[nodiscard]] u32 CallStorage(const char* function, void* handle, Work work) {
+[[nodiscard]] ResultCode CallStorage(const char* function, void* handle, Work work) {
     if (handle == nullptr) {
         return RC_INVALID_ARG;
     }

@@ -36,7 +36,7 @@ bool EndsBelow(const MemoryBlocks::value_type& entry, i64 rev) {
     return block->used == 0 ? firstRev < rev : block->lastRev < rev;
 }
 
-u32 RefuseSize(u64 need, u64 limit) {
+ResultCode RefuseSize(u64 need, u64 limit) {
     LOG_ERROR_CODE(RC_INVALID_ARG, kLogStorage,
                    "Rec size with header %I64d exceeds free block size %I64d",
                    static_cast<i64>(need), static_cast<i64>(limit));
@@ -109,7 +109,7 @@ BlockStore::Held BlockStore::FindNewest() {
     return {block, entry == m_index.end() ? nullptr : &entry->second};
 }
 
-u32 BlockStore::MakeRoom(i64 rev, u64 need, i64 fileOffset) {
+ResultCode BlockStore::MakeRoom(i64 rev, u64 need, i64 fileOffset) {
     if (need > m_maxRecordSize) {
         return RefuseSize(need, m_maxRecordSize);
     }
@@ -117,14 +117,14 @@ u32 BlockStore::MakeRoom(i64 rev, u64 need, i64 fileOffset) {
         NotesOf(*m_newest.block).Add(rev, fileOffset);
         return RC_OK;
     }
-    if (u32 rc = AddBlock(rev); rc != RC_OK) {
+    if (ResultCode rc = AddBlock(rev); rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to alloc next data block");
         return rc;
     }
     return m_capacity >= need ? RC_OK : RefuseSize(need, m_capacity);
 }
 
-u32 BlockStore::AddBlock(i64 firstRev) {
+ResultCode BlockStore::AddBlock(i64 firstRev) {
     assert(m_index.empty() || m_index.rbegin()->first < firstRev);
     void* memory = m_pool.AllocBlock();
     if (memory == nullptr) {
@@ -170,7 +170,7 @@ void BlockStore::DetachFromIndex(i64 key) {
     }
 }
 
-u32 BlockStore::EraseBlocksAfter(i64 rev) {
+ResultCode BlockStore::EraseBlocksAfter(i64 rev) {
     const auto first = m_blocks.upper_bound(rev);
     if (first == m_blocks.end()) {
         return RC_OK;
@@ -225,7 +225,7 @@ void BlockStore::Abandon() {
     RememberNewest();
 }
 
-u32 BlockStore::Shrink(std::size_t keep, i64 flushedRev) {
+ResultCode BlockStore::Shrink(std::size_t keep, i64 flushedRev) {
     if (m_blocks.size() <= keep) {
         return RC_OK;
     }
@@ -233,7 +233,7 @@ u32 BlockStore::Shrink(std::size_t keep, i64 flushedRev) {
     LOG_INFO(kLogStorage, "Before shrink: %P blocks; to del: %P; lastFlushed: %I64d",
              m_blocks.size(), toDelete, flushedRev);
     auto it = m_blocks.begin();
-    u32 rc = RC_OK;
+    ResultCode rc = RC_OK;
     for (; it != m_blocks.end() && toDelete > 0; ++it, --toDelete) {
         K9eReplBlock* block = it->second;
         if (block == nullptr) {
@@ -279,9 +279,9 @@ void BlockStore::DropBelow(i64 rev) {
     RememberNewest();
 }
 
-u32 BlockStore::CutAfter(i64 rev) {
+ResultCode BlockStore::CutAfter(i64 rev) {
     // When nothing was committed, `rev` is 0, which is below every key: then nothing is kept.
-    if (u32 rc = EraseBlocksAfter(rev); rc != RC_OK) {
+    if (ResultCode rc = EraseBlocksAfter(rev); rc != RC_OK) {
         return rc;
     }
     EraseIndexAfter(rev);
@@ -306,10 +306,10 @@ u32 BlockStore::CutAfter(i64 rev) {
     return RC_OK;
 }
 
-u32 BlockStore::CutBackTo(i64 rev, u64 used) {
+ResultCode BlockStore::CutBackTo(i64 rev, u64 used) {
     assert(rev >= 0 && rev < NextRev());
     EraseIndexAfter(rev);
-    if (u32 rc = EraseBlocksAfter(rev); rc != RC_OK) {
+    if (ResultCode rc = EraseBlocksAfter(rev); rc != RC_OK) {
         return rc;
     }
     if (!m_blocks.empty()) {

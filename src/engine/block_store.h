@@ -20,6 +20,7 @@
 #include "memory/blocks_pool_manager.h"
 #include "memory/repl_block.h"
 #include "platform/int_types.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -126,11 +127,11 @@ class BlockStore {
     // `maxRecordSize`, with nothing changed, or for one that fits no block, which leaves an empty
     // block behind.
     // REQUIRES: SetUp was called; the revision is above that of every record.
-    [[nodiscard]] u32 Place(const K9eReplRec& rec, i64 fileOffset) {
+    [[nodiscard]] ResultCode Place(const K9eReplRec& rec, i64 fileOffset) {
         assert(m_capacity > 0 && m_newest == FindNewest());
         const u64 need = u64{rec.dataSize} + kRecordHeadSize;
         if (!HasRoom(need)) [[unlikely]] {
-            if (u32 rc = MakeRoom(rec.rev, need, fileOffset); rc != RC_OK) {
+            if (ResultCode rc = MakeRoom(rec.rev, need, fileOffset); rc != RC_OK) {
                 return rc;
             }
         }
@@ -151,7 +152,7 @@ class BlockStore {
     // Adds an empty block from the pool under the key `firstRev`.
     // Errors, logged: RC_NO_MEMORY, with nothing changed.
     // REQUIRES: `firstRev` is above every key.
-    [[nodiscard]] u32 AddBlock(i64 firstRev);
+    [[nodiscard]] ResultCode AddBlock(i64 firstRev);
     // Adds a block that is only in the file, as a load takes it over from the index file.
     // `fileOffset` is where its first record begins. Throws std::bad_alloc.
     // REQUIRES: `firstRev` is above every key, and no block is held in memory.
@@ -164,20 +165,20 @@ class BlockStore {
     // in the file.
     // Errors, logged: RC_BAD_DATA when a key leads to no block; blocks before it are returned
     // already.
-    [[nodiscard]] u32 EraseBlocksAfter(i64 rev);
+    [[nodiscard]] ResultCode EraseBlocksAfter(i64 rev);
     // Removes every index entry whose key is above `rev`.
     void EraseIndexAfter(i64 rev);
     // Forgets the records above `rev`: later blocks go, and the block that holds `rev` is cut by
     // reading its records. For a load that cuts what was never committed.
     // Errors: RC_BAD_DATA for a block that does not hold whole records; its later blocks are gone
     // then.
-    [[nodiscard]] u32 CutAfter(i64 rev);
+    [[nodiscard]] ResultCode CutAfter(i64 rev);
     // Does what CutAfter does, for a rollback, which knows that the block that holds `rev` ended at
     // `used` bytes. The bytes behind that no longer count as flushed either. Errors: as
     // EraseBlocksAfter.
     // REQUIRES: rev is not negative and below NextRev(); the newest block that stays has at least
     // `used` bytes.
-    [[nodiscard]] u32 CutBackTo(i64 rev, u64 used);
+    [[nodiscard]] ResultCode CutBackTo(i64 rev, u64 used);
 
     // --- Removing the oldest
 
@@ -186,7 +187,7 @@ class BlockStore {
     // are read from the file from now on; only the entry of an empty block goes, for it has no
     // bytes in the file.
     // Errors: as EraseBlocksAfter.
-    [[nodiscard]] u32 Shrink(std::size_t keep, i64 flushedRev);
+    [[nodiscard]] ResultCode Shrink(std::size_t keep, i64 flushedRev);
     // Forgets the blocks that lie wholly below `rev`, in memory and in the index. Records below
     // `rev` in the block that holds it stay.
     void DropBelow(i64 rev);
@@ -226,7 +227,7 @@ class BlockStore {
     }
     // What Place does first for any other record of `need` bytes with the revision `rev`, which is
     // to lie at `fileOffset`: the newest block notes it, or a new block is added. Errors: as Place.
-    [[nodiscard]] u32 MakeRoom(i64 rev, u64 need, i64 fileOffset);
+    [[nodiscard]] ResultCode MakeRoom(i64 rev, u64 need, i64 fileOffset);
     // Copies a record of `need` bytes behind the last one of the block.
     static void Append(K9eReplBlock& block, const K9eReplRec& rec, u64 need) {
         assert(need >= kRecordHeadSize && (block.used == 0 || block.lastRev < rec.rev));

@@ -3,7 +3,7 @@
 
 namespace k9erepl {
 
-u32 ClearSearch::Visit(i64 offset, const K9eReplRec* rec, void* ctx) {
+ResultCode ClearSearch::Visit(i64 offset, const K9eReplRec* rec, void* ctx) {
     auto& search = *static_cast<ClearSearch*>(ctx);
     if (rec == nullptr) {
         if (!search.FoundKept()) {
@@ -17,7 +17,7 @@ u32 ClearSearch::Visit(i64 offset, const K9eReplRec* rec, void* ctx) {
     } else if (!search.FoundKept()) {
         search.newFirstRev = rec->rev;
         search.newFirstRecOffset = offset;
-        return search.stopAtKept ? u32{RC_ENUM_STOP} : u32{RC_OK};
+        return search.stopAtKept ? u32{RC_ENUM_STOP} : ResultCode{RC_OK};
     }
     return RC_OK;
 }

@@ -9,6 +9,7 @@
 
 #include "format/storage_file_format.h"
 #include "platform/int_types.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -35,7 +36,7 @@ struct ClearSearch {
     // A FileItemVisitor; `ctx` is a ClearSearch. Stops the enumeration with RC_ENUM_STOP at
     // commitOffset, or at the first kept record. A result RC_OK of the enumeration means that the
     // file ended first.
-    [[nodiscard]] static u32 Visit(i64 offset, const K9eReplRec* rec, void* ctx);
+    [[nodiscard]] static ResultCode Visit(i64 offset, const K9eReplRec* rec, void* ctx);
 };
 
 }  // namespace k9erepl

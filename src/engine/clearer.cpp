@@ -12,8 +12,9 @@
 
 namespace k9erepl {
 
-u32 Clearer::Refuse(bool inTransaction) const {
-    if (u32 rc = m_status.RefuseUnless(m_status.IsOpen(), "Failed to clear old rev"); rc != RC_OK) {
+ResultCode Clearer::Refuse(bool inTransaction) const {
+    if (ResultCode rc = m_status.RefuseUnless(m_status.IsOpen(), "Failed to clear old rev");
+        rc != RC_OK) {
         return rc;
     }
     if (inTransaction) {
@@ -23,8 +24,8 @@ u32 Clearer::Refuse(bool inTransaction) const {
     return RC_OK;
 }
 
-u32 Clearer::ClearOldRev(i64 rev, ClearMode mode) {
-    if (u32 rc = Refuse(!MayRemoveNow()); rc != RC_OK) {
+ResultCode Clearer::ClearOldRev(i64 rev, ClearMode mode) {
+    if (ResultCode rc = Refuse(!MayRemoveNow()); rc != RC_OK) {
         return rc;
     }
     if (mode == ClearMode::kMark) {
@@ -54,18 +55,18 @@ u32 Clearer::ClearOldRev(i64 rev, ClearMode mode) {
     }
 }
 
-u32 Clearer::ClearBelow(i64 rev, ClearMode mode) {
+ResultCode Clearer::ClearBelow(i64 rev, ClearMode mode) {
     assert(!m_status.MayRemove() && !m_blocks.Index().empty());
     if (!m_settings.HasFile()) {
         ClearInMemory(rev);
         return RC_OK;
     }
     if (rev < m_blocks.NextRev()) {
-        if (u32 rc = FlushBefore(rev); rc != RC_OK) {
+        if (ResultCode rc = FlushBefore(rev); rc != RC_OK) {
             return rc;
         }
     }
-    if (u32 rc = ClearInFile(rev, mode); rc != RC_OK) {
+    if (ResultCode rc = ClearInFile(rev, mode); rc != RC_OK) {
         return m_status.Break(rc);
     }
     m_index.SaveAfterClear(Squeezes(mode));
@@ -75,17 +76,17 @@ u32 Clearer::ClearBelow(i64 rev, ClearMode mode) {
 // The kept part is searched in the file, so flush until the file has a record at or above `rev` or
 // nothing new was committed: callbacks of a flush may commit more. They may also change the state
 // or begin a transaction, and then nothing can be cleared.
-u32 Clearer::FlushBefore(i64 rev) {
+ResultCode Clearer::FlushBefore(i64 rev) {
     i64 nextRev = 0;
     do {
         nextRev = m_blocks.NextRev();
-        if (u32 rc = m_flusher.FlushNow(m_transaction.LastCommittedRev()); rc != RC_OK) {
+        if (ResultCode rc = m_flusher.FlushNow(m_transaction.LastCommittedRev()); rc != RC_OK) {
             LOG_ERROR_CODE(rc, kLogStorage,
                            "Cannot flush data before clear old revs;clear rev %I64d", rev);
             m_status.EnterFlushFailed();
             return rc;
         }
-        if (u32 rc = Refuse(m_transaction.IsOpen()); rc != RC_OK) {
+        if (ResultCode rc = Refuse(m_transaction.IsOpen()); rc != RC_OK) {
             return rc;
         }
     } while (m_blocks.FlushedRev() < rev && m_blocks.NextRev() != nextRev);
@@ -107,7 +108,7 @@ void Clearer::ClearInMemory(i64 rev) {
     m_blocks.SetOldestRev(rev);
 }
 
-u32 Clearer::ClearInFile(i64 rev, ClearMode mode) {
+ResultCode Clearer::ClearInFile(i64 rev, ClearMode mode) {
     assert(m_settings.HasFile() && !m_transaction.IsOpen());
     const auto writing = m_status.WorkOnFile(FileWork::kWriting);
     if (rev >= m_blocks.NextRev()) {
@@ -115,7 +116,7 @@ u32 Clearer::ClearInFile(i64 rev, ClearMode mode) {
     }
     const i64 holdingKey = m_blocks.FindHolding(rev)->first;
     ClearSearch search{.minRev = rev};
-    if (u32 rc = FindFirstKept(holdingKey, mode, &search); rc != RC_OK) {
+    if (ResultCode rc = FindFirstKept(holdingKey, mode, &search); rc != RC_OK) {
         return rc;
     }
     if (!search.FoundKept()) {
@@ -123,7 +124,7 @@ u32 Clearer::ClearInFile(i64 rev, ClearMode mode) {
         return ClearWholeFile(rev);
     }
     i64 shift = 0;
-    if (u32 rc = Squeezes(mode) ? SqueezeFile(search, mode, &shift) : RaiseClearRev(search);
+    if (ResultCode rc = Squeezes(mode) ? SqueezeFile(search, mode, &shift) : RaiseClearRev(search);
         rc != RC_OK) {
         return rc;
     }
@@ -133,10 +134,10 @@ u32 Clearer::ClearInFile(i64 rev, ClearMode mode) {
     return RC_OK;
 }
 
-u32 Clearer::ClearWholeFile(i64 rev) {
+ResultCode Clearer::ClearWholeFile(i64 rev) {
     assert(m_status.FileIsBeingWritten());
     m_index.RestartIfFinished();
-    u32 rc = m_index.Empty();
+    ResultCode rc = m_index.Empty();
     if (rc == RC_OK) {
         rc = m_file.TruncateToClearRev(m_blocks.NextRev() - 1, m_marks.Lifenum(),
                                        m_marks.ClearOldRev());
@@ -152,7 +153,7 @@ u32 Clearer::ClearWholeFile(i64 rev) {
 }
 
 // Finds nothing when no record at or above search->minRev is in the file.
-u32 Clearer::FindFirstKept(i64 holdingKey, ClearMode mode, ClearSearch* search) {
+ResultCode Clearer::FindFirstKept(i64 holdingKey, ClearMode mode, ClearSearch* search) {
     assert(!search->FoundKept());
     // An empty block has no bytes in the file; what is kept then begins in a later one.
     auto holding = m_blocks.FindHolding(holdingKey);
@@ -162,7 +163,8 @@ u32 Clearer::FindFirstKept(i64 holdingKey, ClearMode mode, ClearSearch* search) 
     if (holding == m_blocks.Index().end()) {
         return RC_OK;
     }
-    if (u32 rc = Squeezes(mode) ? m_file.CompleteAsyncTasks() : WaitForBlockWrites(holding->first);
+    if (ResultCode rc =
+            Squeezes(mode) ? m_file.CompleteAsyncTasks() : WaitForBlockWrites(holding->first);
         rc != RC_OK) {
         return rc;
     }
@@ -172,12 +174,12 @@ u32 Clearer::FindFirstKept(i64 holdingKey, ClearMode mode, ClearSearch* search) 
         LogSearch(*search);
         return RC_OK;
     }
-    if (u32 rc = SearchFrom(*holding, search); rc != RC_OK) {
+    if (ResultCode rc = SearchFrom(*holding, search); rc != RC_OK) {
         return rc;
     }
     if (!search->FoundKept() && !Squeezes(mode)) {
         // The kept records may be queued behind the blocks that were waited for.
-        if (u32 rc = m_file.CompleteAsyncTasks(); rc != RC_OK) {
+        if (ResultCode rc = m_file.CompleteAsyncTasks(); rc != RC_OK) {
             return rc;
         }
         *search = ClearSearch{.minRev = search->minRev};
@@ -188,7 +190,7 @@ u32 Clearer::FindFirstKept(i64 holdingKey, ClearMode mode, ClearSearch* search) 
 
 // The block that will be cut and the one behind it must be in the file before they are cut and
 // read. Blocks before them were queued earlier.
-u32 Clearer::WaitForBlockWrites(i64 key) {
+ResultCode Clearer::WaitForBlockWrites(i64 key) {
     assert(m_status.FileIsBeingWritten());
     auto block = m_blocks.Blocks().find(key);
     if (block == m_blocks.Blocks().end()) {
@@ -197,7 +199,7 @@ u32 Clearer::WaitForBlockWrites(i64 key) {
     }
     for (int blocks = 0; blocks < 2 && block != m_blocks.Blocks().end(); ++blocks, ++block) {
         while (block->second->pendingWrites.load(std::memory_order_acquire) != 0) {
-            if (u32 rc = m_file.WaitReleaseBlock(); rc != RC_OK) {
+            if (ResultCode rc = m_file.WaitReleaseBlock(); rc != RC_OK) {
                 return rc;
             }
         }
@@ -205,9 +207,9 @@ u32 Clearer::WaitForBlockWrites(i64 key) {
     return RC_OK;
 }
 
-u32 Clearer::SearchFrom(const BlockIndex::value_type& holding, ClearSearch* search) {
+ResultCode Clearer::SearchFrom(const BlockIndex::value_type& holding, ClearSearch* search) {
     assert(!search->FoundKept() && !holding.second.IsEmptyBlock());
-    u32 rc = RC_BAD_DATA;
+    ResultCode rc = RC_BAD_DATA;
     if (holding.second.fileOffset != kUnknownOffset) {
         const FileEnumRange range{.fromRev = holding.first,
                                   .toRev = kEndOfRevs,
@@ -231,9 +233,9 @@ void Clearer::LogSearch(const ClearSearch& search) {
              search.minRev, search.newFirstRecOffset, search.commitOffset, search.recSz);
 }
 
-u32 Clearer::SqueezeFile(const ClearSearch& search, ClearMode mode, i64* shift) {
+ResultCode Clearer::SqueezeFile(const ClearSearch& search, ClearMode mode, i64* shift) {
     assert(search.FoundKept() && Squeezes(mode));
-    u32 rc = RC_BAD_DATA;
+    ResultCode rc = RC_BAD_DATA;
     if (search.commitOffset != kUnknownOffset) {
         const SqueezeRequest request{.clearRev = search.minRev,
                                      .copyFrom = search.newFirstRecOffset,
@@ -256,9 +258,9 @@ u32 Clearer::SqueezeFile(const ClearSearch& search, ClearMode mode, i64* shift) 
 
 // The index file is saved next, without the cleared records. Before that, the commit block that
 // clears them must be in the file.
-u32 Clearer::RaiseClearRev(const ClearSearch& search) {
+ResultCode Clearer::RaiseClearRev(const ClearSearch& search) {
     assert(search.FoundKept());
-    u32 rc = m_file.SetClearRev(search.minRev);
+    ResultCode rc = m_file.SetClearRev(search.minRev);
     if (rc == RC_OK) {
         rc = m_file.CompleteAsyncTasks();
     }
@@ -288,12 +290,12 @@ void Clearer::ForgetBelow(i64 holdingKey, const ClearSearch& search, i64 shift) 
                         search.newFirstRecOffset + shift, cutBytes);
 }
 
-u32 Clearer::Truncate() {
+ResultCode Clearer::Truncate() {
     if (!MayRemoveNow()) {
         return RC_IN_TRANSACTION;
     }
     if (m_settings.HasFile()) {
-        if (u32 rc = TruncateFile(); rc != RC_OK) {
+        if (ResultCode rc = TruncateFile(); rc != RC_OK) {
             LOG_ERROR_CODE(rc, kLogStorage, "Failed to truncate solid storage");
             return m_status.Break(rc);
         }
@@ -303,12 +305,12 @@ u32 Clearer::Truncate() {
     return RC_OK;
 }
 
-u32 Clearer::TruncateFile() {
+ResultCode Clearer::TruncateFile() {
     assert(m_settings.HasFile() && !m_settings.readOnly);
     const auto writing = m_status.WorkOnFile(FileWork::kWriting);
     try {
         // The index object stays. Its file has no entries then, like the block index.
-        const u32 rc = m_index.Empty();
+        const ResultCode rc = m_index.Empty();
         return rc == RC_OK ? m_file.TruncateToClearRev(0, 0, 0) : rc;
     } catch (const std::bad_alloc&) {
         return RC_NO_MEMORY;

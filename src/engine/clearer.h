@@ -15,6 +15,7 @@
 #include "engine/transaction.h"
 #include "platform/int_types.h"
 #include "solid/solid_storage.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -58,11 +59,11 @@ class Clearer {
     // Errors, logged: RC_WRONG_STATE unless the storage is Open; RC_IN_TRANSACTION as said above.
     // When the flush before the clear fails, the storage becomes FlushFailed and nothing is
     // cleared. A clear that fails in the file, or in which a callback throws, breaks the storage.
-    [[nodiscard]] u32 ClearOldRev(i64 rev, ClearMode mode);
+    [[nodiscard]] ResultCode ClearOldRev(i64 rev, ClearMode mode);
     // See K9eReplStorageTruncate. Removes all records, sets the life number and the revision mark
     // to 0, begins again with revision 1; the storage becomes Open. Errors: RC_IN_TRANSACTION
     // changes nothing; every other failure breaks the storage and is logged.
-    [[nodiscard]] u32 Truncate();
+    [[nodiscard]] ResultCode Truncate();
     // Brings everything back to what it was before the first load: the storage is Closed and empty.
     // The files and the index object stay as they are.
     void StartOver();
@@ -72,41 +73,41 @@ class Clearer {
     bool MayRemoveNow() const { return !m_transaction.IsOpen() && m_status.MayRemove(); }
     // RC_WRONG_STATE unless the storage is Open, RC_IN_TRANSACTION if `inTransaction`; both are
     // logged.
-    [[nodiscard]] u32 Refuse(bool inTransaction) const;
+    [[nodiscard]] ResultCode Refuse(bool inTransaction) const;
     // Does a clear that was accepted. REQUIRES: the clear was begun (BeginClear); the index is not
     // empty.
-    [[nodiscard]] u32 ClearBelow(i64 rev, ClearMode mode);
+    [[nodiscard]] ResultCode ClearBelow(i64 rev, ClearMode mode);
     // Flushes everything that a clear of `rev` has to find in the file. Errors: those of the flush;
     // those of Refuse when a callback of the flush changed the state or began a transaction.
-    [[nodiscard]] u32 FlushBefore(i64 rev);
+    [[nodiscard]] ResultCode FlushBefore(i64 rev);
     // Clears a storage without a file. Cannot fail.
     void ClearInMemory(i64 rev);
     // Clears file and memory of a storage with a file. REQUIRES: no transaction is open.
-    [[nodiscard]] u32 ClearInFile(i64 rev, ClearMode mode);
+    [[nodiscard]] ResultCode ClearInFile(i64 rev, ClearMode mode);
     // Nothing is kept: starts the file over, and the revisions go on. `rev` is only logged.
-    [[nodiscard]] u32 ClearWholeFile(i64 rev);
+    [[nodiscard]] ResultCode ClearWholeFile(i64 rev);
     // Fills *search, once the block under `holdingKey` is written: from memory if that is enough,
     // else by reading the file from that block on.
     // Finds nothing when no record at or above search->minRev is in the file.
-    [[nodiscard]] u32 FindFirstKept(i64 holdingKey, ClearMode mode, ClearSearch* search);
+    [[nodiscard]] ResultCode FindFirstKept(i64 holdingKey, ClearMode mode, ClearSearch* search);
     // Waits until the asynchronous writer has written the block under `key` and the one behind it.
     // Errors: those of CSolidStorage::WaitReleaseBlock.
-    [[nodiscard]] u32 WaitForBlockWrites(i64 key);
+    [[nodiscard]] ResultCode WaitForBlockWrites(i64 key);
     // Runs the search over the file from the block `holding`. Errors, logged: those of the
     // enumeration; RC_BAD_DATA when the block has no file offset.
-    [[nodiscard]] u32 SearchFrom(const BlockIndex::value_type& holding, ClearSearch* search);
+    [[nodiscard]] ResultCode SearchFrom(const BlockIndex::value_type& holding, ClearSearch* search);
     static void LogSearch(const ClearSearch& search);
     // Replaces the file. *shift receives the bytes to add to every file offset. The index file is
     // emptied right before the new file takes the place of the old one. Errors, logged: those of
     // CSolidStorage::Squeeze; RC_BAD_DATA when no commit block was found behind the kept records.
-    [[nodiscard]] u32 SqueezeFile(const ClearSearch& search, ClearMode mode, i64* shift);
+    [[nodiscard]] ResultCode SqueezeFile(const ClearSearch& search, ClearMode mode, i64* shift);
     // Appends the commit block of a logical clear and waits until it is written.
-    [[nodiscard]] u32 RaiseClearRev(const ClearSearch& search);
+    [[nodiscard]] ResultCode RaiseClearRev(const ClearSearch& search);
     // Brings the block store in line with the file after a clear.
     void ForgetBelow(i64 holdingKey, const ClearSearch& search, i64 shift);
     // Empties the index file and starts the storage file over. REQUIRES: the storage has a file
     // that it may write.
-    [[nodiscard]] u32 TruncateFile();
+    [[nodiscard]] ResultCode TruncateFile();
 
     const OpenSettings& m_settings;
     StorageStatus& m_status;

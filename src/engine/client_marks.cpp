@@ -7,9 +7,9 @@
 
 namespace k9erepl {
 
-u32 ClientMarks::SetLifenum(u32 lifenum) {
+ResultCode ClientMarks::SetLifenum(u32 lifenum) {
     if (m_file.IsOpen()) {
-        if (u32 rc = m_file.SetLifenum(lifenum); rc != RC_OK) {
+        if (ResultCode rc = m_file.SetLifenum(lifenum); rc != RC_OK) {
             LOG_ERROR_CODE(rc, kLogStorage, "Failed to set lifenum %d to solid storage", lifenum);
             return rc;
         }
@@ -18,9 +18,9 @@ u32 ClientMarks::SetLifenum(u32 lifenum) {
     return RC_OK;
 }
 
-u32 ClientMarks::SetClearOldRev(i64 rev) {
+ResultCode ClientMarks::SetClearOldRev(i64 rev) {
     if (m_file.IsOpen()) {
-        if (u32 rc = m_file.SetClearOldRev(rev); rc != RC_OK) {
+        if (ResultCode rc = m_file.SetClearOldRev(rev); rc != RC_OK) {
             LOG_ERROR_CODE(rc, kLogStorage, "Failed to set revision mark %d to solid storage",
                            static_cast<int>(rev));
             return rc;
@@ -30,14 +30,14 @@ u32 ClientMarks::SetClearOldRev(i64 rev) {
     return RC_OK;
 }
 
-u32 ClientMarks::Read(const char* connStr) {
+ResultCode ClientMarks::Read(const char* connStr) {
     assert(m_file.IsOpen());
-    if (u32 rc = m_file.GetLifenum(&m_lifenum); rc != RC_OK) {
+    if (ResultCode rc = m_file.GetLifenum(&m_lifenum); rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to get lifenum from solid storage;conn-str %s",
                        connStr);
         return rc;
     }
-    if (u32 rc = m_file.GetClearOldRev(&m_clearOldRev); rc != RC_OK) {
+    if (ResultCode rc = m_file.GetClearOldRev(&m_clearOldRev); rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage,
                        "Failed to get revision mark from solid storage;conn-str %s", connStr);
         return rc;

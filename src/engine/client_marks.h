@@ -6,6 +6,7 @@
 
 #include "platform/int_types.h"
 #include "solid/solid_storage.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -25,16 +26,16 @@ class ClientMarks {
 
     // Both write to the file first, if one is open, without flushing it to the disk. A failure is
     // logged and returned, and the number stays as it was.
-    [[nodiscard]] u32 SetLifenum(u32 lifenum);
-    [[nodiscard]] u32 SetClearOldRev(i64 rev);
+    [[nodiscard]] ResultCode SetLifenum(u32 lifenum);
+    [[nodiscard]] ResultCode SetClearOldRev(i64 rev);
 
     // Reads both numbers from the file that was just opened. A failure is logged with `connStr`.
     // REQUIRES: the file is open.
-    [[nodiscard]] u32 Read(const char* connStr);
+    [[nodiscard]] ResultCode Read(const char* connStr);
     // Reads both from a file that another process may be writing, and retries until they hold
     // still.
     // Errors: as CSolidStorage::ReadMarks.
-    [[nodiscard]] u32 ReadLive() { return m_file.ReadMarks(&m_lifenum, &m_clearOldRev); }
+    [[nodiscard]] ResultCode ReadLive() { return m_file.ReadMarks(&m_lifenum, &m_clearOldRev); }
     // Sets both to 0 in memory only; the file stays as it is.
     void Reset();
 

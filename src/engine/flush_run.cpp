@@ -13,7 +13,7 @@ namespace k9erepl {
 namespace {
 
 // The block holds records above the limit: the run is found record by record.
-u32 FindPartialRun(const K9eReplBlock& block, i64 flushedRev, i64 limit, FlushRun* run) {
+ResultCode FindPartialRun(const K9eReplBlock& block, i64 flushedRev, i64 limit, FlushRun* run) {
     u64 offset = block.flushedEnd;
     while (offset < block.used) {
         BlockRecord record;
@@ -40,7 +40,7 @@ u32 FindPartialRun(const K9eReplBlock& block, i64 flushedRev, i64 limit, FlushRu
 
 }  // namespace
 
-u32 FindFlushRun(const K9eReplBlock& block, i64 flushedRev, i64 limit, FlushRun* run) {
+ResultCode FindFlushRun(const K9eReplBlock& block, i64 flushedRev, i64 limit, FlushRun* run) {
     *run = FlushRun{};
     if (block.flushedEnd >= block.used) {
         return RC_OK;

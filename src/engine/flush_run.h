@@ -5,6 +5,7 @@
 
 #include "memory/repl_block.h"
 #include "platform/int_types.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -27,7 +28,8 @@ struct FlushRun {
 // *run receives the records of `block` that are not in the file yet and not above `limit`.
 // `flushedRev` is the highest revision in the file. Errors, logged: RC_BAD_DATA for a block that
 // does not hold whole records. Called under the storage's lock.
-[[nodiscard]] u32 FindFlushRun(const K9eReplBlock& block, i64 flushedRev, i64 limit, FlushRun* run);
+[[nodiscard]] ResultCode FindFlushRun(const K9eReplBlock& block, i64 flushedRev, i64 limit,
+                                      FlushRun* run);
 
 }  // namespace k9erepl
 

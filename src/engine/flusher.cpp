@@ -29,9 +29,9 @@ void Flusher::Reset() {
     m_policy.Clear();
 }
 
-u32 Flusher::SetOnWriteToFile(K9eReplFlushCb cb, void* ctx) {
+ResultCode Flusher::SetOnWriteToFile(K9eReplFlushCb cb, void* ctx) {
     m_onWriteToFile.Set(cb, ctx);
-    return m_settings.HasFile() ? m_file.SetWrittenRevisionCallback(cb, ctx) : u32{RC_OK};
+    return m_settings.HasFile() ? m_file.SetWrittenRevisionCallback(cb, ctx) : ResultCode{RC_OK};
 }
 
 void Flusher::Silence() {
@@ -40,11 +40,11 @@ void Flusher::Silence() {
     (void)m_file.SetWrittenRevisionCallback(nullptr, nullptr);
 }
 
-u32 Flusher::Flush(i64 limit) {
-    return m_status.FileIsIdle() ? FlushNow(limit) : u32{RC_OK};
+ResultCode Flusher::Flush(i64 limit) {
+    return m_status.FileIsIdle() ? FlushNow(limit) : ResultCode{RC_OK};
 }
 
-u32 Flusher::FlushNow(i64 limit) {
+ResultCode Flusher::FlushNow(i64 limit) {
     assert(!m_status.FileIsBeingWritten());
     const auto writing = m_status.WorkOnFile(FileWork::kWriting);
     try {
@@ -56,29 +56,29 @@ u32 Flusher::FlushNow(i64 limit) {
     }
 }
 
-u32 Flusher::FlushOnIdle(i64 limit) {
+ResultCode Flusher::FlushOnIdle(i64 limit) {
     assert(m_settings.HasFile() && m_status.FileIsIdle());
     m_timing.Start(m_timeFlushOnIdle);
-    if (u32 rc = Flush(limit); rc != RC_OK) {
+    if (ResultCode rc = Flush(limit); rc != RC_OK) {
         return FailAtTop(rc);
     }
     m_timing.Stop(m_timeFlushOnIdle);
     return RC_OK;
 }
 
-u32 Flusher::FailAtTop(u32 rc) {
+ResultCode Flusher::FailAtTop(ResultCode rc) {
     assert(rc != RC_OK);
     LOG_ERROR_CODE(rc, kLogStorage, "Failed to flush data");
     m_status.EnterFlushFailed();
     return rc;
 }
 
-u32 Flusher::FlushTimed(i64 limit) {
+ResultCode Flusher::FlushTimed(i64 limit) {
     assert(m_status.FileIsBeingWritten());
     NestedTiming timing(m_timing, m_timeFlush, m_flushDepth);
     m_shrinkPending = false;
     if (m_settings.HasFile()) {
-        if (u32 rc = FlushToFile(limit); rc != RC_OK) {
+        if (ResultCode rc = FlushToFile(limit); rc != RC_OK) {
             return rc;
         }
     }
@@ -86,16 +86,16 @@ u32 Flusher::FlushTimed(i64 limit) {
     return RC_OK;
 }
 
-u32 Flusher::FlushToFile(i64 limit) {
+ResultCode Flusher::FlushToFile(i64 limit) {
     assert(limit < m_blocks.NextRev());
     const FlushPolicy::Counted covered = m_policy.Now();
-    if (u32 rc = m_file.BeginTransaction(); rc != RC_OK) {
+    if (ResultCode rc = m_file.BeginTransaction(); rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to begin trans in solid storage");
         return rc;
     }
     i64 lastWritten = 0;  // stays 0 when there was nothing to write
     m_pieces.clear();
-    u32 rc = WriteRuns(limit, &lastWritten);
+    ResultCode rc = WriteRuns(limit, &lastWritten);
     if (rc == RC_OK && lastWritten > 0) {
         rc = CommitToFile();
     }
@@ -118,7 +118,7 @@ u32 Flusher::FlushToFile(i64 limit) {
 
 // Writes the runs up to `limit` and, unless the last run carried it, the commit block. *lastWritten
 // stays 0 when there was nothing to write.
-u32 Flusher::WriteRuns(i64 limit, i64* lastWritten) {
+ResultCode Flusher::WriteRuns(i64 limit, i64* lastWritten) {
     assert(*lastWritten == 0);
     const i64 flushedRev = m_blocks.FlushedRev();
     const MemoryBlocks& blocks = m_blocks.Blocks();
@@ -129,11 +129,11 @@ u32 Flusher::WriteRuns(i64 limit, i64* lastWritten) {
     bool closed = false;
     for (; it != blocks.end() && !closed; ++it) {
         FlushRun run;
-        if (u32 rc = FindFlushRun(*it->second, flushedRev, limit, &run); rc != RC_OK) {
+        if (ResultCode rc = FindFlushRun(*it->second, flushedRev, limit, &run); rc != RC_OK) {
             return rc;
         }
         if (!run.IsEmpty()) {
-            if (u32 rc = WriteRun(it->first, *it->second, run); rc != RC_OK) {
+            if (ResultCode rc = WriteRun(it->first, *it->second, run); rc != RC_OK) {
                 return rc;
             }
             *lastWritten = run.lastRev;
@@ -146,7 +146,7 @@ u32 Flusher::WriteRuns(i64 limit, i64* lastWritten) {
     return *lastWritten > 0 && !closed ? WriteCommitBlock(*lastWritten) : RC_OK;
 }
 
-u32 Flusher::WriteRun(i64 firstRev, K9eReplBlock& block, const FlushRun& run) {
+ResultCode Flusher::WriteRun(i64 firstRev, K9eReplBlock& block, const FlushRun& run) {
     assert(run.begin < run.end && run.end <= block.used);
     std::atomic<i64>* const fileOffset = m_blocks.FileOffsetOf(firstRev);
     if (fileOffset == nullptr) {
@@ -163,13 +163,13 @@ u32 Flusher::WriteRun(i64 firstRev, K9eReplBlock& block, const FlushRun& run) {
         std::memcpy(commitBlock, &built, kCommitBlockSize);
         size += kCommitBlockSize;
     }
-    if (u32 rc = RememberPiece(block, *fileOffset); rc != RC_OK) {
+    if (ResultCode rc = RememberPiece(block, *fileOffset); rc != RC_OK) {
         return rc;
     }
     const i64 position = m_file.QueuedEnd();
     m_timing.Start(m_timeWriteData1);
-    if (u32 rc = m_file.WriteItems(data, static_cast<u32>(size), commitBlock, &block, run.lastRev,
-                                   fileOffset);
+    if (ResultCode rc = m_file.WriteItems(data, static_cast<u32>(size), commitBlock, &block,
+                                          run.lastRev, fileOffset);
         rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to flush data from rev %I64d",
                        NextRevAfter(m_blocks.FlushedRev()));
@@ -186,7 +186,7 @@ u32 Flusher::WriteRun(i64 firstRev, K9eReplBlock& block, const FlushRun& run) {
     return RC_OK;
 }
 
-u32 Flusher::RememberPiece(K9eReplBlock& block, std::atomic<i64>& fileOffset) {
+ResultCode Flusher::RememberPiece(K9eReplBlock& block, std::atomic<i64>& fileOffset) {
     assert(block.flushedEnd < block.used);
     const bool fillsIn = fileOffset == kUnknownOffset;
     try {
@@ -199,12 +199,12 @@ u32 Flusher::RememberPiece(K9eReplBlock& block, std::atomic<i64>& fileOffset) {
     return RC_OK;
 }
 
-u32 Flusher::WriteCommitBlock(i64 lastRev) {
+ResultCode Flusher::WriteCommitBlock(i64 lastRev) {
     assert(lastRev > m_blocks.FlushedRev());
     TCommitBlock block = NewCommitBlock(platform::TimeStampCounter(), lastRev);
     m_timing.Start(m_timeWriteData2);
-    if (u32 rc = m_file.WriteItems(reinterpret_cast<u8*>(&block), kCommitBlockSize, &block, nullptr,
-                                   lastRev, nullptr);
+    if (ResultCode rc = m_file.WriteItems(reinterpret_cast<u8*>(&block), kCommitBlockSize, &block,
+                                          nullptr, lastRev, nullptr);
         rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to write commit block %I64d",
                        NextRevAfter(m_blocks.FlushedRev()));
@@ -214,10 +214,10 @@ u32 Flusher::WriteCommitBlock(i64 lastRev) {
     return RC_OK;
 }
 
-u32 Flusher::CommitToFile() {
+ResultCode Flusher::CommitToFile() {
     assert(!m_pieces.empty());
     m_timing.Start(m_timeForcedFlush);
-    if (u32 rc = m_file.Commit(); rc != RC_OK) {
+    if (ResultCode rc = m_file.Commit(); rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to commit in solid storage");
         return rc;
     }
@@ -229,7 +229,7 @@ u32 Flusher::CommitToFile() {
 // once it is back, nothing fills offsets in any more.
 void Flusher::Undo() {
     assert(m_status.FileIsBeingWritten());
-    if (u32 rc = m_file.RollbackWrites(); rc != RC_OK) {
+    if (ResultCode rc = m_file.RollbackWrites(); rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Cannot rollback trans");
         if (m_file.MayStillWrite()) {
             // The queue points into blocks and index entries: none of them may move any more.
@@ -271,9 +271,9 @@ void Flusher::NotifyFlushed(i64 lastRev) {
     timing.Stop();
 }
 
-u32 Flusher::ShrinkCache() {
+ResultCode Flusher::ShrinkCache() {
     assert(m_settings.MayEvict());
-    const u32 rc = m_blocks.Shrink(m_settings.cacheBlocks, m_blocks.FlushedRev());
+    const ResultCode rc = m_blocks.Shrink(m_settings.cacheBlocks, m_blocks.FlushedRev());
     if (rc == RC_OK) {
         m_shrinkPending = false;
     }

@@ -18,6 +18,7 @@
 #include "platform/int_types.h"
 #include "solid/solid_storage.h"
 #include "support/flush_callback.h"
+#include "support/result.h"
 #include "support/timing_set.h"
 
 namespace k9erepl {
@@ -48,7 +49,7 @@ class Flusher {
     void SetOnFlush(K9eReplFlushCb cb, void* ctx) { m_onFlush.Set(cb, ctx); }
     // OnWriteToFile is called for each commit block written, on the thread that writes it; the
     // storage file keeps it (FlushCallback). Null unsets it. Never fails.
-    [[nodiscard]] u32 SetOnWriteToFile(K9eReplFlushCb cb, void* ctx);
+    [[nodiscard]] ResultCode SetOnWriteToFile(K9eReplFlushCb cb, void* ctx);
     // Unsets both callbacks of a storage with a file, for a flush during which clients must not
     // commit more.
     void Silence();
@@ -75,17 +76,17 @@ class Flusher {
     // written. Does nothing, with RC_OK, while something is being done to the file, and in a
     // storage without a file. Errors, logged: those of the storage file; RC_BAD_DATA for a damaged
     // block; RC_NO_MEMORY.
-    [[nodiscard]] u32 Flush(i64 limit);
+    [[nodiscard]] ResultCode Flush(i64 limit);
     // Does the same, but also while OnFlush runs: a clear that OnFlush asks for flushes first.
     // REQUIRES: the file is not being written.
-    [[nodiscard]] u32 FlushNow(i64 limit);
+    [[nodiscard]] ResultCode FlushNow(i64 limit);
     // The flush of the idle call: it has a stopwatch of its own, and a failure leaves the storage
     // in kFlushFailed.
     // REQUIRES: the storage has a file; nothing is being done to it.
-    [[nodiscard]] u32 FlushOnIdle(i64 limit);
+    [[nodiscard]] ResultCode FlushOnIdle(i64 limit);
     // To be called when a flush that a commit or the idle call began has failed with `rc`: logs
     // that, leaves the storage in kFlushFailed unless it is broken, and returns `rc`.
-    [[nodiscard]] u32 FailAtTop(u32 rc);
+    [[nodiscard]] ResultCode FailAtTop(ResultCode rc);
     // True in OnWriteToFile when it is called in the middle of a flush or clear that still has to
     // flush to the disk, which may fail. A commit there is refused, because the failure would take
     // it back. The asynchronous writer calls OnWriteToFile on its own thread, which cannot get the
@@ -124,28 +125,28 @@ class Flusher {
 
     // The steps of a flush, from the outside in. Times the whole flush, for which only the
     // outermost of nested flushes counts.
-    [[nodiscard]] u32 FlushTimed(i64 limit);
+    [[nodiscard]] ResultCode FlushTimed(i64 limit);
     // Opens a transaction of the file, writes, commits, counts, notifies; takes all back after a
     // failure.
-    [[nodiscard]] u32 FlushToFile(i64 limit);
+    [[nodiscard]] ResultCode FlushToFile(i64 limit);
     // Writes all runs and the commit block. *lastWritten receives the highest revision written; it
     // stays 0 when there was nothing to write.
-    [[nodiscard]] u32 WriteRuns(i64 limit, i64* lastWritten);
+    [[nodiscard]] ResultCode WriteRuns(i64 limit, i64* lastWritten);
     // Writes the run of one block, which has the key `firstRev`, with the commit block if the run
     // closes.
-    [[nodiscard]] u32 WriteRun(i64 firstRev, K9eReplBlock& block, const FlushRun& run);
+    [[nodiscard]] ResultCode WriteRun(i64 firstRev, K9eReplBlock& block, const FlushRun& run);
     // Remembers what Undo has to restore. Errors, logged: RC_NO_MEMORY.
-    [[nodiscard]] u32 RememberPiece(K9eReplBlock& block, std::atomic<i64>& fileOffset);
+    [[nodiscard]] ResultCode RememberPiece(K9eReplBlock& block, std::atomic<i64>& fileOffset);
     // Writes a commit block for `lastRev` that could not be built behind the last run.
-    [[nodiscard]] u32 WriteCommitBlock(i64 lastRev);
+    [[nodiscard]] ResultCode WriteCommitBlock(i64 lastRev);
     // Ends the file's transaction: with force_flush, everything written is then on the disk.
-    [[nodiscard]] u32 CommitToFile();
+    [[nodiscard]] ResultCode CommitToFile();
     // Goes back to the state before the flush, in the file's writer and in memory.
     void Undo();
     // Calls OnFlush with `lastRev` if it is set.
     void NotifyFlushed(i64 lastRev);
     // Errors: as BlockStore::Shrink.
-    [[nodiscard]] u32 ShrinkCache();
+    [[nodiscard]] ResultCode ShrinkCache();
 
     const OpenSettings& m_settings;
     StorageStatus& m_status;

@@ -9,9 +9,9 @@
 
 namespace k9erepl {
 
-u32 IndexKeeper::Make(const char* connStr, IK9eReplDS& idle) {
+ResultCode IndexKeeper::Make(const char* connStr, IK9eReplDS& idle) {
     assert(m_object == nullptr && m_settings.HasFile() && !m_settings.readOnly);
-    u32 rc = RC_NO_MEMORY;
+    ResultCode rc = RC_NO_MEMORY;
     try {
         m_object = std::make_unique<IndexObject>(connStr, idle, m_settings.blockSize,
                                                  m_settings.flushTimeout);
@@ -37,14 +37,15 @@ void IndexKeeper::LeaveToParent() {
     }
 }
 
-u32 IndexKeeper::Start() {
+ResultCode IndexKeeper::Start() {
     if (m_object == nullptr) {
         return RC_OK;
     }
-    if (u32 rc = m_object->Start(); rc != RC_OK) {
+    if (ResultCode rc = m_object->Start(); rc != RC_OK) {
         return rc;
     }
-    if (u32 rc = m_object->RequestSave(m_blocks.Index(), IndexSaveMode::kSync); rc != RC_OK) {
+    if (ResultCode rc = m_object->RequestSave(m_blocks.Index(), IndexSaveMode::kSync);
+        rc != RC_OK) {
         return rc;
     }
     m_savedCount = m_blocks.Index().size();
@@ -98,11 +99,11 @@ bool IndexKeeper::RestartIfFinished() {
     return true;
 }
 
-u32 IndexKeeper::Empty() {
+ResultCode IndexKeeper::Empty() {
     if (m_object == nullptr) {
         return RC_WRONG_STATE;
     }
-    if (u32 rc = m_object->Empty(); rc != RC_OK) {
+    if (ResultCode rc = m_object->Empty(); rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to empty index file '%s'",
                        m_object->Path().c_str());
         return rc;

@@ -13,6 +13,7 @@
 #include "engine/open_settings.h"
 #include "index/index_object.h"
 #include "platform/int_types.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -33,7 +34,7 @@ class IndexKeeper {
     // time of the setting flush_timeout. `idle` outlives this object.
     // Errors, logged: RC_INVALID_ARG when the settings name no index file, RC_NO_MEMORY.
     // REQUIRES: there is no index object yet; the storage has a file that it may write.
-    [[nodiscard]] u32 Make(const char* connStr, IK9eReplDS& idle);
+    [[nodiscard]] ResultCode Make(const char* connStr, IK9eReplDS& idle);
     // To be called before the storage file is closed: another writer may open it at once, and then
     // owns the index file. As IndexObject::EndWriting. Without an index object: nothing.
     void EndWriting();
@@ -45,7 +46,7 @@ class IndexKeeper {
     // To be called at the end of a load: makes the file anew, starts the thread and saves the whole
     // block index. Without an index object: RC_OK.
     // Errors: RC_SYSTEM_ERROR, RC_NO_MEMORY.
-    [[nodiscard]] u32 Start();
+    [[nodiscard]] ResultCode Start();
     // For a load that failed: stops the thread and closes the file. Without an index object:
     // nothing.
     void Stop();
@@ -76,7 +77,7 @@ class IndexKeeper {
     // Takes all entries out of the index file and flushes that to the disk: they would lead the
     // next load to old bytes behind the live data.
     // Errors, logged: RC_SYSTEM_ERROR, RC_NO_MEMORY. RC_WRONG_STATE without an index object.
-    [[nodiscard]] u32 Empty();
+    [[nodiscard]] ResultCode Empty();
 
   private:
     // The save that SaveIfGrown asks for, of an index of `count` blocks.

@@ -8,8 +8,8 @@ namespace k9erepl {
 
 namespace {
 
-u32 CheckEntry(CSolidStorage& file, const TIndexEntry& entry) {
-    const u32 rc = file.CheckRecordAt(entry.rev, entry.offset);
+ResultCode CheckEntry(CSolidStorage& file, const TIndexEntry& entry) {
+    const ResultCode rc = file.CheckRecordAt(entry.rev, entry.offset);
     if (rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Index test failed at offset %I64d", i64{entry.offset});
     } else {
@@ -19,8 +19,8 @@ u32 CheckEntry(CSolidStorage& file, const TIndexEntry& entry) {
     return rc;
 }
 
-u32 CheckSamples(CSolidStorage& file, std::span<const TIndexEntry> entries, TimingSet& timing,
-                 u32 timeRec) {
+ResultCode CheckSamples(CSolidStorage& file, std::span<const TIndexEntry> entries,
+                        TimingSet& timing, u32 timeRec) {
     const double step = entries.size() > kIndexTestSamples
                             ? static_cast<double>(entries.size()) / kIndexTestSamples
                             : 1.0;
@@ -32,7 +32,7 @@ u32 CheckSamples(CSolidStorage& file, std::span<const TIndexEntry> entries, Timi
         }
         credit += step;
         timing.Start(timeRec);
-        if (u32 rc = CheckEntry(file, entry); rc != RC_OK) {
+        if (ResultCode rc = CheckEntry(file, entry); rc != RC_OK) {
             return rc;
         }
         timing.Stop(timeRec);
@@ -42,13 +42,13 @@ u32 CheckSamples(CSolidStorage& file, std::span<const TIndexEntry> entries, Timi
 
 }  // namespace
 
-u32 TestIndex(CSolidStorage& file, std::span<const TIndexEntry> entries) {
+ResultCode TestIndex(CSolidStorage& file, std::span<const TIndexEntry> entries) {
     TimingSet timing;
     const u32 timeTotal = timing.Register("IndexTest-Total");
     const u32 timeRec = timing.Register("IndexTest-Rec");
     LOG_INFO(kLogStorage, "Index test started; cnt %P", entries.size());
     timing.Start(timeTotal);
-    const u32 rc = CheckSamples(file, entries, timing, timeRec);
+    const ResultCode rc = CheckSamples(file, entries, timing, timeRec);
     timing.Stop(timeTotal);
     timing.Report();
     return rc;

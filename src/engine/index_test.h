@@ -8,6 +8,7 @@
 #include "format/index_file_format.h"
 #include "platform/int_types.h"
 #include "solid/solid_storage.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -18,7 +19,7 @@ inline constexpr std::size_t kIndexTestSamples = 3000;
 // RC_OK when a record with the entry's revision lies at each sampled offset, also for no entries.
 // Otherwise returns the result of the first check that failed, which is logged:
 // CSolidStorage::CheckRecordAt lists them. Needs the storage's lock; logs how long it took.
-[[nodiscard]] u32 TestIndex(CSolidStorage& file, std::span<const TIndexEntry> entries);
+[[nodiscard]] ResultCode TestIndex(CSolidStorage& file, std::span<const TIndexEntry> entries);
 
 }  // namespace k9erepl
 

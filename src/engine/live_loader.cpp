@@ -16,10 +16,10 @@ constexpr u32 kAttemptsMost = 100;
 
 }  // namespace
 
-u32 LiveLoader::Load() {
+ResultCode LiveLoader::Load() {
     assert(m_status.State() != StorageState::kBroken);
     bool loaded = m_status.IsOpen();
-    u32 rc = kContentChanged;
+    ResultCode rc = kContentChanged;
     for (u32 attempt = 0; attempt < kAttemptsMost && rc == kContentChanged; ++attempt) {
         try {
             rc = LoadOnce(&loaded);
@@ -42,20 +42,20 @@ u32 LiveLoader::Load() {
 
 // *loaded says whether there is an earlier load to go on from, or to keep when the file cannot be
 // opened.
-u32 LiveLoader::LoadOnce(bool* loaded) {
+ResultCode LiveLoader::LoadOnce(bool* loaded) {
     bool goesOn = false;
-    if (u32 rc = m_file.Refresh(&goesOn); rc != RC_OK) {
+    if (ResultCode rc = m_file.Refresh(&goesOn); rc != RC_OK) {
         return rc;
     }
     const bool loadsOn = *loaded && goesOn;
     *loaded = false;
-    u32 rc = loadsOn ? m_loader.LoadOn() : m_loader.LoadAnew();
+    ResultCode rc = loadsOn ? m_loader.LoadOn() : m_loader.LoadAnew();
     if (rc == RC_OK) {
         rc = m_marks.ReadLive();
     }
     // If the file changed meanwhile, that is the result: any other failure may come from the change
     // and be no fault of the file.
-    const u32 checkRc = m_file.CheckContent();
+    const ResultCode checkRc = m_file.CheckContent();
     if (checkRc == kContentChanged) {
         LOG_INFO(kLogStorage, "Storage file changed while it was read;conn-str %s",
                  m_connStr.c_str());

@@ -11,6 +11,7 @@
 #include "engine/storage_status.h"
 #include "platform/int_types.h"
 #include "solid/solid_storage.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -31,11 +32,11 @@ class LiveLoader {
     // Errors, logged: kContentChanged when the file changed during each of many attempts;
     // RC_NO_MEMORY; those of CSolidStorage::Refresh and of Loader. No walk may be under way.
     // REQUIRES: the storage is not Broken.
-    [[nodiscard]] u32 Load();
+    [[nodiscard]] ResultCode Load();
 
   private:
     // One attempt. Returns kContentChanged when the file changed meanwhile.
-    [[nodiscard]] u32 LoadOnce(bool* loaded);
+    [[nodiscard]] ResultCode LoadOnce(bool* loaded);
 
     // All of these outlive the loader.
     Loader& m_loader;

@@ -7,14 +7,14 @@
 
 namespace k9erepl {
 
-u32 LoadPass::ScanFrom(CSolidStorage& file, i64 startOffset) {
+ResultCode LoadPass::ScanFrom(CSolidStorage& file, i64 startOffset) {
     assert(startOffset == 0 || startOffset >= kFirstItemOffset);
     m_loadedRev = 0;
     m_closedRev = 0;
     return file.ScanFileFrom(&PlaceRecord, &TakeCommit, startOffset, this);
 }
 
-u32 LoadPass::ScanOn(CSolidStorage& file) {
+ResultCode LoadPass::ScanOn(CSolidStorage& file) {
     assert(m_loadedRev == 0 && m_closedRev == 0);
     return file.ScanOn(&PlaceRecord, &TakeCommit, this);
 }
@@ -22,7 +22,8 @@ u32 LoadPass::ScanOn(CSolidStorage& file) {
 // The way of every record of a load, so the body stands here and not in a member function.
 std::uint32_t LoadPass::PlaceRecord(std::uint64_t offset, const K9eReplRec* rec, void* ctx) {
     auto& pass = *static_cast<LoadPass*>(ctx);
-    if (u32 rc = pass.m_blocks.Place(*rec, static_cast<i64>(offset)); rc != RC_OK) [[unlikely]] {
+    if (ResultCode rc = pass.m_blocks.Place(*rec, static_cast<i64>(offset)); rc != RC_OK)
+        [[unlikely]] {
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to insert rec while load;rev %I64d", i64{rec->rev});
         return rc;
     }
@@ -36,7 +37,7 @@ std::uint32_t LoadPass::TakeCommit(void* ctx, std::int64_t clearRev, std::int64_
     return static_cast<LoadPass*>(ctx)->OnCommit(clearRev, commitRev);
 }
 
-u32 LoadPass::OnCommit(i64 clearRev, i64 commitRev) {
+ResultCode LoadPass::OnCommit(i64 clearRev, i64 commitRev) {
     m_closedRev = m_loadedRev;
     if (clearRev > commitRev) {
         m_blocks.Clear();
@@ -54,13 +55,13 @@ u32 LoadPass::OnCommit(i64 clearRev, i64 commitRev) {
     return RC_OK;
 }
 
-u32 LoadPass::CutUncommitted() {
+ResultCode LoadPass::CutUncommitted() {
     assert(m_closedRev <= m_loadedRev);
     if (m_blocks.Blocks().empty() || m_loadedRev == m_closedRev) {
         return RC_OK;
     }
     LOG_INFO(kLogStorage, "Trailing uncommitted data to rev %I64d", m_blocks.FlushedRev());
-    if (u32 rc = m_blocks.CutAfter(m_closedRev); rc != RC_OK) {
+    if (ResultCode rc = m_blocks.CutAfter(m_closedRev); rc != RC_OK) {
         // The block that could not be cut is the last one now.
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to enum recs from %I64d to %I64d",
                        m_blocks.Blocks().rbegin()->first, m_blocks.FlushedRev());

@@ -9,6 +9,7 @@
 #include "engine/open_settings.h"
 #include "platform/int_types.h"
 #include "solid/solid_storage.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -24,22 +25,22 @@ class LoadPass {
 
     // Places the records that lie in the file from `startOffset` on; 0: all of them.
     // REQUIRES: startOffset is 0 or at least 1056.
-    [[nodiscard]] u32 ScanFrom(CSolidStorage& file, i64 startOffset);
+    [[nodiscard]] ResultCode ScanFrom(CSolidStorage& file, i64 startOffset);
     // Places the records that lie behind the end of an earlier load's scan.
     // REQUIRES: as CSolidStorage::ScanOn; this is the pass's first scan.
-    [[nodiscard]] u32 ScanOn(CSolidStorage& file);
+    [[nodiscard]] ResultCode ScanOn(CSolidStorage& file);
     // Forgets the records behind the last commit block, which the scan has placed, too. Cut by
     // position, not by the revision that the block names: a damaged block can name a revision that
     // a later, uncommitted record also has.
     // Errors, logged: RC_BAD_DATA for a block that does not hold whole records.
-    [[nodiscard]] u32 CutUncommitted();
+    [[nodiscard]] ResultCode CutUncommitted();
 
   private:
     // The callbacks of the scan, for one record and for one commit block; `ctx` is a LoadPass.
     static std::uint32_t PlaceRecord(std::uint64_t offset, const K9eReplRec* rec, void* ctx);
     static std::uint32_t TakeCommit(void* ctx, std::int64_t clearRev, std::int64_t commitRev);
     // Everything placed so far is committed; what a raised clear revision removes goes.
-    [[nodiscard]] u32 OnCommit(i64 clearRev, i64 commitRev);
+    [[nodiscard]] ResultCode OnCommit(i64 clearRev, i64 commitRev);
 
     const OpenSettings& m_settings;
     BlockStore& m_blocks;

@@ -15,9 +15,9 @@
 
 namespace k9erepl {
 
-u32 Loader::Load() {
+ResultCode Loader::Load() {
     assert(m_status.State() == StorageState::kClosed);
-    u32 rc = RC_NO_MEMORY;
+    ResultCode rc = RC_NO_MEMORY;
     try {
         rc = LoadAnew();
     } catch (const std::bad_alloc&) {
@@ -36,14 +36,14 @@ void Loader::Abandon() {
     m_status.Set(StorageState::kClosed);
 }
 
-u32 Loader::LoadAnew() {
+ResultCode Loader::LoadAnew() {
     m_blocks.Clear();
     IndexFileContent index;
     if (const std::string path = IndexFileName(m_connStr.c_str()); !path.empty()) {
         // Dropped: a fault of the index file was logged, and loading goes on without it.
         (void)ReadIndexFile(path, &index);
     }
-    const u32 rc = LoadOnce(index);
+    const ResultCode rc = LoadOnce(index);
     // The index may be at fault, not the file. When the system fails, another try would only read
     // more.
     if (rc == RC_OK || rc == RC_SYSTEM_ERROR || rc == RC_NO_MEMORY || rc == kContentChanged ||
@@ -55,26 +55,26 @@ u32 Loader::LoadAnew() {
     return LoadOnce(IndexFileContent{});
 }
 
-u32 Loader::LoadOn() {
+ResultCode Loader::LoadOn() {
     assert(m_settings.readOnly && m_file.IsOpen());
     i64 lowestRev = 0;
     bool hasItems = false;
-    if (u32 rc = m_file.ReadFirstCommitInfo(&lowestRev, &hasItems); rc != RC_OK) {
+    if (ResultCode rc = m_file.ReadFirstCommitInfo(&lowestRev, &hasItems); rc != RC_OK) {
         return rc;
     }
-    if (u32 rc = m_pass.ScanOn(m_file); rc != RC_OK) {
+    if (ResultCode rc = m_pass.ScanOn(m_file); rc != RC_OK) {
         return rc;
     }
     return FinishFromOpenFile(lowestRev);
 }
 
-u32 Loader::LoadOnce(const IndexFileContent& index) {
+ResultCode Loader::LoadOnce(const IndexFileContent& index) {
     assert(m_blocks.Index().empty());
     m_plan = LoadPlan{};
     return m_file.IsOpen() ? LoadFromOpenFile(index) : LoadWithoutOpenFile(index);
 }
 
-u32 Loader::LoadWithoutOpenFile(const IndexFileContent& index) {
+ResultCode Loader::LoadWithoutOpenFile(const IndexFileContent& index) {
     assert(!m_file.IsOpen());
     const char* connStr = m_connStr.c_str();
     std::string path;
@@ -85,29 +85,29 @@ u32 Loader::LoadWithoutOpenFile(const IndexFileContent& index) {
         return RC_INVALID_ARG;
     }
     if (IsMemoryPath(path)) {
-        if (u32 rc = m_clearer.Truncate(); rc != RC_OK) {
+        if (ResultCode rc = m_clearer.Truncate(); rc != RC_OK) {
             LOG_ERROR_CODE(rc, kLogStorage, "Failed to truncate storage;conn-str %s", connStr);
             return rc;
         }
         return Finish(0, nullptr);
     }
     CSolidStorage temporary;
-    if (u32 rc = temporary.Open(path, connStr, FileUse::kNoLock); rc != RC_OK) {
+    if (ResultCode rc = temporary.Open(path, connStr, FileUse::kNoLock); rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to init temporary solid storage;conn-str %s",
                        connStr);
         return rc;
     }
     Plan(temporary, index);
-    if (u32 rc = RunPass(temporary); rc != RC_OK) {
+    if (ResultCode rc = RunPass(temporary); rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage,
                        "Failed to enum temporary solid storage rec to load;conn-str %s", connStr);
         return rc;
     }
-    if (u32 rc = CheckAllOf(temporary); rc != RC_OK) {
+    if (ResultCode rc = CheckAllOf(temporary); rc != RC_OK) {
         return rc;
     }
     i64 flushedRev = 0;
-    if (u32 rc = temporary.GetFlushedRev(&flushedRev); rc != RC_OK) {
+    if (ResultCode rc = temporary.GetFlushedRev(&flushedRev); rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to get flushed rev from temporary solid storage");
         return rc;
     }
@@ -116,7 +116,7 @@ u32 Loader::LoadWithoutOpenFile(const IndexFileContent& index) {
     return Finish(0, &temporary);
 }
 
-u32 Loader::LoadFromOpenFile(const IndexFileContent& index) {
+ResultCode Loader::LoadFromOpenFile(const IndexFileContent& index) {
     assert(m_file.IsOpen());
     Plan(m_file, index);
     i64 lowestRev = 0;
@@ -135,21 +135,21 @@ u32 Loader::LoadFromOpenFile(const IndexFileContent& index) {
             m_plan = LoadPlan{};
         }
     }
-    if (u32 rc = RunPass(m_file); rc != RC_OK) {
+    if (ResultCode rc = RunPass(m_file); rc != RC_OK) {
         if (rc != kContentChanged) {
             LOG_ERROR_CODE(rc, kLogStorage, "Failed to load solid storage rec");
         }
         return rc;
     }
-    if (u32 rc = CheckAllOf(m_file); rc != RC_OK) {
+    if (ResultCode rc = CheckAllOf(m_file); rc != RC_OK) {
         return rc;
     }
     return FinishFromOpenFile(lowestRev);
 }
 
-u32 Loader::FinishFromOpenFile(i64 lowestRev) {
+ResultCode Loader::FinishFromOpenFile(i64 lowestRev) {
     i64 flushedRev = 0;
-    if (u32 rc = m_file.GetFlushedRev(&flushedRev); rc != RC_OK) {
+    if (ResultCode rc = m_file.GetFlushedRev(&flushedRev); rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to get flushed rev from solid storage");
         return rc;
     }
@@ -176,11 +176,11 @@ void Loader::Plan(CSolidStorage& file, const IndexFileContent& index) {
     LOG_INFO(kLogStorage, "Index test passed; start loading from offset %I64d", m_plan.startOffset);
 }
 
-u32 Loader::RunPass(CSolidStorage& file) {
+ResultCode Loader::RunPass(CSolidStorage& file) {
     for (const TIndexEntry& entry : m_plan.keptOnDisk) {
         m_blocks.AddBlockInFile(entry.rev, entry.offset);
     }
-    u32 rc = m_pass.ScanFrom(file, m_plan.startOffset);
+    ResultCode rc = m_pass.ScanFrom(file, m_plan.startOffset);
     // An index may only save time: when it led to no commit block, or may have hidden records,
     // the load starts over without it.
     if (m_plan.UsesIndex() &&
@@ -194,11 +194,11 @@ u32 Loader::RunPass(CSolidStorage& file) {
 }
 
 // With the setting check: nothing may be written behind damage that the index passed over.
-u32 Loader::CheckAllOf(CSolidStorage& file) {
+ResultCode Loader::CheckAllOf(CSolidStorage& file) {
     if (!m_settings.checkWhole) {
         return RC_OK;
     }
-    const u32 rc = file.CheckWhole(m_plan.startOffset);
+    const ResultCode rc = file.CheckWhole(m_plan.startOffset);
     if (rc == RC_FILE_CORRUPT) {
         m_plan = LoadPlan{};  // not the fault of the index: without it the load would cut the file
     }
@@ -228,9 +228,9 @@ bool Loader::LoadedAllThatIsKept(CSolidStorage& file) const {
                &completed) == RC_OK;
 }
 
-u32 Loader::Finish(i64 nextRevOfFile, CSolidStorage* file) {
+ResultCode Loader::Finish(i64 nextRevOfFile, CSolidStorage* file) {
     assert(file != nullptr || m_blocks.Index().empty());
-    if (u32 rc = m_pass.CutUncommitted(); rc != RC_OK) {
+    if (ResultCode rc = m_pass.CutUncommitted(); rc != RC_OK) {
         return rc;
     }
     if (!m_blocks.Blocks().empty()) {
@@ -242,13 +242,14 @@ u32 Loader::Finish(i64 nextRevOfFile, CSolidStorage* file) {
     m_blocks.SetNextRev(std::max(
         {i64{1}, NextRevAfter(m_blocks.FlushedRev()), nextRevOfFile, m_blocks.OldestRev()}));
     if (m_settings.MayEvict()) {
-        if (u32 rc = m_blocks.Shrink(m_settings.cacheBlocks, m_blocks.FlushedRev()); rc != RC_OK) {
+        if (ResultCode rc = m_blocks.Shrink(m_settings.cacheBlocks, m_blocks.FlushedRev());
+            rc != RC_OK) {
             return rc;
         }
     }
     m_status.Set(StorageState::kOpen);
     if (file != nullptr) {
-        if (u32 rc = CutCleared(*file); rc != RC_OK) {
+        if (ResultCode rc = CutCleared(*file); rc != RC_OK) {
             return rc;
         }
     }
@@ -259,7 +260,7 @@ u32 Loader::Finish(i64 nextRevOfFile, CSolidStorage* file) {
 
 // The first block may hold records below the clear revision. Afterwards it begins with the first
 // record that is still served.
-u32 Loader::CutCleared(CSolidStorage& file) {
+ResultCode Loader::CutCleared(CSolidStorage& file) {
     assert(m_status.IsOpen());
     m_blocks.DropBelow(m_blocks.OldestRev());
     const BlockIndex& index = m_blocks.Index();
@@ -276,7 +277,7 @@ u32 Loader::CutCleared(CSolidStorage& file) {
         .startOffset = first->second.fileOffset,
         .reachesTo = second == index.end() ? 0 : i64{second->second.fileOffset}};
     bool completed = true;
-    if (u32 rc = file.EnumFileRecs(range, &ClearSearch::Visit, &search, &completed);
+    if (ResultCode rc = file.EnumFileRecs(range, &ClearSearch::Visit, &search, &completed);
         rc != RC_OK && rc != RC_ENUM_STOP) {
         LOG_ERROR_CODE(rc, kLogStorage, "Enum from disk failed after load");
         return rc;

@@ -17,6 +17,7 @@
 #include "index/index_file.h"
 #include "platform/int_types.h"
 #include "solid/solid_storage.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -41,17 +42,17 @@ class Loader {
     // See K9eReplStorageLoad. Success makes the storage Open. After a failure, which is logged,
     // nothing of the load stays, and it may be tried again.
     // REQUIRES: the storage is Closed.
-    [[nodiscard]] u32 Load();
+    [[nodiscard]] ResultCode Load();
 
     // --- The steps of a load that may be repeated, for a read-only storage
 
     // Both may throw std::bad_alloc. What a step that failed has loaded stays until Abandon.
     //
     // Forgets what is loaded and loads everything.
-    [[nodiscard]] u32 LoadAnew();
+    [[nodiscard]] ResultCode LoadAnew();
     // Loads what follows what is loaded.
     // REQUIRES: the storage is read-only; its file was opened anew and goes on.
-    [[nodiscard]] u32 LoadOn();
+    [[nodiscard]] ResultCode LoadOn();
     // Removes everything of a load that failed half-way: the storage is Closed and empty, and the
     // index thread is stopped.
     void Abandon();
@@ -59,34 +60,34 @@ class Loader {
   private:
     // One load with `index`, which is empty for a load without it.
     // REQUIRES: nothing is loaded.
-    [[nodiscard]] u32 LoadOnce(const IndexFileContent& index);
+    [[nodiscard]] ResultCode LoadOnce(const IndexFileContent& index);
     // For flush_mode=NoFlush: loads from a file that is opened for the time of the load alone, or
     // begins empty with ":memory:".
-    [[nodiscard]] u32 LoadWithoutOpenFile(const IndexFileContent& index);
+    [[nodiscard]] ResultCode LoadWithoutOpenFile(const IndexFileContent& index);
     // Loads from the storage's own file.
-    [[nodiscard]] u32 LoadFromOpenFile(const IndexFileContent& index);
+    [[nodiscard]] ResultCode LoadFromOpenFile(const IndexFileContent& index);
     // Fills m_plan from `index` if the index fits the file and passes the test; else leaves it
     // empty.
     void Plan(CSolidStorage& file, const IndexFileContent& index);
     // Scans `file` as m_plan says, and again from the beginning if the index misled the first scan.
-    [[nodiscard]] u32 RunPass(CSolidStorage& file);
+    [[nodiscard]] ResultCode RunPass(CSolidStorage& file);
     // False when the file may hold records in front of the index's first entry that are not
     // cleared.
     // REQUIRES: m_plan uses the index.
     bool LoadedAllThatIsKept(CSolidStorage& file) const;
     // The check of the whole file with the setting check; without it, RC_OK. Errors: as
     // CSolidStorage::CheckWhole.
-    [[nodiscard]] u32 CheckAllOf(CSolidStorage& file);
+    [[nodiscard]] ResultCode CheckAllOf(CSolidStorage& file);
     // Ends a load from the storage's own file. `lowestRev` is the commitRev of the file's first
     // commit block.
-    [[nodiscard]] u32 FinishFromOpenFile(i64 lowestRev);
+    [[nodiscard]] ResultCode FinishFromOpenFile(i64 lowestRev);
     // Cuts what is not committed or was cleared, sets the next revision to at least
     // `nextRevOfFile`, starts the index thread, and makes the storage Open. `file` is null for an
     // empty storage.
-    [[nodiscard]] u32 Finish(i64 nextRevOfFile, CSolidStorage* file);
+    [[nodiscard]] ResultCode Finish(i64 nextRevOfFile, CSolidStorage* file);
     // Removes what lies below the clear revision.
     // Errors, logged: those of CSolidStorage::EnumFileRecs.
-    [[nodiscard]] u32 CutCleared(CSolidStorage& file);
+    [[nodiscard]] ResultCode CutCleared(CSolidStorage& file);
 
     const OpenSettings& m_settings;
     const std::string& m_connStr;

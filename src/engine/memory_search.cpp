@@ -4,6 +4,7 @@
 #include <cassert>
 
 #include "engine/block_records.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -81,7 +82,7 @@ i64 MemorySearch::ReadOffset(i64 startOffset, const Place& place) {
     ClearSearch search{.minRev = place.rev, .stopAtKept = true};
     const FileEnumRange range{.fromRev = place.rev, .toRev = place.rev, .startOffset = startOffset};
     bool completed = true;
-    const u32 rc = m_file.EnumFileRecs(range, &ClearSearch::Visit, &search, &completed);
+    const ResultCode rc = m_file.EnumFileRecs(range, &ClearSearch::Visit, &search, &completed);
     return rc == RC_ENUM_STOP && search.newFirstRev == place.rev ? search.newFirstRecOffset
                                                                  : kUnknownOffset;
 }

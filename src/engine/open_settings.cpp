@@ -15,26 +15,26 @@
 
 namespace k9erepl {
 
-u32 OpenSettings::ReadMain(const char* connStr) {
-    if (u32 rc = ReadCacheType(connStr); rc != RC_OK) {
+ResultCode OpenSettings::ReadMain(const char* connStr) {
+    if (ResultCode rc = ReadCacheType(connStr); rc != RC_OK) {
         return rc;
     }
-    if (u32 rc = ReadBlockSize(connStr); rc != RC_OK) {
+    if (ResultCode rc = ReadBlockSize(connStr); rc != RC_OK) {
         return rc;
     }
-    if (u32 rc = ReadFlushMode(connStr); rc != RC_OK) {
+    if (ResultCode rc = ReadFlushMode(connStr); rc != RC_OK) {
         return rc;
     }
-    if (u32 rc = ReadFlushTimeout(connStr); rc != RC_OK) {
+    if (ResultCode rc = ReadFlushTimeout(connStr); rc != RC_OK) {
         return rc;
     }
-    if (u32 rc = ReadReadOnly(connStr); rc != RC_OK) {
+    if (ResultCode rc = ReadReadOnly(connStr); rc != RC_OK) {
         return rc;
     }
     return ReadCheck(connStr);
 }
 
-u32 OpenSettings::ReadCacheType(const char* connStr) {
+ResultCode OpenSettings::ReadCacheType(const char* connStr) {
     static constexpr std::string_view kLast = "Last";
     std::string value;
     GetParam(connStr, "cache_type", value);
@@ -62,7 +62,7 @@ u32 OpenSettings::ReadCacheType(const char* connStr) {
     return RC_OK;
 }
 
-u32 OpenSettings::ReadBlockSize(const char* connStr) {
+ResultCode OpenSettings::ReadBlockSize(const char* connStr) {
     // A block is allocated in one piece, whose size is a 32-bit number.
     static constexpr u32 kMaxBlockSize = std::numeric_limits<u32>::max() - kBlockOverhead;
     u32 value = 0;
@@ -81,7 +81,7 @@ u32 OpenSettings::ReadBlockSize(const char* connStr) {
     return RC_OK;
 }
 
-u32 OpenSettings::ReadFlushMode(const char* connStr) {
+ResultCode OpenSettings::ReadFlushMode(const char* connStr) {
     std::string value;
     GetParam(connStr, "flush_mode", value);
     if (value.empty()) {
@@ -125,7 +125,7 @@ void OpenSettings::ReadFlushDataSize(const char* connStr) {
     }
 }
 
-u32 OpenSettings::ReadFlushTimeout(const char* connStr) {
+ResultCode OpenSettings::ReadFlushTimeout(const char* connStr) {
     i32 value = 0;
     if (!GetParamInt(connStr, "flush_timeout", &value)) {
         LOG_WARNING(kLogStorage, "Use default flush_timeout %u", flushTimeout);
@@ -141,10 +141,10 @@ u32 OpenSettings::ReadFlushTimeout(const char* connStr) {
 }
 
 // Logs nothing when the key is absent, so existing logs do not change.
-u32 OpenSettings::ReadReadOnly(const char* connStr) {
+ResultCode OpenSettings::ReadReadOnly(const char* connStr) {
     assert(!readOnly);
     YesNo setting;
-    if (const u32 rc = ReadYesNo(connStr, "read_only", &setting); rc != RC_OK) {
+    if (const ResultCode rc = ReadYesNo(connStr, "read_only", &setting); rc != RC_OK) {
         return rc;
     }
     readOnly = setting.yes;
@@ -158,9 +158,9 @@ u32 OpenSettings::ReadReadOnly(const char* connStr) {
 }
 
 // Logs nothing when the key is absent, so existing logs do not change.
-u32 OpenSettings::ReadCheck(const char* connStr) {
+ResultCode OpenSettings::ReadCheck(const char* connStr) {
     YesNo setting;
-    if (const u32 rc = ReadYesNo(connStr, "check", &setting); rc != RC_OK) {
+    if (const ResultCode rc = ReadYesNo(connStr, "check", &setting); rc != RC_OK) {
         return rc;
     }
     LogYesNo("check", setting);

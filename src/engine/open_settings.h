@@ -5,6 +5,7 @@
 #define K9EREPL_ENGINE_OPEN_SETTINGS_H
 
 #include "platform/int_types.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -56,7 +57,7 @@ struct OpenSettings {
     // Reads cache_type, block_size, flush_mode with its threshold, flush_timeout, read_only and
     // check, and logs what it uses. A refused value is logged and answers RC_INVALID_ARG; settings
     // before it are then read.
-    [[nodiscard]] u32 ReadMain(const char* connStr);
+    [[nodiscard]] ResultCode ReadMain(const char* connStr);
     // Reads memory_reserve; a value below 1 is logged and not used. To be called after ReadMain,
     // for the default depends on cache_type.
     void ReadMemoryReserve(const char* connStr);
@@ -68,17 +69,17 @@ struct OpenSettings {
 
   private:
     // Each reads one setting and logs it. Those that return a code refuse with RC_INVALID_ARG.
-    [[nodiscard]] u32 ReadCacheType(const char* connStr);
-    [[nodiscard]] u32 ReadBlockSize(const char* connStr);
+    [[nodiscard]] ResultCode ReadCacheType(const char* connStr);
+    [[nodiscard]] ResultCode ReadBlockSize(const char* connStr);
     // Reads flush_mode and, after PerTrans or PerData, its threshold. Comes after ReadCacheType,
     // for NoFlush goes with AllInMem only.
-    [[nodiscard]] u32 ReadFlushMode(const char* connStr);
+    [[nodiscard]] ResultCode ReadFlushMode(const char* connStr);
     void ReadFlushTransNum(const char* connStr);
     void ReadFlushDataSize(const char* connStr);
-    [[nodiscard]] u32 ReadFlushTimeout(const char* connStr);
+    [[nodiscard]] ResultCode ReadFlushTimeout(const char* connStr);
     // Comes after ReadFlushMode, for a read-only storage cannot have NoFlush.
-    [[nodiscard]] u32 ReadReadOnly(const char* connStr);
-    [[nodiscard]] u32 ReadCheck(const char* connStr);
+    [[nodiscard]] ResultCode ReadReadOnly(const char* connStr);
+    [[nodiscard]] ResultCode ReadCheck(const char* connStr);
 };
 
 }  // namespace k9erepl

@@ -11,14 +11,14 @@
 
 namespace k9erepl {
 
-u32 Opener::Open(const char* connStr, IK9eReplDS& storage, std::string* accepted) {
+ResultCode Opener::Open(const char* connStr, IK9eReplDS& storage, std::string* accepted) {
     assert(accepted->empty());
-    if (u32 rc = m_settings.ReadMain(connStr); rc != RC_OK) {
+    if (ResultCode rc = m_settings.ReadMain(connStr); rc != RC_OK) {
         return rc;
     }
     m_flusher.RegisterTimes();
     const bool hasFile = m_settings.HasFile();
-    if (u32 rc = hasFile ? OpenFile(connStr) : OpenInMemory(connStr); rc != RC_OK) {
+    if (ResultCode rc = hasFile ? OpenFile(connStr) : OpenInMemory(connStr); rc != RC_OK) {
         return rc;
     }
     m_settings.ReadMemoryReserve(connStr);
@@ -30,7 +30,7 @@ u32 Opener::Open(const char* connStr, IK9eReplDS& storage, std::string* accepted
     }
     *accepted = connStr;
     if (hasFile && !m_settings.readOnly) {
-        if (u32 rc = m_index.Make(connStr, storage); rc != RC_OK) {
+        if (ResultCode rc = m_index.Make(connStr, storage); rc != RC_OK) {
             return rc;
         }
         m_settings.ReadIndexHint(connStr);
@@ -39,7 +39,7 @@ u32 Opener::Open(const char* connStr, IK9eReplDS& storage, std::string* accepted
     return RC_OK;
 }
 
-u32 Opener::OpenFile(const char* connStr) {
+ResultCode Opener::OpenFile(const char* connStr) {
     assert(m_settings.HasFile());
     std::string path;
     GetParam(connStr, "file", path);
@@ -54,20 +54,21 @@ u32 Opener::OpenFile(const char* connStr) {
         return RC_INVALID_ARG;
     }
     // A read-only storage never writes to its index file, so that may be any file.
-    if (u32 rc = m_settings.readOnly ? u32{RC_OK} : CheckStorageNames(connStr); rc != RC_OK) {
+    if (ResultCode rc = m_settings.readOnly ? ResultCode{RC_OK} : CheckStorageNames(connStr);
+        rc != RC_OK) {
         return rc;
     }
     const FileUse use = m_settings.readOnly ? FileUse::kReadOnly : FileUse::kWrite;
-    if (u32 rc = m_file.Open(path, connStr, use); rc != RC_OK) {
+    if (ResultCode rc = m_file.Open(path, connStr, use); rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to init solid storage;conn-str %s", connStr);
         return rc;
     }
     return m_marks.Read(connStr);
 }
 
-u32 Opener::OpenInMemory(const char* connStr) {
+ResultCode Opener::OpenInMemory(const char* connStr) {
     assert(!m_settings.HasFile());
-    if (u32 rc = m_clearer.Truncate(); rc != RC_OK) {
+    if (ResultCode rc = m_clearer.Truncate(); rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to truncate storage;conn-str %s", connStr);
         return rc;
     }

@@ -16,6 +16,7 @@
 #include "engine/storage_status.h"
 #include "platform/int_types.h"
 #include "solid/solid_storage.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -43,14 +44,14 @@ class Opener {
     // of ClientMarks::Read and of IndexKeeper::Make.
     // May throw std::bad_alloc.
     // REQUIRES: *accepted is empty.
-    [[nodiscard]] u32 Open(const char* connStr, IK9eReplDS& storage, std::string* accepted);
+    [[nodiscard]] ResultCode Open(const char* connStr, IK9eReplDS& storage, std::string* accepted);
 
   private:
     // Checks the names of the storage's files, opens the storage file and reads the client's
     // numbers.
-    [[nodiscard]] u32 OpenFile(const char* connStr);
+    [[nodiscard]] ResultCode OpenFile(const char* connStr);
     // Prepares a storage without a file: empty, and Closed until it is loaded.
-    [[nodiscard]] u32 OpenInMemory(const char* connStr);
+    [[nodiscard]] ResultCode OpenInMemory(const char* connStr);
 
     OpenSettings& m_settings;
     StorageStatus& m_status;

@@ -12,7 +12,7 @@
 
 namespace k9erepl {
 
-u32 RecordWalk::Run(i64 fromRev, i64 toRev) {
+ResultCode RecordWalk::Run(i64 fromRev, i64 toRev) {
     assert(m_lastDelivered == 0);
     m_toRev = toRev;
     do {
@@ -78,7 +78,7 @@ RecordWalk::Walk RecordWalk::Visit(i64 offset, const K9eReplRec* rec) {
     const i64 rev = rec->rev;
     assert(rev <= m_toRev);
     const u64 generation = m_blocks.Generation();
-    if (u32 rc = m_visitor(offset, rec, m_ctx); rc != RC_OK) {
+    if (ResultCode rc = m_visitor(offset, rec, m_ctx); rc != RC_OK) {
         return End(rc);
     }
     m_lastDelivered = rev;
@@ -86,12 +86,12 @@ RecordWalk::Walk RecordWalk::Visit(i64 offset, const K9eReplRec* rec) {
     return m_placeLost ? Walk::kEnd : Walk::kOn;
 }
 
-u32 RecordWalk::VisitFromFile(i64 offset, const K9eReplRec* rec, void* ctx) {
+ResultCode RecordWalk::VisitFromFile(i64 offset, const K9eReplRec* rec, void* ctx) {
     auto& walk = *static_cast<RecordWalk*>(ctx);
     return offset < walk.m_lookAt ? walk.VisitInRange(offset, rec) : walk.LookAndVisit(offset, rec);
 }
 
-u32 RecordWalk::VisitInRange(i64 offset, const K9eReplRec* rec) {
+ResultCode RecordWalk::VisitInRange(i64 offset, const K9eReplRec* rec) {
     if (Visit(offset, rec) == Walk::kOn) {
         return RC_OK;
     }
@@ -126,7 +126,7 @@ RecordWalk::Walk RecordWalk::WalkFile(BlockIndex::const_iterator& it, i64 startR
     LOG_INFO(kLogStorage, "Enum from disk %I64d-%I64d", startRev, passTo);
     m_startRev = startRev;
     bool completed = true;
-    const u32 rc = EnumFile(it, passTo, &completed);
+    const ResultCode rc = EnumFile(it, passTo, &completed);
     if (m_placeLost) {
         return Walk::kEnd;
     }
@@ -141,7 +141,7 @@ RecordWalk::Walk RecordWalk::WalkFile(BlockIndex::const_iterator& it, i64 startR
     return Walk::kOn;
 }
 
-u32 RecordWalk::EnumFile(BlockIndex::const_iterator it, i64 passTo, bool* completed) {
+ResultCode RecordWalk::EnumFile(BlockIndex::const_iterator it, i64 passTo, bool* completed) {
     const i64 blockOffset = it->second.fileOffset;
     FileNotes& notes = m_source.notesInFile;
     m_notedBlock = it;
@@ -155,7 +155,7 @@ u32 RecordWalk::EnumFile(BlockIndex::const_iterator it, i64 passTo, bool* comple
     if (const FileNote* const note = notes.Find(it->first, m_startRev)) {
         range.startOffset = blockOffset + note->distance;
         range.startRev = note->rev;
-        const u32 rc = m_source.file.EnumFileRecs(range, &VisitFromFile, this, completed);
+        const ResultCode rc = m_source.file.EnumFileRecs(range, &VisitFromFile, this, completed);
         if (rc != kNoSuchRecord || !*completed) {
             return rc;
         }
@@ -166,7 +166,7 @@ u32 RecordWalk::EnumFile(BlockIndex::const_iterator it, i64 passTo, bool* comple
     return m_source.file.EnumFileRecs(range, &VisitFromFile, this, completed);
 }
 
-u32 RecordWalk::LookAndVisit(i64 offset, const K9eReplRec* rec) {
+ResultCode RecordWalk::LookAndVisit(i64 offset, const K9eReplRec* rec) {
     if (offset >= m_noteAt) {
         NoteFileRecord(offset, rec->rev);
     }

@@ -11,6 +11,7 @@
 #include "engine/storage_status.h"
 #include "platform/int_types.h"
 #include "solid/solid_storage.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -23,7 +24,7 @@ struct ClientVisitor {
     K9eReplEnumCb callback;  // null: the walk fails with RC_INVALID_ARG at the first record
     void* context;           // handed to the callback, never looked at
 
-    [[nodiscard]] static u32 Visit(i64 /*offset*/, const K9eReplRec* rec, void* ctx) {
+    [[nodiscard]] static ResultCode Visit(i64 /*offset*/, const K9eReplRec* rec, void* ctx) {
         const auto& client = *static_cast<const ClientVisitor*>(ctx);
         return client.callback == nullptr ? RC_INVALID_ARG : client.callback(rec, client.context);
     }
@@ -53,7 +54,7 @@ class RecordWalk {
     // Visits the records from `fromRev` to `toRev`, both included, that are still served, those of
     // an open transaction, too. To be called once.
     // Errors: the visitor's result; RC_BAD_DATA, logged; those of CSolidStorage::EnumFileRecs.
-    [[nodiscard]] u32 Run(i64 fromRev, i64 toRev);
+    [[nodiscard]] ResultCode Run(i64 fromRev, i64 toRev);
 
   private:
     // Says whether the walk goes on to the next record or block. At its end m_result is the result,
@@ -68,12 +69,12 @@ class RecordWalk {
     Walk WalkFile(BlockIndex::const_iterator& it, i64 startRev);
     // Enumerates the file from the block `it` up to `passTo`: from a note, if there is one that
     // holds.
-    [[nodiscard]] u32 EnumFile(BlockIndex::const_iterator it, i64 passTo, bool* completed);
+    [[nodiscard]] ResultCode EnumFile(BlockIndex::const_iterator it, i64 passTo, bool* completed);
     // Visits a record of the file that lies in the range.
-    [[nodiscard]] u32 VisitInRange(i64 offset, const K9eReplRec* rec);
+    [[nodiscard]] ResultCode VisitInRange(i64 offset, const K9eReplRec* rec);
     // For a record whose offset has reached m_lookAt: notes it where that helps a later walk, and
     // visits it unless it lies before the range.
-    [[nodiscard]] u32 LookAndVisit(i64 offset, const K9eReplRec* rec);
+    [[nodiscard]] ResultCode LookAndVisit(i64 offset, const K9eReplRec* rec);
     // REQUIRES: offset has reached m_noteAt.
     void NoteFileRecord(i64 offset, i64 rev);
     // kEnd, logged, when the block under the key `firstRev` cannot be read from the file.
@@ -81,13 +82,13 @@ class RecordWalk {
     // Hands one record to the visitor and learns whether it moved the blocks.
     Walk Visit(i64 offset, const K9eReplRec* rec);
     // The same, as a FileItemVisitor; `ctx` is a RecordWalk.
-    [[nodiscard]] static u32 VisitFromFile(i64 offset, const K9eReplRec* rec, void* ctx);
+    [[nodiscard]] static ResultCode VisitFromFile(i64 offset, const K9eReplRec* rec, void* ctx);
     bool GoesOnIn(const MemoryBlocks::value_type& entry) const;
     // The file offset of the record `rev`, `distance` bytes into the block of `entry`.
     i64 FileOffset(const IndexEntry& entry, u64 distance, i64 rev) const;
     i64 OffsetReached(i64 toRev) const;
 
-    Walk End(u32 rc) {
+    Walk End(ResultCode rc) {
         m_result = rc;
         return Walk::kEnd;
     }

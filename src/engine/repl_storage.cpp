@@ -21,22 +21,22 @@ u32 CK9eReplStorage::FileOwner::RunAsCall(u32 (*work)(void* ctx), void* ctx) {
     });
 }
 
-u32 CK9eReplStorage::RefuseReadOnly(const char* call) const {
+ResultCode CK9eReplStorage::RefuseReadOnly(const char* call) const {
     assert(m_settings.readOnly);
     LOG_ERROR_CODE(RC_NOT_SUPPORTED, kLogStorage, "Storage is read-only;refused %s", call);
     return RC_NOT_SUPPORTED;
 }
 
-u32 CK9eReplStorage::RefuseQuery(const void* out) const {
+ResultCode CK9eReplStorage::RefuseQuery(const void* out) const {
     if (out == nullptr) {
         return RC_INVALID_ARG;
     }
-    return BelongsToThisProcess() ? u32{RC_OK} : u32{RC_WRONG_STATE};
+    return BelongsToThisProcess() ? ResultCode{RC_OK} : u32{RC_WRONG_STATE};
 }
 
 template <typename Query>
-u32 CK9eReplStorage::QueryWhenOpen(std::int64_t* out, Query query) {
-    if (u32 rc = RefuseQuery(out); rc != RC_OK) {
+ResultCode CK9eReplStorage::QueryWhenOpen(std::int64_t* out, Query query) {
+    if (ResultCode rc = RefuseQuery(out); rc != RC_OK) {
         return rc;
     }
     const Guard guard(m_lock);
@@ -49,12 +49,12 @@ u32 CK9eReplStorage::QueryWhenOpen(std::int64_t* out, Query query) {
 
 // --- Opening and loading
 
-u32 CK9eReplStorage::Open(const char* connStr) {
+ResultCode CK9eReplStorage::Open(const char* connStr) {
     const Guard guard(m_lock);
     if (m_status.State() == StorageState::kBroken) {
         return RC_WRONG_STATE;
     }
-    u32 rc = RC_NO_MEMORY;
+    ResultCode rc = RC_NO_MEMORY;
     try {
         if (platform::WatchForks()) {
             Opener opener(m_settings, m_status, m_blocks, m_file, m_marks, m_index, m_flusher,
@@ -97,7 +97,7 @@ std::uint32_t CK9eReplStorage::FlushOnIdle() {
     return AsCall("FlushOnIdle", [this] { return FlushWhenIdle(); });
 }
 
-u32 CK9eReplStorage::FlushWhenIdle() {
+ResultCode CK9eReplStorage::FlushWhenIdle() {
     if (m_lock.StorageIsToEnd()) [[unlikely]] {
         // OnWriteToFile closed the last handle on the writing thread; perhaps no other call comes.
         m_lock.EndStorageIfFree();
@@ -117,12 +117,13 @@ u32 CK9eReplStorage::FlushWhenIdle() {
     }
     const Guard guard(m_lock, std::adopt_lock);
     return m_flusher.FlushNeeded() ? m_flusher.FlushOnIdle(m_transaction.LastCommittedRev())
-                                   : u32{RC_OK};
+                                   : ResultCode{RC_OK};
 }
 
 // --- Reading and removing
 
-u32 CK9eReplStorage::EnumWithVisitor(i64 fromRev, i64 toRev, RecordVisitor visitor, void* ctx) {
+ResultCode CK9eReplStorage::EnumWithVisitor(i64 fromRev, i64 toRev, RecordVisitor visitor,
+                                            void* ctx) {
     const ScopedValue walking(m_walks, m_walks + 1);
     return RecordWalk({m_settings, m_status, m_blocks, m_file, m_blocks.NotesInFile()}, visitor,
                       ctx)
@@ -132,7 +133,8 @@ u32 CK9eReplStorage::EnumWithVisitor(i64 fromRev, i64 toRev, RecordVisitor visit
 std::uint32_t CK9eReplStorage::EnumRecords(std::int64_t fromRev, std::int64_t toRev,
                                            K9eReplEnumCb cb, void* cbContext) {
     const Guard guard(m_lock);
-    if (u32 rc = m_status.RefuseUnless(m_status.IsOpen(), "Failed to enum recs"); rc != RC_OK) {
+    if (ResultCode rc = m_status.RefuseUnless(m_status.IsOpen(), "Failed to enum recs");
+        rc != RC_OK) {
         return rc;
     }
     ClientVisitor client{cb, cbContext};
@@ -192,12 +194,12 @@ std::uint32_t CK9eReplStorage::GetLastRev(std::uint32_t, std::int64_t* out) {
 }
 
 std::uint32_t CK9eReplStorage::GetClearRev(std::int64_t* out) {
-    const u32 rc = RefuseQuery(out);
+    const ResultCode rc = RefuseQuery(out);
     return rc == RC_OK ? GetClearOldRev(out) : rc;
 }
 
 std::uint32_t CK9eReplStorage::GetFlag(std::uint32_t, std::uint8_t* out) {
-    const u32 rc = RefuseQuery(out);
+    const ResultCode rc = RefuseQuery(out);
     if (rc == RC_OK) {
         *out = 0;
     }

@@ -24,6 +24,7 @@
 #include "platform/process.h"
 #include "solid/solid_storage.h"
 #include "support/exception_barrier.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -42,7 +43,7 @@ class CK9eReplStorage final : public IK9eReplStorage {
     // prepares everything that Load needs. To be called once. A refused setting or a failed step
     // leaves the object Broken.
     // Errors: see K9eReplStorageOpen.
-    [[nodiscard]] u32 Open(const char* connStr);
+    [[nodiscard]] ResultCode Open(const char* connStr);
 
     // False in a forked child of the process that made the storage. There only Release may be
     // called, which takes nothing away from the parent. Needs no lock.
@@ -121,7 +122,7 @@ class CK9eReplStorage final : public IK9eReplStorage {
     class FileOwner final : public SolidStorageOwner {
       public:
         explicit FileOwner(CK9eReplStorage& storage) : m_storage(storage) {}
-        [[nodiscard]] u32 RunAsCall(u32 (*work)(void* ctx), void* ctx) override;
+        [[nodiscard]] ResultCode RunAsCall(u32 (*work)(void* ctx), void* ctx) override;
 
       private:
         CK9eReplStorage& m_storage;
@@ -130,7 +131,7 @@ class CK9eReplStorage final : public IK9eReplStorage {
     // Does `work`, which changes the storage, under the lock. In a read-only storage it answers
     // RC_NOT_SUPPORTED, which is logged with `call`, the name that clients know.
     template <typename Work>
-    [[nodiscard]] u32 Change(const char* call, Work work) {
+    [[nodiscard]] ResultCode Change(const char* call, Work work) {
         // Needs no lock: settings are constant after Open.
         if (m_settings.readOnly) [[unlikely]] {
             return RefuseReadOnly(call);
@@ -139,24 +140,25 @@ class CK9eReplStorage final : public IK9eReplStorage {
         return work();
     }
     // RC_NOT_SUPPORTED, logged.
-    [[nodiscard]] u32 RefuseReadOnly(const char* call) const;
+    [[nodiscard]] ResultCode RefuseReadOnly(const char* call) const;
     // Does `work` for a host that calls through an interface and not through an exported function:
     // no exception gets out, and in a forked child it answers RC_WRONG_STATE.
     template <typename Work>
-    [[nodiscard]] u32 AsCall(const char* call, Work work) {
+    [[nodiscard]] ResultCode AsCall(const char* call, Work work) {
         return BelongsToThisProcess() ? WithoutExceptions(call, work) : u32{RC_WRONG_STATE};
     }
     // RC_INVALID_ARG for a null `out`, RC_WRONG_STATE in a forked child.
-    [[nodiscard]] u32 RefuseQuery(const void* out) const;
+    [[nodiscard]] ResultCode RefuseQuery(const void* out) const;
     // *out receives the result of `query`, which runs under the lock. Errors: as RefuseQuery;
     // RC_NOT_OPEN unless the storage is Open.
     template <typename Query>
-    [[nodiscard]] u32 QueryWhenOpen(std::int64_t* out, Query query);
+    [[nodiscard]] ResultCode QueryWhenOpen(std::int64_t* out, Query query);
 
     // The idle call, inside its barrier against exceptions.
-    [[nodiscard]] u32 FlushWhenIdle();
+    [[nodiscard]] ResultCode FlushWhenIdle();
     // One enumeration, counted in m_walks. Called under the lock.
-    [[nodiscard]] u32 EnumWithVisitor(i64 fromRev, i64 toRev, RecordVisitor visitor, void* ctx);
+    [[nodiscard]] ResultCode EnumWithVisitor(i64 fromRev, i64 toRev, RecordVisitor visitor,
+                                             void* ctx);
 
     // The last Release in a forked child.
     void EndInChild();

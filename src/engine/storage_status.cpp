@@ -7,12 +7,12 @@
 
 namespace k9erepl {
 
-u32 StorageStatus::Refuse(const char* event) const {
+ResultCode StorageStatus::Refuse(const char* event) const {
     LOG_ERROR_CODE(RC_WRONG_STATE, kLogStorage, "%s;state %d", event, StateForLog());
     return RC_WRONG_STATE;
 }
 
-u32 StorageStatus::Break(u32 rc) {
+ResultCode StorageStatus::Break(ResultCode rc) {
     assert(rc != RC_OK);
     Set(StorageState::kBroken);
     return rc;

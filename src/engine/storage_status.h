@@ -9,6 +9,7 @@
 #include <atomic>
 
 #include "platform/int_types.h"
+#include "support/result.h"
 #include "support/scoped_value.h"
 
 namespace k9erepl {
@@ -47,13 +48,13 @@ class StorageStatus {
     bool MayEnd() const { return IsOpen() || State() == StorageState::kFlushFailed; }
 
     // RC_OK if `allowed`; else RC_WRONG_STATE, which is logged with the text `event` and the state.
-    [[nodiscard]] u32 RefuseUnless(bool allowed, const char* event) const {
-        return allowed ? u32{RC_OK} : Refuse(event);
+    [[nodiscard]] ResultCode RefuseUnless(bool allowed, const char* event) const {
+        return allowed ? ResultCode{RC_OK} : Refuse(event);
     }
 
     void Set(StorageState state) { m_state.store(state, std::memory_order_relaxed); }
     // Makes the storage Broken and returns `rc`, the reason. REQUIRES: rc is not RC_OK.
-    [[nodiscard]] u32 Break(u32 rc);
+    [[nodiscard]] ResultCode Break(ResultCode rc);
     // To be called when a flush failed: the state becomes kFlushFailed, unless the failure broke
     // the storage.
     void EnterFlushFailed();
@@ -80,7 +81,7 @@ class StorageStatus {
 
   private:
     // Logs `event` with the state and returns RC_WRONG_STATE.
-    [[nodiscard]] u32 Refuse(const char* event) const;
+    [[nodiscard]] ResultCode Refuse(const char* event) const;
 
     std::atomic<StorageState> m_state{StorageState::kClosed};
     FileWork m_fileWork = FileWork::kNone;  // of the innermost work that is under way

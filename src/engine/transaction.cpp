@@ -8,7 +8,7 @@
 
 namespace k9erepl {
 
-u32 Transaction::BeginOutermost() {
+ResultCode Transaction::BeginOutermost() {
     assert(m_status.IsOpen() && !IsOpen());
     m_rolledBack = false;
     m_depth = 1;
@@ -17,7 +17,7 @@ u32 Transaction::BeginOutermost() {
     // When a callback of a flush begins a transaction, none is begun in the file: the flush has one
     // open there and must be able to go back to its own beginning.
     if (m_settings.HasFile() && m_status.FileIsIdle()) {
-        u32 rc = RC_OK;
+        ResultCode rc = RC_OK;
         try {
             rc = m_file.BeginTransaction();
         } catch (...) {
@@ -33,8 +33,9 @@ u32 Transaction::BeginOutermost() {
     return RC_OK;
 }
 
-u32 Transaction::InsertP(K9eReplRec* rec) {
-    if (u32 rc = m_status.RefuseUnless(MayChange(), "Failed to insert prepared"); rc != RC_OK) {
+ResultCode Transaction::InsertP(K9eReplRec* rec) {
+    if (ResultCode rc = m_status.RefuseUnless(MayChange(), "Failed to insert prepared");
+        rc != RC_OK) {
         return rc;
     }
     const i64 rev = rec->rev;
@@ -46,17 +47,17 @@ u32 Transaction::InsertP(K9eReplRec* rec) {
     return InsertAt(rec, rev);
 }
 
-u32 Transaction::InsertAlone(K9eReplRec* rec, i64 rev) {
+ResultCode Transaction::InsertAlone(K9eReplRec* rec, i64 rev) {
     if (rev > kMaxRev) {
         LOG_ERROR_CODE(RC_INVALID_ARG, kLogStorage, "No revision left;rev %I64d,maximum %I64d", rev,
                        kMaxRev);
         return RC_INVALID_ARG;
     }
     assert(!IsOpen());
-    if (u32 rc = BeginOutermost(); rc != RC_OK) {
+    if (ResultCode rc = BeginOutermost(); rc != RC_OK) {
         return rc;
     }
-    u32 rc = Place(rec, rev);
+    ResultCode rc = Place(rec, rev);
     if (rc == RC_OK) {
         rc = Commit();
     }
@@ -67,8 +68,8 @@ u32 Transaction::InsertAlone(K9eReplRec* rec, i64 rev) {
     return rc;
 }
 
-u32 Transaction::Commit() {
-    if (u32 rc = m_status.RefuseUnless(m_status.MayEnd(), "Failed to commit"); rc != RC_OK) {
+ResultCode Transaction::Commit() {
+    if (ResultCode rc = m_status.RefuseUnless(m_status.MayEnd(), "Failed to commit"); rc != RC_OK) {
         return rc;
     }
     if (!IsOpen()) {
@@ -77,7 +78,7 @@ u32 Transaction::Commit() {
     }
     // A callback of an idle flush may come in the middle of the client's transaction, which could
     // not be flushed now.
-    if (u32 rc = m_status.RefuseUnless(!m_flusher.MayStillFail(), "Failed to commit");
+    if (ResultCode rc = m_status.RefuseUnless(!m_flusher.MayStillFail(), "Failed to commit");
         rc != RC_OK) {
         return rc;
     }
@@ -86,7 +87,7 @@ u32 Transaction::Commit() {
         return RC_TRANS_ROLLED_BACK;
     }
     if (!IsOpen()) {
-        if (u32 rc = CommitOutermost(); rc != RC_OK) {
+        if (ResultCode rc = CommitOutermost(); rc != RC_OK) {
             return rc;
         }
     }
@@ -94,12 +95,12 @@ u32 Transaction::Commit() {
     return RC_OK;
 }
 
-u32 Transaction::CommitOutermost() {
+ResultCode Transaction::CommitOutermost() {
     assert(!IsOpen() && !m_rolledBack);
     if (m_settings.HasFile()) {
         m_flusher.CountCommit(m_dataSize);
         if (m_flusher.FlushNeededAtCommit()) {
-            if (u32 rc = FlushDue(); rc != RC_OK) {
+            if (ResultCode rc = FlushDue(); rc != RC_OK) {
                 return rc;
             }
         }
@@ -121,10 +122,10 @@ u32 Transaction::CommitOutermost() {
 
 // When the flush fails, the client may commit again or roll back. What callbacks of the flush
 // inserted meanwhile lies behind the transaction's records and becomes part of it.
-u32 Transaction::FlushDue() {
+ResultCode Transaction::FlushDue() {
     assert(!IsOpen() && m_settings.HasFile());
     const Start start = m_start;
-    const u32 rc = m_flusher.Flush(LastCommittedRev());
+    const ResultCode rc = m_flusher.Flush(LastCommittedRev());
     if (rc == RC_OK) {
         return RC_OK;
     }
@@ -144,8 +145,9 @@ void Transaction::RetryFlush() {
     }
 }
 
-u32 Transaction::Rollback() {
-    if (u32 rc = m_status.RefuseUnless(m_status.MayEnd(), "Failed to rollback"); rc != RC_OK) {
+ResultCode Transaction::Rollback() {
+    if (ResultCode rc = m_status.RefuseUnless(m_status.MayEnd(), "Failed to rollback");
+        rc != RC_OK) {
         return rc;
     }
     if (!IsOpen()) {
@@ -158,7 +160,7 @@ u32 Transaction::Rollback() {
     }
     m_rolledBack = true;
     assert(m_start.rev > 0 && m_start.rev <= m_blocks.NextRev());
-    if (u32 rc = m_blocks.CutBackTo(m_start.rev - 1, m_start.used); rc != RC_OK) {
+    if (ResultCode rc = m_blocks.CutBackTo(m_start.rev - 1, m_start.used); rc != RC_OK) {
         return rc;
     }
     m_blocks.SetNextRev(m_start.rev);

@@ -16,6 +16,7 @@
 #include "engine/storage_status.h"
 #include "platform/int_types.h"
 #include "solid/solid_storage.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -44,8 +45,9 @@ class Transaction {
 
     // Opens a transaction or nests one level deeper. A storage file that cannot begin breaks the
     // storage.
-    [[nodiscard]] u32 Begin() {
-        if (u32 rc = m_status.RefuseUnless(MayChange(), "Failed to begin trans"); rc != RC_OK) {
+    [[nodiscard]] ResultCode Begin() {
+        if (ResultCode rc = m_status.RefuseUnless(MayChange(), "Failed to begin trans");
+            rc != RC_OK) {
             return rc;
         }
         if (!IsOpen()) {
@@ -60,20 +62,20 @@ class Transaction {
     // Gives `rec` the next revision and copies it into memory. Outside of a transaction the record
     // gets one of its own. A revision stays used up when its record could not be placed inside a
     // transaction.
-    [[nodiscard]] u32 Insert(K9eReplRec* rec) {
-        if (u32 rc = m_status.RefuseUnless(MayChange(), "Failed to insert"); rc != RC_OK) {
+    [[nodiscard]] ResultCode Insert(K9eReplRec* rec) {
+        if (ResultCode rc = m_status.RefuseUnless(MayChange(), "Failed to insert"); rc != RC_OK) {
             return rc;
         }
         return InsertAt(rec, m_blocks.NextRev());
     }
     // Does the same with the revision that `rec` has. RC_INVALID_ARG, logged, when that is below
     // the next one.
-    [[nodiscard]] u32 InsertP(K9eReplRec* rec);
+    [[nodiscard]] ResultCode InsertP(K9eReplRec* rec);
     // Ends one level. At the outermost level counts the transaction, and flushes if a flush is due.
     // When that flush fails, the transaction stays open, to be committed again or rolled back.
-    [[nodiscard]] u32 Commit();
+    [[nodiscard]] ResultCode Commit();
     // Ends all levels and forgets the records of the transaction; the next revision goes back, too.
-    [[nodiscard]] u32 Rollback();
+    [[nodiscard]] ResultCode Rollback();
 
     // --- For the end of the storage, and for clears
 
@@ -103,22 +105,22 @@ class Transaction {
     // flush that may still fail.
     bool MayChange() const { return m_status.IsOpen() && !m_flusher.MayStillFail(); }
     // REQUIRES: the storage is Open; no transaction is.
-    [[nodiscard]] u32 BeginOutermost();
+    [[nodiscard]] ResultCode BeginOutermost();
     // Inserts `rec` with the revision `rev`. RC_INVALID_ARG, logged, above kMaxRev.
     // REQUIRES: rev is not below the next revision.
-    [[nodiscard]] u32 InsertAt(K9eReplRec* rec, i64 rev) {
+    [[nodiscard]] ResultCode InsertAt(K9eReplRec* rec, i64 rev) {
         assert(rev >= m_blocks.NextRev());
         return rev <= kMaxRev && IsOpen() ? Place(rec, rev) : InsertAlone(rec, rev);
     }
     // Inserts `rec` in a transaction of its own, or refuses the revision. Errors: as InsertAt.
-    [[nodiscard]] u32 InsertAlone(K9eReplRec* rec, i64 rev);
+    [[nodiscard]] ResultCode InsertAlone(K9eReplRec* rec, i64 rev);
     // Copies `rec` into the open transaction. The revision is used up before that, and stays so
     // when the record cannot be placed. Errors: as BlockStore::Place.
-    [[nodiscard]] u32 Place(K9eReplRec* rec, i64 rev) {
+    [[nodiscard]] ResultCode Place(K9eReplRec* rec, i64 rev) {
         assert(IsOpen() && rev >= m_blocks.NextRev() && rev <= kMaxRev);
         rec->rev = rev;
         m_blocks.SetNextRev(rev + 1);
-        if (u32 rc = m_blocks.Place(*rec, kUnknownOffset); rc != RC_OK) {
+        if (ResultCode rc = m_blocks.Place(*rec, kUnknownOffset); rc != RC_OK) {
             return rc;
         }
         m_dataSize += u64{rec->dataSize} + kRecordHeadSize;
@@ -126,10 +128,10 @@ class Transaction {
     }
     // What follows the end of the outermost level: flush or notification, a save of the index, a
     // smaller cache.
-    [[nodiscard]] u32 CommitOutermost();
+    [[nodiscard]] ResultCode CommitOutermost();
     // The flush that a commit makes when it is due. Errors: those of the flush, with the
     // transaction open again.
-    [[nodiscard]] u32 FlushDue();
+    [[nodiscard]] ResultCode FlushDue();
     // Tries a failed flush again when no transaction is open.
     void RetryFlush();
 

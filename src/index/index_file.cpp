@@ -36,15 +36,15 @@ class IndexFileReader {
     explicit IndexFileReader(const std::string& path) : m_path(path) {}
 
     // On failure *content may hold some of the entries.
-    u32 Read(IndexFileContent* content);
+    [[nodiscard]] ResultCode Read(IndexFileContent* content);
 
   private:
-    u32 Open();
-    u32 ReadHeader();
-    u32 CheckHeader();
-    u32 ReadEntries(std::vector<TIndexEntry>* entries);
-    u32 ReadPart(void* data, u32 size);
-    u32 TakeEntries(u32 count, std::vector<TIndexEntry>* entries);
+    [[nodiscard]] ResultCode Open();
+    [[nodiscard]] ResultCode ReadHeader();
+    [[nodiscard]] ResultCode CheckHeader();
+    [[nodiscard]] ResultCode ReadEntries(std::vector<TIndexEntry>* entries);
+    [[nodiscard]] ResultCode ReadPart(void* data, u32 size);
+    [[nodiscard]] ResultCode TakeEntries(u32 count, std::vector<TIndexEntry>* entries);
 
     const std::string& m_path;
     platform::File m_file;
@@ -55,8 +55,8 @@ class IndexFileReader {
     u32 m_checksum = 0;  // over the entries taken
 };
 
-u32 IndexFileReader::Read(IndexFileContent* content) {
-    u32 rc = Open();
+ResultCode IndexFileReader::Read(IndexFileContent* content) {
+    ResultCode rc = Open();
     if (rc == RC_OK) {
         rc = ReadHeader();
     }
@@ -79,7 +79,7 @@ u32 IndexFileReader::Read(IndexFileContent* content) {
     return RC_OK;
 }
 
-u32 IndexFileReader::Open() {
+ResultCode IndexFileReader::Open() {
     if (!m_file.Open(m_path.c_str(), kReadRequest)) {
         LOG_WARNING(kLogIndex, "Couldn't open file '%s'; err %R, syserr %r", m_path.c_str(),
                     u32{RC_SYSTEM_ERROR}, platform::LastSystemError());
@@ -93,15 +93,15 @@ u32 IndexFileReader::Open() {
     return RC_OK;
 }
 
-u32 IndexFileReader::ReadHeader() {
-    const u32 rc = ReadPart(&m_header, sizeof m_header);
+ResultCode IndexFileReader::ReadHeader() {
+    const ResultCode rc = ReadPart(&m_header, sizeof m_header);
     if (rc != RC_OK) {
         LOG_WARNING(kLogIndex, "Couldn't read header; err %R", rc);
     }
     return rc;
 }
 
-u32 IndexFileReader::CheckHeader() {
+ResultCode IndexFileReader::CheckHeader() {
     i64 size = 0;
     const bool hasSize = m_file.GetSize(&size);
     const bool isValid =
@@ -123,7 +123,7 @@ u32 IndexFileReader::ReadEntries(std::vector<TIndexEntry>* entries) {
     u32 part = 0;
     for (u32 left = m_header.count; left != 0; left -= part) {
         part = std::min(left, kMaxPart);
-        u32 rc = ReadPart(m_buffer.get(), part * u32{sizeof(TIndexEntry)});
+        ResultCode rc = ReadPart(m_buffer.get(), part * u32{sizeof(TIndexEntry)});
         if (rc != RC_OK) {
             LOG_WARNING(kLogIndex, "Couldn't read file; err %R; syserr %r", rc,
                         platform::LastSystemError());
@@ -163,9 +163,9 @@ u32 IndexFileReader::TakeEntries(u32 count, std::vector<TIndexEntry>* entries) {
 
 }  // namespace
 
-u32 ReadIndexFile(const std::string& path, IndexFileContent* content) {
+ResultCode ReadIndexFile(const std::string& path, IndexFileContent* content) {
     assert(content != nullptr);
-    u32 rc = RC_OK;
+    ResultCode rc = RC_OK;
     IndexFileContent found;
     try {
         rc = IndexFileReader(path).Read(&found);
@@ -206,13 +206,13 @@ bool IsStorageFile(platform::File& file, bool* isStorage) {
     return true;
 }
 
-u32 RefuseStorageFile(const std::string& path) {
+ResultCode RefuseStorageFile(const std::string& path) {
     LOG_ERROR_CODE(RC_INVALID_ARG, kLogIndex,
                    "Index file is a storage file, nothing was changed;path '%s'", path.c_str());
     return RC_INVALID_ARG;
 }
 
-u32 DeleteIndexFile(const char* connStr) {
+ResultCode DeleteIndexFile(const char* connStr) {
     const std::string path = IndexFileName(connStr);
     if (path.empty()) {
         return RC_OK;

@@ -10,6 +10,7 @@
 #include "index/index_file_name.h"
 #include "platform/file.h"
 #include "platform/int_types.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -24,7 +25,7 @@ struct IndexFileContent {
 // empty. The file is only an aid, so most failures are logged as warnings.
 // Errors: RC_SYSTEM_ERROR, RC_SHORT_READ, RC_NOT_FOUND for a file that is not a valid index file,
 // RC_NO_MEMORY.
-[[nodiscard]] u32 ReadIndexFile(const std::string& path, IndexFileContent* content);
+[[nodiscard]] ResultCode ReadIndexFile(const std::string& path, IndexFileContent* content);
 
 // Tells whether the file begins as a storage file does, with its signature and a version from 1 to
 // 31, and is at least as long as one, 1056 bytes. The functions of this folder never empty,
@@ -36,12 +37,12 @@ bool IsStorageFile(const std::string& path);
 bool IsStorageFile(platform::File& file, bool* isStorage);
 
 // Logs that the index file at `path` is a storage file. Returns RC_INVALID_ARG.
-[[nodiscard]] u32 RefuseStorageFile(const std::string& path);
+[[nodiscard]] ResultCode RefuseStorageFile(const std::string& path);
 
 // Deletes the index file that `connStr` names. Returns RC_OK also when it names none or when there
 // is no such file.
 // Errors: RC_SYSTEM_ERROR; RC_INVALID_ARG for a storage file, which stays.
-[[nodiscard]] u32 DeleteIndexFile(const char* connStr);
+[[nodiscard]] ResultCode DeleteIndexFile(const char* connStr);
 
 }  // namespace k9erepl
 

@@ -26,7 +26,7 @@ constexpr platform::FileOpenRequest kCreateRequest = {
 
 IndexFileWriter::IndexFileWriter(std::string path) : m_path(std::move(path)) {}
 
-u32 IndexFileWriter::Create(const IndexImage& image) {
+ResultCode IndexFileWriter::Create(const IndexImage& image) {
     assert(image.IsWhole() && image.TailSize() == 0);
     if (!platform::MakeParentDirectories(m_path)) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogIndex, "Couldn't create directory for '%s'; sysErr %r",
@@ -54,11 +54,11 @@ u32 IndexFileWriter::Create(const IndexImage& image) {
     return RC_OK;
 }
 
-u32 IndexFileWriter::Write(const IndexImage& image) {
+ResultCode IndexFileWriter::Write(const IndexImage& image) {
     return image.IsWhole() ? WriteWhole(image) : WriteTail(image);
 }
 
-u32 IndexFileWriter::WriteWhole(const IndexImage& image) {
+ResultCode IndexFileWriter::WriteWhole(const IndexImage& image) {
     if (!m_file.SetEnd(image.WholeSize()) || !WriteAt(0, image.Whole(), image.WholeSize())) {
         return Fail("full");
     }
@@ -66,7 +66,7 @@ u32 IndexFileWriter::WriteWhole(const IndexImage& image) {
     return RC_OK;
 }
 
-u32 IndexFileWriter::WriteTail(const IndexImage& image) {
+ResultCode IndexFileWriter::WriteTail(const IndexImage& image) {
     if (!WriteAt(image.TailOffset(), image.Tail(), image.TailSize())) {
         return Fail("tail");
     }
@@ -77,8 +77,8 @@ u32 IndexFileWriter::WriteTail(const IndexImage& image) {
     return RC_OK;
 }
 
-u32 IndexFileWriter::FlushToDisk() {
-    return m_file.FlushToDisk() ? u32{RC_OK} : Fail("flush");
+ResultCode IndexFileWriter::FlushToDisk() {
+    return m_file.FlushToDisk() ? ResultCode{RC_OK} : Fail("flush");
 }
 
 bool IndexFileWriter::WriteAt(i64 position, const u8* data, u32 size) {
@@ -86,7 +86,7 @@ bool IndexFileWriter::WriteAt(i64 position, const u8* data, u32 size) {
     return m_file.Seek(position) && m_file.Write(data, size, &put);
 }
 
-u32 IndexFileWriter::Fail(const char* part) const {
+ResultCode IndexFileWriter::Fail(const char* part) const {
     LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogIndex, "Couldn't write file '%s' (%s); sysErr %r",
                    m_path.c_str(), part, platform::LastSystemError());
     return RC_SYSTEM_ERROR;

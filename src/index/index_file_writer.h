@@ -8,6 +8,7 @@
 #include "index/index_image.h"
 #include "platform/file.h"
 #include "platform/int_types.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -24,23 +25,23 @@ class IndexFileWriter {
     // Makes the directories of the path, creates or empties the file and writes the image's header.
     // On failure the file is closed. Answers RC_INVALID_ARG for a storage file, which stays as it
     // is. REQUIRES: the image was Reset, so it has no entries.
-    [[nodiscard]] u32 Create(const IndexImage& image);
+    [[nodiscard]] ResultCode Create(const IndexImage& image);
     // Writes the bytes of the image: the whole file at once, or first the new entries and then the
     // header, so that a crash in between leaves a file whose length or checksum does not fit its
     // header. Fails when the file is not open.
-    [[nodiscard]] u32 Write(const IndexImage& image);
+    [[nodiscard]] ResultCode Write(const IndexImage& image);
     // Returns when everything written is on the disk.
-    [[nodiscard]] u32 FlushToDisk();
+    [[nodiscard]] ResultCode FlushToDisk();
     // Does nothing when the file is not open.
     void Close() { m_file.Close(); }
 
   private:
-    [[nodiscard]] u32 WriteWhole(const IndexImage& image);
-    [[nodiscard]] u32 WriteTail(const IndexImage& image);
+    [[nodiscard]] ResultCode WriteWhole(const IndexImage& image);
+    [[nodiscard]] ResultCode WriteTail(const IndexImage& image);
     // `position` is in bytes from the file's beginning.
     [[nodiscard]] bool WriteAt(i64 position, const u8* data, u32 size);
     // Logs that the writing of `part` ("full", "tail", "header", "flush") failed.
-    [[nodiscard]] u32 Fail(const char* part) const;
+    [[nodiscard]] ResultCode Fail(const char* part) const;
 
     const std::string m_path;
     platform::File m_file;  // open between Create and Close

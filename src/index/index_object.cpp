@@ -48,7 +48,7 @@ IndexObject::~IndexObject() {
     delete m_worker.load();
 }
 
-u32 IndexObject::Start() {
+ResultCode IndexObject::Start() {
     Stop();
     m_stopWaitLeftMs = kStopWaitMs;
     if (!MakeWorker()) {
@@ -56,7 +56,7 @@ u32 IndexObject::Start() {
         return RC_NO_MEMORY;
     }
     IndexWorker& worker = *m_worker.load();
-    const u32 rc = worker.Prepare();
+    const ResultCode rc = worker.Prepare();
     return rc == RC_OK ? RunThread(worker) : rc;
 }
 
@@ -73,7 +73,7 @@ void IndexObject::Stop() {
     if (!worker.IsFinished()) {
         worker.SendStop();
     }
-    const u32 rc = m_thread.End(joinMs, [](u32 code) {
+    const ResultCode rc = m_thread.End(joinMs, [](u32 code) {
         LOG_ERROR_CODE(code, kLogIndex, "K9ThreadWait() failed; terminating thread");
     });
     if (rc != RC_OK) {
@@ -110,7 +110,7 @@ void IndexObject::LeaveToParent() {
     m_thread.LeaveToParent();
 }
 
-u32 IndexObject::RequestSave(const BlockIndex& blockIndex, IndexSaveMode mode) {
+ResultCode IndexObject::RequestSave(const BlockIndex& blockIndex, IndexSaveMode mode) {
     IndexWorker* const worker = m_worker.load();
     return worker != nullptr ? worker->RequestSave(blockIndex, mode) : RequestWithoutWorker(mode);
 }
@@ -123,14 +123,14 @@ void IndexObject::StartOver() {
 
 // A save that was under way may fail while we wait for our turn, and end the thread with it. Then
 // we start a new thread and try again.
-u32 IndexObject::Empty() {
+ResultCode IndexObject::Empty() {
     if (!IsFinished()) {
-        const u32 rc = m_worker.load()->Empty();
+        const ResultCode rc = m_worker.load()->Empty();
         if (rc == RC_OK || !IsFinished()) {
             return rc;
         }
     }
-    if (u32 rc = Start(); rc != RC_OK) {
+    if (ResultCode rc = Start(); rc != RC_OK) {
         return rc;
     }
     return m_worker.load()->Empty();
@@ -159,9 +159,9 @@ bool IndexObject::MakeWorker() {
     }
 }
 
-u32 IndexObject::RunThread(IndexWorker& worker) {
+ResultCode IndexObject::RunThread(IndexWorker& worker) {
     LOG_INFO(kLogIndex, "Starting thread");
-    const u32 rc = m_thread.Start(&IndexWorker::ThreadBody, &worker, m_affinity);
+    const ResultCode rc = m_thread.Start(&IndexWorker::ThreadBody, &worker, m_affinity);
     if (rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogIndex, "Couldn't begin thread: K9ThreadCreate failed; sysErr %r",
                        platform::LastSystemError());
@@ -185,7 +185,7 @@ void IndexObject::AbandonLaunch(IndexWorker& worker) {
     worker.CleanUp();
 }
 
-u32 IndexObject::RequestWithoutWorker(IndexSaveMode mode) const {
+ResultCode IndexObject::RequestWithoutWorker(IndexSaveMode mode) const {
     if (mode == IndexSaveMode::kAsync) {
         return RC_OK;
     }

@@ -12,6 +12,7 @@
 #include "index/block_index.h"
 #include "index/index_save_mode.h"
 #include "platform/int_types.h"
+#include "support/result.h"
 #include "support/worker_thread.h"
 
 namespace k9erepl {
@@ -40,7 +41,7 @@ class IndexObject {
     // Makes the file anew, without entries, and starts the thread, after stopping one that is
     // still there. The next save writes everything. Errors: RC_SYSTEM_ERROR, RC_NO_MEMORY,
     // RC_INVALID_ARG when a storage file lies at the path; that file stays as it is.
-    [[nodiscard]] u32 Start();
+    [[nodiscard]] ResultCode Start();
     // Ends the thread after the save in progress and closes the file. Waits at most 20 seconds, or
     // one more if a save takes that long; then the thread is terminated. Called by the thread
     // itself, it returns at once, and the thread ends when its idle call has returned.
@@ -57,7 +58,7 @@ class IndexObject {
     // kSync writes the file before it returns. kAsync leaves that to the thread, whose failure
     // shows as IsFinished(); when no thread runs, nothing is done. Waits for a save in progress.
     // Errors: RC_SYSTEM_ERROR when the file cannot be written (kSync), RC_NO_MEMORY.
-    [[nodiscard]] u32 RequestSave(const BlockIndex& blockIndex, IndexSaveMode mode);
+    [[nodiscard]] ResultCode RequestSave(const BlockIndex& blockIndex, IndexSaveMode mode);
 
     // Makes the next save write everything, even when nothing changed: the saved entries are no
     // longer valid. Waits for a save in progress.
@@ -67,7 +68,7 @@ class IndexObject {
     // entries become wrong: before a squeeze replaces the storage file or the file starts over.
     // Starts the thread if none runs. Waits for a save in progress.
     // Errors: as Start.
-    [[nodiscard]] u32 Empty();
+    [[nodiscard]] ResultCode Empty();
 
     // Tells whether a save is in progress or requested.
     bool IsBusy() const;
@@ -79,9 +80,9 @@ class IndexObject {
     static constexpr u32 kStopWaitMs = 20000;
 
     [[nodiscard]] bool MakeWorker();
-    [[nodiscard]] u32 RunThread(IndexWorker& worker);
+    [[nodiscard]] ResultCode RunThread(IndexWorker& worker);
     void AbandonLaunch(IndexWorker& worker);
-    [[nodiscard]] u32 RequestWithoutWorker(IndexSaveMode mode) const;
+    [[nodiscard]] ResultCode RequestWithoutWorker(IndexSaveMode mode) const;
     u32 WaitForSave(const IndexWorker& worker);
     void LeaveThreadToItself(IndexWorker& worker);
     void GiveUpThread();

@@ -24,11 +24,11 @@ IndexWorker::IndexWorker(std::string path, IK9eReplDS& idle, u32 blockSize, u32 
     m_image.StartOver();  // there is no file yet
 }
 
-u32 IndexWorker::Prepare() {
+ResultCode IndexWorker::Prepare() {
     assert(IsFinished());
     m_turn.Reset();
     m_image.Reset();
-    const u32 rc = m_file.Create(m_image);
+    const ResultCode rc = m_file.Create(m_image);
     if (rc != RC_OK) {
         m_image.StartOver();
         return rc;
@@ -87,14 +87,14 @@ void IndexWorker::TakeTurn() {
         return;
     }
     if (m_turn.Command() == IndexCommand::kSave) {
-        if (const u32 rc = CarryOutSave(); rc != RC_OK) {
+        if (const ResultCode rc = CarryOutSave(); rc != RC_OK) {
             m_failedSave = rc;
         }
     }
     m_turn.Take();
 }
 
-u32 IndexWorker::RequestSave(const BlockIndex& blockIndex, IndexSaveMode mode) {
+ResultCode IndexWorker::RequestSave(const BlockIndex& blockIndex, IndexSaveMode mode) {
     TakeTurn();
     const IndexTurnHolder holder(m_turn);
     if (mode == IndexSaveMode::kAsync && IsFinished()) {
@@ -123,14 +123,14 @@ void IndexWorker::StartOver() {
     m_image.StartOver();
 }
 
-u32 IndexWorker::Empty() {
+ResultCode IndexWorker::Empty() {
     TakeTurn();
     const IndexTurnHolder holder(m_turn);
     m_image.StartOver();
     if (m_image.Update(BlockIndex{}) == IndexUpdate::kNoMemory) {
         return RC_NO_MEMORY;
     }
-    const u32 rc = WriteFile();
+    const ResultCode rc = WriteFile();
     return rc == RC_OK ? m_file.FlushToDisk() : rc;
 }
 
@@ -153,7 +153,7 @@ u32 IndexWorker::ThreadBody(void* worker) {
 
 // Nothing here or below catches an exception that it does not know: where threads are ended by an
 // exception (POSIX), that must pass.
-u32 IndexWorker::Run() {
+ResultCode IndexWorker::Run() {
     LOG_INFO(kLogIndex, "Thread started; TID %u", platform::CurrentThreadId());
     if (!m_wakeUp.Create()) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogIndex, "K9EventCreate failed; %r",
@@ -168,7 +168,7 @@ u32 IndexWorker::Run() {
     return exitCode;
 }
 
-u32 IndexWorker::ServeUntilStopped() {
+ResultCode IndexWorker::ServeUntilStopped() {
     try {
         return Serve();
     } catch (const std::bad_alloc&) {
@@ -176,7 +176,7 @@ u32 IndexWorker::ServeUntilStopped() {
     }
 }
 
-u32 IndexWorker::Serve() {
+ResultCode IndexWorker::Serve() {
     for (;;) {
         const platform::WaitResult result = m_wakeUp.Wait(m_waitMs);
         if (result == platform::WaitResult::kFailed) {
@@ -184,7 +184,7 @@ u32 IndexWorker::Serve() {
         }
         switch (m_turn.Command()) {
             case IndexCommand::kSave:
-                if (const u32 rc = CarryOutSave(); rc != RC_OK) {
+                if (const ResultCode rc = CarryOutSave(); rc != RC_OK) {
                     return rc;
                 }
                 break;
@@ -203,10 +203,10 @@ u32 IndexWorker::Serve() {
     }
 }
 
-u32 IndexWorker::CarryOutSave() {
+ResultCode IndexWorker::CarryOutSave() {
     m_turn.Take();
     const IndexTurnHolder holder(m_turn);
-    const u32 rc = WriteFile();
+    const ResultCode rc = WriteFile();
     m_turn.EndSave();
     return rc;
 }
@@ -231,9 +231,9 @@ IndexUpdate IndexWorker::CopyNew(const BlockIndex& blockIndex) {
     return update;
 }
 
-u32 IndexWorker::WriteFile() {
+ResultCode IndexWorker::WriteFile() {
     m_timing.Start(m_saveCounter);
-    const u32 rc = m_file.Write(m_image);
+    const ResultCode rc = m_file.Write(m_image);
     if (rc != RC_OK) {
         m_image.StartOver();
         return rc;

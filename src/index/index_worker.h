@@ -15,6 +15,7 @@
 #include "index/index_turn.h"
 #include "platform/event.h"
 #include "platform/int_types.h"
+#include "support/result.h"
 #include "support/timing_set.h"
 
 namespace k9erepl {
@@ -32,7 +33,7 @@ class IndexWorker {
     // Makes the index file anew; the next save writes everything. From then on the thread counts as
     // running: the owner starts it with ThreadBody and this worker, or calls CleanUp.
     // Errors: RC_SYSTEM_ERROR; RC_INVALID_ARG when a storage file lies at the path.
-    [[nodiscard]] u32 Prepare();
+    [[nodiscard]] ResultCode Prepare();
     // Closes what the thread left open, whatever way it ended.
     void CleanUp();
     // Logs the times of the saves.
@@ -55,9 +56,9 @@ class IndexWorker {
 
     // See IndexObject. They wait for the turn while the thread saves; the thread itself first
     // carries out a save that is pending.
-    [[nodiscard]] u32 RequestSave(const BlockIndex& blockIndex, IndexSaveMode mode);
+    [[nodiscard]] ResultCode RequestSave(const BlockIndex& blockIndex, IndexSaveMode mode);
     void StartOver();
-    [[nodiscard]] u32 Empty();
+    [[nodiscard]] ResultCode Empty();
     void EndWriting();
     bool IsBusy() const { return m_turn.IsBusy(); }
     bool IsFinished() const { return m_finished.load(std::memory_order_acquire); }
@@ -68,15 +69,15 @@ class IndexWorker {
 
   private:
     // The thread calls these; requesters call TakeTurn, CopyNew and, for kSync, WriteFile.
-    [[nodiscard]] u32 Run();
-    [[nodiscard]] u32 ServeUntilStopped();
-    [[nodiscard]] u32 Serve();
+    [[nodiscard]] ResultCode Run();
+    [[nodiscard]] ResultCode ServeUntilStopped();
+    [[nodiscard]] ResultCode Serve();
     void TakeTurn();
-    [[nodiscard]] u32 CarryOutSave();
+    [[nodiscard]] ResultCode CarryOutSave();
     void Leave(u32 exitCode);
     // REQUIRES, of these two: the caller has the turn.
     IndexUpdate CopyNew(const BlockIndex& blockIndex);
-    [[nodiscard]] u32 WriteFile();
+    [[nodiscard]] ResultCode WriteFile();
 
     IK9eReplDS& m_idle;
     const u32 m_waitMs;  // milliseconds
@@ -88,7 +89,7 @@ class IndexWorker {
     platform::AutoResetEvent m_wakeUp;  // made by the thread, closed by the owner after its end
 
     // Used by the thread alone while it runs.
-    u32 m_failedSave = 0;          // code of a save that failed inside an idle call; 0: none
+    ResultCode m_failedSave = 0;   // code of a save that failed inside an idle call; 0: none
     bool m_ownedByThread = false;  // LeaveToTheThread was called
 
     // Belong to whoever has the turn.

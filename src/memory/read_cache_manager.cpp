@@ -49,9 +49,9 @@ ReadCacheManager::ReadCacheManager(platform::TrackedFile& file) : m_file(file) {
 
 ReadCacheManager::~ReadCacheManager() = default;
 
-u32 ReadCacheManager::Init(const char* connStr, const std::atomic<i64>& dataEnd) {
+ResultCode ReadCacheManager::Init(const char* connStr, const std::atomic<i64>& dataEnd) {
     i32 count = 0;
-    if (const u32 rc = ReadBuffersCount(connStr, &count); rc != RC_OK) {
+    if (const ResultCode rc = ReadBuffersCount(connStr, &count); rc != RC_OK) {
         return rc;
     }
     Reset();
@@ -88,7 +88,7 @@ void ReadCacheManager::Reset() {
     m_dataEnd = nullptr;
 }
 
-u32 ReadCacheManager::GetBuffer(i64 offset, u32 size, ReadBuffer* current, u32 readSize) {
+ResultCode ReadCacheManager::GetBuffer(i64 offset, u32 size, ReadBuffer* current, u32 readSize) {
     assert(m_dataEnd != nullptr && !m_entries.empty());
     assert(size <= kBufferSize && readSize <= kBufferSize);
     if (Entry* const hit = FindHit(offset, size)) {
@@ -149,8 +149,8 @@ std::size_t ReadCacheManager::ChooseVictim(const ReadBuffer& current) const {
     return static_cast<std::size_t>(oldest - m_entries.begin());
 }
 
-u32 ReadCacheManager::Fill(std::size_t index, i64 offset, u32 length, ReadBuffer* current) {
-    if (const u32 rc = SeekTo(offset); rc != RC_OK) {
+ResultCode ReadCacheManager::Fill(std::size_t index, i64 offset, u32 length, ReadBuffer* current) {
+    if (const ResultCode rc = SeekTo(offset); rc != RC_OK) {
         return rc;
     }
     Entry& entry = m_entries[index];
@@ -173,7 +173,7 @@ u32 ReadCacheManager::Fill(std::size_t index, i64 offset, u32 length, ReadBuffer
     return RC_OK;
 }
 
-u32 ReadCacheManager::SeekTo(i64 offset) {
+ResultCode ReadCacheManager::SeekTo(i64 offset) {
     if (!m_file.Seek(offset)) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
                        "Cannot seek to start enum recs;offset %I64d, sys-err %r", offset,

@@ -12,6 +12,7 @@
 #include "platform/int_types.h"
 #include "platform/memory.h"
 #include "platform/tracked_file.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -46,7 +47,7 @@ class ReadCacheManager {
     // read. The writer moves it, perhaps on its own thread; it must live until Reset.
     // Errors: RC_BAD_SIZE for a refused count, which changes nothing; RC_NO_MEMORY, after which
     // there are no buffers.
-    [[nodiscard]] u32 Init(const char* connStr, const std::atomic<i64>& dataEnd);
+    [[nodiscard]] ResultCode Init(const char* connStr, const std::atomic<i64>& dataEnd);
     // Frees the buffers. Init may follow.
     void Reset();
 
@@ -59,8 +60,8 @@ class ReadCacheManager {
     // REQUIRES: Init has succeeded; size is at most kBufferSize (a longer piece is never whole),
     // and so is readSize. Errors: RC_SYSTEM_ERROR; *current is then unchanged, but what it points
     // at may be gone.
-    [[nodiscard]] u32 GetBuffer(i64 offset, u32 size, ReadBuffer* current,
-                                u32 readSize = kBufferSize);
+    [[nodiscard]] ResultCode GetBuffer(i64 offset, u32 size, ReadBuffer* current,
+                                       u32 readSize = kBufferSize);
 
     // Marks every buffer empty. To be called when bytes that were read may have changed in the
     // file; bytes appended behind the written data need no call.
@@ -79,8 +80,8 @@ class ReadCacheManager {
     // The index of the entry to refill: the caller's own, else an empty one, else the one that was
     // not used for the longest time.
     std::size_t ChooseVictim(const ReadBuffer& current) const;
-    [[nodiscard]] u32 Fill(std::size_t index, i64 offset, u32 length, ReadBuffer* current);
-    [[nodiscard]] u32 SeekTo(i64 offset);
+    [[nodiscard]] ResultCode Fill(std::size_t index, i64 offset, u32 length, ReadBuffer* current);
+    [[nodiscard]] ResultCode SeekTo(i64 offset);
     void Reorder(std::size_t index);
 
     platform::TrackedFile& m_file;

@@ -11,6 +11,7 @@
 #include "format/storage_file_format.h"
 #include "platform/int_types.h"
 #include "platform/tracked_file.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -29,11 +30,11 @@ struct ContentMark {
 
     // Reads the commit block at 1024 into `first`, and looks at no other block from now on.
     // Errors: kContentChanged when the file ends before it; RC_SYSTEM_ERROR.
-    [[nodiscard]] u32 Take(platform::TrackedFile& file);
+    [[nodiscard]] ResultCode Take(platform::TrackedFile& file);
 
     // RC_OK when both blocks are in the file as they are here. Errors: kContentChanged,
     // RC_SYSTEM_ERROR. Logs failures of the system only.
-    [[nodiscard]] u32 Check(platform::TrackedFile& file) const;
+    [[nodiscard]] ResultCode Check(platform::TrackedFile& file) const;
 };
 
 }  // namespace k9erepl

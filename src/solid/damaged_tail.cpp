@@ -36,7 +36,7 @@ void DamagedTail::KeepAfterAll() {
     }
 }
 
-u32 DamagedTail::LookBehind(const FileScan::Result& end, bool* damaged) {
+ResultCode DamagedTail::LookBehind(const FileScan::Result& end, bool* damaged) {
     assert(damaged != nullptr);
     *damaged = false;
     if (!end.stopInUse) {
@@ -45,7 +45,7 @@ u32 DamagedTail::LookBehind(const FileScan::Result& end, bool* damaged) {
     const i64 left = m_file.FileSize() - end.stopOffset;
     const auto size = static_cast<u32>(std::clamp<i64>(left, 0, kDamageSearchSize));
     const platform::MemoryBuffer bytes = platform::AllocBuffer(size);
-    const u32 rc =
+    const ResultCode rc =
         bytes == nullptr ? u32{RC_NO_MEMORY} : m_file.ReadAt(end.stopOffset, bytes.get(), size);
     if (rc == RC_SHORT_READ && m_file.IsReadOnly()) {
         return RC_OK;  // the writer has cut the file meanwhile
@@ -75,7 +75,7 @@ u32 DamagedTail::LookBehind(const FileScan::Result& end, bool* damaged) {
 
 bool DamagedTail::Keep() {
     assert(m_load.End().commitFound);
-    u32 rc = RC_NO_MEMORY;
+    ResultCode rc = RC_NO_MEMORY;
     try {
         rc = KeepDamagedTail(m_file.Reader().Raw(), m_file.Path(),
                              m_load.End().validCommitOffset + kCommitBlockSize);

@@ -9,6 +9,7 @@
 #include "solid/live_file.h"
 #include "solid/load_scan.h"
 #include "solid/storage_file.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -37,7 +38,7 @@ class DamagedTail {
     // logged as an error.
     // Errors, logged: RC_NO_MEMORY and those of reading. *damaged is false then, and the load goes
     // on as if the tail was sound.
-    [[nodiscard]] u32 LookBehind(const FileScan::Result& end, bool* damaged);
+    [[nodiscard]] ResultCode LookBehind(const FileScan::Result& end, bool* damaged);
 
     // To be called when the file is closed.
     void Reset();

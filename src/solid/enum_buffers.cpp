@@ -7,7 +7,7 @@
 
 namespace k9erepl {
 
-u32 EnumBuffers::Init(const char* connStr) {
+ResultCode EnumBuffers::Init(const char* connStr) {
     assert(m_nested.empty());
     return m_first.Init(connStr, m_file.State().writePos);
 }
@@ -17,7 +17,7 @@ void EnumBuffers::Reset() {
     m_nested.clear();
 }
 
-u32 EnumBuffers::OfLevel(u32 level, ReadCacheManager** cache) {
+ResultCode EnumBuffers::OfLevel(u32 level, ReadCacheManager** cache) {
     assert(level > 0 && cache != nullptr);
     if (level == 1) {
         *cache = &m_first;
@@ -26,7 +26,7 @@ u32 EnumBuffers::OfLevel(u32 level, ReadCacheManager** cache) {
     const std::size_t index = level - 2;
     assert(index <= m_nested.size());
     if (index == m_nested.size()) {
-        if (u32 rc = AddNested(); rc != RC_OK) {
+        if (ResultCode rc = AddNested(); rc != RC_OK) {
             return rc;
         }
     }
@@ -34,10 +34,11 @@ u32 EnumBuffers::OfLevel(u32 level, ReadCacheManager** cache) {
     return RC_OK;
 }
 
-u32 EnumBuffers::AddNested() {
+ResultCode EnumBuffers::AddNested() {
     try {
         auto cache = std::make_unique<ReadCacheManager>(m_file.Reader());
-        if (u32 rc = cache->Init("read_buffers_count=1", m_file.State().writePos); rc != RC_OK) {
+        if (ResultCode rc = cache->Init("read_buffers_count=1", m_file.State().writePos);
+            rc != RC_OK) {
             return rc;
         }
         m_nested.push_back(std::move(cache));
@@ -47,8 +48,8 @@ u32 EnumBuffers::AddNested() {
     }
 }
 
-u32 EnumBuffers::GetBuffer(ReadCacheManager& cache, i64 offset, u32 size, ReadBuffer* current,
-                           u32 readSize) {
+ResultCode EnumBuffers::GetBuffer(ReadCacheManager& cache, i64 offset, u32 size,
+                                  ReadBuffer* current, u32 readSize) {
     assert(size <= ReadCacheManager::kBufferSize);
     if (m_generation != m_file.ReadGeneration()) {
         Invalidate();

@@ -10,6 +10,7 @@
 #include "memory/read_cache_manager.h"
 #include "platform/int_types.h"
 #include "solid/storage_file.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -24,7 +25,7 @@ class EnumBuffers {
     // Allocates the buffers of the first level, as the setting read_buffers_count says.
     // Errors: RC_BAD_SIZE for a refused count, RC_NO_MEMORY.
     // May throw std::bad_alloc.
-    [[nodiscard]] u32 Init(const char* connStr);
+    [[nodiscard]] ResultCode Init(const char* connStr);
     // Frees all buffers. REQUIRES: no enumeration runs.
     void Reset();
 
@@ -32,16 +33,16 @@ class EnumBuffers {
     // another; 1 is the outermost. They stay until Reset.
     // Errors: RC_NO_MEMORY.
     // REQUIRES: Init has succeeded; the levels above have theirs.
-    [[nodiscard]] u32 OfLevel(u32 level, ReadCacheManager** cache);
+    [[nodiscard]] ResultCode OfLevel(u32 level, ReadCacheManager** cache);
 
     // Does what ReadCacheManager::GetBuffer does, but never gives bytes that were read before the
     // file changed. `cache` is one that OfLevel gave.
-    [[nodiscard]] u32 GetBuffer(ReadCacheManager& cache, i64 offset, u32 size, ReadBuffer* current,
-                                u32 readSize);
+    [[nodiscard]] ResultCode GetBuffer(ReadCacheManager& cache, i64 offset, u32 size,
+                                       ReadBuffer* current, u32 readSize);
 
   private:
     // Makes the buffer of the next level. Errors: RC_NO_MEMORY.
-    [[nodiscard]] u32 AddNested();
+    [[nodiscard]] ResultCode AddNested();
     // Marks the buffers of all levels empty.
     void Invalidate();
 

@@ -11,12 +11,13 @@
 #include "platform/int_types.h"
 #include "platform/system_error.h"
 #include "support/log.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
 // RC_OK, or RC_SYSTEM_ERROR after logging it. `AnyFile` is a File or a TrackedFile.
 template <typename AnyFile>
-[[nodiscard]] u32 SeekTo(AnyFile& file, i64 offset) {
+[[nodiscard]] ResultCode SeekTo(AnyFile& file, i64 offset) {
     if (file.Seek(offset)) {
         return RC_OK;
     }
@@ -28,7 +29,7 @@ template <typename AnyFile>
 // Reads `size` bytes at the file pointer; *got receives how many came. RC_SHORT_READ when the file
 // ends before, RC_SYSTEM_ERROR; the caller logs.
 template <typename AnyFile>
-[[nodiscard]] u32 ReadWhole(AnyFile& file, void* buffer, u32 size, u32* got) {
+[[nodiscard]] ResultCode ReadWhole(AnyFile& file, void* buffer, u32 size, u32* got) {
     if (!file.Read(buffer, size, got)) {
         return RC_SYSTEM_ERROR;
     }
@@ -41,7 +42,8 @@ template <typename AnyFile>
 }
 
 // The length of the file at `path` in bytes. RC_OK, or RC_SYSTEM_ERROR after logging it.
-[[nodiscard]] inline u32 GetSizeOf(const platform::File& file, const std::string& path, i64* size) {
+[[nodiscard]] inline ResultCode GetSizeOf(const platform::File& file, const std::string& path,
+                                          i64* size) {
     if (file.GetSize(size)) {
         return RC_OK;
     }

@@ -10,7 +10,7 @@
 
 namespace k9erepl {
 
-u32 ReadFirstCommitInfo(StorageFile& file, i64* commitRev, bool* hasItems) {
+ResultCode ReadFirstCommitInfo(StorageFile& file, i64* commitRev, bool* hasItems) {
     assert(commitRev != nullptr && hasItems != nullptr);
     if (!file.IsOpen()) {
         return RC_NO_WRITER;
@@ -35,7 +35,7 @@ u32 ReadFirstCommitInfo(StorageFile& file, i64* commitRev, bool* hasItems) {
     return RC_OK;
 }
 
-u32 CheckRecordAt(StorageFile& file, i64 rev, i64 offset) {
+ResultCode CheckRecordAt(StorageFile& file, i64 rev, i64 offset) {
     if (!file.IsOpen()) {
         return RC_NO_WRITER;
     }
@@ -44,7 +44,7 @@ u32 CheckRecordAt(StorageFile& file, i64 rev, i64 offset) {
         return RC_NOT_FOUND;
     }
     TRecordHead head;
-    if (u32 rc = file.ReadAt(offset, &head, kRecordHeadSize); rc != RC_OK) {
+    if (ResultCode rc = file.ReadAt(offset, &head, kRecordHeadSize); rc != RC_OK) {
         return rc;
     }
     const bool holds = head.signature == kRecordSignature && SizesAgree(head) &&
@@ -83,7 +83,7 @@ i64 HighestRevOfEnd(const u8* bytes, u32 size) {
 
 }  // namespace
 
-u32 FindRevBefore(StorageFile& file, i64 offset, i64* rev) {
+ResultCode FindRevBefore(StorageFile& file, i64 offset, i64* rev) {
     assert(offset >= kFirstItemOffset && rev != nullptr);
     const platform::MemoryBuffer buffer = platform::AllocBuffer(kLookBackSize);
     if (buffer == nullptr) {
@@ -91,7 +91,7 @@ u32 FindRevBefore(StorageFile& file, i64 offset, i64* rev) {
     }
     const i64 from = std::max(offset - kLookBackSize, kFirstCommitOffset);
     const auto size = static_cast<u32>(offset - from);
-    if (u32 rc = file.ReadAt(from, buffer.get(), size); rc != RC_OK) {
+    if (ResultCode rc = file.ReadAt(from, buffer.get(), size); rc != RC_OK) {
         return rc;
     }
     const i64 highest = HighestRevOfEnd(buffer.get(), size);

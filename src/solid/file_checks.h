@@ -6,14 +6,15 @@
 
 #include "platform/int_types.h"
 #include "solid/storage_file.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
 // Each does what the function of CSolidStorage with the same name does; the contracts are there.
 // They move the file's pointer and change nothing.
-[[nodiscard]] u32 ReadFirstCommitInfo(StorageFile& file, i64* commitRev, bool* hasItems);
-[[nodiscard]] u32 CheckRecordAt(StorageFile& file, i64 rev, i64 offset);
-[[nodiscard]] u32 FindRevBefore(StorageFile& file, i64 offset, i64* rev);
+[[nodiscard]] ResultCode ReadFirstCommitInfo(StorageFile& file, i64* commitRev, bool* hasItems);
+[[nodiscard]] ResultCode CheckRecordAt(StorageFile& file, i64 rev, i64 offset);
+[[nodiscard]] ResultCode FindRevBefore(StorageFile& file, i64 offset, i64* rev);
 
 }  // namespace k9erepl
 

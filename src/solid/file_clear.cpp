@@ -10,7 +10,7 @@
 
 namespace k9erepl {
 
-u32 FileClear::SetClearRev(i64 rev) {
+ResultCode FileClear::SetClearRev(i64 rev) {
     if (!m_file.IsOpen() || !m_file.HasWriter()) {
         return RC_NO_WRITER;
     }
@@ -18,7 +18,7 @@ u32 FileClear::SetClearRev(i64 rev) {
     StorageWriter& writer = m_file.Writer();
     const i64 before = state.clearRev;
     const i64 position = writer.WritePos();
-    if (u32 rc = writer.BeginTransaction(); rc != RC_OK) {
+    if (ResultCode rc = writer.BeginTransaction(); rc != RC_OK) {
         return rc;
     }
     const i64 lastFlushed = state.lastFlushedRev;
@@ -27,8 +27,8 @@ u32 FileClear::SetClearRev(i64 rev) {
     // have reached the file although it failed for the client, and behind that a lower one would
     // end the next load.
     state.clearRev = std::max(rev, before);
-    u32 rc = m_writes.WriteItems(reinterpret_cast<u8*>(&block), kCommitBlockSize, &block, nullptr,
-                                 lastFlushed, nullptr);
+    ResultCode rc = m_writes.WriteItems(reinterpret_cast<u8*>(&block), kCommitBlockSize, &block,
+                                        nullptr, lastFlushed, nullptr);
     if (rc != RC_OK) {
         // Nothing was written or queued.
         state.clearRev = before;
@@ -51,8 +51,8 @@ u32 FileClear::SetClearRev(i64 rev) {
     return RC_OK;
 }
 
-u32 FileClear::TruncateToClearRev(i64 rev, u32 lifenum, i64 clearOldRev) {
-    if (u32 rc = m_file.CompleteAsyncTasks(); rc != RC_OK) {
+ResultCode FileClear::TruncateToClearRev(i64 rev, u32 lifenum, i64 clearOldRev) {
+    if (ResultCode rc = m_file.CompleteAsyncTasks(); rc != RC_OK) {
         return rc;
     }
     m_tail.KeepBeforeWriting();
@@ -67,12 +67,12 @@ u32 FileClear::TruncateToClearRev(i64 rev, u32 lifenum, i64 clearOldRev) {
     block.prevSequence = state.lastCommitSequence;
     block.clearRev = rev;
     i64 fileSize = state.fileInitialSize;
-    if (u32 rc = InitNewFile(writer.BorrowFile(), header, block, &fileSize); rc != RC_OK) {
+    if (ResultCode rc = InitNewFile(writer.BorrowFile(), header, block, &fileSize); rc != RC_OK) {
         return rc;
     }
     // Old items may lie behind the new beginning, and must not be taken for live ones when the
     // data reaches up to them.
-    if (u32 rc = writer.SetWritePos(kFirstItemOffset, false, true); rc != RC_OK) {
+    if (ResultCode rc = writer.SetWritePos(kFirstItemOffset, false, true); rc != RC_OK) {
         return rc;
     }
     state.fileSize = fileSize;

@@ -8,6 +8,7 @@
 #include "solid/damaged_tail.h"
 #include "solid/file_writes.h"
 #include "solid/storage_file.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -19,9 +20,9 @@ class FileClear {
         : m_file(file), m_writes(writes), m_tail(tail) {}
 
     // Appends one commit block through the writer, with a transaction of its own.
-    [[nodiscard]] u32 SetClearRev(i64 rev);
+    [[nodiscard]] ResultCode SetClearRev(i64 rev);
     // Writes the beginning of the file anew. What lies behind it is zeroed before the next write.
-    [[nodiscard]] u32 TruncateToClearRev(i64 rev, u32 lifenum, i64 clearOldRev);
+    [[nodiscard]] ResultCode TruncateToClearRev(i64 rev, u32 lifenum, i64 clearOldRev);
 
   private:
     StorageFile& m_file;

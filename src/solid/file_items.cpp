@@ -26,21 +26,21 @@ FileItems::FileItems(StorageFile& file, LiveFile& live, EnumBuffers& buffers,
     assert(offset >= kFirstCommitOffset);
 }
 
-u32 FileItems::GetFromFile(u32 size, const u8** bytes) {
+ResultCode FileItems::GetFromFile(u32 size, const u8** bytes) {
     if (i64{size} > Left()) {
         return TooShort(size);
     }
     if (size > ReadCacheManager::kBufferSize) {
         return GetLarge(size, bytes);
     }
-    if (u32 rc = Fetch(size); rc != RC_OK) {
+    if (ResultCode rc = Fetch(size); rc != RC_OK) {
         return rc;
     }
     *bytes = At(m_offset);
     return RC_OK;
 }
 
-u32 FileItems::ReachNext(u32 size) {
+ResultCode FileItems::ReachNext(u32 size) {
     const i64 wanted = std::min(i64{size} + kCommitBlockSize + kRecordHeadSize, Left());
     if (wanted > i64{ReadCacheManager::kBufferSize} || Holds(static_cast<u32>(wanted))) {
         return RC_OK;
@@ -63,23 +63,24 @@ bool FileItems::PeekNext(u32 size, i64* offset, TRecordHead* head) const {
     return false;
 }
 
-u32 FileItems::Fetch(u32 size) {
+ResultCode FileItems::Fetch(u32 size) {
     assert(size <= ReadCacheManager::kBufferSize);
     if (m_generation != m_file.ReadGeneration()) {
         m_generation = m_file.ReadGeneration();
         m_buffer = ReadBuffer{};
     }
-    if (u32 rc = m_buffers.GetBuffer(m_cache, m_offset, size, &m_buffer, m_readSize); rc != RC_OK) {
+    if (ResultCode rc = m_buffers.GetBuffer(m_cache, m_offset, size, &m_buffer, m_readSize);
+        rc != RC_OK) {
         return rc;
     }
     m_readSize = std::min(m_readSize * m_growth, ReadCacheManager::kBufferSize);
-    if (u32 rc = m_live.CheckEnumerated(); rc != RC_OK) {
+    if (ResultCode rc = m_live.CheckEnumerated(); rc != RC_OK) {
         return rc;
     }
     return Holds(size) ? RC_OK : TooShort(size);
 }
 
-u32 FileItems::GetLarge(u32 size, const u8** bytes) {
+ResultCode FileItems::GetLarge(u32 size, const u8** bytes) {
     assert(size > ReadCacheManager::kBufferSize);
     m_large.reset();  // before allocating: there may not be memory for two
     m_large = platform::AllocBuffer(size);
@@ -93,8 +94,8 @@ u32 FileItems::GetLarge(u32 size, const u8** bytes) {
         return RC_SYSTEM_ERROR;
     }
     u32 got = 0;
-    const u32 rc = ReadWhole(m_file.Reader(), m_large.get(), size, &got);
-    if (u32 checkRc = m_live.CheckEnumerated(); checkRc != RC_OK) {
+    const ResultCode rc = ReadWhole(m_file.Reader(), m_large.get(), size, &got);
+    if (ResultCode checkRc = m_live.CheckEnumerated(); checkRc != RC_OK) {
         return checkRc;
     }
     if (rc == RC_SHORT_READ) {
@@ -109,14 +110,14 @@ u32 FileItems::GetLarge(u32 size, const u8** bytes) {
     return RC_OK;
 }
 
-u32 FileItems::TooShort(u32 size) const {
+ResultCode FileItems::TooShort(u32 size) const {
     LOG_ERROR_CODE(RC_FILE_CORRUPT, kLogStorage, "Couldn't read %P bytes at once",
                    std::size_t{size});
     return RC_FILE_CORRUPT;
 }
 
 // An index may have led the load past damage that no scan has seen.
-u32 FileItems::DoesNotRise(i64 rev) const {
+ResultCode FileItems::DoesNotRise(i64 rev) const {
     LOG_ERROR_CODE(RC_BAD_DATA, kLogStorage,
                    "Read rec with rev %I64d, but rev before it is %I64d, offset %I64d", rev,
                    m_prevRev, m_offset);

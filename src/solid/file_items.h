@@ -15,6 +15,7 @@
 #include "solid/enum_buffers.h"
 #include "solid/live_file.h"
 #include "solid/storage_file.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -45,7 +46,7 @@ class FileItems {
     // visit.
     // Errors, logged: RC_FILE_CORRUPT when the file does not give them, RC_NO_MEMORY, and those of
     // reading.
-    [[nodiscard]] u32 Get(u32 size, const u8** bytes) {
+    [[nodiscard]] ResultCode Get(u32 size, const u8** bytes) {
         if (i64{size} <= Left() && Holds(size)) [[likely]] {
             *bytes = At(m_offset);
             return RC_OK;
@@ -77,14 +78,14 @@ class FileItems {
         return true;
     }
     // Does the same. Errors, logged: RC_BAD_DATA instead of false.
-    [[nodiscard]] u32 CheckRises(i64 rev) {
-        return TakeRising(rev) ? u32{RC_OK} : DoesNotRise(rev);
+    [[nodiscard]] ResultCode CheckRises(i64 rev) {
+        return TakeRising(rev) ? ResultCode{RC_OK} : DoesNotRise(rev);
     }
 
     // Tries to have the record behind the one of `size` bytes at the current offset in the read
     // buffer, for PeekNext. Reads only if the present buffer, which may be a small first read, ends
     // before it. Errors, logged: those of reading.
-    [[nodiscard]] u32 ReachNext(u32 size);
+    [[nodiscard]] ResultCode ReachNext(u32 size);
     // *offset and *head receive the record behind the one of `size` bytes at the current offset;
     // commit blocks are passed over. False when the read buffer does not hold it, or when it is no
     // record.
@@ -103,15 +104,15 @@ class FileItems {
         return m_buffer.data + (offset - m_buffer.offset);
     }
     // The rest of Get: makes the bytes available by reading.
-    [[nodiscard]] u32 GetFromFile(u32 size, const u8** bytes);
+    [[nodiscard]] ResultCode GetFromFile(u32 size, const u8** bytes);
     // Gets a buffer that holds `size` bytes at the current offset.
     // REQUIRES: size is at most that of a read buffer.
-    [[nodiscard]] u32 Fetch(u32 size);
+    [[nodiscard]] ResultCode Fetch(u32 size);
     // Reads an item that is larger than a read buffer into a buffer of its own.
-    [[nodiscard]] u32 GetLarge(u32 size, const u8** bytes);
+    [[nodiscard]] ResultCode GetLarge(u32 size, const u8** bytes);
     // Both log and return the code: RC_FILE_CORRUPT; RC_BAD_DATA.
-    [[nodiscard]] u32 TooShort(u32 size) const;
-    [[nodiscard]] u32 DoesNotRise(i64 rev) const;
+    [[nodiscard]] ResultCode TooShort(u32 size) const;
+    [[nodiscard]] ResultCode DoesNotRise(i64 rev) const;
 
     StorageFile& m_file;
     LiveFile& m_live;

@@ -35,7 +35,7 @@ TemporaryFile::~TemporaryFile() {
     }
 }
 
-u32 TemporaryFile::Create(const std::string& model) {
+ResultCode TemporaryFile::Create(const std::string& model) {
     assert(!m_created && !m_file.IsOpen());
     LOG_INFO(kLogStorage, "Creating temp file '%s'", m_path.c_str());
     m_created = m_file.Open(m_path.c_str(), {.access = platform::FileAccess::kWrite,
@@ -111,7 +111,7 @@ BackupKind MakeBackup(const SqueezeNames& names) {
     return kind;
 }
 
-[[nodiscard]] u32 FlushDirectoryOf(const std::string& path) {
+[[nodiscard]] ResultCode FlushDirectoryOf(const std::string& path) {
     if (!FlushNames(path)) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
                        "Cannot flush directory of file '%s';sys-err %r", path.c_str(),
@@ -141,7 +141,7 @@ void UndoBackup(const SqueezeNames& names, BackupKind kind) {
 
 }  // namespace
 
-u32 RenameTemp(const SqueezeNames& names, bool* renamed) {
+ResultCode RenameTemp(const SqueezeNames& names, bool* renamed) {
     assert(renamed != nullptr && names.temporary != names.path);
     *renamed = Move(names.temporary, names.path);
     if (!*renamed) {
@@ -153,7 +153,7 @@ u32 RenameTemp(const SqueezeNames& names, bool* renamed) {
     return FlushDirectoryOf(names.path);
 }
 
-u32 BackupAndRename(const SqueezeNames& names, bool* renamed) {
+ResultCode BackupAndRename(const SqueezeNames& names, bool* renamed) {
     assert(renamed != nullptr && names.backup != names.path);
     *renamed = false;
     DeleteBackupIndex(names.backupIndex);
@@ -163,7 +163,7 @@ u32 BackupAndRename(const SqueezeNames& names, bool* renamed) {
     }
     // Before the renaming, so that no crash leaves the new file without the backup. If the file was
     // moved, RenameTemp flushes both changes of names at once.
-    u32 rc = kind == BackupKind::kLinked ? FlushDirectoryOf(names.backup) : RC_OK;
+    ResultCode rc = kind == BackupKind::kLinked ? FlushDirectoryOf(names.backup) : RC_OK;
     if (rc == RC_OK) {
         rc = RenameTemp(names, renamed);
     }

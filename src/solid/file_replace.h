@@ -9,6 +9,7 @@
 
 #include "platform/file.h"
 #include "platform/int_types.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -38,7 +39,7 @@ class TemporaryFile {
 
     // Makes the file, which must not exist, with the owner and the permissions of the file `model`.
     // Errors, logged: RC_SYSTEM_ERROR; a file that was there before stays.
-    [[nodiscard]] u32 Create(const std::string& model);
+    [[nodiscard]] ResultCode Create(const std::string& model);
     // The open file, for writing it.
     platform::File& Get() { return m_file; }
     void Close() { m_file.Close(); }
@@ -67,8 +68,8 @@ class TemporaryFile {
 // Errors, logged: RC_SYSTEM_ERROR. *renamed receives whether the storage's name leads to the new
 // file. If it does not, it leads to the old one, and no backup was made, unless taking the backup
 // back failed, too, which is logged.
-[[nodiscard]] u32 BackupAndRename(const SqueezeNames& names, bool* renamed);
-[[nodiscard]] u32 RenameTemp(const SqueezeNames& names, bool* renamed);
+[[nodiscard]] ResultCode BackupAndRename(const SqueezeNames& names, bool* renamed);
+[[nodiscard]] ResultCode RenameTemp(const SqueezeNames& names, bool* renamed);
 
 }  // namespace k9erepl
 

@@ -37,20 +37,20 @@ FileScan::FileScan(platform::TrackedFile& file, const Extent& extent,
                    const FileScanCallbacks& callbacks)
     : m_file(file), m_extent(extent), m_callbacks(callbacks) {}
 
-u32 FileScan::Run(i64 startOffset, bool fromHint) {
+ResultCode FileScan::Run(i64 startOffset, bool fromHint) {
     assert(startOffset >= kFirstCommitOffset);
     m_result.fromHint = fromHint;
     return RunFrom(startOffset);
 }
 
-u32 FileScan::Resume(const Result& from) {
+ResultCode FileScan::Resume(const Result& from) {
     assert(from.validCommitOffset >= kFirstCommitOffset);
     m_result = from;
     m_result.commitFound = true;
     return RunFrom(from.validCommitOffset + kCommitBlockSize);
 }
 
-u32 FileScan::RunFrom(i64 offset) {
+ResultCode FileScan::RunFrom(i64 offset) {
     m_buffer = platform::AllocBuffer(kBufferSize);
     if (m_buffer == nullptr) {
         return RC_NO_MEMORY;
@@ -68,7 +68,7 @@ u32 FileScan::RunFrom(i64 offset) {
     return step == Step::kFail ? m_failure : Finish();
 }
 
-FileScan::Step FileScan::Fail(u32 rc) {
+FileScan::Step FileScan::Fail(ResultCode rc) {
     assert(rc != RC_OK);
     m_failure = rc;
     return Step::kFail;
@@ -103,7 +103,7 @@ FileScan::Step FileScan::Read(u32 size) {
     m_bufferOffset = m_offset;
     m_bufferLength = got;
     if (m_extent.mark != nullptr) {
-        if (u32 rc = m_extent.mark->Check(m_file); rc != RC_OK) {
+        if (ResultCode rc = m_extent.mark->Check(m_file); rc != RC_OK) {
             return Fail(rc);
         }
     }
@@ -163,7 +163,7 @@ FileScan::Step FileScan::TakeHeldRecords() {
             break;
         }
         const auto* rec = reinterpret_cast<const K9eReplRec*>(here + kRecordPrefixSize);
-        if (u32 rc = m_callbacks.record(static_cast<u64>(m_offset), rec, m_callbacks.ctx);
+        if (ResultCode rc = m_callbacks.record(static_cast<u64>(m_offset), rec, m_callbacks.ctx);
             rc != RC_OK) {
             return Fail(rc);
         }
@@ -214,7 +214,7 @@ FileScan::Step FileScan::TakeRecord() {
         return step;
     }
     const auto* rec = reinterpret_cast<const K9eReplRec*>(Here() + kRecordPrefixSize);
-    if (u32 rc = m_callbacks.record(static_cast<u64>(m_offset), rec, m_callbacks.ctx);
+    if (ResultCode rc = m_callbacks.record(static_cast<u64>(m_offset), rec, m_callbacks.ctx);
         rc != RC_OK) {
         return Fail(rc);
     }
@@ -252,7 +252,7 @@ FileScan::Step FileScan::TakeCommit() {
     if (Step step = TestCommit(block); step != Step::kNext) {
         return step;
     }
-    if (u32 rc = m_callbacks.commit(m_callbacks.ctx, block.clearRev, block.commitRev);
+    if (ResultCode rc = m_callbacks.commit(m_callbacks.ctx, block.clearRev, block.commitRev);
         rc != RC_OK) {
         return Fail(rc);
     }
@@ -290,7 +290,7 @@ FileScan::Step FileScan::TestCommit(const TCommitBlock& block) {
     return Step::kStop;
 }
 
-u32 FileScan::Finish() {
+ResultCode FileScan::Finish() {
     if (!m_result.commitFound) {
         LOG_ERROR_CODE(RC_FILE_CORRUPT, kLogStorage, "First commit block is not found");
         if (m_result.fromHint) {

@@ -16,6 +16,7 @@
 #include "platform/memory.h"
 #include "platform/tracked_file.h"
 #include "solid/content_mark.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -85,10 +86,10 @@ class FileScan {
     // Errors: RC_FILE_CORRUPT, RC_SYSTEM_ERROR, RC_NO_MEMORY; RC_SHORT_READ when the system gives
     // fewer bytes than the file has; kContentChanged; a callback's result.
     // REQUIRES: startOffset is at least 1024.
-    [[nodiscard]] u32 Run(i64 startOffset, bool fromHint);
+    [[nodiscard]] ResultCode Run(i64 startOffset, bool fromHint);
     // Goes on behind the last commit block of an earlier scan. Errors: as Run.
     // REQUIRES: `from` has a commit block.
-    [[nodiscard]] u32 Resume(const Result& from);
+    [[nodiscard]] ResultCode Resume(const Result& from);
 
     // Complete only after Run or Resume has returned RC_OK.
     const Result& GetResult() const { return m_result; }
@@ -99,7 +100,7 @@ class FileScan {
     enum class [[nodiscard]] Step{kNext, kStop, kFail};
 
     // Takes item after item from `offset` on.
-    [[nodiscard]] u32 RunFrom(i64 offset);
+    [[nodiscard]] ResultCode RunFrom(i64 offset);
     Step Need(u32 size);
     // Reads again from the current offset on. REQUIRES: the buffer has fewer than `needed` bytes
     // there.
@@ -122,10 +123,10 @@ class FileScan {
     Step TestRecord(const TRecordHead& head);
     Step TestCommit(const TCommitBlock& block);
     // Remembers `rc`, the result of the scan.
-    Step Fail(u32 rc);
+    Step Fail(ResultCode rc);
     // Completes the result. RC_FILE_CORRUPT, logged, when no commit block was found; the errors of
     // reading.
-    [[nodiscard]] u32 Finish();
+    [[nodiscard]] ResultCode Finish();
     // Sets tailInUse to whether anything but zeros may lie from the current offset on, which it
     // moves. Errors: m_failure.
     Step LookAtTail();
@@ -153,7 +154,7 @@ class FileScan {
     // The file offset of the item being looked at.
     i64 m_offset = 0;
     // The code to return after kFail.
-    u32 m_failure = RC_OK;
+    ResultCode m_failure = RC_OK;
     Result m_result;
 };
 

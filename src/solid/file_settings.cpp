@@ -19,11 +19,11 @@ enum class WhenAbsent {
     kSayNothing,  // so the logs of those who do not use the setting do not change
 };
 
-[[nodiscard]] u32 ReadSwitch(const char* connStr, const char* key, WhenAbsent whenAbsent,
-                             bool* on) {
+[[nodiscard]] ResultCode ReadSwitch(const char* connStr, const char* key, WhenAbsent whenAbsent,
+                                    bool* on) {
     assert(connStr != nullptr && on != nullptr);
     YesNo setting;
-    const u32 rc = ReadYesNo(connStr, key, &setting);
+    const ResultCode rc = ReadYesNo(connStr, key, &setting);
     *on = setting.yes;
     if (rc != RC_OK) {
         return rc;
@@ -35,7 +35,7 @@ enum class WhenAbsent {
     return RC_OK;
 }
 
-[[nodiscard]] u32 ReadSizes(const char* connStr, StorageFileState* state) {
+[[nodiscard]] ResultCode ReadSizes(const char* connStr, StorageFileState* state) {
     bool given = false;
     state->fileInitialSize = GetMebibytesParam(connStr, "file_initial_size", &given);
     if (state->fileInitialSize < 0) {
@@ -59,22 +59,23 @@ enum class WhenAbsent {
 
 }  // namespace
 
-u32 ReadFileSettings(const char* connStr, StorageFileState* state, bool* fileLock) {
-    if (u32 rc = ReadSwitch(connStr, "force_flush", WhenAbsent::kTellDefault, &state->forceFlush);
+ResultCode ReadFileSettings(const char* connStr, StorageFileState* state, bool* fileLock) {
+    if (ResultCode rc =
+            ReadSwitch(connStr, "force_flush", WhenAbsent::kTellDefault, &state->forceFlush);
         rc != RC_OK) {
         return rc;
     }
-    if (u32 rc =
+    if (ResultCode rc =
             ReadSwitch(connStr, "commit_barrier", WhenAbsent::kSayNothing, &state->commitBarrier);
         rc != RC_OK) {
         return rc;
     }
-    if (u32 rc =
+    if (ResultCode rc =
             ReadSwitch(connStr, "write_through", WhenAbsent::kTellDefault, &state->writeThrough);
         rc != RC_OK) {
         return rc;
     }
-    if (u32 rc = ReadFileLock(connStr, fileLock); rc != RC_OK) {
+    if (ResultCode rc = ReadFileLock(connStr, fileLock); rc != RC_OK) {
         return rc;
     }
     return ReadSizes(connStr, state);

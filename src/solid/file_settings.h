@@ -4,6 +4,7 @@
 #define K9EREPL_SOLID_FILE_SETTINGS_H
 
 #include "platform/int_types.h"
+#include "support/result.h"
 #include "writers/storage_file_state.h"
 
 namespace k9erepl {
@@ -12,7 +13,8 @@ namespace k9erepl {
 // *state and file_lock into *fileLock; logs what it uses.
 // Errors: RC_INVALID_ARG for a yes or no that is neither, RC_BAD_SIZE for a negative size. The
 // settings before the refused one are then set. May throw std::bad_alloc.
-[[nodiscard]] u32 ReadFileSettings(const char* connStr, StorageFileState* state, bool* fileLock);
+[[nodiscard]] ResultCode ReadFileSettings(const char* connStr, StorageFileState* state,
+                                          bool* fileLock);
 
 }  // namespace k9erepl
 

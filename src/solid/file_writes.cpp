@@ -7,31 +7,32 @@
 
 namespace k9erepl {
 
-u32 FileWrites::Commit() {
+ResultCode FileWrites::Commit() {
     if (!m_file.HasWriter()) {
         return RC_NO_WRITER;
     }
-    const u32 rc = m_file.Writer().FlushFile();
+    const ResultCode rc = m_file.Writer().FlushFile();
     m_file.InvalidateReads();
     return rc;
 }
 
-u32 FileWrites::Rollback() {
+ResultCode FileWrites::Rollback() {
     if (!m_file.HasWriter()) {
         return RC_NO_WRITER;
     }
-    const u32 rc = m_file.Writer().Rollback();
+    const ResultCode rc = m_file.Writer().Rollback();
     m_file.SetLastWrittenRev(0);
     m_file.InvalidateReads();
     return rc;
 }
 
-u32 FileWrites::ClearUndone() {
+ResultCode FileWrites::ClearUndone() {
     return m_file.HasWriter() ? m_file.Writer().ClearUndone() : u32{RC_NO_WRITER};
 }
 
-u32 FileWrites::WriteItems(u8* data, u32 size, TCommitBlock* commitBlock, K9eReplBlock* memoryBlock,
-                           i64 lastRevision, std::atomic<i64>* filePosition) {
+ResultCode FileWrites::WriteItems(u8* data, u32 size, TCommitBlock* commitBlock,
+                                  K9eReplBlock* memoryBlock, i64 lastRevision,
+                                  std::atomic<i64>* filePosition) {
     assert(data != nullptr && size != 0);
     assert(commitBlock == nullptr || size >= kCommitBlockSize);
     if (!m_file.HasWriter()) {
@@ -50,7 +51,7 @@ u32 FileWrites::WriteItems(u8* data, u32 size, TCommitBlock* commitBlock, K9eRep
     // write more, and the last flushed revision must not fall here then.
     const i64 commitRev = commitBlock != nullptr ? i64{commitBlock->commitRev} : lastFlushed;
     m_file.SetLastWrittenRev(lastRevision);
-    const u32 rc =
+    const ResultCode rc =
         m_file.Writer().Write(data, size, commitBlock, memoryBlock, lastRevision, filePosition);
     if (rc == RC_OK && state.lastFlushedRev < commitRev) {
         state.lastFlushedRev = commitRev;

@@ -10,6 +10,7 @@
 #include "platform/int_types.h"
 #include "solid/damaged_tail.h"
 #include "solid/storage_file.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -19,16 +20,16 @@ class FileWrites {
   public:
     FileWrites(StorageFile& file, DamagedTail& tail) : m_file(file), m_tail(tail) {}
 
-    [[nodiscard]] u32 BeginTransaction() {
+    [[nodiscard]] ResultCode BeginTransaction() {
         return m_file.HasWriter() ? m_file.Writer().BeginTransaction() : u32{RC_NO_WRITER};
     }
-    [[nodiscard]] u32 Commit();
-    [[nodiscard]] u32 Rollback();
-    [[nodiscard]] u32 ClearUndone();
+    [[nodiscard]] ResultCode Commit();
+    [[nodiscard]] ResultCode Rollback();
+    [[nodiscard]] ResultCode ClearUndone();
 
-    [[nodiscard]] u32 WriteItems(u8* data, u32 size, TCommitBlock* commitBlock,
-                                 K9eReplBlock* memoryBlock, i64 lastRevision,
-                                 std::atomic<i64>* filePosition);
+    [[nodiscard]] ResultCode WriteItems(u8* data, u32 size, TCommitBlock* commitBlock,
+                                        K9eReplBlock* memoryBlock, i64 lastRevision,
+                                        std::atomic<i64>* filePosition);
 
   private:
     StorageFile& m_file;

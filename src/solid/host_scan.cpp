@@ -13,7 +13,7 @@ struct HostCallbacks {
     const u64& generation;
     const u64 generationBefore;
 
-    u32 Result(u32 hostRc) const {
+    u32 Result(ResultCode hostRc) const {
         return hostRc == RC_OK && generation != generationBefore ? u32{RC_ENUM_STOP} : hostRc;
     }
     static std::uint32_t OnRecord(std::uint64_t offset, const K9eReplRec* rec, void* ctx) {
@@ -28,13 +28,13 @@ struct HostCallbacks {
 
 }  // namespace
 
-u32 HostScan::Run(const FileScanCallbacks& callbacks) {
+ResultCode HostScan::Run(const FileScanCallbacks& callbacks) {
     assert(callbacks.record != nullptr && callbacks.commit != nullptr);
     if (!m_file.IsOpen()) {
         return RC_NO_WRITER;
     }
     if (m_file.InUse() && m_file.HasWriter()) {
-        if (u32 rc = m_file.CompleteAsyncTasks(); rc != RC_OK) {
+        if (ResultCode rc = m_file.CompleteAsyncTasks(); rc != RC_OK) {
             return rc;
         }
     }
@@ -47,7 +47,7 @@ u32 HostScan::Run(const FileScanCallbacks& callbacks) {
     // Before the first scan the write position is the file's size.
     FileScan scan(m_file.Reader(),
                   {.fileSize = m_file.FileSize(), .dataEnd = m_file.State().writePos}, checking);
-    const u32 rc = scan.Run(kFirstCommitOffset, false);
+    const ResultCode rc = scan.Run(kFirstCommitOffset, false);
     if (m_file.InUse()) {
         return rc;
     }

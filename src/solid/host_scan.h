@@ -9,6 +9,7 @@
 #include "solid/live_file.h"
 #include "solid/load_scan.h"
 #include "solid/storage_file.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -19,7 +20,7 @@ class HostScan {
         : m_file(file), m_live(live), m_load(load) {}
 
     // See CSolidStorage::ScanFile. Called under the storage's lock.
-    [[nodiscard]] u32 Run(const FileScanCallbacks& callbacks);
+    [[nodiscard]] ResultCode Run(const FileScanCallbacks& callbacks);
 
   private:
     StorageFile& m_file;

@@ -37,14 +37,14 @@ i64 EndOf(const FileScan::Result& result) {
 
 }  // namespace
 
-u32 LiveFile::Refresh(const FileScan::Result& loaded, bool* goesOn) {
+ResultCode LiveFile::Refresh(const FileScan::Result& loaded, bool* goesOn) {
     assert(m_file.IsReadOnly() && goesOn != nullptr);
     platform::File opened;
-    if (u32 rc = OpenAndCheckFile(m_file.Path(), kReadOnlyRequest, &opened); rc != RC_OK) {
+    if (ResultCode rc = OpenAndCheckFile(m_file.Path(), kReadOnlyRequest, &opened); rc != RC_OK) {
         return rc;
     }
     i64 size = 0;
-    if (u32 rc = GetSizeOf(opened, m_file.Path(), &size); rc != RC_OK) {
+    if (ResultCode rc = GetSizeOf(opened, m_file.Path(), &size); rc != RC_OK) {
         return rc;
     }
     platform::TrackedFile reader(std::move(opened), kFileHeaderSize);
@@ -60,8 +60,8 @@ u32 LiveFile::Refresh(const FileScan::Result& loaded, bool* goesOn) {
     return RC_OK;
 }
 
-u32 LiveFile::Scan(const FileScanCallbacks& callbacks, const Start& start, i64 enough,
-                   FileScan::Result* result) {
+ResultCode LiveFile::Scan(const FileScanCallbacks& callbacks, const Start& start, i64 enough,
+                          FileScan::Result* result) {
     assert(m_file.IsReadOnly());
     Start from = start;
     if (start.resume != nullptr) {
@@ -72,12 +72,12 @@ u32 LiveFile::Scan(const FileScanCallbacks& callbacks, const Start& start, i64 e
     for (bool ended = false; !ended;) {
         FileScan::Result ahead;
         const i64 goal = std::min(enough, from.offset + kLookAheadSize);
-        if (u32 rc = LookAhead(from, goal, &ahead); rc != RC_OK) {
+        if (ResultCode rc = LookAhead(from, goal, &ahead); rc != RC_OK) {
             return rc;
         }
         const bool isNew = EndOf(ahead) > from.offset;
         if (isNew) {
-            if (u32 rc = HandOut(callbacks, from, ahead, result); rc != RC_OK) {
+            if (ResultCode rc = HandOut(callbacks, from, ahead, result); rc != RC_OK) {
                 return rc;
             }
             from = {.offset = EndOf(*result), .resume = result};
@@ -92,15 +92,15 @@ u32 LiveFile::Scan(const FileScanCallbacks& callbacks, const Start& start, i64 e
     return RC_OK;
 }
 
-u32 LiveFile::LookAhead(const Start& start, i64 enough, FileScan::Result* found) {
+ResultCode LiveFile::LookAhead(const Start& start, i64 enough, FileScan::Result* found) {
     i64 size = 0;
-    if (u32 rc = m_file.UpdateFileSize(&size); rc != RC_OK) {
+    if (ResultCode rc = m_file.UpdateFileSize(&size); rc != RC_OK) {
         return rc;
     }
     FileScan scan(m_file.Reader(), {.fileSize = size, .enough = enough, .isLive = true},
                   {IgnoreRecord, IgnoreCommit, nullptr});
-    const u32 rc = start.resume != nullptr ? scan.Resume(*start.resume)
-                                           : scan.Run(start.offset, start.fromHint);
+    const ResultCode rc = start.resume != nullptr ? scan.Resume(*start.resume)
+                                                  : scan.Run(start.offset, start.fromHint);
     *found = scan.GetResult();
     return rc;
 }
@@ -113,23 +113,24 @@ bool LiveFile::GoesOnBehind(const FileScan::Result& end) {
 }
 
 // Nothing of a read is handed out before a check after it has shown the content to be unchanged.
-u32 LiveFile::HandOut(const FileScanCallbacks& callbacks, const Start& start,
-                      const FileScan::Result& ahead, FileScan::Result* result) {
+ResultCode LiveFile::HandOut(const FileScanCallbacks& callbacks, const Start& start,
+                             const FileScan::Result& ahead, FileScan::Result* result) {
     const i64 end = EndOf(ahead);
     assert(end > start.offset);
     const ContentMark mark{m_content.first, ahead.validCommitOffset, ahead.lastCommit};
     FileScan scan(m_file.Reader(), {.fileSize = end, .enough = end, .isLive = true, .mark = &mark},
                   callbacks);
-    const u32 rc = start.resume != nullptr ? scan.Resume(*start.resume)
-                                           : scan.Run(start.offset, start.fromHint);
+    const ResultCode rc = start.resume != nullptr ? scan.Resume(*start.resume)
+                                                  : scan.Run(start.offset, start.fromHint);
     if (rc != RC_OK) {
         return rc;
     }
     *result = scan.GetResult();
-    return EndOf(*result) == end ? u32{RC_OK} : kContentChanged;
+    return EndOf(*result) == end ? ResultCode{RC_OK} : kContentChanged;
 }
 
-u32 LiveFile::ScanForHost(const FileScanCallbacks& callbacks, const FileScan::Result& loaded) {
+ResultCode LiveFile::ScanForHost(const FileScanCallbacks& callbacks,
+                                 const FileScan::Result& loaded) {
     i64 enough = EndOf(loaded);
     if (!m_file.InUse()) {
         enough = std::numeric_limits<i64>::max();
@@ -137,7 +138,7 @@ u32 LiveFile::ScanForHost(const FileScanCallbacks& callbacks, const FileScan::Re
         (void)m_content.Take(m_file.Reader());
     }
     FileScan::Result unused;
-    const u32 rc = Scan(callbacks, {}, enough, &unused);
+    const ResultCode rc = Scan(callbacks, {}, enough, &unused);
     if (rc == kContentChanged) {
         (void)CheckEnumerated();  // dropped: logs the change, unless it is a callback's result
     }
@@ -156,16 +157,16 @@ void LiveFile::MarkContent(const FileScan::Result& loaded) {
 }
 
 // The writer may be changing them: two readings that agree are what it wrote.
-u32 LiveFile::ReadMarks(u32* lifenum, i64* clearOldRev) {
+ResultCode LiveFile::ReadMarks(u32* lifenum, i64* clearOldRev) {
     assert(lifenum != nullptr && clearOldRev != nullptr);
     TFileHeader header;
-    if (u32 rc = m_file.ReadHeader(&header); rc != RC_OK) {
+    if (ResultCode rc = m_file.ReadHeader(&header); rc != RC_OK) {
         return rc;
     }
     for (u32 attempt = 0; attempt < kHeaderReadingsMost; ++attempt) {
         *lifenum = header.lifenum;
         *clearOldRev = header.clearOldRev;
-        if (u32 rc = m_file.ReadHeader(&header); rc != RC_OK) {
+        if (ResultCode rc = m_file.ReadHeader(&header); rc != RC_OK) {
             return rc;
         }
         if (*lifenum == header.lifenum && *clearOldRev == header.clearOldRev) {
@@ -175,12 +176,13 @@ u32 LiveFile::ReadMarks(u32* lifenum, i64* clearOldRev) {
     return kContentChanged;
 }
 
-u32 LiveFile::CheckContent() {
-    return m_file.IsReadOnly() && m_content.taken ? m_content.Check(m_file.Reader()) : u32{RC_OK};
+ResultCode LiveFile::CheckContent() {
+    return m_file.IsReadOnly() && m_content.taken ? m_content.Check(m_file.Reader())
+                                                  : ResultCode{RC_OK};
 }
 
-u32 LiveFile::CheckEnumerated() {
-    const u32 rc = CheckContent();
+ResultCode LiveFile::CheckEnumerated() {
+    const ResultCode rc = CheckContent();
     if (rc != RC_OK) {
         m_file.InvalidateReads();
     }

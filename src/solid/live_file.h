@@ -9,6 +9,7 @@
 #include "solid/content_mark.h"
 #include "solid/file_scan.h"
 #include "solid/storage_file.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -33,17 +34,17 @@ class LiveFile {
     // *goesOn receives whether the file holds what was loaded then, perhaps with more behind it.
     // Errors: as CSolidStorage::Open; what was loaded, and the handle on it, stays then.
     // REQUIRES: the file is open read-only.
-    [[nodiscard]] u32 Refresh(const FileScan::Result& loaded, bool* goesOn);
+    [[nodiscard]] ResultCode Refresh(const FileScan::Result& loaded, bool* goesOn);
 
     // Hands out what is committed, up to the first commit block that ends at or behind `enough`.
     // *result receives where it ended; what an earlier scan left there is lost.
     // Errors: as FileScan::Run; kContentChanged when the writer took something back meanwhile.
     // REQUIRES: the file is open read-only.
-    [[nodiscard]] u32 Scan(const FileScanCallbacks& callbacks, const Start& start, i64 enough,
-                           FileScan::Result* result);
+    [[nodiscard]] ResultCode Scan(const FileScanCallbacks& callbacks, const Start& start,
+                                  i64 enough, FileScan::Result* result);
     // The scan for hosts: hands out what is loaded, or before the first load what is committed now.
-    [[nodiscard]] u32 ScanForHost(const FileScanCallbacks& callbacks,
-                                  const FileScan::Result& loaded);
+    [[nodiscard]] ResultCode ScanForHost(const FileScanCallbacks& callbacks,
+                                         const FileScan::Result& loaded);
 
     // True when the writer has committed more behind the end of a scan meanwhile.
     bool GoesOnBehind(const FileScan::Result& end);
@@ -55,25 +56,25 @@ class LiveFile {
     // RC_OK when everything that was read since the load began is the content that was loaded, or
     // when the file is not read-only.
     // Errors: as ContentMark::Check.
-    [[nodiscard]] u32 CheckContent();
+    [[nodiscard]] ResultCode CheckContent();
     // To be called between reading a piece of the file and handing it out. Does what CheckContent
     // does, and logs kContentChanged. After any failure, nothing in the read buffers is used any
     // more.
-    [[nodiscard]] u32 CheckEnumerated();
+    [[nodiscard]] ResultCode CheckEnumerated();
 
     // Reads the fields of the header that belong to the client, both from one moment.
     // Errors: RC_SYSTEM_ERROR; kContentChanged when they change at every reading.
-    [[nodiscard]] u32 ReadMarks(u32* lifenum, i64* clearOldRev);
+    [[nodiscard]] ResultCode ReadMarks(u32* lifenum, i64* clearOldRev);
 
     // To be called when the file is closed.
     void Reset() { m_content = {}; }
 
   private:
     // The first look: *found receives where a scan up to `enough` ends. Hands nothing out.
-    [[nodiscard]] u32 LookAhead(const Start& start, i64 enough, FileScan::Result* found);
+    [[nodiscard]] ResultCode LookAhead(const Start& start, i64 enough, FileScan::Result* found);
     // The second look: hands out what the first one, `ahead`, found to be committed.
-    [[nodiscard]] u32 HandOut(const FileScanCallbacks& callbacks, const Start& start,
-                              const FileScan::Result& ahead, FileScan::Result* result);
+    [[nodiscard]] ResultCode HandOut(const FileScanCallbacks& callbacks, const Start& start,
+                                     const FileScan::Result& ahead, FileScan::Result* result);
 
     StorageFile& m_file;
     // Of what is loaded or is being loaded; not taken before the first load, nor in a file that has

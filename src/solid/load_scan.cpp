@@ -6,7 +6,7 @@
 
 namespace k9erepl {
 
-u32 LoadScan::ScanFrom(const FileScanCallbacks& callbacks, i64 startOffset) {
+ResultCode LoadScan::ScanFrom(const FileScanCallbacks& callbacks, i64 startOffset) {
     assert(callbacks.record != nullptr && callbacks.commit != nullptr);
     assert(startOffset == 0 || startOffset >= kFirstCommitOffset);
     if (!m_file.IsOpen()) {
@@ -18,12 +18,12 @@ u32 LoadScan::ScanFrom(const FileScanCallbacks& callbacks, i64 startOffset) {
         return LoadLive(callbacks, {.offset = start, .fromHint = fromHint});
     }
     FileScan scan(m_file.Reader(), {.fileSize = m_file.FileSize()}, callbacks);
-    const u32 scanRc = scan.Run(start, fromHint);
+    const ResultCode scanRc = scan.Run(start, fromHint);
     m_file.InvalidateReads();
     if (scanRc != RC_OK) {
         return scanRc;
     }
-    if (u32 rc = TakeEnd(scan.GetResult()); rc != RC_OK) {
+    if (ResultCode rc = TakeEnd(scan.GetResult()); rc != RC_OK) {
         return rc;
     }
     m_file.SetInUse(true);
@@ -31,15 +31,15 @@ u32 LoadScan::ScanFrom(const FileScanCallbacks& callbacks, i64 startOffset) {
     return RC_OK;
 }
 
-u32 LoadScan::ScanOn(const FileScanCallbacks& callbacks) {
+ResultCode LoadScan::ScanOn(const FileScanCallbacks& callbacks) {
     assert(m_file.InUse());
     const FileScan::Result from = m_end;
     return LoadLive(callbacks, {.resume = &from});
 }
 
-u32 LoadScan::LoadLive(const FileScanCallbacks& callbacks, const LiveFile::Start& start) {
+ResultCode LoadScan::LoadLive(const FileScanCallbacks& callbacks, const LiveFile::Start& start) {
     FileScan::Result result;
-    const u32 rc = m_live.Scan(callbacks, start, std::numeric_limits<i64>::max(), &result);
+    const ResultCode rc = m_live.Scan(callbacks, start, std::numeric_limits<i64>::max(), &result);
     m_file.InvalidateReads();
     if (rc != RC_OK) {
         return rc;
@@ -48,12 +48,13 @@ u32 LoadScan::LoadLive(const FileScanCallbacks& callbacks, const LiveFile::Start
     return TakeEnd(result);
 }
 
-u32 LoadScan::TakeEnd(const FileScan::Result& end) {
+ResultCode LoadScan::TakeEnd(const FileScan::Result& end) {
     assert(end.commitFound && end.validCommitOffset >= kFirstCommitOffset);
     const i64 position = end.validCommitOffset + kCommitBlockSize;
     if (m_file.IsReadOnly()) {
         m_live.MarkContent(end);
-    } else if (u32 rc = m_file.Writer().SetWritePos(position, true, end.tailInUse); rc != RC_OK) {
+    } else if (ResultCode rc = m_file.Writer().SetWritePos(position, true, end.tailInUse);
+               rc != RC_OK) {
         return rc;
     }
     m_end = end;

@@ -9,6 +9,7 @@
 #include "solid/file_scan.h"
 #include "solid/live_file.h"
 #include "solid/storage_file.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -18,13 +19,13 @@ class LoadScan {
     LoadScan(StorageFile& file, LiveFile& live) : m_file(file), m_live(live) {}
 
     // See CSolidStorage::ScanFileFrom and ScanOn.
-    [[nodiscard]] u32 ScanFrom(const FileScanCallbacks& callbacks, i64 startOffset);
-    [[nodiscard]] u32 ScanOn(const FileScanCallbacks& callbacks);
+    [[nodiscard]] ResultCode ScanFrom(const FileScanCallbacks& callbacks, i64 startOffset);
+    [[nodiscard]] ResultCode ScanOn(const FileScanCallbacks& callbacks);
 
     // Makes the end of a scan the write position, and its last commit block the file's last one.
     // Errors: RC_SYSTEM_ERROR; everything is then as it was.
     // REQUIRES: the scan has found a commit block.
-    [[nodiscard]] u32 TakeEnd(const FileScan::Result& end);
+    [[nodiscard]] ResultCode TakeEnd(const FileScan::Result& end);
     // Where the scan ended that placed the write position. Before the first one, commitFound is
     // false.
     const FileScan::Result& End() const { return m_end; }
@@ -40,7 +41,8 @@ class LoadScan {
 
   private:
     // The scan of a file that another process writes.
-    [[nodiscard]] u32 LoadLive(const FileScanCallbacks& callbacks, const LiveFile::Start& start);
+    [[nodiscard]] ResultCode LoadLive(const FileScanCallbacks& callbacks,
+                                      const LiveFile::Start& start);
 
     StorageFile& m_file;
     LiveFile& m_live;

@@ -14,7 +14,7 @@ namespace k9erepl {
 namespace {
 
 // RC_BAD_DATA for a head that no writer of ours produces or whose record runs past the data.
-[[nodiscard]] u32 CheckHead(const TRecordHead& head, i64 offset, i64 left) {
+[[nodiscard]] ResultCode CheckHead(const TRecordHead& head, i64 offset, i64 left) {
     if (!SizesAgree(head) || i64{head.size} > left) {
         LOG_ERROR_CODE(RC_BAD_DATA, kLogStorage, "Wrong rec size %u, data size %u, offset %I64d",
                        u32{head.size}, u32{head.dataSize}, offset);
@@ -23,7 +23,7 @@ namespace {
     return RC_OK;
 }
 
-[[nodiscard]] u32 CheckCommitted(i64 rev, i64 lastCommitted) {
+[[nodiscard]] ResultCode CheckCommitted(i64 rev, i64 lastCommitted) {
     if (rev > lastCommitted) {
         LOG_ERROR_CODE(RC_BAD_DATA, kLogStorage,
                        "Read uncommitted rec with rev %I64d,last committed rev %I64d", rev,
@@ -49,8 +49,8 @@ struct RecordEnum::Receiver {
     bool* completed;  // true until the visitor stops the enumeration
 
     // `rec` is where the client's record begins; null for a commit block.
-    [[nodiscard]] u32 Visit(i64 offset, const u8* rec) const {
-        const u32 rc = visitor(offset, reinterpret_cast<const K9eReplRec*>(rec), ctx);
+    [[nodiscard]] ResultCode Visit(i64 offset, const u8* rec) const {
+        const ResultCode rc = visitor(offset, reinterpret_cast<const K9eReplRec*>(rec), ctx);
         if (rc != RC_OK) {
             *completed = false;
         }
@@ -58,8 +58,8 @@ struct RecordEnum::Receiver {
     }
 };
 
-u32 RecordEnum::TakeHeld(FileItems& items, const FileEnumRange& range,
-                         const Receiver& receiver) const {
+ResultCode RecordEnum::TakeHeld(FileItems& items, const FileEnumRange& range,
+                                const Receiver& receiver) const {
     const std::atomic<i64>& lastCommitted = m_file.State().lastFlushedRev;
     const i64 visitFrom = range.alsoPassed ? std::numeric_limits<i64>::min() : range.fromRev;
     const u8* here = nullptr;
@@ -75,7 +75,7 @@ u32 RecordEnum::TakeHeld(FileItems& items, const FileEnumRange& range,
                 return RC_OK;
             }
             if (head.rev >= visitFrom) {
-                if (u32 rc = receiver.Visit(items.Offset(), here + kRecordPrefixSize);
+                if (ResultCode rc = receiver.Visit(items.Offset(), here + kRecordPrefixSize);
                     rc != RC_OK) {
                     return rc;
                 }
@@ -93,24 +93,24 @@ u32 RecordEnum::TakeHeld(FileItems& items, const FileEnumRange& range,
     return RC_OK;
 }
 
-u32 RecordEnum::CheckStart(FileItems& items, const FileEnumRange& range) {
+ResultCode RecordEnum::CheckStart(FileItems& items, const FileEnumRange& range) {
     assert(range.startOffset != 0);
     if (items.Left() < i64{kRecordHeadSize}) {
         return kNoSuchRecord;
     }
     const u8* bytes = nullptr;
-    if (u32 rc = items.Get(kRecordHeadSize, &bytes); rc != RC_OK) {
+    if (ResultCode rc = items.Get(kRecordHeadSize, &bytes); rc != RC_OK) {
         return rc;
     }
     const auto head = LoadUnaligned<TRecordHead>(bytes);
     const bool holds = head.signature == kRecordSignature && SizesAgree(head) &&
                        i64{head.size} <= items.Left() && head.rev == range.startRev;
-    return holds ? u32{RC_OK} : kNoSuchRecord;
+    return holds ? ResultCode{RC_OK} : kNoSuchRecord;
 }
 
-u32 RecordEnum::LookAtItem(FileItems& items, const FileEnumRange& range, Item* item) const {
+ResultCode RecordEnum::LookAtItem(FileItems& items, const FileEnumRange& range, Item* item) const {
     const u8* bytes = nullptr;
-    if (u32 rc = items.Get(kSignatureSize, &bytes); rc != RC_OK) {
+    if (ResultCode rc = items.Get(kSignatureSize, &bytes); rc != RC_OK) {
         return rc;
     }
     const u32 signature = LoadUnaligned<u32>(bytes);
@@ -123,7 +123,7 @@ u32 RecordEnum::LookAtItem(FileItems& items, const FileEnumRange& range, Item* i
                        signature, items.Offset());
         return RC_BAD_DATA;
     }
-    if (u32 rc = items.Get(kRecordHeadSize, &bytes); rc != RC_OK) {
+    if (ResultCode rc = items.Get(kRecordHeadSize, &bytes); rc != RC_OK) {
         return rc;
     }
     const auto head = LoadUnaligned<TRecordHead>(bytes);
@@ -131,13 +131,13 @@ u32 RecordEnum::LookAtItem(FileItems& items, const FileEnumRange& range, Item* i
              .pastRange = head.rev > range.toRev,
              .visit = head.rev >= range.fromRev,
              .size = head.size};
-    if (u32 rc = CheckHead(head, items.Offset(), items.Left()); rc != RC_OK) {
+    if (ResultCode rc = CheckHead(head, items.Offset(), items.Left()); rc != RC_OK) {
         return rc;
     }
     if (item->pastRange) {
         return CheckRangeEnd(items, range, head);
     }
-    if (u32 rc = CheckCommitted(head.rev, m_file.State().lastFlushedRev); rc != RC_OK) {
+    if (ResultCode rc = CheckCommitted(head.rev, m_file.State().lastFlushedRev); rc != RC_OK) {
         return rc;
     }
     return items.CheckRises(head.rev);
@@ -145,11 +145,11 @@ u32 RecordEnum::LookAtItem(FileItems& items, const FileEnumRange& range, Item* i
 
 // The load has not seen what lies before the place to which an index led it. A revision there that
 // damage has made larger must not pass for the end of the range and hide the records behind it.
-u32 RecordEnum::CheckRangeEnd(FileItems& items, const FileEnumRange& range,
-                              const TRecordHead& head) const {
+ResultCode RecordEnum::CheckRangeEnd(FileItems& items, const FileEnumRange& range,
+                                     const TRecordHead& head) const {
     assert(head.rev > range.toRev);
     const i64 written = std::max(i64{m_file.State().lastFlushedRev}, m_file.LastWrittenRev());
-    if (u32 rc = CheckCommitted(head.rev, written); rc != RC_OK) {
+    if (ResultCode rc = CheckCommitted(head.rev, written); rc != RC_OK) {
         return rc;
     }
     if (items.Offset() < range.reachesTo) {
@@ -159,7 +159,7 @@ u32 RecordEnum::CheckRangeEnd(FileItems& items, const FileEnumRange& range,
                        i64{head.rev}, range.toRev, range.reachesTo, items.Offset());
         return RC_BAD_DATA;
     }
-    if (u32 rc = items.ReachNext(head.size); rc != RC_OK) {
+    if (ResultCode rc = items.ReachNext(head.size); rc != RC_OK) {
         return rc;
     }
     i64 nextOffset = 0;
@@ -173,16 +173,16 @@ u32 RecordEnum::CheckRangeEnd(FileItems& items, const FileEnumRange& range,
     return RC_OK;
 }
 
-u32 RecordEnum::VisitItem(FileItems& items, const Item& item, const Receiver& receiver) {
+ResultCode RecordEnum::VisitItem(FileItems& items, const Item& item, const Receiver& receiver) {
     const u8* bytes = nullptr;
-    if (u32 rc = items.Get(item.size, &bytes); rc != RC_OK) {
+    if (ResultCode rc = items.Get(item.size, &bytes); rc != RC_OK) {
         return rc;
     }
     return receiver.Visit(items.Offset(), item.isRecord ? bytes + kRecordPrefixSize : nullptr);
 }
 
-u32 RecordEnum::Run(const FileEnumRange& range, FileItemVisitor visitor, void* ctx,
-                    bool* completed) {
+ResultCode RecordEnum::Run(const FileEnumRange& range, FileItemVisitor visitor, void* ctx,
+                           bool* completed) {
     assert(visitor != nullptr && completed != nullptr);
     assert(range.startOffset == 0 || range.startOffset >= kFirstCommitOffset);
     *completed = true;
@@ -191,7 +191,7 @@ u32 RecordEnum::Run(const FileEnumRange& range, FileItemVisitor visitor, void* c
     }
     const ScopedValue level(m_depth, m_depth + 1);
     ReadCacheManager* cache = nullptr;
-    if (u32 rc = m_buffers.OfLevel(m_depth, &cache); rc != RC_OK) {
+    if (ResultCode rc = m_buffers.OfLevel(m_depth, &cache); rc != RC_OK) {
         return rc;
     }
     FileItems items(m_file, m_live, m_buffers, *cache,
@@ -199,22 +199,22 @@ u32 RecordEnum::Run(const FileEnumRange& range, FileItemVisitor visitor, void* c
                     range.reachesTo);
     const Receiver receiver{visitor, ctx, completed};
     if (range.startRev) {
-        if (u32 rc = CheckStart(items, range); rc != RC_OK) {
+        if (ResultCode rc = CheckStart(items, range); rc != RC_OK) {
             return rc;
         }
     }
     while (items.Left() > 0) {
         Item item;
-        if (u32 rc = LookAtItem(items, range, &item); rc != RC_OK || item.pastRange) {
+        if (ResultCode rc = LookAtItem(items, range, &item); rc != RC_OK || item.pastRange) {
             return rc;
         }
         if (item.visit) {
-            if (u32 rc = VisitItem(items, item, receiver); rc != RC_OK) {
+            if (ResultCode rc = VisitItem(items, item, receiver); rc != RC_OK) {
                 return rc;
             }
         }
         items.Advance(item.size);
-        if (u32 rc = TakeHeld(items, range, receiver); rc != RC_OK) {
+        if (ResultCode rc = TakeHeld(items, range, receiver); rc != RC_OK) {
             return rc;
         }
     }

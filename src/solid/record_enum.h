@@ -16,6 +16,7 @@
 #include "solid/file_items.h"
 #include "solid/live_file.h"
 #include "solid/storage_file.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -50,7 +51,7 @@ class RecordEnum {
     RecordEnum(StorageFile& file, LiveFile& live) : m_file(file), m_live(live) {}
 
     // To be called when the file is open. Errors and exceptions: as EnumBuffers::Init.
-    [[nodiscard]] u32 Init(const char* connStr) { return m_buffers.Init(connStr); }
+    [[nodiscard]] ResultCode Init(const char* connStr) { return m_buffers.Init(connStr); }
     // To be called when the file is closed. REQUIRES: no enumeration runs.
     void Reset() {
         assert(!IsRunning());
@@ -61,8 +62,8 @@ class RecordEnum {
     bool IsRunning() const { return m_depth != 0; }
 
     // See CSolidStorage::EnumFileRecs.
-    [[nodiscard]] u32 Run(const FileEnumRange& range, FileItemVisitor visitor, void* ctx,
-                          bool* completed);
+    [[nodiscard]] ResultCode Run(const FileEnumRange& range, FileItemVisitor visitor, void* ctx,
+                                 bool* completed);
 
   private:
     // What is to be done with one item; in the source.
@@ -73,21 +74,22 @@ class RecordEnum {
     // Does the whole work for the items from the current offset on for as long as they lie in the
     // read buffer, are no commit blocks to be visited, and nothing is wrong with them. Most records
     // go this way; LookAtItem judges the item that it leaves. Errors: the visitor's result.
-    [[nodiscard]] u32 TakeHeld(FileItems& items, const FileEnumRange& range,
-                               const Receiver& receiver) const;
+    [[nodiscard]] ResultCode TakeHeld(FileItems& items, const FileEnumRange& range,
+                                      const Receiver& receiver) const;
     // Looks whether the record of range.startRev begins at the current offset. Errors:
     // kNoSuchRecord, not logged; those of reading.
-    [[nodiscard]] static u32 CheckStart(FileItems& items, const FileEnumRange& range);
+    [[nodiscard]] static ResultCode CheckStart(FileItems& items, const FileEnumRange& range);
     // *item receives what is to be done with the item at the current offset.
     // Errors, logged: RC_BAD_DATA, RC_FILE_CORRUPT, those of reading.
-    [[nodiscard]] u32 LookAtItem(FileItems& items, const FileEnumRange& range, Item* item) const;
+    [[nodiscard]] ResultCode LookAtItem(FileItems& items, const FileEnumRange& range,
+                                        Item* item) const;
     // RC_OK when the record of `head`, which is above the range, can be believed; else RC_BAD_DATA,
     // logged.
-    [[nodiscard]] u32 CheckRangeEnd(FileItems& items, const FileEnumRange& range,
-                                    const TRecordHead& head) const;
+    [[nodiscard]] ResultCode CheckRangeEnd(FileItems& items, const FileEnumRange& range,
+                                           const TRecordHead& head) const;
     // Hands `item` to the visitor. Errors: the visitor's result; those of reading.
-    [[nodiscard]] static u32 VisitItem(FileItems& items, const Item& item,
-                                       const Receiver& receiver);
+    [[nodiscard]] static ResultCode VisitItem(FileItems& items, const Item& item,
+                                              const Receiver& receiver);
 
     StorageFile& m_file;
     LiveFile& m_live;

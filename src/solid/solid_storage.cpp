@@ -17,11 +17,11 @@ CSolidStorage::~CSolidStorage() {
     (void)Close();
 }
 
-u32 CSolidStorage::Open(const std::string& path, const char* connStr, FileUse use) {
+ResultCode CSolidStorage::Open(const std::string& path, const char* connStr, FileUse use) {
     if (IsOpen()) {
         return RC_ALREADY;
     }
-    u32 rc = RC_OK;
+    ResultCode rc = RC_OK;
     try {
         rc = OpenParts(path, connStr, use);
     } catch (const std::bad_alloc&) {
@@ -33,8 +33,8 @@ u32 CSolidStorage::Open(const std::string& path, const char* connStr, FileUse us
     return rc;
 }
 
-u32 CSolidStorage::OpenParts(const std::string& path, const char* connStr, FileUse use) {
-    if (u32 rc = m_file.Open(path, connStr, use); rc != RC_OK) {
+ResultCode CSolidStorage::OpenParts(const std::string& path, const char* connStr, FileUse use) {
+    if (ResultCode rc = m_file.Open(path, connStr, use); rc != RC_OK) {
         return rc;
     }
     return m_enum.Init(connStr);
@@ -54,31 +54,31 @@ void CSolidStorage::LeaveToParent() {
     m_file.LeaveToParent();
 }
 
-u32 CSolidStorage::GetLifenum(u32* lifenum) {
+ResultCode CSolidStorage::GetLifenum(u32* lifenum) {
     assert(lifenum != nullptr);
     TFileHeader header;
-    const u32 rc = m_file.ReadHeader(&header);
+    const ResultCode rc = m_file.ReadHeader(&header);
     if (rc == RC_OK) {
         *lifenum = header.lifenum;
     }
     return rc;
 }
 
-u32 CSolidStorage::GetClearOldRev(i64* rev) {
+ResultCode CSolidStorage::GetClearOldRev(i64* rev) {
     assert(rev != nullptr);
     TFileHeader header;
-    const u32 rc = m_file.ReadHeader(&header);
+    const ResultCode rc = m_file.ReadHeader(&header);
     if (rc == RC_OK) {
         *rev = header.clearOldRev;
     }
     return rc;
 }
 
-u32 CSolidStorage::SetLifenum(u32 lifenum) {
+ResultCode CSolidStorage::SetLifenum(u32 lifenum) {
     return m_file.SetLifenum(lifenum);
 }
 
-u32 CSolidStorage::SetClearOldRev(i64 rev) {
+ResultCode CSolidStorage::SetClearOldRev(i64 rev) {
     return m_file.SetClearOldRev(rev);
 }
 
@@ -87,7 +87,8 @@ u32 CSolidStorage::SetWrittenRevisionCallback(K9eReplFlushCb callback, void* con
     return RC_OK;
 }
 
-u32 CSolidStorage::ScanFile(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb, void* ctx) {
+ResultCode CSolidStorage::ScanFile(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb,
+                                   void* ctx) {
     if (recordCb == nullptr || commitCb == nullptr) {
         return RC_INVALID_ARG;
     }
@@ -102,29 +103,30 @@ u32 CSolidStorage::ScanFile(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb co
     return m_owner == nullptr ? run(&call) : m_owner->RunAsCall(run, &call);
 }
 
-u32 CSolidStorage::ScanForHost(const FileScanCallbacks& callbacks) {
+ResultCode CSolidStorage::ScanForHost(const FileScanCallbacks& callbacks) {
     return HostScan(m_file, m_live, m_load).Run(callbacks);
 }
 
-u32 CSolidStorage::ScanFileFrom(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb,
-                                i64 startOffset, void* ctx) {
+ResultCode CSolidStorage::ScanFileFrom(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb,
+                                       i64 startOffset, void* ctx) {
     return m_load.ScanFrom({recordCb, commitCb, ctx}, startOffset);
 }
 
-u32 CSolidStorage::Refresh(bool* goesOn) {
+ResultCode CSolidStorage::Refresh(bool* goesOn) {
     assert(!m_enum.IsRunning());
     return m_live.Refresh(m_load.End(), goesOn);
 }
 
-u32 CSolidStorage::ScanOn(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb, void* ctx) {
+ResultCode CSolidStorage::ScanOn(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb,
+                                 void* ctx) {
     return m_load.ScanOn({recordCb, commitCb, ctx});
 }
 
-u32 CSolidStorage::ReadMarks(u32* lifenum, i64* clearOldRev) {
+ResultCode CSolidStorage::ReadMarks(u32* lifenum, i64* clearOldRev) {
     return m_live.ReadMarks(lifenum, clearOldRev);
 }
 
-u32 CSolidStorage::CheckContent() {
+ResultCode CSolidStorage::CheckContent() {
     return m_live.CheckContent();
 }
 
@@ -132,52 +134,52 @@ void CSolidStorage::KeepTailIfDamaged(TailCare care) {
     m_tail.KeepIfDamaged(care);
 }
 
-u32 CSolidStorage::CheckWhole(i64 loadedFrom) {
+ResultCode CSolidStorage::CheckWhole(i64 loadedFrom) {
     return WholeCheck(m_file, m_live, m_load, m_tail).Run(loadedFrom);
 }
 
-u32 CSolidStorage::EnumFileRecs(const FileEnumRange& range, FileItemVisitor visitor, void* ctx,
-                                bool* completed) {
+ResultCode CSolidStorage::EnumFileRecs(const FileEnumRange& range, FileItemVisitor visitor,
+                                       void* ctx, bool* completed) {
     return m_enum.Run(range, visitor, ctx, completed);
 }
 
-u32 CSolidStorage::ReadFirstCommitInfo(i64* commitRev, bool* hasItems) {
+ResultCode CSolidStorage::ReadFirstCommitInfo(i64* commitRev, bool* hasItems) {
     return k9erepl::ReadFirstCommitInfo(m_file, commitRev, hasItems);
 }
 
-u32 CSolidStorage::CheckRecordAt(i64 rev, i64 offset) {
+ResultCode CSolidStorage::CheckRecordAt(i64 rev, i64 offset) {
     return k9erepl::CheckRecordAt(m_file, rev, offset);
 }
 
-u32 CSolidStorage::FindRevBefore(i64 offset, i64* rev) {
+ResultCode CSolidStorage::FindRevBefore(i64 offset, i64* rev) {
     return k9erepl::FindRevBefore(m_file, offset, rev);
 }
 
-u32 CSolidStorage::RollbackWrites() {
+ResultCode CSolidStorage::RollbackWrites() {
     return m_writes.Rollback();
 }
 
-u32 CSolidStorage::ClearUndone() {
+ResultCode CSolidStorage::ClearUndone() {
     return m_writes.ClearUndone();
 }
 
-u32 CSolidStorage::CompleteAsyncTasks() {
+ResultCode CSolidStorage::CompleteAsyncTasks() {
     return m_file.CompleteAsyncTasks();
 }
 
-u32 CSolidStorage::WaitReleaseBlock() {
+ResultCode CSolidStorage::WaitReleaseBlock() {
     return m_file.HasWriter() ? m_file.Writer().WaitReleaseBlock() : u32{RC_NO_WRITER};
 }
 
-u32 CSolidStorage::SetClearRev(i64 rev) {
+ResultCode CSolidStorage::SetClearRev(i64 rev) {
     return m_clear.SetClearRev(rev);
 }
 
-u32 CSolidStorage::TruncateToClearRev(i64 rev, u32 lifenum, i64 clearOldRev) {
+ResultCode CSolidStorage::TruncateToClearRev(i64 rev, u32 lifenum, i64 clearOldRev) {
     return m_clear.TruncateToClearRev(rev, lifenum, clearOldRev);
 }
 
-u32 CSolidStorage::Squeeze(const SqueezeRequest& request, i64* shift) {
+ResultCode CSolidStorage::Squeeze(const SqueezeRequest& request, i64* shift) {
     assert(shift != nullptr);
     if (!m_file.IsOpen() || !m_file.HasWriter()) {
         return RC_NO_WRITER;
@@ -189,7 +191,7 @@ u32 CSolidStorage::Squeeze(const SqueezeRequest& request, i64* shift) {
     }
 }
 
-u32 CSolidStorage::GetFlushedRev(i64* rev) const {
+ResultCode CSolidStorage::GetFlushedRev(i64* rev) const {
     assert(rev != nullptr);
     if (!m_file.HasWriter() && !IsOpen()) {
         return RC_NO_WRITER;

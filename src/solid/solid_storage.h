@@ -19,6 +19,7 @@
 #include "solid/solid_storage_owner.h"
 #include "solid/squeeze.h"
 #include "solid/storage_file.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -45,8 +46,8 @@ class CSolidStorage final : public IK9eReplLLStorage {
     // file. Errors: RC_SYSTEM_ERROR when another writer has it; RC_ALREADY when a file is open;
     // RC_INVALID_ARG, RC_BAD_SIZE for a refused setting or a file that is no storage;
     // RC_SYSTEM_ERROR; RC_NO_MEMORY. The object then stays closed.
-    [[nodiscard]] u32 Open(const std::string& path, const char* connStr,
-                           FileUse use = FileUse::kWrite);
+    [[nodiscard]] ResultCode Open(const std::string& path, const char* connStr,
+                                  FileUse use = FileUse::kWrite);
     // Writes what is queued and closes the file; without an open file it does nothing. False when
     // the writing thread could not be ended: it still uses the memory blocks and the index entries
     // of what was queued, which must stay allocated for ever. REQUIRES: no enumeration runs.
@@ -61,10 +62,10 @@ class CSolidStorage final : public IK9eReplLLStorage {
 
     // The fields of the header that belong to the client: the life number and the revision mark.
     // The Set functions do not flush to the disk.
-    [[nodiscard]] u32 GetLifenum(u32* lifenum);
-    [[nodiscard]] u32 GetClearOldRev(i64* rev);
-    [[nodiscard]] u32 SetLifenum(u32 lifenum);
-    [[nodiscard]] u32 SetClearOldRev(i64 rev);
+    [[nodiscard]] ResultCode GetLifenum(u32* lifenum);
+    [[nodiscard]] ResultCode GetClearOldRev(i64* rev);
+    [[nodiscard]] ResultCode SetLifenum(u32 lifenum);
+    [[nodiscard]] ResultCode SetClearOldRev(i64 rev);
 
     // The callback is called for each commit block written, with its commitRev, on the thread that
     // writes it; null unsets it. It stays set when the file is closed. Needs no lock; always RC_OK.
@@ -78,8 +79,8 @@ class CSolidStorage final : public IK9eReplLLStorage {
     // and goes up to the write position, because an item behind that belongs to a transaction that
     // was undone. A callback may use the storage. One that loads, squeezes, truncates or clears
     // everything ends the scan with RC_ENUM_STOP, because the items have moved.
-    [[nodiscard]] u32 ScanFile(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb,
-                               void* ctx) override;
+    [[nodiscard]] ResultCode ScanFile(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb,
+                                      void* ctx) override;
 
     // The load scan: checks every item from the file offset `startOffset` on (0, 1024 and 1056:
     // from the file's first commit block), hands the items out, and places the write position
@@ -90,8 +91,8 @@ class CSolidStorage final : public IK9eReplLLStorage {
     // Errors also: RC_SYSTEM_ERROR, RC_NO_MEMORY, RC_SHORT_READ when the system gives fewer bytes
     // than the file has, a callback's result; the write position then stays where it was.
     // REQUIRES: startOffset is 0 or at least 1024.
-    [[nodiscard]] u32 ScanFileFrom(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb,
-                                   i64 startOffset, void* ctx);
+    [[nodiscard]] ResultCode ScanFileFrom(K9eReplScanRecordCb recordCb,
+                                          K9eReplScanCommitCb commitCb, i64 startOffset, void* ctx);
 
     // --- Reading a file that another process writes (live_file.h). REQUIRES: opened read-only.
 
@@ -100,18 +101,19 @@ class CSolidStorage final : public IK9eReplLLStorage {
     // load.
     // Errors: as Open; what was loaded, and the handle on it, stays then.
     // REQUIRES: no enumeration runs.
-    [[nodiscard]] u32 Refresh(bool* goesOn);
+    [[nodiscard]] ResultCode Refresh(bool* goesOn);
     // The load scan from where the last one ended. Arguments and errors: as ScanFileFrom;
     // kContentChanged, too, when the writer started the file over meanwhile or took something back.
     // REQUIRES: Refresh has said that the file goes on.
-    [[nodiscard]] u32 ScanOn(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb, void* ctx);
+    [[nodiscard]] ResultCode ScanOn(K9eReplScanRecordCb recordCb, K9eReplScanCommitCb commitCb,
+                                    void* ctx);
     // Reads the fields of the header that belong to the client, both from one moment.
     // Errors: RC_SYSTEM_ERROR; kContentChanged when they change at every reading.
-    [[nodiscard]] u32 ReadMarks(u32* lifenum, i64* clearOldRev);
+    [[nodiscard]] ResultCode ReadMarks(u32* lifenum, i64* clearOldRev);
     // RC_OK when everything that was read since the load began is the content that was loaded, or
     // when the file is not read-only.
     // Errors: as ContentMark::Check.
-    [[nodiscard]] u32 CheckContent();
+    [[nodiscard]] ResultCode CheckContent();
 
     // To be called when a load has succeeded. If its scan ended at bytes that are not zero, looks
     // behind them for commit blocks that link to each other: these mean damage in the middle of the
@@ -126,7 +128,7 @@ class CSolidStorage final : public IK9eReplLLStorage {
     // Errors: RC_FILE_CORRUPT, logged, for damage in the middle; RC_BAD_DATA when the load's
     // offset, a claim of the index, was no place to begin; RC_SYSTEM_ERROR, RC_NO_MEMORY,
     // RC_SHORT_READ; beside a writer, kContentChanged.
-    [[nodiscard]] u32 CheckWhole(i64 loadedFrom);
+    [[nodiscard]] ResultCode CheckWhole(i64 loadedFrom);
 
     // Hands the committed records of `range` to `visitor`. *completed is false if and only if the
     // visitor stopped the enumeration; its result is then returned. The visitor may use this
@@ -135,17 +137,17 @@ class CSolidStorage final : public IK9eReplLLStorage {
     // it.
     // Errors, logged: RC_BAD_DATA, RC_FILE_CORRUPT, RC_SYSTEM_ERROR, RC_NO_MEMORY.
     // REQUIRES: range.startOffset is 0 or at least 1024.
-    [[nodiscard]] u32 EnumFileRecs(const FileEnumRange& range, FileItemVisitor visitor, void* ctx,
-                                   bool* completed);
+    [[nodiscard]] ResultCode EnumFileRecs(const FileEnumRange& range, FileItemVisitor visitor,
+                                          void* ctx, bool* completed);
 
     // *commitRev receives the commitRev of the file's first commit block, *hasItems whether an item
     // follows it.
     // Errors: RC_NOT_FOUND for a file too short or without that block, RC_SYSTEM_ERROR.
-    [[nodiscard]] u32 ReadFirstCommitInfo(i64* commitRev, bool* hasItems);
+    [[nodiscard]] ResultCode ReadFirstCommitInfo(i64* commitRev, bool* hasItems);
 
     // RC_OK when a record with revision `rev` lies at the file offset `offset`, else RC_NOT_FOUND;
     // RC_SYSTEM_ERROR or RC_SHORT_READ when that could not be read.
-    [[nodiscard]] u32 CheckRecordAt(i64 rev, i64 offset);
+    [[nodiscard]] ResultCode CheckRecordAt(i64 rev, i64 offset);
 
     // *rev receives the revision of the record that ends at the file offset `offset`, or the
     // commitRev of the commit block that ends there: no record before `offset` has a higher one.
@@ -153,7 +155,7 @@ class CSolidStorage final : public IK9eReplLLStorage {
     // Errors: RC_NOT_FOUND when nothing is recognised there; RC_SYSTEM_ERROR, RC_SHORT_READ,
     // RC_NO_MEMORY.
     // REQUIRES: offset is at least 1056.
-    [[nodiscard]] u32 FindRevBefore(i64 offset, i64* rev);
+    [[nodiscard]] ResultCode FindRevBefore(i64 offset, i64* rev);
 
     // --- Writing -----------------------------------------------------------------------------
 
@@ -162,21 +164,21 @@ class CSolidStorage final : public IK9eReplLLStorage {
     bool ForcesFlushes() const { return m_file.State().forceFlush; }
 
     // Remembers the place to which RollbackWrites goes back.
-    [[nodiscard]] u32 BeginTransaction() { return m_writes.BeginTransaction(); }
+    [[nodiscard]] ResultCode BeginTransaction() { return m_writes.BeginTransaction(); }
     // Flushes to the disk, with force_flush, and makes the read buffers forget what they hold.
-    [[nodiscard]] u32 Commit() { return m_writes.Commit(); }
+    [[nodiscard]] ResultCode Commit() { return m_writes.Commit(); }
     // Goes back to BeginTransaction: the bytes written since then are dead, and the next write
     // overwrites them.
-    [[nodiscard]] u32 RollbackWrites();
+    [[nodiscard]] ResultCode RollbackWrites();
     // Zeroes what was rolled back, so that no load serves it; see StorageWriter::ClearUndone.
-    [[nodiscard]] u32 ClearUndone();
+    [[nodiscard]] ResultCode ClearUndone();
 
     // Hands one run of items to the writer. The arguments are those of StorageWriter::Write.
     // Errors: those of the writer; RC_BAD_DATA, logged, when `lastRevision` is below the last
     // flushed revision.
-    [[nodiscard]] u32 WriteItems(u8* data, u32 size, TCommitBlock* commitBlock,
-                                 K9eReplBlock* memoryBlock, i64 lastRevision,
-                                 std::atomic<i64>* filePosition) {
+    [[nodiscard]] ResultCode WriteItems(u8* data, u32 size, TCommitBlock* commitBlock,
+                                        K9eReplBlock* memoryBlock, i64 lastRevision,
+                                        std::atomic<i64>* filePosition) {
         return m_writes.WriteItems(data, size, commitBlock, memoryBlock, lastRevision,
                                    filePosition);
     }
@@ -187,9 +189,9 @@ class CSolidStorage final : public IK9eReplLLStorage {
 
     // Waits until everything queued is written, at most 60 s (RC_TIMEOUT). Nothing is ever queued
     // unless the writer is asynchronous (setting async_mode).
-    [[nodiscard]] u32 CompleteAsyncTasks();
+    [[nodiscard]] ResultCode CompleteAsyncTasks();
     // Waits until some block has no queued write any more, at most 60 s (RC_TIMEOUT).
-    [[nodiscard]] u32 WaitReleaseBlock();
+    [[nodiscard]] ResultCode WaitReleaseBlock();
     // True when the caller is the writer's own thread. Needs no lock.
     bool IsOnWritersThread() const { return m_file.HasWriter() && m_file.Writer().IsOnOwnThread(); }
     // After a failed operation: true when something that was queued may still be written.
@@ -202,13 +204,13 @@ class CSolidStorage final : public IK9eReplLLStorage {
     // higher, are no longer served. With force_flush it is on the disk when this returns, unless
     // the writer is asynchronous, which has only queued it. A failure leaves the clear revision as
     // it was, unless OnWriteToFile has written something behind the block.
-    [[nodiscard]] u32 SetClearRev(i64 rev);
+    [[nodiscard]] ResultCode SetClearRev(i64 rev);
 
     // Starts the file over: without items, with `rev` as its clear revision and commit revision,
     // and with these header fields. If the setting file_initial_size is given, the file on disk
     // gets that length; otherwise its length stays. When this fails, the beginning of the file may
     // be damaged.
-    [[nodiscard]] u32 TruncateToClearRev(i64 rev, u32 lifenum, i64 clearOldRev);
+    [[nodiscard]] ResultCode TruncateToClearRev(i64 rev, u32 lifenum, i64 clearOldRev);
 
     // Copies what is kept into a new file, which takes the old one's place; *shift receives what
     // is to be added to the file offset of every kept item. The new file is made under the name
@@ -218,18 +220,18 @@ class CSolidStorage final : public IK9eReplLLStorage {
     // A failure up to the call of beforeReplace leaves the old file open, perhaps with its clear
     // revision raised; one after it closes the file.
     // REQUIRES: request.commitOffset is the offset of a commit block.
-    [[nodiscard]] u32 Squeeze(const SqueezeRequest& request, i64* shift);
+    [[nodiscard]] ResultCode Squeeze(const SqueezeRequest& request, i64* shift);
 
     // *rev receives the highest committed revision; 0: none.
-    [[nodiscard]] u32 GetFlushedRev(i64* rev) const;
+    [[nodiscard]] ResultCode GetFlushedRev(i64* rev) const;
     // The file's length as last known, in bytes; 0 when closed. Never below the written data.
     i64 FileSize() const { return m_file.FileSize(); }
 
   private:
     // Opens the file and allocates the read buffers. After a failure: Close.
-    [[nodiscard]] u32 OpenParts(const std::string& path, const char* connStr, FileUse use);
+    [[nodiscard]] ResultCode OpenParts(const std::string& path, const char* connStr, FileUse use);
     // ScanFile, under the storage's lock.
-    [[nodiscard]] u32 ScanForHost(const FileScanCallbacks& callbacks);
+    [[nodiscard]] ResultCode ScanForHost(const FileScanCallbacks& callbacks);
 
     SolidStorageOwner* const m_owner;  // may be null
     // Each refers only to those before it.

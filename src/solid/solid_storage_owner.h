@@ -4,6 +4,7 @@
 #define K9EREPL_SOLID_SOLID_STORAGE_OWNER_H
 
 #include "platform/int_types.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -12,7 +13,7 @@ class SolidStorageOwner {
   public:
     // Runs `work` as one call of the storage: under its lock, and so that the storage outlives it.
     // Returns the result of `work`.
-    [[nodiscard]] virtual u32 RunAsCall(u32 (*work)(void* ctx), void* ctx) = 0;
+    [[nodiscard]] virtual ResultCode RunAsCall(u32 (*work)(void* ctx), void* ctx) = 0;
 
   protected:
     ~SolidStorageOwner() = default;

@@ -22,7 +22,7 @@ namespace {
 
 constexpr u32 kCopyPieceSize = 10 * 1024 * 1024;
 
-[[nodiscard]] u32 FlushToDisk(platform::File& file) {
+[[nodiscard]] ResultCode FlushToDisk(platform::File& file) {
     if (!file.FlushToDisk()) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Cannot flush file;sys-err %r",
                        LastSystemError());
@@ -52,24 +52,24 @@ Squeeze::Squeeze(StorageFile& file, FileClear& clear, const SqueezeRequest& requ
     assert(request.copyFrom >= kFirstCommitOffset && request.commitOffset >= kFirstCommitOffset);
 }
 
-u32 Squeeze::Run(i64* shift) {
+ResultCode Squeeze::Run(i64* shift) {
     const u32 startTicks = platform::TickCountMs();
     LOG_INFO(kLogStorage, "Performing file squeeze; rev %I64d", m_request.clearRev);
     // First, so that the old size includes everything queued.
-    if (u32 rc = m_file.CompleteAsyncTasks(); rc != RC_OK) {
+    if (ResultCode rc = m_file.CompleteAsyncTasks(); rc != RC_OK) {
         return rc;
     }
     m_oldDataSize = m_file.Writer().WritePos();
-    if (u32 rc = m_clear.SetClearRev(m_request.clearRev); rc != RC_OK) {
+    if (ResultCode rc = m_clear.SetClearRev(m_request.clearRev); rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to set clear rev to solid storage;rev %I64d",
                        m_request.clearRev);
         return rc;
     }
-    if (u32 rc = CopyAndReplace(); rc != RC_OK) {
+    if (ResultCode rc = CopyAndReplace(); rc != RC_OK) {
         return rc;
     }
     const i64 newDataSize = kFirstItemOffset + m_written;
-    if (u32 rc = m_file.Reopen(m_names.path, newDataSize); rc != RC_OK) {
+    if (ResultCode rc = m_file.Reopen(m_names.path, newDataSize); rc != RC_OK) {
         return rc;
     }
     *shift = kFirstItemOffset - m_request.copyFrom;
@@ -80,29 +80,29 @@ u32 Squeeze::Run(i64* shift) {
 }
 
 // After a failure the temporary file is deleted, unless it has become the storage file.
-u32 Squeeze::CopyAndReplace() {
+ResultCode Squeeze::CopyAndReplace() {
     TFileHeader header;
     TCommitBlock kept;
-    if (u32 rc = FlushAndReadStart(&header, &kept); rc != RC_OK) {
+    if (ResultCode rc = FlushAndReadStart(&header, &kept); rc != RC_OK) {
         return rc;
     }
     if (m_request.keepBackup) {
-        if (u32 rc = CheckOldBackup(); rc != RC_OK) {
+        if (ResultCode rc = CheckOldBackup(); rc != RC_OK) {
             return rc;
         }
     }
     const TCommitBlock first = PredecessorOf(kept, m_request.clearRev);
     TemporaryFile temporary(m_names.temporary);
-    if (u32 rc = FillTemporary(temporary, header, first); rc != RC_OK) {
+    if (ResultCode rc = FillTemporary(temporary, header, first); rc != RC_OK) {
         return rc;
     }
     if (m_request.beforeReplace != nullptr) {
-        if (u32 rc = m_request.beforeReplace(m_request.ctx); rc != RC_OK) {
+        if (ResultCode rc = m_request.beforeReplace(m_request.ctx); rc != RC_OK) {
             return rc;
         }
     }
     bool renamed = false;
-    const u32 rc = Replace(temporary, &renamed);
+    const ResultCode rc = Replace(temporary, &renamed);
     if (renamed) {
         temporary.Release();
     }
@@ -113,16 +113,16 @@ u32 Squeeze::CopyAndReplace() {
     return rc;
 }
 
-u32 Squeeze::FlushAndReadStart(TFileHeader* header, TCommitBlock* commitBlock) {
+ResultCode Squeeze::FlushAndReadStart(TFileHeader* header, TCommitBlock* commitBlock) {
     const i64 commitOffset = m_request.commitOffset;
     platform::TrackedFile& file = m_file.Reader();
-    if (u32 rc = m_file.CompleteAsyncTasks(); rc != RC_OK) {
+    if (ResultCode rc = m_file.CompleteAsyncTasks(); rc != RC_OK) {
         return rc;
     }
-    if (u32 rc = FlushToDisk(file.Raw()); rc != RC_OK) {
+    if (ResultCode rc = FlushToDisk(file.Raw()); rc != RC_OK) {
         return rc;
     }
-    if (u32 rc = m_file.ReadHeader(header); rc != RC_OK) {
+    if (ResultCode rc = m_file.ReadHeader(header); rc != RC_OK) {
         return rc;
     }
     if (!file.Seek(commitOffset)) {
@@ -147,7 +147,7 @@ u32 Squeeze::FlushAndReadStart(TFileHeader* header, TCommitBlock* commitBlock) {
 
 // An older backup is replaced, unless another writer has it open. A backup that is only a second
 // name of the storage file is locked by ourselves.
-u32 Squeeze::CheckOldBackup() {
+ResultCode Squeeze::CheckOldBackup() {
     assert(m_request.keepBackup);
     const std::string& backup = m_names.backup;
     platform::FileIdentity old;
@@ -158,29 +158,29 @@ u32 Squeeze::CheckOldBackup() {
     }
     platform::File file;
     return file.Open(backup.c_str(), {}) ? LockForWriting(file, backup, NoLocks::kSilent)
-                                         : u32{RC_OK};
+                                         : ResultCode{RC_OK};
 }
 
 // Makes the new file, whole and on the disk.
-u32 Squeeze::FillTemporary(TemporaryFile& temporary, const TFileHeader& header,
-                           const TCommitBlock& first) {
-    if (u32 rc = temporary.Create(m_names.path); rc != RC_OK) {
+ResultCode Squeeze::FillTemporary(TemporaryFile& temporary, const TFileHeader& header,
+                                  const TCommitBlock& first) {
+    if (ResultCode rc = temporary.Create(m_names.path); rc != RC_OK) {
         return rc;
     }
     if (m_file.UsesLock()) {
-        if (u32 rc = LockForWriting(temporary.Get(), m_names.temporary, NoLocks::kSilent);
+        if (ResultCode rc = LockForWriting(temporary.Get(), m_names.temporary, NoLocks::kSilent);
             rc != RC_OK) {
             return rc;
         }
     }
     i64 fileSize = m_file.State().fileInitialSize;
-    if (u32 rc = InitNewFile(temporary.Get(), header, first, &fileSize); rc != RC_OK) {
+    if (ResultCode rc = InitNewFile(temporary.Get(), header, first, &fileSize); rc != RC_OK) {
         return rc;
     }
     return CopyKept(temporary.Get());
 }
 
-u32 Squeeze::CopyKept(platform::File& temporary) {
+ResultCode Squeeze::CopyKept(platform::File& temporary) {
     const i64 from = m_request.copyFrom;
     const i64 size = m_file.Writer().WritePos() - from;
     assert(size >= 0 && m_written == 0);
@@ -192,19 +192,19 @@ u32 Squeeze::CopyKept(platform::File& temporary) {
     }
     while (m_written < size) {
         const u32 piece = static_cast<u32>(std::min(size - m_written, i64{kCopyPieceSize}));
-        if (u32 rc = CopyPiece(temporary, buffer.get(), piece); rc != RC_OK) {
+        if (ResultCode rc = CopyPiece(temporary, buffer.get(), piece); rc != RC_OK) {
             return rc;
         }
         LOG_INFO(kLogStorage, "Written %I64d bytes", m_written);
     }
-    if (u32 rc = FlushToDisk(temporary); rc != RC_OK) {
+    if (ResultCode rc = FlushToDisk(temporary); rc != RC_OK) {
         return rc;
     }
     LOG_INFO(kLogStorage, "Copying data to temporary file finished");
     return RC_OK;
 }
 
-u32 Squeeze::CopyPiece(platform::File& temporary, u8* buffer, u32 size) {
+ResultCode Squeeze::CopyPiece(platform::File& temporary, u8* buffer, u32 size) {
     assert(size != 0 && size <= kCopyPieceSize);
     const i64 offset = m_request.copyFrom + m_written;
     platform::TrackedFile& file = m_file.Reader();
@@ -235,13 +235,13 @@ u32 Squeeze::CopyPiece(platform::File& temporary, u8* buffer, u32 size) {
 // which is locked already. Elsewhere nothing may be open while names change: a second writer may
 // come in between, and the moves fail while it has the old file open, or the reopening finds the
 // new one locked.
-u32 Squeeze::Replace(TemporaryFile& temporary, bool* renamed) {
+ResultCode Squeeze::Replace(TemporaryFile& temporary, bool* renamed) {
     assert(!*renamed);
     const bool keepBackup = m_request.keepBackup;
     m_file.ItemsMoved();
     platform::File oldLock = m_file.CloseReader();
     platform::File newLock = temporary.TakeFile();
-    u32 rc = keepBackup ? CutOldFile() : u32{RC_OK};
+    ResultCode rc = keepBackup ? CutOldFile() : ResultCode{RC_OK};
     m_file.Writer().CloseFile();
     if (!platform::kOpenFilesCanBeRenamed || !newLock.IsLocked()) {
         oldLock.Close();
@@ -257,7 +257,7 @@ u32 Squeeze::Replace(TemporaryFile& temporary, bool* renamed) {
 }
 
 // The backup must hold what the file held before the squeeze recorded its clear revision.
-u32 Squeeze::CutOldFile() {
+ResultCode Squeeze::CutOldFile() {
     assert(m_oldDataSize > 0);
     platform::File& file = m_file.Writer().BorrowFile();
     if (!StorageWriter::CutFile(file, m_oldDataSize)) {

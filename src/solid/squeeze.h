@@ -13,6 +13,7 @@
 #include "solid/file_clear.h"
 #include "solid/file_replace.h"
 #include "solid/storage_file.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -38,28 +39,28 @@ class Squeeze {
 
     // See CSolidStorage::Squeeze. To be called once.
     // May throw std::bad_alloc.
-    [[nodiscard]] u32 Run(i64* shift);
+    [[nodiscard]] ResultCode Run(i64* shift);
 
   private:
     // Everything between recording the clear revision in the old file and opening the new one.
-    [[nodiscard]] u32 CopyAndReplace();
+    [[nodiscard]] ResultCode CopyAndReplace();
     // Puts the old file on the disk; *header receives its header, *commitBlock the one at
     // commitOffset.
     // Errors, logged: RC_SYSTEM_ERROR; RC_BAD_DATA when no commit block lies there.
-    [[nodiscard]] u32 FlushAndReadStart(TFileHeader* header, TCommitBlock* commitBlock);
+    [[nodiscard]] ResultCode FlushAndReadStart(TFileHeader* header, TCommitBlock* commitBlock);
     // RC_SYSTEM_ERROR, logged, when another writer has the older backup, which would be replaced.
-    [[nodiscard]] u32 CheckOldBackup();
-    [[nodiscard]] u32 FillTemporary(TemporaryFile& temporary, const TFileHeader& header,
-                                    const TCommitBlock& first);
+    [[nodiscard]] ResultCode CheckOldBackup();
+    [[nodiscard]] ResultCode FillTemporary(TemporaryFile& temporary, const TFileHeader& header,
+                                           const TCommitBlock& first);
     // Copies the items from copyFrom to the write position, and flushes them to the disk.
-    [[nodiscard]] u32 CopyKept(platform::File& temporary);
+    [[nodiscard]] ResultCode CopyKept(platform::File& temporary);
     // Copies the next `size` bytes through `buffer`.
-    [[nodiscard]] u32 CopyPiece(platform::File& temporary, u8* buffer, u32 size);
+    [[nodiscard]] ResultCode CopyPiece(platform::File& temporary, u8* buffer, u32 size);
     // Closes the old file and changes the names. *renamed receives whether the new file has the
     // name.
-    [[nodiscard]] u32 Replace(TemporaryFile& temporary, bool* renamed);
+    [[nodiscard]] ResultCode Replace(TemporaryFile& temporary, bool* renamed);
     // Takes the commit block that the squeeze recorded off the end of the old file.
-    [[nodiscard]] u32 CutOldFile();
+    [[nodiscard]] ResultCode CutOldFile();
 
     StorageFile& m_file;
     FileClear& m_clear;

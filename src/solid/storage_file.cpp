@@ -26,8 +26,8 @@ platform::FileOpenRequest RequestFor(FileUse use, bool writeThrough) {
                                      : platform::FileOpenRequest{.writeThrough = writeThrough};
 }
 
-[[nodiscard]] u32 ReadAtStart(File& file, TFileHeader* header) {
-    if (u32 rc = SeekTo(file, 0); rc != RC_OK) {
+[[nodiscard]] ResultCode ReadAtStart(File& file, TFileHeader* header) {
+    if (ResultCode rc = SeekTo(file, 0); rc != RC_OK) {
         return rc;
     }
     u32 got = 0;
@@ -39,8 +39,8 @@ platform::FileOpenRequest RequestFor(FileUse use, bool writeThrough) {
     return RC_OK;
 }
 
-[[nodiscard]] u32 WriteAtStart(File& file, const TFileHeader& header) {
-    if (u32 rc = SeekTo(file, 0); rc != RC_OK) {
+[[nodiscard]] ResultCode WriteAtStart(File& file, const TFileHeader& header) {
+    if (ResultCode rc = SeekTo(file, 0); rc != RC_OK) {
         return rc;
     }
     u32 put = 0;
@@ -54,9 +54,9 @@ platform::FileOpenRequest RequestFor(FileUse use, bool writeThrough) {
 
 }  // namespace
 
-u32 StorageFile::Open(const std::string& path, const char* connStr, FileUse use) {
+ResultCode StorageFile::Open(const std::string& path, const char* connStr, FileUse use) {
     assert(!IsOpen());
-    if (u32 rc = ReadFileSettings(connStr, &m_state, &m_fileLock); rc != RC_OK) {
+    if (ResultCode rc = ReadFileSettings(connStr, &m_state, &m_fileLock); rc != RC_OK) {
         return rc;
     }
     File file;
@@ -64,12 +64,13 @@ u32 StorageFile::Open(const std::string& path, const char* connStr, FileUse use)
         return OpenAndCheckFile(path, RequestFor(use, m_state.writeThrough), opened);
     };
     m_fileLock = m_fileLock && use == FileUse::kWrite;
-    if (u32 rc = m_fileLock ? OpenForWriting(path, NoLocks::kWarn, open, &file) : open(&file);
+    if (ResultCode rc =
+            m_fileLock ? OpenForWriting(path, NoLocks::kWarn, open, &file) : open(&file);
         rc != RC_OK) {
         return rc;
     }
     i64 size = 0;
-    if (u32 rc = GetSizeOf(file, path, &size); rc != RC_OK) {
+    if (ResultCode rc = GetSizeOf(file, path, &size); rc != RC_OK) {
         return rc;
     }
     m_state.path = path;
@@ -82,7 +83,7 @@ u32 StorageFile::Open(const std::string& path, const char* connStr, FileUse use)
     return MakeWriter(connStr);
 }
 
-u32 StorageFile::MakeWriter(const char* connStr) {
+ResultCode StorageFile::MakeWriter(const char* connStr) {
     assert(m_writer == nullptr);
     try {
         m_writer = CreateStorageWriter(connStr, &m_state);
@@ -133,22 +134,22 @@ i64 StorageFile::FileSize() const {
     return std::max(recorded, m_state.writePos.load(std::memory_order_acquire));
 }
 
-u32 StorageFile::UpdateFileSize(i64* size) {
+ResultCode StorageFile::UpdateFileSize(i64* size) {
     assert(IsOpen() && size != nullptr);
-    if (u32 rc = GetSizeOf(m_file.Raw(), m_state.path, size); rc != RC_OK) {
+    if (ResultCode rc = GetSizeOf(m_file.Raw(), m_state.path, size); rc != RC_OK) {
         return rc;
     }
     m_state.fileSize = *size;
     return RC_OK;
 }
 
-u32 StorageFile::ReadAt(i64 offset, void* buffer, u32 size) {
+ResultCode StorageFile::ReadAt(i64 offset, void* buffer, u32 size) {
     assert(IsOpen() && offset >= 0);
-    if (u32 rc = SeekTo(m_file, offset); rc != RC_OK) {
+    if (ResultCode rc = SeekTo(m_file, offset); rc != RC_OK) {
         return rc;
     }
     u32 got = 0;
-    const u32 rc = ReadWhole(m_file, buffer, size, &got);
+    const ResultCode rc = ReadWhole(m_file, buffer, size, &got);
     if (rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Failed to read block;sys-err %r,offset %I64d",
                        LastSystemError(), offset);
@@ -156,11 +157,11 @@ u32 StorageFile::ReadAt(i64 offset, void* buffer, u32 size) {
     return rc;
 }
 
-u32 StorageFile::CompleteAsyncTasks() {
+ResultCode StorageFile::CompleteAsyncTasks() {
     if (!IsOpen() || m_writer == nullptr) {
         return RC_NO_WRITER;
     }
-    const u32 rc = m_writer->CompleteAsyncTasks();
+    const ResultCode rc = m_writer->CompleteAsyncTasks();
     if (rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage,
                        "Storage writer failed to process wait for finish write operations");
@@ -170,12 +171,12 @@ u32 StorageFile::CompleteAsyncTasks() {
 
 // Runs `action` on the file with the writer at rest, and puts the file pointer back afterwards.
 template <typename Action>
-u32 StorageFile::WithHeaderPosition(Action action) {
+ResultCode StorageFile::WithHeaderPosition(Action action) {
     if (!IsOpen()) {
         return RC_NO_WRITER;
     }
     if (m_writer != nullptr) {
-        if (u32 rc = CompleteAsyncTasks(); rc != RC_OK) {
+        if (ResultCode rc = CompleteAsyncTasks(); rc != RC_OK) {
             return rc;
         }
     }
@@ -188,27 +189,27 @@ u32 StorageFile::WithHeaderPosition(Action action) {
     }
     assert(m_file.Position() == platform::TrackedFile::kUnknownPosition ||
            m_file.Position() == before);
-    const u32 rc = action(file);
-    const u32 seekRc = SeekTo(file, before);
+    const ResultCode rc = action(file);
+    const ResultCode seekRc = SeekTo(file, before);
     if (seekRc != RC_OK) {
         m_file.Forget();
     }
     return rc != RC_OK ? rc : seekRc;
 }
 
-u32 StorageFile::ReadHeader(TFileHeader* header) {
+ResultCode StorageFile::ReadHeader(TFileHeader* header) {
     assert(header != nullptr);
     return WithHeaderPosition([&](File& file) { return ReadAtStart(file, header); });
 }
 
 template <typename Change>
-u32 StorageFile::UpdateHeader(Change change) {
+ResultCode StorageFile::UpdateHeader(Change change) {
     if (m_writer == nullptr) {
         return RC_NO_WRITER;
     }
     return WithHeaderPosition([&](File& file) {
         TFileHeader header;
-        if (u32 rc = ReadAtStart(file, &header); rc != RC_OK) {
+        if (ResultCode rc = ReadAtStart(file, &header); rc != RC_OK) {
             return rc;
         }
         change(header);
@@ -216,11 +217,11 @@ u32 StorageFile::UpdateHeader(Change change) {
     });
 }
 
-u32 StorageFile::SetLifenum(u32 lifenum) {
+ResultCode StorageFile::SetLifenum(u32 lifenum) {
     return UpdateHeader([=](TFileHeader& header) { header.lifenum = lifenum; });
 }
 
-u32 StorageFile::SetClearOldRev(i64 rev) {
+ResultCode StorageFile::SetClearOldRev(i64 rev) {
     return UpdateHeader([=](TFileHeader& header) { header.clearOldRev = rev; });
 }
 
@@ -231,9 +232,9 @@ File StorageFile::CloseReader() {
     return locked;
 }
 
-u32 StorageFile::Reopen(const std::string& path, i64 writePos) {
+ResultCode StorageFile::Reopen(const std::string& path, i64 writePos) {
     assert(!IsOpen() && HasWriter());
-    const u32 rc = OpenHandles(path, writePos);
+    const ResultCode rc = OpenHandles(path, writePos);
     if (rc != RC_OK) {
         m_file.Close();
         m_lockHolder.Close();
@@ -242,28 +243,28 @@ u32 StorageFile::Reopen(const std::string& path, i64 writePos) {
     return rc;
 }
 
-u32 StorageFile::OpenHandles(const std::string& path, i64 writePos) {
+ResultCode StorageFile::OpenHandles(const std::string& path, i64 writePos) {
     assert(writePos >= kFirstItemOffset);
     File opened;
-    if (u32 rc = OpenAndCheckFile(path, {.writeThrough = m_state.writeThrough}, &opened);
+    if (ResultCode rc = OpenAndCheckFile(path, {.writeThrough = m_state.writeThrough}, &opened);
         rc != RC_OK) {
         return rc;
     }
     m_file = platform::TrackedFile(std::move(opened), kFileHeaderSize);
     if (m_fileLock && !m_lockHolder.IsOpen()) {
-        if (u32 rc = LockForWriting(m_file.Raw(), path, NoLocks::kSilent); rc != RC_OK) {
+        if (ResultCode rc = LockForWriting(m_file.Raw(), path, NoLocks::kSilent); rc != RC_OK) {
             return rc;
         }
     }
     i64 size = 0;
-    if (u32 rc = GetSizeOf(m_file.Raw(), path, &size); rc != RC_OK) {
+    if (ResultCode rc = GetSizeOf(m_file.Raw(), path, &size); rc != RC_OK) {
         return rc;
     }
     m_state.fileSize = size;
-    if (u32 rc = m_writer->ReopenFile(path, m_state.writeThrough); rc != RC_OK) {
+    if (ResultCode rc = m_writer->ReopenFile(path, m_state.writeThrough); rc != RC_OK) {
         return rc;
     }
-    if (u32 rc = m_writer->SetWritePos(writePos, true); rc != RC_OK) {
+    if (ResultCode rc = m_writer->SetWritePos(writePos, true); rc != RC_OK) {
         return rc;
     }
     InvalidateReads();

@@ -15,6 +15,7 @@
 #include "platform/file.h"
 #include "platform/int_types.h"
 #include "platform/tracked_file.h"
+#include "support/result.h"
 #include "writers/storage_file_state.h"
 #include "writers/storage_writer.h"
 
@@ -41,7 +42,7 @@ class StorageFile {
     // --- Life. As the functions of CSolidStorage with these names; may throw std::bad_alloc.
 
     // REQUIRES: no file is open. After a failure: Close.
-    [[nodiscard]] u32 Open(const std::string& path, const char* connStr, FileUse use);
+    [[nodiscard]] ResultCode Open(const std::string& path, const char* connStr, FileUse use);
     // False when the writing thread could not be ended: the writer and the state then stay
     // allocated.
     [[nodiscard]] bool Close();
@@ -70,15 +71,15 @@ class StorageFile {
     i64 FileSize() const;
     // Asks the system for the length in bytes, and makes that the length last known.
     // REQUIRES: the file is open.
-    [[nodiscard]] u32 UpdateFileSize(i64* size);
+    [[nodiscard]] ResultCode UpdateFileSize(i64* size);
 
     // Reads `size` bytes at the file offset `offset`.
     // Errors, logged: RC_SHORT_READ when the file ends before, RC_SYSTEM_ERROR.
     // REQUIRES: the file is open; offset is not negative.
-    [[nodiscard]] u32 ReadAt(i64 offset, void* buffer, u32 size);
+    [[nodiscard]] ResultCode ReadAt(i64 offset, void* buffer, u32 size);
 
     // Waits until everything queued is written. RC_NO_WRITER also when the file is read-only.
-    [[nodiscard]] u32 CompleteAsyncTasks();
+    [[nodiscard]] ResultCode CompleteAsyncTasks();
 
     // To be called when bytes of the file may have changed: what was read before must not be used
     // any more.
@@ -105,9 +106,9 @@ class StorageFile {
     // --- The header. It is read whole, changed and written back whole, so its reserved bytes stay
     // as they are. Everything queued is written before; the file pointer is put back.
 
-    [[nodiscard]] u32 ReadHeader(TFileHeader* header);
-    [[nodiscard]] u32 SetLifenum(u32 lifenum);
-    [[nodiscard]] u32 SetClearOldRev(i64 rev);
+    [[nodiscard]] ResultCode ReadHeader(TFileHeader* header);
+    [[nodiscard]] ResultCode SetLifenum(u32 lifenum);
+    [[nodiscard]] ResultCode SetClearOldRev(i64 rev);
 
     // --- Another file in this one's place, for the squeeze
 
@@ -121,7 +122,7 @@ class StorageFile {
     void HoldLock(platform::File&& holder) { m_lockHolder = std::move(holder); }
     // Opens the file that `path` leads to now, with its written data ending at `writePos`. After a
     // failure every handle is closed.
-    [[nodiscard]] u32 Reopen(const std::string& path, i64 writePos);
+    [[nodiscard]] ResultCode Reopen(const std::string& path, i64 writePos);
 
     // --- Another reading handle on the same path, beside a writer
 
@@ -131,15 +132,15 @@ class StorageFile {
 
   private:
     // Makes the writer that the settings of `connStr` ask for.
-    [[nodiscard]] u32 MakeWriter(const char* connStr);
+    [[nodiscard]] ResultCode MakeWriter(const char* connStr);
     // The steps of Reopen; leaves open what it has opened when it fails.
-    [[nodiscard]] u32 OpenHandles(const std::string& path, i64 writePos);
+    [[nodiscard]] ResultCode OpenHandles(const std::string& path, i64 writePos);
     // Reads the header, lets `change` change it, and writes it back.
     template <typename Change>
-    [[nodiscard]] u32 UpdateHeader(Change change);
+    [[nodiscard]] ResultCode UpdateHeader(Change change);
     // Runs `action` on the file while nothing is being written, and puts the file pointer back.
     template <typename Action>
-    [[nodiscard]] u32 WithHeaderPosition(Action action);
+    [[nodiscard]] ResultCode WithHeaderPosition(Action action);
 
     // Never null, unless the state was given up to a writing thread that could not be ended.
     std::unique_ptr<StorageFileState> m_ownState = std::make_unique<StorageFileState>();

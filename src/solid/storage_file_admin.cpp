@@ -26,9 +26,9 @@ using platform::LastSystemError;
 
 namespace {
 
-[[nodiscard]] u32 GetPath(const char* connStr, std::string* path) {
+[[nodiscard]] ResultCode GetPath(const char* connStr, std::string* path) {
     GetParam(connStr, "file", *path);
-    u32 rc = RC_OK;
+    ResultCode rc = RC_OK;
     if (path->empty()) {
         rc = RC_INVALID_ARG;
     } else if (path->size() >= kMaxPathSize) {
@@ -56,7 +56,7 @@ bool OpenUnlessThere(const std::string& path, u32 flags, File* file, bool* exist
     return OpenAs(path, FileDisposition::kCreateNew, file);
 }
 
-[[nodiscard]] u32 CannotCreate(const std::string& path) {
+[[nodiscard]] ResultCode CannotCreate(const std::string& path) {
     LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Failed to create file '%s';sys-err %r",
                    path.c_str(), LastSystemError());
     return RC_SYSTEM_ERROR;
@@ -64,8 +64,9 @@ bool OpenUnlessThere(const std::string& path, u32 flags, File* file, bool* exist
 
 // Empties the file or makes it, and has its index file deleted. A file that another writer has is
 // left as it is.
-[[nodiscard]] u32 OpenToReplace(const char* connStr, IndexRemover removeIndex,
-                                const std::string& path, bool lock, File* file, bool* existed) {
+[[nodiscard]] ResultCode OpenToReplace(const char* connStr, IndexRemover removeIndex,
+                                       const std::string& path, bool lock, File* file,
+                                       bool* existed) {
     bool opened = false;
     const auto open = [&](File* found) {
         opened = OpenUnlessThere(path, K9EREPL_CREATE_KEEP_EXISTING, found, existed);
@@ -73,9 +74,9 @@ bool OpenUnlessThere(const std::string& path, u32 flags, File* file, bool* exist
             // The file appeared after the first try.
             *existed = opened = OpenAs(path, FileDisposition::kOpenExisting, found);
         }
-        return opened ? u32{RC_OK} : u32{RC_SYSTEM_ERROR};
+        return opened ? ResultCode{RC_OK} : u32{RC_SYSTEM_ERROR};
     };
-    const u32 rc = lock ? OpenForWriting(path, NoLocks::kSilent, open, file) : open(file);
+    const ResultCode rc = lock ? OpenForWriting(path, NoLocks::kSilent, open, file) : open(file);
     if (rc != RC_OK && opened) {
         return rc;
     }
@@ -83,7 +84,7 @@ bool OpenUnlessThere(const std::string& path, u32 flags, File* file, bool* exist
     const platform::SystemError error = LastSystemError();
     removeIndex(connStr);
     platform::SetLastSystemError(error);
-    return emptied ? u32{RC_OK} : CannotCreate(path);
+    return emptied ? ResultCode{RC_OK} : CannotCreate(path);
 }
 
 bool Replaces(u32 flags) {
@@ -92,9 +93,9 @@ bool Replaces(u32 flags) {
 }
 
 // Opens the file as the flags say and locks it; one that is to be replaced is empty then.
-[[nodiscard]] u32 OpenToCreate(const char* connStr, IndexRemover removeIndex,
-                               const std::string& path, u32 flags, bool lock, File* file,
-                               bool* existed) {
+[[nodiscard]] ResultCode OpenToCreate(const char* connStr, IndexRemover removeIndex,
+                                      const std::string& path, u32 flags, bool lock, File* file,
+                                      bool* existed) {
     assert(!file->IsOpen());
     if (Replaces(flags)) {
         return OpenToReplace(connStr, removeIndex, path, lock, file, existed);
@@ -102,11 +103,11 @@ bool Replaces(u32 flags) {
     if (!OpenUnlessThere(path, flags, file, existed)) {
         return CannotCreate(path);
     }
-    return *existed || !lock ? u32{RC_OK} : LockForWriting(*file, path, NoLocks::kSilent);
+    return *existed || !lock ? ResultCode{RC_OK} : LockForWriting(*file, path, NoLocks::kSilent);
 }
 
-[[nodiscard]] u32 WriteFirstBytes(File& file, const TFileHeader& header,
-                                  const TCommitBlock& firstCommit) {
+[[nodiscard]] ResultCode WriteFirstBytes(File& file, const TFileHeader& header,
+                                         const TCommitBlock& firstCommit) {
     assert(firstCommit.signature == kCommitSignature);
     const platform::MemoryBuffer bytes = platform::AllocBuffer(kNewFileSize);
     if (bytes == nullptr) {
@@ -161,8 +162,8 @@ class UnfinishedFile {
 };
 
 // Makes the empty file a storage, on the disk under its name.
-[[nodiscard]] u32 FillNewFile(const char* connStr, const std::string& path,
-                              const std::string& target, File& file) {
+[[nodiscard]] ResultCode FillNewFile(const char* connStr, const std::string& path,
+                                     const std::string& target, File& file) {
     assert(file.IsOpen() && !path.empty());
     bool given = false;
     i64 initialSize = GetMebibytesParam(connStr, "file_initial_size", &given);
@@ -170,7 +171,8 @@ class UnfinishedFile {
         LOG_INFO(kLogStorage, "Use %s %I64d", "file_initial_size", initialSize);
     }
     const TCommitBlock firstCommit = NewCommitBlock(platform::TimeStampCounter(), 0);
-    if (u32 rc = InitNewFile(file, NewFileHeader(), firstCommit, &initialSize); rc != RC_OK) {
+    if (ResultCode rc = InitNewFile(file, NewFileHeader(), firstCommit, &initialSize);
+        rc != RC_OK) {
         return rc;
     }
     // Without a durable name the durable bytes would be lost in a crash.
@@ -183,7 +185,7 @@ class UnfinishedFile {
     return RC_OK;
 }
 
-[[nodiscard]] u32 CheckHeader(const TFileHeader& header, const std::string& path) {
+[[nodiscard]] ResultCode CheckHeader(const TFileHeader& header, const std::string& path) {
     if (std::memcmp(header.signature, kHeaderSignature, kHeaderSignatureSize) != 0) {
         LOG_ERROR_CODE(RC_INVALID_ARG, kLogStorage, "Wrong file signature, file path %s",
                        path.c_str());
@@ -198,15 +200,15 @@ class UnfinishedFile {
     return RC_OK;
 }
 
-[[nodiscard]] u32 LockToDelete(const std::string& path, File* file) {
+[[nodiscard]] ResultCode LockToDelete(const std::string& path, File* file) {
     bool opened = false;
     const auto open = [&](File* found) {
         opened = OpenAs(path, FileDisposition::kOpenExisting, found);
-        return opened ? u32{RC_OK} : u32{RC_SYSTEM_ERROR};
+        return opened ? ResultCode{RC_OK} : u32{RC_SYSTEM_ERROR};
     };
-    const u32 rc = OpenForWriting(path, NoLocks::kSilent, open, file);
+    const ResultCode rc = OpenForWriting(path, NoLocks::kSilent, open, file);
     // A file that cannot be opened for writing has no lock that we could ask for.
-    return opened ? rc : u32{RC_OK};
+    return opened ? rc : ResultCode{RC_OK};
 }
 
 }  // namespace
@@ -218,13 +220,13 @@ i64 GetMebibytesParam(const char* connStr, const char* key, bool* given) {
     return i64{mebibytes} * 1024 * 1024;
 }
 
-u32 InitNewFile(File& file, const TFileHeader& header, const TCommitBlock& firstCommit,
-                i64* initialSize) {
+ResultCode InitNewFile(File& file, const TFileHeader& header, const TCommitBlock& firstCommit,
+                       i64* initialSize) {
     assert(file.IsOpen() && initialSize != nullptr);
-    if (u32 rc = SeekTo(file, 0); rc != RC_OK) {
+    if (ResultCode rc = SeekTo(file, 0); rc != RC_OK) {
         return rc;
     }
-    if (u32 rc = WriteFirstBytes(file, header, firstCommit); rc != RC_OK) {
+    if (ResultCode rc = WriteFirstBytes(file, header, firstCommit); rc != RC_OK) {
         return rc;
     }
     if (*initialSize > kNewFileSize) {
@@ -237,7 +239,7 @@ u32 InitNewFile(File& file, const TFileHeader& header, const TCommitBlock& first
     } else {
         *initialSize = kNewFileSize;
     }
-    if (u32 rc = SeekTo(file, kFirstItemOffset); rc != RC_OK) {
+    if (ResultCode rc = SeekTo(file, kFirstItemOffset); rc != RC_OK) {
         return rc;
     }
     if (!file.FlushToDisk()) {
@@ -248,20 +250,20 @@ u32 InitNewFile(File& file, const TFileHeader& header, const TCommitBlock& first
     return RC_OK;
 }
 
-u32 CreateStorageFile(const char* connStr, u32 flags, IndexRemover removeIndex) {
+ResultCode CreateStorageFile(const char* connStr, u32 flags, IndexRemover removeIndex) {
     assert(removeIndex != nullptr);
     std::string path;
-    if (u32 rc = GetPath(connStr, &path); rc != RC_OK) {
+    if (ResultCode rc = GetPath(connStr, &path); rc != RC_OK) {
         return rc;
     }
     if (IsMemoryPath(path)) {
         return RC_OK;
     }
-    if (u32 rc = CheckStorageNames(connStr); rc != RC_OK) {
+    if (ResultCode rc = CheckStorageNames(connStr); rc != RC_OK) {
         return rc;
     }
     bool lock = true;
-    if (u32 rc = ReadFileLock(connStr, &lock); rc != RC_OK) {
+    if (ResultCode rc = ReadFileLock(connStr, &lock); rc != RC_OK) {
         return rc;
     }
     // Dropped: if a directory could not be made, opening the file fails and says so.
@@ -269,24 +271,24 @@ u32 CreateStorageFile(const char* connStr, u32 flags, IndexRemover removeIndex) 
     const std::string target = platform::FollowLink(path);
     File file;
     bool existed = false;
-    if (u32 rc = OpenToCreate(connStr, removeIndex, path, flags, lock, &file, &existed);
+    if (ResultCode rc = OpenToCreate(connStr, removeIndex, path, flags, lock, &file, &existed);
         rc != RC_OK) {
         return rc;
     }
     if (existed) {
-        return Replaces(flags) ? FillNewFile(connStr, path, target, file) : u32{RC_OK};
+        return Replaces(flags) ? FillNewFile(connStr, path, target, file) : ResultCode{RC_OK};
     }
     UnfinishedFile unfinished(file, target);
-    const u32 rc = FillNewFile(connStr, path, target, file);
+    const ResultCode rc = FillNewFile(connStr, path, target, file);
     if (rc == RC_OK) {
         unfinished.Finish();
     }
     return rc;
 }
 
-u32 DeleteStorageFile(const char* connStr) {
+ResultCode DeleteStorageFile(const char* connStr) {
     std::string path;
-    if (u32 rc = GetPath(connStr, &path); rc != RC_OK) {
+    if (ResultCode rc = GetPath(connStr, &path); rc != RC_OK) {
         return rc;
     }
     if (IsMemoryPath(path)) {
@@ -302,20 +304,20 @@ u32 DeleteStorageFile(const char* connStr) {
     return RC_OK;
 }
 
-u32 DeleteStorage(const char* connStr, IndexRemover removeIndex) {
+ResultCode DeleteStorage(const char* connStr, IndexRemover removeIndex) {
     assert(removeIndex != nullptr);
-    if (u32 rc = CheckStorageNames(connStr); rc != RC_OK) {
+    if (ResultCode rc = CheckStorageNames(connStr); rc != RC_OK) {
         return rc;
     }
     std::string path;
     GetParam(connStr, "file", path);
     bool lock = true;
-    if (u32 rc = ReadFileLock(connStr, &lock); rc != RC_OK) {
+    if (ResultCode rc = ReadFileLock(connStr, &lock); rc != RC_OK) {
         return rc;
     }
     File file;
     if (lock && !IsMemoryPath(path)) {
-        if (u32 rc = LockToDelete(path, &file); rc != RC_OK) {
+        if (ResultCode rc = LockToDelete(path, &file); rc != RC_OK) {
             return rc;
         }
     }
@@ -326,8 +328,8 @@ u32 DeleteStorage(const char* connStr, IndexRemover removeIndex) {
     return DeleteStorageFile(connStr);
 }
 
-u32 OpenAndCheckFile(const std::string& path, const platform::FileOpenRequest& request,
-                     File* file) {
+ResultCode OpenAndCheckFile(const std::string& path, const platform::FileOpenRequest& request,
+                            File* file) {
     assert(file != nullptr);
     File opened;
     if (!opened.Open(path.c_str(), request)) {
@@ -350,7 +352,7 @@ u32 OpenAndCheckFile(const std::string& path, const platform::FileOpenRequest& r
                        LastSystemError());
         return RC_SYSTEM_ERROR;
     }
-    if (u32 rc = CheckHeader(header, path); rc != RC_OK) {
+    if (ResultCode rc = CheckHeader(header, path); rc != RC_OK) {
         return rc;
     }
     *file = std::move(opened);

@@ -11,6 +11,7 @@
 #include "format/storage_file_format.h"
 #include "platform/file.h"
 #include "platform/int_types.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -29,17 +30,18 @@ using IndexRemover = void (*)(const char* connStr);
 // be replaced, which then stays. A file that this call has made and could not complete is deleted
 // again. One that was there before and was to be replaced stays, empty or begun.
 // May throw std::bad_alloc, like all functions here.
-[[nodiscard]] u32 CreateStorageFile(const char* connStr, u32 flags, IndexRemover removeIndex);
+[[nodiscard]] ResultCode CreateStorageFile(const char* connStr, u32 flags,
+                                           IndexRemover removeIndex);
 
 // Deletes the storage that `connStr` names: its index file first, then its storage file.
 // Errors, logged: as DeleteStorageFile and CheckStorageNames; RC_INVALID_ARG for a refused
 // file_lock; RC_SYSTEM_ERROR, with nothing deleted, while a writer has the file.
-[[nodiscard]] u32 DeleteStorage(const char* connStr, IndexRemover removeIndex);
+[[nodiscard]] ResultCode DeleteStorage(const char* connStr, IndexRemover removeIndex);
 // Deletes the file that `connStr` names, whoever has it open. For ":memory:" there is nothing to
 // do.
 // Errors, logged: RC_INVALID_ARG without "file", RC_PATH_TOO_LONG; RC_SYSTEM_ERROR, also for a
 // missing file.
-[[nodiscard]] u32 DeleteStorageFile(const char* connStr);
+[[nodiscard]] ResultCode DeleteStorageFile(const char* connStr);
 
 // How a reader opens a file so that it hinders nobody: a writer can do with the file and its name
 // whatever it could do alone.
@@ -49,15 +51,16 @@ inline constexpr platform::FileOpenRequest kReadOnlyRequest = {
 // Opens an existing storage file as `request` says, and checks its signature and version. *file is
 // then at offset 1024; it is not touched after a failure.
 // Errors, logged: RC_SYSTEM_ERROR; RC_INVALID_ARG for a file that is no storage of this version.
-[[nodiscard]] u32 OpenAndCheckFile(const std::string& path,
-                                   const platform::FileOpenRequest& request, platform::File* file);
+[[nodiscard]] ResultCode OpenAndCheckFile(const std::string& path,
+                                          const platform::FileOpenRequest& request,
+                                          platform::File* file);
 
 // Writes the first 1064 bytes, and makes the file *initialSize bytes long when that is more;
 // otherwise *initialSize becomes 1064 and a longer file keeps its length. Leaves the file pointer
 // at the first item and flushes to the disk.
 // Errors, logged: RC_NO_MEMORY, RC_SYSTEM_ERROR; the file's content is then undefined.
-[[nodiscard]] u32 InitNewFile(platform::File& file, const TFileHeader& header,
-                              const TCommitBlock& firstCommit, i64* initialSize);
+[[nodiscard]] ResultCode InitNewFile(platform::File& file, const TFileHeader& header,
+                                     const TCommitBlock& firstCommit, i64* initialSize);
 
 // The setting `key`, a number of MiB, in bytes; 0 when it is absent. May be negative. *given
 // receives whether the setting was there.

@@ -15,7 +15,7 @@
 
 namespace k9erepl {
 
-u32 CheckStorageNames(const char* connStr) {
+ResultCode CheckStorageNames(const char* connStr) {
     assert(connStr != nullptr);
     std::string path;
     GetParam(connStr, "file", path);

@@ -4,6 +4,7 @@
 #define K9EREPL_SOLID_STORAGE_NAMES_H
 
 #include "platform/int_types.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -13,7 +14,7 @@ namespace k9erepl {
 // or no index file.
 // Errors, logged with both paths: RC_INVALID_ARG.
 // May throw std::bad_alloc.
-[[nodiscard]] u32 CheckStorageNames(const char* connStr);
+[[nodiscard]] ResultCode CheckStorageNames(const char* connStr);
 
 }  // namespace k9erepl
 

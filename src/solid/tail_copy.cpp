@@ -32,14 +32,14 @@ struct Tail {
 
     // Hands each piece to `action`, which says whether to go on.
     template <typename Action>
-    [[nodiscard]] u32 ForEachPiece(Action action) {
-        if (u32 rc = SeekTo(source, from); rc != RC_OK) {
+    [[nodiscard]] ResultCode ForEachPiece(Action action) {
+        if (ResultCode rc = SeekTo(source, from); rc != RC_OK) {
             return rc;
         }
         for (i64 done = 0; done < size;) {
             const auto length = static_cast<u32>(std::min(size - done, i64{kPieceSize}));
             u32 got = 0;
-            if (u32 rc = ReadWhole(source, piece.get(), length, &got); rc != RC_OK) {
+            if (ResultCode rc = ReadWhole(source, piece.get(), length, &got); rc != RC_OK) {
                 return rc;
             }
             if (!action(length)) {
@@ -54,7 +54,7 @@ struct Tail {
 enum class Occupied { kFree, kSameBytes, kOtherBytes };
 
 // A file we cannot read is not ours: keep it and try the next name.
-[[nodiscard]] u32 LookAt(const std::string& name, Tail& tail, Occupied* occupied) {
+[[nodiscard]] ResultCode LookAt(const std::string& name, Tail& tail, Occupied* occupied) {
     assert(tail.piece != nullptr && tail.other != nullptr);
     File file;
     i64 size = 0;
@@ -69,7 +69,7 @@ enum class Occupied { kFree, kSameBytes, kOtherBytes };
         return RC_OK;
     }
     bool same = true;
-    const u32 rc = tail.ForEachPiece([&](u32 length) {
+    const ResultCode rc = tail.ForEachPiece([&](u32 length) {
         u32 got = 0;
         same = ReadWhole(file, tail.other.get(), length, &got) == RC_OK &&
                std::memcmp(tail.piece.get(), tail.other.get(), length) == 0;
@@ -79,10 +79,10 @@ enum class Occupied { kFree, kSameBytes, kOtherBytes };
     return rc;
 }
 
-[[nodiscard]] u32 CopyTo(File& copy, Tail& tail) {
+[[nodiscard]] ResultCode CopyTo(File& copy, Tail& tail) {
     assert(copy.IsOpen());
     bool written = true;
-    const u32 rc = tail.ForEachPiece([&](u32 length) {
+    const ResultCode rc = tail.ForEachPiece([&](u32 length) {
         u32 put = 0;
         written = copy.Write(tail.piece.get(), length, &put);
         return written;
@@ -93,15 +93,16 @@ enum class Occupied { kFree, kSameBytes, kOtherBytes };
     return written && copy.FlushToDisk() ? RC_OK : RC_SYSTEM_ERROR;
 }
 
-[[nodiscard]] u32 CopyUnder(const std::string& name, const std::string& storagePath, Tail& tail) {
+[[nodiscard]] ResultCode CopyUnder(const std::string& name, const std::string& storagePath,
+                                   Tail& tail) {
     const std::string temporaryName = storagePath + ".damaged-tail.temporary";
     // Dropped: a process that ended half-way may have left one. If it stays, Create fails.
     (void)platform::RemoveFile(temporaryName);
     TemporaryFile temporary(temporaryName);
-    if (u32 rc = temporary.Create(storagePath); rc != RC_OK) {
+    if (ResultCode rc = temporary.Create(storagePath); rc != RC_OK) {
         return rc;
     }
-    if (u32 rc = CopyTo(temporary.Get(), tail); rc != RC_OK) {
+    if (ResultCode rc = CopyTo(temporary.Get(), tail); rc != RC_OK) {
         return rc;
     }
     temporary.Close();
@@ -117,14 +118,14 @@ enum class Occupied { kFree, kSameBytes, kOtherBytes };
     return RC_OK;
 }
 
-[[nodiscard]] u32 KeepUnderFreeName(const std::string& storagePath, Tail& tail) {
+[[nodiscard]] ResultCode KeepUnderFreeName(const std::string& storagePath, Tail& tail) {
     if (tail.piece == nullptr || tail.other == nullptr) {
         return RC_NO_MEMORY;
     }
     for (u32 number = 0; number < kDamagedTailsMost; ++number) {
         const std::string name = DamagedTailName(storagePath, number);
         Occupied occupied = Occupied::kFree;
-        if (u32 rc = LookAt(name, tail, &occupied); rc != RC_OK) {
+        if (ResultCode rc = LookAt(name, tail, &occupied); rc != RC_OK) {
             return rc;
         }
         if (occupied == Occupied::kSameBytes) {
@@ -148,12 +149,12 @@ std::string DamagedTailName(const std::string& path, u32 number) {
     return number == 0 ? name : name + "." + std::to_string(number);
 }
 
-u32 KeepDamagedTail(File& source, const std::string& storagePath, i64 from) {
+ResultCode KeepDamagedTail(File& source, const std::string& storagePath, i64 from) {
     assert(source.IsOpen() && from >= 0);
     const std::string path = platform::FollowLink(storagePath);
     Tail tail{.source = source, .from = from, .size = 0};
     i64 fileSize = 0;
-    u32 rc = RC_SYSTEM_ERROR;
+    ResultCode rc = RC_SYSTEM_ERROR;
     if (source.GetSize(&fileSize)) {
         tail.size = fileSize - from;
         rc = KeepUnderFreeName(path, tail);

@@ -7,6 +7,7 @@
 
 #include "platform/file.h"
 #include "platform/int_types.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -23,7 +24,8 @@ std::string DamagedTailName(const std::string& path, u32 number);
 // link. Moves the pointer of `source`.
 // Errors, logged: RC_SYSTEM_ERROR, also when all names are taken; RC_SHORT_READ, RC_NO_MEMORY.
 // May throw std::bad_alloc.
-[[nodiscard]] u32 KeepDamagedTail(platform::File& source, const std::string& storagePath, i64 from);
+[[nodiscard]] ResultCode KeepDamagedTail(platform::File& source, const std::string& storagePath,
+                                         i64 from);
 
 }  // namespace k9erepl
 

@@ -9,14 +9,14 @@ namespace k9erepl {
 
 // An index may have led the load past damage, or to bytes in some record's data that look like
 // items: then the two scans end at different commit blocks.
-u32 WholeCheck::Run(i64 loadedFrom) {
+ResultCode WholeCheck::Run(i64 loadedFrom) {
     assert(loadedFrom == 0 || loadedFrom >= kFirstCommitOffset);
     assert(m_load.End().commitFound);
     const FileScan::Result& loaded = m_load.End();
     LOG_INFO(kLogStorage, "Checking the whole storage file;file path '%s'", m_file.Path().c_str());
     FileScan::Result whole = loaded;
     if (LoadScan::IsHint(loadedFrom)) {
-        if (u32 rc = ScanWhole(&whole); rc != RC_OK) {
+        if (ResultCode rc = ScanWhole(&whole); rc != RC_OK) {
             return rc;
         }
     }
@@ -28,7 +28,7 @@ u32 WholeCheck::Run(i64 loadedFrom) {
         return RC_BAD_DATA;
     }
     bool damaged = false;
-    if (u32 rc = m_tail.LookBehind(whole, &damaged); rc != RC_OK) {
+    if (ResultCode rc = m_tail.LookBehind(whole, &damaged); rc != RC_OK) {
         return rc;
     }
     // Beside a writer, a squeeze may have cut off the commit block of its clear. The one that
@@ -48,13 +48,13 @@ u32 WholeCheck::Run(i64 loadedFrom) {
     return RC_FILE_CORRUPT;
 }
 
-u32 WholeCheck::ScanWhole(FileScan::Result* whole) {
+ResultCode WholeCheck::ScanWhole(FileScan::Result* whole) {
     assert(whole != nullptr);
     const FileScanCallbacks ignore{
         [](std::uint64_t, const K9eReplRec*, void*) -> std::uint32_t { return RC_OK; },
         [](void*, std::int64_t, std::int64_t) -> std::uint32_t { return RC_OK; }, nullptr};
     if (m_file.IsReadOnly()) {
-        const u32 rc =
+        const ResultCode rc =
             m_live.Scan(ignore, {}, m_load.End().validCommitOffset + kCommitBlockSize, whole);
         if (whole->validCommitOffset == m_load.End().validCommitOffset) {
             whole->stopOffset = m_load.End().stopOffset;
@@ -63,7 +63,7 @@ u32 WholeCheck::ScanWhole(FileScan::Result* whole) {
         return rc;
     }
     FileScan scan(m_file.Reader(), {.fileSize = m_file.FileSize()}, ignore);
-    const u32 rc = scan.Run(kFirstCommitOffset, false);
+    const ResultCode rc = scan.Run(kFirstCommitOffset, false);
     *whole = scan.GetResult();
     return rc;
 }

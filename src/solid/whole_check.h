@@ -9,6 +9,7 @@
 #include "solid/live_file.h"
 #include "solid/load_scan.h"
 #include "solid/storage_file.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -20,12 +21,12 @@ class WholeCheck {
 
     // See CSolidStorage::CheckWhole. REQUIRES: a load scan has ended; loadedFrom is 0 or at least
     // 1024.
-    [[nodiscard]] u32 Run(i64 loadedFrom);
+    [[nodiscard]] ResultCode Run(i64 loadedFrom);
 
   private:
     // Scans the file from its beginning; *whole receives where that ended. Errors: as
     // FileScan::Run.
-    [[nodiscard]] u32 ScanWhole(FileScan::Result* whole);
+    [[nodiscard]] ResultCode ScanWhole(FileScan::Result* whole);
 
     StorageFile& m_file;
     LiveFile& m_live;

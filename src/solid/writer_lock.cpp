@@ -19,7 +19,7 @@ using platform::LockResult;
 
 namespace {
 
-[[nodiscard]] u32 CannotLock(const std::string& path) {
+[[nodiscard]] ResultCode CannotLock(const std::string& path) {
     LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Cannot lock storage file '%s';sys-err %r",
                    path.c_str(), platform::LastSystemError());
     return RC_SYSTEM_ERROR;
@@ -27,7 +27,7 @@ namespace {
 
 // *same receives whether `path` still leads to `file`. It is false for a path that leads nowhere:
 // opening that again gives the error.
-[[nodiscard]] u32 IsNameOf(const File& file, const std::string& path, bool* same) {
+[[nodiscard]] ResultCode IsNameOf(const File& file, const std::string& path, bool* same) {
     assert(file.IsLocked());
     platform::FileIdentity locked;
     platform::FileIdentity named;
@@ -36,7 +36,7 @@ namespace {
     }
     if (!platform::GetIdentity(path, &named)) {
         *same = false;
-        return platform::LastSystemErrorIs(platform::SystemErrorKind::kNotFound) ? u32{RC_OK}
+        return platform::LastSystemErrorIs(platform::SystemErrorKind::kNotFound) ? ResultCode{RC_OK}
                                                                                  : CannotLock(path);
     }
     *same = locked == named;
@@ -45,10 +45,10 @@ namespace {
 
 }  // namespace
 
-u32 ReadFileLock(const char* connStr, bool* wanted) {
+ResultCode ReadFileLock(const char* connStr, bool* wanted) {
     assert(wanted != nullptr);
     YesNo setting;
-    const u32 rc = ReadYesNo(connStr, "file_lock", &setting);
+    const ResultCode rc = ReadYesNo(connStr, "file_lock", &setting);
     *wanted = !setting.given || setting.yes;
     if (rc == RC_OK) {
         LogYesNo("file_lock", setting);
@@ -56,7 +56,7 @@ u32 ReadFileLock(const char* connStr, bool* wanted) {
     return rc;
 }
 
-u32 LockForWriting(File& file, const std::string& path, NoLocks noLocks) {
+ResultCode LockForWriting(File& file, const std::string& path, NoLocks noLocks) {
     assert(file.IsOpen() && !path.empty());
     switch (file.TryLock()) {
         case LockResult::kTaken:
@@ -79,12 +79,13 @@ u32 LockForWriting(File& file, const std::string& path, NoLocks noLocks) {
     return RC_OK;
 }
 
-u32 OpenForWriting(const std::string& path, NoLocks noLocks, const FileOpener& open, File* file) {
+ResultCode OpenForWriting(const std::string& path, NoLocks noLocks, const FileOpener& open,
+                          File* file) {
     assert(open != nullptr && file != nullptr && !file->IsOpen());
     constexpr int kAttempts = 100;  // each but the first follows a squeeze of another writer
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         File opened;
-        u32 rc = open(&opened);
+        ResultCode rc = open(&opened);
         if (rc == RC_OK) {
             rc = LockForWriting(opened, path, noLocks);
         }

@@ -9,6 +9,7 @@
 
 #include "platform/file.h"
 #include "platform/int_types.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -16,7 +17,7 @@ namespace k9erepl {
 // is absent, so existing logs do not change.
 // Errors, logged: RC_INVALID_ARG for anything but yes and no.
 // May throw std::bad_alloc.
-[[nodiscard]] u32 ReadFileLock(const char* connStr, bool* wanted);
+[[nodiscard]] ResultCode ReadFileLock(const char* connStr, bool* wanted);
 
 // What is done when the file system has no locks: log a warning, or nothing. Work goes on either
 // way.
@@ -26,15 +27,16 @@ enum class NoLocks { kWarn, kSilent };
 // locks; file.IsLocked() tells.
 // Errors, logged: RC_SYSTEM_ERROR when another writer has the lock, in this process or in another
 // one, or when the system fails.
-[[nodiscard]] u32 LockForWriting(platform::File& file, const std::string& path, NoLocks noLocks);
+[[nodiscard]] ResultCode LockForWriting(platform::File& file, const std::string& path,
+                                        NoLocks noLocks);
 
 // Opens the file at `path` with `open`, which gives it to its argument, and locks it. Opens it
 // again if another writer has put a squeezed file in its place in between: the lock would be that
 // of a file that has lost its name. *file is open only with RC_OK.
 // Errors: those of `open` and of LockForWriting.
 using FileOpener = std::function<u32(platform::File* file)>;
-[[nodiscard]] u32 OpenForWriting(const std::string& path, NoLocks noLocks, const FileOpener& open,
-                                 platform::File* file);
+[[nodiscard]] ResultCode OpenForWriting(const std::string& path, NoLocks noLocks,
+                                        const FileOpener& open, platform::File* file);
 
 }  // namespace k9erepl
 

@@ -16,7 +16,7 @@ void LogException(u32 code, const char* call, const char* what) {
                    what);
 }
 
-u32 EndException(const char* call, ExceptionLogger logger) {
+ResultCode EndException(const char* call, ExceptionLogger logger) {
     platform::PassThreadEnd();
     try {
         throw;

@@ -6,6 +6,7 @@
 #define K9EREPL_SUPPORT_EXCEPTION_BARRIER_H
 
 #include "platform/int_types.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -18,11 +19,11 @@ void LogException(u32 code, const char* call, const char* what);
 // To be called in a catch-all handler. Logs the exception as the end of `call` and returns the code
 // for it: RC_NO_MEMORY for std::bad_alloc, RC_SYSTEM_ERROR for any other. An exception that ends
 // the calling thread is thrown again, without a message.
-[[nodiscard]] u32 EndException(const char* call, ExceptionLogger logger = &LogException);
+[[nodiscard]] ResultCode EndException(const char* call, ExceptionLogger logger = &LogException);
 
 // Returns what `work` returns, or the code of the exception that it throws (see EndException).
 template <typename Work>
-[[nodiscard]] u32 WithoutExceptions(const char* call, Work work) {
+[[nodiscard]] ResultCode WithoutExceptions(const char* call, Work work) {
     try {
         return work();
     } catch (...) {

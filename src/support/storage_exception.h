@@ -7,6 +7,7 @@
 #include <exception>
 
 #include "platform/int_types.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -17,7 +18,7 @@ class K9eStorageException : public std::exception {
     // `code` is RC_NO_MEMORY, RC_INVALID_ARG, RC_SYSTEM_ERROR or RC_BAD_SIZE.
     explicit K9eStorageException(u32 code) noexcept : m_code(code) {}
     // The result code for whoever asked for the object.
-    [[nodiscard]] u32 Code() const noexcept { return m_code; }
+    [[nodiscard]] ResultCode Code() const noexcept { return m_code; }
     // The same text for every code: the catcher answers Code() and needs no text.
     const char* what() const noexcept override { return "K9eStorageException"; }
 

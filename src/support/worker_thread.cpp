@@ -10,7 +10,7 @@ constexpr u32 kTerminatedExitCode = 20;
 
 }  // namespace
 
-u32 WorkerThread::Start(platform::ThreadBody body, void* argument, u32 affinity) {
+ResultCode WorkerThread::Start(platform::ThreadBody body, void* argument, u32 affinity) {
     assert(!IsThere());
     m_letGo = false;
     m_record.reset(NewInParserMemory<platform::Thread>());
@@ -37,7 +37,7 @@ void WorkerThread::LetGo() {
     m_letGo = true;
 }
 
-u32 WorkerThread::CodeOf(platform::WaitResult failedWait) {
+ResultCode WorkerThread::CodeOf(platform::WaitResult failedWait) {
     return failedWait == platform::WaitResult::kTimedOut ? RC_TIMEOUT : RC_SYSTEM_ERROR;
 }
 

@@ -13,6 +13,7 @@
 #include "platform/int_types.h"
 #include "platform/thread.h"
 #include "support/parser_memory.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -26,7 +27,7 @@ class WorkerThread {
     // as Thread::Create asks. `argument` must outlive the thread.
     // Errors: RC_NO_MEMORY, RC_SYSTEM_ERROR; the owner then calls CallOff next.
     // REQUIRES: !IsThere().
-    [[nodiscard]] u32 Start(platform::ThreadBody body, void* argument, u32 affinity);
+    [[nodiscard]] ResultCode Start(platform::ThreadBody body, void* argument, u32 affinity);
 
     // Takes back a start that failed. Returns false when there is a thread that has not run and
     // never will, but cannot be ended: the owner then calls LetGo. REQUIRES: Start failed.
@@ -43,7 +44,7 @@ class WorkerThread {
     // whatever it uses must stay allocated, and the owner calls LetGo next.
     // REQUIRES: IsThere(); the caller is not the thread itself.
     template <typename TellOverdue>
-    [[nodiscard]] u32 End(u32 timeoutMs, TellOverdue tellOverdue);
+    [[nodiscard]] ResultCode End(u32 timeoutMs, TellOverdue tellOverdue);
 
     // Gives up a thread that cannot be ended or joined. It may run on for ever.
     // REQUIRES: IsThere().
@@ -55,7 +56,7 @@ class WorkerThread {
 
   private:
     // The result code for a wait that did not see the thread's end.
-    [[nodiscard]] static u32 CodeOf(platform::WaitResult failedWait);
+    [[nodiscard]] static ResultCode CodeOf(platform::WaitResult failedWait);
     // Returns false when the thread still runs.
     [[nodiscard]] bool Terminate();
 
@@ -65,11 +66,11 @@ class WorkerThread {
 };
 
 template <typename TellOverdue>
-u32 WorkerThread::End(u32 timeoutMs, TellOverdue tellOverdue) {
+ResultCode WorkerThread::End(u32 timeoutMs, TellOverdue tellOverdue) {
     assert(IsThere());
     const platform::WaitResult result = m_record->Join(timeoutMs);
     if (result != platform::WaitResult::kSignalled) {
-        const u32 rc = CodeOf(result);
+        const ResultCode rc = CodeOf(result);
         tellOverdue(rc);
         if (!Terminate()) {
             return rc;

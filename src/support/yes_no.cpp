@@ -10,7 +10,7 @@
 
 namespace k9erepl {
 
-u32 ReadYesNo(const char* connStr, const char* key, YesNo* setting) {
+ResultCode ReadYesNo(const char* connStr, const char* key, YesNo* setting) {
     std::string value;
     GetParam(connStr, key, value);
     setting->given = !value.empty();

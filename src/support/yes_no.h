@@ -4,6 +4,7 @@
 #define K9EREPL_SUPPORT_YES_NO_H
 
 #include "platform/int_types.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -16,7 +17,7 @@ struct YesNo {
 // Reads `key` from `connStr`. Only the beginning of the value counts: "yes" or "no", in small
 // letters. For any other value it logs "Unknown KEY value (VALUE)" and returns RC_INVALID_ARG;
 // setting->yes is then false.
-[[nodiscard]] u32 ReadYesNo(const char* connStr, const char* key, YesNo* setting);
+[[nodiscard]] ResultCode ReadYesNo(const char* connStr, const char* key, YesNo* setting);
 
 // Logs "Use KEY yes" or "Use KEY no" for a setting that is given, and nothing for one that is not.
 void LogYesNo(const char* key, const YesNo& setting);

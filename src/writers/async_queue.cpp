@@ -11,7 +11,7 @@
 
 namespace k9erepl {
 
-u32 CheckElem(const CAsyncQueueElem& elem) {
+ResultCode CheckElem(const CAsyncQueueElem& elem) {
     const bool hasBytes = elem.data != nullptr && elem.size != 0;
     switch (elem.type) {
         case AsyncElemType::kWrite:

@@ -11,6 +11,7 @@
 #include "platform/event.h"
 #include "platform/int_types.h"
 #include "platform/lock.h"
+#include "support/result.h"
 
 namespace k9erepl {
 
@@ -52,7 +53,7 @@ struct CAsyncQueueElem {
 
 // Returns RC_INVALID_ARG for an element that lacks what its type needs, and for an unknown type;
 // the latter is logged here.
-[[nodiscard]] u32 CheckElem(const CAsyncQueueElem& elem);
+[[nodiscard]] ResultCode CheckElem(const CAsyncQueueElem& elem);
 
 // A chain of elements, first in, first out. It does not delete its elements: whoever holds the
 // chain hands them on or calls DeleteAll. No lock of its own.

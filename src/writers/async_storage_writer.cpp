@@ -49,7 +49,7 @@ AsyncStorageWriter::AsyncStorageWriter(StorageFileState* state, const Options& o
         throw K9eStorageException(RC_NO_MEMORY);
     }
     // The thread comes last: nothing behind it can fail and leave a thread to be ended.
-    if (const u32 rc = StartThread(options.affinity); rc != RC_OK) {
+    if (const ResultCode rc = StartThread(options.affinity); rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage,
                        "Couldn't create async storage thread: K9ThreadCreate failed");
         throw K9eStorageException(rc);
@@ -66,19 +66,19 @@ AsyncStorageWriter::~AsyncStorageWriter() {
     }
 }
 
-u32 AsyncStorageWriter::StartThread(u32 affinity) {
-    const u32 rc = m_thread.Start(&ThreadBody, this, affinity);
+ResultCode AsyncStorageWriter::StartThread(u32 affinity) {
+    const ResultCode rc = m_thread.Start(&ThreadBody, this, affinity);
     if (rc != RC_OK && !m_thread.CallOff()) {
         m_thread.LetGo();  // the thread has never run and uses nothing of ours
     }
     return rc;
 }
 
-u32 AsyncStorageWriter::PushToAsyncQueue(const CAsyncQueueElem& work) {
-    if (const u32 rc = StickyError(); rc != RC_OK) {
+ResultCode AsyncStorageWriter::PushToAsyncQueue(const CAsyncQueueElem& work) {
+    if (const ResultCode rc = StickyError(); rc != RC_OK) {
         return rc;
     }
-    if (const u32 rc = CheckElem(work); rc != RC_OK) {
+    if (const ResultCode rc = CheckElem(work); rc != RC_OK) {
         return rc;
     }
     CAsyncQueueElem* const elem = m_queue.NewElem();
@@ -86,7 +86,7 @@ u32 AsyncStorageWriter::PushToAsyncQueue(const CAsyncQueueElem& work) {
         return RC_NO_MEMORY;
     }
     *elem = work;
-    u32 rc = work.type == AsyncElemType::kCommit ? CopyCommitBlock(elem) : u32{RC_OK};
+    ResultCode rc = work.type == AsyncElemType::kCommit ? CopyCommitBlock(elem) : ResultCode{RC_OK};
     if (rc == RC_OK && !m_queue.Push(elem)) {
         FreeCommitCopy(*elem);
         rc = StickyError();
@@ -98,7 +98,7 @@ u32 AsyncStorageWriter::PushToAsyncQueue(const CAsyncQueueElem& work) {
 }
 
 // Sets the clear revision now: it may have risen by the time the thread comes to the block.
-u32 AsyncStorageWriter::CopyCommitBlock(CAsyncQueueElem* elem) {
+ResultCode AsyncStorageWriter::CopyCommitBlock(CAsyncQueueElem* elem) {
     assert(elem->size == kCommitBlockSize);
     auto* const copy = static_cast<u8*>(m_commitCopies.AllocBlock());
     if (copy == nullptr) {
@@ -117,11 +117,11 @@ void AsyncStorageWriter::FreeCommitCopy(const CAsyncQueueElem& elem) {
 }
 
 // Counts the piece in its block before queuing it: the thread may be done with it at once.
-u32 AsyncStorageWriter::PushPiece(const CAsyncQueueElem& piece) {
+ResultCode AsyncStorageWriter::PushPiece(const CAsyncQueueElem& piece) {
     if (piece.memoryBlock != nullptr) {
         piece.memoryBlock->pendingWrites.fetch_add(1, std::memory_order_relaxed);
     }
-    const u32 rc = PushToAsyncQueue(piece);
+    const ResultCode rc = PushToAsyncQueue(piece);
     if (rc != RC_OK && piece.memoryBlock != nullptr) {
         piece.memoryBlock->pendingWrites.fetch_sub(1, std::memory_order_relaxed);
     }
@@ -131,20 +131,20 @@ u32 AsyncStorageWriter::PushPiece(const CAsyncQueueElem& piece) {
     return rc;
 }
 
-u32 AsyncStorageWriter::Write(u8* data, u32 size, TCommitBlock* commitBlock,
-                              K9eReplBlock* memoryBlock, i64 lastRevision,
-                              std::atomic<i64>* filePosition) {
+ResultCode AsyncStorageWriter::Write(u8* data, u32 size, TCommitBlock* commitBlock,
+                                     K9eReplBlock* memoryBlock, i64 lastRevision,
+                                     std::atomic<i64>* filePosition) {
     if (!m_file.IsOpen()) {
         return RC_NO_WRITER;
     }
     const u32 commitSize = commitBlock == nullptr ? 0 : kCommitBlockSize;
     if (commitBlock == nullptr || size > commitSize) {
-        const u32 rc = PushPiece({.type = AsyncElemType::kWrite,
-                                  .size = size - commitSize,
-                                  .data = data,
-                                  .memoryBlock = memoryBlock,
-                                  .filePosition = filePosition,
-                                  .lastRevision = lastRevision});
+        const ResultCode rc = PushPiece({.type = AsyncElemType::kWrite,
+                                         .size = size - commitSize,
+                                         .data = data,
+                                         .memoryBlock = memoryBlock,
+                                         .filePosition = filePosition,
+                                         .lastRevision = lastRevision});
         if (rc != RC_OK) {
             LOG_ERROR_CODE(rc, kLogStorage, "Cannot push write element to async queue");
             return rc;
@@ -153,11 +153,11 @@ u32 AsyncStorageWriter::Write(u8* data, u32 size, TCommitBlock* commitBlock,
     if (commitBlock == nullptr) {
         return RC_OK;
     }
-    const u32 rc = PushPiece({.type = AsyncElemType::kCommit,
-                              .size = commitSize,
-                              .data = reinterpret_cast<u8*>(commitBlock),
-                              .memoryBlock = memoryBlock,
-                              .lastRevision = lastRevision});
+    const ResultCode rc = PushPiece({.type = AsyncElemType::kCommit,
+                                     .size = commitSize,
+                                     .data = reinterpret_cast<u8*>(commitBlock),
+                                     .memoryBlock = memoryBlock,
+                                     .lastRevision = lastRevision});
     if (rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Cannot push commit element to async queue");
     }
@@ -166,11 +166,11 @@ u32 AsyncStorageWriter::Write(u8* data, u32 size, TCommitBlock* commitBlock,
 
 // Only the thread knows the position, which is behind everything queued so far. The last flushed
 // revision goes along because it may have risen by the time the thread comes to the element.
-u32 AsyncStorageWriter::BeginTransaction() {
+ResultCode AsyncStorageWriter::BeginTransaction() {
     if (!m_file.IsOpen()) {
         return RC_NO_WRITER;
     }
-    const u32 rc =
+    const ResultCode rc =
         PushToAsyncQueue({.type = AsyncElemType::kBeginTransaction,
                           .lastRevision = m_state.lastFlushedRev.load(std::memory_order_acquire)});
     if (rc != RC_OK) {
@@ -180,29 +180,30 @@ u32 AsyncStorageWriter::BeginTransaction() {
 }
 
 // The event may have been set for an earlier task whose waiter gave up, so we compare tickets.
-u32 AsyncStorageWriter::CompleteAsyncTasks() {
+ResultCode AsyncStorageWriter::CompleteAsyncTasks() {
     const u64 ticket = ++m_lastTicket;
-    if (const u32 rc = PushToAsyncQueue({.type = AsyncElemType::kComplete, .ticket = ticket});
+    if (const ResultCode rc =
+            PushToAsyncQueue({.type = AsyncElemType::kComplete, .ticket = ticket});
         rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Cannot push complete element to async queue");
         return rc;
     }
     const u32 began = platform::TickCountMs();
     do {
-        if (const u32 rc = WaitFor(m_completeEvent, began); rc != RC_OK) {
+        if (const ResultCode rc = WaitFor(m_completeEvent, began); rc != RC_OK) {
             LOG_ERROR_CODE(rc, kLogStorage, "Wait for CompleteAsyncTasksEvent failed");
             return rc;
         }
     } while (m_completed.load(std::memory_order_acquire) < ticket && StickyError() == RC_OK);
     LOG_INFO(kLogStorage, "Wait for finish async operations - OK");
-    const u32 rc = StickyError();
+    const ResultCode rc = StickyError();
     if (rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Get error after wait for finish async operations");
     }
     return rc;
 }
 
-u32 AsyncStorageWriter::WaitFor(platform::AutoResetEvent& event, u32 beganMs) {
+ResultCode AsyncStorageWriter::WaitFor(platform::AutoResetEvent& event, u32 beganMs) {
     const u32 waited = platform::TickCountMs() - beganMs;
     switch (event.Wait(waited < kWaitMs ? kWaitMs - waited : 0)) {
         case WaitResult::kSignalled:
@@ -215,24 +216,24 @@ u32 AsyncStorageWriter::WaitFor(platform::AutoResetEvent& event, u32 beganMs) {
     return RC_SYSTEM_ERROR;
 }
 
-u32 AsyncStorageWriter::WaitReleaseBlock() {
+ResultCode AsyncStorageWriter::WaitReleaseBlock() {
     // After a failure no block is released any more, and the failure's signal may already be used
     // up.
     if (StickyError() == RC_OK) {
-        if (const u32 rc = WaitFor(m_releaseEvent, platform::TickCountMs()); rc != RC_OK) {
+        if (const ResultCode rc = WaitFor(m_releaseEvent, platform::TickCountMs()); rc != RC_OK) {
             LOG_ERROR_CODE(rc, kLogStorage, "Wait for release block failed");
             return rc;
         }
     }
-    const u32 rc = StickyError();
+    const ResultCode rc = StickyError();
     if (rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Get error after wait for release block event");
     }
     return rc;
 }
 
-u32 AsyncStorageWriter::Rollback() {
-    if (const u32 rc = CompleteAsyncTasks(); rc != RC_OK) {
+ResultCode AsyncStorageWriter::Rollback() {
+    if (const ResultCode rc = CompleteAsyncTasks(); rc != RC_OK) {
         u32 none = RC_OK;
         m_stickyError.compare_exchange_strong(none, rc);
         return rc;
@@ -242,11 +243,11 @@ u32 AsyncStorageWriter::Rollback() {
 
 // After a failure we leave the bytes alone: they may belong to flushes that the writer had
 // accepted.
-u32 AsyncStorageWriter::ClearUndone() {
+ResultCode AsyncStorageWriter::ClearUndone() {
     if (!HasUndone() || StickyError() != RC_OK) {
         return RC_OK;
     }
-    const u32 rc = CompleteAsyncTasks();
+    const ResultCode rc = CompleteAsyncTasks();
     return rc == RC_OK ? ClearUndoneNow() : rc;
 }
 
@@ -270,7 +271,7 @@ void AsyncStorageWriter::PushStop() {
         LOG_INFO(kLogStorage, "Writing thread received stop task");
         return;
     }
-    const u32 rc = StickyError();
+    const ResultCode rc = StickyError();
     LOG_ERROR_CODE(rc, kLogStorage, "PushToAsyncQueue(CAsyncQueueElem::STOP) return error %d", rc);
     // If a client set the sticky code, the thread may still be waiting for work.
     m_queue.Wake();
@@ -281,7 +282,7 @@ bool AsyncStorageWriter::Shutdown() {
         return !m_thread.MayStillRun();
     }
     PushStop();
-    const u32 rc = m_thread.End(kWaitMs, [](u32 code) {
+    const ResultCode rc = m_thread.End(kWaitMs, [](u32 code) {
         LOG_ERROR_CODE(code, kLogStorage, "K9ThreadWait() failed; terminating thread");
     });
     if (rc != RC_OK) {

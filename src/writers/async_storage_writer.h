@@ -9,6 +9,7 @@
 
 #include "memory/blocks_pool_manager.h"
 #include "platform/event.h"
+#include "support/result.h"
 #include "support/worker_thread.h"
 #include "writers/async_buffer.h"
 #include "writers/async_queue.h"
@@ -48,22 +49,22 @@ class AsyncStorageWriter final : public StorageWriter {
     // Errors: RC_NO_WRITER, RC_INVALID_ARG, RC_NO_MEMORY, the sticky code. After one, either
     // nothing was queued, or the data but not its commit block; the pending-write count then covers
     // the data.
-    [[nodiscard]] u32 Write(u8* data, u32 size, TCommitBlock* commitBlock,
-                            K9eReplBlock* memoryBlock, i64 lastRevision,
-                            std::atomic<i64>* filePosition) override;
-    [[nodiscard]] u32 BeginTransaction() override;
+    [[nodiscard]] ResultCode Write(u8* data, u32 size, TCommitBlock* commitBlock,
+                                   K9eReplBlock* memoryBlock, i64 lastRevision,
+                                   std::atomic<i64>* filePosition) override;
+    [[nodiscard]] ResultCode BeginTransaction() override;
     i64 QueuedEnd() const override { return m_queuedEnd; }
     // Both wait at most 60 s. Errors: RC_TIMEOUT, RC_SYSTEM_ERROR, the sticky code; from
     // CompleteAsyncTasks also RC_NO_MEMORY.
-    [[nodiscard]] u32 CompleteAsyncTasks() override;
-    [[nodiscard]] u32 WaitReleaseBlock() override;
+    [[nodiscard]] ResultCode CompleteAsyncTasks() override;
+    [[nodiscard]] ResultCode WaitReleaseBlock() override;
     // Waits as CompleteAsyncTasks does. A wait that fails makes its code sticky: otherwise what is
     // queued would still be written in spite of the rollback.
-    [[nodiscard]] u32 Rollback() override;
+    [[nodiscard]] ResultCode Rollback() override;
     // Waits as CompleteAsyncTasks does, but only when something was undone.
-    [[nodiscard]] u32 ClearUndone() override;
+    [[nodiscard]] ResultCode ClearUndone() override;
     // Does nothing: only Shutdown forces the file to the disk.
-    [[nodiscard]] u32 FlushFile() override { return RC_OK; }
+    [[nodiscard]] ResultCode FlushFile() override { return RC_OK; }
 
     // Writes what is queued, ends the thread, for which it waits at most 60 s, and with force_flush
     // forces the file to the disk; a failure of that is only logged. Returns false when the thread
@@ -76,31 +77,31 @@ class AsyncStorageWriter final : public StorageWriter {
 
   private:
     // --- The client's side: called under the storage's lock
-    [[nodiscard]] u32 StartThread(u32 affinity);
-    [[nodiscard]] u32 PushToAsyncQueue(const CAsyncQueueElem& work);
-    [[nodiscard]] u32 PushPiece(const CAsyncQueueElem& piece);
+    [[nodiscard]] ResultCode StartThread(u32 affinity);
+    [[nodiscard]] ResultCode PushToAsyncQueue(const CAsyncQueueElem& work);
+    [[nodiscard]] ResultCode PushPiece(const CAsyncQueueElem& piece);
     void PushStop();
-    [[nodiscard]] u32 CopyCommitBlock(CAsyncQueueElem* elem);
-    [[nodiscard]] u32 WaitFor(platform::AutoResetEvent& event, u32 beganMs);
-    u32 StickyError() const { return m_stickyError.load(std::memory_order_acquire); }
+    [[nodiscard]] ResultCode CopyCommitBlock(CAsyncQueueElem* elem);
+    [[nodiscard]] ResultCode WaitFor(platform::AutoResetEvent& event, u32 beganMs);
+    ResultCode StickyError() const { return m_stickyError.load(std::memory_order_acquire); }
 
     // --- The writing thread's side. `last`: nothing more of this batch follows, so what is
     // buffered is written out. `place` tells the calls of one function apart in the log.
     static u32 ThreadBody(void* writer);
-    [[nodiscard]] u32 Run();
-    [[nodiscard]] u32 ProcessBatch(AsyncElems& batch);
-    [[nodiscard]] u32 ProcessElem(const CAsyncQueueElem& elem, bool last);
-    [[nodiscard]] u32 BufferedWrite(const CAsyncQueueElem& elem, bool last);
-    [[nodiscard]] u32 WriteDirectly(const CAsyncQueueElem& elem, const char* place);
-    [[nodiscard]] u32 Place(const CAsyncQueueElem& elem, const char* place);
-    [[nodiscard]] u32 WriteOut(const char* place);
-    [[nodiscard]] u32 WriteOutBuffer();
-    [[nodiscard]] u32 SetComplete();
-    [[nodiscard]] u32 SetReleased(const char* place);
-    [[nodiscard]] u32 BeginTransactionAt(i64 lastFlushedRev);
-    [[nodiscard]] u32 Notify(i64 commitRev);
+    [[nodiscard]] ResultCode Run();
+    [[nodiscard]] ResultCode ProcessBatch(AsyncElems& batch);
+    [[nodiscard]] ResultCode ProcessElem(const CAsyncQueueElem& elem, bool last);
+    [[nodiscard]] ResultCode BufferedWrite(const CAsyncQueueElem& elem, bool last);
+    [[nodiscard]] ResultCode WriteDirectly(const CAsyncQueueElem& elem, const char* place);
+    [[nodiscard]] ResultCode Place(const CAsyncQueueElem& elem, const char* place);
+    [[nodiscard]] ResultCode WriteOut(const char* place);
+    [[nodiscard]] ResultCode WriteOutBuffer();
+    [[nodiscard]] ResultCode SetComplete();
+    [[nodiscard]] ResultCode SetReleased(const char* place);
+    [[nodiscard]] ResultCode BeginTransactionAt(i64 lastFlushedRev);
+    [[nodiscard]] ResultCode Notify(i64 commitRev);
     void FreeCommitCopy(const CAsyncQueueElem& elem);
-    void Fail(u32 rc);
+    void Fail(ResultCode rc);
 
     // --- Self-synchronised
     platform::AutoResetEvent m_completeEvent;  // a kComplete was carried out, or the thread failed
@@ -109,7 +110,7 @@ class AsyncStorageWriter final : public StorageWriter {
     CBlocksPoolManager m_commitCopies;  // blocks of 32 bytes
     // The code of the first failure; RC_OK: none. Set by the thread before it drops what is queued,
     // by a client only when a rollback failed. Never changes again.
-    std::atomic<u32> m_stickyError{0};
+    std::atomic<ResultCode> m_stickyError{0};
     std::atomic<u64> m_completed{0};   // the ticket of the last kComplete carried out; 0: none
     std::atomic<bool> m_ended{false};  // the thread touches nothing of the clients' any more
     std::atomic<u32> m_threadId{0};    // of the writing thread while it runs its body, else 0

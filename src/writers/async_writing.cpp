@@ -4,6 +4,7 @@
 #include "platform/system_error.h"
 #include "support/exception_barrier.h"
 #include "support/log.h"
+#include "support/result.h"
 #include "writers/async_storage_writer.h"
 
 namespace k9erepl {
@@ -19,7 +20,7 @@ u32 AsyncStorageWriter::ThreadBody(void* writer) {
     return exitCode;
 }
 
-u32 AsyncStorageWriter::Run() {
+ResultCode AsyncStorageWriter::Run() {
     while (!m_stopped) {
         if (StickyError() != RC_OK) {
             return RC_BAD_DATA;
@@ -27,7 +28,7 @@ u32 AsyncStorageWriter::Run() {
         switch (m_queue.WaitForTask()) {
             case WaitResult::kSignalled: {
                 AsyncElems batch = m_queue.TakeAll();
-                if (const u32 rc = ProcessBatch(batch); rc != RC_OK) {
+                if (const ResultCode rc = ProcessBatch(batch); rc != RC_OK) {
                     Fail(rc);
                 }
                 break;
@@ -47,9 +48,9 @@ u32 AsyncStorageWriter::Run() {
 }
 
 // After an element has failed, the rest of the batch is dropped without being carried out.
-u32 AsyncStorageWriter::ProcessBatch(AsyncElems& batch) {
+ResultCode AsyncStorageWriter::ProcessBatch(AsyncElems& batch) {
     AsyncElems done;
-    u32 rc = RC_OK;
+    ResultCode rc = RC_OK;
     while (!batch.IsEmpty()) {
         CAsyncQueueElem* const elem = batch.TakeFirst();
         if (rc == RC_OK) {
@@ -66,24 +67,24 @@ u32 AsyncStorageWriter::ProcessBatch(AsyncElems& batch) {
     return rc;
 }
 
-u32 AsyncStorageWriter::ProcessElem(const CAsyncQueueElem& elem, bool last) {
+ResultCode AsyncStorageWriter::ProcessElem(const CAsyncQueueElem& elem, bool last) {
     switch (elem.type) {
         case AsyncElemType::kWrite:
         case AsyncElemType::kCommit:
             return BufferedWrite(elem, last);
         case AsyncElemType::kBeginTransaction:
-            if (u32 rc = BeginTransactionAt(elem.lastRevision); rc != RC_OK) {
+            if (ResultCode rc = BeginTransactionAt(elem.lastRevision); rc != RC_OK) {
                 return rc;
             }
-            return last ? WriteOutBuffer() : u32{RC_OK};
+            return last ? WriteOutBuffer() : ResultCode{RC_OK};
         case AsyncElemType::kComplete:
-            if (u32 rc = WriteOutBuffer(); rc != RC_OK) {
+            if (ResultCode rc = WriteOutBuffer(); rc != RC_OK) {
                 return rc;
             }
             m_completed.store(elem.ticket, std::memory_order_release);
             return SetComplete();
         case AsyncElemType::kStop:
-            if (u32 rc = WriteOutBuffer(); rc != RC_OK) {
+            if (ResultCode rc = WriteOutBuffer(); rc != RC_OK) {
                 return rc;
             }
             LOG_INFO(kLogStorage, "Writing thread processed stop task");
@@ -94,19 +95,19 @@ u32 AsyncStorageWriter::ProcessElem(const CAsyncQueueElem& elem, bool last) {
 }
 
 // The bytes in the buffer belong before the transaction, although they are not in the file yet.
-u32 AsyncStorageWriter::BeginTransactionAt(i64 lastFlushedRev) {
+ResultCode AsyncStorageWriter::BeginTransactionAt(i64 lastFlushedRev) {
     return RememberTransactionStart(WritePos() + m_buffer.Size(), lastFlushedRev);
 }
 
-u32 AsyncStorageWriter::BufferedWrite(const CAsyncQueueElem& elem, bool last) {
+ResultCode AsyncStorageWriter::BufferedWrite(const CAsyncQueueElem& elem, bool last) {
     if (elem.size <= m_buffer.Free()) {
-        const u32 rc = Place(elem, "1");
+        const ResultCode rc = Place(elem, "1");
         return rc == RC_OK && last ? WriteOut("1") : rc;
     }
     if (m_buffer.IsEmpty()) {
         return WriteDirectly(elem, "2");
     }
-    if (u32 rc = WriteOut("2"); rc != RC_OK) {
+    if (ResultCode rc = WriteOut("2"); rc != RC_OK) {
         return rc;
     }
     if (last) {
@@ -115,7 +116,7 @@ u32 AsyncStorageWriter::BufferedWrite(const CAsyncQueueElem& elem, bool last) {
     return elem.size <= m_buffer.Capacity() ? Place(elem, "2") : WriteDirectly(elem, "3");
 }
 
-u32 AsyncStorageWriter::Place(const CAsyncQueueElem& elem, const char* place) {
+ResultCode AsyncStorageWriter::Place(const CAsyncQueueElem& elem, const char* place) {
     const AsyncPiece piece{
         .data = elem.data,
         .size = elem.size,
@@ -135,31 +136,31 @@ u32 AsyncStorageWriter::Place(const CAsyncQueueElem& elem, const char* place) {
     return RC_OK;
 }
 
-u32 AsyncStorageWriter::WriteDirectly(const CAsyncQueueElem& elem, const char* place) {
+ResultCode AsyncStorageWriter::WriteDirectly(const CAsyncQueueElem& elem, const char* place) {
     auto* const commitBlock =
         elem.type == AsyncElemType::kCommit ? reinterpret_cast<TCommitBlock*>(elem.data) : nullptr;
-    const u32 rc =
+    const ResultCode rc =
         WritePiece(elem.data, elem.size, commitBlock, elem.lastRevision, elem.filePosition);
     if (rc != RC_OK) {
         return rc;
     }
     if (elem.memoryBlock != nullptr && ReleasePiece(&elem.memoryBlock->pendingWrites)) {
-        if (u32 setRc = SetReleased(place); setRc != RC_OK) {
+        if (ResultCode setRc = SetReleased(place); setRc != RC_OK) {
             return setRc;
         }
     }
-    return commitBlock != nullptr ? Notify(commitBlock->commitRev) : u32{RC_OK};
+    return commitBlock != nullptr ? Notify(commitBlock->commitRev) : ResultCode{RC_OK};
 }
 
-u32 AsyncStorageWriter::WriteOut(const char* place) {
-    const u32 rc = WriteOutBuffer();
+ResultCode AsyncStorageWriter::WriteOut(const char* place) {
+    const ResultCode rc = WriteOutBuffer();
     if (rc != RC_OK) {
         LOG_ERROR_CODE(rc, kLogStorage, "Flush from async buffer failed (%s)", place);
     }
     return rc;
 }
 
-u32 AsyncStorageWriter::WriteOutBuffer() {
+ResultCode AsyncStorageWriter::WriteOutBuffer() {
     if (m_buffer.IsEmpty()) {
         return RC_OK;
     }
@@ -167,17 +168,17 @@ u32 AsyncStorageWriter::WriteOutBuffer() {
         return RC_NO_WRITER;
     }
     const u32 size = m_buffer.Size();
-    if (u32 rc = PrepareWrite(size); rc != RC_OK) {
+    if (ResultCode rc = PrepareWrite(size); rc != RC_OK) {
         return rc;
     }
-    if (u32 rc = WriteBytes(m_buffer.Bytes(), size); rc != RC_OK) {
+    if (ResultCode rc = WriteBytes(m_buffer.Bytes(), size); rc != RC_OK) {
         return rc;
     }
     LOG_INFO(kLogStorage, "Written data size %P", std::size_t{size});
     bool released = false;
     m_buffer.Settle(&released);
     if (released) {
-        if (u32 rc = SetReleased(nullptr); rc != RC_OK) {
+        if (ResultCode rc = SetReleased(nullptr); rc != RC_OK) {
             return rc;
         }
     }
@@ -189,7 +190,7 @@ u32 AsyncStorageWriter::WriteOutBuffer() {
     return RC_OK;
 }
 
-u32 AsyncStorageWriter::SetComplete() {
+ResultCode AsyncStorageWriter::SetComplete() {
     if (!m_completeEvent.Set()) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "Set complete event failed;sys-err %r",
                        platform::LastSystemError());
@@ -198,7 +199,7 @@ u32 AsyncStorageWriter::SetComplete() {
     return RC_OK;
 }
 
-u32 AsyncStorageWriter::SetReleased(const char* place) {
+ResultCode AsyncStorageWriter::SetReleased(const char* place) {
     if (m_releaseEvent.Set()) {
         return RC_OK;
     }
@@ -212,7 +213,7 @@ u32 AsyncStorageWriter::SetReleased(const char* place) {
 
 // The callback is foreign code, so everything of ours is settled before it. One that throws stops
 // the writer: its client did not learn what was written.
-u32 AsyncStorageWriter::Notify(i64 commitRev) {
+ResultCode AsyncStorageWriter::Notify(i64 commitRev) {
     try {
         m_state.onWritten.Call(commitRev);
         return RC_OK;
@@ -224,7 +225,7 @@ u32 AsyncStorageWriter::Notify(i64 commitRev) {
 }
 
 // Sets the code before it wakes the clients: they must see it. A code that a client has set stays.
-void AsyncStorageWriter::Fail(u32 rc) {
+void AsyncStorageWriter::Fail(ResultCode rc) {
     m_ended.store(true, std::memory_order_release);
     u32 none = RC_OK;
     m_stickyError.compare_exchange_strong(none, rc);

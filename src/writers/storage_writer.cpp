@@ -22,7 +22,7 @@ StorageFileState& NotNull(StorageFileState* state) {
     return *state;
 }
 
-u32 OpenForWriting(platform::File& file, const std::string& path, bool writeThrough) {
+ResultCode OpenForWriting(platform::File& file, const std::string& path, bool writeThrough) {
     platform::FileOpenRequest request;
     request.writeThrough = writeThrough;
     if (!file.Open(path.c_str(), request)) {
@@ -45,12 +45,13 @@ StorageWriter::StorageWriter(StorageFileState* state)
       m_fileCurrWritePos(m_state.writePos),
       m_growthStep(m_state.fileSizeDelta) {
     m_fileCurrWritePos = m_queuedEnd;
-    if (const u32 rc = OpenForWriting(m_file, m_state.path, m_state.writeThrough); rc != RC_OK) {
+    if (const ResultCode rc = OpenForWriting(m_file, m_state.path, m_state.writeThrough);
+        rc != RC_OK) {
         throw K9eStorageException(rc);
     }
 }
 
-u32 StorageWriter::SetWritePos(i64 position, bool doSeek, bool tailAbandoned) {
+ResultCode StorageWriter::SetWritePos(i64 position, bool doSeek, bool tailAbandoned) {
     if (doSeek && !m_file.Seek(position)) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage,
                        "Cannot seek to write pos;offset %I64d, sys-err %r", position,
@@ -65,8 +66,8 @@ u32 StorageWriter::SetWritePos(i64 position, bool doSeek, bool tailAbandoned) {
     return RC_OK;
 }
 
-u32 StorageWriter::ReopenFile(const std::string& path, bool writeThrough) {
-    if (const u32 rc = OpenForWriting(m_file, path, writeThrough); rc != RC_OK) {
+ResultCode StorageWriter::ReopenFile(const std::string& path, bool writeThrough) {
+    if (const ResultCode rc = OpenForWriting(m_file, path, writeThrough); rc != RC_OK) {
         return rc;
     }
     m_pointerInPlace = false;
@@ -74,13 +75,13 @@ u32 StorageWriter::ReopenFile(const std::string& path, bool writeThrough) {
     return RC_OK;
 }
 
-u32 StorageWriter::WriteNow(u8* data, u32 size, TCommitBlock* commitBlock, i64 lastRevision,
-                            std::atomic<i64>* filePosition) {
+ResultCode StorageWriter::WriteNow(u8* data, u32 size, TCommitBlock* commitBlock, i64 lastRevision,
+                                   std::atomic<i64>* filePosition) {
     if (commitBlock != nullptr) {
         SetClearRev(*commitBlock);
     }
     const bool barrier = commitBlock != nullptr && m_state.forceFlush && m_state.commitBarrier;
-    const u32 rc = WritePiece(data, size, commitBlock, lastRevision, filePosition, barrier);
+    const ResultCode rc = WritePiece(data, size, commitBlock, lastRevision, filePosition, barrier);
     if (rc == RC_OK && commitBlock != nullptr) {
         // The callback is foreign code and may call us again: everything of ours is settled before
         // it.
@@ -89,21 +90,22 @@ u32 StorageWriter::WriteNow(u8* data, u32 size, TCommitBlock* commitBlock, i64 l
     return rc;
 }
 
-u32 StorageWriter::WritePiece(u8* data, u32 size, TCommitBlock* commitBlock, i64 lastRevision,
-                              std::atomic<i64>* filePosition, bool barrier) {
+ResultCode StorageWriter::WritePiece(u8* data, u32 size, TCommitBlock* commitBlock,
+                                     i64 lastRevision, std::atomic<i64>* filePosition,
+                                     bool barrier) {
     assert(commitBlock == nullptr ||
            reinterpret_cast<u8*>(commitBlock) + kCommitBlockSize == data + size);
     if (!m_file.IsOpen()) {
         return RC_NO_WRITER;
     }
-    if (const u32 rc = PrepareWrite(size); rc != RC_OK) {
+    if (const ResultCode rc = PrepareWrite(size); rc != RC_OK) {
         return rc;
     }
     if (commitBlock != nullptr) {
         Link(*commitBlock);
     }
     const i64 offset = WritePos();
-    if (const u32 rc = barrier ? WriteBehindBarrier(data, size) : WriteBytes(data, size);
+    if (const ResultCode rc = barrier ? WriteBehindBarrier(data, size) : WriteBytes(data, size);
         rc != RC_OK) {
         return rc;
     }
@@ -118,7 +120,7 @@ u32 StorageWriter::WritePiece(u8* data, u32 size, TCommitBlock* commitBlock, i64
     return RC_OK;
 }
 
-u32 StorageWriter::RememberTransactionStart(i64 position, i64 lastFlushedRev) {
+ResultCode StorageWriter::RememberTransactionStart(i64 position, i64 lastFlushedRev) {
     if (!m_file.IsOpen()) {
         return RC_NO_WRITER;
     }
@@ -127,7 +129,7 @@ u32 StorageWriter::RememberTransactionStart(i64 position, i64 lastFlushedRev) {
     return RC_OK;
 }
 
-u32 StorageWriter::RollbackNow() {
+ResultCode StorageWriter::RollbackNow() {
     if (!m_file.IsOpen()) {
         return RC_NO_WRITER;
     }
@@ -150,18 +152,18 @@ u32 StorageWriter::RollbackNow() {
     return RC_OK;
 }
 
-u32 StorageWriter::ClearUndoneNow() {
+ResultCode StorageWriter::ClearUndoneNow() {
     if (!m_file.IsOpen()) {
         return RC_NO_WRITER;
     }
-    return HasUndone() ? ClearAbandonedTail() : u32{RC_OK};
+    return HasUndone() ? ClearAbandonedTail() : ResultCode{RC_OK};
 }
 
 void StorageWriter::RaiseTail(Tail tail) {
     m_tail = std::max(m_tail.load(std::memory_order_relaxed), tail);
 }
 
-u32 StorageWriter::FlushNow() {
+ResultCode StorageWriter::FlushNow() {
     if (!m_file.IsOpen()) {
         return RC_NO_WRITER;
     }
@@ -173,7 +175,7 @@ u32 StorageWriter::FlushNow() {
     return ForceToDisk();
 }
 
-u32 StorageWriter::ForceToDisk() {
+ResultCode StorageWriter::ForceToDisk() {
     if (!m_file.FlushToDisk()) {
         LOG_ERROR_CODE(RC_SYSTEM_ERROR, kLogStorage, "FlushFileBuffers failed;sys-err %r",
                        platform::LastSystemError());
@@ -183,9 +185,9 @@ u32 StorageWriter::ForceToDisk() {
     return RC_OK;
 }
 
-u32 StorageWriter::PrepareWrite(u32 size) {
+ResultCode StorageWriter::PrepareWrite(u32 size) {
     if (m_tail.load(std::memory_order_relaxed) != Tail::kClear) {
-        if (const u32 rc = ClearAbandonedTail(); rc != RC_OK) {
+        if (const ResultCode rc = ClearAbandonedTail(); rc != RC_OK) {
             return rc;
         }
     }
@@ -204,7 +206,7 @@ void StorageWriter::Link(TCommitBlock& commitBlock) const {
     commitBlock.prevSequence = m_state.lastCommitSequence.load(std::memory_order_acquire);
 }
 
-u32 StorageWriter::WriteBytes(const void* data, u32 size) {
+ResultCode StorageWriter::WriteBytes(const void* data, u32 size) {
     assert(m_pointerInPlace);
     const i64 position = WritePos();
     LOG_INFO(kLogStorage, "Write to Handle: 0x%p Data: 0x%p Size: %P m_fileCurrWritePos: %llu ",
@@ -224,10 +226,10 @@ u32 StorageWriter::WriteBytes(const void* data, u32 size) {
 
 // The commit block is the last 32 bytes of `data`. PrepareWrite has made room for all of it:
 // growing the file between the two writes would grow it further than one write does.
-u32 StorageWriter::WriteBehindBarrier(const u8* data, u32 size) {
+ResultCode StorageWriter::WriteBehindBarrier(const u8* data, u32 size) {
     const i64 start = WritePos();
     const u32 before = size - kCommitBlockSize;
-    u32 rc = before == 0 ? u32{RC_OK} : WriteBytes(data, before);
+    ResultCode rc = before == 0 ? ResultCode{RC_OK} : WriteBytes(data, before);
     if (rc == RC_OK && m_unforced) {
         LOG_INFO(kLogStorage, "Flush before commit block;offset %I64d", WritePos());
         rc = ForceToDisk();
@@ -243,7 +245,7 @@ u32 StorageWriter::WriteBehindBarrier(const u8* data, u32 size) {
     return rc;
 }
 
-u32 StorageWriter::ClearAbandonedTail() {
+ResultCode StorageWriter::ClearAbandonedTail() {
     const i64 position = WritePos();
     m_pointerInPlace = false;
     if (!ZeroTail(position) || (m_state.forceFlush && !m_file.FlushToDisk())) {
@@ -291,7 +293,7 @@ bool StorageWriter::CutFile(platform::File& file, i64 dataSize) {
     return file.SetEnd(cut);
 }
 
-u32 StorageWriter::SeekToWritePos() {
+ResultCode StorageWriter::SeekToWritePos() {
     const i64 position = WritePos();
     m_pointerInPlace = m_file.Seek(position);
     if (!m_pointerInPlace) {
@@ -302,7 +304,7 @@ u32 StorageWriter::SeekToWritePos() {
     return RC_OK;
 }
 
-u32 StorageWriter::ExpandFile() {
+ResultCode StorageWriter::ExpandFile() {
     const i64 newSize = m_state.fileSize.fetch_add(m_growthStep) + m_growthStep;
     m_pointerInPlace = false;
     // A single write may have passed the recorded size by more than one step.
@@ -311,7 +313,7 @@ u32 StorageWriter::ExpandFile() {
                        m_growthStep, platform::LastSystemError());
         return RC_SYSTEM_ERROR;
     }
-    if (const u32 rc = SeekToWritePos(); rc != RC_OK) {
+    if (const ResultCode rc = SeekToWritePos(); rc != RC_OK) {
         return rc;
     }
     LOG_INFO(kLogStorage, "File was expanded; new size %I64d ", newSize);

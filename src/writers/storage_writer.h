@@ -14,6 +14,7 @@
 #include "memory/repl_block.h"
 #include "platform/file.h"
 #include "platform/int_types.h"
+#include "support/result.h"
 #include "writers/storage_file_state.h"
 
 namespace k9erepl {
@@ -47,36 +48,36 @@ class StorageWriter {
     // `lastRevision` is only logged. `filePosition` may be null; if it holds kUnknownOffset, it
     // receives the file offset at which `data` begins.
     // A failure leaves the write position and *filePosition as they were.
-    [[nodiscard]] virtual u32 Write(u8* data, u32 size, TCommitBlock* commitBlock,
-                                    K9eReplBlock* memoryBlock, i64 lastRevision,
-                                    std::atomic<i64>* filePosition) = 0;
+    [[nodiscard]] virtual ResultCode Write(u8* data, u32 size, TCommitBlock* commitBlock,
+                                           K9eReplBlock* memoryBlock, i64 lastRevision,
+                                           std::atomic<i64>* filePosition) = 0;
 
     // CompleteAsyncTasks waits until everything queued is written, WaitReleaseBlock until some
     // block has no queued write any more. Unless the writer is asynchronous nothing is ever queued,
     // and both return at once.
-    [[nodiscard]] virtual u32 CompleteAsyncTasks() { return RC_OK; }
-    [[nodiscard]] virtual u32 WaitReleaseBlock() { return RC_OK; }
+    [[nodiscard]] virtual ResultCode CompleteAsyncTasks() { return RC_OK; }
+    [[nodiscard]] virtual ResultCode WaitReleaseBlock() { return RC_OK; }
 
     // Remembers the write position, the last commit sequence and the last flushed revision.
-    [[nodiscard]] virtual u32 BeginTransaction() = 0;
+    [[nodiscard]] virtual ResultCode BeginTransaction() = 0;
     // Goes back to what BeginTransaction remembered: the next write overwrites the transaction,
     // and its commit block links to the one before the transaction. Does nothing when no
     // transaction was begun since the last SetWritePos. RC_SYSTEM_ERROR says that the file
     // pointer could not be moved; everything else has gone back, and the next write moves the
     // pointer.
-    [[nodiscard]] virtual u32 Rollback() = 0;
+    [[nodiscard]] virtual ResultCode Rollback() = 0;
 
     // Zeroes what a rollback or a failed write has left behind the write position. What a load
     // found there stays until the first write. Does nothing when nothing was undone, nor when the
     // writing thread has failed: then what lies there may have been acknowledged. After a failure,
     // which is logged, the next write tries again. Must not be called inside a transaction that has
     // written something.
-    [[nodiscard]] virtual u32 ClearUndone() = 0;
+    [[nodiscard]] virtual ResultCode ClearUndone() = 0;
 
     // With the setting force_flush: returns when everything written is on the disk. Without it,
     // does nothing. After a failure the system may have dropped what it could not store: the caller
     // must roll back and write again before the next FlushFile.
-    [[nodiscard]] virtual u32 FlushFile() = 0;
+    [[nodiscard]] virtual ResultCode FlushFile() = 0;
 
     // Ends the thread, if the writer has one. To be called before the destructor. Returns false
     // when that failed: this object, the state and the memory blocks must then stay allocated for
@@ -99,10 +100,10 @@ class StorageWriter {
     // file pointer is moved at once, and nothing changes when that fails; otherwise the next write
     // moves it. `tailAbandoned` says that bytes behind the position may look like items of the
     // file.
-    [[nodiscard]] u32 SetWritePos(i64 position, bool doSeek, bool tailAbandoned = false);
+    [[nodiscard]] ResultCode SetWritePos(i64 position, bool doSeek, bool tailAbandoned = false);
     // Opens another file in place of the present one, which stays open when that fails. The new
     // file's bytes beyond the write position must be zeros.
-    [[nodiscard]] u32 ReopenFile(const std::string& path, bool writeThrough);
+    [[nodiscard]] ResultCode ReopenFile(const std::string& path, bool writeThrough);
     void CloseFile() { m_file.Close(); }
     // The writer's handle, for operations on the file as a whole, which may move its pointer.
     // REQUIRES: nothing is queued.
@@ -125,18 +126,18 @@ class StorageWriter {
   protected:
     // Writes at once: sets the clear revision, prepares the file, links the commit block, writes
     // and calls onWritten.
-    [[nodiscard]] u32 WriteNow(u8* data, u32 size, TCommitBlock* commitBlock, i64 lastRevision,
-                               std::atomic<i64>* filePosition);
+    [[nodiscard]] ResultCode WriteNow(u8* data, u32 size, TCommitBlock* commitBlock,
+                                      i64 lastRevision, std::atomic<i64>* filePosition);
     // The same without the clear revision, the barrier and the notification.
-    [[nodiscard]] u32 WritePiece(u8* data, u32 size, TCommitBlock* commitBlock, i64 lastRevision,
-                                 std::atomic<i64>* filePosition) {
+    [[nodiscard]] ResultCode WritePiece(u8* data, u32 size, TCommitBlock* commitBlock,
+                                        i64 lastRevision, std::atomic<i64>* filePosition) {
         return WritePiece(data, size, commitBlock, lastRevision, filePosition, false);
     }
     // Makes Rollback go back to `position`, `lastFlushedRev` and the present sequence.
-    [[nodiscard]] u32 RememberTransactionStart(i64 position, i64 lastFlushedRev);
-    [[nodiscard]] u32 RollbackNow();
-    [[nodiscard]] u32 ClearUndoneNow();
-    [[nodiscard]] u32 FlushNow();
+    [[nodiscard]] ResultCode RememberTransactionStart(i64 position, i64 lastFlushedRev);
+    [[nodiscard]] ResultCode RollbackNow();
+    [[nodiscard]] ResultCode ClearUndoneNow();
+    [[nodiscard]] ResultCode FlushNow();
 
     // Tells whether ClearUndone has something to do; asked by any thread.
     bool HasUndone() const { return m_tail.load(std::memory_order_relaxed) == Tail::kUndone; }
@@ -144,13 +145,13 @@ class StorageWriter {
     // The steps of WriteNow. PrepareWrite makes the file ready to take `size` bytes at the write
     // position: it clears an abandoned tail, grows the file by one step when the bytes would pass
     // its recorded size, and puts the file pointer in place.
-    [[nodiscard]] u32 PrepareWrite(u32 size);
+    [[nodiscard]] ResultCode PrepareWrite(u32 size);
     // Gives the commit block the clear revision that is in force now.
     void SetClearRev(TCommitBlock& commitBlock) const;
     // Gives the commit block the sequence of the one before it.
     void Link(TCommitBlock& commitBlock) const;
     // Writes at the file pointer and advances the write position.
-    [[nodiscard]] u32 WriteBytes(const void* data, u32 size);
+    [[nodiscard]] ResultCode WriteBytes(const void* data, u32 size);
 
     StorageFileState& m_state;
     // For QueuedEnd of a writer that queues, which adds to it what it queues. The clients' side
@@ -176,15 +177,16 @@ class StorageWriter {
         u32 lastCommitSequence;
     };
 
-    [[nodiscard]] u32 WritePiece(u8* data, u32 size, TCommitBlock* commitBlock, i64 lastRevision,
-                                 std::atomic<i64>* filePosition, bool barrier);
-    [[nodiscard]] u32 WriteBehindBarrier(const u8* data, u32 size);
-    [[nodiscard]] u32 ForceToDisk();
+    [[nodiscard]] ResultCode WritePiece(u8* data, u32 size, TCommitBlock* commitBlock,
+                                        i64 lastRevision, std::atomic<i64>* filePosition,
+                                        bool barrier);
+    [[nodiscard]] ResultCode WriteBehindBarrier(const u8* data, u32 size);
+    [[nodiscard]] ResultCode ForceToDisk();
     void RaiseTail(Tail tail);
-    [[nodiscard]] u32 ClearAbandonedTail();
+    [[nodiscard]] ResultCode ClearAbandonedTail();
     [[nodiscard]] bool ZeroTail(i64 position);
-    [[nodiscard]] u32 SeekToWritePos();
-    [[nodiscard]] u32 ExpandFile();
+    [[nodiscard]] ResultCode SeekToWritePos();
+    [[nodiscard]] ResultCode ExpandFile();
 
     const i64 m_growthStep;                        // setting file_size_delta in bytes; 0: none
     std::optional<TransactionStart> m_transStart;  // empty: Rollback does nothing

@@ -3,26 +3,26 @@
 
 namespace k9erepl {
 
-u32 SyncStorageWriter::Write(u8* data, u32 size, TCommitBlock* commitBlock,
-                             K9eReplBlock* /*memoryBlock*/, i64 lastRevision,
-                             std::atomic<i64>* filePosition) {
+ResultCode SyncStorageWriter::Write(u8* data, u32 size, TCommitBlock* commitBlock,
+                                    K9eReplBlock* /*memoryBlock*/, i64 lastRevision,
+                                    std::atomic<i64>* filePosition) {
     return WriteNow(data, size, commitBlock, lastRevision, filePosition);
 }
 
-u32 SyncStorageWriter::BeginTransaction() {
+ResultCode SyncStorageWriter::BeginTransaction() {
     return RememberTransactionStart(WritePos(),
                                     m_state.lastFlushedRev.load(std::memory_order_acquire));
 }
 
-u32 SyncStorageWriter::Rollback() {
+ResultCode SyncStorageWriter::Rollback() {
     return RollbackNow();
 }
 
-u32 SyncStorageWriter::ClearUndone() {
+ResultCode SyncStorageWriter::ClearUndone() {
     return ClearUndoneNow();
 }
 
-u32 SyncStorageWriter::FlushFile() {
+ResultCode SyncStorageWriter::FlushFile() {
     return FlushNow();
 }
 

@@ -3,6 +3,7 @@
 #ifndef K9EREPL_WRITERS_SYNC_STORAGE_WRITER_H
 #define K9EREPL_WRITERS_SYNC_STORAGE_WRITER_H
 
+#include "support/result.h"
 #include "writers/storage_writer.h"
 
 namespace k9erepl {
@@ -17,13 +18,13 @@ class SyncStorageWriter final : public StorageWriter {
   public:
     using StorageWriter::StorageWriter;
 
-    [[nodiscard]] u32 Write(u8* data, u32 size, TCommitBlock* commitBlock,
-                            K9eReplBlock* memoryBlock, i64 lastRevision,
-                            std::atomic<i64>* filePosition) override;
-    [[nodiscard]] u32 BeginTransaction() override;
-    [[nodiscard]] u32 Rollback() override;
-    [[nodiscard]] u32 ClearUndone() override;
-    [[nodiscard]] u32 FlushFile() override;
+    [[nodiscard]] ResultCode Write(u8* data, u32 size, TCommitBlock* commitBlock,
+                                   K9eReplBlock* memoryBlock, i64 lastRevision,
+                                   std::atomic<i64>* filePosition) override;
+    [[nodiscard]] ResultCode BeginTransaction() override;
+    [[nodiscard]] ResultCode Rollback() override;
+    [[nodiscard]] ResultCode ClearUndone() override;
+    [[nodiscard]] ResultCode FlushFile() override;
 };
 
 }  // namespace k9erepl
