@@ -17,6 +17,9 @@
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
+# The options of bench_compare. They are checked before anything is built.
+compare_options="--quick --rows --rounds --big --dir --disk --list --json --markdown --html"
+
 # build_compare: makes bench_compare and folders for its files; sets places, the options for them.
 build_compare() {
     "$root/scripts/setup.sh" test >&2
@@ -115,9 +118,13 @@ case "${1:-}" in
     compare | renew)
         task="$1"
         shift
+        [[ " $* " == *" --help "* ]] || check_options "$compare_options" "$@"
         "$task" "$@"
         ;;
-    "" | --*) compare "$@" ;;
+    "" | --*)
+        check_options "$compare_options" "$@"
+        compare "$@"
+        ;;
     *)
         echo "bench.sh: unknown benchmark '$1':" \
             "use compare, renew, append, clear, enumerate, load or all" >&2
