@@ -45,27 +45,13 @@ std::string Escaped(const std::string& text) {
     return escaped;
 }
 
-const char* ClassOf(Role role) {
-    switch (role) {
-        case Role::kLimit:
-            return "limit";
-        case Role::kOurs:
-            return "ours";
-        case Role::kVariant:
-            return "variant";
-        case Role::kPeer:
-            break;
-    }
-    return "peer";
-}
-
 // A bar as long as the median, and a line from the 10th to the 90th percentile.
 std::string Bar(const ContenderResult& contender, double longest) {
     const double scale = longest > 0 ? kBarWidth / longest : 0;
     return fmt::format(
         R"(<svg width="{:.0f}" height="16"><rect class="{}" y="2" width="{:.1f}" height="12"/>)"
         R"(<line class="range" x1="{:.1f}" x2="{:.1f}" y1="8" y2="8"/></svg>)",
-        kBarWidth, ClassOf(contender.role), contender.median * scale, contender.p10 * scale,
+        kBarWidth, NameOf(contender.role), contender.median * scale, contender.p10 * scale,
         contender.p90 * scale);
 }
 

@@ -5,24 +5,6 @@
 
 namespace k9erepl::bench {
 
-namespace {
-
-const char* NameOf(Role role) {
-    switch (role) {
-        case Role::kLimit:
-            return "limit";
-        case Role::kOurs:
-            return "ours";
-        case Role::kVariant:
-            return "variant";
-        case Role::kPeer:
-            break;
-    }
-    return "peer";
-}
-
-}  // namespace
-
 std::string JsonReport(const Report& report) {
     nlohmann::ordered_json rows = nlohmann::ordered_json::array();
     for (const RowResult& row : report.rows) {

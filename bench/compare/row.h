@@ -28,6 +28,21 @@ enum class Role {
     kPeer,     // another library
 };
 
+// The role in one word, for reports that machines read.
+inline const char* NameOf(Role role) {
+    switch (role) {
+        case Role::kLimit:
+            return "limit";
+        case Role::kOurs:
+            return "ours";
+        case Role::kVariant:
+            return "variant";
+        case Role::kPeer:
+            break;
+    }
+    return "peer";
+}
+
 struct Contender {
     std::string name;
     Role role = Role::kOurs;
