@@ -175,7 +175,11 @@ TEST(Flush, CommitsToTheDiskWithForceFlushOnly) {
 TEST(FlushCallbacks, AreCalledOnceForEachFlushWithItsLastRevisionUntilTheyAreUnset) {
     std::string order;
     Notified flushed([&](i64) { order += "F"; });
-    Notified written([&](i64) { order += RunsAsynchronously() ? "" : "W"; });
+    Notified written([&](i64) {
+        if (!RunsAsynchronously()) {  // else on another thread, at any time
+            order += "W";
+        }
+    });
     TestStorage storage("flush_mode=PerTrans;flush_trans_num=2;flush_timeout=2147483647;");
     flushed.SetAsOnFlush(storage);
     written.SetAsOnWriteToFile(storage);
