@@ -174,8 +174,8 @@ TEST_F(AsyncSticky, WhatStandsBehindTheFailureAndWhatIsQueuedMeanwhileIsDropped)
     FailWrite(1);
     QueueBlocks({101, 102});
     QueueRecord(1, 2000);
-    RunAll();
     m_calls.m_writes.Shut();
+    RunAll();
     m_calls.m_writes.WaitUntilHeld();
     QueueRecord(2, 3000);
     m_calls.m_writes.Open();

@@ -299,9 +299,9 @@ TEST_F(AsyncPending, ABlockOfWhichMoreIsQueuedIsNotReleased) {
     TestBlock& block = NewBlock(101);
     ASSERT_EQ(Queue(block), RC_OK);
     ASSERT_EQ(Queue(block), RC_OK);
-    RunAll();
     m_calls.m_writes.Shut();
     m_calls.m_writes.LetOnePass();
+    RunAll();
     m_calls.m_writes.WaitUntilHeld();
     EXPECT_EQ(block.Pending(), 1);
     m_calls.EndNextClientWait(platform::WaitResult::kTimedOut);
