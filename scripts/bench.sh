@@ -17,8 +17,11 @@
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-# The options of bench_compare. They are checked before anything is built.
-compare_options="--quick --rows --rounds --big --dir --disk --list --json --markdown --html"
+# check_compare_options [bench_compare option...]: before anything is built. Values may follow "=".
+check_compare_options() {
+    check_options "--quick --rows --rounds --big --dir --disk --list --json --markdown --html" \
+        "${@%%=*}"
+}
 
 # build_compare: makes bench_compare and folders for its files; sets places, the options for them.
 build_compare() {
@@ -118,11 +121,11 @@ case "${1:-}" in
     compare | renew)
         task="$1"
         shift
-        [[ " $* " == *" --help "* ]] || check_options "$compare_options" "$@"
+        [[ " $* " == *" --help "* ]] || check_compare_options "$@"
         "$task" "$@"
         ;;
     "" | --*)
-        check_options "$compare_options" "$@"
+        check_compare_options "$@"
         compare "$@"
         ;;
     *)
