@@ -1,7 +1,6 @@
 // Keeping, finding and dropping notes of the file; see the header.
 #include "index/file_notes.h"
 
-#include <algorithm>
 #include <cassert>
 #include <limits>
 #include <new>
@@ -11,16 +10,8 @@
 namespace k9erepl {
 
 const FileNote* FileNotes::Find(i64 key, i64 rev) {
-    const auto place = m_places.find(key);
-    if (place == m_places.end()) {
-        return nullptr;
-    }
-    m_order.splice(m_order.begin(), m_order, place->second);
-    const std::vector<FileNote>& notes = place->second->notes;
-    const auto above =
-        std::upper_bound(notes.begin(), notes.end(), rev,
-                         [](i64 wanted, const FileNote& note) { return wanted < note.rev; });
-    return above == notes.begin() ? nullptr : &*(above - 1);
+    const Block* const block = UseKnown(key);
+    return block == nullptr ? nullptr : LastNoteUpTo(std::span<const FileNote>(block->notes), rev);
 }
 
 void FileNotes::Add(i64 key, const FileNote& note) {
@@ -82,14 +73,20 @@ void FileNotes::Take(i64 key, const BlockNotes& notes) {
     Put(key, std::move(kept));
 }
 
-FileNotes::Block& FileNotes::Use(i64 key) {
-    if (!m_order.empty() && m_order.front().key == key) {
-        return m_order.front();
-    }
-    const auto found = m_places.find(key);
-    if (found != m_places.end()) {
+FileNotes::Block* FileNotes::UseKnown(i64 key) {
+    if (m_order.empty() || m_order.front().key != key) {
+        const auto found = m_places.find(key);
+        if (found == m_places.end()) {
+            return nullptr;
+        }
         m_order.splice(m_order.begin(), m_order, found->second);
-        return m_order.front();
+    }
+    return &m_order.front();
+}
+
+FileNotes::Block& FileNotes::Use(i64 key) {
+    if (Block* const known = UseKnown(key)) {
+        return *known;
     }
     m_order.push_front({key, {}});
     try {

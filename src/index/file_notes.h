@@ -76,7 +76,9 @@ class FileNotes {
         return kBlockMemory + block.notes.capacity() * sizeof(FileNote);
     }
 
-    // Makes the block the one that was used last, and returns it. Throws std::bad_alloc.
+    // Makes the block the one that was used last, and returns it; null when it has no notes yet.
+    Block* UseKnown(i64 key);
+    // The same, but a block without notes gets a place. Throws std::bad_alloc.
     Block& Use(i64 key);
     // Replaces what `block` counted before by what it uses now, and drops blocks until the limit is
     // kept; perhaps `block` itself.

@@ -107,11 +107,7 @@ void BlockNotes::Undone(u64 begin) {
 }
 
 const BlockNote* BlockNotes::Find(i64 rev) const {
-    const BlockNote* const notes = Notes();
-    const BlockNote* const above =
-        std::upper_bound(notes, notes + Count(), rev,
-                         [](i64 wanted, const BlockNote& note) { return wanted < note.rev; });
-    return above == notes ? nullptr : above - 1;
+    return LastNoteUpTo(std::span<const BlockNote>(Notes(), Count()), rev);
 }
 
 }  // namespace k9erepl

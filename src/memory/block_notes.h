@@ -4,7 +4,9 @@
 #ifndef K9EREPL_MEMORY_BLOCK_NOTES_H
 #define K9EREPL_MEMORY_BLOCK_NOTES_H
 
+#include <algorithm>
 #include <limits>
+#include <span>
 
 #include "memory/repl_block.h"
 #include "platform/int_types.h"
@@ -21,6 +23,16 @@ struct BlockNote {
     u32 fileShift;
 };
 static_assert(sizeof(BlockNote) == 16);
+
+// The last of these notes whose revision is not above `rev`; null when there is none. They rise by
+// revision.
+template <typename Note>
+const Note* LastNoteUpTo(std::span<const Note> notes, i64 rev) {
+    const auto above =
+        std::upper_bound(notes.begin(), notes.end(), rev,
+                         [](i64 wanted, const Note& note) { return wanted < note.rev; });
+    return above == notes.begin() ? nullptr : &*(above - 1);
+}
 
 // A view of the notes of one block, which lie behind the block's spare bytes, in the same
 // allocation: so they never lack memory. They are an aid only: whoever uses a note checks that the
